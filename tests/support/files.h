@@ -1,0 +1,43 @@
+// Small helpers that the tests share: whole files, standard output, and what a process holds open.
+#ifndef TESTS_SUPPORT_FILES_H
+#define TESTS_SUPPORT_FILES_H
+
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+
+// The whole file; fails the test and returns "" when it cannot be read.
+std::string read_file(const std::string& path);
+
+// Creates or replaces the file. Folders above it are made.
+void write_file(const std::string& path, const std::string& content);
+
+// `size` bytes that look random and are the same for the same seed.
+std::string pattern_bytes(size_t size, unsigned seed);
+
+// Descriptors that this process holds open.
+int open_descriptors();
+
+// The text's lines, without their line feeds.
+std::vector<std::string> lines_of(const std::string& text);
+
+// The text with "#" for the source line numbers of reports and log lines, which tests do not pin.
+std::string without_source_lines(const std::string& text);
+
+// Catches what goes to standard output from construction to take().
+class CapturedOutput {
+  public:
+    CapturedOutput();
+    ~CapturedOutput();
+    CapturedOutput(const CapturedOutput&) = delete;
+    CapturedOutput& operator=(const CapturedOutput&) = delete;
+    // Ends the capture (once) and returns what was printed.
+    std::string take();
+
+  private:
+    corvo::UniqueFd saved_;
+    corvo::UniqueFd file_;
+};
+
+#endif  // TESTS_SUPPORT_FILES_H
