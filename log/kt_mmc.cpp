@@ -1,0 +1,60 @@
+#include "kt_mmc.h"
+
+#include <nanomsg/nn.h>
+#include <nanomsg/pubsub.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "log/log_producer.h"
+
+uint32_t KT_mmcSocket(int32_t* socket) {
+    if (socket == nullptr) {
+        return LOG_PRODUCER_MISSING_ARGUMENT;
+    }
+    const int opened = nn_socket(AF_SP, NN_PUB);
+    if (opened < 0) {
+        return LOG_PRODUCER_SOCKET_FAILED;
+    }
+    *socket = opened;
+    return LOG_PRODUCER_OK;
+}
+
+uint32_t KT_mmcBindUrl(int32_t socket, const char* url) {
+    const int result = nn_bind(socket, url);
+    if (result < 0) {
+        printf("KT_mmcBindUrl error %d erron %d(%s) socket %d url %s\n", result, nn_errno(),
+               nn_strerror(nn_errno()), socket, url);
+        return LOG_PRODUCER_BIND_FAILED;
+    }
+    return LOG_PRODUCER_OK;
+}
+
+uint32_t KT_mmcClose(int32_t socket) {
+    return nn_close(socket) < 0 ? LOG_PRODUCER_CLOSE_FAILED : LOG_PRODUCER_OK;
+}
+
+uint32_t KT_mmcSendMsg(int32_t socket, void* const* message) {
+    if (message == nullptr || *message == nullptr) {
+        return LOG_PRODUCER_NULL_MESSAGE;
+    }
+    return nn_send(socket, message, NN_MSG, 0) < 0 ? LOG_PRODUCER_SEND_FAILED : LOG_PRODUCER_OK;
+}
+
+uint32_t KT_mmcTopicMsgSize(const char* topic, uint32_t payloadSize, uint32_t* size) {
+    if (topic == nullptr || size == nullptr) {
+        return LOG_PRODUCER_MISSING_ARGUMENT;
+    }
+    *size = static_cast<uint32_t>(strlen(topic) + strlen(CORVO_LOG_TOPIC_SEPARATOR)) + payloadSize;
+    return LOG_PRODUCER_OK;
+}
+
+uint32_t KT_mmcPutTopic(const char* topic, char* buffer, uint32_t capacity) {
+    if (topic == nullptr || buffer == nullptr) {
+        return LOG_PRODUCER_MISSING_ARGUMENT;
+    }
+    if (capacity < strlen(topic) + strlen(CORVO_LOG_TOPIC_SEPARATOR)) {
+        return LOG_PRODUCER_BUFFER_TOO_SMALL;
+    }
+    snprintf(buffer, capacity, "%s%s", topic, CORVO_LOG_TOPIC_SEPARATOR);
+    return LOG_PRODUCER_OK;
+}

@@ -1,0 +1,90 @@
+#include "log/log_front_end.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <atomic>
+
+#include "log/log_producer.h"
+
+namespace {
+
+std::atomic<uint32_t> g_log_level{LOG_LEVEL_ORDINARY};
+std::atomic<uint8_t> g_output_force_init{0};
+std::atomic<uint8_t> g_log_centre_working{0};
+
+}  // namespace
+
+int32_t Corvo_SetLogLevel(uint32_t level) {
+    g_log_level.store(level, std::memory_order_relaxed);
+    printf("g_log_level set to:%d\n", static_cast<int>(level));
+    return 0;
+}
+
+void Corvo_SetLogOutputForceInit(uint8_t flag) {
+    printf("set log output force init flag:%d %s\n", flag, __func__);
+    g_output_force_init.store(flag, std::memory_order_relaxed);
+}
+
+uint8_t Corvo_GetLogOutputForceInit() {
+    return g_output_force_init.load(std::memory_order_relaxed);
+}
+
+void Corvo_SetLogCentorWorkingFlag(uint8_t flag) {
+    printf("set log center working flag:%d %s\n", flag, __func__);
+    g_log_centre_working.store(flag, std::memory_order_relaxed);
+}
+
+bool Corvo_GetLogCentorWorkingFlag() {
+    return g_log_centre_working.load(std::memory_order_relaxed) != 0;
+}
+
+int32_t Corvo_LogAuxSink(uint32_t /*level*/, const char* /*line*/, uint32_t /*length*/) {
+    return 0;
+}
+
+void ts_format_log(char* buf, uint32_t capacity) {
+    if (buf == nullptr || capacity < LOG_STAMP_MIN_CAPACITY) {
+        printf("buf is null or size %lu < 24\n", static_cast<unsigned long>(capacity));
+        return;
+    }
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm local = {};
+    const time_t seconds = now.tv_sec;
+    localtime_r(&seconds, &local);
+    const size_t length = strftime(buf, capacity, "%m%d%H%M%S", &local);
+    snprintf(buf + length, capacity - length, ".%03ld", static_cast<long>(now.tv_usec / 1000));
+}
+
+int32_t Corvo_LogPrint(uint32_t level, uint32_t outputMask, const char* format, ...) {
+    if (Corvo_GetLogOutputForceInit() != 0 && !Corvo_GetLogCentorWorkingFlag()) {
+        return 0;
+    }
+    if (level < g_log_level.load(std::memory_order_relaxed)) {
+        return 0;
+    }
+    char line[LOG_LINE_SIZE] = {};
+    ts_format_log(line, LOG_STAMP_CAPACITY);
+    const size_t stampLength = strlen(line);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line + stampLength, LOG_TEXT_CAPACITY - stampLength, format, arguments);
+    va_end(arguments);
+
+    const size_t textLength = strlen(line);
+    line[textLength] = '\n';
+    line[textLength + 1] = '\0';
+    const uint32_t length = static_cast<uint32_t>(textLength + 2);
+    if ((outputMask & LOG_OUTPUT_CONSOLE) != 0) {
+        fputs(line, stdout);
+        Corvo_LogProducerSend(level, line, length);
+    }
+    if ((outputMask & LOG_OUTPUT_AUX) != 0) {
+        Corvo_LogAuxSink(level, line, length);
+    }
+    return 0;
+}

@@ -1,0 +1,145 @@
+#include "ota/ota_package.h"
+
+#include <iterator>
+
+#include "log/log_front_end.h"
+#include "pal_common/ota_types.h"
+
+namespace {
+
+constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
+    {.moduleType = 23,
+     .partitionName = "spl",
+     .fileName = "spl.bin",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 2,
+     .partitionName = "uboot",
+     .fileName = "uboot.bin",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 20,
+     .partitionName = "dtb",
+     .fileName = "dtb.bin",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 3,
+     .partitionName = "kernel",
+     .fileName = "kernel.bin",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 4,
+     .partitionName = "rootfs",
+     .fileName = "rootfs.img",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 11,
+     .partitionName = "system",
+     .fileName = "system.img",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+    {.moduleType = 22,
+     .partitionName = "ota_package",
+     .fileName = "ota.bin",
+     .flashType = OTA_FLASH_TYPE_EMMC,
+     .reserved = 0},
+};
+
+constexpr OtaPackageTable PACKAGE_TABLES[] = {
+    {.name = "R5C20_ota",
+     .entryCount = static_cast<int32_t>(std::size(PACKAGE_ENTRIES)),
+     .entries = PACKAGE_ENTRIES},
+};
+
+// Where a type has no partition class of its own the platform knows it as "other".
+constexpr uint32_t HAL_MODULE_TYPE_OTHER = 12;
+
+constexpr uint32_t MODULE_TYPE_SECOND_SYSTEM = 26;
+constexpr uint32_t HAL_MODULE_TYPE_SECOND_SYSTEM = 14;
+
+// The request's first entry of the row's module type, or -1. Never beyond the record, whatever
+// count the request claims.
+int32_t find_requested(const OtaPackageEntry& entry, const OtaMessage& message) {
+    for (int32_t i = 0; i < message.moduleCount && i < OTA_MSG_MAX_MODULES; ++i) {
+        if (message.moduleTypes[i] == entry.moduleType) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+int32_t OTA_GetPackageTables(uint32_t /*index*/, const OtaPackageTable** tables, uint32_t* count) {
+    *tables = PACKAGE_TABLES;
+    *count = static_cast<uint32_t>(std::size(PACKAGE_TABLES));
+    return 0;
+}
+
+const OtaPackageEntry* OTA_LumoFindModuleByMoudleType(uint8_t moduleType) {
+    const OtaPackageTable* tables = nullptr;
+    uint32_t count = 0;
+    OTA_GetPackageTables(0, &tables, &count);
+    if (tables == nullptr) {
+        UPGRADE_LOG("get ota package table fail");
+        return nullptr;
+    }
+    for (uint32_t t = 0; t < count; ++t) {
+        for (int32_t row = 0; row < tables[t].entryCount; ++row) {
+            if (tables[t].entries[row].moduleType == moduleType) {
+                return &tables[t].entries[row];
+            }
+        }
+    }
+    return nullptr;
+}
+
+int32_t OTA_CheckNeedUpgrade(const OtaPackageEntry* entry, const OtaMessage* message) {
+    if (entry == nullptr) {
+        return 1;
+    }
+    if (find_requested(*entry, *message) >= 0) {
+        return 0;
+    }
+    UPGRADE_LOG("no find upgrade type:%d, %s", static_cast<int>(entry->moduleType),
+                entry->fileName);
+    return 1;
+}
+
+int32_t get_partition_info_by_msg(const OtaPackageEntry* entry, const OtaMessage* message,
+                                  uint64_t* offset, uint64_t* size) {
+    if (entry == nullptr) {
+        return 1;
+    }
+    const int32_t found = find_requested(*entry, *message);
+    if (found < 0) {
+        return 1;
+    }
+    *offset = message->moduleInfo[found].offset;
+    *size = message->moduleInfo[found].size;
+    UPGRADE_LOG("find upgrade type:%d, offset: %llu, size: %llu",
+                static_cast<int>(entry->moduleType), static_cast<unsigned long long>(*offset),
+                static_cast<unsigned long long>(*size));
+    return 0;
+}
+
+uint32_t OTA_GetHalModuleType(uint32_t moduleType) {
+    const bool sameOnBothSides =
+        (moduleType >= 1 && moduleType <= 6) || (moduleType >= 11 && moduleType <= 17);
+    if (sameOnBothSides) {
+        return moduleType;
+    }
+    return moduleType == MODULE_TYPE_SECOND_SYSTEM ? HAL_MODULE_TYPE_SECOND_SYSTEM
+                                                   : HAL_MODULE_TYPE_OTHER;
+}
+
+uint32_t OTA_GetHalStorageType(uint32_t flashType) {
+    switch (flashType) {
+        case OTA_FLASH_TYPE_MTD:
+            return STORAGE_TYPE_MTD;
+        case OTA_FLASH_TYPE_EMMC:
+            return STORAGE_TYPE_MMC;
+        default:
+            return 0;
+    }
+}
