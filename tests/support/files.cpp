@@ -61,7 +61,8 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 std::string without_source_lines(const std::string& text) {
     // "PAL error name,LINE,", "hal error name,LINE,", "...:function:LINE] ", ";function;LINE;"
-    static const std::regex number(R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;)\d+)");
+    static const std::regex number(
+        R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;)\d+)");
     return std::regex_replace(text, number, "$1#");
 }
 

@@ -36,18 +36,18 @@ enum SystemCallDbusMsgType : int32_t {
 // Result codes of the transport and of the system-call client. 0 and above mean success.
 enum SystemCallDbusResult : int32_t {
     DBUS_OK = 0,
-    DBUS_CALL_FAILED = -1,         // no reply: time-out, or reply lost; a reply nobody waits for
-    DBUS_SOCKET_FAILED = -2,       // the socket could not be created
-    DBUS_BIND_FAILED = -3,         // the server socket could not be bound
-    DBUS_LISTEN_FAILED = -4,       // the server socket could not listen
-    DBUS_CONNECT_FAILED = -5,      // no connection within the retry budget
-    DBUS_WRITE_FAILED = -6,        // the record could not be written
-    DBUS_NO_MEMORY = -8,           // an allocation failed
-    DBUS_INVALID_ARGUMENT = -10,   // a record is null, too long, or no call is pending at all
-    DBUS_NOT_PENDING = -11,        // the call to take out is not in the list
-    DBUS_LOCK_NULL = -12,          // lock asked of no endpoint
-    DBUS_UNLOCK_NULL = -13,        // unlock asked of no endpoint
-    DBUS_DIRECTORY_FAILED = -15,   // "/tmp" could not be read
+    DBUS_CALL_FAILED = -1,        // no reply: time-out, or reply lost; a reply nobody waits for
+    DBUS_SOCKET_FAILED = -2,      // the socket could not be created
+    DBUS_BIND_FAILED = -3,        // the server socket could not be bound
+    DBUS_LISTEN_FAILED = -4,      // the server socket could not listen
+    DBUS_CONNECT_FAILED = -5,     // no connection within the retry budget
+    DBUS_WRITE_FAILED = -6,       // the record could not be written
+    DBUS_NO_MEMORY = -8,          // an allocation failed
+    DBUS_INVALID_ARGUMENT = -10,  // a record is null, too long, or no call is pending at all
+    DBUS_NOT_PENDING = -11,       // the call to take out is not in the list
+    DBUS_LOCK_NULL = -12,         // lock asked of no endpoint
+    DBUS_UNLOCK_NULL = -13,       // unlock asked of no endpoint
+    DBUS_DIRECTORY_FAILED = -15,  // "/tmp" could not be read
 };
 
 // One message on the wire. Text fields end in a NUL within their width; bytes that are not filled
@@ -75,10 +75,10 @@ static_assert(offsetof(SystemCallDbusMsg, data) == 212);
 // One handler of a server endpoint. Handlers run on a thread of their own per message, so one
 // handler may run several times at once.
 struct SystemCallDbusInterface {
-    char name[SYSTEM_CALL_DBUS_NAME_SIZE];              // matched against the message's method
-    char signalMarker[SYSTEM_CALL_DBUS_MARKER_SIZE];    // not empty: handles the signal `name`
+    char name[SYSTEM_CALL_DBUS_NAME_SIZE];                  // matched against the message's method
+    char signalMarker[SYSTEM_CALL_DBUS_MARKER_SIZE];        // not empty: handles the signal `name`
     void (*signalHandler)(const void* data, uint32_t len);  // may be null
-    char methodMarker[SYSTEM_CALL_DBUS_NAME_SIZE];      // not empty: handles the method `name`
+    char methodMarker[SYSTEM_CALL_DBUS_NAME_SIZE];          // not empty: handles the method `name`
     // Writes at most outCap (1024) bytes to out and returns how many, or a negative value on
     // failure. May be null: the caller then gets -1.
     int32_t (*methodHandler)(const void* in, uint32_t inLen, void* out, uint32_t outCap);
@@ -110,10 +110,10 @@ struct SystemCallDbusInfo {
     pthread_t methodThread;
     pthread_t listenThread;
     pthread_mutex_t lock;
-    std::atomic<bool> stopping;      // set by UnRegister; every thread of the endpoint ends on it
-    DbusConnection* connections;     // accepted and still referenced; guarded by lock
-    int32_t serverThreads;           // connection and message threads alive; guarded by lock
-    pthread_cond_t serverIdle;       // signalled when serverThreads reaches 0
+    std::atomic<bool> stopping;   // set by UnRegister; every thread of the endpoint ends on it
+    DbusConnection* connections;  // accepted and still referenced; guarded by lock
+    int32_t serverThreads;        // connection and message threads alive; guarded by lock
+    pthread_cond_t serverIdle;    // signalled when serverThreads reaches 0
 };
 
 // Allocates an endpoint with interfaceCount (0 to 256) zero-filled handler entries.

@@ -24,22 +24,22 @@ constexpr uint32_t LOG_EVENT_FAILED = LOG_MODULE_UPGRADE + 2;
 constexpr uint32_t LOG_EVENT_SUCCEEDED = LOG_MODULE_UPGRADE + 3;
 constexpr uint32_t LOG_EVENT_FILE_DELETED = LOG_MODULE_UPGRADE + 4;
 
-constexpr uint32_t LOG_LINE_SIZE = 512;         // bytes: stamp, text, newline, NUL
-constexpr uint32_t LOG_TEXT_CAPACITY = 509;     // bytes for stamp and text with a NUL
-constexpr uint32_t LOG_STAMP_CAPACITY = 25;     // bytes that the stamp may take, NUL included
-constexpr uint32_t LOG_STAMP_MIN_CAPACITY = 24; // bytes below which no stamp is written
+constexpr uint32_t LOG_LINE_SIZE = 512;          // bytes: stamp, text, newline, NUL
+constexpr uint32_t LOG_TEXT_CAPACITY = 509;      // bytes for stamp and text with a NUL
+constexpr uint32_t LOG_STAMP_CAPACITY = 25;      // bytes that the stamp may take, NUL included
+constexpr uint32_t LOG_STAMP_MIN_CAPACITY = 24;  // bytes below which no stamp is written
 
 // Every format begins with this prefix, and every call passes its four values first: function name,
 // source line, module identifier, level.
 #define CORVO_LOG_PREFIX ";%s;%d;%08x;%d;"
 
 // Logs a line; `text` is a format without the prefix.
-#define CORVO_LOG(level, mask, module, text, ...)                                               \
-    Corvo_LogPrint(level, mask, CORVO_LOG_PREFIX text, __func__, __LINE__, module,              \
+#define CORVO_LOG(level, mask, module, text, ...)                                  \
+    Corvo_LogPrint(level, mask, CORVO_LOG_PREFIX text, __func__, __LINE__, module, \
                    static_cast<int>(level) __VA_OPT__(, ) __VA_ARGS__)
 
 // An ordinary line of the service.
-#define UPGRADE_LOG(text, ...)                                                       \
+#define UPGRADE_LOG(text, ...)                                            \
     CORVO_LOG(LOG_LEVEL_ORDINARY, LOG_OUTPUT_CONSOLE, LOG_MODULE_UPGRADE, \
               text __VA_OPT__(, ) __VA_ARGS__)
 

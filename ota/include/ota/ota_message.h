@@ -27,12 +27,12 @@ struct __attribute__((packed)) OtaModuleInfo {
 // Little-endian and packed, so that it is the same 524 bytes on every machine. Its first word is
 // the message type, which the kernel keeps as a `long`: the rest is what is sent and received.
 struct __attribute__((packed)) OtaMessage {
-    int32_t mtype;                              // any value is accepted
-    int32_t packageType;                        // OtaPackageType
-    char packageDir[OTA_MSG_DIR_SIZE];          // prefix of the package files; ends in "/"
-    int32_t moduleCount;                        // entries that count below; at most 16
-    uint32_t moduleTypes[OTA_MSG_MAX_MODULES];  // module types of the package table
-    char packageFile[OTA_MSG_FILE_SIZE];        // name of the combined package in packageDir
+    int32_t mtype;                                  // any value is accepted
+    int32_t packageType;                            // OtaPackageType
+    char packageDir[OTA_MSG_DIR_SIZE];              // prefix of the package files; ends in "/"
+    int32_t moduleCount;                            // entries that count below; at most 16
+    uint32_t moduleTypes[OTA_MSG_MAX_MODULES];      // module types of the package table
+    char packageFile[OTA_MSG_FILE_SIZE];            // name of the combined package in packageDir
     OtaModuleInfo moduleInfo[OTA_MSG_MAX_MODULES];  // of the module type of the same index
 };
 static_assert(sizeof(OtaMessage) == 524);

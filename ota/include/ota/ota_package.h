@@ -45,7 +45,8 @@ int32_t get_partition_info_by_msg(const OtaPackageEntry* entry, const OtaMessage
 // The platform's eModuleType of a package module type.
 uint32_t OTA_GetHalModuleType(uint32_t moduleType);
 
-// The platform's eStorageType of a package flash type; 0, which the platform rejects, for any other.
+// The platform's eStorageType of a package flash type; 0, which the platform rejects, for any
+// other.
 uint32_t OTA_GetHalStorageType(uint32_t flashType);
 
 #endif  // OTA_OTA_PACKAGE_H

@@ -1,0 +1,337 @@
+// The server role: a thread that accepts, a thread per connection that reads records, and a thread
+// per record that runs its handler and replies.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/owned.h"
+#include "base/scoped_lock.h"
+#include "base/unique_fd.h"
+#include "dbus/dbus_socket_common.h"
+#include "endpoint.h"
+#include "record_stream.h"
+
+#define DBUS_SOURCE "dbus/dbus_socket_common"
+#include "dbus_print.h"
+
+// One accepted connection. Its socket is closed by the last of its threads: closed any earlier, the
+// number could belong to another client by the time a slow handler writes its reply.
+struct DbusConnection {
+    int fd;
+    int32_t references;    // guarded by the endpoint lock
+    DbusConnection* next;  // guarded by the endpoint lock
+};
+
+namespace {
+
+constexpr int LISTEN_BACKLOG = 5;
+constexpr useconds_t REPLY_PAUSE_US = 1000;
+constexpr int32_t NO_HANDLER_RESULT = -1;
+
+// What a connection thread starts with.
+struct ListenArgs {
+    SystemCallDbusInfo* info;
+    DbusConnection* connection;
+};
+
+// What a message thread starts with.
+struct RWProcessArgs {
+    SystemCallDbusInfo* info;
+    DbusConnection* connection;
+    SystemCallDbusMsg record;
+};
+
+// Adds a thread of the endpoint that uses the connection. The endpoint lock must be held.
+void take_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+    ++connection->references;
+    ++info->serverThreads;
+}
+
+// Undoes take_connection(); the last user closes and frees the connection. Takes the endpoint lock.
+// A thread calls this as the last thing it does with the endpoint, which may be gone after it.
+void leave_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+    const corvo::ScopedLock lock(info->lock);
+    if (--connection->references == 0) {
+        DbusConnection** link = &info->connections;
+        while (*link != connection) {
+            link = &(*link)->next;
+        }
+        *link = connection->next;
+        close(connection->fd);
+        free(connection);
+    }
+    if (--info->serverThreads == 0) {
+        pthread_cond_broadcast(&info->serverIdle);
+    }
+}
+
+int start_detached(void* (*body)(void*), void* argument) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread = {};
+    const int started = pthread_create(&thread, &attributes, body, argument);
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+
+const SystemCallDbusInterface* find_interface(const SystemCallDbusInfo& info,
+                                              const SystemCallDbusMsg& record, int32_t* index) {
+    for (int32_t i = 0; i < info.interfaceCount; ++i) {
+        const SystemCallDbusInterface& entry = *info.interfaces[i];
+        const char* const marker =
+            record.type == SYSTEM_CALL_DBUS_TYPE_SIGNAL ? entry.signalMarker : entry.methodMarker;
+        if (marker[0] != '\0' && strcmp(entry.name, record.method) == 0) {
+            *index = i;
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+void name_message_thread(const SystemCallDbusInterface& entry, int32_t index) {
+    const size_t length = strlen(entry.name);
+    if (length > THREAD_NAME_SIZE - 1) {
+        dbus_name_thread(entry.name + length - (THREAD_NAME_SIZE - 1));
+        return;
+    }
+    char name[THREAD_NAME_SIZE] = {};
+    snprintf(name, sizeof(name), "DBUS-%d", index);
+    dbus_name_thread(name);
+}
+
+void run_method(const RWProcessArgs& args, const SystemCallDbusInterface& entry) {
+    const SystemCallDbusMsg& call = args.record;
+    SystemCallDbusMsg reply = {};
+    reply.head = SYSTEM_CALL_DBUS_HEAD;
+    reply.id = call.id;
+    memcpy(reply.sender, call.destination, sizeof(reply.sender));
+    memcpy(reply.destination, call.sender, sizeof(reply.destination));
+    reply.type = SYSTEM_CALL_DBUS_TYPE_METHOD;
+    memcpy(reply.method, call.method, sizeof(reply.method));
+    reply.ret = NO_HANDLER_RESULT;
+    if (entry.methodHandler != nullptr) {
+        reply.ret =
+            entry.methodHandler(call.data, call.len, reply.data, SYSTEM_CALL_DBUS_DATA_SIZE);
+        usleep(REPLY_PAUSE_US);
+    }
+    reply.len =
+        reply.ret >= 0 ? std::min(static_cast<uint32_t>(reply.ret), SYSTEM_CALL_DBUS_DATA_SIZE) : 0;
+    const corvo::ScopedLock lock(args.info->lock);
+    const ssize_t written = record_write(args.connection->fd, reply);
+    if (written < 0) {
+        DBUS_ERROR("write result failed, ret:%zd errno:%d (%s)", written, errno, strerror(errno));
+    }
+}
+
+void* SystemCall_Dbus_ReadWrite_Process(void* argument) {
+    const corvo::OwnedBlock<RWProcessArgs> args(static_cast<RWProcessArgs*>(argument));
+    dbus_name_thread("DbusProcess");
+    int32_t index = 0;
+    const SystemCallDbusInterface* const entry = find_interface(*args->info, args->record, &index);
+    if (entry != nullptr) {
+        name_message_thread(*entry, index);
+        if (args->record.type != SYSTEM_CALL_DBUS_TYPE_SIGNAL) {
+            run_method(*args, *entry);
+        } else if (entry->signalHandler != nullptr) {
+            entry->signalHandler(args->record.data, args->record.len);
+        }
+    }
+    leave_connection(args->info, args->connection);
+    return nullptr;
+}
+
+// Gives a record to a thread of its own, or drops it when none can be had.
+void start_message_thread(corvo::OwnedBlock<RWProcessArgs> args) {
+    SystemCallDbusInfo* const info = args->info;
+    DbusConnection* const connection = args->connection;
+    {
+        const corvo::ScopedLock lock(info->lock);
+        take_connection(info, connection);
+    }
+    const int started = start_detached(SystemCall_Dbus_ReadWrite_Process, args.get());
+    if (started == 0) {
+        static_cast<void>(args.release());  // the thread's now
+        return;
+    }
+    struct sysinfo system = {};
+    sysinfo(&system);
+    DBUS_ERROR(
+        "daemon create pthread failed: %s, Uptime : %ld, Free RAM : %ld, Total RAM : %ld, "
+        "Process count : %d",
+        strerror(started), static_cast<long>(system.uptime), static_cast<long>(system.freeram),
+        static_cast<long>(system.totalram), system.procs);
+    leave_connection(info, connection);
+}
+
+// Reads the connection until its end; each whole record goes to a message thread.
+void serve_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+    RecordReader reader = {};
+    while (true) {
+        auto args = corvo::allocate_zeroed<RWProcessArgs>();
+        if (args == nullptr) {
+            DBUS_ERROR("malloc RWProcessArgs failed");
+            shutdown(connection->fd, SHUT_RDWR);
+            return;
+        }
+        ssize_t byteCount = 0;
+        const RecordReadResult result = record_read(&reader, connection->fd, &byteCount);
+        if (result == RECORD_COMPLETE) {
+            args->info = info;
+            args->connection = connection;
+            args->record = reader.record;
+            start_message_thread(std::move(args));
+        } else if (result == RECORD_BAD_HEAD) {
+            DBUS_ERROR("read msg head is invalid, ret = %zd head:%x", byteCount, reader.badHead);
+        } else if (result != RECORD_INCOMPLETE) {
+            const int reason = errno;
+            if (info->stopping) {
+                return;
+            }
+            if (reason == EINTR) {
+                DBUS_WARN("read socket data interrupt ret:%zd errno:%d (%s)", byteCount, reason,
+                          strerror(reason));
+                continue;
+            }
+            DBUS_ERROR("read socket data failed exit this thread, ret:%zd errno:%d (%s)", byteCount,
+                       reason, strerror(reason));
+            DBUS_ERROR("maybe client is close");
+            return;
+        }
+    }
+}
+
+void* SystemCall_Dbus_ReadWrite_Thread(void* argument) {
+    ListenArgs args = {};
+    {
+        const corvo::OwnedBlock<ListenArgs> block(static_cast<ListenArgs*>(argument));
+        args = *block;
+    }
+    dbus_name_thread(args.info->name);
+    serve_connection(args.info, args.connection);
+    leave_connection(args.info, args.connection);
+    return nullptr;
+}
+
+// Starts the thread of an accepted connection. Returns whether memory sufficed; a connection whose
+// thread cannot be started is dropped.
+bool start_connection_thread(SystemCallDbusInfo* info, corvo::UniqueFd fd) {
+    auto args = corvo::allocate_zeroed<ListenArgs>();
+    auto connection = corvo::allocate_zeroed<DbusConnection>();
+    if (args == nullptr || connection == nullptr) {
+        DBUS_ERROR("malloc ListenArgs failed");
+        return false;
+    }
+    connection->fd = fd.release();
+    args->info = info;
+    args->connection = connection.get();
+    {
+        const corvo::ScopedLock lock(info->lock);
+        connection->next = info->connections;
+        info->connections = connection.get();
+        take_connection(info, connection.get());
+        if (info->stopping) {
+            shutdown(connection->fd, SHUT_RDWR);  // accepted behind the back of a close
+        }
+    }
+    DbusConnection* const shared = connection.release();
+    const int started = start_detached(SystemCall_Dbus_ReadWrite_Thread, args.get());
+    if (started != 0) {
+        DBUS_ERROR("connection thread not started: %s", strerror(started));
+        leave_connection(info, shared);
+        return true;
+    }
+    static_cast<void>(args.release());  // the thread's now
+    return true;
+}
+
+void* SystemCall_Dbus_Listen_Thread(void* argument) {
+    SystemCallDbusInfo* const info = static_cast<SystemCallDbusInfo*>(argument);
+    dbus_name_thread(info->name);
+    bool goOn = true;
+    while (goOn) {
+        corvo::UniqueFd fd(accept4(info->listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
+        if (!fd.valid()) {
+            if (!info->stopping) {
+                DBUS_ERROR("Cannot accept client connect request");
+            }
+            return nullptr;
+        }
+        goOn = start_connection_thread(info, std::move(fd));
+    }
+    return nullptr;
+}
+
+// Removes the file at the endpoint's path if it is a socket: whatever else was put under the name
+// belongs to somebody else.
+void remove_socket_file(const char* path) {
+    struct stat status = {};
+    if (lstat(path, &status) == 0 && S_ISSOCK(status.st_mode)) {
+        unlink(path);
+    }
+}
+
+}  // namespace
+
+int32_t dbus_server_open(SystemCallDbusInfo* info) {
+    corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        DBUS_ERROR("Cannot create communication socket");
+        return DBUS_SOCKET_FAILED;
+    }
+    const sockaddr_un address = dbus_server_address(info->name);
+    // A file that an earlier run left would fail the bind. unlink() takes a link itself, never what
+    // it points to, and no directory.
+    unlink(address.sun_path);
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        DBUS_ERROR("Cannot bind server socket (%s)", address.sun_path);
+        return DBUS_BIND_FAILED;
+    }
+    if (listen(fd.get(), LISTEN_BACKLOG) != 0) {
+        DBUS_ERROR("Cannot listen the client connect request\n");
+        remove_socket_file(address.sun_path);
+        return DBUS_LISTEN_FAILED;
+    }
+    info->listenSocket = fd.get();
+    const int started =
+        pthread_create(&info->listenThread, nullptr, SystemCall_Dbus_Listen_Thread, info);
+    if (started != 0) {
+        DBUS_ERROR("Cannot start the listen thread: %s", strerror(started));
+        info->listenSocket = 0;
+        remove_socket_file(address.sun_path);
+        return DBUS_NO_MEMORY;
+    }
+    static_cast<void>(fd.release());  // the endpoint's now
+    snprintf(info->socketPath, sizeof(info->socketPath), "%s", address.sun_path);
+    return DBUS_OK;
+}
+
+void dbus_server_close(SystemCallDbusInfo* info) {
+    if (info->listenSocket == 0) {
+        return;  // no server role, or it never opened
+    }
+    shutdown(info->listenSocket, SHUT_RDWR);  // ends the accept
+    pthread_join(info->listenThread, nullptr);
+    {
+        const corvo::ScopedLock lock(info->lock);
+        for (const DbusConnection* c = info->connections; c != nullptr; c = c->next) {
+            shutdown(c->fd, SHUT_RDWR);
+        }
+        while (info->serverThreads != 0) {
+            pthread_cond_wait(&info->serverIdle, &info->lock);
+        }
+    }
+    close(info->listenSocket);
+    info->listenSocket = 0;
+    if (info->socketPath[0] != '\0') {
+        remove_socket_file(info->socketPath);
+        info->socketPath[0] = '\0';
+    }
+}

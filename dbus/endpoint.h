@@ -1,0 +1,38 @@
+// What the files of the transport share of an endpoint's two roles.
+#ifndef DBUS_ENDPOINT_H
+#define DBUS_ENDPOINT_H
+
+#include <sys/un.h>
+
+#include "dbus/dbus_socket_common.h"
+
+// Attempts to reach a server and the pause after each failed one, about 5 s in all.
+constexpr int32_t DBUS_CONNECT_ATTEMPTS = 100;
+constexpr unsigned DBUS_CONNECT_PAUSE_US = 50000;
+
+constexpr size_t THREAD_NAME_SIZE = 16;  // bytes, terminator included: prctl(2), PR_SET_NAME
+
+// The address of the server with this name; a path beyond the address's width is cut.
+sockaddr_un dbus_server_address(const char* serverName);
+
+// Names the calling thread, cut to 15 characters.
+void dbus_name_thread(const char* name);
+
+// The client role: connects and starts the reader thread.
+// Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_CONNECT_FAILED or DBUS_NO_MEMORY; nothing stays open
+// after a failure.
+int32_t dbus_client_open(SystemCallDbusInfo* info);
+
+// Ends the reader thread, waits for it and closes the connection. info->stopping must be set.
+void dbus_client_close(SystemCallDbusInfo* info);
+
+// The server role: binds, listens and starts the listen thread.
+// Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_BIND_FAILED, DBUS_LISTEN_FAILED or DBUS_NO_MEMORY;
+// nothing stays open after a failure.
+int32_t dbus_server_open(SystemCallDbusInfo* info);
+
+// Ends the listen thread and every connection, waits for all threads of the role, running handlers
+// included, and removes the socket file. info->stopping must be set.
+void dbus_server_close(SystemCallDbusInfo* info);
+
+#endif  // DBUS_ENDPOINT_H
