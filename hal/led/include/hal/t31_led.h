@@ -1,0 +1,12 @@
+// The LED module: a worker thread plays the requested pattern on the camera's status LED.
+//
+// init and deinit must not run at the same time as each other (the platform abstraction's LED mutex
+// sees to it); enable and blink may be called from any thread at any time.
+#ifndef HAL_T31_LED_H
+#define HAL_T31_LED_H
+
+#include "hal/hal_interfaces.h"
+
+extern const HalLedInterface T31_LED_INTERFACE;
+
+#endif  // HAL_T31_LED_H

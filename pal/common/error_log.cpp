@@ -1,0 +1,38 @@
+#include "pal_common/error_log.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+// The buffers keep room behind the longest message for the line feed that is added to it.
+constexpr size_t PAL_BUFFER_SIZE = 512;
+constexpr size_t PAL_MESSAGE_LIMIT = 509;  // terminator included
+constexpr size_t HAL_BUFFER_SIZE = 1024;
+constexpr size_t HAL_MESSAGE_LIMIT = 1021;
+static_assert(PAL_MESSAGE_LIMIT < PAL_BUFFER_SIZE && HAL_MESSAGE_LIMIT < HAL_BUFFER_SIZE);
+
+}  // namespace
+
+void PAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
+                  const char* format, ...) {
+    char message[PAL_BUFFER_SIZE] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(message, PAL_MESSAGE_LIMIT, format, arguments);
+    va_end(arguments);
+    message[strlen(message)] = '\n';
+    printf("PAL error %s,%d,%s %d %d %s", function, line, tag, id, level, message);
+}
+
+void HAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
+                  const char* format, ...) {
+    char message[HAL_BUFFER_SIZE] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(message, HAL_MESSAGE_LIMIT, format, arguments);
+    va_end(arguments);
+    message[strlen(message)] = '\n';
+    printf("hal error %s,%d,%s %d %d %s", function, line, tag, id, level, message);
+}
