@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "log/log_front_end.h"
+#include "ota/ota_result.h"
 #include "pal_common/ota_types.h"
 
 namespace {
@@ -51,9 +52,7 @@ constexpr OtaPackageTable PACKAGE_TABLES[] = {
      .entries = PACKAGE_ENTRIES},
 };
 
-// Where a type has no partition class of its own the platform knows it as "other".
-constexpr uint32_t HAL_MODULE_TYPE_OTHER = 12;
-
+constexpr uint32_t NO_STORAGE_TYPE = 0;
 constexpr uint32_t MODULE_TYPE_SECOND_SYSTEM = 26;
 constexpr uint32_t HAL_MODULE_TYPE_SECOND_SYSTEM = 14;
 
@@ -73,7 +72,7 @@ int32_t find_requested(const OtaPackageEntry& entry, const OtaMessage& message) 
 int32_t OTA_GetPackageTables(uint32_t /*index*/, const OtaPackageTable** tables, uint32_t* count) {
     *tables = PACKAGE_TABLES;
     *count = static_cast<uint32_t>(std::size(PACKAGE_TABLES));
-    return 0;
+    return OTA_OK;
 }
 
 const OtaPackageEntry* OTA_LumoFindModuleByMoudleType(uint8_t moduleType) {
@@ -96,31 +95,31 @@ const OtaPackageEntry* OTA_LumoFindModuleByMoudleType(uint8_t moduleType) {
 
 int32_t OTA_CheckNeedUpgrade(const OtaPackageEntry* entry, const OtaMessage* message) {
     if (entry == nullptr) {
-        return 1;
+        return OTA_FAILED;
     }
     if (find_requested(*entry, *message) >= 0) {
-        return 0;
+        return OTA_OK;
     }
     UPGRADE_LOG("no find upgrade type:%d, %s", static_cast<int>(entry->moduleType),
                 entry->fileName);
-    return 1;
+    return OTA_FAILED;
 }
 
 int32_t get_partition_info_by_msg(const OtaPackageEntry* entry, const OtaMessage* message,
                                   uint64_t* offset, uint64_t* size) {
     if (entry == nullptr) {
-        return 1;
+        return OTA_FAILED;
     }
     const int32_t found = find_requested(*entry, *message);
     if (found < 0) {
-        return 1;
+        return OTA_FAILED;
     }
     *offset = message->moduleInfo[found].offset;
     *size = message->moduleInfo[found].size;
     UPGRADE_LOG("find upgrade type:%d, offset: %llu, size: %llu",
                 static_cast<int>(entry->moduleType), static_cast<unsigned long long>(*offset),
                 static_cast<unsigned long long>(*size));
-    return 0;
+    return OTA_OK;
 }
 
 uint32_t OTA_GetHalModuleType(uint32_t moduleType) {
@@ -130,7 +129,7 @@ uint32_t OTA_GetHalModuleType(uint32_t moduleType) {
         return moduleType;
     }
     return moduleType == MODULE_TYPE_SECOND_SYSTEM ? HAL_MODULE_TYPE_SECOND_SYSTEM
-                                                   : HAL_MODULE_TYPE_OTHER;
+                                                   : MODULE_TYPE_OTHER;
 }
 
 uint32_t OTA_GetHalStorageType(uint32_t flashType) {
@@ -140,6 +139,6 @@ uint32_t OTA_GetHalStorageType(uint32_t flashType) {
         case OTA_FLASH_TYPE_EMMC:
             return STORAGE_TYPE_MMC;
         default:
-            return 0;
+            return NO_STORAGE_TYPE;
     }
 }

@@ -27,18 +27,18 @@ struct OtaPackageTable {
     const OtaPackageEntry* entries;  // in the order in which modules are written
 };
 
-// Yields the list of package tables and its length. index is not used. Returns 0.
+// Yields the list of package tables and its length. index is not used. Returns OTA_OK.
 int32_t OTA_GetPackageTables(uint32_t index, const OtaPackageTable** tables, uint32_t* count);
 
 // The first row with this module type (of wider types callers pass the low 8 bits), or null.
 const OtaPackageEntry* OTA_LumoFindModuleByMoudleType(uint8_t moduleType);
 
-// Returns 0 when the request names the row's module type; 1, with a log line, when not; 1 for a
-// null row.
+// Returns OTA_OK when the request names the row's module type; OTA_FAILED when not, with a log
+// line, and for a null row.
 int32_t OTA_CheckNeedUpgrade(const OtaPackageEntry* entry, const OtaMessage* message);
 
 // Looks up where the row's module lies in the combined package; the request's first entry of that
-// type wins. Returns 0 with both outputs set (bytes), or 1 with them untouched.
+// type wins. Returns OTA_OK with both outputs set (bytes), or OTA_FAILED with them untouched.
 int32_t get_partition_info_by_msg(const OtaPackageEntry* entry, const OtaMessage* message,
                                   uint64_t* offset, uint64_t* size);
 

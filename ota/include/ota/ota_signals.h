@@ -1,0 +1,25 @@
+// What the service does when it is told to stop or crashes: it asks for a reboot, since a camera
+// whose upgrade service is gone can only be brought back by a restart.
+//
+//   SIGHUP, SIGINT, SIGTERM   reboot asked, the service goes on until it comes
+//   SIGQUIT                   reboot asked, then the process ends with 0
+//   SIGSEGV, SIGABRT          the same, also for a crash of the service itself
+//   SIGPIPE                   ignored
+#ifndef OTA_OTA_SIGNALS_H
+#define OTA_OTA_SIGNALS_H
+
+// Blocks the signals that can be waited for. Call first of all in main, so that every thread
+// inherits it; what arrives before ota_signals_start() is dealt with then.
+void ota_signals_block();
+
+// Starts the thread that waits for the signals and runs sig_quit, and installs the crash handler.
+// Call once, on the main thread, when the system-call client has been initialised. When the thread
+// cannot be started, it says so and every signal is left blocked or at its default.
+void ota_signals_start();
+
+// The reaction to one signal: logs, asks for the reboot (about 10 s at the most) and, for SIGQUIT,
+// SIGSEGV and SIGABRT, ends the process with _exit(0). Takes the locks of the output stream and of
+// the transport, so it runs on a thread of its own, never as a signal handler.
+void sig_quit(int signo);
+
+#endif  // OTA_OTA_SIGNALS_H

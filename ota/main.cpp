@@ -1,0 +1,73 @@
+// The camera's upgrade service: brings its surroundings up, waits for one upgrade request and hands
+// it to the upgrade procedure, which does not come back.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include "dbus/system_call.h"
+#include "log/log_front_end.h"
+#include "log/log_producer.h"
+#include "ota/ota_message.h"
+#include "ota/ota_signals.h"
+#include "ota/ota_upgrade.h"
+#include "platform/plt.h"
+
+void* Plt_Log_TcpPrint = nullptr;
+
+namespace {
+
+#define UPGRADE_VERSION "0.0.2"
+
+constexpr long ANY_TYPE = 0;
+constexpr unsigned RECEIVE_RETRY_S = 5;
+
+// Blocks until a request arrives. Returns whether one did; its missing bytes are zero.
+bool receive_request(int queueId, OtaMessage* message) {
+    OtaQueueMessage received = {};
+    const ssize_t length = msgrcv(queueId, &received, sizeof(received.text), ANY_TYPE, 0);
+    if (length <= 0) {
+        return false;
+    }
+    message->mtype = static_cast<int32_t>(received.mtype);
+    memcpy(&message->packageType, received.text, sizeof(received.text));
+    return true;
+}
+
+}  // namespace
+
+int main() {
+    // A line that is only in the buffer when the process is ended is a line nobody sees.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    ota_signals_block();
+
+    UPGRADE_LOG("upgrade version:%s", UPGRADE_VERSION);
+    UPGRADE_LOG("ota evn_init start");
+    system_call_init();
+    UPGRADE_LOG("ota evn_init end");
+    Plt_SysInit();
+    ota_signals_start();
+    Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK);
+    Corvo_SetLogLevel(LOG_LEVEL_DETAIL);
+
+    const key_t key = ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT);
+    if (key == -1) {
+        UPGRADE_LOG("ota ftok fail");
+        return EXIT_SUCCESS;
+    }
+    const int queueId = msgget(key, IPC_CREAT | OTA_MSG_QUEUE_MODE);
+    if (queueId == -1) {
+        UPGRADE_LOG("ota creat msg queue fail");
+        return EXIT_SUCCESS;
+    }
+    OtaMessage message = {};
+    UPGRADE_LOG("ota wait for ota message");
+    while (!receive_request(queueId, &message)) {
+        sleep(RECEIVE_RETRY_S);
+        UPGRADE_LOG("ota wait for ota message");
+    }
+    UPGRADE_EVENT(LOG_EVENT_RECEIVED, "UPGRADE_LUMO_RECV_MSG");
+    upgrade_handler(queueId, message);
+}

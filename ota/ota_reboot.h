@@ -1,0 +1,14 @@
+// The request to restart the device.
+#ifndef OTA_OTA_REBOOT_H
+#define OTA_OTA_REBOOT_H
+
+#include <stdint.h>
+
+constexpr int32_t OTA_REBOOT_TIMEOUT_MS = 10000;
+
+// Has "reboot" run by the system-call daemon. Blocks until it answers, at most about
+// OTA_REBOOT_TIMEOUT_MS; takes the transport's locks. Whether the device will restart is not known
+// when this returns.
+void ota_reboot();
+
+#endif  // OTA_OTA_REBOOT_H
