@@ -1,0 +1,295 @@
+#include "hal/flash_mmc.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "base/unique_fd.h"
+#include "pal_common/error_log.h"
+
+namespace {
+
+using Chunk = std::array<char, FLASH_CHUNK_SIZE>;
+
+constexpr size_t DEVICE_PATH_SIZE = 64;  // bytes, terminator included
+
+// Synchronous data writes: a chunk is on the device before the next one is read, so that power loss
+// never finds a later chunk stored without an earlier one, and a write error shows at its chunk.
+constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
+
+constexpr int64_t WHOLE_FILE = std::numeric_limits<int64_t>::max();
+
+#define REPORT_ERROR(...) HAL_REPORT(REPORT_FLASH_MMC, REPORT_LEVEL_ERROR, __VA_ARGS__)
+#define REPORT_INFO(...) HAL_REPORT(REPORT_FLASH_MMC, REPORT_LEVEL_INFO, __VA_ARGS__)
+
+// The partition's size in bytes, or -1.
+int64_t partition_size(const corvo::UniqueFd& device) {
+    return lseek(device.get(), 0, SEEK_END);
+}
+
+// Sizes are reported as "0x%x" was meant for 32 bits: larger ones show all their digits, and a
+// failed query shows as 0xffffffff.
+unsigned long long shown_size(int64_t size) {
+    return size < 0 ? UINT32_MAX : static_cast<unsigned long long>(size);
+}
+
+struct Copy {
+    const char* operation;  // reports are made in its name
+    int source;             // positioned at the first byte to copy
+    int target;             // positioned at the partition's start
+    int64_t limit;          // bytes to copy at the most
+    int64_t expected;       // bytes that make 100 percent; not negative
+};
+
+int failed_read(const Copy& copy, ssize_t result) {
+    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
+                  "read file failed!readSize = 0x%x", static_cast<unsigned>(result));
+    return FLASH_MMC_PACKAGE_UNREAD;
+}
+
+int failed_write(const Copy& copy, ssize_t written, ssize_t wanted) {
+    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
+                  "write flash failed!writeSize = 0x%x,readSize=0x%x",
+                  static_cast<unsigned>(written), static_cast<unsigned>(wanted));
+    return FLASH_SHORT_WRITE;
+}
+
+// Copies chunk by chunk until the limit or the source's end. Returns FLASH_OK, FLASH_SHORT_WRITE or
+// FLASH_MMC_PACKAGE_UNREAD.
+int copy_chunks(const Copy& copy, Chunk& chunk) {
+    int64_t copied = 0;
+    int64_t printedTenth = 0;
+    for (;;) {
+        const auto wanted = std::min<int64_t>(copy.limit - copied, FLASH_CHUNK_SIZE);
+        const ssize_t count = read(copy.source, chunk.data(), static_cast<size_t>(wanted));
+        if (count < 0) {
+            return failed_read(copy, count);
+        }
+        if (count == 0) {
+            break;
+        }
+        const ssize_t written = write(copy.target, chunk.data(), static_cast<size_t>(count));
+        if (written != count) {
+            return failed_write(copy, written, count);
+        }
+        copied += count;
+        // An image that grows while it is copied may be expected to be empty.
+        const int64_t tenth = copied * 10 / std::max<int64_t>(copy.expected, 1);
+        if (tenth != printedTenth) {
+            printedTenth = tenth;
+            printf(">>> write flash progress %d%%.\n", static_cast<int>(tenth * 10));
+        }
+    }
+    const int64_t percent = copy.expected > 0 ? copied * 100 / copy.expected : 100;
+    printf(">>> write flash progress %ld%%.\n", static_cast<long>(percent));
+    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_INFO, "write flash complete!!");
+    return FLASH_OK;
+}
+
+// Positions both descriptors and copies. A position that cannot be taken counts as a failed read or
+// write: copying from or to any other place would be worse.
+int copy_from(const Copy& copy, int64_t offset, Chunk& chunk) {
+    if (lseek(copy.source, offset, SEEK_SET) != offset) {
+        return failed_read(copy, -1);
+    }
+    if (lseek(copy.target, 0, SEEK_SET) != 0) {
+        return failed_write(copy, -1, 0);
+    }
+    return copy_chunks(copy, chunk);
+}
+
+// The device zeroes the range by itself; false when it does not know how, as no regular file does.
+bool zero_by_device(const corvo::UniqueFd& device, int64_t size) {
+    uint64_t range[2] = {0, static_cast<uint64_t>(size)};  // start and length: linux/fs.h
+    if (ioctl(device.get(), BLKZEROOUT, range) != 0) {
+        return false;
+    }
+    fdatasync(device.get());
+    return true;
+}
+
+void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
+    const Chunk zeros{};
+    lseek(device.get(), 0, SEEK_SET);
+    int64_t remaining = size;
+    for (; remaining >= int64_t{FLASH_CHUNK_SIZE}; remaining -= FLASH_CHUNK_SIZE) {
+        (void)!write(device.get(), zeros.data(), zeros.size());
+    }
+    (void)!write(device.get(), zeros.data(), static_cast<size_t>(remaining));
+}
+
+}  // namespace
+
+int flash_mmc_open(const char* part, int flags) {
+    char path[DEVICE_PATH_SIZE] = {};
+    snprintf(path, sizeof(path), "/dev/block/by-name/%s", part);
+    return open(path, flags);
+}
+
+int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len) {
+    const corvo::UniqueFd device(flash_mmc_open(part, O_RDONLY));
+    if (!device.valid()) {
+        REPORT_ERROR("Could not open mmc device:%s for read.", part);
+        return FLASH_FAILED;
+    }
+    if (lseek(device.get(), offset, SEEK_SET) != offset) {
+        REPORT_ERROR("Reading from mmc failed\n");
+        return FLASH_FAILED;
+    }
+    const ssize_t count = read(device.get(), buf, len);
+    if (count < 0) {
+        REPORT_ERROR("Reading from mmc failed\n");
+        return FLASH_FAILED;
+    }
+    return static_cast<int>(count);
+}
+
+int flash_mmc_write_sector_partition(const char* part, const void* buf, int offset, unsigned len) {
+    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        return FLASH_FAILED;
+    }
+    // Wider than both, so that no length can wrap the sum round; a negative offset is a large one.
+    if (uint64_t{static_cast<unsigned>(offset)} + len > FLASH_MMC_SECTOR_LIMIT) {
+        REPORT_ERROR("too much data!!!");
+        return FLASH_FAILED;
+    }
+    ssize_t count = -1;
+    if (lseek(device.get(), offset, SEEK_SET) == offset) {
+        count = write(device.get(), buf, len);
+    }
+    if (count < 0) {
+        REPORT_ERROR("write sector fail,ret = %d!!!", static_cast<int>(count));
+        return FLASH_FAILED;
+    }
+    REPORT_INFO("----------------------------> nv write end!\n");
+    return static_cast<int>(count);
+}
+
+int flash_mmc_erase_partition(const char* part) {
+    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        return FLASH_FAILED;
+    }
+    const int64_t size = partition_size(device);
+    // The copy that follows writes synchronously in 16 KiB chunks. Zeros written the same way would
+    // double the time of an upgrade and the wear of the flash; asked for in one request, the device
+    // can discard the blocks instead.
+    if (size >= 0 && !zero_by_device(device, size)) {
+        zero_by_writing(device, size);
+    }
+    return FLASH_OK;
+}
+
+int flash_mmc_write_partition(const char* part, const char* image) {
+    REPORT_INFO("flash_mmc_write_partition.");
+    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        return FLASH_FAILED;
+    }
+    // Read-write though it is only read: packages are deleted after an upgrade, so one on media
+    // that have become read-only is refused; it would be found, and flashed, again and again.
+    const corvo::UniqueFd file(open(image, WRITE_FLAGS));
+    if (!file.valid()) {
+        REPORT_ERROR("failed to open %s.", image);
+        return FLASH_FAILED;
+    }
+    const int64_t size = partition_size(device);
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0) {
+        REPORT_ERROR("failed to get file status.");
+        return FLASH_FAILED;
+    }
+    const int64_t imageSize = status.st_size;
+    REPORT_INFO("mmc size = 0x%llx,file size = 0x%llx", shown_size(size), shown_size(imageSize));
+    if (size < imageSize) {
+        REPORT_ERROR("file size is too big!!!");
+        return FLASH_FAILED;
+    }
+    Chunk chunk;
+    const Copy copy{__func__, file.get(), device.get(), WHOLE_FILE, imageSize};
+    return copy_from(copy, 0, chunk) == FLASH_OK ? FLASH_OK : FLASH_FAILED;
+}
+
+int flash_mmc_erase_write_partion(const char* part, const char* image) {
+    if (flash_mmc_erase_partition(part) < 0) {
+        REPORT_ERROR("failed to erase partion %s", part);
+        return FLASH_FAILED;
+    }
+    if (flash_mmc_write_partition(part, image) < 0) {
+        REPORT_ERROR("failed to write partion %s", part);
+        return FLASH_FAILED;
+    }
+    return FLASH_OK;
+}
+
+int flash_mmc_write_partition_by_offset(const char* part, const char* package, int offset,
+                                        int length) {
+    REPORT_INFO("flash_mmc_write_partition.");
+    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        return FLASH_FAILED;
+    }
+    const corvo::UniqueFd file(open(package, WRITE_FLAGS));
+    if (!file.valid()) {
+        REPORT_ERROR("failed to open %s.", package);
+        return FLASH_NO_PACKAGE;
+    }
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0) {
+        REPORT_ERROR("failed to get file status.");
+        return FLASH_NO_PACKAGE_STATUS;
+    }
+    const int64_t size = partition_size(device);
+    REPORT_INFO("mmc size = 0x%llx,file size = 0x%x", shown_size(size),
+                static_cast<unsigned>(length));
+    if (length <= 0) {
+        REPORT_ERROR("partition upgrade file size is zero!!!");
+        return FLASH_BAD_LENGTH;
+    }
+    if (size < length) {
+        REPORT_ERROR("partition upgrade file size is too big!!!");
+        return FLASH_PARTITION_TOO_SMALL;
+    }
+    static Chunk chunk;
+    const Copy copy{__func__, file.get(), device.get(), length, length};
+    return copy_from(copy, offset, chunk);
+}
+
+int flash_mmc_erase_write_partion_by_offset(const char* part, const char* package, int start,
+                                            int end) {
+    REPORT_INFO("part %s file %s start 0x%x - end 0x%x", part, package,
+                static_cast<unsigned>(start), static_cast<unsigned>(end));
+    // Callers keep positions as 32-bit numbers; those from 2 GiB on arrive here as negative ones.
+    if (start < 0 || end <= start) {
+        REPORT_ERROR("file %s offset invalid start 0x%x - end 0x%x", package,
+                     static_cast<unsigned>(start), static_cast<unsigned>(end));
+        return FLASH_FAILED;
+    }
+    const int size = end - start;
+    REPORT_INFO("start erase partition...");
+    if (flash_mmc_erase_partition(part) < 0) {
+        REPORT_ERROR("failed to erase partion %s", part);
+        return FLASH_FAILED;
+    }
+    REPORT_INFO("start write partition size %d", size);
+    const int result = flash_mmc_write_partition_by_offset(part, package, start, size);
+    if (result < 0) {
+        REPORT_ERROR("failed to write partion %s", part);
+    }
+    return result;
+}
