@@ -286,16 +286,20 @@ int flash_mtd_write_partition_by_offset(const char* part, const char* package, u
 
 int flash_mtd_erase_write_partition_by_offset(const char* part, const char* package,
                                               uint64_t offset, uint64_t length) {
-    int result = FLASH_OK;
-    if (part != nullptr) {
-        result = flash_mtd_erase_partition(part);
-        if (result < 0) {
-            REPORT_ERROR("failed to erase partion %s", part);
-            return result;
-        }
+    if (part == nullptr && package == nullptr) {
+        return FLASH_OK;
     }
-    if (package != nullptr) {
-        result = flash_mtd_write_partition_by_offset(part, package, offset, length);
+    if (part == nullptr) {
+        REPORT_ERROR("Could not open mtd device:%s for write.", "(null)");
+        return FLASH_NO_DEVICE;
     }
-    return result;
+    const int result = flash_mtd_erase_partition(part);
+    if (result < 0) {
+        REPORT_ERROR("failed to erase partion %s", part);
+        return result;
+    }
+    if (package == nullptr) {
+        return result;
+    }
+    return flash_mtd_write_partition_by_offset(part, package, offset, length);
 }

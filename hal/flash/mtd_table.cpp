@@ -23,5 +23,5 @@ std::optional<MtdTableEntry> parse_mtd_table_line(std::string_view line) {
     if (first == last) {
         return std::nullopt;
     }
-    return MtdTableEntry{line.substr(first + 1, last - first - 1), device_number(line)};
+    return MtdTableEntry{{line.data() + first + 1, last - first - 1}, device_number(line)};
 }

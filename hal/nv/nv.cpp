@@ -1,9 +1,9 @@
 #include "hal/nv.h"
 
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -23,6 +23,7 @@ constexpr const char* BOOT_PARTITION = "misc";
 constexpr int32_t BOOT_COMMAND_OFFSET = 16384;
 using BootCommand = std::array<char, 32>;
 constexpr std::string_view RECOVERY_COMMAND = "boot-recovery";
+static_assert(RECOVERY_COMMAND.size() < sizeof(BootCommand));
 
 // The node can appear later than the service starts: 5 s in all.
 constexpr int FACTORY_ATTEMPTS = 1000;
@@ -69,7 +70,7 @@ int32_t rec_data_write(const void* buffer, int32_t offset, uint32_t length) {
 
 int32_t write_boot_command(std::string_view text) {
     BootCommand command{};
-    text.copy(command.data(), command.size() - 1);
+    std::ranges::copy(text, command.begin());
     return flash_mmc_write_sector_partition(BOOT_PARTITION, command.data(), BOOT_COMMAND_OFFSET,
                                             sizeof(command));
 }

@@ -36,8 +36,8 @@ int flash_mtd_erase_write_partion(const char* part, const char* image);
 int flash_mtd_write_partition_by_offset(const char* part, const char* package, uint64_t offset,
                                         uint64_t length);
 
-// Erases the partition (left out when part is null), then copies as above (left out when package is
-// null). Returns the erase's code when it fails, else the copy's.
+// Erases the partition, then copies as above; either is left out when its argument is null, but a
+// package needs a partition. Returns the erase's code when it fails, else the copy's.
 int flash_mtd_erase_write_partition_by_offset(const char* part, const char* package,
                                               uint64_t offset, uint64_t length);
 
