@@ -99,10 +99,10 @@ int copy_chunks(const Copy& copy, Chunk& chunk) {
 // Positions both descriptors and copies. A position that cannot be taken counts as a failed read or
 // write: copying from or to any other place would be worse.
 int copy_from(const Copy& copy, int64_t offset, Chunk& chunk) {
-    if (lseek(copy.source, offset, SEEK_SET) != offset) {
+    if (lseek(copy.source, offset, SEEK_SET) < 0) {
         return failed_read(copy, -1);
     }
-    if (lseek(copy.target, 0, SEEK_SET) != 0) {
+    if (lseek(copy.target, 0, SEEK_SET) < 0) {
         return failed_write(copy, -1, 0);
     }
     return copy_chunks(copy, chunk);
@@ -142,7 +142,7 @@ int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len)
         REPORT_ERROR("Could not open mmc device:%s for read.", part);
         return FLASH_FAILED;
     }
-    if (lseek(device.get(), offset, SEEK_SET) != offset) {
+    if (lseek(device.get(), offset, SEEK_SET) < 0) {
         REPORT_ERROR("Reading from mmc failed\n");
         return FLASH_FAILED;
     }
@@ -166,7 +166,7 @@ int flash_mmc_write_sector_partition(const char* part, const void* buf, int offs
         return FLASH_FAILED;
     }
     ssize_t count = -1;
-    if (lseek(device.get(), offset, SEEK_SET) == offset) {
+    if (lseek(device.get(), offset, SEEK_SET) >= 0) {
         count = write(device.get(), buf, len);
     }
     if (count < 0) {

@@ -16,7 +16,9 @@
 namespace {
 
 #define REPORT_ERROR(...) HAL_REPORT(REPORT_HAL_LED, REPORT_LEVEL_ERROR, __VA_ARGS__)
-#define REPORT_INFO(...) HAL_REPORT(REPORT_HAL_LED, REPORT_LEVEL_INFO, __VA_ARGS__)
+
+// The worker's reports carry its name, whichever of its steps makes them.
+constexpr const char* WORKER = "led_process_thread";
 
 enum LedResult : int32_t {
     LED_OK = 0,
@@ -38,7 +40,7 @@ bool wait_for_tick() {
     if (select(0, nullptr, nullptr, nullptr, &tick) >= 0) {
         return true;
     }
-    REPORT_ERROR("select Error!");
+    HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_ERROR, "select Error!");
     // Should the wait keep failing, this keeps the worker from spinning and from flooding the log.
     usleep(TICK_US);
     return false;
@@ -59,10 +61,11 @@ void write_values(const LedValues& values) {
 void play_tick(LedState& state) {
     const int32_t act = ledAct.load(std::memory_order_relaxed);
     if (act != state.applied) {
-        REPORT_INFO("Led act change %s to %s.", led_act_name(state.applied), led_act_name(act));
+        HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_INFO, "Led act change %s to %s.",
+                      led_act_name(state.applied), led_act_name(act));
     }
     if (!is_led_act(act)) {
-        REPORT_ERROR("invalid led act %d!", act);
+        HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_ERROR, "invalid led act %d!", act);
         return;
     }
     const LedStep step = led_pattern_step(act, state);
@@ -74,7 +77,7 @@ void play_tick(LedState& state) {
 }
 
 void* led_process_thread(void* /*unused*/) {
-    REPORT_INFO("led process thread.\n");
+    HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_INFO, "led process thread.\n");
     prctl(PR_SET_NAME, "led_act");
     LedState state;
     while (running.load(std::memory_order_relaxed)) {
