@@ -66,7 +66,7 @@ bool is_reboot(const char* cmd) {
     }
     std::string_view word(cmd);
     word.remove_prefix(std::min(word.find_first_not_of(' '), word.size()));
-    word = word.substr(0, word.find(' '));
+    word.remove_suffix(word.size() - std::min(word.find(' '), word.size()));
     const size_t slash = word.rfind('/');
     if (slash != std::string_view::npos) {
         word.remove_prefix(slash + 1);

@@ -1,11 +1,31 @@
 #include "kt_mmc.h"
 
+#include <errno.h>
 #include <nanomsg/nn.h>
 #include <nanomsg/pubsub.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "log/log_producer.h"
+
+namespace {
+
+// nanomsg ends the whole process when it finds a directory under the socket's name, and removes a
+// file that it finds there. Only a socket, which an earlier run left, is its to replace.
+bool may_bind(const char* url) {
+    constexpr char IPC_SCHEME[] = "ipc://";
+    constexpr size_t SCHEME_LENGTH = sizeof(IPC_SCHEME) - 1;
+    struct stat status = {};
+    if (strncmp(url, IPC_SCHEME, SCHEME_LENGTH) != 0 || lstat(url + SCHEME_LENGTH, &status) != 0 ||
+        S_ISSOCK(status.st_mode)) {
+        return true;
+    }
+    errno = EADDRINUSE;
+    return false;
+}
+
+}  // namespace
 
 uint32_t KT_mmcSocket(int32_t* socket) {
     if (socket == nullptr) {
@@ -20,7 +40,7 @@ uint32_t KT_mmcSocket(int32_t* socket) {
 }
 
 uint32_t KT_mmcBindUrl(int32_t socket, const char* url) {
-    const int result = nn_bind(socket, url);
+    const int result = may_bind(url) ? nn_bind(socket, url) : -1;
     if (result < 0) {
         printf("KT_mmcBindUrl error %d erron %d(%s) socket %d url %s\n", result, nn_errno(),
                nn_strerror(nn_errno()), socket, url);
