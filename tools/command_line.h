@@ -1,0 +1,51 @@
+// How the companion programs read their arguments: whatever is wrong with them is one line on
+// standard error and one exit status.
+#ifndef TOOLS_COMMAND_LINE_H
+#define TOOLS_COMMAND_LINE_H
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <string>
+
+constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
+
+// Prints "PROGRAM: MESSAGE" as one line on standard error, whatever the message contains.
+inline void print_error(const char* program, std::string message) {
+    std::replace_if(
+        message.begin(), message.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
+    message.erase(message.find_last_not_of(' ') + 1);
+    fprintf(stderr, "%s: %s\n", program, message.c_str());
+}
+
+// Runs the parser. Returns the status to leave with when the program is to end here (help was asked
+// for, or the arguments are wrong), else nothing.
+inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);
+        }
+        print_error(app.get_name().c_str(), std::string(error.what()) + " (see --help)");
+        return EXIT_WRONG_USE;
+    }
+    return std::nullopt;
+}
+
+// Runs a program's body; what it throws (memory or threads ran out) is one line as well.
+template <typename Body>
+int run_guarded(const char* program, Body body) {
+    try {
+        return body();
+    } catch (const std::exception& error) {
+        fprintf(stderr, "%s: %s\n", program, error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+#endif  // TOOLS_COMMAND_LINE_H

@@ -1,0 +1,116 @@
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/msg.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "command_line.h"
+#include "otactl/commands.h"
+#include "otactl/log_line.h"
+#include "otactl/log_stream.h"
+#include "otactl/progress.h"
+
+namespace {
+
+constexpr int QUIET_MS = 200;
+constexpr int64_t TAKE_LIMIT_MS = 15000;  // the service retries a failed receive after 5 s
+constexpr int64_t LOST_LIMIT_MS = 2000;
+constexpr int BAR_WIDTH = 30;
+
+int64_t monotonic_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void draw_bar(const Progress& progress) {
+    const int percent = progress_percent(progress);
+    const auto filled = static_cast<size_t>(percent * BAR_WIDTH / 100);
+    printf("\r\033[K[%s%s] %3d%% of the steps, %s", std::string(filled, '#').c_str(),
+           std::string(BAR_WIDTH - filled, '-').c_str(), percent, current_step(progress).c_str());
+    fflush(stdout);
+}
+
+void show(const Progress& progress, const std::string& time, const std::string& words,
+          bool terminal) {
+    if (words.empty()) {
+        return;
+    }
+    std::istringstream lines(words);
+    for (std::string line; std::getline(lines, line);) {
+        printf("%s%s  %s\n", terminal ? "\r\033[K" : "", time.c_str(), printable(line).c_str());
+    }
+    if (terminal) {
+        draw_bar(progress);
+    }
+    fflush(stdout);
+}
+
+// Whether the request still stood in the queue, and is out of it now.
+bool take_back(int queue, long messageType) {
+    OtaQueueMessage message = {};
+    return msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
+}
+
+int exit_of(const Progress& progress) {
+    switch (progress.verdict) {
+        case Verdict::SUCCESS:
+            return OTACTL_OK;
+        case Verdict::FAILURE:
+            return OTACTL_FAILED;
+        case Verdict::NONE:
+            break;
+    }
+    if (progress.restarting) {
+        print_error(OTACTL, "the upgrade ended without a verdict: the request was not valid");
+        return OTACTL_FAILED;
+    }
+    print_error(OTACTL, "the service went away before the upgrade's end");
+    return OTACTL_NO_SERVICE;
+}
+
+}  // namespace
+
+int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& modules,
+                   bool readsBack, int queue, long messageType) {
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    Progress progress = start_progress(modules, readsBack);
+    const int64_t posted = monotonic_ms();
+    int64_t lastSeen = posted;
+    std::string message;
+    while (!progress.restarting) {
+        const StreamEvent event = log.receive(message, QUIET_MS);
+        const int64_t now = monotonic_ms();
+        if (event == StreamEvent::MESSAGE) {
+            lastSeen = now;
+            LogRecord logRecord = {};
+            LogLine line = {};
+            if (parse_log_message(message, logRecord) && parse_log_line(logRecord.line, line)) {
+                show(progress, time_of_day(line.stamp), advance_progress(progress, line.text),
+                     terminal);
+            }
+            continue;
+        }
+        if (log.connected()) {
+            lastSeen = now;
+        }
+        if (event == StreamEvent::BROKEN || now - lastSeen > LOST_LIMIT_MS) {
+            break;
+        }
+        if (!progress.taken && now - posted > TAKE_LIMIT_MS) {
+            break;
+        }
+    }
+    if (terminal) {
+        printf("\n");
+        fflush(stdout);
+    }
+    if (!progress.taken && take_back(queue, messageType)) {
+        print_error(OTACTL, "the service did not take the request, which is taken back");
+        return OTACTL_NO_SERVICE;
+    }
+    return exit_of(progress);
+}

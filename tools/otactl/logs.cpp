@@ -1,0 +1,59 @@
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "command_line.h"
+#include "otactl/commands.h"
+#include "otactl/log_line.h"
+#include "otactl/log_stream.h"
+
+namespace {
+
+const char* colour_of(uint32_t level) {
+    switch (level) {
+        case 2:
+            return "\033[2m";  // detail: dim
+        case 3:
+            return "";
+        default:
+            return "\033[1;32m";  // key events
+    }
+}
+
+}  // namespace
+
+int logs(const LogsOptions& options) {
+    LogStream stream;
+    std::string error;
+    if (!stream.open(options.address, error)) {
+        print_error(OTACTL, "cannot subscribe at " + options.address + ": " + error);
+        return OTACTL_WRONG_USE;
+    }
+    const bool coloured = isatty(STDOUT_FILENO) == 1 && getenv("NO_COLOR") == nullptr;
+    std::string message;
+    for (;;) {
+        switch (stream.receive(message, -1)) {
+            case StreamEvent::BROKEN:
+                print_error(OTACTL, "the subscription broke");
+                return OTACTL_FAILED;
+            case StreamEvent::QUIET:
+                continue;
+            case StreamEvent::MESSAGE:
+                break;
+        }
+        LogRecord logRecord = {};
+        if (!parse_log_message(message, logRecord)) {
+            print_error(OTACTL, "a message that is no log record, dropped");
+            continue;
+        }
+        if (logRecord.level < options.level) {
+            continue;
+        }
+        const std::string line = printable(logRecord.line);
+        const char* colour = coloured ? colour_of(logRecord.level) : "";
+        printf("%s%s%s\n", colour, line.c_str(), *colour != '\0' ? "\033[0m" : "");
+        if (fflush(stdout) != 0) {
+            return OTACTL_FAILED;
+        }
+    }
+}

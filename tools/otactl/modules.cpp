@@ -1,0 +1,30 @@
+#include "otactl/modules.h"
+
+std::span<const OtaPackageEntry> package_entries() {
+    const OtaPackageTable* tables = nullptr;
+    uint32_t count = 0;
+    OTA_GetPackageTables(0, &tables, &count);
+    if (tables == nullptr || count == 0) {
+        return {};
+    }
+    return {tables[0].entries, static_cast<size_t>(tables[0].entryCount)};
+}
+
+const OtaPackageEntry* find_module(std::string_view nameOrNumber) {
+    for (const OtaPackageEntry& entry : package_entries()) {
+        if (nameOrNumber == entry.partitionName ||
+            nameOrNumber == std::to_string(entry.moduleType)) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+std::string module_names() {
+    std::string names;
+    for (const OtaPackageEntry& entry : package_entries()) {
+        names += names.empty() ? "" : ", ";
+        names += entry.partitionName;
+    }
+    return names;
+}

@@ -1,0 +1,220 @@
+#include "system_call_daemon/command_runner.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "base/unique_fd.h"
+
+namespace {
+
+constexpr int STOP_GRACE_MS = 2000;
+constexpr int KILL_GRACE_MS = 2000;  // for a process that is stuck in the kernel
+constexpr int EXIT_CANNOT_RUN = 127;
+constexpr int EXIT_SIGNAL_BASE = 128;
+
+// Readable for good once stop_commands() ran.
+const int stopEvent = eventfd(0, EFD_CLOEXEC);
+
+// One command, shared by the thread that asked for it and the one that waits for its end.
+struct Running {
+    pid_t pid = 0;
+    corvo::UniqueFd ended;  // an eventfd, readable when the shell has been reaped
+    std::mutex mutex;
+    bool reaped = false;  // guarded by mutex
+    int waitStatus = 0;   // guarded by mutex
+};
+
+int64_t monotonic_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Everything from here to exec runs between fork() and exec() in a process of many threads, so it
+// is system calls only.
+void close_from(unsigned first, unsigned descriptorLimit) {
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, first, ~0U, 0) == 0) {
+        return;
+    }
+#endif
+    for (unsigned fd = first; fd < descriptorLimit; ++fd) {
+        close(static_cast<int>(fd));
+    }
+}
+
+[[noreturn]] void become_command(const char* command, int standardInput, int standardOutput,
+                                 unsigned descriptorLimit) {
+    setpgid(0, 0);
+    struct sigaction defaults = {};
+    defaults.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number) {
+        sigaction(number, &defaults, nullptr);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(standardInput, STDIN_FILENO);
+    if (standardOutput >= 0) {
+        dup2(standardOutput, STDOUT_FILENO);
+    }
+    close_from(STDERR_FILENO + 1, descriptorLimit);
+    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    _exit(EXIT_CANNOT_RUN);
+}
+
+void wait_for_end(const std::shared_ptr<Running>& running) {
+    siginfo_t info = {};
+    while (waitid(P_PID, static_cast<id_t>(running->pid), &info, WEXITED | WNOWAIT) < 0 &&
+           errno == EINTR) {
+    }
+    {
+        // Reaped under the mutex, so that nobody kills a number that another process has by now.
+        const std::lock_guard<std::mutex> lock(running->mutex);
+        waitpid(running->pid, &running->waitStatus, 0);
+        running->reaped = true;
+    }
+    eventfd_write(running->ended.get(), 1);
+}
+
+void kill_group(Running& running) {
+    const std::lock_guard<std::mutex> lock(running.mutex);
+    if (!running.reaped) {
+        kill(-running.pid, SIGKILL);
+    }
+}
+
+// Moves what the pipe holds into output; what no longer fits is read and dropped, so that the
+// command is not held up. Returns false at the end of the stream.
+bool read_some(int pipe, std::span<char> output, size_t& length) {
+    std::array<char, 4096> chunk;
+    const ssize_t n = read(pipe, chunk.data(), chunk.size());
+    if (n < 0) {
+        return errno == EAGAIN || errno == EINTR;
+    }
+    const size_t kept = std::min(static_cast<size_t>(n), output.size() - length);
+    memcpy(output.data() + length, chunk.data(), kept);
+    length += kept;
+    return n > 0;
+}
+
+// The rest of the output after the shell's end. A child in the background may go on writing for
+// ever, so this takes what fits and waits for nothing.
+void drain(int pipe, std::span<char> output, size_t& length) {
+    while (length < output.size()) {
+        const ssize_t n = read(pipe, output.data() + length, output.size() - length);
+        if (n <= 0) {
+            return;
+        }
+        length += static_cast<size_t>(n);
+    }
+}
+
+int status_of(int waitStatus) {
+    return WIFSIGNALED(waitStatus) ? EXIT_SIGNAL_BASE + WTERMSIG(waitStatus)
+                                   : WEXITSTATUS(waitStatus);
+}
+
+CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char> output) {
+    CommandResult result = {.started = true, .cut = false, .status = 0, .outputLength = 0};
+    int64_t deadline = monotonic_ms() + limitMs;
+    std::array<pollfd, 3> events = {{{.fd = running.ended.get(), .events = POLLIN, .revents = 0},
+                                     {.fd = pipe, .events = POLLIN, .revents = 0},
+                                     {.fd = stopEvent, .events = POLLIN, .revents = 0}}};
+    pollfd& ended = events[0];
+    pollfd& readable = events[1];
+    pollfd& stopping = events[2];
+    while (ended.revents == 0) {
+        const int64_t left = deadline - monotonic_ms();
+        if (left <= 0 && result.cut) {
+            break;  // not even a kill ends it; its status is that of one that was killed
+        }
+        if (left <= 0) {
+            result.cut = true;
+            kill_group(running);
+            deadline = monotonic_ms() + KILL_GRACE_MS;
+            continue;
+        }
+        if (poll(events.data(), events.size(), static_cast<int>(left)) < 0) {
+            continue;
+        }
+        if (readable.revents != 0 && !read_some(pipe, output, result.outputLength)) {
+            readable.fd = -1;
+        }
+        if (stopping.revents != 0) {
+            deadline = std::min(deadline, monotonic_ms() + STOP_GRACE_MS);
+            stopping.fd = -1;
+        }
+    }
+    if (readable.fd >= 0) {
+        drain(pipe, output, result.outputLength);
+    }
+    const std::lock_guard<std::mutex> lock(running.mutex);
+    result.status = running.reaped ? status_of(running.waitStatus) : EXIT_SIGNAL_BASE + SIGKILL;
+    return result;
+}
+
+}  // namespace
+
+CommandResult run_command(const char* command, int limitMs, std::span<char> output) {
+    const CommandResult notStarted = {};
+    corvo::UniqueFd readEnd;
+    corvo::UniqueFd writeEnd;
+    if (!output.empty()) {
+        int ends[2] = {};
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            return notStarted;
+        }
+        readEnd.reset(ends[0]);
+        writeEnd.reset(ends[1]);
+        fcntl(readEnd.get(), F_SETFL, O_NONBLOCK);
+    }
+    const corvo::UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const auto running = std::make_shared<Running>();
+    running->ended.reset(eventfd(0, EFD_CLOEXEC));
+    if (!nothing.valid() || !running->ended.valid()) {
+        return notStarted;
+    }
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+
+    running->pid = fork();
+    if (running->pid < 0) {
+        return notStarted;
+    }
+    if (running->pid == 0) {
+        become_command(command, nothing.get(), writeEnd.get(),
+                       static_cast<unsigned>(std::min<rlim_t>(descriptors.rlim_cur, 65536)));
+    }
+    // In both processes, so that the group is there whichever runs first.
+    setpgid(running->pid, running->pid);
+    writeEnd.reset();
+    try {
+        std::thread(wait_for_end, running).detach();
+    } catch (const std::system_error&) {
+        kill_group(*running);
+        waitpid(running->pid, nullptr, 0);
+        return notStarted;
+    }
+    return supervise(*running, limitMs, readEnd.get(), output);
+}
+
+void stop_commands() {
+    eventfd_write(stopEvent, 1);
+}

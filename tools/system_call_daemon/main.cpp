@@ -1,0 +1,150 @@
+// The system-call daemon: runs shell commands on behalf of other processes of the camera, as the
+// server endpoint "system.call.daemon" of the socket transport.
+//
+// "system_call" replies with the command's exit status in decimal, "popen_call" with its output, at
+// most 1024 bytes. A command that hangs is killed, with everything it started in its process group,
+// at the method's time limit: the reply is then 137, or the output so far.
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <span>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "command_line.h"
+#include "dbus/dbus_socket_common.h"
+#include "dbus/system_call.h"
+#include "system_call_daemon/command_runner.h"
+
+namespace {
+
+constexpr const char* PROGRAM = "system_call_daemon";
+constexpr int LIMIT_MAX_MS = 3600000;
+
+struct Settings {
+    // Cutting a command short that writes the boot environment or unmounts a disk does more harm
+    // than a late reply, so this is far above the clients' time-outs.
+    int systemLimitMs = 60000;
+    // Below the clients' default time-out, so that they still get what a hanging command printed.
+    int popenLimitMs = SYSTEM_CALL_DBUS_DEFAULT_TIMEOUT_MS - 1000;
+    bool verbose = false;
+};
+
+Settings settings;  // set before the first handler runs, constant from then on
+
+std::string command_of(const void* in, uint32_t inLen) {
+    const auto* text = static_cast<const char*>(in);
+    return {text, strnlen(text, std::min(inLen, SYSTEM_CALL_DBUS_DATA_SIZE))};
+}
+
+void report(const char* method, const std::string& command, const CommandResult& result) {
+    if (!result.started) {
+        printf("%s: cannot start: %s\n", method, command.c_str());
+    } else if (settings.verbose || result.cut) {
+        printf("%s: %s%d: %s\n", method,
+               result.cut ? "killed at the time limit, status " : "status ", result.status,
+               command.c_str());
+    }
+}
+
+int32_t handle_system_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
+    const std::string command = command_of(in, inLen);
+    const CommandResult result = run_command(command.c_str(), settings.systemLimitMs, {});
+    report(SYSTEM_CALL_METHOD, command, result);
+    if (!result.started) {
+        return DBUS_CALL_FAILED;
+    }
+    return snprintf(static_cast<char*>(out), outCap, "%d", result.status);
+}
+
+int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
+    const std::string command = command_of(in, inLen);
+    const CommandResult result = run_command(command.c_str(), settings.popenLimitMs,
+                                             std::span(static_cast<char*>(out), outCap));
+    report(POPEN_CALL_METHOD, command, result);
+    return result.started ? static_cast<int32_t>(result.outputLength) : DBUS_CALL_FAILED;
+}
+
+void fill_interface(SystemCallDbusInterface& entry, const char* method,
+                    int32_t (*handler)(const void*, uint32_t, void*, uint32_t)) {
+    snprintf(entry.name, sizeof(entry.name), "%s", method);
+    snprintf(entry.methodMarker, sizeof(entry.methodMarker), "%s", method);
+    entry.methodHandler = handler;
+}
+
+// A second daemon would take the first one's socket path away from it.
+bool daemon_is_running() {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof(address.sun_path), SYSTEM_CALL_DBUS_SOCKET_FORMAT,
+             SYSTEM_CALL_DAEMON_NAME);
+    const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+int serve(const sigset_t& endSignals) {
+    SystemCallDbusInfo* endpoint = SystemCall_DbusInfo_Alloc(2);
+    if (endpoint == nullptr) {
+        return EXIT_FAILURE;
+    }
+    snprintf(endpoint->name, sizeof(endpoint->name), "%s", SYSTEM_CALL_DAEMON_NAME);
+    fill_interface(*endpoint->interfaces[0], SYSTEM_CALL_METHOD, handle_system_call);
+    fill_interface(*endpoint->interfaces[1], POPEN_CALL_METHOD, handle_popen_call);
+    if (SystemCall_Dbus_Register(endpoint) != DBUS_OK) {
+        SystemCall_DbusInfo_Free(endpoint);
+        return EXIT_FAILURE;
+    }
+    printf("%s: ready\n", PROGRAM);
+    int signal = 0;
+    sigwait(&endSignals, &signal);
+    printf("%s: ends on signal %d\n", PROGRAM, signal);
+    stop_commands();
+    SystemCall_Dbus_UnRegister(endpoint);
+    SystemCall_DbusInfo_Free(endpoint);
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+static int program(int argc, char** argv) {
+    CLI::App app("Runs shell commands for the camera's other processes.", PROGRAM);
+    app.add_option("--system-limit", settings.systemLimitMs,
+                   "Kill a system_call command after MS milliseconds")
+        ->option_text("MS [60000]")
+        ->check(CLI::Range(1, LIMIT_MAX_MS));
+    app.add_option("--popen-limit", settings.popenLimitMs,
+                   "Kill a popen_call command after MS milliseconds")
+        ->option_text("MS [9000]")
+        ->check(CLI::Range(1, LIMIT_MAX_MS));
+    app.add_flag("--verbose", settings.verbose, "Print a line for every command");
+    if (const auto status = parse_command_line(app, argc, argv)) {
+        return *status;
+    }
+
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    // Before any thread exists, so that all of them leave these signals to the wait in serve().
+    sigset_t endSignals;
+    sigemptyset(&endSignals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        sigaddset(&endSignals, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+    // A parent that ignored SIGCHLD hands that down, and every command's status would be lost.
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGPIPE, SIG_IGN);
+
+    if (daemon_is_running()) {
+        print_error(PROGRAM, "another one is already running");
+        return EXIT_FAILURE;
+    }
+    return serve(endSignals);
+}
+
+int main(int argc, char** argv) {
+    return run_guarded(PROGRAM, [&] { return program(argc, argv); });
+}
