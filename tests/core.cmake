@@ -3,3 +3,26 @@ target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/log)
 
 corvo_test(dbus_test SOURCES dbus_test.cpp LINK dbus WRAP send)
 target_include_directories(dbus_test PRIVATE ${PROJECT_SOURCE_DIR}/dbus)
+
+# The service's own objects, with the desk's answers behind its system calls. Its folder, not its
+# name, tells it apart: the service says under which name it runs.
+corvo_program(corvo_upgrade_on_desk SOURCES ${PROJECT_SOURCE_DIR}/ota/main.cpp support/desk_calls.cpp
+              LINK ota dbus log platform)
+set_target_properties(corvo_upgrade_on_desk PROPERTIES OUTPUT_NAME corvo_upgrade
+                      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/desk)
+target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
+foreach(call sleep open64 fopen64 read write lseek64 fstat64 lstat64 ioctl fsync fdatasync remove
+        msgget msgrcv msgctl socket connect send calloc pthread_create)
+  target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--wrap=${call})
+endforeach()
+
+add_library(test_camera STATIC support/camera.cpp)
+target_link_libraries(test_camera PUBLIC test_support dbus ota_request)
+target_compile_definitions(test_camera PRIVATE
+  SERVICE_PROGRAM="$<TARGET_FILE:corvo_upgrade>"
+  SERVICE_PROGRAM_ON_DESK="$<TARGET_FILE:corvo_upgrade_on_desk>")
+add_dependencies(test_camera corvo_upgrade corvo_upgrade_on_desk)
+
+corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera log PkgConfig::NANOMSG)
+
+corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)

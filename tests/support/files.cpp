@@ -60,9 +60,10 @@ std::vector<std::string> lines_of(const std::string& text) {
 }
 
 std::string without_source_lines(const std::string& text) {
-    // "PAL error name,LINE,", "hal error name,LINE,", "...:function:LINE] ", ";function;LINE;"
+    // "PAL error name,LINE,", "hal error name,LINE,", "...:function:LINE] ", ";function;LINE;",
+    // "eModuleType=N lineLINE"
     static const std::regex number(
-        R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;)\d+)");
+        R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;|eModuleType=\d+ line)\d+)");
     return std::regex_replace(text, number, "$1#");
 }
 

@@ -1,0 +1,231 @@
+#include "camera.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "dbus/system_call.h"
+#include "files.h"
+
+namespace {
+
+constexpr const char* PARTITIONS[] = {"spl",    "uboot",       "dtb",        "kernel", "rootfs",
+                                      "system", "ota_package", "nv_factory", "misc"};
+
+constexpr const char* PACKAGE_FILES[] = {"spl.bin",    "uboot.bin",  "dtb.bin", "kernel.bin",
+                                         "rootfs.img", "system.img", "ota.bin", "all.pkg"};
+
+std::mutex g_mutex;
+std::vector<std::string> g_commands;
+std::string g_slot = "A\n";
+int g_answers_left = -1;
+
+void note(const void* in, uint32_t inLen) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_commands.emplace_back(static_cast<const char*>(in), inLen);
+}
+
+// Whether this command is answered at all.
+bool answers() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_answers_left < 0 || g_answers_left-- > 0;
+}
+
+int32_t fake_system_call(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
+    note(in, inLen);
+    if (!answers()) {
+        return -1;
+    }
+    memcpy(out, "0", 1);
+    return 1;
+}
+
+int32_t fake_popen_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
+    note(in, inLen);
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    const size_t length = std::min<size_t>(g_slot.size(), outCap);
+    memcpy(out, g_slot.data(), length);
+    return static_cast<int32_t>(length);
+}
+
+void set_interface(SystemCallDbusInterface* entry, const char* name,
+                   decltype(SystemCallDbusInterface::methodHandler) handler) {
+    snprintf(entry->name, sizeof(entry->name), "%s", name);
+    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "%s", name);
+    entry->methodHandler = handler;
+}
+
+std::vector<std::string> comparable(const std::string& text) {
+    static const std::regex stamp(R"(^\d{10}\.\d{3};)");
+    std::vector<std::string> lines;
+    bool emptyLineFollows = false;
+    for (std::string line : lines_of(without_source_lines(text))) {
+        if (line.find("HAL_LED") != std::string::npos) {
+            emptyLineFollows = true;
+            continue;
+        }
+        if (!emptyLineFollows || !line.empty()) {
+            lines.push_back(std::regex_replace(line, stamp, ";"));
+        }
+        emptyLineFollows = false;
+    }
+    return lines;
+}
+
+}  // namespace
+
+FakeDaemon::FakeDaemon() : info_(SystemCall_DbusInfo_Alloc(2)) {
+    set_slot("A\n");
+    fail_after(-1);
+    take_commands();
+    snprintf(info_->name, sizeof(info_->name), "%s", SYSTEM_CALL_DAEMON_NAME);
+    set_interface(info_->interfaces[0], SYSTEM_CALL_METHOD, fake_system_call);
+    set_interface(info_->interfaces[1], POPEN_CALL_METHOD, fake_popen_call);
+    EXPECT_EQ(SystemCall_Dbus_Register(info_), DBUS_OK);
+}
+
+FakeDaemon::~FakeDaemon() {
+    SystemCall_Dbus_UnRegister(info_);
+    SystemCall_DbusInfo_Free(info_);
+}
+
+void FakeDaemon::set_slot(const std::string& answer) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_slot = answer;
+}
+
+void FakeDaemon::fail_after(int commands) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_answers_left = commands;
+}
+
+std::vector<std::string> FakeDaemon::take_commands() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return std::exchange(g_commands, {});
+}
+
+Camera::Camera() {
+    for (const char* name : PARTITIONS) {
+        write_file(std::string("/dev/block/by-name/") + name, std::string(PARTITION_SIZE, 'o'));
+    }
+    remove("/config/ota_data.dat");
+    remove("/tmp/autoflash");
+    for (const char* file : PACKAGE_FILES) {
+        remove((PACKAGE_DIR + std::string(file)).c_str());
+    }
+}
+
+Camera::~Camera() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    const int id = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0);
+    if (id >= 0) {
+        msgctl(id, IPC_RMID, nullptr);
+    }
+}
+
+std::string Camera::partition(const std::string& name) {
+    return read_file("/dev/block/by-name/" + name);
+}
+
+void Camera::put_image(const std::string& file, const std::string& content) {
+    write_file(PACKAGE_DIR + file, content);
+}
+
+bool Camera::has(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+OtaMessage Camera::request(int32_t packageType, const std::vector<uint32_t>& moduleTypes) {
+    OtaMessage message = {};
+    message.mtype = 7;
+    message.packageType = packageType;
+    snprintf(message.packageDir, sizeof(message.packageDir), "%s", PACKAGE_DIR);
+    snprintf(message.packageFile, sizeof(message.packageFile), "all.pkg");
+    message.moduleCount = static_cast<int32_t>(moduleTypes.size());
+    for (size_t i = 0; i < moduleTypes.size() && i < OTA_MSG_MAX_MODULES; ++i) {
+        message.moduleTypes[i] = moduleTypes[i];
+    }
+    return message;
+}
+
+void Camera::post(const OtaMessage& message, size_t size) {
+    OtaQueueMessage queued = {};
+    queued.mtype = message.mtype;
+    memcpy(queued.text, reinterpret_cast<const char*>(&message) + sizeof(message.mtype),
+           sizeof(queued.text));
+    const key_t key = ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT);
+    const int id = msgget(key, IPC_CREAT | OTA_MSG_QUEUE_MODE);
+    ASSERT_EQ(msgsnd(id, &queued, size, 0), 0) << strerror(errno);
+}
+
+bool Camera::queue_exists() {
+    return msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0) >= 0;
+}
+
+void Camera::start(const std::map<std::string, std::string>& plan, bool asDelivered) {
+    output_.reset(memfd_create("console", MFD_CLOEXEC));
+    pid_ = fork();
+    if (pid_ == 0) {
+        for (const auto& [name, value] : plan) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        dup2(output_.get(), STDOUT_FILENO);
+        const char* const program = asDelivered ? SERVICE_PROGRAM : SERVICE_PROGRAM_ON_DESK;
+        execl(program, program, nullptr);
+        _exit(127);
+    }
+}
+
+void Camera::wait_for(const std::string& text) {
+    for (int i = 0; i < 1500; ++i) {
+        std::string console(1 << 16, '\0');
+        const ssize_t size = pread(output_.get(), console.data(), console.size(), 0);
+        if (size > 0 && console.find(text) != std::string::npos) {
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    FAIL() << "not seen within 15 s: " << text;
+}
+
+Outcome Camera::finish() {
+    Outcome outcome;
+    int status = 0;
+    pid_t ended = 0;
+    for (int i = 0; i < 6000 && ended == 0; ++i) {
+        ended = waitpid(pid_, &status, WNOHANG);
+        if (ended == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    EXPECT_NE(ended, 0) << "the service hangs";
+    if (ended != 0) {
+        pid_ = -1;
+    }
+    outcome.ended = ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    EXPECT_TRUE(outcome.ended || !WIFEXITED(status)) << "exit status " << WEXITSTATUS(status);
+    outcome.text = read_file("/proc/self/fd/" + std::to_string(output_.get()));
+    outcome.lines = comparable(outcome.text);
+    return outcome;
+}
+
+Outcome Camera::run(const OtaMessage& message, const std::map<std::string, std::string>& plan) {
+    start(plan);
+    post(message);
+    return finish();
+}

@@ -1,0 +1,80 @@
+// A camera around the real service program: partitions as files, a package, the outcome record, the
+// request queue and a daemon that notes the commands it is asked to run.
+#ifndef TESTS_SUPPORT_CAMERA_H
+#define TESTS_SUPPORT_CAMERA_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "dbus/dbus_socket_common.h"
+#include "ota/ota_message.h"
+
+// The system-call daemon's part, played by the real server half of the transport. One at a time.
+class FakeDaemon {
+  public:
+    FakeDaemon();
+    ~FakeDaemon();
+    FakeDaemon(const FakeDaemon&) = delete;
+    FakeDaemon& operator=(const FakeDaemon&) = delete;
+
+    void set_slot(const std::string& answer);  // what the boot-slot query yields
+    void fail_after(int commands);             // answers that many, then none; -1: all
+    std::vector<std::string> take_commands();
+
+  private:
+    SystemCallDbusInfo* info_;
+};
+
+struct Outcome {
+    bool ended = false;  // by itself with status 0; else it was killed
+    std::string text;    // standard output, as it came
+    // Its lines without time stamps, source line numbers and the LED worker's lines, whose place
+    // among the others is open.
+    std::vector<std::string> lines;
+};
+
+class Camera {
+  public:
+    static constexpr size_t PARTITION_SIZE = 96 * 1024;
+    static constexpr char PACKAGE_DIR[] = "/media/mmcblk0p1/";
+
+    Camera();
+    ~Camera();
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
+
+    std::unique_ptr<FakeDaemon> daemon = std::make_unique<FakeDaemon>();
+
+    static std::string partition(const std::string& name);  // its content
+    static void put_image(const std::string& file, const std::string& content);
+    static bool has(const std::string& path);
+
+    // A request for these package module types.
+    static OtaMessage request(int32_t packageType, const std::vector<uint32_t>& moduleTypes);
+    // Puts `size` bytes of the request's text on the queue.
+    static void post(const OtaMessage& message, size_t size = OTA_MSG_TEXT_SIZE);
+    static bool queue_exists();
+
+    // Starts the service: the program with its pauses and calls under the plan (see
+    // desk_calls.cpp), or the program as it is delivered.
+    void start(const std::map<std::string, std::string>& plan = {}, bool asDelivered = false);
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    // Waits until the service has printed a line that contains this.
+    void wait_for(const std::string& text);
+    // Waits for its end, 60 s at the most.
+    Outcome finish();
+
+    // start(), post(), finish().
+    Outcome run(const OtaMessage& message, const std::map<std::string, std::string>& plan = {});
+
+  private:
+    pid_t pid_ = -1;
+    corvo::UniqueFd output_;
+};
+
+#endif  // TESTS_SUPPORT_CAMERA_H

@@ -1,0 +1,225 @@
+// What stands behind the system calls of the service program in whole-upgrade tests: its fixed
+// pauses take no time, and a plan in the environment says what goes wrong. Built into the program
+// by the linker; like the service, it needs no C++ run-time library.
+//
+//   CORVO_CUT=N             the power is cut before the Nth operation that changes the world
+//   outside CORVO_TEAR=N            the same in the middle of it, where it is a write
+//   CORVO_FAULT=CALL:N:E    the Nth CALL fails with errno E; CALL:N+:E from the Nth on; E = 0: it
+//                           moves one byte only
+//   CORVO_CRASH=N           the Nth record sent ends in abort(), with the endpoint lock held
+//   CORVO_FLIP=N            the Nth write of image data to a partition stores a wrong bit; 0: each
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/msg.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr char PARTITIONS[] = "/dev/block/by-name/";
+
+struct Plan {
+    long cut;
+    long tear;
+    long flip;
+    long crash;
+    char call[16];
+    int ordinal;
+    bool onwards;
+    int error;
+};
+
+std::atomic<long> g_changes{0};
+std::atomic<long> g_image_writes{0};
+std::atomic<long> g_sends{0};
+std::atomic<int> g_calls{0};  // of the call that the plan names
+
+long number_of(const char* name) {
+    const char* const text = getenv(name);
+    return text == nullptr ? -1 : strtol(text, nullptr, 10);
+}
+
+Plan g_plan;
+
+__attribute__((constructor)) void read_plan() {
+    g_plan.cut = number_of("CORVO_CUT");
+    g_plan.tear = number_of("CORVO_TEAR");
+    g_plan.flip = number_of("CORVO_FLIP");
+    g_plan.crash = number_of("CORVO_CRASH");
+    const char* const fault = getenv("CORVO_FAULT");
+    if (fault == nullptr) {
+        return;
+    }
+    char plus[2] = "";
+    if (sscanf(fault, "%15[^:]:%d:%d", g_plan.call, &g_plan.ordinal, &g_plan.error) != 3) {
+        g_plan.onwards = sscanf(fault, "%15[^:]:%d%1[+]:%d", g_plan.call, &g_plan.ordinal, plus,
+                                &g_plan.error) == 4;
+    }
+}
+
+[[noreturn]] void cut_power() {
+    kill(getpid(), SIGKILL);
+    _exit(1);
+}
+
+// Counts an operation that changes the world outside; returns whether it is to be torn.
+bool change() {
+    const long number = ++g_changes;
+    if (number == g_plan.cut) {
+        cut_power();
+    }
+    return number == g_plan.tear;
+}
+
+// Whether this call is to go wrong. With an errno to set it is set.
+bool struck(const char* call) {
+    if (strcmp(g_plan.call, call) != 0) {
+        return false;
+    }
+    const int number = ++g_calls;
+    const bool now = number == g_plan.ordinal || (g_plan.onwards && number > g_plan.ordinal);
+    if (now && g_plan.error != 0) {
+        errno = g_plan.error;
+    }
+    return now;
+}
+
+bool is_image_write(int fd, const void* data, size_t size) {
+    char link[32];
+    char path[64] = {};
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    if (readlink(link, path, sizeof(path) - 1) < 0) {
+        return false;
+    }
+    // Erasing writes zeros.
+    static const char zeros[64] = {};
+    return strncmp(path, PARTITIONS, sizeof(PARTITIONS) - 1) == 0 &&
+           memcmp(data, zeros, size < sizeof(zeros) ? size : sizeof(zeros)) != 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// A call that fails as the plan says, or is the real one. `changes` is whether it counts for a cut.
+#define DESK_CALL(result, name, parameters, arguments, changes)                   \
+    result __real_##name parameters;                                              \
+    result __wrap_##name parameters {                                             \
+        if (changes) {                                                            \
+            change();                                                             \
+        }                                                                         \
+        return struck(#name) ? static_cast<result>(-1) : __real_##name arguments; \
+    }
+
+DESK_CALL(int, fsync, (int fd), (fd), true)
+DESK_CALL(int, fdatasync, (int fd), (fd), true)
+DESK_CALL(int, remove, (const char* path), (path), true)
+DESK_CALL(int, msgctl, (int id, int command, msqid_ds* data), (id, command, data), true)
+DESK_CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), false)
+DESK_CALL(int, connect, (int fd, const sockaddr* address, socklen_t size), (fd, address, size),
+          false)
+DESK_CALL(int, msgget, (key_t key, int flags), (key, flags), false)
+DESK_CALL(int, msgrcv, (int id, void* to, size_t size, long type, int flags),
+          (id, to, size, type, flags), false)
+DESK_CALL(int, lstat64, (const char* path, struct stat* status), (path, status), false)
+
+unsigned __wrap_sleep(unsigned /*seconds*/) {
+    return 0;
+}
+
+int __real_open64(const char* path, int flags, mode_t mode);
+int __wrap_open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if ((flags & O_TRUNC) != 0) {
+        change();
+    }
+    return struck("open") ? -1 : __real_open64(path, flags, mode);
+}
+
+FILE* __real_fopen64(const char* path, const char* mode);
+FILE* __wrap_fopen64(const char* path, const char* mode) {
+    return struck("fopen") ? nullptr : __real_fopen64(path, mode);
+}
+
+off_t __real_lseek64(int fd, off_t offset, int whence);
+off_t __wrap_lseek64(int fd, off_t offset, int whence) {
+    return struck("lseek") ? -1 : __real_lseek64(fd, offset, whence);
+}
+
+int __real_fstat64(int fd, struct stat* status);
+int __wrap_fstat64(int fd, struct stat* status) {
+    return struck("fstat") ? -1 : __real_fstat64(fd, status);
+}
+
+int __real_ioctl(int fd, unsigned long request, void* argument);
+int __wrap_ioctl(int fd, unsigned long request, void* argument) {
+    change();
+    return struck("ioctl") ? -1 : __real_ioctl(fd, request, argument);
+}
+
+ssize_t __real_read(int fd, void* data, size_t size);
+ssize_t __wrap_read(int fd, void* data, size_t size) {
+    if (struck("read")) {
+        return g_plan.error != 0 ? -1 : __real_read(fd, data, size < 1 ? size : 1);
+    }
+    return __real_read(fd, data, size);
+}
+
+ssize_t __real_write(int fd, const void* data, size_t size);
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+    if (change()) {
+        __real_write(fd, data, size / 2);
+        cut_power();
+    }
+    if (struck("write")) {
+        return g_plan.error != 0 ? -1 : __real_write(fd, data, size < 1 ? size : 1);
+    }
+    if (g_plan.flip >= 0 && is_image_write(fd, data, size)) {
+        const long number = ++g_image_writes;
+        if (g_plan.flip == 0 || number == g_plan.flip) {
+            static char spoilt[65536];
+            memcpy(spoilt, data, size);
+            spoilt[size - 1] = static_cast<char>(spoilt[size - 1] ^ 1);
+            return __real_write(fd, spoilt, size);
+        }
+    }
+    return __real_write(fd, data, size);
+}
+
+ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+    change();
+    if (++g_sends == g_plan.crash) {
+        abort();
+    }
+    if (struck("send")) {
+        return g_plan.error != 0 ? -1 : __real_send(fd, data, size < 1 ? size : 1, flags);
+    }
+    return __real_send(fd, data, size, flags);
+}
+
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+    return struck("calloc") ? nullptr : __real_calloc(count, size);
+}
+
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+    return struck("pthread_create") ? g_plan.error
+                                    : __real_pthread_create(thread, attributes, body, argument);
+}
+}
