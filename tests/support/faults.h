@@ -1,0 +1,41 @@
+// Faults as data, behind the real system calls: a program that links `test_faults` has its calls
+// wrapped (tests/hal.cmake lists them). They are named here without the "64" of large files.
+#ifndef TESTS_SUPPORT_FAULTS_H
+#define TESTS_SUPPORT_FAULTS_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+struct Fault {
+    std::string call;  // "open", "read", ...
+    int ordinal;       // which call fails, from 1; 0: every one
+    int error;         // errno of the failure; 0: a short transfer instead
+    size_t count = 0;  // read and write with error 0: bytes that are really moved at the most
+};
+
+// What stands behind the calls, for a machine that lacks the device.
+struct Devices {
+    std::map<std::string, std::string> paths;  // open and fopen: this path is really that one
+    std::function<void(int fd, std::string& data)> write;  // changes what is stored
+    std::function<int(int fd, unsigned long request, void* argument)> ioctl;
+    int tickUs = 0;  // select waits this long, microseconds; 0: as it is asked to
+};
+extern Devices devices;
+
+// Counts calls and lets the faults happen, from construction to destruction. One at a time.
+class Faults {
+  public:
+    explicit Faults(std::vector<Fault> faults);
+    ~Faults();
+    Faults(const Faults&) = delete;
+    Faults& operator=(const Faults&) = delete;
+
+    static int calls(const std::string& call);
+    static std::vector<std::string> opened();  // paths, in the order of the opens that went on
+};
+
+#endif  // TESTS_SUPPORT_FAULTS_H
