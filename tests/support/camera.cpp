@@ -71,7 +71,7 @@ std::vector<std::string> comparable(const std::string& text) {
     static const std::regex stamp(R"(^\d{10}\.\d{3};)");
     std::vector<std::string> lines;
     bool emptyLineFollows = false;
-    for (std::string line : lines_of(without_source_lines(text))) {
+    for (const std::string& line : lines_of(without_source_lines(text))) {
         if (line.find("HAL_LED") != std::string::npos) {
             emptyLineFollows = true;
             continue;
