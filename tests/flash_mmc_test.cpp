@@ -37,8 +37,10 @@ TEST_F(FlashMmc, CopiesUpToThePartitionsSizeAndPrintsEachTenth) {
     }
     write_file(PART, std::string(image.size(), 'x'));
     write_file(IMAGE, image);
+    devices.write = [](int fd, std::string&) { EXPECT_NE(fcntl(fd, F_GETFL) & O_DSYNC, 0); };
     CapturedOutput output;
     EXPECT_EQ(flash_mmc_write_partition("kernel", IMAGE), 0);
+    devices = {};
     EXPECT_EQ(without_source_lines(output.take()), expected + report + "write flash complete!!\n");
     EXPECT_TRUE(read_file(PART) == image);
     write_file(IMAGE, image + "y");
@@ -68,6 +70,8 @@ TEST_F(FlashMmc, RangesThatCannotBeAreRefusedAndAShortPackageIsNot) {
     EXPECT_EQ(flash_mmc_write_partition_by_offset("kernel", IMAGE, 45536, 40000), 0);
     EXPECT_NE(output.take().find("progress 50%.\nhal"), std::string::npos);
     EXPECT_TRUE(read_file(PART) == PACKAGE.substr(45536) + OLD.substr(20000));
+    EXPECT_EQ(flash_mmc_erase_write_partion_by_offset("kernel", IMAGE, 7, 40967), 0);
+    EXPECT_TRUE(read_file(PART) == PACKAGE.substr(7, 40960));
 }
 
 TEST_F(FlashMmc, EraseOfABlockDeviceIsOneRequestAndElseWritesZeros) {

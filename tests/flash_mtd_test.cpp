@@ -102,7 +102,7 @@ TEST_F(FlashMtd, RangesAreCheckedAgainstPackageAndPartition) {
 TEST_F(FlashMtd, PartitionsAreFoundByWholeNameAtEitherPath) {
     write_file("/tmp/proc_mtd",
                "\"\n\nmtd7: 1 2 noname\nmtd8: 1 2 \"\"\nmtd9: 1 2 \"open\nmtd3: 1 2 \"" +
-                   std::string(70, 'n') + "\"root\"\"\n" + TABLE + "mtd4: 1 2 \"last\"");
+                   std::string(70, 'n') + "\"root\"\n" + TABLE + "mtd4: 1 2 \"last\"");
     const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"root", {"/proc/mtd", "/dev/mtd/12"}},
         {"rootfs", {"/proc/mtd", "/dev/mtd/0", "/dev/mtd0"}},

@@ -29,7 +29,7 @@ extern Devices devices;
 // Counts calls and lets the faults happen, from construction to destruction. One at a time.
 class Faults {
   public:
-    explicit Faults(std::vector<Fault> faults);
+    explicit Faults(std::vector<Fault> wanted);
     ~Faults();
     Faults(const Faults&) = delete;
     Faults& operator=(const Faults&) = delete;
