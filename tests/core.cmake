@@ -11,7 +11,7 @@ corvo_program(corvo_upgrade_on_desk SOURCES ${PROJECT_SOURCE_DIR}/ota/main.cpp s
 set_target_properties(corvo_upgrade_on_desk PROPERTIES OUTPUT_NAME corvo_upgrade
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/desk)
 target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
-foreach(call sleep open64 fopen64 read write lseek64 fstat64 lstat64 ioctl fsync fdatasync remove
+foreach(call sleep usleep pthread_cond_timedwait open64 fopen64 read write lseek64 fstat64 lstat64 ioctl fsync fdatasync remove
         msgget msgrcv msgctl socket connect send calloc pthread_create)
   target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--wrap=${call})
 endforeach()
@@ -25,4 +25,15 @@ add_dependencies(test_camera corvo_upgrade corvo_upgrade_on_desk)
 
 corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera log PkgConfig::NANOMSG)
 
+corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera PkgConfig::NANOMSG)
 corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)
+corvo_test(sweep_test SOURCES sweep_test.cpp LINK test_camera TIMEOUT 600)
+
+# The same program once more under valgrind, where nothing else instruments it.
+find_program(VALGRIND valgrind)
+if(VALGRIND AND NOT CORVO_SANITIZE)
+  add_test(NAME Upgrade.UnderValgrind
+           COMMAND upgrade_test
+                   --gtest_filter=*OtherPackage*:*Missing*:*AutoFlash*:*ReadBack*:*Unterminated*)
+  set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=1 TIMEOUT 300)
+endif()

@@ -259,6 +259,15 @@ TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
              m.id = ~m.id;
              reply(c, m, "9", 1);
          }},
+        {"the right reply twice, and before it a flood",
+         [](int c, SystemCallDbusMsg m) {
+             SystemCallDbusMsg other = m;
+             other.id = ~m.id;
+             for (int i = 0; i < 2000; ++i) {
+                 reply(c, other, "9", 1);
+             }
+             reply(c, m, "7", 1);
+         }},
         {"a method without terminator",
          [](int c, SystemCallDbusMsg m) {
              memset(m.method, 'm', sizeof(m.method));
@@ -278,6 +287,29 @@ TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
         ASSERT_EQ(system_call_init(), DBUS_OK);
         EXPECT_EQ(system_call("x", 3000), 7) << name;
         system_call_exit();
+    }
+}
+
+TEST_F(Dbus, ConnectionClosedAnywhereInAReplyCostsThatCallOnly) {
+    std::atomic<size_t> cutAt{0};
+    const HostileServer server([&cutAt](int client) {
+        SystemCallDbusMsg call = {};
+        while (receive_call(client, &call)) {
+            memcpy(call.data, "7", 1);
+            call.len = 1;
+            const bool whole = cutAt == sizeof(call);
+            send(client, &call, cutAt, MSG_NOSIGNAL);
+            if (!whole) {
+                return;
+            }
+        }
+    });
+    ASSERT_EQ(system_call_init(), DBUS_OK);
+    for (const size_t cut : {0, 1, 3, 4, 7, 100, 212, 1235}) {
+        cutAt = cut;
+        EXPECT_EQ(system_call("x", 100), DBUS_CALL_FAILED) << cut;
+        cutAt = sizeof(SystemCallDbusMsg);
+        EXPECT_EQ(system_call("x", 3000), 7) << cut;
     }
 }
 

@@ -186,6 +186,10 @@ void Camera::start(const std::map<std::string, std::string>& plan, bool asDelive
         }
         dup2(output_.get(), STDOUT_FILENO);
         const char* const program = asDelivered ? SERVICE_PROGRAM : SERVICE_PROGRAM_ON_DESK;
+        if (getenv("CORVO_VALGRIND") != nullptr) {
+            execlp("valgrind", "valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full",
+                   "--errors-for-leak-kinds=definite", "--show-leak-kinds=definite", program, nullptr);
+        }
         execl(program, program, nullptr);
         _exit(127);
     }

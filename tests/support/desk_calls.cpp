@@ -7,7 +7,9 @@
 //   CORVO_FAULT=CALL:N:E    the Nth CALL fails with errno E; CALL:N+:E from the Nth on; E = 0: it
 //                           moves one byte only
 //   CORVO_CRASH=N           the Nth record sent ends in abort(), with the endpoint lock held
+//   CORVO_HURRY=1           waits for replies take a fortieth of their time
 //   CORVO_FLIP=N            the Nth write of image data to a partition stores a wrong bit; 0: each
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -19,6 +21,7 @@
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,6 +35,7 @@ struct Plan {
     long tear;
     long flip;
     long crash;
+    bool hurry;
     char call[16];
     int ordinal;
     bool onwards;
@@ -39,8 +43,10 @@ struct Plan {
 };
 
 std::atomic<long> g_changes{0};
+std::atomic<long> g_writes{0};
 std::atomic<long> g_image_writes{0};
 std::atomic<long> g_sends{0};
+std::atomic<int> g_struck{0};
 std::atomic<int> g_calls{0};  // of the call that the plan names
 
 long number_of(const char* name) {
@@ -55,6 +61,7 @@ __attribute__((constructor)) void read_plan() {
     g_plan.tear = number_of("CORVO_TEAR");
     g_plan.flip = number_of("CORVO_FLIP");
     g_plan.crash = number_of("CORVO_CRASH");
+    g_plan.hurry = number_of("CORVO_HURRY") > 0;
     const char* const fault = getenv("CORVO_FAULT");
     if (fault == nullptr) {
         return;
@@ -66,18 +73,28 @@ __attribute__((constructor)) void read_plan() {
     }
 }
 
+__attribute__((destructor)) void report() {
+    int descriptors = 0;
+    DIR* const directory = opendir("/proc/self/fd");
+    while (readdir(directory) != nullptr) {
+        ++descriptors;
+    }
+    closedir(directory);
+    FILE* const file = fopen("/tmp/desk_report", "w");
+    fprintf(file, "%d %d", g_struck.load(), descriptors);
+    fclose(file);
+}
+
 [[noreturn]] void cut_power() {
     kill(getpid(), SIGKILL);
     _exit(1);
 }
 
-// Counts an operation that changes the world outside; returns whether it is to be torn.
-bool change() {
-    const long number = ++g_changes;
-    if (number == g_plan.cut) {
+// Counts an operation that changes the world outside.
+void change() {
+    if (++g_changes == g_plan.cut) {
         cut_power();
     }
-    return number == g_plan.tear;
 }
 
 // Whether this call is to go wrong. With an errno to set it is set.
@@ -87,7 +104,8 @@ bool struck(const char* call) {
     }
     const int number = ++g_calls;
     const bool now = number == g_plan.ordinal || (g_plan.onwards && number > g_plan.ordinal);
-    if (now && g_plan.error != 0) {
+    if (now) {
+        ++g_struck;
         errno = g_plan.error;
     }
     return now;
@@ -128,12 +146,36 @@ DESK_CALL(int, socket, (int domain, int type, int protocol), (domain, type, prot
 DESK_CALL(int, connect, (int fd, const sockaddr* address, socklen_t size), (fd, address, size),
           false)
 DESK_CALL(int, msgget, (key_t key, int flags), (key, flags), false)
-DESK_CALL(int, msgrcv, (int id, void* to, size_t size, long type, int flags),
+DESK_CALL(ssize_t, msgrcv, (int id, void* to, size_t size, long type, int flags),
           (id, to, size, type, flags), false)
 DESK_CALL(int, lstat64, (const char* path, struct stat* status), (path, status), false)
 
-unsigned __wrap_sleep(unsigned /*seconds*/) {
+
+// Polls and retries stay polls and retries, only quicker ones.
+int __real_usleep(unsigned microseconds);
+int __wrap_usleep(unsigned microseconds) {
+    return __real_usleep(microseconds / 10);
+}
+unsigned __wrap_sleep(unsigned seconds) {
+    __real_usleep(seconds * 1000);
     return 0;
+}
+
+int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const timespec* deadline);
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const timespec* deadline) {
+    if (!g_plan.hurry) {
+        return __real_pthread_cond_timedwait(condition, mutex, deadline);
+    }
+    timespec soon = {};
+    clock_gettime(CLOCK_MONOTONIC, &soon);
+    const long long leftMs =
+        (deadline->tv_sec - soon.tv_sec) * 1000LL + (deadline->tv_nsec - soon.tv_nsec) / 1000000;
+    const long long nanoseconds = soon.tv_nsec + leftMs * 25000;
+    soon.tv_sec += nanoseconds / 1000000000;
+    soon.tv_nsec = nanoseconds % 1000000000;
+    return __real_pthread_cond_timedwait(condition, mutex, &soon);
 }
 
 int __real_open64(const char* path, int flags, mode_t mode);
@@ -179,7 +221,8 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
 
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    if (change()) {
+    change();
+    if (++g_writes == g_plan.tear) {
         __real_write(fd, data, size / 2);
         cut_power();
     }

@@ -1,0 +1,235 @@
+// Whole upgrades, cut or disturbed at every place where they can be. A place is named by its
+// number, so that a failure can be run again alone:
+//   --gtest_filter='*Files*' with CORVO_ONLY=17 in the environment sweeps place 17 only.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "camera.h"
+#include "files.h"
+#include "ota/ota_data.h"
+
+namespace {
+
+constexpr uint32_t KERNEL = 3;
+constexpr uint32_t ROOTFS = 4;
+constexpr int MANY = 100000;
+
+// Other keys hold their number, the last upgrade succeeded.
+const std::string OLD_RECORD = std::string("\x70\1\x72\x73\x74\3\x76", 7);
+const std::string KERNEL_IMAGE = pattern_bytes(40000, 1);
+const std::string ROOTFS_IMAGE = pattern_bytes(16384, 2);
+const std::string SUCCESS = "UPGRADE_LUMO_UGRADE_SUCCESS";
+
+enum class Mode { FILES, COMBINED, AUTO_FLASH };
+
+// One upgrade of two modules, with everything around it in its first state.
+class World {
+  public:
+    explicit World(Mode mode)
+        : mode_(mode), message_(Camera::request(mode == Mode::COMBINED, {KERNEL, ROOTFS})) {
+        write_file(OTA_DATA_PATH, OLD_RECORD);
+        if (mode == Mode::AUTO_FLASH) {
+            write_file("/tmp/autoflash", "");
+        }
+        if (mode != Mode::COMBINED) {
+            camera.put_image("kernel.bin", KERNEL_IMAGE);
+            camera.put_image("rootfs.img", ROOTFS_IMAGE);
+            return;
+        }
+        camera.put_image("all.pkg", KERNEL_IMAGE + ROOTFS_IMAGE);
+        message_.moduleInfo[0] = {.size = KERNEL_IMAGE.size(), .offset = 0};
+        message_.moduleInfo[1] = {.size = ROOTFS_IMAGE.size(), .offset = KERNEL_IMAGE.size()};
+    }
+    ~World() { remove("/tmp/autoflash"); }
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+
+    Outcome run(const std::map<std::string, std::string>& plan = {}) {
+        return camera.run(message_, plan);
+    }
+
+    [[nodiscard]] static bool written() {
+        return Camera::partition("kernel").compare(0, KERNEL_IMAGE.size(), KERNEL_IMAGE) == 0 &&
+               Camera::partition("rootfs").compare(0, ROOTFS_IMAGE.size(), ROOTFS_IMAGE) == 0;
+    }
+    [[nodiscard]] bool package_is_there() const {
+        return mode_ == Mode::COMBINED ? Camera::has("/media/mmcblk0p1/all.pkg")
+                                       : Camera::has("/media/mmcblk0p1/kernel.bin") &&
+                                             Camera::has("/media/mmcblk0p1/rootfs.img");
+    }
+    [[nodiscard]] static bool others_untouched() {
+        return std::all_of(std::begin(OTHERS), std::end(OTHERS), [](const char* name) {
+            return Camera::partition(name) == std::string(Camera::PARTITION_SIZE, 'o');
+        });
+    }
+    bool switch_asked() {
+        const std::vector<std::string> commands = camera.daemon->take_commands();
+        return std::any_of(commands.begin(), commands.end(), [](const std::string& command) {
+            return command.find("S99checkboot") != std::string::npos;
+        });
+    }
+    [[nodiscard]] std::string success_record() const {
+        std::string record = OLD_RECORD;
+        record[OTA_DATA_KEY_STATE] =
+            mode_ == Mode::AUTO_FLASH ? OTA_STATE_AUTO_FLASH_SUCCESS : OTA_STATE_SUCCESS;
+        return record;
+    }
+
+    Camera camera;
+
+  private:
+    static constexpr const char* OTHERS[] = {"spl",    "uboot",       "dtb",
+                                             "system", "ota_package", "misc"};
+    Mode mode_;
+    OtaMessage message_;
+};
+
+int only() {
+    const char* const text = getenv("CORVO_ONLY");
+    return text == nullptr ? 0 : static_cast<int>(strtol(text, nullptr, 10));
+}
+
+// The record's other keys hold their old values, as far as the file goes: one that is short was cut
+// while it was rewritten.
+void expect_other_keys_kept(const std::string& record) {
+    for (size_t key = 0; key < record.size(); ++key) {
+        if (key != OTA_DATA_KEY_RESULT && key != OTA_DATA_KEY_STATE) {
+            EXPECT_EQ(record[key], OLD_RECORD[key]) << "key " << key;
+        }
+    }
+}
+
+class PowerCut : public testing::TestWithParam<std::tuple<Mode, const char*>> {};
+
+TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
+    const auto [mode, kind] = GetParam();
+    bool complete = false;
+    for (int place = std::max(1, only()); !complete && place < MANY; ++place) {
+        SCOPED_TRACE(std::string(kind) + " " + std::to_string(place));
+        World world(mode);
+        const Outcome outcome = world.run({{kind, std::to_string(place)}});
+        complete = outcome.ended || only() != 0;
+        const bool resultStored = outcome.text.find("ota hal init end") != std::string::npos;
+        const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
+        const std::string record = read_file(OTA_DATA_PATH);
+        expect_other_keys_kept(record);
+        if (resultStored && !verdict) {
+            EXPECT_TRUE(record.size() < 2 || record[OTA_DATA_KEY_RESULT] != OTA_RESULT_SUCCEEDED);
+        }
+        EXPECT_TRUE(verdict || world.package_is_there());
+        EXPECT_TRUE(!world.switch_asked() || World::written());
+        EXPECT_TRUE(!verdict || World::written());
+        EXPECT_TRUE(World::others_untouched());
+        if (!verdict) {
+            EXPECT_NE(world.run().text.find(SUCCESS), std::string::npos) << "on the next run";
+            EXPECT_TRUE(World::written());
+            const std::string after = read_file(OTA_DATA_PATH);
+            ASSERT_EQ(after.size(), OTA_DATA_KEY_COUNT);
+            EXPECT_EQ(after[OTA_DATA_KEY_RESULT], OTA_RESULT_SUCCEEDED);
+            expect_other_keys_kept(after.substr(0, record.size()));
+        }
+        if (outcome.ended) {
+            EXPECT_EQ(record, world.success_record());
+            EXPECT_GT(place, 20) << "too few places: is anything counted?";
+        }
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
+}
+
+std::string cut_name(const testing::TestParamInfo<std::tuple<Mode, const char*>>& cut) {
+    static const char* const modes[] = {"Files", "Combined", "AutoFlash"};
+    return std::string(modes[static_cast<int>(std::get<0>(cut.param))]) +
+           (std::get<1>(cut.param) + strlen("CORVO_"));
+}
+
+using Cut = std::tuple<Mode, const char*>;
+INSTANTIATE_TEST_SUITE_P(Modes, PowerCut,
+                         testing::Values(Cut(Mode::FILES, "CORVO_CUT"),
+                                         Cut(Mode::COMBINED, "CORVO_CUT"),
+                                         Cut(Mode::AUTO_FLASH, "CORVO_CUT"),
+                                         Cut(Mode::FILES, "CORVO_TEAR")),
+                         cut_name);
+
+struct Disturbance {
+    const char* call;
+    int error;  // 0: a short transfer
+    bool onwards;
+    bool silencesDaemon;  // the reboot cannot be asked for while it lasts
+    Mode mode;
+};
+
+class Disturbed : public testing::TestWithParam<Disturbance> {};
+
+int reported(int which) {
+    int numbers[2] = {0, 0};
+    std::ifstream("/tmp/desk_report") >> numbers[0] >> numbers[1];
+    return numbers[which];
+}
+
+TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
+    const Disturbance d = GetParam();
+    World(d.mode).run();
+    const int descriptors = reported(1);
+    bool struck = true;
+    for (int place = std::max(1, only()); struck && place < MANY; ++place) {
+        SCOPED_TRACE(std::string(d.call) + " " + std::to_string(place));
+        World world(d.mode);
+        const std::string fault = std::string(d.call) + ":" + std::to_string(place) +
+                                  (d.onwards ? "+:" : ":") + std::to_string(d.error);
+        const Outcome outcome = world.run({{"CORVO_FAULT", fault}, {"CORVO_HURRY", "1"}});
+        EXPECT_TRUE(outcome.ended);
+        struck = reported(0) > 0 && only() == 0;
+        const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
+        EXPECT_TRUE(!verdict || World::written()) << "success, but not written";
+        EXPECT_TRUE(World::others_untouched());
+        EXPECT_LE(reported(1), descriptors) << "descriptors left open";
+        const std::vector<std::string> commands = world.camera.daemon->take_commands();
+        const bool client =
+            outcome.text.find("please run system_call_init first") == std::string::npos;
+        if (client && !d.silencesDaemon) {
+            EXPECT_EQ(commands.empty() ? "" : commands.back(), "reboot");
+        }
+        ASSERT_FALSE(testing::Test::HasFailure()) << outcome.text;
+    }
+}
+
+std::string disturbance_name(const testing::TestParamInfo<Disturbance>& fault) {
+    return std::string(fault.param.call) + std::to_string(fault.param.error) +
+           (fault.param.onwards ? "Onwards" : "Once");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, Disturbed,
+    testing::Values(Disturbance{"open", EIO, false, false, Mode::FILES},
+                    Disturbance{"open", EMFILE, true, false, Mode::FILES},
+                    Disturbance{"open", EROFS, true, false, Mode::COMBINED},
+                    Disturbance{"fopen", EMFILE, true, false, Mode::FILES},
+                    Disturbance{"read", EIO, false, false, Mode::FILES},
+                    Disturbance{"read", EINTR, false, false, Mode::FILES},
+                    Disturbance{"read", 0, false, false, Mode::COMBINED},
+                    Disturbance{"write", EIO, false, false, Mode::FILES},
+                    Disturbance{"write", ENOSPC, true, false, Mode::COMBINED},
+                    Disturbance{"write", 0, false, false, Mode::FILES},
+                    Disturbance{"write", 0, true, false, Mode::COMBINED},
+                    Disturbance{"lseek", EIO, false, false, Mode::FILES},
+                    Disturbance{"lseek", EIO, true, false, Mode::COMBINED},
+                    Disturbance{"fstat", EIO, false, false, Mode::FILES},
+                    Disturbance{"fstat", EIO, true, false, Mode::COMBINED},
+                    Disturbance{"fsync", EIO, true, false, Mode::FILES},
+                    Disturbance{"remove", EACCES, true, false, Mode::FILES},
+                    Disturbance{"msgrcv", EINTR, false, false, Mode::FILES},
+                    Disturbance{"msgctl", EPERM, true, false, Mode::FILES},
+                    Disturbance{"socket", EMFILE, false, false, Mode::FILES},
+                    Disturbance{"connect", ECONNREFUSED, false, false, Mode::FILES},
+                    Disturbance{"send", EPIPE, false, true, Mode::FILES},
+                    Disturbance{"send", 0, true, false, Mode::FILES},
+                    Disturbance{"calloc", ENOMEM, false, true, Mode::FILES},
+                    Disturbance{"pthread_create", EAGAIN, false, false, Mode::FILES}),
+    disturbance_name);
+
+}  // namespace
