@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ota/ota_package.h"
+#include "otactl/log_stream.h"
 
 constexpr const char* OTACTL = "otactl";
 
@@ -38,7 +39,6 @@ int send_combined(const SendOptions& options);
 
 // Shows the upgrade's stages until the service restarts the camera. `queue` and `messageType` name
 // the request, which is taken back if the service does not pick it up. Blocks.
-class LogStream;
 int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& modules,
                    bool readsBack, int queue, long messageType);
 
