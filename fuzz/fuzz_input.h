@@ -1,0 +1,40 @@
+// Takes a fuzz input apart, front to back.
+#ifndef FUZZ_FUZZ_INPUT_H
+#define FUZZ_FUZZ_INPUT_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+struct FuzzInput {
+    const uint8_t* data;
+    size_t size;
+
+    uint8_t byte() {
+        if (size == 0) {
+            return 0;
+        }
+        --size;
+        return *data++;
+    }
+    // Copies what is left, at most `wanted` bytes; returns how many.
+    size_t bytes(void* to, size_t wanted) {
+        const size_t taken = std::min(wanted, size);
+        memcpy(to, data, taken);
+        data += taken;
+        size -= taken;
+        return taken;
+    }
+};
+
+// Ends the run: what must hold does not.
+inline void fuzz_expect(bool condition) {
+    if (!condition) {
+        abort();
+    }
+}
+
+#endif  // FUZZ_FUZZ_INPUT_H

@@ -1,0 +1,79 @@
+// Writes a few well-formed inputs per fuzz target below a folder, so that the fuzzers begin where
+// the formats are already met.
+#include <string.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <string>
+
+#include "dbus/system_call.h"
+#include "ota/ota_message.h"
+
+namespace {
+
+std::string g_folder;
+
+void seed(const std::string& target, const std::string& name, const std::string& content) {
+    mkdir((g_folder + "/" + target).c_str(), 0755);
+    std::ofstream(g_folder + "/" + target + "/" + name, std::ios::binary) << content;
+}
+
+template <typename Record>
+std::string bytes_of(const Record& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof(record)};
+}
+
+// The record in pieces, each behind the byte that says how long it is.
+std::string in_pieces(const std::string& record, uint8_t eighths) {
+    std::string pieces;
+    for (size_t at = 0; at < record.size(); at += 1U + eighths * 8U) {
+        pieces += static_cast<char>(eighths);
+        pieces += record.substr(at, 1U + eighths * 8U);
+    }
+    return pieces;
+}
+
+void record_seeds() {
+    SystemCallDbusMsg record = {};
+    record.head = SYSTEM_CALL_DBUS_HEAD;
+    record.id = 0x01020304;
+    record.type = SYSTEM_CALL_DBUS_TYPE_METHOD;
+    memcpy(record.method, SYSTEM_CALL_METHOD, sizeof(SYSTEM_CALL_METHOD));
+    record.len = 1;
+    record.data[0] = '0';
+    for (const char* target : {"fuzz_client_reader", "fuzz_server_reader"}) {
+        seed(target, "whole", in_pieces(bytes_of(record), 255));
+        seed(target, "pieces", in_pieces(bytes_of(record) + bytes_of(record), 20));
+        seed(target, "late_head", in_pieces("junk" + bytes_of(record), 40));
+    }
+}
+
+void request_seeds() {
+    OtaMessage message = {};
+    memcpy(message.packageDir, "/tmp/", sizeof("/tmp/"));
+    message.moduleCount = 2;
+    message.moduleTypes[0] = 3;
+    message.moduleTypes[1] = 4;
+    message.moduleInfo[1] = {.size = 5, .offset = 6};
+    memcpy(message.packageFile, "all.pkg", sizeof("all.pkg"));
+    const std::string yes("\xFF\xFF\xFF\xFF", 4);
+    seed("fuzz_request", "files", yes + bytes_of(message));
+    message.packageType = OTA_PACKAGE_TYPE_COMBINED;
+    seed("fuzz_request", "combined", yes + bytes_of(message));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        return 64;
+    }
+    g_folder = argv[1];
+    mkdir(g_folder.c_str(), 0755);
+    record_seeds();
+    request_seeds();
+    seed("fuzz_mtd_table", "line", "mtd3: 00080000 00020000 \"kernel\"\n");
+    seed("fuzz_log_line", "text", "moduleType %d %s %n");
+    seed("fuzz_manifest", "manifest", "# a package\nkernel 0 100 0123abcd\nrootfs 100 5\n");
+    return 0;
+}
