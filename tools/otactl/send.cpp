@@ -101,7 +101,7 @@ int check_module(const ManifestModule& module, const std::string& path, uint64_t
         return wrong_use("cannot read " + path + ": " + strerror(errno));
     }
     while (left > 0) {
-        const size_t wanted = std::min<uint64_t>(left, buffer.size());
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, buffer.size()));
         if (fread(buffer.data(), 1, wanted, package) != wanted) {
             return wrong_use("cannot read " + path + ": " + strerror(errno));
         }
