@@ -1,0 +1,39 @@
+# Tests built for the camera's processor run under qemu-user, but a program that they start does
+# not: the kernel of the desk knows nothing of its processor. So what they start is a script that
+# starts the emulator under the program's own name, which the program finds in /proc/self/comm.
+# EMULATED_PROGRAM in the environment starts another build of it, with another C library.
+if(NOT CMAKE_CROSSCOMPILING)
+  return()
+endif()
+
+find_program(QEMU_ARM qemu-arm-static REQUIRED)
+set(emulator_folder ${CMAKE_CURRENT_BINARY_DIR}/emulator)
+
+# emulated_script(TARGET SCRIPT): writes it for a target and puts its path into SCRIPT.
+function(emulated_script target script)
+  set(path ${emulator_folder}/start_${target})
+  file(MAKE_DIRECTORY ${emulator_folder}/${target})
+  get_target_property(name ${target} OUTPUT_NAME)
+  if(NOT name)
+    set(name ${target})
+  endif()
+  file(CREATE_LINK ${QEMU_ARM} ${emulator_folder}/${target}/${name} SYMBOLIC)
+  file(GENERATE OUTPUT ${path}
+       CONTENT "#!/bin/sh
+exec ${emulator_folder}/${target}/${name} -L ${CORVO_SYSROOT}/root \"\${EMULATED_PROGRAM:-$<TARGET_FILE:${target}>}\" \"$@\"
+"
+       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
+                        WORLD_EXECUTE)
+  set(${script} ${path} PARENT_SCOPE)
+endfunction()
+
+emulated_script(corvo_upgrade service)
+emulated_script(corvo_upgrade_on_desk service_on_desk)
+set_target_properties(test_camera PROPERTIES COMPILE_DEFINITIONS
+  "SERVICE_PROGRAM=\"${service}\";SERVICE_PROGRAM_ON_DESK=\"${service_on_desk}\"")
+if(TARGET tools_test)
+  emulated_script(otactl otactl_script)
+  emulated_script(system_call_daemon daemon_script)
+  set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
+    "OTACTL=\"${otactl_script}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
+endif()
