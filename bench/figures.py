@@ -1,0 +1,225 @@
+"""The timed figures. Every one is a ratio of two things run in turn; see pairs.py."""
+import json
+import statistics
+import subprocess
+from pathlib import Path
+
+import rivals
+import world
+from pairs import Row, in_kib, in_ns, in_seconds, run_rounds
+from world import MIB, Camera, Programs, measured, total
+
+START, WRITTEN, COMPARED = " start, moudle type", "upgrade success", "read verify success"
+
+
+class Module:
+    """One module of `size` bytes on the block device of `room` bytes."""
+
+    def __init__(self, programs: Programs, camera: Camera, device: str, size: int, room: int):
+        self.programs, self.camera, self.device, self.size = programs, camera, device, size
+        self.image = world.random_image("new", size)
+        self.old = world.random_image("old", room)
+        world.set_partition("kernel", device)
+
+    def service(self) -> dict[str, float]:
+        """From the module's first line to its last. The CPU time is that of the whole process, and
+        so is the memory."""
+        world.fill(self.device, self.old)
+        run = self.camera.upgrade(self.image)
+        return {**run.taken, "wall": run.between(START, COMPARED),
+                "copy": run.between(START, WRITTEN)}
+
+    def combined(self) -> dict[str, float]:
+        world.fill(self.device, self.old)
+        run = self.camera.upgrade_combined(self.image)
+        return {**run.taken, "wall": run.between(START, WRITTEN)}
+
+    def dd(self, *options: str) -> dict[str, float]:
+        """Onto an erased partition, as the service's own copy; then the comparison."""
+        world.fill(self.device, self.old)
+        world.erase(self.device)
+        copy = measured(self.programs, ["dd", f"if={self.image}", f"of={self.device}", *options])
+        return total(copy, self.cmp())
+
+    def cmp(self) -> dict[str, float]:
+        world.drop_cache(self.device)
+        return measured(self.programs, ["cmp", "-n", str(self.size), self.image, self.device])
+
+    def compare(self) -> dict[str, float]:
+        world.drop_cache(self.device)
+        return measured(self.programs,
+                        [self.programs.bench / "partition", "compare", "kernel", self.image])
+
+    def rival(self, other) -> dict[str, float]:
+        world.fill(self.device, self.old)
+        return other.run(self.programs)
+
+
+def module_figures(module: Module, where: str, seconds: float, only_dd: bool) -> list[Row]:
+    what = f"{module.size // MIB} MiB, {where}: "
+    things = {"ours": module.service,
+              "dd": lambda: module.dd("bs=16k", "oflag=dsync", "conv=notrunc")}
+    lacking = {"swupdate": rivals.missing(*rivals.Swupdate.needs),
+               "rauc": rivals.missing(*rivals.Rauc.needs)}
+    if not only_dd:
+        things["dd 1M"] = lambda: module.dd("bs=1M", "conv=fsync,notrunc")
+        things["combined"] = module.combined
+        for name, rival in (("swupdate", rivals.Swupdate), ("rauc", rivals.Rauc)):
+            if not lacking[name]:
+                other = rival(module.image, module.device)
+                things[name] = lambda other=other: module.rival(other)
+    rounds = run_rounds(things, "wall", seconds)
+    rows = [rounds.row(what + "wall / dd bs=16k oflag=dsync, cmp", "ours", "dd", "wall", in_seconds,
+                       1.03),
+            rounds.row(what + "CPU / dd bs=16k oflag=dsync, cmp", "ours", "dd", "cpu", in_seconds,
+                       1.0)]
+    if only_dd:
+        return rows
+    rows.append(rounds.row(what + "combined mode / files mode without read-back", "combined",
+                           "ours", "wall", in_seconds, 1.03, "copy"))
+    rows.append(rounds.row(what + "wall / dd bs=1M conv=fsync, cmp", "ours", "dd 1M", "wall",
+                           in_seconds))
+    for name, wall, memory in (("swupdate", 1.0, 0.15), ("rauc", None, None)):
+        if lacking[name]:
+            rows.append(Row(f"{what}wall and peak memory / {name}", note=lacking[name]))
+            continue
+        row = rounds.row(f"{what}wall / {name}", "ours", name, "wall", in_seconds, wall)
+        if row.verdict() == "NO":
+            row.floor = statistics.median(rounds.ratios("dd", name, "wall"))
+            row.note = "floor: dd bs=16k oflag=dsync, cmp"
+        rows.append(row)
+        rows.append(rounds.row(f"{what}peak memory / {name}", "ours", name, "peak", in_kib,
+                               memory))
+    return rows
+
+
+def peak_memory(module: Module) -> Row:
+    peaks = [module.service()["peak"] for _ in range(5)]
+    return Row("peak memory of an upgrade", value=round(statistics.median(peaks) / 1024, 2),
+               goal=2.5, unit="MiB")
+
+
+def read_back(module: Module, where: str) -> Row:
+    world.fill(module.device, module.image)
+    rounds = run_rounds({"ours": module.compare, "cmp": module.cmp}, seconds=15)
+    return rounds.row(f"{module.size // MIB} MiB, {where}: read-back comparison / cmp", "ours",
+                      "cmp", "wall", in_seconds, 1.0)
+
+
+def growth(programs: Programs, camera: Camera, device: str, where: str) -> list[Row]:
+    """Wall time over size as a straight line, by the least squares of the relative distances."""
+    sizes = [16, 64, 256]
+    modules = {str(s): Module(programs, camera, device, s * MIB, sizes[-1] * MIB) for s in sizes}
+    rounds = run_rounds({name: module.service for name, module in modules.items()}, seconds=25)
+    walls = [rounds.median(name, "wall") for name in modules]
+    # Weighted normal equations of wall = a + b * size with weights 1 / wall^2.
+    weights = [1 / wall ** 2 for wall in walls]
+    sums = [sum(w * s ** power for w, s in zip(weights, sizes)) for power in range(3)]
+    right = [sum(w * y * s ** power for w, s, y in zip(weights, sizes, walls))
+             for power in range(2)]
+    determinant = sums[0] * sums[2] - sums[1] ** 2
+    base = (right[0] * sums[2] - right[1] * sums[1]) / determinant
+    slope = (sums[0] * right[1] - sums[1] * right[0]) / determinant
+    off = max(abs(base + slope * s - y) / y for s, y in zip(sizes, walls))
+    peaks = [rounds.median(name, "peak") for name in modules]
+    shown = ", ".join(in_seconds(wall) for wall in walls)
+    memory = ", ".join(f"{peak:.0f}" for peak in peaks)
+    return [Row(f"16, 64, 256 MiB, {where}: wall off a straight line", value=round(off * 100, 2),
+                goal=5, unit="%", note=shown),
+            Row(f"16, 64, 256 MiB, {where}: peak memory grows by", value=max(peaks) - min(peaks),
+                goal=64, unit="KiB", note=f"{memory} KiB")]
+
+
+def erasing(programs: Programs, device: str, size: int, where: str) -> Row:
+    old = world.random_image("old", size)
+    world.set_partition("erased", device)
+
+    def zeroed_by(*command) -> dict[str, float]:
+        world.fill(device, old)
+        return measured(programs, list(command))
+
+    def zeroed_and_flushed() -> dict[str, float]:
+        return total(zeroed_by("blkdiscard", "-f", "-z", device),
+                     measured(programs, ["sync", "-d", device]))
+
+    rounds = run_rounds({"ours": lambda: zeroed_by(programs.bench / "partition", "erase", "erased"),
+                         "blkdiscard": lambda: zeroed_by("blkdiscard", "-f", "-z", device),
+                         "flushed": zeroed_and_flushed}, seconds=20)
+    row = rounds.row(f"{size // MIB} MiB, {where}: erase / blkdiscard -z", "ours", "blkdiscard",
+                     "wall", in_seconds, 1.1)
+    if row.verdict() == "NO":
+        row.floor = statistics.median(rounds.ratios("flushed", "blkdiscard", "wall"))
+        row.note = "floor: blkdiscard -z and a flush, sync -d"
+    return row
+
+
+def request_figures(programs: Programs, camera: Camera) -> list[Row]:
+    """Of the service whose pauses take no time, against the daemon that answers at once."""
+    image = world.random_image("new", 16384)
+    world.set_partition("kernel", "/run/small")
+    Path("/run/small").write_bytes(bytes(16384))
+    starts, requests, flushes = [], [], []
+    for _ in range(11):
+        subprocess.run(["sync"], check=True)  # what others left to be written is not ours
+        run = camera.upgrade(image)
+        starts.append(run.when("ota wait for ota message") - run.started)
+        requests.append(run.ended - run.when("UPGRADE_LUMO_RECV_MSG"))
+        flushes.append(run.when("umount disk") - [t for t, line in run.lines
+                                                  if "delete file" in line][-1])
+    start, request = statistics.median(starts) * 1000, statistics.median(requests) * 1000
+    flush = statistics.median(flushes) * 1000
+    return [Row("start to waiting for a request, less its fixed pauses", value=round(start, 1),
+                goal=15, unit="ms"),
+            Row("a request with one 16 KiB module, less the fixed pauses", value=round(request, 1),
+                goal=60, unit="ms", note=f"{flush:.1f} ms of it is the flush of all file systems")]
+
+
+def benchmark(program: Path, name: str, key: str) -> dict[str, float]:
+    """One run of one micro-benchmark; `key` is what of its results counts."""
+    out = Path("/tmp/benchmark.json")
+    subprocess.run([program, f"--benchmark_filter=^{name}$", f"--benchmark_out={out}",
+                    "--benchmark_min_time=0.2"], check=True, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL)
+    return {"time": json.loads(out.read_text())["benchmarks"][0][key]}
+
+
+def log_figures(programs: Programs) -> list[Row]:
+    """CPU time, of which one thread spends all: waiting for others is not what is asked."""
+    names = ("line_of_service", "line_by_hand", "line_by_hand_with_time", "line_below_level",
+             "line_to_empty_call")
+    rounds = run_rounds({name: lambda name=name: benchmark(programs.bench / "log_benchmark", name,
+                                                           "cpu_time") for name in names},
+                        "time", seconds=25)
+    line = rounds.row("log line / snprintf, write, nn_send", names[0], names[1], "time", in_ns,
+                      1.15)
+    if line.verdict() == "NO":
+        line.floor = statistics.median(rounds.ratios(names[2], names[1], "time"))
+        line.note = "floor: the same with the time looked up"
+    below = [a["time"] - b["time"]
+             for a, b in zip(rounds.taken[names[3]], rounds.taken[names[4]])]
+    return [line,
+            rounds.row("log line / the same with the time looked up", names[0], names[2], "time",
+                       in_ns),
+            Row("log line below the level, more than an empty call",
+                in_ns(rounds.median(names[3], "time")), in_ns(rounds.median(names[4], "time")),
+                round(statistics.median(below), 2), 3, unit="ns")]
+
+
+def call_figures(programs: Programs) -> list[Row]:
+    rows = []
+    for callers in (1, 8):
+        names = [f"{name}/real_time/threads:{callers}"
+                 for name in ("method_call", "ping_pong", "bare_threads")]
+        rounds = run_rounds({name: lambda name=name: benchmark(programs.bench / "call_benchmark",
+                                                               name, "real_time")
+                             for name in names}, "time", seconds=20)
+        figure = f"method call, {callers} caller{'s' if callers > 1 else ''}"
+        row = rounds.row(f"{figure} / ping-pong on a socket pair", names[0], names[1], "time",
+                         in_ns, 1.5)
+        if row.verdict() == "NO":
+            row.floor = statistics.median(rounds.ratios(names[2], names[1], "time"))
+            row.note = "floor: its threads' bare calls"
+        rows.append(row)
+        rows.append(rounds.row(f"{figure} / its threads' bare calls", names[0], names[2], "time",
+                               in_ns))
+    return rows

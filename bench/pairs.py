@@ -1,0 +1,104 @@
+"""Figures as ratios of two things run in turn: A B A B ..., so that whatever else the machine does
+meets both alike."""
+import statistics
+import time
+from dataclasses import dataclass
+
+LEAST_PAIRS = 5
+STABLE = 0.02  # a median whose spread is within this needs no more pairs
+
+
+@dataclass
+class Row:
+    """One line of the table. Without `value` it says why there is none."""
+
+    figure: str
+    ours: str = ""
+    baseline: str = ""
+    value: float | None = None  # what the goal is compared with: a ratio, or a plain number
+    goal: float | None = None
+    unit: str = ""  # of a plain number; a ratio has none
+    floor: float | None = None  # what the bare calls that must be made give
+    counted: bool = False  # does not depend on how busy the machine is
+    note: str = ""
+
+    def verdict(self) -> str:
+        if self.value is None:
+            return "skipped"
+        if self.goal is None:
+            return "shown"
+        if self.value <= self.goal + 1e-9:
+            return "yes"
+        return "floor" if self.floor is not None and self.floor > self.goal else "NO"
+
+
+class Rounds:
+    """What several things took that ran in turn, per thing and round: a dict of "wall", "cpu" and
+    so on. A ratio is taken within a round, and the median is over the rounds."""
+
+    def __init__(self):
+        self.taken: dict[str, list[dict[str, float]]] = {}
+
+    def median(self, thing: str, name: str) -> float:
+        return statistics.median(round[name] for round in self.taken[thing])
+
+    def ratios(self, ours: str, baseline: str, name: str, baseline_name: str = "") -> list[float]:
+        return [a[name] / b[baseline_name or name]
+                for a, b in zip(self.taken[ours], self.taken[baseline])]
+
+    def row(self, figure: str, ours: str, baseline: str, name: str, show, goal=None,
+            baseline_name: str = "", **more) -> Row:
+        return Row(figure, show(self.median(ours, name)),
+                   show(self.median(baseline, baseline_name or name)),
+                   statistics.median(self.ratios(ours, baseline, name, baseline_name)), goal,
+                   **more)
+
+
+def spread(values: list[float]) -> float:
+    """How far the median may be off: half the distance of the quartiles, as a part of it."""
+    quarters = statistics.quantiles(values, n=4)
+    return (quarters[2] - quarters[0]) / 2 / statistics.median(values) / len(values) ** 0.5
+
+
+def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int = 41) -> Rounds:
+    """Runs all in turn, each a procedure that returns what it took: LEAST_PAIRS rounds, then on
+    until the ratio of the first two in `name` is stable or the time is used up."""
+    rounds = Rounds()
+    ours, baseline = list(things)[:2]
+    end = time.monotonic() + seconds
+    for count in range(1, most + 1):
+        for thing, run in things.items():
+            rounds.taken.setdefault(thing, []).append(run())
+        if count < LEAST_PAIRS:
+            continue
+        if spread(rounds.ratios(ours, baseline, name)) < STABLE or time.monotonic() > end:
+            break
+    return rounds
+
+
+def in_seconds(value: float) -> str:
+    return f"{value * 1000:.1f} ms" if value < 1 else f"{value:.2f} s"
+
+
+def in_kib(value: float) -> str:
+    return f"{value:.0f} KiB"
+
+
+def in_ns(value: float) -> str:
+    return f"{value:.1f} ns" if value < 100 else f"{value / 1000:.2f} us"
+
+
+def print_row(row: Row, file) -> None:
+    if row.value is None:
+        print(f"{row.figure}: skipped, {row.note}", file=file, flush=True)
+        return
+    number = f"{row.value:.3f}" if not row.unit else f"{row.value:g} {row.unit}"
+    goal = "-" if row.goal is None else f"<= {row.goal:g}"
+    floor = "" if row.floor is None else f" (floor {row.floor:.2f})"
+    note = f"  {row.note}" if row.note else ""
+    print(f"{row.figure:<66} {row.ours:>11} {row.baseline:>11} {number:>12} {goal:>9}  "
+          f"{row.verdict()}{floor}{note}", file=file, flush=True)
+
+
+def print_head(file) -> None:
+    print(f"{'figure':<66} {'ours':>11} {'baseline':>11} {'ratio':>12} {'goal':>9}  ok", file=file)

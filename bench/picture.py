@@ -1,0 +1,58 @@
+"""Where the time of an upgrade goes: stages of a run of the service as it is delivered, and their
+bar as SVG.
+
+    picture.py RESULT.json OUT.svg
+"""
+import json
+import sys
+from pathlib import Path
+
+# A stage ends with the first line that contains the text. The colour of its bar.
+STAGES = (
+    ("stop the applications (2 s pause)", "ota kill process end", "#8da0cb"),
+    ("prepare and check", " start, moudle type", "#e78ac3"),
+    ("erase", "flash_mmc_write_partition.", "#e5c494"),
+    ("copy", "upgrade success", "#fc8d62"),
+    ("read back", "read verify success", "#66c2a5"),
+    ("record, slot, delete, flush, settle (5 s pause)", "umount disk", "#a6d854"),
+    ("restart (1 s pause)", None, "#b3b3b3"),
+)
+
+
+def stages(camera, image, program) -> list[tuple[str, float]]:
+    run = camera.upgrade(image, program)
+    result, since = [], run.when("UPGRADE_LUMO_RECV_MSG")
+    for name, text, _ in STAGES:
+        at = run.ended if text is None else run.when(text)
+        result.append((name, at - since))
+        since = at
+    return result
+
+
+def draw(taken: list[tuple[str, float]], title: str) -> str:
+    width, left, top, height = 860, 20, 44, 46
+    whole = sum(seconds for _, seconds in taken)
+    colours = {name: colour for name, _, colour in STAGES}
+    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width + 2 * left}" '
+             f'height="{top + height + 34 + 22 * len(taken)}" font-family="sans-serif" '
+             f'font-size="14">',
+             '<rect width="100%" height="100%" fill="white"/>',
+             f'<text x="{left}" y="26" font-weight="bold">{title}</text>']
+    at = float(left)
+    for row, (name, seconds) in enumerate(taken):
+        wide = width * seconds / whole
+        parts.append(f'<rect x="{at:.1f}" y="{top}" width="{max(wide, 0.5):.1f}" '
+                     f'height="{height}" fill="{colours[name]}"/>')
+        at += wide
+        y = top + height + 22 + 22 * row
+        parts.append(f'<rect x="{left}" y="{y - 2}" width="14" height="14" '
+                     f'fill="{colours[name]}"/>')
+        parts.append(f'<text x="{left + 24}" y="{y + 10}">{seconds:8.3f} s   {name}</text>')
+    return "\n".join(parts + ["</svg>", ""])
+
+
+if __name__ == "__main__":
+    result = json.loads(Path(sys.argv[1]).read_text())
+    Path(sys.argv[2]).write_text(draw(
+        result["stages"], f"One upgrade, one module of {result['size']} MiB, by stages "
+        f"({1000 * result['flush']:.2f} ms per synchronous 16 KiB)"))

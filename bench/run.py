@@ -1,0 +1,123 @@
+"""Runs all figures and prints the table; started by scripts/bench inside scripts/private_root.
+
+    run.py BUILD WORK [--quick]     BUILD: the build tree; WORK: a folder on disk
+"""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import time
+from dataclasses import asdict
+from pathlib import Path
+
+import counted
+import figures
+import picture
+from pairs import Row, print_head, print_row
+from world import MIB, Camera, Loops, Programs, fill, measured, random_image
+
+IDLE_SECONDS, IDLE_SECONDS_QUICK = 60, 5
+# A synchronous chunk costs what the disk's flush costs. A run must not take longer than this, or
+# five rounds of all programs do not fit into ten minutes; the image is halved until it does.
+LONGEST_RUN = 4.5  # seconds
+SIZES = (64, 32, 16, 8, 4)  # MiB
+
+
+def machine() -> list[str]:
+    cpu = [line.split(":")[1].strip() for line in Path("/proc/cpuinfo").read_text().splitlines()
+           if line.startswith("model name")]
+    memory = Path("/proc/meminfo").read_text().split()[1]
+    load = " ".join(Path("/proc/loadavg").read_text().split()[:3])
+    return [f"{len(cpu)} x {cpu[0] if cpu else os.uname().machine}, {int(memory) // 1024} MiB, "
+            f"Linux {os.uname().release}", f"load before the run: {load}"]
+
+
+def flush_time(programs: Programs, device: str) -> float:
+    """Seconds of one synchronous 16 KiB write."""
+    image = random_image("new", 4 * MIB)
+    fill(device, image)
+    return measured(programs, ["dd", f"if={image}", f"of={device}", "bs=16k", "oflag=dsync",
+                               "conv=notrunc"])["wall"] / 256
+
+
+def timed(programs: Programs, work: Path, show) -> dict:
+    camera, loops = Camera(programs), Loops()
+    facts: dict = {}
+    try:
+        for row in figures.log_figures(programs) + figures.call_figures(programs):
+            show(row)
+        for row in figures.request_figures(programs, camera):
+            show(row)
+        disk = loops.attach(work / "disk", 64 * MIB)
+        twice = loops.attach(work / "twice", 128 * MIB)
+        erased = loops.attach(work / "erased", 256 * MIB)
+        memory = loops.attach(Path("/run/memory"), 64 * MIB)
+        memory_large = loops.attach(Path("/run/memory_large"), 256 * MIB)
+
+        facts["flush"] = flush_time(programs, disk)
+        fits = [s for s in SIZES if s * 64 * facts["flush"] < LONGEST_RUN]
+        size = (fits or SIZES[-1:])[0] * MIB
+        facts["size"] = size // MIB
+        in_memory = figures.Module(programs, camera, memory, 64 * MIB, 64 * MIB)
+        for row in figures.module_figures(in_memory, "in memory", 40, only_dd=False):
+            show(row)
+        show(figures.peak_memory(in_memory))
+        for row in figures.growth(programs, camera, memory_large, "in memory"):
+            show(row)
+        on_disk = figures.Module(programs, camera, disk, size, 64 * MIB)
+        for row in figures.module_figures(on_disk, "on disk", 60, only_dd=False):
+            show(row)
+        wide = figures.Module(programs, camera, twice, size, 128 * MIB)
+        for row in figures.module_figures(wide, "on disk, twice the room", 40, only_dd=True):
+            show(row)
+        whole = figures.Module(programs, camera, disk, 64 * MIB, 64 * MIB)
+        show(figures.read_back(whole, "on disk"))
+        show(figures.erasing(programs, erased, 256 * MIB, "on disk"))
+        facts["stages"] = picture.stages(camera, figures.Module(programs, camera, disk, size,
+                                                                64 * MIB).image, programs.service)
+    except OSError as reason:
+        show(Row("figures on a block device", note=str(reason)))
+    finally:
+        camera.close()
+        loops.detach_all()
+    return facts
+
+
+def main() -> int:
+    arguments = argparse.ArgumentParser()
+    arguments.add_argument("build", type=Path)
+    arguments.add_argument("work", type=Path)
+    arguments.add_argument("--quick", action="store_true")
+    options = arguments.parse_args()
+    if not os.path.exists("/.private_root"):
+        sys.exit("run.py: for scripts/private_root only")
+    programs = Programs(options.build)
+    rows: list[Row] = []
+
+    def show(row: Row) -> None:
+        rows.append(row)
+        print_row(row, sys.stdout)
+
+    began = time.monotonic()
+    about = machine()
+    print("\n".join(about))
+    print_head(sys.stdout)
+    for row in counted.allocations(programs):
+        show(row)
+    show(counted.system_calls(programs))
+    for row in counted.size_and_libraries(programs):
+        show(row)
+    show(counted.idle(programs, IDLE_SECONDS_QUICK if options.quick else IDLE_SECONDS))
+    facts = {} if options.quick else timed(programs, options.work, show)
+
+    missed = [row.figure for row in rows if row.verdict() == "NO"]
+    print(f"{len(rows)} figures, {len(missed)} missed, {time.monotonic() - began:.0f} s")
+    if not options.quick:
+        (options.work / "result.json").write_text(json.dumps(
+            {"machine": about, **facts,
+             "rows": [{**asdict(row), "verdict": row.verdict()} for row in rows]}, indent=1))
+    return 1 if missed else 0
+
+
+sys.exit(main())
