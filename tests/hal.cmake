@@ -5,10 +5,8 @@ foreach(call open open64 fopen fopen64 lseek lseek64 fstat fstat64 read write io
   target_link_options(test_faults INTERFACE -Wl,--wrap=${call})
 endforeach()
 
-corvo_test(flash_faults_test SOURCES flash_faults_test.cpp LINK test_faults pal hal_flash)
-corvo_test(flash_mmc_test SOURCES flash_mmc_test.cpp LINK test_faults hal_flash)
-corvo_test(flash_mtd_test SOURCES flash_mtd_test.cpp LINK test_faults hal_flash)
-target_include_directories(flash_mtd_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/flash)
+corvo_test(flash_test SOURCES flash_test.cpp LINK test_faults pal hal_flash)
+target_include_directories(flash_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/flash)
 corvo_test(led_gpio_test SOURCES led_gpio_test.cpp LINK test_faults hal_led hal_gpio)
 target_include_directories(led_gpio_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/led)
 
