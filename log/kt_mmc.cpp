@@ -7,6 +7,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "log/log_producer.h"
 
 namespace {
@@ -72,9 +74,14 @@ uint32_t KT_mmcPutTopic(const char* topic, char* buffer, uint32_t capacity) {
     if (topic == nullptr || buffer == nullptr) {
         return LOG_PRODUCER_MISSING_ARGUMENT;
     }
-    if (capacity < strlen(topic) + strlen(CORVO_LOG_TOPIC_SEPARATOR)) {
+    const size_t topicLength = strlen(topic);
+    const size_t length = topicLength + strlen(CORVO_LOG_TOPIC_SEPARATOR);
+    if (capacity < length) {
         return LOG_PRODUCER_BUFFER_TOO_SMALL;
     }
-    snprintf(buffer, capacity, "%s%s", topic, CORVO_LOG_TOPIC_SEPARATOR);
+    memcpy(buffer, topic, topicLength);
+    // The separator's own NUL goes along where there is room.
+    memcpy(buffer + topicLength, CORVO_LOG_TOPIC_SEPARATOR,
+           std::min<size_t>(capacity - topicLength, sizeof(CORVO_LOG_TOPIC_SEPARATOR)));
     return LOG_PRODUCER_OK;
 }

@@ -16,6 +16,30 @@ std::atomic<uint32_t> g_log_level{LOG_LEVEL_ORDINARY};
 std::atomic<uint8_t> g_output_force_init{0};
 std::atomic<uint8_t> g_log_centre_working{0};
 
+// strftime() and snprintf() would take several times as long for these few digits.
+char* put_digits(char* to, int value, int digits) {
+    for (int i = digits - 1; i >= 0; --i) {
+        to[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    return to + digits;
+}
+
+// Writes the stamp without a NUL and returns its end. buf has LOG_STAMP_MIN_CAPACITY bytes.
+char* put_stamp(char* buf) {
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm local = {};
+    const time_t seconds = now.tv_sec;
+    localtime_r(&seconds, &local);
+    char* end = put_digits(buf, local.tm_mon + 1, 2);
+    for (const int field : {local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec}) {
+        end = put_digits(end, field, 2);
+    }
+    *end = '.';
+    return put_digits(end + 1, static_cast<int>(now.tv_usec / 1000), 3);
+}
+
 }  // namespace
 
 int32_t Corvo_SetLogLevel(uint32_t level) {
@@ -51,13 +75,7 @@ void ts_format_log(char* buf, uint32_t capacity) {
         printf("buf is null or size %lu < 24\n", static_cast<unsigned long>(capacity));
         return;
     }
-    timeval now = {};
-    gettimeofday(&now, nullptr);
-    tm local = {};
-    const time_t seconds = now.tv_sec;
-    localtime_r(&seconds, &local);
-    const size_t length = strftime(buf, capacity, "%m%d%H%M%S", &local);
-    snprintf(buf + length, capacity - length, ".%03ld", static_cast<long>(now.tv_usec / 1000));
+    *put_stamp(buf) = '\0';
 }
 
 int32_t Corvo_LogPrint(uint32_t level, uint32_t outputMask, const char* format, ...) {
@@ -67,15 +85,18 @@ int32_t Corvo_LogPrint(uint32_t level, uint32_t outputMask, const char* format, 
     if (level < g_log_level.load(std::memory_order_relaxed)) {
         return 0;
     }
-    char line[LOG_LINE_SIZE] = {};
-    ts_format_log(line, LOG_STAMP_CAPACITY);
-    const size_t stampLength = strlen(line);
+    char line[LOG_LINE_SIZE];
+    char* const text = put_stamp(line);
+    const size_t capacity = LOG_TEXT_CAPACITY - static_cast<size_t>(text - line);
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(line + stampLength, LOG_TEXT_CAPACITY - stampLength, format, arguments);
+    const int formatted = vsnprintf(text, capacity, format, arguments);
     va_end(arguments);
 
-    const size_t textLength = strlen(line);
+    if (formatted < 0) {
+        *text = '\0';
+    }
+    const size_t textLength = static_cast<size_t>(text - line) + strlen(text);
     line[textLength] = '\n';
     line[textLength + 1] = '\0';
     const uint32_t length = static_cast<uint32_t>(textLength + 2);

@@ -65,7 +65,6 @@ uint32_t Corvo_LogProducerSend(uint32_t level, const char* line, uint32_t length
     if (message == nullptr) {
         return LOG_PRODUCER_NO_MEMORY;
     }
-    memset(message, 0, size);
     char* const bytes = static_cast<char*>(message);
     uint32_t result = KT_mmcPutTopic(g_log_topic, bytes, size);
     if (result == LOG_PRODUCER_OK) {
