@@ -79,9 +79,10 @@ uint32_t KT_mmcPutTopic(const char* topic, char* buffer, uint32_t capacity) {
     if (capacity < length) {
         return LOG_PRODUCER_BUFFER_TOO_SMALL;
     }
-    memcpy(buffer, topic, topicLength);
+    char* const separator = std::copy_n(topic, topicLength, buffer);
     // The separator's own NUL goes along where there is room.
-    memcpy(buffer + topicLength, CORVO_LOG_TOPIC_SEPARATOR,
-           std::min<size_t>(capacity - topicLength, sizeof(CORVO_LOG_TOPIC_SEPARATOR)));
+    std::copy_n(CORVO_LOG_TOPIC_SEPARATOR,
+                std::min<size_t>(capacity - topicLength, sizeof(CORVO_LOG_TOPIC_SEPARATOR)),
+                separator);
     return LOG_PRODUCER_OK;
 }
