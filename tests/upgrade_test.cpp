@@ -481,7 +481,7 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
         }
     }
     EXPECT_EQ(published, logged.substr(logged.size() - published.size()));
-    EXPECT_NE(published.find("UPGRADE_LUMO_RECV_MSG"), std::string::npos);
+    EXPECT_NE(published.find("UPGRADE_LUMO_UGRADE_SUCCESS"), std::string::npos);
     EXPECT_EQ(outcome.text.find("moduleType 99"), std::string::npos);
 }
 

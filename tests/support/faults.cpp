@@ -10,7 +10,8 @@
 #include <mutex>
 #include <optional>
 
-Devices devices;
+// Never destroyed: calls are wrapped to the very end of the process.
+Devices& devices = *new Devices;
 
 namespace {
 

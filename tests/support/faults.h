@@ -24,7 +24,7 @@ struct Devices {
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     int tickUs = 0;  // select waits this long, microseconds; 0: as it is asked to
 };
-extern Devices devices;
+extern Devices& devices;
 
 // Counts calls and lets the faults happen, from construction to destruction. One at a time.
 class Faults {
