@@ -10,16 +10,16 @@
 #include <mutex>
 #include <optional>
 
-// Never destroyed: calls are wrapped to the very end of the process.
+// None of these is ever destroyed: calls are wrapped to the very end of the process.
 Devices& devices = *new Devices;
 
 namespace {
 
 std::mutex mutex;
 bool active = false;
-std::vector<Fault> faults;
-std::map<std::string, int> counts;
-std::vector<std::string> openedPaths;
+std::vector<Fault>& faults = *new std::vector<Fault>;
+std::map<std::string, int>& counts = *new std::map<std::string, int>;
+std::vector<std::string>& openedPaths = *new std::vector<std::string>;
 
 // Counts the call; returns the fault that it meets, with errno set.
 std::optional<Fault> next_call(const char* call) {
