@@ -76,6 +76,7 @@ TEST(LedPattern, ChangeOfActKeepsTheCounter) {
          {std::tuple(25, LED_RED_FAST_BLINK, "!1-- 0-- 1-- "),
           {25, LED_RED_SLOW_BLINK, "!0-- 0-- 0-- 1-- 1-- 0-- "},
           {25, LED_ROBUST_INIT_BLINK, "!001 001 001 001 001 001 001 100 "},
+          {1, LED_ROBUST_FINISH_BLINK, "!100 001 100 "},
           {3, LED_BLUE_ON, "001 --- "}}) {
         LedState state;
         for (int i = 0; i < ticksBefore; ++i) {
