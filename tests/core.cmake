@@ -23,7 +23,8 @@ target_compile_definitions(test_camera PRIVATE
   SERVICE_PROGRAM_ON_DESK="$<TARGET_FILE:corvo_upgrade_on_desk>")
 add_dependencies(test_camera corvo_upgrade corvo_upgrade_on_desk)
 
-corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera log PkgConfig::NANOMSG)
+corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera PkgConfig::NANOMSG)
+target_compile_definitions(upgrade_test PRIVATE CONSOLES="${CMAKE_CURRENT_SOURCE_DIR}/consoles/")
 
 corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera PkgConfig::NANOMSG)
 corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)
