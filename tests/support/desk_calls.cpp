@@ -26,6 +26,9 @@
 
 #include <atomic>
 
+extern "C" int __real_open64(const char* path, int flags, mode_t mode);
+extern "C" ssize_t __real_write(int fd, const void* data, size_t size);
+
 namespace {
 
 constexpr char PARTITIONS[] = "/dev/block/by-name/";
@@ -80,9 +83,11 @@ __attribute__((destructor)) void report() {
         ++descriptors;
     }
     closedir(directory);
-    FILE* const file = fopen("/tmp/desk_report", "w");
-    fprintf(file, "%d %d", g_struck.load(), descriptors);
-    fclose(file);
+    char text[32];
+    const int length = snprintf(text, sizeof(text), "%d %d", g_struck.load(), descriptors);
+    const int file = __real_open64("/tmp/desk_report", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    __real_write(file, text, static_cast<size_t>(length));
+    close(file);
 }
 
 [[noreturn]] void cut_power() {
@@ -187,7 +192,6 @@ void __wrap__exit(int status) {
     __real__exit(status);
 }
 
-int __real_open64(const char* path, int flags, mode_t mode);
 int __wrap_open64(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
@@ -228,7 +232,6 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
     return __real_read(fd, data, size);
 }
 
-ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
     change();
     if (++g_writes == g_plan.tear) {
