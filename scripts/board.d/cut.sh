@@ -1,0 +1,151 @@
+# scripts/board cut: the power goes at a random moment of an upgrade, and the board starts again.
+# Read by scripts/board. What must hold, however it falls:
+#
+#   1  the record says "succeeded" only if no image was begun yet, or all are written and verified
+#   2  a package file is gone only after the record says so
+#   3  the boot slot is the other one only after the record says so
+#   4  partitions that the request does not name stay byte for byte
+#   5  the record's other keys keep their values, or the file is short as the cut fell in its rewrite
+#   6  before the success verdict, the same request sent again ends in success
+
+declare -A cut_image=([kernel]=kernel.bin [rootfs]=rootfs.img [system]=system.img)
+untouched_partitions=(spl uboot dtb ota_package nv_user nv_factory rec_data misc)
+before=11012233440655  # the record: another upgrade had succeeded
+verdict=11012233440355 # the record of this one's success
+all_files="./kernel.bin ./rootfs.img ./system.img "
+
+broken() { # WHAT
+    echo "CHECK FAIL: cut $cut, $1"
+    wrong=yes
+}
+
+# Sets delay, from 0 to LIMIT milliseconds. Not in a shell of its own, which would have a seed of
+# its own.
+random_delay() { delay=$(((RANDOM * 32768 + RANDOM) % $1)); }
+sleep_ms() { sleep "$(printf '%d.%03d' $(($1 / 1000)) $(($1 % 1000)))"; }
+waits_for_line() { # FILE TEXT
+    local i
+    for ((i = 0; i < 6000; i++)); do
+        grep -qa "$2" "$1" && return 0
+        kill -0 $emulator_pid 2> /dev/null || return 1
+        sleep 0.01
+    done
+    return 1
+}
+
+# A third each: anywhere, in the writing, about the verdict; so the short stages get their share.
+choose_moment() {
+    case $((cut % 3)) in
+        0) after="request posted" file=$console; random_delay 15000 ;;
+        1) after="ota hal init start" file=$service; random_delay 3000 ;;
+        2) after="system.img start" file=$service; random_delay 1500 ;;
+    esac
+}
+
+stage_of() { # what the service printed last before the cut
+    local lines=$1
+    case $(tr -d '\r' < "$lines" | grep -aoE 'RECV_MSG|ota kill process end|ota hal init end|[a-z]+\.(bin|img) start,|read verify success|UGRADE_SUCCESS|AB switch end|delete file|umount disk|Restart the' | tail -n 1) in
+        "") echo "1 before the request is taken" ;;
+        RECV_MSG) echo "2 stopping the applications" ;;
+        "ota kill process end") echo "3 preparing" ;;
+        "ota hal init end") echo "4 checking the request" ;;
+        *start,) echo "5 erasing, writing, reading back" ;;
+        "read verify success") echo "6 between two modules" ;;
+        UGRADE_SUCCESS) echo "7 recording the success, asking for the slot" ;;
+        "AB switch end") echo "8 slot switched" ;;
+        "delete file") echo "9 package deleted, flush and pause" ;;
+        *) echo "10 unmounting, restarting" ;;
+    esac
+}
+
+images_on_card() { # prints how many of the requested partitions hold their images
+    local name count=0
+    for name in "${!cut_image[@]}"; do
+        ! holds_image "$folder/card.img" "$name" "$made/images/${cut_image[$name]}" || count=$((count + 1))
+    done
+    echo $count
+}
+
+check_untouched() {
+    local name
+    for name in "${untouched_partitions[@]}"; do
+        same_as_before "$folder/card.img" $name || broken "4: $name differs"
+    done
+}
+
+check_after_cut() { # RECORD SLOT FILES IMAGES-ON-CARD BEGUN
+    local record=$1 slot=$2 files=$3 images=$4 begun=$5 keys
+    if [ "${record:2:2}" = 01 ] && [ "$begun" = yes ] && [ "$images" != 3 ]; then
+        broken "1: the record says succeeded with $images of 3 images written"
+    fi
+    if [ "$files" != "$all_files" ] && [ "${record:2:2}" != 01 ]; then
+        broken "2: package files are gone with the record $record"
+    fi
+    if [ "$slot" = B ] && [ "$record" != $verdict ]; then
+        broken "3: the slot is switched with the record $record"
+    fi
+    case $slot in A | B) ;; *) broken "3: the boot environment is lost" ;; esac
+    keys=$(sed -E 's/^(..)..(......)..(..)$/\1\2\3/' <<< "$record")
+    if [ ${#record} = 14 ]; then
+        [ "$keys" = 1122334455 ] || broken "5: the other keys are $keys"
+    else
+        short=$((short + 1))
+        # At a cut in the rewrite the file is empty, missing or cut off.
+        [[ $record == none || $verdict == "$record"* || 11022233440655 == "$record"* ]] ||
+            broken "5: the short record is $record"
+    fi
+}
+
+check_after_again() { # whether the whole thing came to its end
+    local card=$folder/card.img
+    [ "$(images_on_card)" = 3 ] || broken "6: not all images are written"
+    [[ $(record_of "$card") == ??01??????03?? ]] || broken "6: the record is $(record_of "$card")"
+    check_untouched
+}
+
+one_cut() {
+    local images record slot files delay after file begun=no stage last
+    new_run
+    start_emulator cut
+    choose_moment
+    waits_for_line "$file" "$after" || { broken "the board does not get as far as \"$after\""; }
+    sleep_ms "$delay"
+    kill -KILL $emulator_pid 2> /dev/null || :
+    wait $emulator_pid 2> /dev/null || :
+    emulator_pid=
+    stage=$(stage_of "$service")
+    ! grep -qa 'ota hal init end' "$service" || begun=yes
+    ! grep -qa 'BOARD restarts' "$console" || stage="11 after the end"
+    images=$(images_on_card)
+    check_untouched
+    boot again || broken "the board does not start again"
+    record=$(state_of record) slot=$(state_of slot) files=$(state_of package)
+    check_after_cut "$record" "$slot" "$files" "$images" $begun
+    if [ "$record" != $verdict ]; then
+        check_after_again
+        last="sent again: succeeded"
+        again=$((again + 1))
+    else
+        last="verdict was reached"
+    fi
+    [ $wrong = no ] || { last=BROKEN && cp -r "$folder" "$folder-cut-$cut"; }
+    echo "$cut|$stage|$record|$slot|$images|$last" | tee -a "$table"
+}
+
+run_cuts() {
+    local cut wrong again=0 short=0 passed=0 failed=0
+    RANDOM=$seed
+    table=$folder/table.txt
+    : > "$table"
+    echo "seed $seed; columns: cut, stage, record, slot, images written, what followed"
+    for ((cut = 1; cut <= cuts; cut++)); do
+        wrong=no
+        one_cut
+        if [ $wrong = no ]; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+    done
+    echo "cuts by stage:"
+    cut -d '|' -f 2 "$table" | sort -n | uniq -c
+    echo "$again times the request was sent again, $short times the record was short"
+    echo "board: $passed passed, $failed failed"
+    [ $failed = 0 ]
+}

@@ -1,0 +1,172 @@
+# Makes what the board boots: kernel, device tree, initramfs, card and NOR chip: what is the
+# same for every run below $work, a run's own below $made.
+# Read by scripts/board.
+
+kernel_packages() {
+    local meta=linux-image-armmp
+    "$checkout/scripts/fetch_debs" "$debs" $meta
+    kernel=$(dpkg-deb -f "$debs"/${meta}_*.deb Depends | grep -o 'linux-image-[^ ]*' | head -n 1)
+    "$checkout/scripts/fetch_debs" "$debs" "$kernel" busybox-static libc6 libgcc-s1 libstdc++6 \
+        libnanomsg5 libubootenv-tool libubootenv0.1 zlib1g
+    kernel_version=${kernel#linux-image-}
+}
+
+unpack_packages() {
+    local package
+    if [ "$(cat "$work/unpacked" 2> /dev/null)" = "$kernel" ]; then return; fi
+    rm -rf "$work/kernel" "$work/packages"
+    mkdir -p "$work/kernel" "$work/packages"
+    dpkg-deb -x "$debs/$kernel"_*.deb "$work/kernel"
+    for package in busybox-static libc6 libgcc-s1 libstdc++6 libnanomsg5 libubootenv-tool \
+        libubootenv0.1 zlib1g; do
+        dpkg-deb -x "$debs/$package"_*.deb "$work/packages"
+    done
+    depmod -b "$work/kernel" "$kernel_version"
+    echo "$kernel" > "$work/unpacked"
+}
+
+# The kernel's own description of the board, with what the emulator does otherwise.
+make_device_tree() {
+    local tree=$made/board.dtb flash partitions alias name offset size
+    flash=/soc/bus@2000000/spba-bus@2000000/spi@2008000/flash@0
+    partitions=$flash/partitions
+    cp "$work/kernel/usr/lib/linux-image-$kernel_version/imx6q-sabrelite.dtb" "$tree"
+    # Its keys are wired to the LED's lines and would hold them.
+    fdtput -t s "$tree" /gpio-keys status disabled
+    # The emulator's only card sits in the fourth slot; it shall be the first disk.
+    for alias in mmc0 mmc1 mmc2 mmc3; do
+        fdtput -d "$tree" /aliases $alias
+    done
+    fdtput -t s "$tree" /aliases mmc0 /soc/bus@2100000/mmc@219c000
+    # The emulator has no engine behind the first serial line's DMA: the line would be silent.
+    fdtput -d "$tree" /soc/bus@2000000/spba-bus@2000000/serial@2020000 dmas dma-names
+    fdtput -c "$tree" $partitions
+    fdtput -t s "$tree" $partitions compatible fixed-partitions
+    fdtput -t i "$tree" $partitions '#address-cells' 1
+    fdtput -t i "$tree" $partitions '#size-cells' 1
+    # A node is put before those that are there, so the last partition comes first.
+    while read -r name offset size; do
+        fdtput -c "$tree" "$partitions/partition@$offset"
+        fdtput -t s "$tree" "$partitions/partition@$offset" label "$name"
+        fdtput -t x "$tree" "$partitions/partition@$offset" reg "$offset" "$size"
+    done << 'END'
+rootfs 120000 e0000
+kernel 60000 c0000
+dtb 50000 10000
+uboot 10000 40000
+spl 0 10000
+END
+}
+
+build_programs() {
+    local log=$work/build.txt
+    "$checkout/scripts/sysroot" glibc
+    echo "building build/arm"
+    { [ -e build/arm/build.ninja ] || cmake --preset arm; } > "$log" 2>&1 &&
+        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl board_probe \
+            >> "$log" 2>&1 || {
+        tail -n 20 "$log" >&2
+        fail "cannot build; the whole output is in $log"
+    }
+}
+
+make_initramfs() {
+    local root=$made/initramfs libraries=lib/arm-linux-gnueabihf library module
+    local from=$work/packages
+    rm -rf "$root"
+    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,modules,etc/init.d,var/lock,usr/sbin,$libraries}
+    cp "$from/bin/busybox" "$root/bin/"
+    cp -L "$from/lib/ld-linux-armhf.so.3" "$root/lib/"
+    for library in libc.so.6 libm.so.6 libgcc_s.so.1 libpthread.so.0 libstdc++.so.6 \
+        libnanomsg.so.5 libubootenv.so.0 libz.so.1; do
+        cp -L "$(find "$from" -name "$library" | head -n 1)" "$root/$libraries/"
+    done
+    cp "$from/usr/bin/fw_printenv" "$root/bin/"
+    ln -s fw_printenv "$root/bin/fw_setenv"
+    # As an integrator installs it.
+    for component in service tools sysv; do
+        DESTDIR=$root cmake --install build/arm --strip --component $component > /dev/null
+    done
+    arm-linux-gnueabihf-strip -o "$root/bin/board_probe" build/arm/board_probe
+    cp "$parts/init" "$root/init"
+    cp "$parts/S99checkboot" "$root/etc/init.d/"
+    chmod 755 "$root/init" "$root"/etc/init.d/*
+    printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
+        > "$root/etc/fw_env.config"
+    grep -c '^[a-z]' "$parts/partitions" > "$root/last_partition"
+    head -c 1792 "$made/factory_data" > "$root/factory_data"
+    for module in imx2_wdt gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim; do
+        modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module |
+            awk '$1 == "insmod" { print $2 }'
+    done | awk '!seen[$0]++' > "$made/modules"
+    xargs cp -t "$root/modules" < "$made/modules"
+    # One is for a newer processor, one is loaded when it is wanted.
+    sed 's#.*/##' "$made/modules" | grep -vxE 'nandsim.ko|crc32-arm-ce.ko' > "$root/modules/order"
+    (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/initramfs.gz"
+}
+
+# Random content with a size that is no multiple of anything, so a lost tail shows.
+make_images() {
+    local folder=$made/images
+    rm -rf "$folder"
+    mkdir -p "$folder"
+    head -c 150007 /dev/urandom > "$folder/kernel.bin"
+    head -c 300009 /dev/urandom > "$folder/rootfs.img"
+    head -c 200003 /dev/urandom > "$folder/system.img"
+    head -c 200003 /dev/urandom > "$made/uboot.bin"
+    head -c 65537 /dev/urandom > "$made/dtb.bin"
+    head -c 310009 /dev/urandom > "$made/system2.img"
+    head -c 2048 /dev/urandom > "$made/factory_data"
+    # The package of the second upgrade, packed by the tool itself.
+    qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl pack \
+        --output "$folder/camera.pkg" --manifest "$folder/camera.manifest" \
+        uboot="$made/uboot.bin" dtb="$made/dtb.bin" system="$made/system2.img" > /dev/null
+}
+
+# Writes $made/layout, one "name first_byte bytes" a line.
+make_card() {
+    local card=$made/card.img name size number=0 arguments=()
+    while read -r name size; do
+        number=$((number + 1))
+        arguments+=(-n "$number:0:+${size}K" -c "$number:$name")
+    done < <(grep '^[a-z]' "$parts/partitions")
+    rm -f "$card"
+    truncate -s 32M "$card" # the emulator wants a power of two
+    sgdisk -a 2 -o "${arguments[@]}" "$card" > /dev/null
+    for ((; number > 0; number--)); do
+        sgdisk -i $number "$card" | awk '
+            /^First sector/ { first = $3 } /^Partition size/ { sectors = $3 }
+            /^Partition name/ { gsub("\047", "", $3); name = $3 }
+            END { print name, first * 512, sectors * 512 }'
+    done > "$made/layout"
+    # Something to lose on each.
+    for name in spl uboot dtb kernel rootfs system ota_package nv_user nv_factory rec_data misc; do
+        head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
+    done
+    put_partition "$card" nv_factory < "$made/factory_data"
+    mkdir -p "$made/config"
+    # Keys 1 and 5 are the outcome of the upgrade before; the others are not the service's.
+    printf '\x11\x01\x22\x33\x44\x06\x55' > "$made/config/ota_data.dat"
+    make_file_system config "$made/config"
+    make_file_system media "$made/images"
+    boot_environment "$card" -f <(echo "bootdelay=1") bootsystem A 2> /dev/null
+}
+
+make_file_system() { # PARTITION FOLDER
+    rm -f "$made/$1.ext4"
+    mke2fs -q -F -t ext4 -E root_owner=0:0 -d "$2" "$made/$1.ext4" "$(($(bytes_of "$1") / 1024))K" \
+        > /dev/null
+    put_partition "$made/card.img" "$1" < "$made/$1.ext4"
+    rm "$made/$1.ext4"
+}
+
+make_board() {
+    kernel_packages
+    unpack_packages
+    build_programs
+    make_device_tree
+    make_images
+    make_initramfs
+    make_card
+    head -c 2M /dev/zero | tr '\0' '\377' > "$made/nor.img"
+}

@@ -1,0 +1,70 @@
+# scripts/board test: three starts of one board. Read by scripts/board.
+
+check() { # WHAT COMMAND...
+    local what=$1
+    shift
+    if "$@"; then echo "CHECK ok: $what"; else echo "CHECK FAIL: $what"; fi
+}
+equals() { [ "$1" = "$2" ] || { echo "got \"$1\", wanted \"$2\"" >&2; return 1; }; }
+state_of() { # WHAT, as the board printed it in this start
+    tr -d '\r' < "$console" | sed -n "s/^STATE $1 //p"
+}
+print_checks() { # of the board's console
+    tr -d '\r' < "$console" | grep -aE '^(CHECK|BOARD)' || :
+}
+
+check_card() { # RECORD SLOT
+    local card=$folder/card.img
+    check "outside: the record is $1" equals "$(record_of "$card")" "$1"
+    check "outside: the boot slot is $2" equals "$(boot_environment "$card")" "$2"
+}
+check_images() { # PARTITION=IMAGE...
+    local pair
+    for pair; do
+        check "outside: ${pair%=*} holds its image" holds_image "$folder/card.img" "${pair%=*}" \
+            "${pair#*=}"
+    done
+}
+check_same() { # PARTITION...
+    local name
+    for name; do
+        check "outside: $name is as it was" same_as_before "$folder/card.img" "$name"
+    done
+}
+
+first_start() {
+    local images=$made/images
+    boot probe || return 0
+    print_checks
+    check_images kernel=$images/kernel.bin rootfs=$images/rootfs.img system=$images/system.img
+    check_same spl uboot dtb ota_package nv_factory
+    check_card 11012233440355 B
+}
+
+second_start() {
+    local images=$made/images
+    boot combined || return 0
+    print_checks
+    check "inside: the record after the restart" equals "$(state_of record)" 11012233440355
+    check "inside: the boot slot after the restart" equals "$(state_of slot)" B
+    check "inside: the package files are deleted" equals "$(state_of package)" ""
+    check_images uboot=$made/uboot.bin dtb=$made/dtb.bin system=$made/system2.img \
+        kernel=$images/kernel.bin rootfs=$images/rootfs.img
+    check_same spl ota_package nv_factory
+    check_card 11012233440355 A
+}
+
+third_start() {
+    boot state || return 0
+    check "inside: the record after the second upgrade" equals "$(state_of record)" 11012233440355
+    check "inside: the boot slot after the second upgrade" equals "$(state_of slot)" A
+}
+
+run_test() {
+    local report=$folder/report.txt passed failed
+    { first_start; second_start; third_start; } 2>&1 | tee "$report"
+    passed=$(grep -ac '^CHECK ok' "$report") || :
+    failed=$(grep -ac '^CHECK FAIL' "$report") || :
+    echo "board: $passed passed, $failed failed"
+    [ "$failed" = 0 ] && [ "$passed" -gt 0 ]
+}
