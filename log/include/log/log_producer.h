@@ -42,7 +42,7 @@ enum LogProducerResult : uint32_t {
 };
 
 // Opens the publish socket of the module whose number is the mask's bit length (512: 10) and waits
-// 100 ms for subscribers. Call once, before other threads log.
+// 100 ms for subscribers. Call once; what other threads log before it is done is not published.
 // Returns LOG_PRODUCER_OK, _MISSING_ARGUMENT, _ALREADY_OPEN, _SOCKET_FAILED or _BIND_FAILED.
 uint32_t Corvo_LogProducerInit(uint32_t moduleMask);
 
@@ -50,7 +50,8 @@ uint32_t Corvo_LogProducerInit(uint32_t moduleMask);
 void Corvo_LogProducerUnInit();
 
 // Publishes one line of length bytes, newline and NUL included. Never blocks; any thread.
-// Returns LOG_PRODUCER_OK, _NO_MEMORY, _BUFFER_TOO_SMALL or _SEND_FAILED.
+// Returns LOG_PRODUCER_OK, _NO_MEMORY, _BUFFER_TOO_SMALL or _SEND_FAILED (also while the producer
+// is not open).
 uint32_t Corvo_LogProducerSend(uint32_t level, const char* line, uint32_t length);
 
 #endif  // LOG_LOG_PRODUCER_H
