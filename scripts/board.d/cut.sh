@@ -37,8 +37,8 @@ waits_for_line() { # FILE TEXT
 choose_moment() {
     case $((cut % 3)) in
         0) after="request posted" file=$console; random_delay 15000 ;;
-        1) after="ota hal init start" file=$service; random_delay 3000 ;;
-        2) after="system.img start" file=$service; random_delay 1500 ;;
+        1) after="ota hal init start" file=$service; random_delay 5000 ;;
+        2) after="partition: system read verify success" file=$service; random_delay 1500 ;;
     esac
 }
 

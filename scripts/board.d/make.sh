@@ -62,7 +62,7 @@ build_programs() {
     local log=$work/build.txt
     "$checkout/scripts/sysroot" glibc
     echo "building build/arm"
-    { [ -e build/arm/build.ninja ] || cmake --preset arm; } > "$log" 2>&1 &&
+    cmake --preset arm > "$log" 2>&1 &&
         cmake --build build/arm --target corvo_upgrade system_call_daemon otactl board_probe \
             >> "$log" 2>&1 || {
         tail -n 20 "$log" >&2
