@@ -166,8 +166,20 @@ TEST_F(Upgrade, FailedModuleEndsTheRunAndKeepsThePackage) {
     EXPECT_TRUE(Camera::has("/media/mmcblk0p1/system.img"));
 }
 
+TEST_F(Upgrade, RangesThatThePlatformCannotTakeAreRefused) {
+    camera.put_image("all.pkg", "0123456789");
+    OtaMessage message = Camera::request(1, {KERNEL});
+    message.moduleInfo[0] = {.size = (1ULL << 32) + 4, .offset = 3};
+    camera.run(message);
+    message.moduleInfo[0] = {.size = 4, .offset = (1ULL << 32) + 3};
+    camera.run(message);
+    expect_untouched("kernel");
+    EXPECT_EQ(read_file(OTA_DATA_PATH), record(2, 4));
+}
+
 TEST_F(Upgrade, AutoFlashSkipsTheCheckAndIsRecordedAsSuch) {
     write_file("/tmp/autoflash", "");
+    write_file(OTA_DATA_PATH, std::string(9, '\0'));  // of which seven are the record
     const Outcome outcome = camera.run(Camera::request(0, {KERNEL, 99}));
     EXPECT_EQ(outcome.text.find("rece msg"), std::string::npos);
     EXPECT_NE(outcome.text.find("UPGRADE_LUMO_UGRADE_SUCCESS"), std::string::npos);
