@@ -163,6 +163,21 @@ INSTANTIATE_TEST_SUITE_P(Modes, PowerCut,
                                          Cut(Mode::FILES, "CORVO_TEAR")),
                          cut_name);
 
+int reported(int which) {
+    int numbers[2] = {0, 0};
+    std::ifstream("/tmp/desk_report") >> numbers[0] >> numbers[1];
+    return numbers[which];
+}
+
+TEST(Descriptors, DoNotGrowWithTheWork) {
+    World world(Mode::FILES);
+    world.camera.run(Camera::request(0, {}));
+    const int withoutModules = reported(1);
+    EXPECT_GT(withoutModules, 3);
+    World(Mode::FILES).run();
+    EXPECT_EQ(reported(1), withoutModules);
+}
+
 struct Disturbance {
     const char* call;
     int error;  // 0: a short transfer
@@ -172,12 +187,6 @@ struct Disturbance {
 };
 
 class Disturbed : public testing::TestWithParam<Disturbance> {};
-
-int reported(int which) {
-    int numbers[2] = {0, 0};
-    std::ifstream("/tmp/desk_report") >> numbers[0] >> numbers[1];
-    return numbers[which];
-}
 
 TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     const Disturbance d = GetParam();
