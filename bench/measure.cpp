@@ -1,7 +1,8 @@
 // Runs a command and writes what it took to a file, one line of JSON:
 //
 //   measure FILE COMMAND [ARGUMENT...]
-//   {"wall": seconds, "cpu": seconds, "peak": KiB, "switches": number, "status": number}
+//   {"started": seconds on the monotonic clock, "wall": seconds, "cpu": seconds, "peak": KiB,
+//    "status": number}
 //
 // Linux counts the memory of whoever forked a process into that process's peak, so figures have to
 // be taken from a parent that is smaller than anything it measures. A scripting language is not.
@@ -58,8 +59,7 @@ int main(int argc, char** argv) {
     const int code =
         WIFSIGNALED(status) ? EXIT_SIGNAL_BASE + WTERMSIG(status) : WEXITSTATUS(status);
     fprintf(file.get(),
-            "{\"wall\": %.6f, \"cpu\": %.6f, \"peak\": %ld, \"switches\": %ld, \"status\": %d}\n",
-            wall, seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss,
-            usage.ru_nvcsw + usage.ru_nivcsw, code);
+            "{\"started\": %.6f, \"wall\": %.6f, \"cpu\": %.6f, \"peak\": %ld, \"status\": %d}\n",
+            start, wall, seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss, code);
     return code;
 }

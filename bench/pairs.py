@@ -88,15 +88,18 @@ def in_ns(value: float) -> str:
     return f"{value:.1f} ns" if value < 100 else f"{value / 1000:.2f} us"
 
 
+def shown_value(row: Row) -> str:
+    return f"{row.value:g} {row.unit}" if row.unit else f"{row.value:.3f}"
+
+
 def print_row(row: Row, file) -> None:
     if row.value is None:
         print(f"{row.figure}: skipped, {row.note}", file=file, flush=True)
         return
-    number = f"{row.value:.3f}" if not row.unit else f"{row.value:g} {row.unit}"
     goal = "-" if row.goal is None else f"<= {row.goal:g}"
     floor = "" if row.floor is None else f" (floor {row.floor:.2f})"
     note = f"  {row.note}" if row.note else ""
-    print(f"{row.figure:<66} {row.ours:>11} {row.baseline:>11} {number:>12} {goal:>9}  "
+    print(f"{row.figure:<66} {row.ours:>11} {row.baseline:>11} {shown_value(row):>12} {goal:>9}  "
           f"{row.verdict()}{floor}{note}", file=file, flush=True)
 
 

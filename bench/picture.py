@@ -1,12 +1,5 @@
 """Where the time of an upgrade goes: stages of a run of the service as it is delivered, and their
-bar as SVG.
-
-    picture.py RESULT.json OUT.svg
-"""
-import json
-import sys
-from pathlib import Path
-
+bar as SVG."""
 # A stage ends with the first line that contains the text. The colour of its bar.
 STAGES = (
     ("stop the applications (2 s pause)", "ota kill process end", "#8da0cb"),
@@ -49,10 +42,3 @@ def draw(taken: list[tuple[str, float]], title: str) -> str:
                      f'fill="{colours[name]}"/>')
         parts.append(f'<text x="{left + 24}" y="{y + 10}">{seconds:8.3f} s   {name}</text>')
     return "\n".join(parts + ["</svg>", ""])
-
-
-if __name__ == "__main__":
-    result = json.loads(Path(sys.argv[1]).read_text())
-    Path(sys.argv[2]).write_text(draw(
-        result["stages"], f"One upgrade, one module of {result['size']} MiB, by stages "
-        f"({1000 * result['flush']:.2f} ms per synchronous 16 KiB)"))

@@ -60,8 +60,8 @@ class Swupdate:
                            stderr=subprocess.DEVNULL)
 
     def run(self, programs: Programs) -> dict[str, float]:
-        return measured(programs, ["swupdate", "-l", "1", "-M", "-m", "-H", "camera:1.0", "-k", SIGNER / "cert.pem",
-                                   "-i", self.package])
+        return measured(programs, ["swupdate", "-l", "1", "-M", "-m", "-H", "camera:1.0", "-k",
+                                   SIGNER / "cert.pem", "-i", self.package])
 
 
 class Rauc:

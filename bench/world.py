@@ -2,6 +2,7 @@
 runs of the service with the time of each line it prints. For use inside scripts/private_root."""
 import json
 import os
+import stat
 import subprocess
 import time
 from dataclasses import dataclass
@@ -25,16 +26,15 @@ class Programs:
 
 
 class Loops:
-    """Loop devices over files, detached at the end."""
+    """Loop devices over files."""
 
     def __init__(self):
-        self.devices: list[str] = []
         self.files: list[Path] = []
+        self.holds: list[int] = []
 
     def attach(self, file: Path, size: int) -> str:
         """A block device of `size` bytes over the file, which it makes. Raises OSError when the
         machine gives none."""
-        file.parent.mkdir(parents=True, exist_ok=True)
         self.files.append(file)
         with open(file, "wb") as new:
             new.truncate(size)
@@ -44,21 +44,24 @@ class Loops:
             if free.returncode != 0:
                 break
             if not os.path.exists(device):
-                os.mknod(device, 0o600 | 0o060000, os.makedev(7, int(device.removeprefix("/dev/loop"))))
+                number = os.makedev(7, int(device.removeprefix("/dev/loop")))
+                os.mknod(device, 0o600 | stat.S_IFBLK, number)
             # Another one may have taken it in between.
             taken = subprocess.run(["losetup", "--direct-io=on", device, str(file)],
                                    capture_output=True)
             if taken.returncode == 0:
-                self.devices.append(device)
+                # Detached but held open, it goes with this process, however that ends.
+                self.holds.append(os.open(device, os.O_RDONLY))
+                subprocess.run(["losetup", "-d", device], check=True)
                 return device
         raise OSError("this machine gives no loop devices")
 
     def detach_all(self) -> None:
-        for device in self.devices:
-            subprocess.run(["losetup", "-d", device], capture_output=True)
+        for hold in self.holds:
+            os.close(hold)
         for file in self.files:
             file.unlink(missing_ok=True)
-        self.devices, self.files = [], []
+        self.holds, self.files = [], []
 
 
 def random_image(name: str, size: int) -> Path:
@@ -76,6 +79,7 @@ def fill(device: str, image: Path) -> None:
     """Puts an image on the device by the quick way, as what an earlier upgrade left."""
     subprocess.run(["dd", f"if={image}", f"of={device}", "bs=1M", "conv=fsync,notrunc"],
                    check=True, capture_output=True)
+    drop_cache(device)
 
 
 def erase(device: str) -> None:
@@ -114,7 +118,6 @@ def total(*parts: dict[str, float]) -> dict[str, float]:
 class Run:
     """One run of the service: when each line came, and what the process took."""
 
-    started: float
     lines: list[tuple[float, str]]
     ended: float
     taken: dict[str, float]
@@ -161,7 +164,6 @@ class Camera:
 
     def run(self, send: list, program: Path | None) -> Run:
         result = Path("/tmp/service")
-        started = time.monotonic()
         service = subprocess.Popen([self.programs.bench / "measure", result,
                                     program or self.programs.unpaused], stdout=subprocess.PIPE)
         lines: list[tuple[float, str]] = []
@@ -175,4 +177,4 @@ class Camera:
                 send = []
         ended = time.monotonic()
         service.wait()
-        return Run(started, lines, ended, json.loads(result.read_text()))
+        return Run(lines, ended, json.loads(result.read_text()))

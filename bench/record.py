@@ -1,0 +1,45 @@
+"""Puts a run's figures into the documentation: the table between its two marks, and the picture.
+
+    record.py RESULT.json DOCUMENT.md PICTURE.svg
+"""
+import json
+import sys
+from pathlib import Path
+
+import picture
+from pairs import Row, shown_value
+
+BEGIN, END = "<!-- figures of a run: begin -->", "<!-- figures of a run: end -->"
+
+
+def table(result: dict) -> str:
+    lines = [*result["machine"], f"one synchronous 16 KiB write to the disk: "
+             f"{1000 * result['flush']:.2f} ms", ""]
+    lines = [f"- {line}" if line else "" for line in lines]
+    lines += ["| Figure | Ours | Baseline | Ratio | Goal | ok |", "|---|---|---|---|---|---|"]
+    for taken in result["rows"]:
+        verdict = taken.pop("verdict")
+        row = Row(**taken)
+        if row.value is None:
+            lines.append(f"| {row.figure} | | | | | skipped: {row.note} |")
+            continue
+        goal = "" if row.goal is None else f"<= {row.goal:g}"
+        floor = "" if row.floor is None else f", floor {row.floor:.2f}"
+        lines.append(f"| {row.figure} | {row.ours} | {row.baseline} | {shown_value(row)} | {goal} "
+                     f"| {verdict}{floor} |")
+    return "\n".join(lines)
+
+
+def main() -> None:
+    result_file, document, drawing = (Path(name) for name in sys.argv[1:4])
+    result = json.loads(result_file.read_text())
+    drawing.write_text(picture.draw(
+        result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
+        f"{1000 * result['flush']:.2f} ms per synchronous 16 KiB"))
+    text = document.read_text()
+    head, _, rest = text.partition(BEGIN)
+    _, _, tail = rest.partition(END)
+    document.write_text(f"{head}{BEGIN}\n{table(result)}\n{END}{tail}")
+
+
+main()
