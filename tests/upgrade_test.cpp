@@ -232,6 +232,11 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
         std::string::npos);
 
     camera.start();
+    camera.post(Camera::request(0, {KERNEL}), 0);  // no request at all
+    camera.post(Camera::request(0, {99}));
+    EXPECT_NE(camera.finish().text.find("moduleType 99 no find"), std::string::npos);
+
+    camera.start();
     camera.post(Camera::request(0, {KERNEL}), 68);  // ends before moduleCount, which reads as 0
     EXPECT_NE(camera.finish().text.find("UPGRADE_LUMO_UGRADE_SUCCESS"), std::string::npos);
 }
