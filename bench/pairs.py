@@ -6,6 +6,7 @@ from dataclasses import dataclass
 
 LEAST_PAIRS = 5
 STABLE = 0.02  # a median whose spread is within this needs no more pairs
+NEAR_FLOOR = 1.25  # a goal out of reach counts as reached within this of the floor
 
 
 @dataclass
@@ -29,7 +30,8 @@ class Row:
             return "shown"
         if self.value <= self.goal + 1e-9:
             return "yes"
-        return "floor" if self.floor is not None and self.floor > self.goal else "NO"
+        out_of_reach = self.floor is not None and self.floor > self.goal
+        return "floor" if out_of_reach and self.value <= NEAR_FLOOR * self.floor else "NO"
 
 
 class Rounds:
