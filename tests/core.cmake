@@ -11,8 +11,8 @@ corvo_program(corvo_upgrade_on_desk SOURCES ${PROJECT_SOURCE_DIR}/ota/main.cpp s
 set_target_properties(corvo_upgrade_on_desk PROPERTIES OUTPUT_NAME corvo_upgrade
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/desk)
 target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
-foreach(call _exit sleep usleep pthread_cond_timedwait open64 fopen64 read write lseek64 fstat64 lstat64 ioctl fsync fdatasync remove
-        msgget msgrcv msgctl socket connect send calloc pthread_create)
+foreach(call _exit sleep usleep pthread_cond_timedwait open64 fopen64 read write lseek64 fstat64 ioctl fsync fdatasync remove
+        msgrcv msgctl socket connect send calloc pthread_create)
   target_link_options(corvo_upgrade_on_desk PRIVATE -Wl,--wrap=${call})
 endforeach()
 

@@ -7,7 +7,7 @@
 //   CORVO_FAULT=CALL:N:E    the Nth CALL fails with errno E; CALL:N+:E from the Nth on; E = 0: it
 //                           moves one byte only
 //   CORVO_CRASH=N           the Nth record sent ends in abort(), with the endpoint lock held
-//   CORVO_HURRY=1           waits for replies take a fortieth of their time
+//   CORVO_HURRY=1           waits for replies end after 50 ms
 //   CORVO_FLIP=N            the Nth write of image data to a partition stores a wrong bit; 0: each
 #include <dirent.h>
 #include <errno.h>
@@ -133,27 +133,85 @@ bool is_image_write(int fd, const void* data, size_t size) {
 
 extern "C" {
 
-// A call that fails as the plan says, or is the real one. `changes` is whether it counts for a cut.
-#define DESK_CALL(result, name, parameters, arguments, changes)                   \
-    result __real_##name parameters;                                              \
-    result __wrap_##name parameters {                                             \
-        if (changes) {                                                            \
-            change();                                                             \
-        }                                                                         \
-        return struck(#name) ? static_cast<result>(-1) : __real_##name arguments; \
+// A call that fails as the plan says, or is the real one. `name` is what the plan calls it,
+// `changes` whether it counts for a cut.
+#define DESK_CALL(result, symbol, name, failure, changes, parameters, arguments) \
+    result __real_##symbol parameters;                                           \
+    result __wrap_##symbol parameters {                                          \
+        if (changes) {                                                           \
+            change();                                                            \
+        }                                                                        \
+        return struck(name) ? (failure) : __real_##symbol arguments;             \
     }
 
-DESK_CALL(int, fsync, (int fd), (fd), true)
-DESK_CALL(int, fdatasync, (int fd), (fd), true)
-DESK_CALL(int, remove, (const char* path), (path), true)
-DESK_CALL(int, msgctl, (int id, int command, msqid_ds* data), (id, command, data), true)
-DESK_CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), false)
-DESK_CALL(int, connect, (int fd, const sockaddr* address, socklen_t size), (fd, address, size),
-          false)
-DESK_CALL(int, msgget, (key_t key, int flags), (key, flags), false)
-DESK_CALL(ssize_t, msgrcv, (int id, void* to, size_t size, long type, int flags),
-          (id, to, size, type, flags), false)
-DESK_CALL(int, lstat64, (const char* path, struct stat* status), (path, status), false)
+DESK_CALL(int, fsync, "fsync", -1, true, (int fd), (fd))
+DESK_CALL(int, fdatasync, "fdatasync", -1, true, (int fd), (fd))
+DESK_CALL(int, remove, "remove", -1, true, (const char* path), (path))
+DESK_CALL(int, msgctl, "msgctl", -1, true, (int id, int command, msqid_ds* data),
+          (id, command, data))
+DESK_CALL(int, ioctl, "ioctl", -1, true, (int fd, unsigned long request, void* argument),
+          (fd, request, argument))
+DESK_CALL(int, socket, "socket", -1, false, (int domain, int type, int protocol),
+          (domain, type, protocol))
+DESK_CALL(int, connect, "connect", -1, false, (int fd, const sockaddr* address, socklen_t size),
+          (fd, address, size))
+DESK_CALL(ssize_t, msgrcv, "msgrcv", -1, false,
+          (int id, void* to, size_t size, long type, int flags), (id, to, size, type, flags))
+DESK_CALL(FILE*, fopen64, "fopen", nullptr, false, (const char* path, const char* mode),
+          (path, mode))
+DESK_CALL(off_t, lseek64, "lseek", -1, false, (int fd, off_t offset, int whence),
+          (fd, offset, whence))
+DESK_CALL(int, fstat64, "fstat", -1, false, (int fd, struct stat* status), (fd, status))
+DESK_CALL(void*, calloc, "calloc", nullptr, false, (size_t count, size_t size), (count, size))
+DESK_CALL(int, pthread_create, "pthread_create", g_plan.error, false,
+          (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* given),
+          (thread, attributes, body, given))
+
+int __wrap_open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if ((flags & O_TRUNC) != 0) {
+        change();
+    }
+    return struck("open") ? -1 : __real_open64(path, flags, mode);
+}
+
+ssize_t __real_read(int fd, void* data, size_t size);
+ssize_t __wrap_read(int fd, void* data, size_t size) {
+    const bool now = struck("read");
+    return now && g_plan.error != 0 ? -1 : __real_read(fd, data, now ? 1 : size);
+}
+
+ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+    change();
+    if (++g_sends == g_plan.crash) {
+        abort();
+    }
+    const bool now = struck("send");
+    return now && g_plan.error != 0 ? -1 : __real_send(fd, data, now ? 1 : size, flags);
+}
+
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+    change();
+    if (++g_writes == g_plan.tear) {
+        __real_write(fd, data, size / 2);
+        cut_power();
+    }
+    if (g_plan.flip >= 0 && is_image_write(fd, data, size)) {
+        const long number = ++g_image_writes;
+        if (g_plan.flip == 0 || number == g_plan.flip) {
+            static char spoilt[65536];
+            memcpy(spoilt, data, size);
+            spoilt[size - 1] = static_cast<char>(spoilt[size - 1] ^ 1);
+            return __real_write(fd, spoilt, size);
+        }
+    }
+    const bool now = struck("write");
+    return now && g_plan.error != 0 ? -1 : __real_write(fd, data, now && size > 1 ? 1 : size);
+}
 
 // Polls and retries stay polls and retries, only quicker ones.
 int __real_usleep(unsigned microseconds);
@@ -169,17 +227,12 @@ int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* deadline);
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline) {
-    if (!g_plan.hurry) {
-        return __real_pthread_cond_timedwait(condition, mutex, deadline);
-    }
     timespec soon = {};
     clock_gettime(CLOCK_MONOTONIC, &soon);
-    const long long leftMs =
-        (deadline->tv_sec - soon.tv_sec) * 1000LL + (deadline->tv_nsec - soon.tv_nsec) / 1000000;
-    const long long nanoseconds = soon.tv_nsec + leftMs * 25000;
-    soon.tv_sec += nanoseconds / 1000000000;
-    soon.tv_nsec = nanoseconds % 1000000000;
-    return __real_pthread_cond_timedwait(condition, mutex, &soon);
+    soon.tv_nsec += 50000000;
+    soon.tv_sec += soon.tv_nsec / 1000000000;
+    soon.tv_nsec %= 1000000000;
+    return __real_pthread_cond_timedwait(condition, mutex, g_plan.hurry ? &soon : deadline);
 }
 
 // A program that is measured for coverage leaves its counts however it ends.
@@ -190,91 +243,5 @@ void __wrap__exit(int status) {
         __gcov_dump();
     }
     __real__exit(status);
-}
-
-int __wrap_open64(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    if ((flags & O_TRUNC) != 0) {
-        change();
-    }
-    return struck("open") ? -1 : __real_open64(path, flags, mode);
-}
-
-FILE* __real_fopen64(const char* path, const char* mode);
-FILE* __wrap_fopen64(const char* path, const char* mode) {
-    return struck("fopen") ? nullptr : __real_fopen64(path, mode);
-}
-
-off_t __real_lseek64(int fd, off_t offset, int whence);
-off_t __wrap_lseek64(int fd, off_t offset, int whence) {
-    return struck("lseek") ? -1 : __real_lseek64(fd, offset, whence);
-}
-
-int __real_fstat64(int fd, struct stat* status);
-int __wrap_fstat64(int fd, struct stat* status) {
-    return struck("fstat") ? -1 : __real_fstat64(fd, status);
-}
-
-int __real_ioctl(int fd, unsigned long request, void* argument);
-int __wrap_ioctl(int fd, unsigned long request, void* argument) {
-    change();
-    return struck("ioctl") ? -1 : __real_ioctl(fd, request, argument);
-}
-
-ssize_t __real_read(int fd, void* data, size_t size);
-ssize_t __wrap_read(int fd, void* data, size_t size) {
-    if (struck("read")) {
-        return g_plan.error != 0 ? -1 : __real_read(fd, data, size < 1 ? size : 1);
-    }
-    return __real_read(fd, data, size);
-}
-
-ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    change();
-    if (++g_writes == g_plan.tear) {
-        __real_write(fd, data, size / 2);
-        cut_power();
-    }
-    if (struck("write")) {
-        return g_plan.error != 0 ? -1 : __real_write(fd, data, size < 1 ? size : 1);
-    }
-    if (g_plan.flip >= 0 && is_image_write(fd, data, size)) {
-        const long number = ++g_image_writes;
-        if (g_plan.flip == 0 || number == g_plan.flip) {
-            static char spoilt[65536];
-            memcpy(spoilt, data, size);
-            spoilt[size - 1] = static_cast<char>(spoilt[size - 1] ^ 1);
-            return __real_write(fd, spoilt, size);
-        }
-    }
-    return __real_write(fd, data, size);
-}
-
-ssize_t __real_send(int fd, const void* data, size_t size, int flags);
-ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-    change();
-    if (++g_sends == g_plan.crash) {
-        abort();
-    }
-    if (struck("send")) {
-        return g_plan.error != 0 ? -1 : __real_send(fd, data, size < 1 ? size : 1, flags);
-    }
-    return __real_send(fd, data, size, flags);
-}
-
-void* __real_calloc(size_t count, size_t size);
-void* __wrap_calloc(size_t count, size_t size) {
-    return struck("calloc") ? nullptr : __real_calloc(count, size);
-}
-
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                          void* argument);
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                          void* argument) {
-    return struck("pthread_create") ? g_plan.error
-                                    : __real_pthread_create(thread, attributes, body, argument);
 }
 }
