@@ -1,3 +1,6 @@
+# The folder of cases/ and consoles/, text that tests compare with.
+target_compile_definitions(test_support PUBLIC TEXTS="${CMAKE_CURRENT_SOURCE_DIR}/")
+
 corvo_test(log_test SOURCES log_test.cpp LINK log PkgConfig::NANOMSG)
 target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/log)
 

@@ -1,7 +1,8 @@
 # Faults behind the system calls of whatever a program links: see support/faults.h.
 add_library(test_faults STATIC support/faults.cpp)
 target_link_libraries(test_faults PUBLIC test_support)
-foreach(call open open64 fopen fopen64 lseek lseek64 fstat fstat64 read write ioctl fdatasync select)
+foreach(call open open64 fopen fopen64 lseek lseek64 fstat fstat64 read write ioctl fdatasync select
+        usleep)
   target_link_options(test_faults INTERFACE -Wl,--wrap=${call})
 endforeach()
 

@@ -6,11 +6,9 @@
 #include <time.h>
 
 #include <regex>
-#include <string>
 #include <thread>
 
 #include "files.h"
-#include "kt_mmc.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 
@@ -18,131 +16,93 @@ namespace {
 
 constexpr char TOPIC[] = "/platform/v1/corvo/log010";
 
-class Log : public testing::Test {
-  protected:
-    void SetUp() override {
-        const CapturedOutput hidden;
-        Corvo_SetLogLevel(LOG_LEVEL_ORDINARY);
-        Corvo_SetLogOutputForceInit(0);
-        Corvo_SetLogCentorWorkingFlag(0);
-    }
-};
-
 std::string printed(uint32_t level, uint32_t mask, const std::string& text) {
     CapturedOutput output;
     CORVO_LOG(level, mask, LOG_MODULE_UPGRADE, "%s", text.c_str());
     return output.take();
 }
 
-TEST_F(Log, LineHasStampFieldsTextAndNewline) {
+std::string local_time() {
+    char text[16] = {};
+    const time_t now = time(nullptr);
+    tm local = {};
+    strftime(text, sizeof(text), "%m%d%H%M%S", localtime_r(&now, &local));
+    return text;
+}
+
+TEST(Log, LineHasStampFieldsTextAndNewline) {
+    const std::string before = local_time();
     CapturedOutput output;
     Corvo_LogPrint(4, 3, CORVO_LOG_PREFIX "count %d", "main", 120, 0x0D737001U, 4, 7);
-    EXPECT_TRUE(std::regex_match(output.take(),
-                                 std::regex(R"(\d{10}\.\d{3};main;120;0d737001;4;count 7\n)")));
+    const std::string line = output.take();
+    EXPECT_TRUE(
+        std::regex_match(line, std::regex(R"(\d{10}\.\d{3};main;120;0d737001;4;count 7\n)")));
+    EXPECT_TRUE(line.starts_with(before) || line.starts_with(local_time())) << line;
+    const std::string longest = printed(3, LOG_OUTPUT_CONSOLE, std::string(600, 'x'));
+    EXPECT_EQ(longest.size(), 509U);
+    EXPECT_TRUE(longest.ends_with("xx\n"));
 }
 
-TEST_F(Log, StampIsTheLocalTimeToTheMillisecond) {
-    char stamp[LOG_STAMP_CAPACITY] = {};
-    const time_t before = time(nullptr);
-    ts_format_log(stamp, sizeof(stamp));
-    const time_t after = time(nullptr);
-    char first[16] = {};
-    char last[16] = {};
-    tm local = {};
-    strftime(first, sizeof(first), "%m%d%H%M%S", localtime_r(&before, &local));
-    strftime(last, sizeof(last), "%m%d%H%M%S", localtime_r(&after, &local));
-    const std::string seconds(stamp, 10);
-    EXPECT_TRUE(seconds == first || seconds == last) << stamp;
-    EXPECT_EQ(strlen(stamp), 14U);
-    EXPECT_EQ(stamp[10], '.');
-
-    CapturedOutput output;
-    char untouched[LOG_STAMP_CAPACITY] = "as it was";
-    ts_format_log(untouched, LOG_STAMP_MIN_CAPACITY - 1);
-    EXPECT_EQ(output.take(), "buf is null or size 23 < 24\n");
-    EXPECT_STREQ(untouched, "as it was");
-}
-
-TEST_F(Log, LongTextIsCutAt508CharactersBeforeTheNewline) {
-    const std::string exact = printed(3, LOG_OUTPUT_CONSOLE, std::string(600, 'x'));
-    EXPECT_EQ(exact.size(), 509U);
-    EXPECT_EQ(exact.substr(507), "x\n");
-}
-
-TEST_F(Log, ThresholdMaskAndGateDecideWhatIsPrinted) {
-    EXPECT_EQ(printed(2, LOG_OUTPUT_CONSOLE, "below"), "");
-    EXPECT_NE(printed(3, LOG_OUTPUT_CONSOLE, "at"), "");
-    EXPECT_EQ(printed(4, LOG_OUTPUT_AUX, "not for the console"), "");
-    EXPECT_EQ(printed(4, 0, "for nobody"), "");
+TEST(Log, ThresholdMaskAndGateDecideWhatIsPrinted) {
+    const auto passes = [](uint32_t level, uint32_t mask) {
+        return !printed(level, mask, "").empty();
+    };
+    EXPECT_FALSE(passes(2, LOG_OUTPUT_CONSOLE));
+    EXPECT_TRUE(passes(3, LOG_OUTPUT_CONSOLE));
+    EXPECT_FALSE(passes(4, LOG_OUTPUT_AUX));
     CapturedOutput output;
     Corvo_SetLogLevel(2);
     Corvo_SetLogOutputForceInit(1);
-    EXPECT_EQ(output.take(),
-              "g_log_level set to:2\n"
-              "set log output force init flag:1 Corvo_SetLogOutputForceInit\n");
-    EXPECT_EQ(printed(4, LOG_OUTPUT_CONSOLE, "gate shut"), "");
-    CapturedOutput working;
+    EXPECT_FALSE(passes(4, LOG_OUTPUT_CONSOLE)) << "the gate is shut";
     Corvo_SetLogCentorWorkingFlag(1);
-    EXPECT_EQ(working.take(), "set log center working flag:1 Corvo_SetLogCentorWorkingFlag\n");
-    EXPECT_NE(printed(2, LOG_OUTPUT_CONSOLE, "gate open, level 2"), "");
+    EXPECT_TRUE(passes(2, LOG_OUTPUT_CONSOLE));
+    Corvo_SetLogLevel(LOG_LEVEL_ORDINARY);
+    EXPECT_EQ(
+        output.take(),
+        "g_log_level set to:2\nset log output force init flag:1 Corvo_SetLogOutputForceInit\n"
+        "set log center working flag:1 Corvo_SetLogCentorWorkingFlag\ng_log_level set to:3\n");
 }
 
-// A subscriber's socket that has reached the producer.
-int subscribe(const char* address) {
-    const int socket = nn_socket(AF_SP, NN_SUB);
-    nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, TOPIC, strlen(TOPIC));
-    const int patience = 5000;
-    nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVTIMEO, &patience, sizeof(patience));
-    nn_connect(socket, address);
-    return socket;
-}
-
-TEST_F(Log, SubscriberReceivesTheExactRecordInOrder) {
-    CapturedOutput hidden;
+TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     EXPECT_EQ(Corvo_LogProducerInit(0), LOG_PRODUCER_MISSING_ARGUMENT);
     // Several bits: the highest counts, 768 is module 10 as 512 is.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
-    const int socket = subscribe("ipc:///tmp/corvo_log_pub_ipc010");
-    for (int i = 0; i < 500 && nn_get_statistic(socket, NN_STAT_CURRENT_CONNECTIONS) < 1; ++i) {
+    const int socket = nn_socket(AF_SP, NN_SUB);
+    const int patience = 20000;
+    nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, TOPIC, strlen(TOPIC));
+    nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVTIMEO, &patience, sizeof(patience));
+    nn_connect(socket, "ipc:///tmp/corvo_log_pub_ipc010");
+    for (int i = 0; i < 2000 && nn_get_statistic(socket, NN_STAT_CURRENT_CONNECTIONS) < 1; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::string line = std::string(38, 'a') + '\n' + '\0';
     ASSERT_EQ(Corvo_LogProducerSend(3, line.data(), 40), LOG_PRODUCER_OK);
-    CORVO_LOG(3U, LOG_OUTPUT_CONSOLE, LOG_MODULE_UPGRADE, "second");
-
-    char message[2048] = {};
-    ASSERT_EQ(nn_recv(socket, message, sizeof(message), 0), 74);
-    EXPECT_EQ(std::string(message, 74),
-              std::string(TOPIC) + "|" + std::string("\3\0\0\0\x28\0\0\0", 8) + line);
-    const int size = nn_recv(socket, message, sizeof(message), 0);
-    ASSERT_GT(size, 34);
-    const std::string second(message + 34, static_cast<size_t>(size - 34));
-    EXPECT_EQ(second.substr(second.size() - 8), std::string("second\n\0", 8));
-    EXPECT_EQ(static_cast<unsigned char>(message[30]), second.size());
+    const std::string second = printed(3, LOG_OUTPUT_CONSOLE, "second") + '\0';
+    const auto received = [socket] {
+        char message[2048] = {};
+        const int size = nn_recv(socket, message, sizeof(message), 0);
+        return std::string(message, static_cast<size_t>(std::max(size, 0)));
+    };
+    EXPECT_EQ(received(), TOPIC + std::string("|\3\0\0\0\x28\0\0\0", 9) + line);
+    EXPECT_EQ(received(), TOPIC + std::string("|\3\0\0\0", 5) + static_cast<char>(second.size()) +
+                              std::string(3, '\0') + second);
     nn_close(socket);
     Corvo_LogProducerUnInit();
-    EXPECT_NE(hidden.take().find("log producer sock has exist"), std::string::npos);
 }
 
-TEST_F(Log, LinesAreStillPrintedWhereTheyCannotBePublished) {
+TEST(Log, LinesAreStillPrintedWhereTheyCannotBePublished) {
     write_file("/tmp/corvo_log_pub_ipc001/in_the_way", "");
     CapturedOutput output;
     EXPECT_EQ(Corvo_LogProducerInit(1), LOG_PRODUCER_BIND_FAILED);
     const std::string lines = output.take();
-    EXPECT_EQ(lines.find("KT_mmcBindUrl error -1 erron "), 0U) << lines;
-    EXPECT_NE(lines.find("ipc:///tmp/corvo_log_pub_ipc001\nCorvo_LogProducerUnInit\n"),
-              std::string::npos);
+    EXPECT_TRUE(lines.starts_with("KT_mmcBindUrl error -1 erron ")) << lines;
+    EXPECT_TRUE(lines.ends_with("ipc:///tmp/corvo_log_pub_ipc001\nCorvo_LogProducerUnInit\n"));
     EXPECT_EQ(Corvo_LogProducerSend(3, "x\n", 3), LOG_PRODUCER_SEND_FAILED);
     EXPECT_NE(printed(3, LOG_OUTPUT_CONSOLE, "alone"), "");
     remove("/tmp/corvo_log_pub_ipc001/in_the_way");
     remove("/tmp/corvo_log_pub_ipc001");
-
-    char small[4] = {};
-    EXPECT_EQ(KT_mmcPutTopic("abcd", small, sizeof(small)), LOG_PRODUCER_BUFFER_TOO_SMALL);
-    void* nothing = nullptr;
-    EXPECT_EQ(KT_mmcSendMsg(-1, &nothing), LOG_PRODUCER_NULL_MESSAGE);
 }
 
 }  // namespace

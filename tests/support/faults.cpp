@@ -4,9 +4,9 @@
 #include <stdio.h>
 #include <sys/select.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <mutex>
 #include <optional>
 
@@ -16,18 +16,14 @@ Devices& devices = *new Devices;
 namespace {
 
 std::mutex mutex;
-bool active = false;
 std::vector<Fault>& faults = *new std::vector<Fault>;
 std::map<std::string, int>& counts = *new std::map<std::string, int>;
-std::vector<std::string>& openedPaths = *new std::vector<std::string>;
+std::string& openedPaths = *new std::string;
 
 // Counts the call; returns the fault that it meets, with errno set.
-std::optional<Fault> next_call(const char* call) {
+std::optional<Fault> next_call(const char* call, int amount = 1) {
     const std::lock_guard lock(mutex);
-    if (!active) {
-        return std::nullopt;
-    }
-    const int ordinal = ++counts[call];
+    const int ordinal = counts[call] += amount;
     for (const Fault& fault : faults) {
         if (fault.call == call && (fault.ordinal == 0 || fault.ordinal == ordinal)) {
             errno = fault.error;
@@ -37,17 +33,23 @@ std::optional<Fault> next_call(const char* call) {
     return std::nullopt;
 }
 
-std::string real_path(const char* path) {
+const char* real_path(const char* path) {
     const std::lock_guard lock(mutex);
-    openedPaths.emplace_back(path);
-    const auto entry = devices.paths.find(path);
-    return entry == devices.paths.end() ? path : entry->second;
+    openedPaths += path + std::string(" ");
+    return path == std::string("/proc/mtd") ? "/tmp/proc_mtd" : path;
 }
 
-timeval* shortened(timeval* timeout) {
-    if (devices.tickUs > 0) {
-        *timeout = {.tv_sec = 0, .tv_usec = devices.tickUs};
+// The bytes that a transfer of this size moves; none when it fails.
+std::optional<size_t> moved(const char* call, size_t size) {
+    const std::optional<Fault> fault = next_call(call);
+    if (fault && fault->error != 0) {
+        return std::nullopt;
     }
+    return fault ? std::min(fault->count, size) : size;
+}
+
+timeval* tick(timeval* timeout) {
+    *timeout = {.tv_sec = 0, .tv_usec = 1000};
     return timeout;
 }
 
@@ -58,12 +60,11 @@ Faults::Faults(std::vector<Fault> wanted) {
     faults = std::move(wanted);
     counts.clear();
     openedPaths.clear();
-    active = true;
 }
 
 Faults::~Faults() {
     const std::lock_guard lock(mutex);
-    active = false;
+    faults.clear();
 }
 
 int Faults::calls(const std::string& call) {
@@ -71,7 +72,7 @@ int Faults::calls(const std::string& call) {
     return counts[call];
 }
 
-std::vector<std::string> Faults::opened() {
+std::string Faults::opened() {
     const std::lock_guard lock(mutex);
     return openedPaths;
 }
@@ -89,39 +90,40 @@ std::vector<std::string> Faults::opened() {
 
 extern "C" {
 WRAP_BOTH(open, -1, int, (const char* path, int flags, unsigned mode),
-          (real_path(path).c_str(), flags, mode))
-WRAP_BOTH(fopen, nullptr, FILE*, (const char* path, const char* mode),
-          (real_path(path).c_str(), mode))
+          (real_path(path), flags, mode))
+WRAP_BOTH(fopen, nullptr, FILE*, (const char* path, const char* mode), (real_path(path), mode))
 WRAP_BOTH(lseek, -1, off_t, (int fd, off_t offset, int from), (fd, offset, from))
 WRAP_BOTH(fstat, -1, int, (int fd, struct stat* status), (fd, status))
 WRAP(fdatasync, "fdatasync", -1, int, (int fd), (fd))
 WRAP(select, "select", -1, int, (int fds, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout),
-     (fds, in, out, bad, shortened(timeout)))
+     (fds, in, out, bad, tick(timeout)))
+
+int __wrap_usleep(unsigned microseconds) {
+    next_call("usleep", static_cast<int>(microseconds));
+    return 0;
+}
+
 int __real_ioctl(int fd, unsigned long request, void* argument);
 int __wrap_ioctl(int fd, unsigned long request, void* argument) {
     if (next_call("ioctl")) {
         return -1;
     }
-    return devices.ioctl ? devices.ioctl(fd, request, argument)
-                         : __real_ioctl(fd, request, argument);
+    return devices.ioctl ? devices.ioctl(request, argument) : __real_ioctl(fd, request, argument);
 }
 
 ssize_t __real_read(int fd, void* data, size_t size);
 ssize_t __wrap_read(int fd, void* data, size_t size) {
-    const auto fault = next_call("read");
-    if (fault && fault->error != 0) {
-        return -1;
-    }
-    return __real_read(fd, data, fault ? std::min(fault->count, size) : size);
+    const auto count = moved("read", size);
+    return count ? __real_read(fd, data, *count) : -1;
 }
 
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    const auto fault = next_call("write");
-    if (fault && fault->error != 0) {
+    const auto count = moved("write", size);
+    if (!count) {
         return -1;
     }
-    std::string bytes(static_cast<const char*>(data), fault ? std::min(fault->count, size) : size);
+    std::string bytes(static_cast<const char*>(data), *count);
     if (devices.write) {
         devices.write(fd, bytes);
     }

@@ -3,10 +3,7 @@
 #ifndef TESTS_SUPPORT_FAULTS_H
 #define TESTS_SUPPORT_FAULTS_H
 
-#include <sys/types.h>
-
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -17,25 +14,23 @@ struct Fault {
     size_t count = 0;  // read and write with error 0: bytes that are really moved at the most
 };
 
-// What stands behind the calls, for a machine that lacks the device.
+// What stands behind the calls, for a machine that lacks the device. "/proc/mtd" is a file in /tmp.
 struct Devices {
-    std::map<std::string, std::string> paths;  // open and fopen: this path is really that one
     std::function<void(int fd, std::string& data)> write;  // changes what is stored
-    std::function<int(int fd, unsigned long request, void* argument)> ioctl;
-    int tickUs = 0;  // select waits this long, microseconds; 0: as it is asked to
+    std::function<int(unsigned long request, void* argument)> ioctl;
 };
 extern Devices& devices;
 
-// Counts calls and lets the faults happen, from construction to destruction. One at a time.
+// Counts calls and lets the faults happen, from construction to destruction. One at a time. With it
+// or without, select waits a millisecond and usleep not at all.
 class Faults {
   public:
-    explicit Faults(std::vector<Fault> wanted);
+    explicit Faults(std::vector<Fault> wanted = {});
     ~Faults();
-    Faults(const Faults&) = delete;
-    Faults& operator=(const Faults&) = delete;
 
-    static int calls(const std::string& call);
-    static std::vector<std::string> opened();  // paths, in the order of the opens that went on
+    static int calls(
+        const std::string& call);  // for "usleep": the microseconds that were asked for
+    static std::string opened();   // paths, in the order of the opens that went on, each with " "
 };
 
 #endif  // TESTS_SUPPORT_FAULTS_H

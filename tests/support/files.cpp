@@ -67,6 +67,16 @@ std::string without_source_lines(const std::string& text) {
     return std::regex_replace(text, number, "$1#");
 }
 
+void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run) {
+    for (const std::string& line : lines_of(read_file(TEXTS "cases/" + name))) {
+        if (!line.empty() && !line.starts_with('#')) {
+            const std::string text = line.substr(0, line.find("->"));
+            std::istringstream input(text);
+            EXPECT_EQ(text + "-> " + run(input), line) << "in cases/" << name;
+        }
+    }
+}
+
 CapturedOutput::CapturedOutput()
     : saved_(dup(STDOUT_FILENO)), file_(memfd_create("output", MFD_CLOEXEC)) {
     fflush(stdout);

@@ -2,6 +2,7 @@
 #ifndef TESTS_SUPPORT_FILES_H
 #define TESTS_SUPPORT_FILES_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ std::vector<std::string> lines_of(const std::string& text);
 
 // The text with "#" for the source line numbers of reports and log lines, which tests do not pin.
 std::string without_source_lines(const std::string& text);
+
+// Runs each case of cases/NAME: a line reads "INPUT -> OUTCOME", and `run` makes the outcome of the
+// input. Empty lines, and those that begin with "#", are for the reader.
+void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run);
 
 // Catches what goes to standard output from construction to take().
 class CapturedOutput {

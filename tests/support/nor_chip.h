@@ -9,78 +9,57 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <map>
+#include <filesystem>
 #include <string>
 
 #include "faults.h"
 #include "files.h"
 
-class NorChip {
-  public:
-    // The partition on device `number`, `size` bytes, with this text of "/proc/mtd".
-    NorChip(int number, uint32_t size, const std::string& table)
-        : path_("/dev/mtd/" + std::to_string(number)), size_(size) {
+struct NorChip {
+    std::string path;       // "/dev/mtd/N"
+    uint32_t size;          // bytes
+    int64_t wornCell = -1;  // position of a cell that holds 0 for good; -1: all are sound
+
+    // Erased, and behind the calls from now on, with this text of "/proc/mtd".
+    void install(const std::string& table) {
         write_file("/tmp/proc_mtd", table);
-        set_content(std::string(size, '\0'));
-        devices.paths["/proc/mtd"] = "/tmp/proc_mtd";
+        write_file(path, std::string(size, '\xff'));
         devices.write = [this](int fd, std::string& data) { program(fd, data); };
-        devices.ioctl = [this](int, unsigned long request, void* argument) {
+        devices.ioctl = [this](unsigned long request, void* argument) {
             return control(request, argument);
         };
     }
     ~NorChip() {
         devices = {};
-        unlink(path_.c_str());
-    }
-    NorChip(const NorChip&) = delete;
-    NorChip& operator=(const NorChip&) = delete;
-
-    [[nodiscard]] std::string content() const { return read_file(path_); }
-    // The cells from the start on; the rest is erased.
-    void set_content(std::string cells) {
-        cells.resize(size_, '\xff');
-        for (const auto& [position, value] : wornCells) {
-            cells[position] = value;
-        }
-        write_file(path_, cells);
-    }
-
-    std::map<size_t, char> wornCells;  // position -> the value that it holds
-
-  private:
-    [[nodiscard]] bool is_mine(int fd) const {
-        char target[64] = {};
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        return readlink(link.c_str(), target, sizeof(target) - 1) > 0 && path_ == target;
+        unlink(path.c_str());
     }
 
     void program(int fd, std::string& data) const {
-        const std::string cells = is_mine(fd) ? content() : "";
+        if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)) != path) {
+            return;
+        }
+        const std::string cells = read_file(path);
         // Not lseek(): that would count as the program's call.
         auto position = static_cast<size_t>(syscall(SYS_lseek, fd, 0, SEEK_CUR));
-        for (size_t i = 0; i < data.size() && position < cells.size(); ++i, ++position) {
-            const auto worn = wornCells.find(position);
-            data[i] = static_cast<char>(worn != wornCells.end() ? worn->second
-                                                                : data[i] & cells[position]);
+        for (size_t i = 0; i < data.size() && position < size; ++i, ++position) {
+            const bool worn = position == static_cast<size_t>(wornCell);
+            data[i] = static_cast<char>(worn ? 0 : data[i] & cells[position]);
         }
     }
 
-    int control(unsigned long request, void* argument) {
+    int control(unsigned long request, void* argument) const {
         const auto range = *static_cast<const erase_info_user*>(argument);
         if (request == MEMGETINFO) {
-            static_cast<mtd_info_user*>(argument)->size = size_;
+            static_cast<mtd_info_user*>(argument)->size = size;
             return 0;
         }
-        if (request == MEMERASE && range.start == 0 && range.length == size_) {
-            set_content("");
+        if (request == MEMERASE && range.start == 0 && range.length == size) {
+            write_file(path, std::string(size, '\xff'));
             return 0;
         }
         errno = ENOTTY;  // of erases only that of the whole chip is granted
         return -1;
     }
-
-    std::string path_;
-    uint32_t size_;
 };
 
 #endif  // TESTS_SUPPORT_NOR_CHIP_H
