@@ -92,17 +92,4 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     Corvo_LogProducerUnInit();
 }
 
-TEST(Log, LinesAreStillPrintedWhereTheyCannotBePublished) {
-    write_file("/tmp/corvo_log_pub_ipc001/in_the_way", "");
-    CapturedOutput output;
-    EXPECT_EQ(Corvo_LogProducerInit(1), LOG_PRODUCER_BIND_FAILED);
-    const std::string lines = output.take();
-    EXPECT_TRUE(lines.starts_with("KT_mmcBindUrl error -1 erron ")) << lines;
-    EXPECT_TRUE(lines.ends_with("ipc:///tmp/corvo_log_pub_ipc001\nCorvo_LogProducerUnInit\n"));
-    EXPECT_EQ(Corvo_LogProducerSend(3, "x\n", 3), LOG_PRODUCER_SEND_FAILED);
-    EXPECT_NE(printed(3, LOG_OUTPUT_CONSOLE, "alone"), "");
-    remove("/tmp/corvo_log_pub_ipc001/in_the_way");
-    remove("/tmp/corvo_log_pub_ipc001");
-}
-
 }  // namespace
