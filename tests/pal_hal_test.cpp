@@ -8,16 +8,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "faults.h"
 #include "files.h"
 #include "nor_chip.h"
 #include "nv_factory_cache.h"
-#include "pal/pal_led.h"
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"
-#include "pal/pal_pmu.h"
 #include "pal_common/error_log.h"
 #include "registry.h"
 
@@ -44,19 +43,19 @@ TEST(Pal, UpgradesAreCheckedBeforeAnythingIsWritten) {
         uint32_t storage = 0;
         std::string part, image;
         input >> module >> part >> image >> storage;
-        const char* const partName = part == "null" ? nullptr : part.c_str();
+        const char* const name = part == "null" ? nullptr : part.c_str();
         const char* const path = image == "null" ? nullptr : image.c_str();
         write_file(BY_NAME + "kernel", "old");
         CapturedOutput output;
-        const int codes[] = {PAL_OTA_UpgradeByOffset(module, partName, path, 0, 3, storage),
-                             PAL_OTA_Upgrade(module, partName, path, storage)};
-        std::string text = std::to_string(codes[0]) + " " + std::to_string(codes[1]) + " " +
-                           read_file(BY_NAME + "kernel");
+        std::ostringstream text;
+        text << PAL_OTA_UpgradeByOffset(module, name, path, 0, 3, storage) << " "
+             << PAL_OTA_Upgrade(module, name, path, storage) << " "
+             << read_file(BY_NAME + "kernel");
         for (const std::string& line : lines_of(output.take())) {
             const size_t error = line.find(" 4 ");
-            text += error == std::string::npos ? "" : ", " + line.substr(error + 3);
+            text << (error == std::string::npos ? "" : ", " + line.substr(error + 3));
         }
-        return text;
+        return text.str();
     });
 }
 
@@ -71,18 +70,12 @@ TEST(Pal, PartitionsOfBothStoragesAreOpenedForReadingOnly) {
         EXPECT_EQ(close(fd), 0);
         EXPECT_EQ(PAL_OTA_OpenPartition("none", 0, storage, &fd), missing);
         EXPECT_EQ(fd, -1);
+        CapturedOutput output;
         EXPECT_EQ(PAL_OTA_OpenPartition("part", O_RDWR, storage, &fd), 2);
+        EXPECT_TRUE(output.take().ends_with("PAL_OTA 10 4 Param invalid\n"));
         EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, storage, nullptr), 2);
     }
     EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, 5, &fd), 4);
-}
-
-TEST(Pal, ModulesThatRunAlreadyOrAreNotThere) {
-    EXPECT_FALSE(HAL_OTA_GetInterface(1) || HAL_LED_GetInterface(1) || HAL_NV_GetInterface(1));
-    EXPECT_EQ(PAL_Pmu_Init(0), 1);
-    EXPECT_EQ(PAL_LED_Init(), 0);
-    EXPECT_EQ(PAL_LED_Init(), 1);
-    HAL_LED_GetInterface(0)->deinit(0);
 }
 
 TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
