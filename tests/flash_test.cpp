@@ -153,14 +153,6 @@ TEST_F(Flash, MmcEraseOfABlockDeviceIsOneRequestAndElseWritesZeros) {
     EXPECT_EQ(system((std::string("losetup --detach $(readlink ") + PART + ")").c_str()), 0);
 }
 
-TEST_F(Flash, MmcRangesAreCheckedWithoutTheEraseToo) {
-    for (const auto& [offset, length, code] :
-         {std::tuple(0, 0, -23), {0, INT_MIN, -23}, {0, int{SIZE} + 1, -24}, {-1, 100, -32}}) {
-        EXPECT_EQ(flash_mmc_write_partition_by_offset("root", IMAGE, offset, length), code);
-    }
-    EXPECT_TRUE(read_file(PART) == OLD);
-}
-
 TEST_F(Flash, MmcSectorsEndAtTheirLimitAndShortTransfersAreCounts) {
     char buffer[200] = {};
     const Faults faults({{"write", 2, EIO}, {"write", 3, 0, 7}});
