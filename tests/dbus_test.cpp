@@ -191,8 +191,9 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     server.reset();
     const corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
     const sockaddr_un address = dbus_server_address(SYSTEM_CALL_DAEMON_NAME);
-    bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    listen(listener.get(), 1);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    ASSERT_EQ(bind(listener.get(), generic, sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
     ASSERT_EQ(system_call_init(), DBUS_OK);
     CapturedOutput output;
     const auto start = steady_clock::now();
