@@ -1,10 +1,20 @@
-# Faults behind the system calls of whatever a program links: see support/faults.h.
+# Faults behind the system calls of a test's own program: see support/faults.h.
+set(calls_with_faults
+    open open64 fopen fopen64 read write lseek lseek64 fstat fstat64 fsync fdatasync remove ioctl select
+    msgrcv msgctl socket connect send calloc pthread_create pthread_cond_timedwait sleep usleep _exit)
+list(TRANSFORM calls_with_faults PREPEND -Wl,--wrap=)
 add_library(test_faults STATIC support/faults.cpp)
 target_link_libraries(test_faults PUBLIC test_support)
-foreach(call open open64 fopen fopen64 lseek lseek64 fstat fstat64 read write ioctl fdatasync select
-        usleep)
-  target_link_options(test_faults INTERFACE -Wl,--wrap=${call})
-endforeach()
+target_link_options(test_faults INTERFACE ${calls_with_faults})
+
+# The same behind the service's own objects. Its folder, not its name, tells it apart: the service
+# says under which name it runs.
+corvo_program(corvo_upgrade_with_faults SOURCES ${PROJECT_SOURCE_DIR}/ota/main.cpp support/faults.cpp
+              LINK ota dbus log platform)
+set_target_properties(corvo_upgrade_with_faults PROPERTIES OUTPUT_NAME corvo_upgrade
+                      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
+target_link_options(corvo_upgrade_with_faults PRIVATE ${calls_with_faults}
+                    -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
 
 corvo_test(flash_test SOURCES flash_test.cpp LINK test_faults pal hal_flash)
 target_include_directories(flash_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/flash)

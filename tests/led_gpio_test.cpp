@@ -68,9 +68,8 @@ class Led : public testing::Test {
     // Prints what became of the lines in so many ticks.
     static void show_lines(int ticks) {
         wait_for_ticks(ticks);
-        printf("opened: %s; %d writes; red %s, blue %s\n", Faults::opened().c_str(),
-               Faults::calls("write"), read_file(GPIO + "gpio34/value").c_str(),
-               read_file(GPIO + "gpio35/value").c_str());
+        printf("opened: %s; %d writes; red %s, blue %s\n", Faults::opened(), Faults::calls("write"),
+               read_file(GPIO + "gpio34/value").c_str(), read_file(GPIO + "gpio35/value").c_str());
     }
 
   private:
@@ -113,7 +112,7 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
 }
 
 TEST_F(Led, FailingWaitsDoNotSpin) {
-    const Faults faults({{"select", 0, EINVAL}});
+    const Faults faults({{"select", -1, EINVAL}});
     led.init(0);
     wait_for_ticks(10);
     led.deinit(0);

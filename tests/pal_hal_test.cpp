@@ -135,7 +135,7 @@ TEST(Nv, FactoryCacheIsFilledOnceTheNodeIsThere) {
         expected.resize(PalNvFactoryCache.size());
         EXPECT_EQ(memcmp(PalNvFactoryCache.data(), expected.data(), expected.size()), 0);
     }
-    const Faults faults({{"open", 0, ENOENT}});
+    const Faults faults({{"open", -1, ENOENT}});
     EXPECT_EQ(PAL_NV_Init(), 5);
     EXPECT_EQ(Faults::calls("open"), 1001);
     EXPECT_EQ(Faults::calls("usleep"), 1000 * 5000);

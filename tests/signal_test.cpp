@@ -71,7 +71,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
 TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     const auto start = std::chrono::steady_clock::now();
     // Record 3 is a command in the middle of the kill passes.
-    const Outcome outcome = camera.run(Camera::request(0, {3}), {{"CORVO_CRASH", "3"}});
+    const Outcome outcome = camera.run(Camera::request(0, {3}), {{"send", 3, CRASH}});
     EXPECT_TRUE(outcome.ended);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_NE(outcome.text.find("sig_handler, arg = 6"), std::string::npos);

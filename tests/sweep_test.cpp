@@ -58,9 +58,7 @@ class World {
     World(const World&) = delete;
     World& operator=(const World&) = delete;
 
-    Outcome run(const std::map<std::string, std::string>& plan = {}) {
-        return camera.run(message_, plan);
-    }
+    Outcome run(const std::vector<Fault>& faults = {}) { return camera.run(message_, faults); }
 
     [[nodiscard]] static bool written() {
         return Camera::partition("kernel").compare(0, KERNEL_IMAGE.size(), KERNEL_IMAGE) == 0 &&
@@ -123,15 +121,16 @@ void expect_other_keys_kept(const std::string& record) {
     }
 }
 
-class PowerCut : public testing::TestWithParam<std::tuple<Mode, const char*>> {};
+class PowerCut : public testing::TestWithParam<std::tuple<Mode, Effect>> {};
 
 TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
-    const auto [mode, kind] = GetParam();
+    const auto [mode, effect] = GetParam();
+    const char* const call = effect == CUT ? "change" : "write";
     bool complete = false;
     for (int place = std::max(1, only()); !complete && place < MANY; place += STRIDE) {
-        SCOPED_TRACE(std::string(kind) + " " + std::to_string(place));
+        SCOPED_TRACE(std::string(call) + " " + std::to_string(place));
         World world(mode);
-        const Outcome outcome = world.run({{kind, std::to_string(place)}});
+        const Outcome outcome = world.run({{call, place, effect}});
         complete = outcome.ended || only() != 0;
         const bool resultStored = outcome.text.find("ota hal init end") != std::string::npos;
         const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
@@ -160,23 +159,22 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
     }
 }
 
-std::string cut_name(const testing::TestParamInfo<std::tuple<Mode, const char*>>& cut) {
+using Cut = std::tuple<Mode, Effect>;
+
+std::string cut_name(const testing::TestParamInfo<Cut>& cut) {
     static const char* const modes[] = {"Files", "Combined", "AutoFlash"};
-    return std::string(modes[static_cast<int>(std::get<0>(cut.param))]) +
-           (std::get<1>(cut.param) + strlen("CORVO_"));
+    const auto [mode, effect] = cut.param;
+    return modes[static_cast<int>(mode)] + std::string(effect == CUT ? "Cut" : "Torn");
 }
 
-using Cut = std::tuple<Mode, const char*>;
 INSTANTIATE_TEST_SUITE_P(Modes, PowerCut,
-                         testing::Values(Cut(Mode::FILES, "CORVO_CUT"),
-                                         Cut(Mode::COMBINED, "CORVO_CUT"),
-                                         Cut(Mode::AUTO_FLASH, "CORVO_CUT"),
-                                         Cut(Mode::FILES, "CORVO_TEAR")),
+                         testing::Values(Cut(Mode::FILES, CUT), Cut(Mode::COMBINED, CUT),
+                                         Cut(Mode::AUTO_FLASH, CUT), Cut(Mode::FILES, TEAR)),
                          cut_name);
 
 int reported(int which) {
     int numbers[2] = {0, 0};
-    std::ifstream("/tmp/desk_report") >> numbers[0] >> numbers[1];
+    std::ifstream(FAULTS_REPORT) >> numbers[0] >> numbers[1];
     return numbers[which];
 }
 
@@ -207,11 +205,10 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     for (int place = std::max(1, only()); struck && place < MANY; place += STRIDE) {
         SCOPED_TRACE(std::string(d.call) + " " + std::to_string(place));
         World world(d.mode);
-        const std::string fault = std::string(d.call) + ":" + std::to_string(place) +
-                                  (d.onwards ? "+:" : ":") + std::to_string(d.error);
-        const Outcome outcome = world.run({{"CORVO_FAULT", fault}, {"CORVO_HURRY", "1"}});
+        const Fault fault = {d.call, d.onwards ? -place : place, d.error, 1};
+        const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
         EXPECT_TRUE(outcome.ended);
-        struck = reported(0) > 0 && only() == 0;
+        struck = reported(0) >= place && only() == 0;
         const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
         EXPECT_TRUE(!verdict || World::written()) << "success, but not written";
         EXPECT_TRUE(World::others_untouched());
@@ -221,11 +218,6 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
         EXPECT_TRUE(!client || d.silencesDaemon || world.reboot_asked());
         ASSERT_FALSE(testing::Test::HasFailure()) << outcome.text;
     }
-}
-
-std::string disturbance_name(const testing::TestParamInfo<Disturbance>& fault) {
-    return std::string(fault.param.call) + std::to_string(fault.param.error) +
-           (fault.param.onwards ? "Onwards" : "Once");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -255,6 +247,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Disturbance{"send", 0, true, false, Mode::FILES},
                     Disturbance{"calloc", ENOMEM, false, true, Mode::FILES},
                     Disturbance{"pthread_create", EAGAIN, false, false, Mode::FILES}),
-    disturbance_name);
+    [](const auto& fault) {
+        return std::string(fault.param.call) + std::to_string(fault.param.error) +
+               (fault.param.onwards ? "Onwards" : "Once");
+    });
 
 }  // namespace

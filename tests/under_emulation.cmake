@@ -28,9 +28,9 @@ exec ${emulator_folder}/${target}/${name} -L ${CORVO_SYSROOT}/root \"\${EMULATED
 endfunction()
 
 emulated_script(corvo_upgrade service)
-emulated_script(corvo_upgrade_on_desk service_on_desk)
+emulated_script(corvo_upgrade_with_faults service_with_faults)
 set_target_properties(test_camera PROPERTIES COMPILE_DEFINITIONS
-  "SERVICE_PROGRAM=\"${service}\";SERVICE_PROGRAM_ON_DESK=\"${service_on_desk}\"")
+  "SERVICE_PROGRAM=\"${service}\";SERVICE_WITH_FAULTS=\"${service_with_faults}\"")
 if(TARGET tools_test)
   emulated_script(otactl otactl_script)
   emulated_script(system_call_daemon daemon_script)

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "dbus/system_call.h"
@@ -117,6 +118,10 @@ std::vector<std::string> FakeDaemon::take_commands() {
 }
 
 Camera::Camera() {
+    clear();
+}
+
+void Camera::clear() {
     for (const char* name : PARTITIONS) {
         write_file(std::string("/dev/block/by-name/") + name, std::string(PARTITION_SIZE, 'o'));
     }
@@ -177,17 +182,27 @@ bool Camera::queue_exists() {
     return msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0) >= 0;
 }
 
-void Camera::start(const std::map<std::string, std::string>& plan, bool asDelivered) {
+void Camera::start(const std::vector<Fault>& faults) {
+    std::ostringstream text;
+    for (const Fault& fault : faults) {
+        text << fault.call << ":" << fault.ordinal << ":" << fault.effect << ":" << fault.count
+             << " ";
+    }
+    start_program(SERVICE_WITH_FAULTS, text.str());
+}
+
+void Camera::start_as_delivered() {
+    start_program(SERVICE_PROGRAM, "");
+}
+
+void Camera::start_program(const char* program, const std::string& faults) {
     output_.reset(memfd_create("console", MFD_CLOEXEC));
     pid_ = fork();
     if (pid_ == 0) {
-        for (const auto& [name, value] : plan) {
-            setenv(name.c_str(), value.c_str(), 1);
-        }
+        setenv(FAULTS_VARIABLE, faults.c_str(), 1);
         // The service exits with its threads; a reader that ended before is nobody's to join.
         setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);
         dup2(output_.get(), STDOUT_FILENO);
-        const char* const program = asDelivered ? SERVICE_PROGRAM : SERVICE_PROGRAM_ON_DESK;
         if (getenv("CORVO_VALGRIND") != nullptr) {
             execlp("valgrind", "valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full",
                    "--errors-for-leak-kinds=definite", "--show-leak-kinds=definite", program,
@@ -231,8 +246,8 @@ Outcome Camera::finish() {
     return outcome;
 }
 
-Outcome Camera::run(const OtaMessage& message, const std::map<std::string, std::string>& plan) {
-    start(plan);
+Outcome Camera::run(const OtaMessage& message, const std::vector<Fault>& faults) {
+    start(faults);
     post(message);
     return finish();
 }

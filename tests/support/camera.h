@@ -5,13 +5,13 @@
 
 #include <sys/types.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
 #include "dbus/dbus_socket_common.h"
+#include "faults.h"
 #include "ota/ota_message.h"
 
 // The system-call daemon's part, played by the real server half of the transport. One at a time.
@@ -50,6 +50,7 @@ class Camera {
 
     std::unique_ptr<FakeDaemon> daemon = std::make_unique<FakeDaemon>();
 
+    static void clear();  // all partitions full of "o", no record, no package, no auto-flash
     static std::string partition(const std::string& name);  // its content
     static void put_image(const std::string& file, const std::string& content);
     static bool has(const std::string& path);
@@ -60,9 +61,9 @@ class Camera {
     static void post(const OtaMessage& message, size_t size = OTA_MSG_TEXT_SIZE);
     static bool queue_exists();
 
-    // Starts the service: the program with its pauses and calls under the plan (see
-    // desk_calls.cpp), or the program as it is delivered.
-    void start(const std::map<std::string, std::string>& plan = {}, bool asDelivered = false);
+    // Starts the service with these faults behind its calls.
+    void start(const std::vector<Fault>& faults = {});
+    void start_as_delivered();
     [[nodiscard]] pid_t pid() const { return pid_; }
     // Waits until the service has printed a line that contains this.
     void wait_for(const std::string& text);
@@ -70,9 +71,11 @@ class Camera {
     Outcome finish();
 
     // start(), post(), finish().
-    Outcome run(const OtaMessage& message, const std::map<std::string, std::string>& plan = {});
+    Outcome run(const OtaMessage& message, const std::vector<Fault>& faults = {});
 
   private:
+    void start_program(const char* program, const std::string& faults);
+
     pid_t pid_ = -1;
     corvo::UniqueFd output_;
 };

@@ -1,132 +1,294 @@
 #include "faults.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/msg.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <map>
-#include <mutex>
-#include <optional>
+#include <iterator>
 
-// None of these is ever destroyed: calls are wrapped to the very end of the process.
-Devices& devices = *new Devices;
+Devices devices = {};
+
+extern "C" FILE* __real_fopen64(const char* path, const char* mode);
 
 namespace {
 
-std::mutex mutex;
-std::vector<Fault>& faults = *new std::vector<Fault>;
-std::map<std::string, int>& counts = *new std::map<std::string, int>;
-std::string& openedPaths = *new std::string;
+constexpr size_t MOST_FAULTS = 8;
+constexpr char PARTITIONS[] = "/dev/block/by-name/";
+
+struct Counter {
+    const char* call;
+    int calls;
+};
+
+pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards all of these
+Fault g_faults[MOST_FAULTS] = {};
+Counter g_counters[32];
+char g_opened[4096];
+
+Counter& counter_of(const char* call) {
+    Counter* counter = g_counters;
+    while (counter->call != nullptr && strcmp(counter->call, call) != 0) {
+        ++counter;
+    }
+    counter->call = call;
+    return *counter;
+}
 
 // Counts the call; returns the fault that it meets, with errno set.
-std::optional<Fault> next_call(const char* call, int amount = 1) {
-    const std::lock_guard lock(mutex);
-    const int ordinal = counts[call] += amount;
-    for (const Fault& fault : faults) {
-        if (fault.call == call && (fault.ordinal == 0 || fault.ordinal == ordinal)) {
-            errno = fault.error;
-            return fault;
+Fault next(const char* call, int amount = 1) {
+    Fault met = {call, 0, NONE, 0};
+    pthread_mutex_lock(&g_mutex);
+    const int ordinal = counter_of(call).calls += amount;
+    for (const Fault& fault : g_faults) {
+        if (fault.call != nullptr && strcmp(fault.call, call) == 0 &&
+            (fault.ordinal == ordinal || (fault.ordinal < 0 && -fault.ordinal <= ordinal))) {
+            met = fault;
         }
     }
-    return std::nullopt;
+    pthread_mutex_unlock(&g_mutex);
+    errno = met.effect > 0 ? met.effect : errno;
+    return met;
+}
+
+bool fails(const char* call) {
+    return next(call).effect > 0;
+}
+
+[[noreturn]] void cut_power() {
+    kill(getpid(), SIGKILL);
+    abort();
+}
+
+void change() {
+    if (next("change").effect == CUT) {
+        cut_power();
+    }
 }
 
 const char* real_path(const char* path) {
-    const std::lock_guard lock(mutex);
-    openedPaths += path + std::string(" ");
-    return path == std::string("/proc/mtd") ? "/tmp/proc_mtd" : path;
+    pthread_mutex_lock(&g_mutex);
+    const size_t length = strlen(g_opened);
+    snprintf(g_opened + length, sizeof(g_opened) - length, "%s ", path);
+    pthread_mutex_unlock(&g_mutex);
+    return strcmp(path, "/proc/mtd") == 0 ? "/tmp/proc_mtd" : path;
 }
 
-// The bytes that a transfer of this size moves; none when it fails.
-std::optional<size_t> moved(const char* call, size_t size) {
-    const std::optional<Fault> fault = next_call(call);
-    if (fault && fault->error != 0) {
-        return std::nullopt;
+bool is_image(int fd, const char* data, size_t size) {
+    char link[32];
+    char path[64] = {};
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    // Erasing writes zeros.
+    return readlink(link, path, sizeof(path) - 1) > 0 &&
+           strncmp(path, PARTITIONS, sizeof(PARTITIONS) - 1) == 0 &&
+           std::any_of(data, data + size, [](char c) { return c != 0; });
+}
+
+__attribute__((constructor)) void read_faults() {
+    const char* text = getenv(FAULTS_VARIABLE);
+    static char names[MOST_FAULTS][32];
+    int length = 0;
+    for (size_t i = 0; text != nullptr && i < MOST_FAULTS; ++i, text += length) {
+        Fault& fault = g_faults[i];
+        if (sscanf(text, "%31[^:]:%d:%d:%zu %n", names[i], &fault.ordinal, &fault.effect,
+                   &fault.count, &length) != 4) {
+            break;
+        }
+        fault.call = names[i];
     }
-    return fault ? std::min(fault->count, size) : size;
 }
 
-timeval* tick(timeval* timeout) {
-    *timeout = {.tv_sec = 0, .tv_usec = 1000};
-    return timeout;
+__attribute__((destructor)) void report() {
+    if (getenv(FAULTS_VARIABLE) == nullptr) {
+        return;
+    }
+    int descriptors = 0;
+    DIR* const directory = opendir("/proc/self/fd");
+    while (readdir(directory) != nullptr) {
+        ++descriptors;
+    }
+    closedir(directory);
+    const int calls = g_faults[0].call == nullptr ? 0 : Faults::calls(g_faults[0].call);
+    FILE* const file = __real_fopen64(FAULTS_REPORT, "w");
+    fprintf(file, "%d %d", calls, descriptors);
+    fclose(file);
 }
 
 }  // namespace
 
-Faults::Faults(std::vector<Fault> wanted) {
-    const std::lock_guard lock(mutex);
-    faults = std::move(wanted);
-    counts.clear();
-    openedPaths.clear();
+Faults::Faults(std::initializer_list<Fault> wanted) {
+    pthread_mutex_lock(&g_mutex);
+    std::copy(wanted.begin(), wanted.end(), g_faults);
+    std::fill(std::begin(g_counters), std::end(g_counters), Counter{});
+    g_opened[0] = '\0';
+    pthread_mutex_unlock(&g_mutex);
 }
 
 Faults::~Faults() {
-    const std::lock_guard lock(mutex);
-    faults.clear();
+    pthread_mutex_lock(&g_mutex);
+    std::fill(std::begin(g_faults), std::end(g_faults), Fault{});
+    pthread_mutex_unlock(&g_mutex);
 }
 
-int Faults::calls(const std::string& call) {
-    const std::lock_guard lock(mutex);
-    return counts[call];
+int Faults::calls(const char* call) {
+    pthread_mutex_lock(&g_mutex);
+    const int calls = counter_of(call).calls;
+    pthread_mutex_unlock(&g_mutex);
+    return calls;
 }
 
-std::string Faults::opened() {
-    const std::lock_guard lock(mutex);
-    return openedPaths;
+const char* Faults::opened() {
+    static char copy[sizeof(g_opened)];
+    pthread_mutex_lock(&g_mutex);
+    memcpy(copy, g_opened, sizeof(copy));
+    pthread_mutex_unlock(&g_mutex);
+    return copy;
 }
 
-// A call of this result and these parameters, passed on as these arguments.
-#define WRAP(name, call, failed, result, parameters, arguments)      \
-    result __real_##name parameters;                                 \
-    result __wrap_##name parameters {                                \
-        return next_call(call) ? (failed) : __real_##name arguments; \
+// A call of this result and these parameters, passed on as these arguments. `name` is that of its
+// faults, `changes` whether the world outside is different after it.
+#define CALL(result, symbol, name, failure, changes, parameters, arguments) \
+    result __real_##symbol parameters;                                      \
+    result __wrap_##symbol parameters {                                     \
+        if (changes) {                                                      \
+            change();                                                       \
+        }                                                                   \
+        return fails(name) ? (failure) : __real_##symbol arguments;         \
     }
 // Calls that have a form for large files have both names: C libraries differ in which they use.
-#define WRAP_BOTH(name, failed, result, parameters, arguments) \
-    WRAP(name, #name, failed, result, parameters, arguments)   \
-    WRAP(name##64, #name, failed, result, parameters, arguments)
+#define CALL_BOTH(result, symbol, failure, changes, parameters, arguments) \
+    CALL(result, symbol, #symbol, failure, changes, parameters, arguments) \
+    CALL(result, symbol##64, #symbol, failure, changes, parameters, arguments)
 
 extern "C" {
-WRAP_BOTH(open, -1, int, (const char* path, int flags, unsigned mode),
-          (real_path(path), flags, mode))
-WRAP_BOTH(fopen, nullptr, FILE*, (const char* path, const char* mode), (real_path(path), mode))
-WRAP_BOTH(lseek, -1, off_t, (int fd, off_t offset, int from), (fd, offset, from))
-WRAP_BOTH(fstat, -1, int, (int fd, struct stat* status), (fd, status))
-WRAP(fdatasync, "fdatasync", -1, int, (int fd), (fd))
-WRAP(select, "select", -1, int, (int fds, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout),
-     (fds, in, out, bad, tick(timeout)))
 
-int __wrap_usleep(unsigned microseconds) {
-    next_call("usleep", static_cast<int>(microseconds));
-    return 0;
-}
+CALL_BOTH(int, open, -1, (flags & O_TRUNC) != 0, (const char* path, int flags, unsigned mode),
+          (real_path(path), flags, mode))
+CALL_BOTH(FILE*, fopen, nullptr, false, (const char* path, const char* mode),
+          (real_path(path), mode))
+CALL_BOTH(off_t, lseek, -1, false, (int fd, off_t offset, int from), (fd, offset, from))
+CALL_BOTH(int, fstat, -1, false, (int fd, struct stat* status), (fd, status))
+CALL(int, fsync, "fsync", -1, true, (int fd), (fd))
+CALL(int, fdatasync, "fdatasync", -1, true, (int fd), (fd))
+CALL(int, remove, "remove", -1, true, (const char* path), (path))
+CALL(int, msgctl, "msgctl", -1, true, (int id, int command, msqid_ds* data), (id, command, data))
+CALL(ssize_t, msgrcv, "msgrcv", -1, false, (int id, void* to, size_t size, long type, int flags),
+     (id, to, size, type, flags))
+CALL(int, socket, "socket", -1, false, (int domain, int type, int protocol),
+     (domain, type, protocol))
+CALL(int, connect, "connect", -1, false, (int fd, const sockaddr* address, socklen_t size),
+     (fd, address, size))
+CALL(void*, calloc, "calloc", nullptr, false, (size_t count, size_t size), (count, size))
+CALL(int, pthread_create, "pthread_create", errno, false,
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* given),
+     (thread, attributes, body, given))
 
 int __real_ioctl(int fd, unsigned long request, void* argument);
 int __wrap_ioctl(int fd, unsigned long request, void* argument) {
-    if (next_call("ioctl")) {
+    change();
+    if (fails("ioctl")) {
         return -1;
     }
-    return devices.ioctl ? devices.ioctl(request, argument) : __real_ioctl(fd, request, argument);
+    return devices.ioctl != nullptr ? devices.ioctl(devices.device, request, argument)
+                                    : __real_ioctl(fd, request, argument);
 }
 
 ssize_t __real_read(int fd, void* data, size_t size);
 ssize_t __wrap_read(int fd, void* data, size_t size) {
-    const auto count = moved("read", size);
-    return count ? __real_read(fd, data, *count) : -1;
+    const Fault met = next("read");
+    return met.effect > 0
+               ? -1
+               : __real_read(fd, data, met.effect == SHORT ? std::min(met.count, size) : size);
+}
+
+ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+    change();
+    const Fault met = next("send");
+    if (met.effect == CRASH) {
+        abort();
+    }
+    return met.effect > 0
+               ? -1
+               : __real_send(fd, data, met.effect == SHORT ? std::min(met.count, size) : size,
+                             flags);
 }
 
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    const auto count = moved("write", size);
-    if (!count) {
+    change();
+    const Fault met = next("write");
+    if (met.effect > 0) {
         return -1;
     }
-    std::string bytes(static_cast<const char*>(data), *count);
-    if (devices.write) {
-        devices.write(fd, bytes);
+    if (met.effect == TEAR) {
+        __real_write(fd, data, size / 2);
+        cut_power();
     }
-    return __real_write(fd, bytes.data(), bytes.size());
+    char stored[16384];  // the largest transfer
+    if (size > sizeof(stored)) {
+        abort();
+    }
+    const size_t moved = met.effect == SHORT ? std::min(met.count, size) : size;
+    memcpy(stored, data, moved);
+    if (is_image(fd, stored, moved) && next("image").effect == FLIP) {
+        stored[moved - 1] = static_cast<char>(stored[moved - 1] ^ 1);
+    }
+    if (devices.write != nullptr) {
+        devices.write(devices.device, fd, stored, moved);
+    }
+    return __real_write(fd, stored, moved);
+}
+
+// Polls and retries stay polls and retries, only quicker ones.
+int __real_usleep(unsigned microseconds);
+int __wrap_usleep(unsigned microseconds) {
+    next("usleep", static_cast<int>(microseconds));
+    return __real_usleep(microseconds / 10);
+}
+
+unsigned __wrap_sleep(unsigned seconds) {
+    __real_usleep(seconds * 1000);
+    return 0;
+}
+
+int __real_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout);
+int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout) {
+    *timeout = {.tv_sec = 0, .tv_usec = 1000};
+    return fails("select") ? -1 : __real_select(count, in, out, bad, timeout);
+}
+
+int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const timespec* deadline);
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  const timespec* deadline) {
+    timespec soon = {};
+    clock_gettime(CLOCK_MONOTONIC, &soon);
+    soon.tv_nsec += 50000000;
+    soon.tv_sec += soon.tv_nsec / 1000000000;
+    soon.tv_nsec %= 1000000000;
+    const bool hurry = next("pthread_cond_timedwait").effect == SHORT;
+    return __real_pthread_cond_timedwait(condition, mutex, hurry ? &soon : deadline);
+}
+
+// A program that is measured for coverage leaves its counts however it ends.
+void __gcov_dump() __attribute__((weak));
+[[noreturn]] void __real__exit(int status);
+void __wrap__exit(int status) {
+    if (__gcov_dump != nullptr) {
+        __gcov_dump();
+    }
+    __real__exit(status);
 }
 }

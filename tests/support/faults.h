@@ -1,36 +1,56 @@
-// Faults as data, behind the real system calls: a program that links `test_faults` has its calls
-// wrapped (tests/hal.cmake lists them). They are named here without the "64" of large files.
+// Faults as data, behind the system calls of the program that is linked with them: a test's own, or
+// the whole service, which finds them in its environment. Meanwhile time is short: sleep() takes a
+// thousandth, usleep() a tenth, select() a millisecond. Needs no C++ run-time library, as little as
+// the service. tests/hal.cmake lists the calls; they are named here without the "64" of large
+// files.
 #ifndef TESTS_SUPPORT_FAULTS_H
 #define TESTS_SUPPORT_FAULTS_H
 
-#include <functional>
-#include <string>
-#include <vector>
+#include <stddef.h>
+
+#include <initializer_list>
+
+// What happens to a call; above 0: it fails with this errno.
+enum Effect {
+    SHORT = 0,   // read, write and send move `count` bytes at the most; a timed wait ends at once
+    CUT = -1,    // "change": the power is cut before it
+    TEAR = -2,   // "write": the power is cut in the middle of it
+    FLIP = -3,   // "image", a write of image data to a partition: it stores a wrong bit
+    CRASH = -4,  // "send": abort(), with the transport's lock held
+    NONE = -5
+};
 
 struct Fault {
-    std::string call;  // "open", "read", ...
-    int ordinal;       // which call fails, from 1; 0: every one
-    int error;         // errno of the failure; 0: a short transfer instead
-    size_t count = 0;  // read and write with error 0: bytes that are really moved at the most
+    // "open", "read", ..., or a kind: "image", or "change" for all that changes the world outside.
+    const char* call;
+    int ordinal;  // which call meets it, from 1; negative: that one and all that follow
+    int effect;
+    size_t count = 0;
 };
 
 // What stands behind the calls, for a machine that lacks the device. "/proc/mtd" is a file in /tmp.
 struct Devices {
-    std::function<void(int fd, std::string& data)> write;  // changes what is stored
-    std::function<int(unsigned long request, void* argument)> ioctl;
+    void* device;
+    void (*write)(void* device, int fd, char* data, size_t size);  // changes what is stored
+    int (*ioctl)(void* device, unsigned long request, void* argument);
 };
-extern Devices& devices;
+extern Devices devices;
 
-// Counts calls and lets the faults happen, from construction to destruction. One at a time. With it
-// or without, select waits a millisecond and usleep not at all.
+// Counts calls and lets the faults happen, eight at the most, from construction to destruction. One
+// at a time.
 class Faults {
   public:
-    explicit Faults(std::vector<Fault> wanted = {});
+    Faults(std::initializer_list<Fault> wanted = {});
     ~Faults();
 
-    static int calls(
-        const std::string& call);  // for "usleep": the microseconds that were asked for
-    static std::string opened();   // paths, in the order of the opens that went on, each with " "
+    static int calls(const char* call);  // for "usleep": the microseconds that were asked for
+    static const char* opened();  // paths, in the order of the opens that went on, each with " "
 };
+
+// The service takes "CALL:ORDINAL:EFFECT:COUNT ..." from the first of these in its environment, and
+// leaves the number of calls that the first fault's name had, and of its open descriptors, in a
+// file.
+constexpr char FAULTS_VARIABLE[] = "CORVO_FAULTS";
+constexpr char FAULTS_REPORT[] = "/tmp/faults_report";
 
 #endif  // TESTS_SUPPORT_FAULTS_H

@@ -24,24 +24,27 @@ struct NorChip {
     void install(const std::string& table) {
         write_file("/tmp/proc_mtd", table);
         write_file(path, std::string(size, '\xff'));
-        devices.write = [this](int fd, std::string& data) { program(fd, data); };
-        devices.ioctl = [this](unsigned long request, void* argument) {
-            return control(request, argument);
-        };
+        devices = {this,
+                   [](void* chip, int fd, char* data, size_t count) {
+                       static_cast<NorChip*>(chip)->program(fd, data, count);
+                   },
+                   [](void* chip, unsigned long request, void* argument) {
+                       return static_cast<NorChip*>(chip)->control(request, argument);
+                   }};
     }
     ~NorChip() {
         devices = {};
         unlink(path.c_str());
     }
 
-    void program(int fd, std::string& data) const {
+    void program(int fd, char* data, size_t count) const {
         if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)) != path) {
             return;
         }
         const std::string cells = read_file(path);
         // Not lseek(): that would count as the program's call.
         auto position = static_cast<size_t>(syscall(SYS_lseek, fd, 0, SEEK_CUR));
-        for (size_t i = 0; i < data.size() && position < size; ++i, ++position) {
+        for (size_t i = 0; i < count && position < size; ++i, ++position) {
             const bool worn = position == static_cast<size_t>(wornCell);
             data[i] = static_cast<char>(worn ? 0 : data[i] & cells[position]);
         }
