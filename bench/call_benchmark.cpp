@@ -24,10 +24,7 @@ int32_t answer(const void* /*in*/, uint32_t /*inLen*/, void* out, uint32_t /*out
 void open_endpoints(const benchmark::State& /*state*/) {
     server = SystemCall_DbusInfo_Alloc(1);
     snprintf(server->name, sizeof(server->name), "%s", SERVER);
-    SystemCallDbusInterface* const entry = server->interfaces[0];
-    snprintf(entry->name, sizeof(entry->name), "%s", METHOD);
-    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "%s", METHOD);
-    entry->methodHandler = answer;
+    SystemCall_DbusInterface_Set_Method(server->interfaces[0], METHOD, answer);
     client = SystemCall_DbusInfo_Alloc(0);
     snprintf(client->name, sizeof(client->name), "caller");
     snprintf(client->serverName, sizeof(client->serverName), "%s", SERVER);

@@ -115,10 +115,7 @@ int32_t answer(const void* /*in*/, uint32_t /*inLen*/, void* out, uint32_t /*out
 void serve() {
     SystemCallDbusInfo* const server = SystemCall_DbusInfo_Alloc(1);
     snprintf(server->name, sizeof(server->name), "%s", SERVER);
-    SystemCallDbusInterface* const entry = server->interfaces[0];
-    snprintf(entry->name, sizeof(entry->name), "answer");
-    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "answer");
-    entry->methodHandler = answer;
+    SystemCall_DbusInterface_Set_Method(server->interfaces[0], "answer", answer);
     SystemCall_Dbus_Register(server);
     while (true) {
         pause();

@@ -19,13 +19,6 @@ int32_t running_slot(const void* /*in*/, uint32_t /*inLen*/, void* out, uint32_t
     return 2;
 }
 
-void fill(SystemCallDbusInterface* entry, const char* method,
-          decltype(SystemCallDbusInterface::methodHandler) handler) {
-    snprintf(entry->name, sizeof(entry->name), "%s", method);
-    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "%s", method);
-    entry->methodHandler = handler;
-}
-
 }  // namespace
 
 int main() {
@@ -34,8 +27,8 @@ int main() {
         return 1;
     }
     snprintf(endpoint->name, sizeof(endpoint->name), "%s", SYSTEM_CALL_DAEMON_NAME);
-    fill(endpoint->interfaces[0], SYSTEM_CALL_METHOD, succeed);
-    fill(endpoint->interfaces[1], POPEN_CALL_METHOD, running_slot);
+    SystemCall_DbusInterface_Set_Method(endpoint->interfaces[0], SYSTEM_CALL_METHOD, succeed);
+    SystemCall_DbusInterface_Set_Method(endpoint->interfaces[1], POPEN_CALL_METHOD, running_slot);
     if (SystemCall_Dbus_Register(endpoint) != DBUS_OK) {
         return 1;
     }

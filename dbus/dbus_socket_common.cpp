@@ -50,6 +50,14 @@ SystemCallDbusInfo* SystemCall_DbusInfo_Alloc(int32_t interfaceCount) {
     return info;
 }
 
+void SystemCall_DbusInterface_Set_Method(SystemCallDbusInterface* entry, const char* method,
+                                         int32_t (*handler)(const void* in, uint32_t inLen,
+                                                            void* out, uint32_t outCap)) {
+    snprintf(entry->name, sizeof(entry->name), "%s", method);
+    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "%s", method);
+    entry->methodHandler = handler;
+}
+
 void SystemCall_DbusInfo_Free(SystemCallDbusInfo* info) {
     if (info == nullptr) {
         return;

@@ -34,9 +34,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SystemCallDbusInfo* const info = SystemCall_DbusInfo_Alloc(ENTRIES);
     snprintf(info->name, sizeof(info->name), "%s", NAME);
-    snprintf(info->interfaces[0]->name, SYSTEM_CALL_DBUS_NAME_SIZE, "system_call");
-    snprintf(info->interfaces[0]->methodMarker, SYSTEM_CALL_DBUS_NAME_SIZE, "method");
-    info->interfaces[0]->methodHandler = echo;
+    SystemCall_DbusInterface_Set_Method(info->interfaces[0], "system_call", echo);
     snprintf(info->interfaces[1]->name, SYSTEM_CALL_DBUS_NAME_SIZE, "told");
     snprintf(info->interfaces[1]->signalMarker, SYSTEM_CALL_DBUS_MARKER_SIZE, "signal");
     info->interfaces[1]->signalHandler = take_signal;

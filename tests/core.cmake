@@ -23,5 +23,5 @@ if(VALGRIND AND NOT CORVO_SANITIZE)
   add_test(NAME Upgrade.UnderValgrind
            COMMAND upgrade_test
                    --gtest_filter=*ToTheEnd:*Unterminated*)
-  set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=1 TIMEOUT 300)
+  set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=memcheck-amd64- TIMEOUT 300)
 endif()

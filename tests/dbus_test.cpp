@@ -14,6 +14,7 @@
 #include "dbus/system_call.h"
 #include "endpoint.h"
 #include "files.h"
+#include "played_daemon.h"
 
 namespace {
 
@@ -77,29 +78,6 @@ int32_t echo(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
     return static_cast<int32_t>(inLen);
 }
 
-// The real server half, as the daemon uses it.
-class Server {
-  public:
-    Server() : info_(SystemCall_DbusInfo_Alloc(3)) {
-        snprintf(info_->name, sizeof(info_->name), "%s", SYSTEM_CALL_DAEMON_NAME);
-        int count = 0;
-        for (const char* name : {SYSTEM_CALL_METHOD, POPEN_CALL_METHOD, "no_handler"}) {
-            SystemCallDbusInterface* const entry = info_->interfaces[count++];
-            snprintf(entry->name, sizeof(entry->name), "%s", name);
-            entry->methodMarker[0] = 'm';
-            entry->methodHandler = count < 3 ? echo : nullptr;
-        }
-        EXPECT_EQ(SystemCall_Dbus_Register(info_), DBUS_OK);
-    }
-    ~Server() {
-        SystemCall_Dbus_UnRegister(info_);
-        SystemCall_DbusInfo_Free(info_);
-    }
-
-  private:
-    SystemCallDbusInfo* info_;
-};
-
 // A client and its server, on short transfers; checks that nothing they opened stays.
 class Dbus : public testing::Test {
   protected:
@@ -111,7 +89,7 @@ class Dbus : public testing::Test {
     }
 
     const int descriptors = open_descriptors();
-    std::unique_ptr<Server> server = std::make_unique<Server>();
+    std::unique_ptr<PlayedDaemon> server = std::make_unique<PlayedDaemon>(echo, echo);
 };
 
 TEST_F(Dbus, CallsYieldWhatTheHandlerWrote) {
@@ -167,7 +145,7 @@ TEST_F(Dbus, ServerWaitsForItsHandlersAndTheClientForANewServer) {
     std::this_thread::sleep_for(milliseconds(200));
     server.reset();  // returns when the handler has
     EXPECT_NE(access(SOCKET, F_OK), 0);
-    server = std::make_unique<Server>();
+    server = std::make_unique<PlayedDaemon>(echo, echo);
     EXPECT_EQ(system_call("2", 20000), 2);
     caller.join();
 }
@@ -227,7 +205,7 @@ TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {
     server.reset();
     write_file("/tmp/victim", "precious");
     ASSERT_EQ(symlink("/tmp/victim", SOCKET), 0);
-    server = std::make_unique<Server>();
+    server = std::make_unique<PlayedDaemon>(echo, echo);
     g_longest_send = SIZE_MAX;  // a signal handler sends only once
     EXPECT_EQ(system_call_reboot_unlocked(), DBUS_OK);
     struct stat status = {};

@@ -29,6 +29,10 @@ Lines console(const std::string& name, int pid) {
         }
         std::string text = std::regex_replace(line, std::regex("PID"), std::to_string(pid));
         text = std::regex_replace(text, std::regex(R"(\\e)"), "\033");
+        if (const char* const runsAs = getenv("CORVO_VALGRIND")) {
+            text = std::regex_replace(text, std::regex(R"(\(corvo_upgrade)"),
+                                      "(" + std::string(runsAs));
+        }
         lines.push_back(std::regex_replace(text, std::regex(R"(\\0)"), std::string(1, '\0')));
     }
     return lines;

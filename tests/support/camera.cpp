@@ -30,42 +30,11 @@ constexpr const char* PACKAGE_FILES[] = {"spl.bin",    "uboot.bin",  "dtb.bin", 
 
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
-std::string g_slot = "A\n";
-int g_answers_left = -1;
 
-void note(const void* in, uint32_t inLen) {
+int32_t answer(const void* command, uint32_t length, void* out, const char* text) {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    g_commands.emplace_back(static_cast<const char*>(in), inLen);
-}
-
-// Whether this command is answered at all.
-bool answers() {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    return g_answers_left < 0 || g_answers_left-- > 0;
-}
-
-int32_t fake_system_call(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
-    note(in, inLen);
-    if (!answers()) {
-        return -1;
-    }
-    memcpy(out, "0", 1);
-    return 1;
-}
-
-int32_t fake_popen_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
-    note(in, inLen);
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    const size_t length = std::min<size_t>(g_slot.size(), outCap);
-    memcpy(out, g_slot.data(), length);
-    return static_cast<int32_t>(length);
-}
-
-void set_interface(SystemCallDbusInterface* entry, const char* name,
-                   decltype(SystemCallDbusInterface::methodHandler) handler) {
-    snprintf(entry->name, sizeof(entry->name), "%s", name);
-    snprintf(entry->methodMarker, sizeof(entry->methodMarker), "%s", name);
-    entry->methodHandler = handler;
+    g_commands.emplace_back(static_cast<const char*>(command), length);
+    return snprintf(static_cast<char*>(out), SYSTEM_CALL_DBUS_DATA_SIZE, "%s", text);
 }
 
 std::vector<std::string> comparable(const std::string& text) {
@@ -87,29 +56,13 @@ std::vector<std::string> comparable(const std::string& text) {
 
 }  // namespace
 
-FakeDaemon::FakeDaemon() : info_(SystemCall_DbusInfo_Alloc(2)) {
-    set_slot("A\n");
-    fail_after(-1);
+FakeDaemon::FakeDaemon()
+    : daemon_([](const void* in, uint32_t size, void* out,
+                 uint32_t) { return answer(in, size, out, "0"); },
+              [](const void* in, uint32_t size, void* out, uint32_t) {
+                  return answer(in, size, out, "A\n");
+              }) {
     take_commands();
-    snprintf(info_->name, sizeof(info_->name), "%s", SYSTEM_CALL_DAEMON_NAME);
-    set_interface(info_->interfaces[0], SYSTEM_CALL_METHOD, fake_system_call);
-    set_interface(info_->interfaces[1], POPEN_CALL_METHOD, fake_popen_call);
-    EXPECT_EQ(SystemCall_Dbus_Register(info_), DBUS_OK);
-}
-
-FakeDaemon::~FakeDaemon() {
-    SystemCall_Dbus_UnRegister(info_);
-    SystemCall_DbusInfo_Free(info_);
-}
-
-void FakeDaemon::set_slot(const std::string& answer) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    g_slot = answer;
-}
-
-void FakeDaemon::fail_after(int commands) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    g_answers_left = commands;
 }
 
 std::vector<std::string> FakeDaemon::take_commands() {

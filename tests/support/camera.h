@@ -10,24 +10,18 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "dbus/dbus_socket_common.h"
 #include "faults.h"
 #include "ota/ota_message.h"
+#include "played_daemon.h"
 
-// The system-call daemon's part, played by the real server half of the transport. One at a time.
+// Succeeds in whatever it is asked to run, without running it; slot A is up. One at a time.
 class FakeDaemon {
   public:
     FakeDaemon();
-    ~FakeDaemon();
-    FakeDaemon(const FakeDaemon&) = delete;
-    FakeDaemon& operator=(const FakeDaemon&) = delete;
-
-    void set_slot(const std::string& answer);  // what the boot-slot query yields
-    void fail_after(int commands);             // answers that many, then none; -1: all
-    std::vector<std::string> take_commands();
+    static std::vector<std::string> take_commands();
 
   private:
-    SystemCallDbusInfo* info_;
+    PlayedDaemon daemon_;
 };
 
 struct Outcome {

@@ -8,21 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-bool only_lists_tests(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--gtest_list_tests") == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-    if (!only_lists_tests(argc, argv) && access("/.private_root", F_OK) != 0) {
+    const bool lists = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
+    if (!lists && access("/.private_root", F_OK) != 0) {
         char self[4096] = {};
         if (readlink("/proc/self/exe", self, sizeof(self) - 1) < 0) {
             perror("readlink");

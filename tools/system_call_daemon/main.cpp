@@ -70,13 +70,6 @@ int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t ou
     return result.started ? static_cast<int32_t>(result.outputLength) : DBUS_CALL_FAILED;
 }
 
-void fill_interface(SystemCallDbusInterface& entry, const char* method,
-                    int32_t (*handler)(const void*, uint32_t, void*, uint32_t)) {
-    snprintf(entry.name, sizeof(entry.name), "%s", method);
-    snprintf(entry.methodMarker, sizeof(entry.methodMarker), "%s", method);
-    entry.methodHandler = handler;
-}
-
 // A second daemon would take the first one's socket path away from it.
 bool daemon_is_running() {
     sockaddr_un address = {};
@@ -93,8 +86,10 @@ int serve(const sigset_t& endSignals) {
         return EXIT_FAILURE;
     }
     snprintf(endpoint->name, sizeof(endpoint->name), "%s", SYSTEM_CALL_DAEMON_NAME);
-    fill_interface(*endpoint->interfaces[0], SYSTEM_CALL_METHOD, handle_system_call);
-    fill_interface(*endpoint->interfaces[1], POPEN_CALL_METHOD, handle_popen_call);
+    SystemCall_DbusInterface_Set_Method(endpoint->interfaces[0], SYSTEM_CALL_METHOD,
+                                        handle_system_call);
+    SystemCall_DbusInterface_Set_Method(endpoint->interfaces[1], POPEN_CALL_METHOD,
+                                        handle_popen_call);
     if (SystemCall_Dbus_Register(endpoint) != DBUS_OK) {
         SystemCall_DbusInfo_Free(endpoint);
         return EXIT_FAILURE;

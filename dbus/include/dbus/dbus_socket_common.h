@@ -120,6 +120,11 @@ struct SystemCallDbusInfo {
 // Returns null, with a line printed, when the count is out of range or memory is short.
 SystemCallDbusInfo* SystemCall_DbusInfo_Alloc(int32_t interfaceCount);
 
+// Makes the entry handle a method; its name is cut to the entry's width. Not once it is registered.
+void SystemCall_DbusInterface_Set_Method(SystemCallDbusInterface* entry, const char* method,
+                                         int32_t (*handler)(const void* in, uint32_t inLen,
+                                                            void* out, uint32_t outCap));
+
 // Frees the handler entries and the endpoint, which must not be registered. Null is ignored.
 void SystemCall_DbusInfo_Free(SystemCallDbusInfo* info);
 

@@ -1,0 +1,34 @@
+// The system-call daemon's part, played by the real server half of the transport.
+#ifndef TESTS_SUPPORT_PLAYED_DAEMON_H
+#define TESTS_SUPPORT_PLAYED_DAEMON_H
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include "dbus/dbus_socket_common.h"
+#include "dbus/system_call.h"
+
+class PlayedDaemon {
+  public:
+    using Handler = decltype(SystemCallDbusInterface::methodHandler);
+
+    PlayedDaemon(Handler systemCall, Handler popenCall) : info_(SystemCall_DbusInfo_Alloc(3)) {
+        snprintf(info_->name, sizeof(info_->name), "%s", SYSTEM_CALL_DAEMON_NAME);
+        SystemCallDbusInterface** const entries = info_->interfaces;
+        SystemCall_DbusInterface_Set_Method(entries[0], SYSTEM_CALL_METHOD, systemCall);
+        SystemCall_DbusInterface_Set_Method(entries[1], POPEN_CALL_METHOD, popenCall);
+        SystemCall_DbusInterface_Set_Method(entries[2], "no_handler", nullptr);
+        EXPECT_EQ(SystemCall_Dbus_Register(info_), DBUS_OK);
+    }
+    ~PlayedDaemon() {
+        SystemCall_Dbus_UnRegister(info_);
+        SystemCall_DbusInfo_Free(info_);
+    }
+    PlayedDaemon(const PlayedDaemon&) = delete;
+    PlayedDaemon& operator=(const PlayedDaemon&) = delete;
+
+  private:
+    SystemCallDbusInfo* info_;
+};
+
+#endif  // TESTS_SUPPORT_PLAYED_DAEMON_H
