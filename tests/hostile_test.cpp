@@ -1,8 +1,5 @@
 // Neighbours that misbehave around the real program while it carries out an upgrade.
 #include <gtest/gtest.h>
-#include <nanomsg/nn.h>
-#include <nanomsg/pubsub.h>
-#include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,12 +9,12 @@
 
 #include "camera.h"
 #include "files.h"
+#include "log_subscriber.h"
 #include "ota/ota_data.h"
 
 namespace {
 
 constexpr uint32_t KERNEL = 3;
-constexpr char LOG_SOCKET[] = "/tmp/corvo_log_pub_ipc010";
 
 class Hostile : public testing::Test {
   protected:
@@ -26,7 +23,6 @@ class Hostile : public testing::Test {
         camera.start();
         camera.wait_for("ota wait for ota message");
     }
-    static int queue() { return msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0); }
     // The upgrade must succeed beside the neighbour; returns what it printed.
     std::string upgrade(const std::function<void()>& neighbour) {
         Camera::post(Camera::request(0, {KERNEL}));
@@ -49,10 +45,10 @@ TEST_F(Hostile, FloodedQueueDelaysNothing) {
         camera.wait_for("UPGRADE_LUMO_RECV_MSG");
         const OtaQueueMessage junk = {.mtype = 1, .text = {}};
         // Blocks while the queue is full, and fails when it is removed.
-        while (msgsnd(queue(), &junk, sizeof(junk.text), 0) == 0) {
+        while (msgsnd(Camera::queue(), &junk, sizeof(junk.text), 0) == 0) {
         }
     });
-    EXPECT_FALSE(Camera::queue_exists());
+    EXPECT_FALSE(Camera::queue() >= 0);
 }
 
 TEST_F(Hostile, MessageTooLongForARequestIsNotTaken) {
@@ -60,26 +56,19 @@ TEST_F(Hostile, MessageTooLongForARequestIsNotTaken) {
         long mtype = 1;
         char text[521] = {};
     } tooLong;
-    ASSERT_EQ(msgsnd(queue(), &tooLong, sizeof(tooLong.text), 0), 0);
+    ASSERT_EQ(msgsnd(Camera::queue(), &tooLong, sizeof(tooLong.text), 0), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    ASSERT_EQ(msgrcv(queue(), &tooLong, sizeof(tooLong.text), 0, 0), 521);
+    ASSERT_EQ(msgrcv(Camera::queue(), &tooLong, sizeof(tooLong.text), 0, 0), 521);
     upgrade([] {});
 }
 
 TEST_F(Hostile, SubscribersThatComeGoAndNeverReadHoldNothingUp) {
-    const auto subscriber = [] {
-        const int socket = nn_socket(AF_SP, NN_SUB);
-        nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0);
-        nn_connect(socket, ("ipc://" + std::string(LOG_SOCKET)).c_str());
-        return socket;
-    };
-    const int deaf = subscriber();
-    upgrade([&subscriber] {
+    const LogSubscriber deaf;
+    upgrade([] {
         for (int i = 0; i < 200; ++i) {
-            nn_close(subscriber());
+            const LogSubscriber hasty;
         }
     });
-    nn_close(deaf);
 }
 
 // What an earlier run or another process left under the name that the service uses in /tmp.

@@ -1,7 +1,5 @@
 // The log line's form and bounds, and the bytes that reach a subscriber.
 #include <gtest/gtest.h>
-#include <nanomsg/nn.h>
-#include <nanomsg/pubsub.h>
 #include <string.h>
 #include <time.h>
 
@@ -11,6 +9,7 @@
 #include "files.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
+#include "log_subscriber.h"
 
 namespace {
 
@@ -68,27 +67,16 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     // Several bits: the highest counts, 768 is module 10 as 512 is.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
-    const int socket = nn_socket(AF_SP, NN_SUB);
-    const int patience = 20000;
-    nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, TOPIC, strlen(TOPIC));
-    nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVTIMEO, &patience, sizeof(patience));
-    nn_connect(socket, "ipc:///tmp/corvo_log_pub_ipc010");
-    for (int i = 0; i < 2000 && nn_get_statistic(socket, NN_STAT_CURRENT_CONNECTIONS) < 1; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const LogSubscriber subscriber(TOPIC);
+    EXPECT_TRUE(eventually(20000, [&] { return subscriber.is_connected(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::string line = std::string(38, 'a') + '\n' + '\0';
     ASSERT_EQ(Corvo_LogProducerSend(3, line.data(), 40), LOG_PRODUCER_OK);
     const std::string second = printed(3, LOG_OUTPUT_CONSOLE, "second") + '\0';
-    const auto received = [socket] {
-        char message[2048] = {};
-        const int size = nn_recv(socket, message, sizeof(message), 0);
-        return std::string(message, static_cast<size_t>(std::max(size, 0)));
-    };
-    EXPECT_EQ(received(), TOPIC + std::string("|\3\0\0\0\x28\0\0\0", 9) + line);
-    EXPECT_EQ(received(), TOPIC + std::string("|\3\0\0\0", 5) + static_cast<char>(second.size()) +
-                              std::string(3, '\0') + second);
-    nn_close(socket);
+    EXPECT_EQ(subscriber.next(20000), TOPIC + std::string("|\3\0\0\0\x28\0\0\0", 9) + line);
+    EXPECT_EQ(subscriber.next(20000), TOPIC + std::string("|\3\0\0\0", 5) +
+                                          static_cast<char>(second.size()) + std::string(3, '\0') +
+                                          second);
     Corvo_LogProducerUnInit();
 }
 

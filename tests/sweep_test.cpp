@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <thread>
 
 #include "camera.h"
 #include "files.h"
@@ -76,17 +75,11 @@ class World {
     }
     // The daemon may come to it only when the service, in a hurry, is gone.
     static bool asked(const std::string& command, int patienceMs) {
-        for (int waited = 0;; waited += 10) {
-            for (const std::string& each : FakeDaemon::take_commands()) {
-                if (each.starts_with(command)) {
-                    return true;
-                }
-            }
-            if (waited >= patienceMs) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        return eventually(patienceMs, [&command] {
+            return std::ranges::any_of(
+                FakeDaemon::take_commands(),
+                [&command](const std::string& each) { return each.starts_with(command); });
+        });
     }
 
     Camera camera;

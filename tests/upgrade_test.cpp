@@ -1,7 +1,5 @@
 // Whole upgrades by the real program: console, commands, record, partitions and files, exactly.
 #include <gtest/gtest.h>
-#include <nanomsg/nn.h>
-#include <nanomsg/pubsub.h>
 #include <sys/stat.h>
 
 #include <regex>
@@ -9,6 +7,7 @@
 
 #include "camera.h"
 #include "files.h"
+#include "log_subscriber.h"
 #include "ota/ota_data.h"
 
 namespace {
@@ -102,7 +101,7 @@ class Upgrade : public testing::Test {
         const int pid = camera.pid();
         Camera::post(message);
         const Outcome outcome = camera.finish();
-        EXPECT_TRUE(outcome.ended && !Camera::queue_exists());
+        EXPECT_TRUE(outcome.ended && Camera::queue() < 0);
         const Lines expected = console(name, pid);
         expect_lines(outcome.lines, expected);
         EXPECT_EQ(camera.daemon->take_commands(), commands_of(expected));
@@ -164,30 +163,14 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     camera.put_image("kernel.bin", "image");
     camera.post(Camera::request(0, {KERNEL}));
     camera.post(Camera::request(0, {99}));
-    const int socket = nn_socket(AF_SP, NN_SUB);
-    nn_setsockopt(socket, NN_SUB, NN_SUB_SUBSCRIBE, "", 0);
-    const int patience = 3000;
-    nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVTIMEO, &patience, sizeof(patience));
-    nn_connect(socket, "ipc:///tmp/corvo_log_pub_ipc010");
-    camera.start_as_delivered();
+    const LogSubscriber subscriber;
+    camera.start({}, true);
     std::string published;
-    char message[1024];
-    bool last = false;
-    while (!last) {
-        const int size = nn_recv(socket, message, sizeof(message), 0);
-        if (size < 0 && published.empty()) {
-            continue;
-        }
-        ASSERT_GT(size, 34) << "the log ended early";
-        const std::string line(message + 34, static_cast<size_t>(size - 35));
-        published += line;
-        last = line.find("Restart the system") != std::string::npos;
-        if (line.find("ota kill process start") != std::string::npos) {
-            const int longer = 8000;
-            nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVTIMEO, &longer, sizeof(longer));
-        }
+    while (published.find("Restart the system") == std::string::npos) {
+        const std::string record = subscriber.next(15000);  // its pauses are 8 s
+        ASSERT_GT(record.size(), 34U) << "the log ended early";
+        published += record.substr(34, record.size() - 35);
     }
-    nn_close(socket);
     const Outcome outcome = camera.finish();
     EXPECT_TRUE(outcome.ended);
     std::string logged;

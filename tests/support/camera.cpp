@@ -11,11 +11,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <mutex>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "dbus/system_call.h"
 #include "files.h"
@@ -38,20 +36,10 @@ int32_t answer(const void* command, uint32_t length, void* out, const char* text
 }
 
 std::vector<std::string> comparable(const std::string& text) {
-    static const std::regex stamp(R"(^\d{10}\.\d{3};)");
-    std::vector<std::string> lines;
-    bool emptyLineFollows = false;
-    for (const std::string& line : lines_of(without_source_lines(text))) {
-        if (line.find("HAL_LED") != std::string::npos) {
-            emptyLineFollows = true;
-            continue;
-        }
-        if (!emptyLineFollows || !line.empty()) {
-            lines.push_back(std::regex_replace(line, stamp, ";"));
-        }
-        emptyLineFollows = false;
-    }
-    return lines;
+    static const std::regex led(R"([^\n]*HAL_LED[^\n]*\n\n?)");
+    static const std::regex stamp(R"((^|\n)\d{10}\.\d{3};)");
+    return lines_of(
+        std::regex_replace(std::regex_replace(without_source_lines(text), led, ""), stamp, "$1;"));
 }
 
 }  // namespace
@@ -90,10 +78,7 @@ Camera::~Camera() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    const int id = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0);
-    if (id >= 0) {
-        msgctl(id, IPC_RMID, nullptr);
-    }
+    msgctl(queue(0), IPC_RMID, nullptr);
 }
 
 std::string Camera::partition(const std::string& name) {
@@ -126,33 +111,24 @@ void Camera::post(const OtaMessage& message, size_t size) {
     queued.mtype = message.mtype;
     memcpy(queued.text, reinterpret_cast<const char*>(&message) + sizeof(message.mtype),
            sizeof(queued.text));
-    const key_t key = ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT);
-    const int id = msgget(key, IPC_CREAT | OTA_MSG_QUEUE_MODE);
-    ASSERT_EQ(msgsnd(id, &queued, size, 0), 0) << strerror(errno);
+    ASSERT_EQ(msgsnd(queue(IPC_CREAT), &queued, size, 0), 0) << strerror(errno);
 }
 
-bool Camera::queue_exists() {
-    return msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0) >= 0;
+int Camera::queue(int flags) {
+    return msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), flags | OTA_MSG_QUEUE_MODE);
 }
 
-void Camera::start(const std::vector<Fault>& faults) {
+void Camera::start(const std::vector<Fault>& faults, bool asDelivered) {
     std::ostringstream text;
     for (const Fault& fault : faults) {
         text << fault.call << ":" << fault.ordinal << ":" << fault.effect << ":" << fault.count
              << " ";
     }
-    start_program(SERVICE_WITH_FAULTS, text.str());
-}
-
-void Camera::start_as_delivered() {
-    start_program(SERVICE_PROGRAM, "");
-}
-
-void Camera::start_program(const char* program, const std::string& faults) {
+    const char* const program = asDelivered ? SERVICE_PROGRAM : SERVICE_WITH_FAULTS;
     output_.reset(memfd_create("console", MFD_CLOEXEC));
     pid_ = fork();
     if (pid_ == 0) {
-        setenv(FAULTS_VARIABLE, faults.c_str(), 1);
+        setenv(FAULTS_VARIABLE, text.str().c_str(), 1);
         // The service exits with its threads; a reader that ended before is nobody's to join.
         setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);
         dup2(output_.get(), STDOUT_FILENO);
@@ -167,27 +143,21 @@ void Camera::start_program(const char* program, const std::string& faults) {
 }
 
 void Camera::wait_for(const std::string& text) {
-    for (int i = 0; i < 1500; ++i) {
-        std::string console(1 << 16, '\0');
-        const ssize_t size = pread(output_.get(), console.data(), console.size(), 0);
-        if (size > 0 && console.find(text) != std::string::npos) {
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    FAIL() << "not seen within 15 s: " << text;
+    ASSERT_TRUE(eventually(15000,
+                           [&] {
+                               std::string console(1 << 16, '\0');
+                               const ssize_t size =
+                                   pread(output_.get(), console.data(), console.size(), 0);
+                               return size > 0 && console.find(text) != std::string::npos;
+                           }))
+        << "not seen within 15 s: " << text;
 }
 
 Outcome Camera::finish() {
     Outcome outcome;
     int status = 0;
     pid_t ended = 0;
-    for (int i = 0; i < 6000 && ended == 0; ++i) {
-        ended = waitpid(pid_, &status, WNOHANG);
-        if (ended == 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
+    eventually(60000, [&] { return (ended = waitpid(pid_, &status, WNOHANG)) != 0; });
     EXPECT_NE(ended, 0) << "the service hangs";
     if (ended != 0) {
         pid_ = -1;

@@ -53,11 +53,10 @@ class Camera {
     static OtaMessage request(int32_t packageType, const std::vector<uint32_t>& moduleTypes);
     // Puts `size` bytes of the request's text on the queue.
     static void post(const OtaMessage& message, size_t size = OTA_MSG_TEXT_SIZE);
-    static bool queue_exists();
+    static int queue(int flags = 0);  // its identifier; negative: there is none
 
-    // Starts the service with these faults behind its calls.
-    void start(const std::vector<Fault>& faults = {});
-    void start_as_delivered();
+    // Starts the service, with these faults behind its calls or as it is delivered.
+    void start(const std::vector<Fault>& faults = {}, bool asDelivered = false);
     [[nodiscard]] pid_t pid() const { return pid_; }
     // Waits until the service has printed a line that contains this.
     void wait_for(const std::string& text);
@@ -68,8 +67,6 @@ class Camera {
     Outcome run(const OtaMessage& message, const std::vector<Fault>& faults = {});
 
   private:
-    void start_program(const char* program, const std::string& faults);
-
     pid_t pid_ = -1;
     corvo::UniqueFd output_;
 };

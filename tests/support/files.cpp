@@ -8,10 +8,12 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <fstream>
 #include <random>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -38,6 +40,16 @@ std::string pattern_bytes(size_t size, unsigned seed) {
         byte = static_cast<char>(random() >> 8);
     }
     return bytes;
+}
+
+bool eventually(int patienceMs, const std::function<bool()>& condition) {
+    for (int waited = 0; waited < patienceMs; waited += 10) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
 }
 
 int open_descriptors() {
