@@ -95,9 +95,12 @@ ssize_t record_write(int fd, const SystemCallDbusMsg& record) {
         }
         if (n == 0) {
             DBUS_ERROR("write 0 buffer");
+            if (written == 0) {
+                return 0;  // the stream is as it was; whoever waits for an answer has a time-out
+            }
+            errno = EPIPE;
         }
-        const bool mustWait = n == 0 || errno == EAGAIN;
-        const bool goOn = mustWait ? wait_writable(fd) == 0 : errno == EINTR;
+        const bool goOn = errno == EAGAIN ? wait_writable(fd) == 0 : errno == EINTR;
         if (!goOn) {
             const int reason = errno;
             shutdown(fd, SHUT_RDWR);

@@ -132,6 +132,9 @@ TEST_F(Dbus, TimeOutIsKeptAndTheLateReplyIsDropped) {
     EXPECT_EQ(popen_call("late", text, sizeof(text), 150), DBUS_CALL_FAILED);
     EXPECT_GE(steady_clock::now() - start, milliseconds(150));
     std::this_thread::sleep_for(milliseconds(1500));
+    g_longest_send = 0;  // the call is lost, the connection is not
+    EXPECT_EQ(system_call("4", 150), DBUS_CALL_FAILED);
+    g_longest_send = 100;
     EXPECT_EQ(system_call("5", 10000), 5);
     const std::string lines = output.take();
     EXPECT_NE(lines.find("] system.call.daemon popen_call Wait Timeout\033[0m\n"),
