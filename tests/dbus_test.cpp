@@ -1,5 +1,6 @@
 // The transport and the system-call client: concurrent callers, time-outs, reconnection and peers
 // that do not keep to the protocol.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -13,8 +14,12 @@
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
 #include "endpoint.h"
+#include "faults.h"
 #include "files.h"
+#include "pending_calls.h"
 #include "played_daemon.h"
+
+extern "C" ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 
 namespace {
 
@@ -39,10 +44,8 @@ const Misbehaviour MISBEHAVIOURS[] = {
      [](SystemCallDbusMsg& m) { memset(m.data, '9', 1024), m.len = UINT32_MAX; }},
 };
 
-}  // namespace
-
-extern "C" ssize_t __real_send(int fd, const void* data, size_t size, int flags);
-extern "C" ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+// Stands before send(): sends what the command asks for besides; returns what is sent after it.
+size_t misbehave(int fd, const void* data, size_t size) {
     const auto& record = *static_cast<const SystemCallDbusMsg*>(data);
     if (size == WHOLE && record.ret > 0) {  // the beginning of a reply
         const std::string command(reinterpret_cast<const char*>(record.data), record.len);
@@ -61,10 +64,8 @@ extern "C" ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)
             shutdown(fd, SHUT_RDWR);
         }
     }
-    return __real_send(fd, data, std::min(size, g_longest_send.load()), flags);
+    return std::min(size, g_longest_send.load());
 }
-
-namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -81,8 +82,13 @@ int32_t echo(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
 // A client and its server, on short transfers; checks that nothing they opened stays.
 class Dbus : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(system_call_init(), DBUS_OK); }
+    void SetUp() override {
+        devices.send = misbehave;
+        devices.hurry = 1;
+        ASSERT_EQ(system_call_init(), DBUS_OK);
+    }
     void TearDown() override {
+        devices = {};
         system_call_exit();
         server.reset();
         EXPECT_EQ(open_descriptors(), descriptors);
@@ -105,7 +111,7 @@ TEST_F(Dbus, CallsYieldWhatTheHandlerWrote) {
     EXPECT_EQ(buffer.substr(0, 17), "ab" + std::string(14, '\0') + '7');
     EXPECT_EQ(system_call((longest + "7").c_str(), 1000), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(system_call(nullptr, 1000), DBUS_INVALID_ARGUMENT);
-    EXPECT_EQ(call_dbus_method("no_handler", "x", nullptr, 0, 5000), -1);
+    EXPECT_EQ(call_dbus_method("entry of a long name", "x", nullptr, 0, 5000), -1);
     EXPECT_EQ(call_dbus_method("unknown", "x", nullptr, 0, 100), DBUS_CALL_FAILED);
     system_call_exit();
     EXPECT_EQ(system_call("true", 5000), DBUS_CALL_FAILED);
@@ -222,6 +228,75 @@ TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {
     EXPECT_EQ(read_file("/tmp/victim"), "precious");
     EXPECT_EQ(system_call_reboot_unlocked(), DBUS_CONNECT_FAILED);
     remove("/tmp/victim");
+}
+
+// Each call of a server's and a client's whole life fails once, and from then on.
+TEST_F(Dbus, EveryFaultIsReportedAndNothingStaysOpen) {
+    system_call_exit();
+    server.reset();
+    devices = {};
+    devices.hurry = 1000;
+    CapturedOutput output;
+    for (const auto& [call, error] : {std::pair("calloc", ENOMEM),
+                                      {"pthread_create", EAGAIN},
+                                      {"socket", EMFILE},
+                                      {"bind", EADDRINUSE},
+                                      {"listen", EADDRINUSE},
+                                      {"accept4", EMFILE},
+                                      {"connect", ECONNREFUSED},
+                                      {"send", EPIPE},
+                                      {"read", EINTR},
+                                      {"read", EIO},
+                                      {"fopen", EMFILE},
+                                      {"opendir", EMFILE}}) {
+        for (int place = 1, calls = 1; calls >= place; ++place) {
+            for (const int ordinal : {place, error == EINTR ? place : -place}) {
+                SCOPED_TRACE(std::string(call) + " " + std::to_string(ordinal));
+                const Faults faults({{call, ordinal, error}});
+                const PlayedDaemon daemon(echo, echo);
+                system_call_init();
+                const int32_t result = system_call("5", 100);
+                EXPECT_TRUE(result == 5 || result < 0) << result;
+                system_call_reboot_unlocked();
+                system_call_exit();
+                calls = Faults::calls(call);
+            }
+        }
+    }
+}
+
+std::atomic<int> g_told{0};
+
+TEST_F(Dbus, SignalsReachTheirHandler) {
+    server.reset();
+    server = std::make_unique<PlayedDaemon>(echo, echo, [](const void* data, uint32_t size) {
+        g_told = static_cast<int>(size) + *static_cast<const char*>(data);
+    });
+    SystemCallDbusInfo* const client = SystemCall_DbusInfo_Alloc(0);
+    snprintf(client->serverName, sizeof(client->serverName), "%s", SYSTEM_CALL_DAEMON_NAME);
+    ASSERT_EQ(SystemCall_Dbus_Register(client), DBUS_OK);
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "entry of a long name", "abc", 3), 1236);
+    EXPECT_TRUE(eventually(10000, [] { return g_told == 'a' + 3; }));
+    const std::string tooLong(1025, 'x');
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", tooLong.data(), 1025),
+              DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(nullptr, "d", "s", "", 0), DBUS_INVALID_ARGUMENT);
+    Dbus_Lock(client);
+    EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
+    Dbus_UnLock(client);
+    SystemCall_Dbus_UnRegister(client);
+    EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
+    EXPECT_EQ(Dbus_UnLock(nullptr), DBUS_UNLOCK_NULL);
+    // Nothing is pending, and nothing is handed over.
+    SystemCallDbusMsg none = {};
+    pthread_mutex_init(&client->lock, nullptr);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, nullptr), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, nullptr), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &none, 1), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, nullptr), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), DBUS_INVALID_ARGUMENT);
+    SystemCall_DbusInfo_Free(client);
+    EXPECT_EQ(SystemCall_DbusInfo_Alloc(257), nullptr);
 }
 
 }  // namespace

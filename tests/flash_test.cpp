@@ -158,7 +158,7 @@ TEST_F(Flash, MmcEraseOfABlockDeviceIsOneRequestAndElseWritesZeros) {
 
 TEST_F(Flash, MmcSectorsEndAtTheirLimitAndShortTransfersAreCounts) {
     char buffer[200] = {};
-    const Faults faults({{"write", 2, EIO}, {"write", 3, 0, 7}});
+    const Faults faults({{"write", 2, EIO}, {"write", 3, SHORT, 7}, {"read", 2, EIO}});
     CapturedOutput output;
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 65436, 100), 100);
     EXPECT_EQ(read_file(PART).substr(65435, 102), "o" + std::string(100, '\0') + "o");
@@ -169,9 +169,12 @@ TEST_F(Flash, MmcSectorsEndAtTheirLimitAndShortTransfersAreCounts) {
     EXPECT_EQ(flash_mmc_read_sector("none", buffer, 0, 10), -1);
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 0, 10), -1);
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 0, 10), 7);
+    EXPECT_EQ(flash_mmc_read_sector("root", buffer, 0, 10), -1);
+    EXPECT_EQ(flash_mmc_write_partition_by_offset("root", IMAGE, 0, 0), FLASH_BAD_LENGTH);
     EXPECT_EQ(reported(output.take()),
               " too much data!!! too much data!!! Reading from mmc failed"
-              " Could not open mmc device:none for read. write sector fail,ret = -1!!!");
+              " Could not open mmc device:none for read. write sector fail,ret = -1!!!"
+              " Reading from mmc failed partition upgrade file size is zero!!!");
 }
 
 TEST_F(Flash, MtdPartitionsAreFoundByWholeNameAtEitherPath) {
@@ -190,6 +193,9 @@ TEST_F(Flash, MtdPartitionsAreFoundByWholeNameAtEitherPath) {
         EXPECT_EQ(corvo::UniqueFd(flash_mtd_open(part, 0)).valid(), part == std::string("root"));
         EXPECT_STREQ(Faults::opened(), opened.c_str());
     }
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, nullptr, 0, 1), FLASH_OK);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, IMAGE, 0, 1), FLASH_NO_DEVICE);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset("root", nullptr, 0, 1), FLASH_OK);
     EXPECT_EQ(parse_mtd_table_line("mtd99999999999999999999: \"a\"")->number, 0);
     EXPECT_EQ(parse_mtd_table_line(": d5 \"a\"b\"")->number, 0);
 }

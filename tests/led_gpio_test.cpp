@@ -11,6 +11,7 @@
 #include "files.h"
 #include "hal/gpio.h"
 #include "hal/t31_led.h"
+#include "led_lines.h"
 #include "led_pattern.h"
 
 namespace {
@@ -101,8 +102,28 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
             wait_for_ticks(3);
         }
     }
+    for (const uint32_t type : {LED_TYPE_GREEN, LED_TYPE_BLUE, LED_TYPE_ROBUST, LED_TYPE_ALL}) {
+        EXPECT_EQ(led.enable(type, 1, 0), 0);
+        wait_for_ticks(3);
+    }
+    {
+        const Faults failing({{"write", -1, EIO}});
+        led.enable(LED_TYPE_ALL, 0, 0);
+        wait_for_ticks(3);
+    }
     led.deinit(0);
     EXPECT_FALSE(read_file(GPIO + "gpio34/value").empty());
+    unlink((GPIO + "export").c_str());
+    EXPECT_EQ(hal_gpio_export(7), -1);
+    EXPECT_EQ(set_blue_led(2), 0);  // neither on nor off: opened only
+    EXPECT_EQ(set_green_led(1), 0);
+    EXPECT_EQ(hal_gpio_set_dir(35, 0), 0);
+    EXPECT_EQ(read_file(GPIO + "gpio35/direction"), std::string("in\0\0", 4));
+    {
+        const Faults noThread({{"pthread_create", 1, EAGAIN}});
+        EXPECT_EQ(led.init(0), 1);
+    }
+    EXPECT_EQ(led.reserved2(0, 0, 0) + led.reserved5(0, 0, 0, 0), 0);
     std::string lines;
     for (const std::string& line : lines_of(without_source_lines(output.take()))) {
         const bool counts = !line.empty() && line.find("process thread") == std::string::npos;

@@ -7,9 +7,22 @@
 #include <thread>
 
 #include "files.h"
+#include "kt_mmc.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "log_subscriber.h"
+
+static std::string refused;  // the call of nanomsg that fails
+
+#define REFUSABLE(result, name, failure, parameters, arguments)        \
+    extern "C" result __real_##name parameters;                        \
+    extern "C" result __wrap_##name parameters {                       \
+        return refused == #name ? (failure) : __real_##name arguments; \
+    }
+REFUSABLE(int, nn_socket, -1, (int domain, int protocol), (domain, protocol))
+REFUSABLE(void*, nn_allocmsg, nullptr, (size_t size, int type), (size, type))
+REFUSABLE(int, nn_send, -1, (int socket, const void* data, size_t size, int flags),
+          (socket, data, size, flags))
 
 namespace {
 
@@ -78,6 +91,30 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
                                           static_cast<char>(second.size()) + std::string(3, '\0') +
                                           second);
     Corvo_LogProducerUnInit();
+}
+
+TEST(Log, RefusedCallsAndArgumentsAreCodes) {
+    refused = "nn_socket";
+    EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_SOCKET_FAILED);
+    EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_SEND_FAILED);
+    refused = "nn_allocmsg";
+    EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_OK);
+    EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_NO_MEMORY);
+    refused = "nn_send";
+    EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_SEND_FAILED);
+    refused = "";
+    Corvo_LogProducerUnInit();
+    char text[32] = "";
+    void* nothing = nullptr;
+    EXPECT_EQ(KT_mmcSocket(nullptr), LOG_PRODUCER_MISSING_ARGUMENT);
+    EXPECT_EQ(KT_mmcSendMsg(0, &nothing), LOG_PRODUCER_NULL_MESSAGE);
+    EXPECT_EQ(KT_mmcTopicMsgSize("topic", 1, nullptr), LOG_PRODUCER_MISSING_ARGUMENT);
+    EXPECT_EQ(KT_mmcPutTopic(nullptr, text, 1), LOG_PRODUCER_MISSING_ARGUMENT);
+    EXPECT_EQ(KT_mmcPutTopic("topic", text, 5), LOG_PRODUCER_BUFFER_TOO_SMALL);
+    ts_format_log(text, 23);
+    EXPECT_STREQ(text, "");
+    ts_format_log(text, 24);
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{10}\.\d{3};?)"))) << text;
 }
 
 }  // namespace

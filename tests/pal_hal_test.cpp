@@ -78,6 +78,32 @@ TEST(Pal, PartitionsOfBothStoragesAreOpenedForReadingOnly) {
     EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, 5, &fd), 4);
 }
 
+// What the layer above never asks for.
+TEST(Ota, ModuleGuardsItsOwnOperations) {
+    write_file(BY_NAME + "kernel", "old");
+    NorChip chip{"/dev/mtd/1", 4096};
+    chip.install("mtd1: 00001000 00001000 \"kernel\"\n");
+    const HalOtaInterface& ota = *HAL_OTA_GetInterface(0);
+    const struct {
+        const char* part;
+        uint32_t storage;
+        int erased, opened, whole, range;
+    } cases[] = {{nullptr, STORAGE_TYPE_MMC, 2, 2, 2, 2},
+                 {"kernel", STORAGE_TYPE_MMC, 0, 0, -1, 12},
+                 {"kernel", STORAGE_TYPE_MTD, 0, 0, -1, 12},
+                 {"kernel", 5, 4, 4, 4, 4}};
+    for (const auto& c : cases) {
+        int32_t fd = -1;
+        EXPECT_EQ(ota.erasePartition(c.part, c.storage), c.erased);
+        EXPECT_EQ(ota.openPartition(c.part, 0, c.storage, &fd), c.opened);
+        EXPECT_EQ(ota.upgrade(MODULE_TYPE_KERNEL, c.part, "/none", c.storage), c.whole);
+        EXPECT_EQ(ota.upgradeByOffset(MODULE_TYPE_KERNEL, c.part, "/none", 0, 1, c.storage),
+                  c.range);
+        close(fd);
+    }
+    EXPECT_EQ(read_file(BY_NAME + "kernel"), std::string(3, '\0'));
+}
+
 TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
     CapturedOutput output;
     for (const auto& [answer, code] : {std::pair("A\n", 0), {"B\n", 0}, {"ab\ncd", 4}, {"", 4}}) {
@@ -115,6 +141,7 @@ TEST(Nv, PartitionsAndRecoveryCommand) {
         EXPECT_EQ(buffer, std::string(part, 6));
         EXPECT_EQ(read_file(BY_NAME + part).substr(7, 8), "." + std::string(part, 6) + ".");
     }
+    EXPECT_EQ(nv.init() + nv.deinit(), 0);
     const std::string misc(16500, 'm');
     write_file(BY_NAME + "misc", misc);
     EXPECT_EQ(nv.enterRecovery(), 32);

@@ -229,6 +229,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Disturbance{"remove", EACCES, true, false, Mode::FILES},
                     Disturbance{"msgrcv", EINTR, false, false, Mode::FILES},
                     Disturbance{"msgctl", EPERM, true, false, Mode::FILES},
+                    Disturbance{"msgget", ENOSPC, false, true, Mode::FILES},
+                    Disturbance{"ftok", ENOENT, false, true, Mode::FILES},
                     Disturbance{"socket", EMFILE, false, false, Mode::FILES},
                     Disturbance{"connect", ECONNREFUSED, false, false, Mode::FILES},
                     Disturbance{"send", EPIPE, false, true, Mode::FILES},

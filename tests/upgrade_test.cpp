@@ -9,6 +9,8 @@
 #include "files.h"
 #include "log_subscriber.h"
 #include "ota/ota_data.h"
+#include "ota/ota_package.h"
+#include "ota/ota_result.h"
 
 namespace {
 
@@ -134,6 +136,23 @@ class Upgrade : public testing::Test {
 
 TEST_F(Upgrade, RequestsToTheEnd) {
     expect_cases("upgrades.txt", [this](std::istream& input) { return outcome_of(input); });
+}
+
+// The numbers of modules and storages that requests and the platform use, also those that no row of
+// the table has today.
+TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
+    std::string modules;
+    for (uint32_t type = 0; type < 30; ++type) {
+        modules += std::to_string(OTA_GetHalModuleType(type)) + " ";
+    }
+    EXPECT_EQ(
+        modules,
+        "12 1 2 3 4 5 6 12 12 12 12 11 12 13 14 15 16 17 12 12 12 12 12 12 12 12 14 12 12 12 ");
+    EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_EMMC), 33U);
+    EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_MTD), 17U);
+    EXPECT_EQ(OTA_GetHalStorageType(7), 0U);
+    EXPECT_EQ(OTA_CheckNeedUpgrade(nullptr, nullptr), OTA_FAILED);
+    EXPECT_EQ(get_partition_info_by_msg(nullptr, nullptr, nullptr, nullptr), OTA_FAILED);
 }
 
 TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {

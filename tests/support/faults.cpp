@@ -189,6 +189,14 @@ CALL(int, socket, "socket", -1, false, (int domain, int type, int protocol),
      (domain, type, protocol))
 CALL(int, connect, "connect", -1, false, (int fd, const sockaddr* address, socklen_t size),
      (fd, address, size))
+CALL(int, bind, "bind", -1, true, (int fd, const sockaddr* address, socklen_t size),
+     (fd, address, size))
+CALL(int, listen, "listen", -1, true, (int fd, int backlog), (fd, backlog))
+CALL(int, accept4, "accept4", -1, false, (int fd, sockaddr* address, socklen_t* size, int flags),
+     (fd, address, size, flags))
+CALL(int, msgget, "msgget", -1, false, (key_t key, int flags), (key, flags))
+CALL(key_t, ftok, "ftok", -1, false, (const char* path, int project), (path, project))
+CALL(DIR*, opendir, "opendir", nullptr, false, (const char* path), (path))
 CALL(void*, calloc, "calloc", nullptr, false, (size_t count, size_t size), (count, size))
 CALL(int, pthread_create, "pthread_create", errno, false,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* given),
@@ -219,10 +227,11 @@ ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
     if (met.effect == CRASH) {
         abort();
     }
-    return met.effect > 0
-               ? -1
-               : __real_send(fd, data, met.effect == SHORT ? std::min(met.count, size) : size,
-                             flags);
+    size_t moved = met.effect == SHORT ? std::min(met.count, size) : size;
+    if (devices.send != nullptr) {
+        moved = devices.send(fd, data, moved);
+    }
+    return met.effect > 0 ? -1 : __real_send(fd, data, moved, flags);
 }
 
 ssize_t __real_write(int fd, const void* data, size_t size);
@@ -255,7 +264,7 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
 int __real_usleep(unsigned microseconds);
 int __wrap_usleep(unsigned microseconds) {
     next("usleep", static_cast<int>(microseconds));
-    return __real_usleep(microseconds / 10);
+    return __real_usleep(microseconds / devices.hurry);
 }
 
 unsigned __wrap_sleep(unsigned seconds) {

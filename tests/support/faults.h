@@ -1,8 +1,8 @@
 // Faults as data, behind the system calls of the program that is linked with them: a test's own, or
 // the whole service, which finds them in its environment. Meanwhile time is short: sleep() takes a
-// thousandth, usleep() a tenth, select() a millisecond. Needs no C++ run-time library, as little as
-// the service. tests/hal.cmake lists the calls; they are named here without the "64" of large
-// files.
+// thousandth, usleep() a tenth or less, select() a millisecond. Needs no C++ run-time library, as
+// little as the service. tests/hal.cmake lists the calls; they are named here without the "64" of
+// large files.
 #ifndef TESTS_SUPPORT_FAULTS_H
 #define TESTS_SUPPORT_FAULTS_H
 
@@ -33,6 +33,8 @@ struct Devices {
     void* device;
     void (*write)(void* device, int fd, char* data, size_t size);  // changes what is stored
     int (*ioctl)(void* device, unsigned long request, void* argument);
+    size_t (*send)(int fd, const void* data, size_t size) = nullptr;  // returns what is really sent
+    unsigned hurry = 10;                                              // what usleep() is divided by
 };
 extern Devices devices;
 

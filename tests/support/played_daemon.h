@@ -2,7 +2,6 @@
 #ifndef TESTS_SUPPORT_PLAYED_DAEMON_H
 #define TESTS_SUPPORT_PLAYED_DAEMON_H
 
-#include <gtest/gtest.h>
 #include <stdio.h>
 
 #include "dbus/dbus_socket_common.h"
@@ -12,16 +11,26 @@ class PlayedDaemon {
   public:
     using Handler = decltype(SystemCallDbusInterface::methodHandler);
 
-    PlayedDaemon(Handler systemCall, Handler popenCall) : info_(SystemCall_DbusInfo_Alloc(3)) {
+    // Serves both calls and a third name, which has no method's handler but a signal's.
+    PlayedDaemon(Handler systemCall, Handler popenCall,
+                 void (*signal)(const void* data, uint32_t size) = nullptr)
+        : info_(SystemCall_DbusInfo_Alloc(3)) {
+        if (info_ == nullptr) {
+            return;
+        }
         snprintf(info_->name, sizeof(info_->name), "%s", SYSTEM_CALL_DAEMON_NAME);
         SystemCallDbusInterface** const entries = info_->interfaces;
         SystemCall_DbusInterface_Set_Method(entries[0], SYSTEM_CALL_METHOD, systemCall);
         SystemCall_DbusInterface_Set_Method(entries[1], POPEN_CALL_METHOD, popenCall);
-        SystemCall_DbusInterface_Set_Method(entries[2], "no_handler", nullptr);
-        EXPECT_EQ(SystemCall_Dbus_Register(info_), DBUS_OK);
+        SystemCall_DbusInterface_Set_Method(entries[2], "entry of a long name", nullptr);
+        entries[2]->signalMarker[0] = 's';
+        entries[2]->signalHandler = signal;
+        serves_ = SystemCall_Dbus_Register(info_) == DBUS_OK;
     }
     ~PlayedDaemon() {
-        SystemCall_Dbus_UnRegister(info_);
+        if (serves_) {
+            SystemCall_Dbus_UnRegister(info_);
+        }
         SystemCall_DbusInfo_Free(info_);
     }
     PlayedDaemon(const PlayedDaemon&) = delete;
@@ -29,6 +38,7 @@ class PlayedDaemon {
 
   private:
     SystemCallDbusInfo* info_;
+    bool serves_ = false;
 };
 
 #endif  // TESTS_SUPPORT_PLAYED_DAEMON_H
