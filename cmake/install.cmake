@@ -1,5 +1,5 @@
-# What a camera's file system gets, by components: service (with its daemon), tools, sysv, systemd.
-# sysv and systemd are left out unless they are named.
+# What a camera's file system gets, by components: service (with its daemon), tools, bringup,
+# sysv, systemd. The last three are left out unless they are named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
@@ -9,6 +9,9 @@ if(CORVO_BUILD_TOOLS)
   install(TARGETS system_call_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
           COMPONENT service)
   install(TARGETS otactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  # It writes flash and asks nothing.
+  install(TARGETS hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup
+          EXCLUDE_FROM_ALL)
 endif()
 # The maker's library comes with the maker's system; only the stand-in is ours to install.
 if(NOT CORVO_PLATFORM_LIBRARY)

@@ -175,9 +175,11 @@ TEST(Descriptors, DoNotGrowWithTheWork) {
     EXPECT_EQ(reported(1), withoutModules);
 }
 
+constexpr int NOTHING = -100;
+
 struct Disturbance {
     const char* call;
-    int error;  // 0: a short transfer
+    int error;  // 0: one byte is moved, NOTHING: none
     bool onwards;
     bool silencesDaemon;  // the reboot cannot be asked for while it lasts
     Mode mode;
@@ -193,7 +195,10 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     for (int place = std::max(1, only()); struck && place < MANY; place += STRIDE) {
         SCOPED_TRACE(std::string(d.call) + " " + std::to_string(place));
         World world(d.mode);
-        const Fault fault = {d.call, d.onwards ? -place : place, d.error, 1};
+        const Fault fault = {.call = d.call,
+                             .ordinal = d.onwards ? -place : place,
+                             .effect = d.error == NOTHING ? SHORT : d.error,
+                             .count = d.error == NOTHING ? 0U : 1U};
         const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
         EXPECT_TRUE(outcome.ended);
         struck = reported(0) >= place && only() == 0;
@@ -217,6 +222,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Disturbance{"read", EIO, false, false, Mode::FILES},
                     Disturbance{"read", EINTR, false, false, Mode::FILES},
                     Disturbance{"read", 0, false, false, Mode::COMBINED},
+                    Disturbance{"read", NOTHING, false, false, Mode::FILES},
                     Disturbance{"write", EIO, false, false, Mode::FILES},
                     Disturbance{"write", ENOSPC, true, false, Mode::COMBINED},
                     Disturbance{"write", 0, false, false, Mode::FILES},
@@ -238,7 +244,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Disturbance{"calloc", ENOMEM, false, true, Mode::FILES},
                     Disturbance{"pthread_create", EAGAIN, false, false, Mode::FILES}),
     [](const auto& fault) {
-        return std::string(fault.param.call) + std::to_string(fault.param.error) +
+        return std::string(fault.param.call) + std::to_string(std::abs(fault.param.error)) +
                (fault.param.onwards ? "Onwards" : "Once");
     });
 

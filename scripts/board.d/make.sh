@@ -63,7 +63,7 @@ build_programs() {
     "$checkout/scripts/sysroot" glibc
     echo "building build/arm"
     cmake --preset arm > "$log" 2>&1 &&
-        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl board_probe \
+        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl hal_tool \
             >> "$log" 2>&1 || {
         tail -n 20 "$log" >&2
         fail "cannot build; the whole output is in $log"
@@ -84,11 +84,10 @@ make_initramfs() {
     cp "$from/usr/bin/fw_printenv" "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
     # As an integrator installs it.
-    for component in service tools sysv; do
+    for component in service tools bringup sysv; do
         DESTDIR=$root cmake --install build/arm --strip --component $component > /dev/null
     done
-    arm-linux-gnueabihf-strip -o "$root/bin/board_probe" build/arm/board_probe
-    cp "$parts/init" "$root/init"
+    cp "$parts/init" "$parts/probe" "$root/"
     cp "$parts/S99checkboot" "$root/etc/init.d/"
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
