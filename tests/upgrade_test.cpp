@@ -89,7 +89,8 @@ class Upgrade : public testing::Test {
             } else if (key == "record") {
                 write_file(OTA_DATA_PATH, std::string(1, '\0') + static_cast<char>(number / 10) +
                                               std::string(3, '\0') +
-                                              static_cast<char>(number % 10) + '\0');
+                                              static_cast<char>(number % 10) +
+                                              std::string("\0+", 2));
             } else if (key == "weak") {
                 faults = {{"image", number, FLIP}};
             } else if (key[0] == '/') {
