@@ -88,8 +88,8 @@ TEST_F(Flash, CasesThroughDriverAndPlatform) {
         fault.call = call.c_str();
         request.mtd = storage == "mtd";
         request.whole = how == "whole";
-        fault.effect = effect == "EIO" ? EIO : effect == "EINTR" ? EINTR : SHORT;
-        fault.count = fault.effect == SHORT ? strtoul(effect.c_str(), nullptr, 10) : 0;
+        fault.effect = error_number(effect);
+        fault.count = strtoul(effect.c_str(), nullptr, 10);
         chip_.wornCell = call == "cell" ? fault.ordinal : -1;
         const auto offset = static_cast<size_t>(std::clamp<int64_t>(request.offset, 0, 200000));
         write_file(IMAGE, request.whole

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <sstream>
 
 #include "camera.h"
 #include "files.h"
@@ -33,29 +34,25 @@ const std::string KERNEL_IMAGE = pattern_bytes(40000, 1);
 const std::string ROOTFS_IMAGE = pattern_bytes(16384, 2);
 const std::string SUCCESS = "UPGRADE_LUMO_UGRADE_SUCCESS";
 
-enum class Mode { FILES, COMBINED, AUTO_FLASH };
-
 // One upgrade of two modules, with everything around it in its first state.
 class World {
   public:
-    explicit World(Mode mode)
-        : mode_(mode), message_(Camera::request(mode == Mode::COMBINED, {KERNEL, ROOTFS})) {
+    // "Files", "AutoFlash" (files with its flag) or "Combined".
+    explicit World(const std::string& mode)
+        : message_(Camera::request(mode == "Combined", {KERNEL, ROOTFS})) {
         write_file(OTA_DATA_PATH, OLD_RECORD);
-        if (mode == Mode::AUTO_FLASH) {
+        if (mode == "AutoFlash") {
             write_file("/tmp/autoflash", "");
         }
-        if (mode != Mode::COMBINED) {
-            camera.put_image("kernel.bin", KERNEL_IMAGE);
-            camera.put_image("rootfs.img", ROOTFS_IMAGE);
-            return;
+        if (mode == "Combined") {
+            package_ = {{"all.pkg", KERNEL_IMAGE + ROOTFS_IMAGE}};
+            message_.moduleInfo[0] = {.size = KERNEL_IMAGE.size(), .offset = 0};
+            message_.moduleInfo[1] = {.size = ROOTFS_IMAGE.size(), .offset = KERNEL_IMAGE.size()};
         }
-        camera.put_image("all.pkg", KERNEL_IMAGE + ROOTFS_IMAGE);
-        message_.moduleInfo[0] = {.size = KERNEL_IMAGE.size(), .offset = 0};
-        message_.moduleInfo[1] = {.size = ROOTFS_IMAGE.size(), .offset = KERNEL_IMAGE.size()};
+        for (const auto& [file, content] : package_) {
+            camera.put_image(file, content);
+        }
     }
-    ~World() { remove("/tmp/autoflash"); }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
 
     Outcome run(const std::vector<Fault>& faults = {}) { return camera.run(message_, faults); }
 
@@ -64,9 +61,9 @@ class World {
                Camera::partition("rootfs").starts_with(ROOTFS_IMAGE);
     }
     [[nodiscard]] bool package_is_there() const {
-        return mode_ == Mode::COMBINED ? Camera::has("/media/mmcblk0p1/all.pkg")
-                                       : Camera::has("/media/mmcblk0p1/kernel.bin") &&
-                                             Camera::has("/media/mmcblk0p1/rootfs.img");
+        return std::ranges::all_of(package_, [](const auto& file) {
+            return Camera::has(Camera::PACKAGE_DIR + file.first);
+        });
     }
     static bool others_untouched() {
         return std::ranges::all_of(OTHERS, [](const char* name) {
@@ -87,7 +84,8 @@ class World {
   private:
     static constexpr const char* OTHERS[] = {"spl",    "uboot",       "dtb",
                                              "system", "ota_package", "misc"};
-    Mode mode_;
+    std::map<std::string, std::string> package_ = {{"kernel.bin", KERNEL_IMAGE},
+                                                   {"rootfs.img", ROOTFS_IMAGE}};
     OtaMessage message_;
 };
 
@@ -106,16 +104,20 @@ void expect_other_keys_kept(const std::string& record) {
     }
 }
 
-class PowerCut : public testing::TestWithParam<std::tuple<Mode, Effect>> {};
+// A mode and what happens: the power goes before a change ("Cut") or in the middle of a write
+// ("Torn").
+class PowerCut : public testing::TestWithParam<const char*> {};
 
 TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
-    const auto [mode, effect] = GetParam();
-    const char* const call = effect == CUT ? "change" : "write";
+    const std::string name = GetParam();
+    const bool torn = name.ends_with("Torn");
+    const std::string mode = name.substr(0, name.size() - strlen(torn ? "Torn" : "Cut"));
     bool complete = false;
     for (int place = std::max(1, only()); !complete && place < MANY; place += STRIDE) {
-        SCOPED_TRACE(std::string(call) + " " + std::to_string(place));
+        SCOPED_TRACE(name + " " + std::to_string(place));
         World world(mode);
-        const Outcome outcome = world.run({{call, place, effect}});
+        const Outcome outcome =
+            world.run({torn ? Fault{"write", place, TEAR} : Fault{"change", place, CUT}});
         complete = outcome.ended || only() != 0;
         const bool resultStored = outcome.text.find("ota hal init end") != std::string::npos;
         const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
@@ -139,7 +141,7 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
         if (outcome.ended) {
             std::string success = OLD_RECORD;
             success[OTA_DATA_KEY_STATE] =
-                mode == Mode::AUTO_FLASH ? OTA_STATE_AUTO_FLASH_SUCCESS : OTA_STATE_SUCCESS;
+                mode == "AutoFlash" ? OTA_STATE_AUTO_FLASH_SUCCESS : OTA_STATE_SUCCESS;
             EXPECT_EQ(record, success);
             EXPECT_GT(place, 20) << "too few places: is anything counted?";
         }
@@ -147,18 +149,9 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
     }
 }
 
-using Cut = std::tuple<Mode, Effect>;
-
-std::string cut_name(const testing::TestParamInfo<Cut>& cut) {
-    static const char* const modes[] = {"Files", "Combined", "AutoFlash"};
-    const auto [mode, effect] = cut.param;
-    return modes[static_cast<int>(mode)] + std::string(effect == CUT ? "Cut" : "Torn");
-}
-
 INSTANTIATE_TEST_SUITE_P(Modes, PowerCut,
-                         testing::Values(Cut(Mode::FILES, CUT), Cut(Mode::COMBINED, CUT),
-                                         Cut(Mode::AUTO_FLASH, CUT), Cut(Mode::FILES, TEAR)),
-                         cut_name);
+                         testing::Values("FilesCut", "CombinedCut", "AutoFlashCut", "FilesTorn"),
+                         [](const auto& name) { return std::string(name.param); });
 
 int reported(int which) {
     int numbers[2] = {0, 0};
@@ -167,23 +160,32 @@ int reported(int which) {
 }
 
 TEST(Descriptors, DoNotGrowWithTheWork) {
-    World world(Mode::FILES);
+    World world("Files");
     world.camera.run(Camera::request(0, {}));
     const int withoutModules = reported(1);
     EXPECT_GT(withoutModules, 3);
-    World(Mode::FILES).run();
+    World("Files").run();
     EXPECT_EQ(reported(1), withoutModules);
 }
 
-constexpr int NOTHING = -100;
-
 struct Disturbance {
-    const char* call;
-    int error;  // 0: one byte is moved, NOTHING: none
-    bool onwards;
-    bool silencesDaemon;  // the reboot cannot be asked for while it lasts
-    Mode mode;
+    std::string call, effect;  // the errno's name; or how many bytes are moved
+    std::string howOften;      // "once" or "onwards"
+    std::string daemon;        // "deaf": it cannot be asked for the reboot while this lasts
+    std::string mode;
 };
+
+std::vector<Disturbance> disturbances() {
+    std::vector<Disturbance> all;
+    for (const std::string& line : lines_of(read_file(TEXTS "cases/disturbances.txt"))) {
+        Disturbance d;
+        if (!line.starts_with('#') &&
+            std::istringstream(line) >> d.call >> d.effect >> d.howOften >> d.mode >> d.daemon) {
+            all.push_back(d);
+        }
+    }
+    return all;
+}
 
 class Disturbed : public testing::TestWithParam<Disturbance> {};
 
@@ -193,12 +195,12 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     const int descriptors = reported(1);
     bool struck = true;
     for (int place = std::max(1, only()); struck && place < MANY; place += STRIDE) {
-        SCOPED_TRACE(std::string(d.call) + " " + std::to_string(place));
+        SCOPED_TRACE(d.call + " " + std::to_string(place));
         World world(d.mode);
-        const Fault fault = {.call = d.call,
-                             .ordinal = d.onwards ? -place : place,
-                             .effect = d.error == NOTHING ? SHORT : d.error,
-                             .count = d.error == NOTHING ? 0U : 1U};
+        const Fault fault = {.call = d.call.c_str(),
+                             .ordinal = d.howOften == "once" ? place : -place,
+                             .effect = error_number(d.effect),
+                             .count = static_cast<size_t>(atoi(d.effect.c_str()))};
         const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
         EXPECT_TRUE(outcome.ended);
         struck = reported(0) >= place && only() == 0;
@@ -208,44 +210,13 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
         EXPECT_LE(reported(1), descriptors) << "descriptors left open";
         const bool client =
             outcome.text.find("please run system_call_init first") == std::string::npos;
-        EXPECT_TRUE(!client || d.silencesDaemon || World::asked("reboot", 3000));
+        EXPECT_TRUE(!client || d.daemon == "deaf" || World::asked("reboot", 3000));
         ASSERT_FALSE(testing::Test::HasFailure()) << outcome.text;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Calls, Disturbed,
-    testing::Values(Disturbance{"open", EIO, false, false, Mode::FILES},
-                    Disturbance{"open", EMFILE, true, false, Mode::FILES},
-                    Disturbance{"open", EROFS, true, false, Mode::COMBINED},
-                    Disturbance{"fopen", EMFILE, true, false, Mode::FILES},
-                    Disturbance{"read", EIO, false, false, Mode::FILES},
-                    Disturbance{"read", EINTR, false, false, Mode::FILES},
-                    Disturbance{"read", 0, false, false, Mode::COMBINED},
-                    Disturbance{"read", NOTHING, false, false, Mode::FILES},
-                    Disturbance{"write", EIO, false, false, Mode::FILES},
-                    Disturbance{"write", ENOSPC, true, false, Mode::COMBINED},
-                    Disturbance{"write", 0, false, false, Mode::FILES},
-                    Disturbance{"write", 0, true, false, Mode::COMBINED},
-                    Disturbance{"lseek", EIO, false, false, Mode::FILES},
-                    Disturbance{"lseek", EIO, true, false, Mode::COMBINED},
-                    Disturbance{"fstat", EIO, false, false, Mode::FILES},
-                    Disturbance{"fstat", EIO, true, false, Mode::COMBINED},
-                    Disturbance{"fsync", EIO, true, false, Mode::FILES},
-                    Disturbance{"remove", EACCES, true, false, Mode::FILES},
-                    Disturbance{"msgrcv", EINTR, false, false, Mode::FILES},
-                    Disturbance{"msgctl", EPERM, true, false, Mode::FILES},
-                    Disturbance{"msgget", ENOSPC, false, true, Mode::FILES},
-                    Disturbance{"ftok", ENOENT, false, true, Mode::FILES},
-                    Disturbance{"socket", EMFILE, false, false, Mode::FILES},
-                    Disturbance{"connect", ECONNREFUSED, false, false, Mode::FILES},
-                    Disturbance{"send", EPIPE, false, true, Mode::FILES},
-                    Disturbance{"send", 0, true, false, Mode::FILES},
-                    Disturbance{"calloc", ENOMEM, false, true, Mode::FILES},
-                    Disturbance{"pthread_create", EAGAIN, false, false, Mode::FILES}),
-    [](const auto& fault) {
-        return std::string(fault.param.call) + std::to_string(std::abs(fault.param.error)) +
-               (fault.param.onwards ? "Onwards" : "Once");
-    });
+INSTANTIATE_TEST_SUITE_P(Calls, Disturbed, testing::ValuesIn(disturbances()), [](const auto& d) {
+    return d.param.call + d.param.effect + d.param.howOften;
+});
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -40,6 +41,14 @@ std::string pattern_bytes(size_t size, unsigned seed) {
         byte = static_cast<char>(random() >> 8);
     }
     return bytes;
+}
+
+int error_number(const std::string& name) {
+    int number = 133;
+    while (number > 0 && (strerrorname_np(number) == nullptr || strerrorname_np(number) != name)) {
+        --number;
+    }
+    return number;
 }
 
 bool eventually(int patienceMs, const std::function<bool()>& condition) {

@@ -17,6 +17,9 @@ void write_file(const std::string& path, const std::string& content);
 // `size` bytes that look random and are the same for the same seed.
 std::string pattern_bytes(size_t size, unsigned seed);
 
+// The errno of that name; 0 when there is none.
+int error_number(const std::string& name);
+
 // Asks every 10 ms, for so long at the most, until the condition holds; whether it does.
 bool eventually(int patienceMs, const std::function<bool()>& condition);
 
