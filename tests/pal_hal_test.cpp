@@ -102,6 +102,7 @@ TEST(Ota, ModuleGuardsItsOwnOperations) {
         close(fd);
     }
     EXPECT_EQ(read_file(BY_NAME + "kernel"), std::string(3, '\0'));
+    EXPECT_EQ(HAL_NV_GetInterface(0)->init() + HAL_NV_GetInterface(0)->deinit(), 0);
 }
 
 TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
@@ -126,29 +127,6 @@ TEST(Ota, OperationsWaitForEachOther) {
     EXPECT_EQ(slowQuery, 3);
     holder.join();
     EXPECT_EQ(PAL_OTA_DeInit(), 0);
-}
-
-TEST(Nv, PartitionsAndRecoveryCommand) {
-    const HalNvInterface& nv = *HAL_NV_GetInterface(0);
-    char buffer[7] = {};
-    for (const auto& [part, read, write] :
-         {std::tuple("nv_user", nv.userRead, nv.userWrite),
-          std::tuple("nv_factory", nv.factoryRead, nv.factoryWrite),
-          std::tuple("rec_data", nv.recordRead, nv.recordWrite)}) {
-        write_file(BY_NAME + part, std::string(64, '.'));
-        EXPECT_EQ(write(part, 8, 6), 6);
-        EXPECT_EQ(read(buffer, 8, 6), 6);
-        EXPECT_EQ(buffer, std::string(part, 6));
-        EXPECT_EQ(read_file(BY_NAME + part).substr(7, 8), "." + std::string(part, 6) + ".");
-    }
-    EXPECT_EQ(nv.init() + nv.deinit(), 0);
-    const std::string misc(16500, 'm');
-    write_file(BY_NAME + "misc", misc);
-    EXPECT_EQ(nv.enterRecovery(), 32);
-    const std::string command = "boot-recovery" + std::string(19, '\0');
-    EXPECT_EQ(read_file(BY_NAME + "misc"), std::string(misc).replace(16384, 32, command));
-    EXPECT_EQ(nv.exitRecovery(), 32);
-    EXPECT_EQ(read_file(BY_NAME + "misc"), std::string(misc).replace(16384, 32, 32, '\0'));
 }
 
 TEST(Nv, FactoryCacheIsFilledOnceTheNodeIsThere) {

@@ -22,7 +22,11 @@ namespace {
 
 // A shell command's exit status and the lines that it prints, with " / " before each.
 std::string run(const std::string& command) {
-    FILE* stream = popen(("exec 2>&1; otactl() { " OTACTL " \"$@\"; }; " + command).c_str(), "re");
+    FILE* stream =
+        popen(("exec 2>&1; otactl() { " OTACTL " \"$@\"; }; hal_tool() { " HAL_TOOL " \"$@\"; }; " +
+               command)
+                  .c_str(),
+              "re");
     std::string output(1 << 16, '\0');
     output.resize(fread(output.data(), 1, output.size(), stream));
     std::string text = std::to_string(WEXITSTATUS(pclose(stream)));
@@ -30,6 +34,14 @@ std::string run(const std::string& command) {
         text += " / " + line;
     }
     return text;
+}
+
+// The same for what is typed in a folder. Of what the parser of arguments says only the hint is
+// ours.
+std::string session(const std::string& folder, std::istream& typed) {
+    const std::string command(std::istreambuf_iterator<char>(typed), {});
+    return std::regex_replace(without_source_lines(run("cd " + folder + "; " + command)),
+                              std::regex("(otactl|hal_tool): .*(?=.see --help)"), "");
 }
 
 class SystemCallDaemon : public testing::Test {
@@ -119,12 +131,14 @@ class Otactl : public testing::Test {
 
 TEST_F(Otactl, SessionAtTheShell) {
     expect_cases("otactl.txt", [this](std::istream& input) {
-        const std::string command(std::istreambuf_iterator<char>(input), {});
-        const std::string said = run("cd /run; " + command);
-        // What the parser of arguments says but for its hint is not ours.
-        return std::regex_replace(said, std::regex("otactl: .*(?=.see --help)"), "") +
-               posted(IPC_NOWAIT);
+        const std::string said = session("/run", input);
+        return said + posted(IPC_NOWAIT);
     });
+}
+
+TEST(HalTool, SessionAtTheShell) {
+    expect_cases("hal_tool.txt",
+                 [](std::istream& input) { return session("/dev/block/by-name", input); });
 }
 
 TEST_F(Otactl, FollowsToTheVerdict) {

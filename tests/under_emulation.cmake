@@ -33,7 +33,8 @@ set_target_properties(test_camera PROPERTIES COMPILE_DEFINITIONS
   "SERVICE_PROGRAM=\"${service}\";SERVICE_WITH_FAULTS=\"${service_with_faults}\"")
 if(TARGET tools_test)
   emulated_script(otactl otactl_script)
+  emulated_script(hal_tool hal_tool_script)
   emulated_script(system_call_daemon daemon_script)
   set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
-    "OTACTL=\"${otactl_script}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
+    "OTACTL=\"${otactl_script}\";HAL_TOOL=\"${hal_tool_script}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
 endif()
