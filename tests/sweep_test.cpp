@@ -175,6 +175,10 @@ struct Disturbance {
     std::string mode;
 };
 
+void PrintTo(const Disturbance& d, std::ostream* stream) {
+    *stream << d.call << " " << d.effect << " " << d.howOften << ", " << d.mode;
+}
+
 std::vector<Disturbance> disturbances() {
     std::vector<Disturbance> all;
     for (const std::string& line : lines_of(read_file(TEXTS "cases/disturbances.txt"))) {
