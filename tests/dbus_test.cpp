@@ -89,9 +89,9 @@ class Dbus : public testing::Test {
         ASSERT_EQ(system_call_init(), DBUS_OK);
     }
     void TearDown() override {
-        devices = {};
         system_call_exit();
         server.reset();
+        devices = {};
         EXPECT_EQ(open_descriptors(), descriptors);
     }
 
@@ -245,19 +245,24 @@ TEST_F(Dbus, EveryFaultIsReportedAndNothingStaysOpen) {
         "accept4 EMFILE connect ECONNREFUSED send EPIPE read EINTR read EIO fopen EMFILE "
         "opendir EMFILE");
     for (std::string call, error; cases >> call >> error;) {
-        for (int place = 1, calls = 1; calls >= place; ++place) {
-            for (const int ordinal : {place, error == "EINTR" ? place : -place}) {
+        int place = 0, calls = 0;
+        do {
+            ++place;
+            for (const int ordinal : {error == "EINTR" ? place : -place, place}) {
                 SCOPED_TRACE(call + " " + std::to_string(ordinal));
                 const Faults faults({{call.c_str(), ordinal, error_number(error)}});
-                const PlayedDaemon daemon(echo, echo);
+                auto daemon = std::make_unique<PlayedDaemon>(echo, echo);
                 system_call_init();
                 const int32_t result = system_call("5", 100);
                 EXPECT_TRUE(result == 5 || result < 0) << result;
                 system_call_reboot_unlocked();
+                daemon.reset();
+                daemon = std::make_unique<PlayedDaemon>(echo, echo);
+                system_call("5", 100);
                 system_call_exit();
                 calls = Faults::calls(call.c_str());
             }
-        }
+        } while (calls >= place);
     }
 }
 
@@ -271,6 +276,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     SystemCallDbusInfo* const client = SystemCall_DbusInfo_Alloc(0);
     snprintf(client->serverName, sizeof(client->serverName), "%s", SYSTEM_CALL_DAEMON_NAME);
     ASSERT_EQ(SystemCall_Dbus_Register(client), DBUS_OK);
+    EXPECT_EQ(write(client->connectionSocket, "rubbish", 7), 7);  // is skipped
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "entry of a long name", "abc", 3), 1236);
     EXPECT_TRUE(eventually(10000, [] { return g_told == 'a' + 3; }));
     const std::string tooLong(1025, 'x');
@@ -280,6 +286,10 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     Dbus_Lock(client);
     EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
     Dbus_UnLock(client);
+    {
+        const Faults faults({{"send", 1, EPIPE}});
+        EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
+    }
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
     EXPECT_EQ(Dbus_UnLock(nullptr), DBUS_UNLOCK_NULL);
@@ -291,6 +301,12 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &none, 1), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, nullptr), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, &none), DBUS_OK);
+    SystemCallDbusMsg other = {};
+    other.id = 1;
+    EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &other, 1), DBUS_NOT_PENDING);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &other, &none), DBUS_NOT_PENDING);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_NO_REPLY);
     SystemCall_DbusInfo_Free(client);
     EXPECT_EQ(SystemCall_DbusInfo_Alloc(257), nullptr);
 }

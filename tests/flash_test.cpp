@@ -167,13 +167,15 @@ TEST_F(Flash, MmcSectorsEndAtTheirLimitAndShortTransfersAreCounts) {
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 1, UINT_MAX), -1);
     EXPECT_EQ(flash_mmc_read_sector("root", buffer, -1, 10), -1);
     EXPECT_EQ(flash_mmc_read_sector("none", buffer, 0, 10), -1);
+    EXPECT_EQ(flash_mmc_write_sector_partition("none", buffer, 0, 10), -1);
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 0, 10), -1);
     EXPECT_EQ(flash_mmc_write_sector_partition("root", buffer, 0, 10), 7);
     EXPECT_EQ(flash_mmc_read_sector("root", buffer, 0, 10), -1);
     EXPECT_EQ(flash_mmc_write_partition_by_offset("root", IMAGE, 0, 0), FLASH_BAD_LENGTH);
     EXPECT_EQ(reported(output.take()),
               " too much data!!! too much data!!! Reading from mmc failed"
-              " Could not open mmc device:none for read. write sector fail,ret = -1!!!"
+              " Could not open mmc device:none for read. Could not open mmc device:none for write. "
+              "write sector fail,ret = -1!!!"
               " Reading from mmc failed partition upgrade file size is zero!!!");
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <thread>
 
@@ -66,70 +67,60 @@ class Led : public testing::Test {
             std::this_thread::yield();
         }
     }
-    // Prints what became of the lines in so many ticks.
-    static void show_lines(int ticks) {
-        wait_for_ticks(ticks);
-        printf("opened: %s; %d writes; red %s, blue %s\n", Faults::opened(), Faults::calls("write"),
-               read_file(GPIO + "gpio34/value").c_str(), read_file(GPIO + "gpio35/value").c_str());
-    }
 
   private:
     int descriptors_ = open_descriptors();
 };
 
 TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
-    CapturedOutput output;
-    const Faults faults;
-    EXPECT_EQ(led.init(0), 0);
-    EXPECT_EQ(led.init(0), 1);
-    show_lines(5);
-    EXPECT_EQ(led.enable(LED_TYPE_RED, 0, 0), 0);
-    show_lines(3);
-    show_lines(20);
-    EXPECT_EQ(led.deinit(0), 0);
-    EXPECT_EQ(read_file(GPIO + "export"), "35");  // files, unlike the kernel's, keep the last one
-    EXPECT_EQ(read_file(GPIO + "gpio34/direction"), std::string("out\0", 4));
-
-    unlink((GPIO + "gpio34/value").c_str());
-    EXPECT_EQ(hal_gpio_set_dir(99, 1), -1);
-    EXPECT_EQ(led.init(0), 0);
-    wait_for_ticks(3);
-    write_file(GPIO + "gpio34/value", "");  // found at a later write
-    EXPECT_EQ(led.blink(LED_TYPE_RED, nullptr, 0), 1);
-    for (const LedBlinkCfg& config : {LedBlinkCfg{999}, {1000}, {5000}, {4000}, {10000}}) {
-        for (const uint32_t type : {LED_TYPE_RED, LED_TYPE_ROBUST}) {
-            EXPECT_EQ(led.blink(type, &config, 0), 0);
-            wait_for_ticks(3);
+    bool running = false;
+    expect_cases("led_requests.txt", [&running](std::istream& input) {
+        std::string operation, first;
+        int second = 0;
+        input >> operation;
+        const bool refused = operation.ends_with("!");  // the call of that name fails
+        const std::string call = operation.substr(0, operation.size() - 1);
+        const Faults faults({{refused ? call.c_str() : "none", -1, EIO}});
+        if (refused) {
+            input >> operation;
         }
-    }
-    for (const uint32_t type : {LED_TYPE_GREEN, LED_TYPE_BLUE, LED_TYPE_ROBUST, LED_TYPE_ALL}) {
-        EXPECT_EQ(led.enable(type, 1, 0), 0);
-        wait_for_ticks(3);
-    }
-    {
-        const Faults failing({{"write", -1, EIO}});
-        led.enable(LED_TYPE_ALL, 0, 0);
-        wait_for_ticks(3);
-    }
-    led.deinit(0);
-    EXPECT_FALSE(read_file(GPIO + "gpio34/value").empty());
-    unlink((GPIO + "export").c_str());
-    EXPECT_EQ(hal_gpio_export(7), -1);
-    EXPECT_EQ(set_blue_led(2), 0);  // neither on nor off: opened only
-    EXPECT_EQ(set_green_led(1), 0);
-    EXPECT_EQ(hal_gpio_set_dir(35, 0), 0);
+        input >> first >> second;
+        const int number = atoi(first.c_str());
+        const auto type = static_cast<uint32_t>(number);
+        const LedBlinkCfg config{static_cast<uint32_t>(second)};
+        const std::map<std::string, std::function<int()>> operations = {
+            {"init", [] { return led.init(0); }},
+            {"deinit", [] { return led.deinit(0); }},
+            {"reserved", [] { return led.reserved2(0, 0, 0) + led.reserved5(0, 0, 0, 0); }},
+            {"enable", [&] { return led.enable(type, second, 0); }},
+            {"blink", [&] { return led.blink(type, second < 0 ? nullptr : &config, 0); }},
+            {"green", [&] { return set_green_led(number); }},
+            {"blue", [&] { return set_blue_led(number); }},
+            {"export", [&] { return hal_gpio_export(number); }},
+            {"direction", [&] { return hal_gpio_set_dir(number, static_cast<uint8_t>(second)); }},
+            {"create", [&] { return write_file(GPIO + first, ""), 0; }},
+            {"remove", [&] { return unlink((GPIO + first).c_str()); }},
+            {"wait", [&] { return wait_for_ticks(number), 0; }}};
+        CapturedOutput output;
+        const int result = operations.at(operation)();
+        running = (operation == "init" && result == 0) || (running && operation != "deinit");
+        wait_for_ticks(running ? 3 : 0);
+        std::string text = std::to_string(result);
+        for (const std::string& line : lines_of(without_source_lines(output.take()))) {
+            const bool counts = !line.empty() && line.find("process thread") == std::string::npos;
+            text += counts ? " / " + line : "";  // a thread begins and ends when it likes
+        }
+        if (operation == "enable" || operation == "wait") {
+            const std::string red = read_file(GPIO + "gpio34/value");
+            const std::string blue = read_file(GPIO + "gpio35/value");
+            text += " / " + std::string(Faults::opened()) + std::to_string(Faults::calls("write")) +
+                    " writes, last " +
+                    (red.empty() ? "none" : red.substr(red.size() - 1) + blue.back());
+        }
+        return text;
+    });
+    EXPECT_EQ(read_file(GPIO + "gpio34/direction"), std::string("out\0", 4));
     EXPECT_EQ(read_file(GPIO + "gpio35/direction"), std::string("in\0\0", 4));
-    {
-        const Faults noThread({{"pthread_create", 1, EAGAIN}});
-        EXPECT_EQ(led.init(0), 1);
-    }
-    EXPECT_EQ(led.reserved2(0, 0, 0) + led.reserved5(0, 0, 0, 0), 0);
-    std::string lines;
-    for (const std::string& line : lines_of(without_source_lines(output.take()))) {
-        const bool counts = !line.empty() && line.find("process thread") == std::string::npos;
-        lines += counts ? line + "\n" : "";  // a thread begins and ends when it likes
-    }
-    EXPECT_EQ(lines, read_file(TEXTS "consoles/led.txt"));
 }
 
 TEST_F(Led, FailingWaitsDoNotSpin) {

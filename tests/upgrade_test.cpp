@@ -153,6 +153,11 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_MTD), 17U);
     EXPECT_EQ(OTA_GetHalStorageType(7), 0U);
     EXPECT_EQ(OTA_CheckNeedUpgrade(nullptr, nullptr), OTA_FAILED);
+    const OtaMessage nothing = Camera::request(1, {});
+    uint64_t offset = 0;
+    EXPECT_EQ(
+        get_partition_info_by_msg(OTA_LumoFindModuleByMoudleType(3), &nothing, &offset, &offset),
+        OTA_FAILED);
     EXPECT_EQ(get_partition_info_by_msg(nullptr, nullptr, nullptr, nullptr), OTA_FAILED);
 }
 

@@ -28,7 +28,7 @@ constexpr size_t MOST_FAULTS = 8;
 constexpr char PARTITIONS[] = "/dev/block/by-name/";
 
 struct Counter {
-    const char* call;
+    char call[24];
     int calls;
 };
 
@@ -39,10 +39,10 @@ char g_opened[4096];
 
 Counter& counter_of(const char* call) {
     Counter* counter = g_counters;
-    while (counter->call != nullptr && strcmp(counter->call, call) != 0) {
+    while (counter->call[0] != '\0' && strcmp(counter->call, call) != 0) {
         ++counter;
     }
-    counter->call = call;
+    snprintf(counter->call, sizeof(counter->call), "%s", call);
     return *counter;
 }
 
