@@ -42,8 +42,10 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
             if (line.find("UPGRADE_LUMO_RECV_MSG") != std::string::npos) {
                 break;  // what belongs to the request
             }
-            const bool waits = line.find("ota wait for ota message") != std::string::npos;
-            said = waits ? "" : said + (said.empty() ? "" : " / ") + line;
+            said.append(said.empty() ? "" : " / ").append(line);
+            if (line.find("ota wait for ota message") != std::string::npos) {
+                said.clear();
+            }
         }
         said = std::regex_replace(said, std::regex("pid=" + pid), "PID");
         return (Camera::queue() >= 0 ? "ended: " : "took its request: ") +

@@ -120,7 +120,9 @@ class Upgrade : public testing::Test {
             for (const auto& [file, bytes] : files) {
                 const size_t at =
                     size == 0 ? std::string::npos : bytes.find(content.substr(0, size));
-                source = at == std::string::npos ? source : file + "+" + std::to_string(at);
+                if (at != std::string::npos) {
+                    source = std::string(file).append("+").append(std::to_string(at));
+                }
             }
             if (content != std::string(Camera::PARTITION_SIZE, 'o')) {
                 text << " " << part << "=" << source << ":" << size;
