@@ -84,7 +84,7 @@ TEST_F(Hostile, StaleAndPlantedNamesCostThePublicationAtMost) {
         remove(OTA_DATA_PATH);
         ASSERT_EQ(plant(), 0);
         SetUp();
-        const bool published = upgrade([] {}).find("KT_mmcBindUrl error") == std::string::npos;
+        const bool published = !contains(upgrade([] {}), "KT_mmcBindUrl error");
         EXPECT_EQ(published, &plant == plants);
         EXPECT_EQ(read_file("/tmp/victim"), "precious");
         EXPECT_FALSE(Camera::has("/tmp/gone"));

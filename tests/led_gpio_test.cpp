@@ -107,7 +107,7 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
         wait_for_ticks(running ? 3 : 0);
         std::string text = std::to_string(result);
         for (const std::string& line : lines_of(without_source_lines(output.take()))) {
-            const bool counts = !line.empty() && line.find("process thread") == std::string::npos;
+            const bool counts = !line.empty() && !contains(line, "process thread");
             text += counts ? " / " + line : "";  // a thread begins and ends when it likes
         }
         if (operation == "enable" || operation == "wait") {

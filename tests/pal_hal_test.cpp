@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -13,12 +14,15 @@
 
 #include "faults.h"
 #include "files.h"
-#include "nor_chip.h"
+#include "hal/axera_ota.h"
+#include "hal/flash_mmc.h"
+#include "hal/flash_mtd.h"
+#include "hal/nv.h"
+#include "mtd_table.h"
 #include "nv_factory_cache.h"
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"
 #include "pal_common/error_log.h"
-#include "registry.h"
 
 namespace {
 
@@ -36,73 +40,34 @@ TEST(Reporters, CutAtTheirLimits) {
                                  "\nhal error f,7,TAG 3 4 " + text.substr(0, 1020) + "\n");
 }
 
-TEST(Pal, UpgradesAreCheckedBeforeAnythingIsWritten) {
-    write_file("/tmp/image", "new");
-    expect_cases("upgrade_arguments.txt", [](std::istream& input) {
-        uint32_t module = 0;
-        uint32_t storage = 0;
-        std::string part, image;
-        input >> module >> part >> image >> storage;
-        const char* const name = part == "null" ? nullptr : part.c_str();
-        const char* const path = image == "null" ? nullptr : image.c_str();
-        write_file(BY_NAME + "kernel", "old");
-        CapturedOutput output;
-        std::ostringstream text;
-        text << PAL_OTA_UpgradeByOffset(module, name, path, 0, 3, storage) << " "
-             << PAL_OTA_Upgrade(module, name, path, storage) << " "
-             << read_file(BY_NAME + "kernel");
-        for (const std::string& line : lines_of(output.take())) {
-            const size_t error = line.find(" 4 ");
-            text << (error == std::string::npos ? "" : ", " + line.substr(error + 3));
-        }
-        return text.str();
-    });
-}
-
-TEST(Pal, PartitionsOfBothStoragesAreOpenedForReadingOnly) {
-    NorChip chip{"/dev/mtd/1", 4096};
-    chip.install("mtd1: 00001000 00001000 \"part\"\n");
-    write_file(BY_NAME + "part", "x");
-    int32_t fd = -7;
-    for (const auto& [storage, missing] : {std::pair(STORAGE_TYPE_MMC, 7), {STORAGE_TYPE_MTD, 9}}) {
-        EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, storage, &fd), 0);
-        EXPECT_EQ(pwrite(fd, "y", 1, 0), -1);
-        EXPECT_EQ(close(fd), 0);
-        EXPECT_EQ(PAL_OTA_OpenPartition("none", 0, storage, &fd), missing);
-        EXPECT_EQ(fd, -1);
-        CapturedOutput output;
-        EXPECT_EQ(PAL_OTA_OpenPartition("part", O_RDWR, storage, &fd), 2);
-        EXPECT_TRUE(output.take().ends_with("PAL_OTA 10 4 Param invalid\n"));
-        EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, storage, nullptr), 2);
-    }
-    EXPECT_EQ(PAL_OTA_OpenPartition("part", 0, 5, &fd), 4);
-}
-
-// What the layer above never asks for.
-TEST(Ota, ModuleGuardsItsOwnOperations) {
+// What no request and no operation of hal_tool can ask for.
+TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     write_file(BY_NAME + "kernel", "old");
-    NorChip chip{"/dev/mtd/1", 4096};
-    chip.install("mtd1: 00001000 00001000 \"kernel\"\n");
-    const HalOtaInterface& ota = *HAL_OTA_GetInterface(0);
-    const struct {
-        const char* part;
-        uint32_t storage;
-        int erased, opened, whole, range;
-    } cases[] = {{nullptr, STORAGE_TYPE_MMC, 2, 2, 2, 2},
-                 {"kernel", STORAGE_TYPE_MMC, 0, 0, -1, 12},
-                 {"kernel", STORAGE_TYPE_MTD, 0, 0, -1, 12},
-                 {"kernel", 5, 4, 4, 4, 4}};
-    for (const auto& c : cases) {
-        int32_t fd = -1;
-        EXPECT_EQ(ota.erasePartition(c.part, c.storage), c.erased);
-        EXPECT_EQ(ota.openPartition(c.part, 0, c.storage, &fd), c.opened);
-        EXPECT_EQ(ota.upgrade(MODULE_TYPE_KERNEL, c.part, "/none", c.storage), c.whole);
-        EXPECT_EQ(ota.upgradeByOffset(MODULE_TYPE_KERNEL, c.part, "/none", 0, 1, c.storage),
-                  c.range);
-        close(fd);
-    }
-    EXPECT_EQ(read_file(BY_NAME + "kernel"), std::string(3, '\0'));
-    EXPECT_EQ(HAL_NV_GetInterface(0)->init() + HAL_NV_GetInterface(0)->deinit(), 0);
+    int32_t fd = -7;
+    EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, &fd), 0);
+    EXPECT_EQ(pwrite(fd, "y", 1, 0), -1);
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(PAL_OTA_OpenPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
+    EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, nullptr), 2);
+    EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, nullptr, "/none", STORAGE_TYPE_MMC), 2);
+    EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, "kernel", nullptr, STORAGE_TYPE_MMC), 2);
+    EXPECT_EQ(PAL_OTA_UpgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC), 2);
+    const HalOtaInterface& ota = AXERA_OTA_INTERFACE;
+    EXPECT_EQ(ota.upgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC), 2);
+    EXPECT_EQ(ota.openPartition(nullptr, 0, STORAGE_TYPE_MMC, &fd), 2);
+    EXPECT_EQ(ota.erasePartition(nullptr, STORAGE_TYPE_MMC), 2);
+    EXPECT_EQ(read_file(BY_NAME + "kernel"), "old");
+    EXPECT_EQ(NV_INTERFACE.init() + NV_INTERFACE.deinit(), 0);
+    EXPECT_EQ(flash_mmc_write_sector_partition("kernel", "", 1, UINT_MAX), -1);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, nullptr, 0, 1), FLASH_OK);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, "", 0, 1), FLASH_NO_DEVICE);
+    write_file("/tmp/proc_mtd", "mtd7: 1 1 \"root\"");
+    write_file("/dev/mtd7", "");
+    devices.ioctl = [](int, unsigned long, void*) { return 0; };
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset("root", nullptr, 0, 1), FLASH_OK);
+    devices = {};
+    EXPECT_EQ(parse_mtd_table_line("mtd99999999999999999999: \"a\"")->number, 0);
+    EXPECT_EQ(parse_mtd_table_line(": d5 \"a\"b\"")->number, 0);
 }
 
 TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {

@@ -39,11 +39,11 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         EXPECT_EQ(FakeDaemon::take_commands().back(), "reboot");
         std::string said;
         for (const std::string& line : outcome.lines) {
-            if (line.find("UPGRADE_LUMO_RECV_MSG") != std::string::npos) {
+            if (contains(line, "UPGRADE_LUMO_RECV_MSG")) {
                 break;  // what belongs to the request
             }
             said.append(said.empty() ? "" : " / ").append(line);
-            if (line.find("ota wait for ota message") != std::string::npos) {
+            if (contains(line, "ota wait for ota message")) {
                 said.clear();
             }
         }
@@ -59,7 +59,7 @@ TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     const Outcome outcome = camera.run(Camera::request(0, {3}), {{"send", 3, CRASH}});
     EXPECT_TRUE(outcome.ended);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    EXPECT_NE(outcome.text.find("sig_handler, arg = 6"), std::string::npos);
+    EXPECT_TRUE(contains(outcome.text, "sig_handler, arg = 6"));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const Lines commands = FakeDaemon::take_commands();
     ASSERT_EQ(commands.size(), 3U);
@@ -74,8 +74,8 @@ TEST_F(Signal, WithoutADaemonTheServiceStillWaitsForItsRequest) {
     camera.post(Camera::request(0, {99}));
     const Outcome outcome = camera.finish();
     EXPECT_TRUE(outcome.ended);
-    EXPECT_NE(outcome.text.find("Please run system_call_daemon first"), std::string::npos);
-    EXPECT_NE(outcome.text.find("please run system_call_init first"), std::string::npos);
+    EXPECT_TRUE(contains(outcome.text, "Please run system_call_daemon first"));
+    EXPECT_TRUE(contains(outcome.text, "please run system_call_init first"));
     EXPECT_LT(Camera::queue(), 0);
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "camera.h"
@@ -19,6 +20,8 @@ namespace {
 constexpr uint32_t KERNEL = 3;
 constexpr uint32_t ROOTFS = 4;
 constexpr int MANY = 100000;
+
+const int ONLY = getenv("CORVO_ONLY") == nullptr ? 0 : atoi(getenv("CORVO_ONLY"));
 
 // Under a sanitizer a run takes several times as long: every fourth place, unless CORVO_FULL is
 // set.
@@ -89,11 +92,6 @@ class World {
     OtaMessage message_;
 };
 
-int only() {
-    const char* const text = getenv("CORVO_ONLY");
-    return text == nullptr ? 0 : static_cast<int>(strtol(text, nullptr, 10));
-}
-
 // The record's other keys hold their old values, as far as the file goes: one that is short was cut
 // while it was rewritten.
 void expect_other_keys_kept(const std::string& record) {
@@ -113,14 +111,14 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
     const bool torn = name.ends_with("Torn");
     const std::string mode = name.substr(0, name.size() - strlen(torn ? "Torn" : "Cut"));
     bool complete = false;
-    for (int place = std::max(1, only()); !complete && place < MANY; place += STRIDE) {
+    for (int place = std::max(1, ONLY); !complete && place < MANY; place += STRIDE) {
         SCOPED_TRACE(name + " " + std::to_string(place));
         World world(mode);
         const Outcome outcome =
             world.run({torn ? Fault{"write", place, TEAR} : Fault{"change", place, CUT}});
-        complete = outcome.ended || only() != 0;
-        const bool resultStored = outcome.text.find("ota hal init end") != std::string::npos;
-        const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
+        complete = outcome.ended || ONLY != 0;
+        const bool resultStored = contains(outcome.text, "ota hal init end");
+        const bool verdict = contains(outcome.text, SUCCESS);
         const std::string record = read_file(OTA_DATA_PATH);
         expect_other_keys_kept(record);
         if (resultStored && !verdict) {
@@ -131,7 +129,7 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
         EXPECT_TRUE(!verdict || World::written());
         EXPECT_TRUE(World::others_untouched());
         if (!verdict) {
-            EXPECT_NE(world.run().text.find(SUCCESS), std::string::npos) << "on the next run";
+            EXPECT_TRUE(contains(world.run().text, SUCCESS)) << "on the next run";
             EXPECT_TRUE(World::written());
             const std::string after = read_file(OTA_DATA_PATH);
             ASSERT_EQ(after.size(), OTA_DATA_KEY_COUNT);
@@ -168,59 +166,42 @@ TEST(Descriptors, DoNotGrowWithTheWork) {
     EXPECT_EQ(reported(1), withoutModules);
 }
 
-struct Disturbance {
-    std::string call, effect;  // the errno's name; or how many bytes are moved
-    std::string howOften;      // "once" or "onwards"
-    std::string daemon;        // "deaf": it cannot be asked for the reboot while this lasts
-    std::string mode;
-};
-
-void PrintTo(const Disturbance& d, std::ostream* stream) {
-    *stream << d.call << " " << d.effect << " " << d.howOften << ", " << d.mode;
-}
-
-std::vector<Disturbance> disturbances() {
-    std::vector<Disturbance> all;
-    for (const std::string& line : lines_of(read_file(TEXTS "cases/disturbances.txt"))) {
-        Disturbance d;
-        if (!line.starts_with('#') &&
-            std::istringstream(line) >> d.call >> d.effect >> d.howOften >> d.mode >> d.daemon) {
-            all.push_back(d);
-        }
-    }
+std::vector<std::string> disturbances() {
+    std::vector<std::string> all = lines_of(read_file(TEXTS "cases/disturbances.txt"));
+    std::erase_if(all, [](const std::string& line) { return line.starts_with('#'); });
     return all;
 }
 
-class Disturbed : public testing::TestWithParam<Disturbance> {};
+class Disturbed : public testing::TestWithParam<std::string> {};
 
 TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
-    const Disturbance d = GetParam();
-    World(d.mode).run();
+    std::string call, effect, howOften, mode, daemon;
+    std::istringstream(GetParam()) >> call >> effect >> howOften >> mode >> daemon;
+    World(mode).run();
     const int descriptors = reported(1);
     bool struck = true;
-    for (int place = std::max(1, only()); struck && place < MANY; place += STRIDE) {
-        SCOPED_TRACE(d.call + " " + std::to_string(place));
-        World world(d.mode);
-        const Fault fault = {.call = d.call.c_str(),
-                             .ordinal = d.howOften == "once" ? place : -place,
-                             .effect = error_number(d.effect),
-                             .count = static_cast<size_t>(atoi(d.effect.c_str()))};
+    for (int place = std::max(1, ONLY); struck && place < MANY; place += STRIDE) {
+        SCOPED_TRACE(call + " " + std::to_string(place));
+        World world(mode);
+        const Fault fault = {.call = call.c_str(),
+                             .ordinal = howOften == "once" ? place : -place,
+                             .effect = error_number(effect),
+                             .count = static_cast<size_t>(atoi(effect.c_str()))};
         const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
         EXPECT_TRUE(outcome.ended);
-        struck = reported(0) >= place && only() == 0;
-        const bool verdict = outcome.text.find(SUCCESS) != std::string::npos;
+        struck = reported(0) >= place && ONLY == 0;
+        const bool verdict = contains(outcome.text, SUCCESS);
         EXPECT_TRUE(!verdict || World::written()) << "success, but not written";
         EXPECT_TRUE(World::others_untouched());
         EXPECT_LE(reported(1), descriptors) << "descriptors left open";
-        const bool client =
-            outcome.text.find("please run system_call_init first") == std::string::npos;
-        EXPECT_TRUE(!client || d.daemon == "deaf" || World::asked("reboot", 3000));
+        const bool client = !contains(outcome.text, "please run system_call_init first");
+        EXPECT_TRUE(!client || daemon == "deaf" || World::asked("reboot", 3000));
         ASSERT_FALSE(testing::Test::HasFailure()) << outcome.text;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, Disturbed, testing::ValuesIn(disturbances()), [](const auto& d) {
-    return d.param.call + d.param.effect + d.param.howOften;
+INSTANTIATE_TEST_SUITE_P(Calls, Disturbed, testing::ValuesIn(disturbances()), [](const auto& row) {
+    return std::regex_replace(row.param, std::regex(" +"), "");
 });
 
 }  // namespace

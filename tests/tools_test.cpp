@@ -22,11 +22,9 @@ namespace {
 
 // A shell command's exit status and the lines that it prints, with " / " before each.
 std::string run(const std::string& command) {
-    FILE* stream =
-        popen(("exec 2>&1; otactl() { " OTACTL " \"$@\"; }; hal_tool() { " HAL_TOOL " \"$@\"; }; " +
-               command)
-                  .c_str(),
-              "re");
+    FILE* stream = popen(
+        ("exec 2>&1; PATH=" PROGRAMS ":$PATH; . " TEXTS "support/session.sh; " + command).c_str(),
+        "re");
     std::string output(1 << 16, '\0');
     output.resize(fread(output.data(), 1, output.size(), stream));
     std::string text = std::to_string(WEXITSTATUS(pclose(stream)));
@@ -36,11 +34,11 @@ std::string run(const std::string& command) {
     return text;
 }
 
-// The same for what is typed in a folder. Of what the parser of arguments says only the hint is
+// The same for what is typed behind that. Of what the parser of arguments says only the hint is
 // ours.
-std::string session(const std::string& folder, std::istream& typed) {
+std::string session(const std::string& before, std::istream& typed) {
     const std::string command(std::istreambuf_iterator<char>(typed), {});
-    return std::regex_replace(without_source_lines(run("cd " + folder + "; " + command)),
+    return std::regex_replace(without_source_lines(run(before + command)),
                               std::regex("(otactl|hal_tool): .*(?=.see --help)"), "");
 }
 
@@ -131,14 +129,28 @@ class Otactl : public testing::Test {
 
 TEST_F(Otactl, SessionAtTheShell) {
     expect_cases("otactl.txt", [this](std::istream& input) {
-        const std::string said = session("/run", input);
+        const std::string said = session("cd /run; ", input);
         return said + posted(IPC_NOWAIT);
     });
 }
 
 TEST(HalTool, SessionAtTheShell) {
     expect_cases("hal_tool.txt",
-                 [](std::istream& input) { return session("/dev/block/by-name", input); });
+                 [](std::istream& input) { return session("cd /dev/block/by-name; ", input); });
+}
+
+TEST(HalTool, WritesToEitherStorageEndAsTheyDeserve) {
+    expect_cases("flash.txt", [](std::istream& input) { return session("flash ", input); });
+    expect_cases("upgrade_arguments.txt",
+                 [](std::istream& input) { return session("upgrade_arguments ", input); });
+}
+
+TEST(HalTool, ErasesABlockDevice) {
+    if (run("losetup --find")[0] != '0') {
+        GTEST_SKIP() << "no loop devices here: the request to zero a block device is not tested";
+    }
+    expect_cases("block_device.txt",
+                 [](std::istream& input) { return session("cd /dev/block/by-name; ", input); });
 }
 
 TEST_F(Otactl, FollowsToTheVerdict) {
@@ -159,7 +171,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
         }
         const std::string followed = follower.get();
         EXPECT_EQ(status, followed[0]) << followed;
-        EXPECT_NE(std::string::npos, followed.find("  kernel: writing / ")) << followed;
+        EXPECT_TRUE(contains(followed, "  kernel: writing / ")) << followed;
     }
     auto follower = std::async(std::launch::async, run, send);
     posted(0);

@@ -9,14 +9,15 @@ endif()
 find_program(QEMU_ARM qemu-arm-static REQUIRED)
 set(emulator_folder ${CMAKE_CURRENT_BINARY_DIR}/emulator)
 
-# emulated_script(TARGET SCRIPT): writes it for a target and puts its path into SCRIPT.
+# emulated_script(TARGET SCRIPT): writes it for a target, in a folder of its own under the program's
+# name, and puts its path into SCRIPT.
 function(emulated_script target script)
-  set(path ${emulator_folder}/start_${target})
   file(MAKE_DIRECTORY ${emulator_folder}/${target})
   get_target_property(name ${target} OUTPUT_NAME)
   if(NOT name)
     set(name ${target})
   endif()
+  set(path ${emulator_folder}/${target}/start/${name})
   file(CREATE_LINK ${QEMU_ARM} ${emulator_folder}/${target}/${name} SYMBOLIC)
   file(GENERATE OUTPUT ${path}
        CONTENT "#!/bin/sh
@@ -33,8 +34,10 @@ set_target_properties(test_camera PROPERTIES COMPILE_DEFINITIONS
   "SERVICE_PROGRAM=\"${service}\";SERVICE_WITH_FAULTS=\"${service_with_faults}\"")
 if(TARGET tools_test)
   emulated_script(otactl otactl_script)
-  emulated_script(hal_tool hal_tool_script)
+  emulated_script(hal_tool_with_faults hal_tool_script)
   emulated_script(system_call_daemon daemon_script)
+  cmake_path(GET otactl_script PARENT_PATH otactl_folder)
+  cmake_path(GET hal_tool_script PARENT_PATH hal_tool_folder)
   set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
-    "OTACTL=\"${otactl_script}\";HAL_TOOL=\"${hal_tool_script}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
+    "PROGRAMS=\"${hal_tool_folder}:${otactl_folder}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
 endif()

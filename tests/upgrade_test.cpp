@@ -168,22 +168,21 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
     memset(unterminated.packageDir, '/', sizeof(unterminated.packageDir));
     memset(unterminated.packageFile, 'x', sizeof(unterminated.packageFile));
     const std::string folder(64, '/');
-    EXPECT_NE(camera.run(unterminated).text.find("ota file " + folder + "kernel.bin no exist\n"),
-              std::string::npos);
+    EXPECT_TRUE(
+        contains(camera.run(unterminated).text, "ota file " + folder + "kernel.bin no exist\n"));
     unterminated.packageType = 1;
     unterminated.moduleInfo[0].size = 1;
     const std::string path = folder + std::string(63, 'x');
-    EXPECT_NE(camera.run(unterminated).text.find("failed to open " + path + ".\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(camera.run(unterminated).text, "failed to open " + path + ".\n"));
 
     camera.start();
     camera.post(Camera::request(0, {KERNEL}), 0);  // no request at all
     camera.post(Camera::request(0, {99}));
-    EXPECT_NE(camera.finish().text.find("moduleType 99 no find"), std::string::npos);
+    EXPECT_TRUE(contains(camera.finish().text, "moduleType 99 no find"));
 
     camera.start();
     camera.post(Camera::request(0, {KERNEL}), 68);  // ends before moduleCount, which reads as 0
-    EXPECT_NE(camera.finish().text.find("UPGRADE_LUMO_UGRADE_SUCCESS"), std::string::npos);
+    EXPECT_TRUE(contains(camera.finish().text, "UPGRADE_LUMO_UGRADE_SUCCESS"));
 }
 
 TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
@@ -193,7 +192,7 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     const LogSubscriber subscriber;
     camera.start({}, true);
     std::string published;
-    while (published.find("Restart the system") == std::string::npos) {
+    while (!contains(published, "Restart the system")) {
         const std::string record = subscriber.next(15000);  // its pauses are 8 s
         ASSERT_GT(record.size(), 34U) << "the log ended early";
         published += record.substr(34, record.size() - 35);
@@ -202,15 +201,14 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     EXPECT_TRUE(outcome.ended);
     std::string logged;
     for (const std::string& line : lines_of(outcome.text)) {
-        if (line.find(";0d73700") != std::string::npos &&
-            line.find("vn_init") == std::string::npos &&
-            line.find("version") == std::string::npos) {
+        if (contains(line, ";0d73700") && !contains(line, "vn_init") &&
+            !contains(line, "version")) {
             logged += line + "\n";
         }
     }
     EXPECT_EQ(published, logged.substr(logged.size() - published.size()));
-    EXPECT_NE(published.find("UPGRADE_LUMO_UGRADE_SUCCESS"), std::string::npos);
-    EXPECT_EQ(outcome.text.find("moduleType 99"), std::string::npos);
+    EXPECT_TRUE(contains(published, "UPGRADE_LUMO_UGRADE_SUCCESS"));
+    EXPECT_FALSE(contains(outcome.text, "moduleType 99"));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -22,9 +23,6 @@ namespace {
 
 constexpr const char* PARTITIONS[] = {"spl",    "uboot",       "dtb",        "kernel", "rootfs",
                                       "system", "ota_package", "nv_factory", "misc"};
-
-constexpr const char* PACKAGE_FILES[] = {"spl.bin",    "uboot.bin",  "dtb.bin", "kernel.bin",
-                                         "rootfs.img", "system.img", "ota.bin", "all.pkg"};
 
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
@@ -68,9 +66,7 @@ void Camera::clear() {
     }
     remove("/config/ota_data.dat");
     remove("/tmp/autoflash");
-    for (const char* file : PACKAGE_FILES) {
-        remove((PACKAGE_DIR + std::string(file)).c_str());
-    }
+    std::filesystem::remove_all(PACKAGE_DIR);
 }
 
 Camera::~Camera() {
@@ -142,15 +138,12 @@ void Camera::start(const std::vector<Fault>& faults, bool asDelivered) {
     }
 }
 
+std::string Camera::console() const {
+    return read_file("/proc/self/fd/" + std::to_string(output_.get()));
+}
+
 void Camera::wait_for(const std::string& text) {
-    ASSERT_TRUE(eventually(15000,
-                           [&] {
-                               std::string console(1 << 16, '\0');
-                               const ssize_t size =
-                                   pread(output_.get(), console.data(), console.size(), 0);
-                               return size > 0 && console.find(text) != std::string::npos;
-                           }))
-        << "not seen within 15 s: " << text;
+    ASSERT_TRUE(eventually(15000, [&] { return contains(console(), text); })) << text;
 }
 
 Outcome Camera::finish() {
@@ -164,7 +157,7 @@ Outcome Camera::finish() {
     }
     outcome.ended = ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     EXPECT_TRUE(outcome.ended || !WIFEXITED(status)) << "exit status " << WEXITSTATUS(status);
-    outcome.text = read_file("/proc/self/fd/" + std::to_string(output_.get()));
+    outcome.text = console();
     outcome.lines = comparable(outcome.text);
     return outcome;
 }

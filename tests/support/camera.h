@@ -67,6 +67,8 @@ class Camera {
     Outcome run(const OtaMessage& message, const std::vector<Fault>& faults = {});
 
   private:
+    [[nodiscard]] std::string console() const;  // what the service has printed
+
     pid_t pid_ = -1;
     corvo::UniqueFd output_;
 };

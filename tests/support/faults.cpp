@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/scoped_lock.h"
+
 Devices devices = {};
 
 extern "C" FILE* __real_fopen64(const char* path, const char* mode);
@@ -25,7 +27,6 @@ extern "C" FILE* __real_fopen64(const char* path, const char* mode);
 namespace {
 
 constexpr size_t MOST_FAULTS = 8;
-constexpr char PARTITIONS[] = "/dev/block/by-name/";
 
 struct Counter {
     char call[24];
@@ -49,7 +50,7 @@ Counter& counter_of(const char* call) {
 // Counts the call; returns the fault that it meets, with errno set.
 Fault next(const char* call, int amount = 1) {
     Fault met = {call, 0, NONE, 0};
-    pthread_mutex_lock(&g_mutex);
+    const corvo::ScopedLock lock(g_mutex);
     const int ordinal = counter_of(call).calls += amount;
     for (const Fault& fault : g_faults) {
         if (fault.call != nullptr && strcmp(fault.call, call) == 0 &&
@@ -57,7 +58,6 @@ Fault next(const char* call, int amount = 1) {
             met = fault;
         }
     }
-    pthread_mutex_unlock(&g_mutex);
     errno = met.effect > 0 ? met.effect : errno;
     return met;
 }
@@ -78,21 +78,26 @@ void change() {
 }
 
 const char* real_path(const char* path) {
-    pthread_mutex_lock(&g_mutex);
+    const corvo::ScopedLock lock(g_mutex);
     const size_t length = strlen(g_opened);
     snprintf(g_opened + length, sizeof(g_opened) - length, "%s ", path);
-    pthread_mutex_unlock(&g_mutex);
     return strcmp(path, "/proc/mtd") == 0 ? "/tmp/proc_mtd" : path;
 }
 
+// Whether these are image data for a partition; they must not be left in a cache.
 bool is_image(int fd, const char* data, size_t size) {
     char link[32];
     char path[64] = {};
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    readlink(link, path, sizeof(path) - 1);
     // Erasing writes zeros.
-    return readlink(link, path, sizeof(path) - 1) > 0 &&
-           strncmp(path, PARTITIONS, sizeof(PARTITIONS) - 1) == 0 &&
-           std::any_of(data, data + size, [](char c) { return c != 0; });
+    const bool image = (strstr(path, "/dev/block/") == path || strstr(path, "/dev/mtd") == path) &&
+                       std::any_of(data, data + size, [](char c) { return c != 0; });
+    if (image && (fcntl(fd, F_GETFL) & O_DSYNC) == 0) {
+        fputs("image data are not written synchronously\n", stderr);
+        abort();
+    }
+    return image;
 }
 
 __attribute__((constructor)) void read_faults() {
@@ -114,11 +119,9 @@ __attribute__((destructor)) void report() {
         return;
     }
     int descriptors = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) {
-        ++descriptors;
+    for (int fd = 0; fd < 1024; ++fd) {
+        descriptors += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
     }
-    closedir(directory);
     const int calls = g_faults[0].call == nullptr ? 0 : Faults::calls(g_faults[0].call);
     FILE* const file = __real_fopen64(FAULTS_REPORT, "w");
     fprintf(file, "%d %d", calls, descriptors);
@@ -128,31 +131,26 @@ __attribute__((destructor)) void report() {
 }  // namespace
 
 Faults::Faults(std::initializer_list<Fault> wanted) {
-    pthread_mutex_lock(&g_mutex);
+    const corvo::ScopedLock lock(g_mutex);
     std::copy(wanted.begin(), wanted.end(), g_faults);
     std::fill(std::begin(g_counters), std::end(g_counters), Counter{});
     g_opened[0] = '\0';
-    pthread_mutex_unlock(&g_mutex);
 }
 
 Faults::~Faults() {
-    pthread_mutex_lock(&g_mutex);
+    const corvo::ScopedLock lock(g_mutex);
     std::fill(std::begin(g_faults), std::end(g_faults), Fault{});
-    pthread_mutex_unlock(&g_mutex);
 }
 
 int Faults::calls(const char* call) {
-    pthread_mutex_lock(&g_mutex);
-    const int calls = counter_of(call).calls;
-    pthread_mutex_unlock(&g_mutex);
-    return calls;
+    const corvo::ScopedLock lock(g_mutex);
+    return counter_of(call).calls;
 }
 
 const char* Faults::opened() {
     static char copy[sizeof(g_opened)];
-    pthread_mutex_lock(&g_mutex);
+    const corvo::ScopedLock lock(g_mutex);
     memcpy(copy, g_opened, sizeof(copy));
-    pthread_mutex_unlock(&g_mutex);
     return copy;
 }
 
@@ -208,7 +206,7 @@ int __wrap_ioctl(int fd, unsigned long request, void* argument) {
     if (fails("ioctl")) {
         return -1;
     }
-    return devices.ioctl != nullptr ? devices.ioctl(devices.device, request, argument)
+    return devices.ioctl != nullptr ? devices.ioctl(fd, request, argument)
                                     : __real_ioctl(fd, request, argument);
 }
 
@@ -255,7 +253,7 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
         stored[moved - 1] = static_cast<char>(stored[moved - 1] ^ 1);
     }
     if (devices.write != nullptr) {
-        devices.write(devices.device, fd, stored, moved);
+        devices.write(fd, stored, moved);
     }
     return __real_write(fd, stored, moved);
 }

@@ -30,9 +30,8 @@ struct Fault {
 
 // What stands behind the calls, for a machine that lacks the device. "/proc/mtd" is a file in /tmp.
 struct Devices {
-    void* device;
-    void (*write)(void* device, int fd, char* data, size_t size);  // changes what is stored
-    int (*ioctl)(void* device, unsigned long request, void* argument);
+    void (*write)(int fd, char* data, size_t size) = nullptr;  // changes what is stored
+    int (*ioctl)(int fd, unsigned long request, void* argument) = nullptr;
     size_t (*send)(int fd, const void* data, size_t size) = nullptr;  // returns what is really sent
     unsigned hurry = 10;                                              // what usleep() is divided by
 };

@@ -1,15 +1,13 @@
 #include "files.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <regex>
@@ -25,9 +23,7 @@ std::string read_file(const std::string& path) {
 }
 
 void write_file(const std::string& path, const std::string& content) {
-    for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
-        mkdir(path.substr(0, at).c_str(), 0755);
-    }
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << content;
     file.close();
@@ -35,11 +31,8 @@ void write_file(const std::string& path, const std::string& content) {
 }
 
 std::string pattern_bytes(size_t size, unsigned seed) {
-    std::minstd_rand random(seed + 1);
     std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(random() >> 8);
-    }
+    std::ranges::generate(bytes, std::minstd_rand(seed + 1));
     return bytes;
 }
 
@@ -62,13 +55,8 @@ bool eventually(int patienceMs, const std::function<bool()>& condition) {
 }
 
 int open_descriptors() {
-    DIR* directory = opendir("/proc/self/fd");
-    int count = -1;  // the listing's own
-    while (readdir(directory) != nullptr) {
-        ++count;
-    }
-    closedir(directory);
-    return count - 2;  // "." and ".."
+    const std::filesystem::directory_iterator all("/proc/self/fd");  // the listing's own too
+    return static_cast<int>(std::distance(all, {})) - 1;
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -114,11 +102,5 @@ std::string CapturedOutput::take() {
     fflush(stdout);
     dup2(saved_.get(), STDOUT_FILENO);
     saved_.reset();
-    std::string text;
-    lseek(file_.get(), 0, SEEK_SET);
-    char buffer[65536];
-    for (ssize_t n = 0; (n = read(file_.get(), buffer, sizeof(buffer))) > 0;) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
+    return read_file("/proc/self/fd/" + std::to_string(file_.get()));
 }

@@ -26,6 +26,10 @@ bool eventually(int patienceMs, const std::function<bool()>& condition);
 // Descriptors that this process holds open.
 int open_descriptors();
 
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 // The text's lines, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);
 

@@ -1,5 +1,6 @@
 // hal_tool: calls one operation of the hardware modules, for whoever brings up a new board.
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,7 +13,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "command_line.h"
+#include "hal/axera_ota.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
 #include "hal/nv.h"
@@ -102,6 +105,22 @@ int led_blink(LedType type, uint32_t periodMs, uint32_t milliseconds) {
     return led_play(milliseconds, T31_LED_INTERFACE.blink, type, &config, 0);
 }
 
+// Prints what the partition holds, as the upgrade compares it with an image.
+int ota_read(const char* part, uint32_t storageType) {
+    int fd = -1;
+    const int32_t result = PAL_OTA_OpenPartition(part, 0, storageType, &fd);
+    const corvo::UniqueFd partition(fd);
+    char chunk[16384];
+    for (ssize_t n = 0; (n = read(fd, chunk, sizeof(chunk))) > 0;) {
+        fwrite(chunk, 1, static_cast<size_t>(n), stdout);
+    }
+    return result;
+}
+
+int ota_erase(const char* part, uint32_t storageType) {
+    return AXERA_OTA_INTERFACE.erasePartition(part, storageType);
+}
+
 struct Command {
     const char* name;
     const char* arguments;  // a word for each parameter
@@ -132,8 +151,10 @@ constexpr Command COMMANDS[] = {
     {"led-on", "COLOUR MS", call<led_enable<1>>},
     {"led-off", "COLOUR MS", call<led_enable<0>>},
     {"led-blink", "COLOUR PERIOD MS", call<led_blink>},
+    {"ota-erase", "PART STORAGE", call<ota_erase>},
     {"pal-nv-init", "", call<PAL_NV_Init>},
     {"pal-ota-init", "", call<PAL_OTA_Init>},
+    {"pal-ota-read", "PART STORAGE", call<ota_read>},
     {"pal-ota-upgrade", "TYPE PART IMAGE STORAGE", call<PAL_OTA_Upgrade>},
     {"pal-ota-upgrade-range", "TYPE PART IMAGE OFFSET SIZE STORAGE", call<PAL_OTA_UpgradeByOffset>},
 };

@@ -1,0 +1,65 @@
+// In hal_tool as tests run it: each file /dev/mtd* is a NOR chip behind the real calls, and a
+// descriptor that is left open is reported at the end.
+#include <errno.h>
+#include <mtd/mtd-user.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "faults.h"
+#include "files.h"
+
+namespace {
+
+std::string chip_of(int fd) {
+    const std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+    return path.starts_with("/dev/mtd") ? path : "";
+}
+
+// Only clears bits; a worn cell, if the environment names one, holds 0 for good.
+void program(int fd, char* data, size_t count) {
+    const std::string path = chip_of(fd);
+    const std::string cells = path.empty() ? "" : read_file(path);
+    const char* const worn = getenv("WORN_CELL");
+    // Not lseek(): that would count as the program's call.
+    const auto position = static_cast<size_t>(syscall(SYS_lseek, fd, 0, SEEK_CUR));
+    for (size_t i = 0; i < count && position + i < cells.size(); ++i) {
+        const bool holds = worn == nullptr || position + i != strtoul(worn, nullptr, 10);
+        data[i] = static_cast<char>(holds ? data[i] & cells[position + i] : 0);
+    }
+}
+
+int control(int fd, unsigned long request, void* argument) {
+    const std::string path = chip_of(fd);
+    if (path.empty()) {
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+    }
+    const auto size = static_cast<uint32_t>(std::filesystem::file_size(path));
+    const auto range = *static_cast<const erase_info_user*>(argument);
+    if (request == MEMGETINFO) {
+        static_cast<mtd_info_user*>(argument)->size = size;
+        return 0;
+    }
+    if (request == MEMERASE && range.start == 0 && range.length == size) {
+        write_file(path, std::string(size, '\xff'));  // all bits set
+        return 0;
+    }
+    errno = ENOTTY;  // of erases only that of the whole chip is granted
+    return -1;
+}
+
+const struct Chips {
+    Chips() { devices = {.write = program, .ioctl = control}; }
+    ~Chips() {
+        if (open_descriptors() != before) {
+            fprintf(stderr, "descriptors are left open\n");
+        }
+    }
+    int before = open_descriptors();
+} chips;
+
+}  // namespace
