@@ -1,4 +1,4 @@
-corvo_test(log_test SOURCES log_test.cpp LINK log PkgConfig::NANOMSG
+corvo_test(log_test SOURCES log_test.cpp LINK log otactl_parts PkgConfig::NANOMSG
            WRAP nn_socket nn_allocmsg nn_send)
 target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/log)
 
@@ -12,9 +12,9 @@ target_compile_definitions(test_camera PRIVATE
   SERVICE_WITH_FAULTS="$<TARGET_FILE:corvo_upgrade_with_faults>")
 add_dependencies(test_camera corvo_upgrade corvo_upgrade_with_faults)
 
-corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera ota PkgConfig::NANOMSG)
+corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera ota otactl_parts)
 
-corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera PkgConfig::NANOMSG)
+corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera otactl_parts)
 corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)
 corvo_test(sweep_test SOURCES sweep_test.cpp LINK test_camera TIMEOUT 600)
 

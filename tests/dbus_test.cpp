@@ -28,20 +28,20 @@ constexpr size_t WHOLE = sizeof(SystemCallDbusMsg);
 
 std::atomic<size_t> g_longest_send{100};  // what one send() moves at most
 
-// What the server sends before its right reply, when the command names it behind "7 ".
+// What the server sends before the right reply to a command.
 struct Misbehaviour {
-    const char* name;
+    const char* command;
     int times;
     size_t size;  // bytes of each
     void (*spoil)(SystemCallDbusMsg& reply);
 };
 const Misbehaviour MISBEHAVIOURS[] = {
-    {"wrong head", 1, WHOLE, [](SystemCallDbusMsg& m) { m.head = 0x12345678; }},
-    {"garbage", 1, 8, [](SystemCallDbusMsg& m) { memcpy(&m, "rubbish\xA5", 8); }},
-    {"flood", 2000, WHOLE, [](SystemCallDbusMsg& m) { m.id = ~m.id; }},
-    {"endless method", 1, WHOLE, [](SystemCallDbusMsg& m) { memset(m.method, 'm', 64); }},
-    {"right one twice", 1, WHOLE, [](SystemCallDbusMsg& m) { m.data[0] = '7'; }},
-    {"endless data", 1, WHOLE,
+    {"7 wrong head", 1, WHOLE, [](SystemCallDbusMsg& m) { m.head = 0x12345678; }},
+    {"7 garbage", 1, 8, [](SystemCallDbusMsg& m) { memcpy(&m, "rubbish\xA5", 8); }},
+    {"7 flood", 2000, WHOLE, [](SystemCallDbusMsg& m) { m.id = ~m.id; }},
+    {"7 endless method", 1, WHOLE, [](SystemCallDbusMsg& m) { memset(m.method, 'm', 64); }},
+    {"7 right one twice", 1, WHOLE, [](SystemCallDbusMsg& m) { m.data[0] = '7'; }},
+    {"2147483647 endless data", 1, WHOLE,
      [](SystemCallDbusMsg& m) { memset(m.data, '9', 1024), m.len = UINT32_MAX; }},
 };
 
@@ -54,9 +54,7 @@ size_t misbehave(int fd, const void* data, size_t size) {
             SystemCallDbusMsg spoilt = record;
             spoilt.data[0] = '9';
             misbehaviour.spoil(spoilt);
-            const int times =
-                command == std::string("7 ") + misbehaviour.name ? misbehaviour.times : 0;
-            for (int i = 0; i < times; ++i) {
+            for (int i = 0; i < misbehaviour.times && command == misbehaviour.command; ++i) {
                 __real_send(fd, &spoilt, misbehaviour.size, MSG_NOSIGNAL);
             }
         }
@@ -81,8 +79,7 @@ int32_t echo(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
 }
 
 // A client and its server, on short transfers; checks that nothing they opened stays.
-class Dbus : public testing::Test {
-  protected:
+struct Dbus : testing::Test {
     void SetUp() override {
         devices.send = misbehave;
         devices.hurry = 1;
@@ -100,8 +97,8 @@ class Dbus : public testing::Test {
 };
 
 TEST_F(Dbus, CallsYieldWhatTheHandlerWrote) {
-    const std::string announced =
-        "reboot is caused by pid=" + std::to_string(getpid()) + " (dbus_test)\033[0m\n";
+    const std::string announced = "reboot is caused by pid=" + std::to_string(getpid()) + " (" +
+                                  lines_of(read_file("/proc/self/comm"))[0] + ")\033[0m\n";
     expect_cases("calls.txt", [&announced](std::istream& input) {
         std::string command;
         std::getline(input, command);
@@ -167,16 +164,15 @@ TEST_F(Dbus, ServerWaitsForItsHandlersAndTheClientForANewServer) {
 }
 
 TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
-    for (const std::string name :
-         {"wrong head", "garbage", "flood", "endless method", "right one twice"}) {
-        EXPECT_EQ(system_call(("7 " + name).c_str(), 20000), 7) << name;
+    for (const Misbehaviour& misbehaviour : MISBEHAVIOURS) {
+        EXPECT_EQ(system_call(misbehaviour.command, 20000), atoi(misbehaviour.command));
     }
     for (const int cut : {0, 1, 3, 4, 7, 100, 212, 1235}) {
         EXPECT_EQ(system_call(("close at " + std::to_string(cut)).c_str(), 100), DBUS_CALL_FAILED);
         EXPECT_EQ(system_call("7", 20000), 7) << cut;
     }
     std::string buffer(1030, '#');
-    EXPECT_EQ(popen_call("7 endless data", buffer.data(), 5000, 20000), 14);
+    EXPECT_EQ(popen_call(MISBEHAVIOURS[5].command, buffer.data(), 5000, 20000), 23);
     EXPECT_EQ(buffer, std::string(1024, '9') + "######");
 }
 
@@ -276,15 +272,13 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     Dbus_Lock(client);
     EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
     Dbus_UnLock(client);
-    {
-        const Faults faults({{"send", 1, EPIPE}});
-        EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
-    }
+    const Faults faults({{"send", 1, EPIPE}});
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
     EXPECT_EQ(Dbus_UnLock(nullptr), DBUS_UNLOCK_NULL);
     // Nothing is pending, and nothing is handed over.
-    SystemCallDbusMsg none = {};
+    SystemCallDbusMsg none = {}, other = {};
     pthread_mutex_init(&client->lock, nullptr);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, nullptr), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, nullptr), DBUS_INVALID_ARGUMENT);
@@ -292,7 +286,6 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, nullptr), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, &none), DBUS_OK);
-    SystemCallDbusMsg other = {};
     other.id = 1;
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &other, 1), DBUS_NOT_PENDING);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &other, &none), DBUS_NOT_PENDING);

@@ -4,20 +4,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <thread>
 
 #include "camera.h"
 #include "files.h"
-#include "log_subscriber.h"
 #include "ota/ota_data.h"
+#include "otactl/log_stream.h"
 
 namespace {
 
 constexpr uint32_t KERNEL = 3;
+constexpr char LOG_ADDRESS[] = "ipc:///tmp/corvo_log_pub_ipc010";
+constexpr const char* LOG_SOCKET = LOG_ADDRESS + 6;
 
-class Hostile : public testing::Test {
-  protected:
+struct Hostile : testing::Test {
     void SetUp() override {
         camera.put_image("kernel.bin", image);
         camera.start();
@@ -32,7 +34,7 @@ class Hostile : public testing::Test {
         EXPECT_TRUE(outcome.ended);
         EXPECT_TRUE(Camera::partition("kernel").starts_with(image));
         EXPECT_EQ(read_file(OTA_DATA_PATH)[OTA_DATA_KEY_RESULT], OTA_RESULT_SUCCEEDED);
-        EXPECT_EQ(camera.daemon->take_commands().back(), "reboot");
+        EXPECT_EQ(Camera::take_commands().back(), "reboot");
         return outcome.text;
     }
 
@@ -63,10 +65,13 @@ TEST_F(Hostile, MessageTooLongForARequestIsNotTaken) {
 }
 
 TEST_F(Hostile, SubscribersThatComeGoAndNeverReadHoldNothingUp) {
-    const LogSubscriber deaf;
-    upgrade([] {
+    std::string error;
+    LogStream deaf;
+    EXPECT_TRUE(deaf.open(LOG_ADDRESS, error)) << error;
+    upgrade([&error] {
         for (int i = 0; i < 200; ++i) {
-            const LogSubscriber hasty;
+            LogStream hasty;
+            EXPECT_TRUE(hasty.open(LOG_ADDRESS, error)) << error;
         }
     });
 }
@@ -87,7 +92,7 @@ TEST_F(Hostile, StaleAndPlantedNamesCostThePublicationAtMost) {
         const bool published = !contains(upgrade([] {}), "KT_mmcBindUrl error");
         EXPECT_EQ(published, &plant == plants);
         EXPECT_EQ(read_file("/tmp/victim"), "precious");
-        EXPECT_FALSE(Camera::has("/tmp/gone"));
+        EXPECT_FALSE(std::filesystem::exists("/tmp/gone"));
     }
     remove(LOG_SOCKET);
     remove("/tmp/victim");

@@ -50,8 +50,7 @@ TEST(LedPattern, ActsTickByTick) {
     });
 }
 
-class Led : public testing::Test {
-  protected:
+struct Led : testing::Test {
     void SetUp() override {
         for (const char* file :
              {"export", "gpio34/direction", "gpio34/value", "gpio35/direction", "gpio35/value"}) {
@@ -60,7 +59,7 @@ class Led : public testing::Test {
     }
     void TearDown() override {
         led.deinit(0);
-        EXPECT_EQ(open_descriptors(), descriptors_);
+        EXPECT_EQ(open_descriptors(), descriptors);
     }
     static void wait_for_ticks(int count) {
         for (const int end = Faults::calls("select") + count; Faults::calls("select") < end;) {
@@ -68,8 +67,7 @@ class Led : public testing::Test {
         }
     }
 
-  private:
-    int descriptors_ = open_descriptors();
+    int descriptors = open_descriptors();
 };
 
 TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {

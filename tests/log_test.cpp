@@ -1,16 +1,14 @@
 // The log line's form and bounds, and the bytes that reach a subscriber.
 #include <gtest/gtest.h>
-#include <string.h>
 #include <time.h>
 
 #include <regex>
-#include <thread>
 
 #include "files.h"
 #include "kt_mmc.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
-#include "log_subscriber.h"
+#include "otactl/log_stream.h"
 
 static std::string refused;  // the call of nanomsg that fails
 
@@ -80,16 +78,18 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     // Several bits: the highest counts, 768 is module 10 as 512 is.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
-    const LogSubscriber subscriber(TOPIC);
-    EXPECT_TRUE(eventually(20000, [&] { return subscriber.is_connected(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    LogStream subscriber;
+    std::string record;
+    ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
+    ASSERT_TRUE(subscriber.wait_connected(20000));
     const std::string line = std::string(38, 'a') + '\n' + '\0';
     ASSERT_EQ(Corvo_LogProducerSend(3, line.data(), 40), LOG_PRODUCER_OK);
     const std::string second = printed(3, LOG_OUTPUT_CONSOLE, "second") + '\0';
-    EXPECT_EQ(subscriber.next(20000), TOPIC + std::string("|\3\0\0\0\x28\0\0\0", 9) + line);
-    EXPECT_EQ(subscriber.next(20000), TOPIC + std::string("|\3\0\0\0", 5) +
-                                          static_cast<char>(second.size()) + std::string(3, '\0') +
-                                          second);
+    subscriber.receive(record, 20000);
+    EXPECT_EQ(record, TOPIC + std::string("|\3\0\0\0\x28\0\0\0", 9) + line);
+    subscriber.receive(record, 20000);
+    EXPECT_EQ(record, TOPIC + std::string("|\3\0\0\0", 5) + static_cast<char>(second.size()) +
+                          std::string(3, '\0') + second);
     Corvo_LogProducerUnInit();
 }
 

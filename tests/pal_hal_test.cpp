@@ -47,7 +47,9 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, &fd), 0);
     EXPECT_EQ(pwrite(fd, "y", 1, 0), -1);
     EXPECT_EQ(close(fd), 0);
+    CapturedOutput output;
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
+    EXPECT_TRUE(output.take().ends_with("PAL_OTA 10 4 Param invalid\n"));
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, nullptr), 2);
     EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, nullptr, "/none", STORAGE_TYPE_MMC), 2);
     EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, "kernel", nullptr, STORAGE_TYPE_MMC), 2);

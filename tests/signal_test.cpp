@@ -11,10 +11,7 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-class Signal : public testing::Test {
-  protected:
+struct Signal : testing::Test {
     Camera camera;
 };
 
@@ -36,19 +33,16 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         }
         const Outcome outcome = camera.finish();
         EXPECT_TRUE(outcome.ended);
-        EXPECT_EQ(FakeDaemon::take_commands().back(), "reboot");
+        EXPECT_EQ(Camera::take_commands().back(), "reboot");
         std::string said;
         for (const std::string& line : outcome.lines) {
             if (contains(line, "UPGRADE_LUMO_RECV_MSG")) {
                 break;  // what belongs to the request
             }
-            said.append(said.empty() ? "" : " / ").append(line);
-            if (contains(line, "ota wait for ota message")) {
-                said.clear();
-            }
+            said = contains(line, "ota wait for ota message") ? "" : said + " / " + line;
         }
         said = std::regex_replace(said, std::regex("pid=" + pid), "PID");
-        return (Camera::queue() >= 0 ? "ended: " : "took its request: ") +
+        return (Camera::queue() >= 0 ? "ended" : "took its request") +
                std::regex_replace(said, std::regex("\033.[0-9]*m"), "");
     });
 }
@@ -61,7 +55,7 @@ TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_TRUE(contains(outcome.text, "sig_handler, arg = 6"));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const Lines commands = FakeDaemon::take_commands();
+    const std::vector<std::string> commands = Camera::take_commands();
     ASSERT_EQ(commands.size(), 3U);
     EXPECT_EQ(commands[2], "reboot");
 }
@@ -70,7 +64,7 @@ TEST_F(Signal, WithoutADaemonTheServiceStillWaitsForItsRequest) {
     camera.daemon.reset();
     camera.start();
     camera.wait_for("ota wait for ota message");
-    camera.daemon = std::make_unique<FakeDaemon>();
+    camera.daemon = Camera::fake_daemon();
     camera.post(Camera::request(0, {99}));
     const Outcome outcome = camera.finish();
     EXPECT_TRUE(outcome.ended);

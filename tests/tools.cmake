@@ -1,15 +1,13 @@
-if(TARGET otactl)
-  # The same program with faults and NOR chips behind its calls.
-  add_executable(hal_tool_with_faults ${PROJECT_SOURCE_DIR}/tools/hal_tool/main.cpp
-                                      support/nor_chip.cpp)
-  target_include_directories(hal_tool_with_faults PRIVATE ${PROJECT_SOURCE_DIR}/tools)
-  target_link_libraries(hal_tool_with_faults PRIVATE test_faults hal_tool_modules)
-  set_target_properties(hal_tool_with_faults PROPERTIES OUTPUT_NAME hal_tool
-                        RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
+# The same program with faults and NOR chips behind its calls.
+add_executable(hal_tool_with_faults ${PROJECT_SOURCE_DIR}/tools/hal_tool/main.cpp
+                                    support/nor_chip.cpp)
+target_include_directories(hal_tool_with_faults PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+target_link_libraries(hal_tool_with_faults PRIVATE test_faults hal_tool_modules)
+set_target_properties(hal_tool_with_faults PROPERTIES OUTPUT_NAME hal_tool
+                      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
-  corvo_test(tools_test SOURCES tools_test.cpp LINK otactl_parts dbus log TIMEOUT 300)
-  target_compile_definitions(
-    tools_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:hal_tool_with_faults>:$<TARGET_FILE_DIR:otactl>"
-                       SYSTEM_CALL_DAEMON="$<TARGET_FILE:system_call_daemon>")
-  add_dependencies(tools_test otactl hal_tool_with_faults system_call_daemon)
-endif()
+corvo_test(tools_test SOURCES tools_test.cpp LINK otactl_parts dbus log TIMEOUT 300)
+target_compile_definitions(
+  tools_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:hal_tool_with_faults>:$<TARGET_FILE_DIR:otactl>"
+                     SYSTEM_CALL_DAEMON="$<TARGET_FILE:system_call_daemon>")
+add_dependencies(tools_test otactl hal_tool_with_faults system_call_daemon)

@@ -34,16 +34,20 @@ std::string run(const std::string& command) {
     return text;
 }
 
-// The same for what is typed behind that. Of what the parser of arguments says only the hint is
-// ours.
-std::string session(const std::string& before, std::istream& typed) {
-    const std::string command(std::istreambuf_iterator<char>(typed), {});
-    return std::regex_replace(without_source_lines(run(before + command)),
-                              std::regex("(otactl|hal_tool): .*(?=.see --help)"), "");
+// Types the rows of cases/NAME behind `before`. Of what the parser of arguments says only the hint
+// is ours. `more` stands behind what a row says.
+void expect_session(
+    const char* name, const std::string& before,
+    const std::function<std::string()>& more = [] { return ""; }) {
+    expect_cases(name, [&before, &more](std::istream& typed) {
+        const std::string command(std::istreambuf_iterator<char>(typed), {});
+        const std::string said = without_source_lines(run(before + command));
+        return std::regex_replace(said, std::regex("(otactl|hal_tool): .*(?=.see --help)"), "") +
+               more();
+    });
 }
 
-class SystemCallDaemon : public testing::Test {
-  protected:
+struct SystemCallDaemon : testing::Test {
     void start(const char* limitMs) {
         pid_ = fork();
         if (pid_ == 0) {
@@ -103,8 +107,7 @@ TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
 }
 
 // The service's queue, without the service; the queue is gone afterwards.
-class Otactl : public testing::Test {
-  protected:
+struct Otactl : testing::Test {
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
     // The request that was posted, as text; "" when there is none.
     std::string posted(int flags) const {
@@ -128,29 +131,23 @@ class Otactl : public testing::Test {
 };
 
 TEST_F(Otactl, SessionAtTheShell) {
-    expect_cases("otactl.txt", [this](std::istream& input) {
-        const std::string said = session("cd /run; ", input);
-        return said + posted(IPC_NOWAIT);
-    });
+    expect_session("otactl.txt", "cd /run; ", [this] { return posted(IPC_NOWAIT); });
 }
 
 TEST(HalTool, SessionAtTheShell) {
-    expect_cases("hal_tool.txt",
-                 [](std::istream& input) { return session("cd /dev/block/by-name; ", input); });
+    expect_session("hal_tool.txt", "cd /dev/block/by-name; ");
 }
 
 TEST(HalTool, WritesToEitherStorageEndAsTheyDeserve) {
-    expect_cases("flash.txt", [](std::istream& input) { return session("flash ", input); });
-    expect_cases("upgrade_arguments.txt",
-                 [](std::istream& input) { return session("upgrade_arguments ", input); });
+    expect_session("flash.txt", "flash ");
+    expect_session("upgrade_arguments.txt", "upgrade_arguments ");
 }
 
 TEST(HalTool, ErasesABlockDevice) {
     if (run("losetup --find")[0] != '0') {
         GTEST_SKIP() << "no loop devices here: the request to zero a block device is not tested";
     }
-    expect_cases("block_device.txt",
-                 [](std::istream& input) { return session("cd /dev/block/by-name; ", input); });
+    expect_session("block_device.txt", "cd /dev/block/by-name; ");
 }
 
 TEST_F(Otactl, FollowsToTheVerdict) {

@@ -1,16 +1,17 @@
 // Whole upgrades by the real program: console, commands, record, partitions and files, exactly.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <string.h>
 
+#include <filesystem>
 #include <regex>
 #include <sstream>
 
 #include "camera.h"
 #include "files.h"
-#include "log_subscriber.h"
 #include "ota/ota_data.h"
 #include "ota/ota_package.h"
 #include "ota/ota_result.h"
+#include "otactl/log_stream.h"
 
 namespace {
 
@@ -62,8 +63,7 @@ void expect_lines(const Lines& actual, const Lines& expected) {
     }
 }
 
-class Upgrade : public testing::Test {
-  protected:
+struct Upgrade : testing::Test {
     // Runs what a line of cases/upgrades.txt says; returns the outcome as it stands there.
     std::string outcome_of(std::istream& input) {
         std::map<std::string, std::string> files;  // of the package
@@ -107,10 +107,11 @@ class Upgrade : public testing::Test {
         EXPECT_TRUE(outcome.ended && Camera::queue() < 0);
         const Lines expected = console(name, pid);
         expect_lines(outcome.lines, expected);
-        EXPECT_EQ(camera.daemon->take_commands(), commands_of(expected));
+        EXPECT_EQ(Camera::take_commands(), commands_of(expected));
 
         std::ostringstream text;
-        for (const char key : Camera::has(OTA_DATA_PATH) ? read_file(OTA_DATA_PATH) : "") {
+        for (const char key :
+             std::filesystem::exists(OTA_DATA_PATH) ? read_file(OTA_DATA_PATH) : "") {
             text << " " << static_cast<int>(key);
         }
         for (const std::string part : {"spl", "uboot", "dtb", "kernel", "rootfs", "system"}) {
@@ -129,7 +130,7 @@ class Upgrade : public testing::Test {
             }
         }
         for (const auto& [file, bytes] : files) {
-            text << (Camera::has(PACKAGES + file) ? " " + file : "");
+            text << (std::filesystem::exists(PACKAGES + file) ? " " + file : "");
         }
         return text.str().substr(1);
     }
@@ -151,7 +152,6 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     EXPECT_EQ(
         modules,
         "12 1 2 3 4 5 6 12 12 12 12 11 12 13 14 15 16 17 12 12 12 12 12 12 12 12 14 12 12 12 ");
-    EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_EMMC), 33U);
     EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_MTD), 17U);
     EXPECT_EQ(OTA_GetHalStorageType(7), 0U);
     EXPECT_EQ(OTA_CheckNeedUpgrade(nullptr, nullptr), OTA_FAILED);
@@ -189,12 +189,13 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     camera.put_image("kernel.bin", "image");
     camera.post(Camera::request(0, {KERNEL}));
     camera.post(Camera::request(0, {99}));
-    const LogSubscriber subscriber;
+    std::string published, record;
+    LogStream subscriber;
+    ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
     camera.start({}, true);
-    std::string published;
     while (!contains(published, "Restart the system")) {
-        const std::string record = subscriber.next(15000);  // its pauses are 8 s
-        ASSERT_GT(record.size(), 34U) << "the log ended early";
+        // Its pauses are 8 s.
+        ASSERT_EQ(subscriber.receive(record, 15000), StreamEvent::MESSAGE) << "the log ended early";
         published += record.substr(34, record.size() - 35);
     }
     const Outcome outcome = camera.finish();

@@ -1,13 +1,11 @@
 #include "camera.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/msg.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,7 +14,6 @@
 #include <regex>
 #include <sstream>
 
-#include "dbus/system_call.h"
 #include "files.h"
 
 namespace {
@@ -27,10 +24,11 @@ constexpr const char* PARTITIONS[] = {"spl",    "uboot",       "dtb",        "ke
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
 
-int32_t answer(const void* command, uint32_t length, void* out, const char* text) {
+// Yields "A": as a status that is 0, as output the boot slot.
+int32_t note(const void* command, uint32_t length, void* out, uint32_t outSize) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_commands.emplace_back(static_cast<const char*>(command), length);
-    return snprintf(static_cast<char*>(out), SYSTEM_CALL_DBUS_DATA_SIZE, "%s", text);
+    return snprintf(static_cast<char*>(out), outSize, "A\n");
 }
 
 std::vector<std::string> comparable(const std::string& text) {
@@ -42,16 +40,12 @@ std::vector<std::string> comparable(const std::string& text) {
 
 }  // namespace
 
-FakeDaemon::FakeDaemon()
-    : daemon_([](const void* in, uint32_t size, void* out,
-                 uint32_t) { return answer(in, size, out, "0"); },
-              [](const void* in, uint32_t size, void* out, uint32_t) {
-                  return answer(in, size, out, "A\n");
-              }) {
+std::unique_ptr<PlayedDaemon> Camera::fake_daemon() {
     take_commands();
+    return std::make_unique<PlayedDaemon>(note, note);
 }
 
-std::vector<std::string> FakeDaemon::take_commands() {
+std::vector<std::string> Camera::take_commands() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return std::exchange(g_commands, {});
 }
@@ -83,10 +77,6 @@ std::string Camera::partition(const std::string& name) {
 
 void Camera::put_image(const std::string& file, const std::string& content) {
     write_file(PACKAGE_DIR + file, content);
-}
-
-bool Camera::has(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
 }
 
 OtaMessage Camera::request(int32_t packageType, const std::vector<uint32_t>& moduleTypes) {

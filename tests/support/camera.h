@@ -14,16 +14,6 @@
 #include "ota/ota_message.h"
 #include "played_daemon.h"
 
-// Succeeds in whatever it is asked to run, without running it; slot A is up. One at a time.
-class FakeDaemon {
-  public:
-    FakeDaemon();
-    static std::vector<std::string> take_commands();
-
-  private:
-    PlayedDaemon daemon_;
-};
-
 struct Outcome {
     bool ended = false;  // by itself with status 0; else it was killed
     std::string text;    // standard output, as it came
@@ -42,12 +32,14 @@ class Camera {
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    std::unique_ptr<FakeDaemon> daemon = std::make_unique<FakeDaemon>();
+    // Succeeds in whatever it is asked to run, without running it; slot A is up. One at a time.
+    static std::unique_ptr<PlayedDaemon> fake_daemon();
+    std::unique_ptr<PlayedDaemon> daemon = fake_daemon();
+    static std::vector<std::string> take_commands();  // what it was asked for since the last time
 
     static void clear();  // all partitions full of "o", no record, no package, no auto-flash
     static std::string partition(const std::string& name);  // its content
     static void put_image(const std::string& file, const std::string& content);
-    static bool has(const std::string& path);
 
     // A request for these package module types.
     static OtaMessage request(int32_t packageType, const std::vector<uint32_t>& moduleTypes);

@@ -5,20 +5,17 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 int main(int argc, char** argv) {
     const bool lists = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
     if (!lists && access("/.private_root", F_OK) != 0) {
-        char self[4096] = {};
-        if (readlink("/proc/self/exe", self, sizeof(self) - 1) < 0) {
-            perror("readlink");
-            return 1;
-        }
-        std::vector<char*> arguments(argv, argv + argc + 1);
         std::string script = PRIVATE_ROOT_SCRIPT;
-        arguments[0] = self;
+        std::string self = std::filesystem::read_symlink("/proc/self/exe");
+        std::vector<char*> arguments(argv, argv + argc + 1);
+        arguments[0] = self.data();
         arguments.insert(arguments.begin(), script.data());
         execv(script.c_str(), arguments.data());
         perror(script.c_str());
