@@ -39,7 +39,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
             if (contains(line, "UPGRADE_LUMO_RECV_MSG")) {
                 break;  // what belongs to the request
             }
-            said = contains(line, "ota wait for ota message") ? "" : said + " / " + line;
+            said = contains(line, "ota wait") ? std::string() : said.append(" / ").append(line);
         }
         said = std::regex_replace(said, std::regex("pid=" + pid), "PID");
         return (Camera::queue() >= 0 ? "ended" : "took its request") +

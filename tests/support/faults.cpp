@@ -89,9 +89,10 @@ bool is_image(int fd, const char* data, size_t size) {
     char link[32];
     char path[64] = {};
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    readlink(link, path, sizeof(path) - 1);
+    const bool named = readlink(link, path, sizeof(path) - 1) > 0;
     // Erasing writes zeros.
-    const bool image = (strstr(path, "/dev/block/") == path || strstr(path, "/dev/mtd") == path) &&
+    const bool image = named &&
+                       (strstr(path, "/dev/block/") == path || strstr(path, "/dev/mtd") == path) &&
                        std::any_of(data, data + size, [](char c) { return c != 0; });
     if (image && (fcntl(fd, F_GETFL) & O_DSYNC) == 0) {
         fputs("image data are not written synchronously\n", stderr);
