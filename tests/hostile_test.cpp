@@ -21,7 +21,7 @@ constexpr const char* LOG_SOCKET = LOG_ADDRESS + 6;
 
 struct Hostile : testing::Test {
     void SetUp() override {
-        camera.put_image("kernel.bin", image);
+        write_file(Camera::PACKAGE_DIR + "kernel.bin", image);
         camera.start();
         camera.wait_for("ota wait for ota message");
     }

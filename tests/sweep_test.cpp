@@ -52,7 +52,7 @@ class World {
             message_.moduleInfo[1] = {.size = ROOTFS_IMAGE.size(), .offset = KERNEL_IMAGE.size()};
         }
         for (const auto& [file, content] : package_) {
-            camera.put_image(file, content);
+            write_file(Camera::PACKAGE_DIR + file, content);
         }
     }
 

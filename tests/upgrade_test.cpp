@@ -18,7 +18,6 @@ namespace {
 using Lines = std::vector<std::string>;
 
 constexpr uint32_t KERNEL = 3;
-const std::string PACKAGES = Camera::PACKAGE_DIR;
 
 // The lines of consoles/NAME.txt, with "@other" replaced by the lines of consoles/other.txt.
 Lines console(const std::string& name, int pid) {
@@ -97,7 +96,7 @@ struct Upgrade : testing::Test {
                 write_file(key, value);
             } else {
                 files[key] = pattern_bytes(static_cast<size_t>(number), 1);
-                write_file(PACKAGES + key, files[key]);
+                write_file(Camera::PACKAGE_DIR + key, files[key]);
             }
         }
         camera.start(faults);
@@ -130,7 +129,7 @@ struct Upgrade : testing::Test {
             }
         }
         for (const auto& [file, bytes] : files) {
-            text << (std::filesystem::exists(PACKAGES + file) ? " " + file : "");
+            text << (std::filesystem::exists(Camera::PACKAGE_DIR + file) ? " " + file : "");
         }
         return text.str().substr(1);
     }
@@ -186,7 +185,7 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
 }
 
 TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
-    camera.put_image("kernel.bin", "image");
+    write_file(Camera::PACKAGE_DIR + "kernel.bin", "image");
     camera.post(Camera::request(0, {KERNEL}));
     camera.post(Camera::request(0, {99}));
     std::string published, record;

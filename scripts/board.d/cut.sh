@@ -23,23 +23,51 @@ broken() { # WHAT
 # its own.
 random_delay() { delay=$(((RANDOM * 32768 + RANDOM) % $1)); }
 sleep_ms() { sleep "$(printf '%d.%03d' $(($1 / 1000)) $(($1 % 1000)))"; }
-waits_for_line() { # FILE TEXT
+waits_until() { # COMMAND...
     local i
     for ((i = 0; i < 6000; i++)); do
-        grep -qa "$2" "$1" && return 0
+        "$@" && return 0
         kill -0 $emulator_pid 2> /dev/null || return 1
         sleep 0.01
     done
     return 1
 }
+has_line() { grep -qa "$2" "$1"; }           # FILE TEXT
+has_lines() { [ "$(wc -l < "$1")" -ge "$2" ]; } # FILE COUNT
+line_of() { grep -an "$2" "$1" | head -n 1 | cut -d : -f 1; } # FILE TEXT
 
-# A third each: anywhere, in the writing, about the verdict; so the short stages get their share.
-choose_moment() {
+# How long an upgrade takes here, ms, and which lines the service prints while it writes.
+measure_upgrade() {
+    new_run
+    boot cut || fail "an upgrade without a cut does not come to its end"
+    upgrade_ms=$(tr -d '\r' < "$console" | awk '
+        /BOARD request sent/ { sent = $(NF - 1) }
+        /BOARD restarts/ { print int(($(NF - 1) - sent) * 1000) }')
+    first_written=$(line_of "$service" "ota hal init start")
+    last_written=$(line_of "$service" "$last_verified")
+}
+last_verified="partition: system read verify success"
+
+# A third each: at any time, at any line while images are written, about the verdict; so the short
+# stages get their share, however fast the emulator is.
+wait_for_moment() {
+    local delay
     case $((cut % 3)) in
-        0) after="request posted" file=$console; random_delay 15000 ;;
-        1) after="ota hal init start" file=$service; random_delay 5000 ;;
-        2) after="partition: system read verify success" file=$service; random_delay 1500 ;;
-    esac
+        0)
+            random_delay "$upgrade_ms"
+            waits_until has_line "$console" "request posted"
+            ;;
+        1)
+            random_delay $((last_written - first_written))
+            waits_until has_lines "$service" $((first_written + delay))
+            random_delay 50
+            ;;
+        2)
+            random_delay 500
+            waits_until has_line "$service" "$last_verified"
+            ;;
+    esac || broken "the board does not get as far as its moment"
+    sleep_ms "$delay"
 }
 
 stage_of() { # what the service printed last before the cut
@@ -104,12 +132,10 @@ check_after_again() { # whether the whole thing came to its end
 }
 
 one_cut() {
-    local images record slot files delay after file begun=no stage last
+    local images record slot files begun=no stage last
     new_run
     start_emulator cut
-    choose_moment
-    waits_for_line "$file" "$after" || { broken "the board does not get as far as \"$after\""; }
-    sleep_ms "$delay"
+    wait_for_moment
     kill -KILL $emulator_pid 2> /dev/null || :
     wait $emulator_pid 2> /dev/null || :
     emulator_pid=
@@ -133,10 +159,12 @@ one_cut() {
 }
 
 run_cuts() {
-    local cut wrong again=0 short=0 passed=0 failed=0
+    local cut wrong again=0 short=0 passed=0 failed=0 upgrade_ms first_written last_written
     RANDOM=$seed
     table=$folder/table.txt
     : > "$table"
+    measure_upgrade
+    echo "an upgrade takes $upgrade_ms ms, lines $first_written to $last_written tell of its images"
     echo "seed $seed; columns: cut, stage, record, slot, images written, what followed"
     for ((cut = 1; cut <= cuts; cut++)); do
         wrong=no

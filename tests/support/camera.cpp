@@ -60,7 +60,9 @@ void Camera::clear() {
     }
     remove("/config/ota_data.dat");
     remove("/tmp/autoflash");
-    std::filesystem::remove_all(PACKAGE_DIR);
+    for (const auto& file : std::filesystem::directory_iterator(PACKAGE_DIR)) {
+        remove(file.path().c_str());
+    }
 }
 
 Camera::~Camera() {
@@ -75,15 +77,11 @@ std::string Camera::partition(const std::string& name) {
     return read_file("/dev/block/by-name/" + name);
 }
 
-void Camera::put_image(const std::string& file, const std::string& content) {
-    write_file(PACKAGE_DIR + file, content);
-}
-
 OtaMessage Camera::request(int32_t packageType, const std::vector<uint32_t>& moduleTypes) {
     OtaMessage message = {};
     message.mtype = 7;
     message.packageType = packageType;
-    snprintf(message.packageDir, sizeof(message.packageDir), "%s", PACKAGE_DIR);
+    snprintf(message.packageDir, sizeof(message.packageDir), "%s", PACKAGE_DIR.c_str());
     snprintf(message.packageFile, sizeof(message.packageFile), "all.pkg");
     message.moduleCount = static_cast<int32_t>(moduleTypes.size());
     for (size_t i = 0; i < moduleTypes.size() && i < OTA_MSG_MAX_MODULES; ++i) {

@@ -25,7 +25,7 @@ struct Outcome {
 class Camera {
   public:
     static constexpr size_t PARTITION_SIZE = 96 * 1024;
-    static constexpr char PACKAGE_DIR[] = "/media/mmcblk0p1/";
+    static inline const std::string PACKAGE_DIR = "/media/mmcblk0p1/";
 
     Camera();
     ~Camera();
@@ -39,7 +39,6 @@ class Camera {
 
     static void clear();  // all partitions full of "o", no record, no package, no auto-flash
     static std::string partition(const std::string& name);  // its content
-    static void put_image(const std::string& file, const std::string& content);
 
     // A request for these package module types.
     static OtaMessage request(int32_t packageType, const std::vector<uint32_t>& moduleTypes);
