@@ -1,17 +1,31 @@
-# Read by the shell before each row of the cases that are typed.
+# Read by the shell before each row of the cases that are typed. It starts few processes, for they
+# are most of what a row costs.
 export LC_ALL=C
-bytes() { tail -c +$(($1 + 1)) "$3" | head -c "$2"; } # OFFSET SIZE FILE
 
-# What a write leaves in a partition: "kept", or how many of the package's bytes from OFFSET on,
-# and behind them nothing but erased cells.
-left() { # PART ERASED OFFSET
-    if cmp -s /tmp/old "$1"; then
-        printf kept
-        return
-    fi
-    written=$(tr -d "$2" < "$1" | wc -c)
-    printf %s "$written"
-    bytes "$3" "$written" /tmp/package | cmp -s -n "$written" - "$1" || printf ' wrong'
+# Runs hal_tool on the partition that is full of "o". Sets code, and text: what the partition holds
+# then, and the percents and errors that were reported.
+write_flash() { # HAL_TOOL'S ARGUMENTS...
+    cp /tmp/old $part
+    hal_tool "$@" > /tmp/said 2>&1
+    text=$(sed -n 's/.*write flash progress //p; s/.*_M[MT][CD] [12] 4 //p; s/.*result //p; /left open/p' /tmp/said)
+    text=$(echo $text)
+    code=${text##* }
+    text=${text%"$code"}
+    text=${text% }
+
+    # The package's bytes from the offset on, and behind them nothing but erased cells.
+    same=$(cmp -i "$skip:0" /tmp/package $part 2>&1)
+    byte=${same#*char }
+    byte=${byte#*byte }
+    byte=${byte%%,*}
+    case $same in *differ:*) byte=$((byte - 1)) ;; esac
+    cells=$(tr -d "$erased" < $part | wc -c)
+    case $byte-$cells in
+        0-164096) text="kept $text" ;;
+        "$cells-$byte") text="$cells $text" ;;
+        *) text="$cells wrong $text" ;;
+    esac
+    text=${text% }
 }
 
 # One row of cases/flash.txt: the same write by the driver and by the platform layer.
@@ -32,33 +46,30 @@ flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
         *-EINTR) export CORVO_FAULTS="$5:$6:4:0" ;;
         *) export CORVO_FAULTS="$5:$6:0:$7" ;;
     esac
-    image=/tmp/package
+    skip=0
+    if [ "$3" -ge 0 ] && [ "$3" -lt 200000 ]; then
+        skip=$3
+    fi
     if [ "$2" = whole ]; then
-        image=/tmp/image
-        bytes "$3" "$4" /tmp/package > $image
-        by_driver=$1-erase-write
-        by_platform=pal-ota-upgrade
+        tail -c +$(($3 + 1)) /tmp/package | head -c "$4" > /tmp/image
+        write_flash "$1-erase-write" root /tmp/image
+        by_driver="$code / $text"
+        write_flash pal-ota-upgrade 4 root /tmp/image $storage
     else
         # The drivers take positions of 32 bits with a sign and of 64 bits without.
-        end=$((($3 + $4 + 0x80000000) % 0x100000000 - 0x80000000))
-        case $1 in mmc) range="$3 $end" ;; mtd) range=$(printf '%u %u' "$3" "$4") ;; esac
-        by_driver=$1-erase-write-range
-        by_platform=pal-ota-upgrade-range
-        platform_range="$(($3 & 0xffffffff)) $(($4 & 0xffffffff))"
+        case $1 in
+            mmc) range="$3 $((($3 + $4 + 0x80000000) % 0x100000000 - 0x80000000))" ;;
+            mtd) range=$(printf '%u %u' "$3" "$4") ;;
+        esac
+        write_flash "$1-erase-write-range" root /tmp/package $range
+        by_driver="$code / $text"
+        write_flash pal-ota-upgrade-range 4 root /tmp/package \
+            $(($3 & 0xffffffff)) $(($4 & 0xffffffff)) $storage
     fi
-    for command in "$by_driver root $image $range" \
-        "$by_platform 4 root $image $platform_range $storage"; do
-        cp /tmp/old $part
-        hal_tool $command > /tmp/said 2> /tmp/result
-        sed -n 's/^result //p; /open$/p' /tmp/result
-        {
-            left $part $erased "$3"
-            sed -n 's/.*write flash progress / /p; s/.*_M[MT][CD] [12] 4 / /p' /tmp/said | tr -d '\n'
-            echo
-        } >> /tmp/left
-    done
-    uniq /tmp/left
-    rm /tmp/left
+    echo "${by_driver%% / *}"
+    echo "$code"
+    echo "$text"
+    [ "${by_driver#* / }" = "$text" ] || echo "$by_driver"
 }
 
 # One row of cases/upgrade_arguments.txt: an upgrade by range, then one with the whole image.
