@@ -182,8 +182,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     const corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
     const sockaddr_un address = dbus_server_address(SYSTEM_CALL_DAEMON_NAME);
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    ASSERT_EQ(bind(listener.get(), generic, sizeof(address)), 0);
-    ASSERT_EQ(listen(listener.get(), 1), 0);
+    ASSERT_EQ(bind(listener.get(), generic, sizeof(address)) + listen(listener.get(), 1), 0);
     ASSERT_EQ(system_call_init(), DBUS_OK);
     CapturedOutput output;
     const auto start = steady_clock::now();
@@ -269,10 +268,12 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", tooLong.data(), 1025),
               DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(nullptr, "d", "s", "", 0), DBUS_INVALID_ARGUMENT);
+    EXPECT_EQ(SystemCall_Dbus_Call_Method(nullptr, "d", "m", "", 0, nullptr, 0, 1),
+              DBUS_INVALID_ARGUMENT);
     Dbus_Lock(client);
     EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
     Dbus_UnLock(client);
-    const Faults faults({{"send", 1, EPIPE}});
+    const Faults faults({{"send", 1, SHORT, 9}, {"send", 2, SHORT, 0}});  // nothing more moves
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
@@ -289,7 +290,9 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     other.id = 1;
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &other, 1), DBUS_NOT_PENDING);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &other, &none), DBUS_NOT_PENDING);
-    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_NO_REPLY);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_OK);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_CALL_FAILED);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_REPLIED);
     SystemCall_DbusInfo_Free(client);
     EXPECT_EQ(SystemCall_DbusInfo_Alloc(257), nullptr);
 }
