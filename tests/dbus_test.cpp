@@ -273,7 +273,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     Dbus_Lock(client);
     EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
     Dbus_UnLock(client);
-    const Faults faults({{"send", 1, SHORT, 9}, {"send", 2, SHORT, 0}});  // nothing more moves
+    const Faults faults({{"send", 1, SHORT, 8}, {"send", 2, SHORT, 0}});  // nothing more moves
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
