@@ -290,6 +290,8 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     other.id = 1;
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &other, 1), DBUS_NOT_PENDING);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &other, &none), DBUS_NOT_PENDING);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_NO_REPLY);
+    EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, &none), DBUS_OK);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_OK);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_CALL_FAILED);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_REPLIED);

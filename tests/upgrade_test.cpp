@@ -151,6 +151,7 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     EXPECT_EQ(
         modules,
         "12 1 2 3 4 5 6 12 12 12 12 11 12 13 14 15 16 17 12 12 12 12 12 12 12 12 14 12 12 12 ");
+    EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_EMMC), 33U);
     EXPECT_EQ(OTA_GetHalStorageType(OTA_FLASH_TYPE_MTD), 17U);
     EXPECT_EQ(OTA_GetHalStorageType(7), 0U);
     EXPECT_EQ(OTA_CheckNeedUpgrade(nullptr, nullptr), OTA_FAILED);

@@ -32,9 +32,9 @@ waits_until() { # COMMAND...
     done
     return 1
 }
-has_line() { grep -qa "$2" "$1"; }           # FILE TEXT
-has_lines() { [ "$(wc -l < "$1")" -ge "$2" ]; } # FILE COUNT
-line_of() { grep -an "$2" "$1" | head -n 1 | cut -d : -f 1; } # FILE TEXT
+has_line() { grep -qa "$2" "$1"; }                        # FILE TEXT
+has_lines() { [ "$(wc -l < "$1")" -ge "$2" ]; }           # FILE COUNT
+line_of() { grep -an -m 1 "$2" "$1" | cut -d : -f 1; }    # FILE TEXT
 
 # How long an upgrade takes here, ms, and which lines the service prints while it writes.
 measure_upgrade() {
@@ -43,15 +43,16 @@ measure_upgrade() {
     upgrade_ms=$(tr -d '\r' < "$console" | awk '
         /BOARD request sent/ { sent = $(NF - 1) }
         /BOARD restarts/ { print int(($(NF - 1) - sent) * 1000) }')
-    first_written=$(line_of "$service" "ota hal init start")
-    last_written=$(line_of "$service" "$last_verified")
+    first_written=$(line_of "$service" "ota hal init start") &&
+        last_written=$(line_of "$service" "$last_verified") ||
+        fail "the service does not tell of its images"
 }
 last_verified="partition: system read verify success"
 
 # A third each: at any time, at any line while images are written, about the verdict; so the short
 # stages get their share, however fast the emulator is.
 wait_for_moment() {
-    local delay
+    local delay line
     case $((cut % 3)) in
         0)
             random_delay "$upgrade_ms"
@@ -59,8 +60,9 @@ wait_for_moment() {
             ;;
         1)
             random_delay $((last_written - first_written))
-            waits_until has_lines "$service" $((first_written + delay))
+            line=$((first_written + delay))
             random_delay 50
+            waits_until has_lines "$service" "$line"
             ;;
         2)
             random_delay 500

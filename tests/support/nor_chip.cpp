@@ -24,12 +24,12 @@ std::string chip_of(int fd) {
 void program(int fd, char* data, size_t count) {
     const std::string path = chip_of(fd);
     const std::string cells = path.empty() ? "" : read_file(path);
-    const char* const worn = getenv("WORN_CELL");
+    const char* const cell = getenv("WORN_CELL");
+    const size_t worn = cell == nullptr ? SIZE_MAX : strtoul(cell, nullptr, 10);
     // Not lseek(): that would count as the program's call.
     const auto position = static_cast<size_t>(syscall(SYS_lseek, fd, 0, SEEK_CUR));
     for (size_t i = 0; i < count && position + i < cells.size(); ++i) {
-        const bool holds = worn == nullptr || position + i != strtoul(worn, nullptr, 10);
-        data[i] = static_cast<char>(holds ? data[i] & cells[position + i] : 0);
+        data[i] = static_cast<char>(position + i == worn ? 0 : data[i] & cells[position + i]);
     }
 }
 

@@ -5,40 +5,41 @@ export LC_ALL=C
 # Runs hal_tool on the partition that is full of "o". Sets code, and text: what the partition holds
 # then, and the percents and errors that were reported.
 write_flash() { # HAL_TOOL'S ARGUMENTS...
-    cp /tmp/old $part
+    cp /tmp/old "$partition"
     hal_tool "$@" > /tmp/said 2>&1
-    text=$(sed -n 's/.*write flash progress //p; s/.*_M[MT][CD] [12] 4 //p; s/.*result //p; /left open/p' /tmp/said)
-    text=$(echo $text)
-    code=${text##* }
-    text=${text%"$code"}
-    text=${text% }
 
-    # The package's bytes from the offset on, and behind them nothing but erased cells.
-    same=$(cmp -i "$skip:0" /tmp/package $part 2>&1)
-    byte=${same#*char }
-    byte=${byte#*byte }
-    byte=${byte%%,*}
-    case $same in *differ:*) byte=$((byte - 1)) ;; esac
-    cells=$(tr -d "$erased" < $part | wc -c)
-    case $byte-$cells in
-        0-164096) text="kept $text" ;;
-        "$cells-$byte") text="$cells $text" ;;
-        *) text="$cells wrong $text" ;;
-    esac
-    text=${text% }
+    # So many of the package's bytes from the offset on, and behind them nothing but erased cells.
+    differs=$(cmp -i "$skip:0" /tmp/package "$partition" 2>&1)
+    text=${differs#*char }
+    text=${text#*byte }
+    text=${text%%,*}
+    case $differs in *differ:*) text=$((text - 1)) ;; esac
+    if ! cmp -s -i "$text:0" -n $((164096 - text)) "$partition" "$erased"; then
+        cmp -s /tmp/old "$partition" && text=kept || text="$text wrong"
+    fi
+    while read -r line; do
+        case $line in
+            *"write flash progress "*) text="$text ${line##*write flash progress }" ;;
+            *_M[MT][CD]" "[12]" 4 "*) text="$text ${line#*_M[MT][CD] [12] 4 }" ;;
+            *"result "*) code=${line#*result } ;;
+            *"left open") text="$text $line" ;;
+        esac
+    done < /tmp/said
 }
 
 # One row of cases/flash.txt: the same write by the driver and by the platform layer.
 flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
     if ! [ -f /tmp/package ]; then
         seq 40000 | head -c 200000 > /tmp/package # without a byte of all zeros or all ones
-        head -c 164096 /dev/zero | tr '\0' o > /tmp/old
+        head -c 164096 /dev/zero > /tmp/erased_mmc
+        tr '\0' '\377' < /tmp/erased_mmc > /tmp/erased_mtd
+        tr '\0' o < /tmp/erased_mmc > /tmp/old
         mkdir -p /dev/mtd
         printf 'mtd0: 00028100 00001000 "rootfs"\nmtd12: 00028100 00001000 "root"\n' > /tmp/proc_mtd
     fi
     case $1 in
-        mmc) part=/dev/block/by-name/root erased='\0' storage=33 ;;
-        mtd) part=/dev/mtd/12 erased='\377' storage=17 ;;
+        mmc) partition=/dev/block/by-name/root storage=33 ;;
+        mtd) partition=/dev/mtd/12 storage=17 ;;
     esac
     case $5-$7 in
         cell-) export WORN_CELL="$6" ;;
@@ -46,6 +47,7 @@ flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
         *-EINTR) export CORVO_FAULTS="$5:$6:4:0" ;;
         *) export CORVO_FAULTS="$5:$6:0:$7" ;;
     esac
+    erased=/tmp/erased_$1
     skip=0
     if [ "$3" -ge 0 ] && [ "$3" -lt 200000 ]; then
         skip=$3

@@ -105,16 +105,21 @@ int led_blink(LedType type, uint32_t periodMs, uint32_t milliseconds) {
     return led_play(milliseconds, T31_LED_INTERFACE.blink, type, &config, 0);
 }
 
-// Prints what the partition holds, as the upgrade compares it with an image.
-int ota_read(const char* part, uint32_t storageType) {
+// Prints what the partition holds, as the upgrade compares it with an image. -1: it was opened but
+// cannot be read to its end.
+int pal_ota_read(const char* part, uint32_t storageType) {
     int fd = -1;
     const int32_t result = PAL_OTA_OpenPartition(part, 0, storageType, &fd);
+    if (result != PAL_OK) {
+        return result;
+    }
     const corvo::UniqueFd partition(fd);
     char chunk[16384];
-    for (ssize_t n = 0; (n = read(fd, chunk, sizeof(chunk))) > 0;) {
+    ssize_t n = 0;
+    while ((n = read(partition.get(), chunk, sizeof(chunk))) > 0) {
         fwrite(chunk, 1, static_cast<size_t>(n), stdout);
     }
-    return result;
+    return n < 0 ? -1 : PAL_OK;
 }
 
 int ota_erase(const char* part, uint32_t storageType) {
@@ -154,7 +159,7 @@ constexpr Command COMMANDS[] = {
     {"ota-erase", "PART STORAGE", call<ota_erase>},
     {"pal-nv-init", "", call<PAL_NV_Init>},
     {"pal-ota-init", "", call<PAL_OTA_Init>},
-    {"pal-ota-read", "PART STORAGE", call<ota_read>},
+    {"pal-ota-read", "PART STORAGE", call<pal_ota_read>},
     {"pal-ota-upgrade", "TYPE PART IMAGE STORAGE", call<PAL_OTA_Upgrade>},
     {"pal-ota-upgrade-range", "TYPE PART IMAGE OFFSET SIZE STORAGE", call<PAL_OTA_UpgradeByOffset>},
 };
