@@ -75,7 +75,7 @@ flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
 }
 
 # One row of cases/upgrade_arguments.txt: an upgrade by range, then one with the whole image.
-upgrade_arguments() { # TYPE PART IMAGE STORAGE
+upgrade_arguments() { # TYPE NAME IMAGE STORAGE
     printf old > /dev/block/by-name/kernel
     printf new > /tmp/image
     hal_tool pal-ota-upgrade-range "$1" "$2" "$3" 0 3 "$4" > /tmp/said 2> /tmp/result
