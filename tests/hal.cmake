@@ -21,6 +21,6 @@ target_include_directories(led_gpio_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/led)
 
 # The daemon's client is played by the test, which defines the two calls that the upgrade module
 # makes: it must not be linked in beside them.
-corvo_test(pal_hal_test SOURCES pal_hal_test.cpp LINK test_faults pal hal_ota hal_nv hal_flash)
+corvo_test(pal_hal_test SOURCES pal_hal_test.cpp LINK test_faults pal hal_led hal_ota hal_nv hal_flash)
 target_include_directories(pal_hal_test PRIVATE ${PROJECT_SOURCE_DIR}/pal
                                                 ${PROJECT_SOURCE_DIR}/hal/flash)

@@ -108,7 +108,7 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
             const bool counts = !line.empty() && !contains(line, "process thread");
             text += counts ? " / " + line : "";  // a thread begins and ends when it likes
         }
-        if (operation == "enable" || operation == "wait") {
+        if (operation == "enable" || operation == "wait" || operation == "blue") {
             const std::string red = read_file(GPIO + "gpio34/value");
             const std::string blue = read_file(GPIO + "gpio35/value");
             // While an act blinks, the number of writes is a matter of time.
@@ -119,6 +119,7 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
         }
         return text;
     });
+    EXPECT_EQ(read_file(GPIO + "export"), "74");  // over the 34 of before
     EXPECT_EQ(read_file(GPIO + "gpio34/direction"), std::string("out\0", 4));
     EXPECT_EQ(read_file(GPIO + "gpio35/direction"), std::string("in\0\0", 4));
 }

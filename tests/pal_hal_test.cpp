@@ -17,10 +17,13 @@
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
 #include "hal/nv.h"
+#include "hal/t31_led.h"
 #include "mtd_table.h"
 #include "nv_factory_cache.h"
+#include "pal/pal_led.h"
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"
+#include "pal/pal_pmu.h"
 #include "pal_common/error_log.h"
 
 namespace {
@@ -62,13 +65,22 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     EXPECT_EQ(flash_mmc_write_sector_partition("kernel", "", 1, UINT_MAX), -1);
     EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, nullptr, 0, 1), FLASH_OK);
     EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, "", 0, 1), FLASH_NO_DEVICE);
-    write_file("/tmp/proc_mtd", "mtd7: 1 1 \"root\"");
+    write_file("/tmp/proc_mtd", "mtd7: 1 1 \"dtb\"");
     write_file("/dev/mtd7", "");
     devices.ioctl = [](int, unsigned long, void*) { return 0; };
-    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset("root", nullptr, 0, 1), FLASH_OK);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset("dtb", nullptr, 0, 1), FLASH_OK);
     devices = {};
     EXPECT_EQ(parse_mtd_table_line("mtd99999999999999999999: \"a\"")->number, 0);
     EXPECT_EQ(parse_mtd_table_line(": d5 \"a\"b\"")->number, 0);
+}
+
+TEST(Pal, PassesTheCodesOfTheOtherModulesOn) {
+    EXPECT_EQ(PAL_Pmu_Init(0), PAL_PMU_NO_INTERFACE);
+    EXPECT_EQ(PAL_LED_Init(), 0);
+    CapturedOutput output;
+    EXPECT_EQ(PAL_LED_Init(), 1);
+    EXPECT_TRUE(output.take().ends_with("HAL interface exec fail\n"));
+    T31_LED_INTERFACE.deinit(0);
 }
 
 TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {

@@ -108,7 +108,8 @@ int copy_from(const Copy& copy, int64_t offset, Chunk& chunk) {
     return copy_chunks(copy, chunk);
 }
 
-// The device zeroes the range by itself; false when it does not know how, as no regular file does.
+// The device zeroes the range by itself, where it can without the zeros passing through here; false
+// when it does not know how, as no regular file does.
 bool zero_by_device(const corvo::UniqueFd& device, int64_t size) {
     uint64_t range[2] = {0, static_cast<uint64_t>(size)};  // start and length: linux/fs.h
     if (ioctl(device.get(), BLKZEROOUT, range) != 0) {
@@ -126,6 +127,44 @@ void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
         (void)!write(device.get(), zeros.data(), zeros.size());
     }
     (void)!write(device.get(), zeros.data(), static_cast<size_t>(remaining));
+}
+
+// Zeros the whole partition. The copy that follows writes synchronously in 16 KiB chunks, and zeros
+// written the same way would double the time of an upgrade: the kernel is asked first, in one
+// request.
+void zero(const corvo::UniqueFd& device) {
+    const int64_t size = partition_size(device);
+    if (size >= 0 && !zero_by_device(device, size)) {
+        zero_by_writing(device, size);
+    }
+}
+
+// Whether a copy of `length` bytes from `offset` of the file on, or of the WHOLE_FILE, gets as far
+// as its first byte.
+bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t offset,
+                    int64_t length) {
+    const corvo::UniqueFd file(open(path, WRITE_FLAGS));
+    struct stat status = {};
+    if (!file.valid() || fstat(file.get(), &status) != 0 || offset >= status.st_size) {
+        return false;
+    }
+    return (length == WHOLE_FILE ? status.st_size : length) <= partition_size(device);
+}
+
+// Erases the partition for a copy, and leaves it alone for one that cannot begin, which the copy
+// itself reports: the partition may hold the only boot loader. Returns FLASH_OK in both cases, or
+// FLASH_FAILED, reported, when there is no such partition.
+int erase_for_copy(const char* part, const char* path, int64_t offset, int64_t length) {
+    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        HAL_REPORT_AS("flash_mmc_erase_partition", REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
+                      "Could not open mmc device:%s for write.", part);
+        return FLASH_FAILED;
+    }
+    if (copy_can_begin(device, path, offset, length)) {
+        zero(device);
+    }
+    return FLASH_OK;
 }
 
 }  // namespace
@@ -183,13 +222,7 @@ int flash_mmc_erase_partition(const char* part) {
         REPORT_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
-    const int64_t size = partition_size(device);
-    // The copy that follows writes synchronously in 16 KiB chunks. Zeros written the same way would
-    // double the time of an upgrade and the wear of the flash; asked for in one request, the device
-    // can discard the blocks instead.
-    if (size >= 0 && !zero_by_device(device, size)) {
-        zero_by_writing(device, size);
-    }
+    zero(device);
     return FLASH_OK;
 }
 
@@ -225,7 +258,7 @@ int flash_mmc_write_partition(const char* part, const char* image) {
 }
 
 int flash_mmc_erase_write_partion(const char* part, const char* image) {
-    if (flash_mmc_erase_partition(part) < 0) {
+    if (erase_for_copy(part, image, 0, WHOLE_FILE) < 0) {
         REPORT_ERROR("failed to erase partion %s", part);
         return FLASH_FAILED;
     }
@@ -282,7 +315,7 @@ int flash_mmc_erase_write_partion_by_offset(const char* part, const char* packag
     }
     const int size = end - start;
     REPORT_INFO("start erase partition...");
-    if (flash_mmc_erase_partition(part) < 0) {
+    if (erase_for_copy(part, package, start, size) < 0) {
         REPORT_ERROR("failed to erase partion %s", part);
         return FLASH_FAILED;
     }

@@ -108,7 +108,7 @@ check_after_cut() { # RECORD SLOT FILES IMAGES-ON-CARD BEGUN
     if [ "${record:2:2}" = 01 ] && [ "$begun" = yes ] && [ "$images" != 3 ]; then
         broken "1: the record says succeeded with $images of 3 images written"
     fi
-    if [ "$files" != "$all_files" ] && [ "${record:2:2}" != 01 ]; then
+    if [ "$files" != "$all_files" ] && [ "$record" != $verdict ]; then
         broken "2: package files are gone with the record $record"
     fi
     if [ "$slot" = B ] && [ "$record" != $verdict ]; then

@@ -61,8 +61,13 @@ third_start() {
 }
 
 run_test() {
-    local report=$folder/report.txt passed failed
-    { first_start; second_start; third_start; } 2>&1 | tee "$report"
+    local report=$folder/report.txt passed failed shown teller
+    # Not in a pipeline: the emulator must be known to the shell that a signal ends.
+    exec {shown}> >(exec tee "$report")
+    teller=$!
+    { first_start; second_start; third_start; } >&$shown 2>&1
+    exec {shown}>&-
+    wait $teller
     passed=$(grep -ac '^CHECK ok' "$report") || :
     failed=$(grep -ac '^CHECK FAIL' "$report") || :
     echo "board: $passed passed, $failed failed"

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -64,11 +65,18 @@ int call(const Words& words) {
     return call_with(OPERATION, words);
 }
 
+// A copy of flash that is not whole must not look like one.
+void print_bytes(const char* bytes, size_t count) {
+    if (fwrite(bytes, 1, count, stdout) != count || fflush(stdout) != 0) {
+        throw std::runtime_error("cannot write what was read to standard output");
+    }
+}
+
 template <auto SLOT>
 int nv_read(int32_t offset, uint32_t size) {
     std::vector<char> bytes(size);
     const int32_t n = (NV_INTERFACE.*SLOT)(bytes.data(), offset, size);
-    fwrite(bytes.data(), 1, static_cast<size_t>(std::max(n, 0)), stdout);
+    print_bytes(bytes.data(), static_cast<size_t>(std::max(n, 0)));
     return n;
 }
 
@@ -117,7 +125,7 @@ int pal_ota_read(const char* part, uint32_t storageType) {
     char chunk[16384];
     ssize_t n = 0;
     while ((n = read(partition.get(), chunk, sizeof(chunk))) > 0) {
-        fwrite(chunk, 1, static_cast<size_t>(n), stdout);
+        print_bytes(chunk, static_cast<size_t>(n));
     }
     return n < 0 ? -1 : PAL_OK;
 }
@@ -171,7 +179,9 @@ int program(int argc, char** argv) {
         "on standard error, its result. Data for nv-write come from standard input. OFFSET, SIZE,\n"
         "START and END are bytes, MS and PERIOD milliseconds: how long the LED module runs and "
         "the\n"
-        "period of a blink. STORAGE is 17 for raw flash, 33 for eMMC.",
+        "period of a blink. STORAGE is 17 for raw flash, 33 for eMMC. The exit status is 0 when "
+        "the\n"
+        "operation was called, whatever its result.",
         HAL_TOOL);
     app.require_subcommand(1);
     Words typed;

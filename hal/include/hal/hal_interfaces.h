@@ -16,7 +16,10 @@ enum LedType : uint32_t {
 };
 
 struct LedBlinkCfg {
-    uint32_t periodMs;  // blink period, milliseconds
+    // Milliseconds, a choice and not a measure: below 1000 a fast blink (500 ms), from there on a
+    // slow one (1 s). LED_TYPE_ROBUST knows 4000, 10000 and 1000, one for each of its sequences;
+    // with any other period it changes nothing.
+    uint32_t periodMs;
 };
 
 // Firmware upgrade. Strings are NUL-terminated. Writes, erasing and the slot switch block for as
@@ -42,7 +45,8 @@ struct HalOtaInterface {
     int32_t (*erasePartition)(const char* partitionName, uint32_t storageType);
 
     // Slot 5. Erases the partition and writes `size` bytes of the package file, from byte `offset`
-    // on, from the partition's start on. Returns 0 or a non-zero code.
+    // on, from the partition's start on; a package that ends earlier ends the copy, which counts as
+    // done. Returns 0 or a non-zero code.
     int32_t (*upgradeByOffset)(uint32_t moduleType, const char* partitionName, const char* filePath,
                                uint32_t offset, uint32_t size, uint32_t storageType);
 
@@ -63,12 +67,12 @@ struct HalLedInterface {
     // Slot 2. Reserved: a LED type, a value and an index. Does nothing and returns 0.
     int32_t (*reserved2)(uint32_t type, uint8_t value, uint32_t index);
 
-    // Slot 3. Switches a LED. type is a LedType; enable non-zero: on, 0: off; the last argument is
-    // ignored. Returns 0.
+    // Slot 3. Switches a LED. type is a LedType. For LED_TYPE_ALL enable non-zero: on, 0: off; a
+    // single colour is switched on whatever `enable` says. The last argument is ignored. Returns 0.
     int32_t (*enable)(uint32_t type, int32_t enable, uint32_t index);
 
-    // Slot 4. Lets a LED blink. type is a LedType, config must not be null; the last argument is
-    // ignored. Returns 0, or 1 without a configuration.
+    // Slot 4. Lets a LED blink. type is a LedType; the last argument is ignored. Returns 0,
+    // or 1 without a configuration, when nothing changes.
     int32_t (*blink)(uint32_t type, const LedBlinkCfg* config, uint32_t index);
 
     // Slot 5. Reserved. Does nothing and returns 0.

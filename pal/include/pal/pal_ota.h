@@ -28,7 +28,9 @@ int32_t PAL_OTA_OpenPartition(const char* partitionName, int32_t iFlag, uint32_t
                               int32_t* fd);
 
 // Erases the partition and writes to it `size` bytes of the package file, from byte `offset` on;
-// blocks for as long as that takes. The upgrade module checks moduleType, offset and size.
+// blocks for as long as that takes. A package that ends earlier ends the copy, and PAL_OK comes
+// back. The upgrade module checks moduleType; eMMC takes neither an empty range nor one that
+// reaches 2 GiB, raw flash takes both, and an empty one leaves an erased partition.
 int32_t PAL_OTA_UpgradeByOffset(uint32_t moduleType, const char* partitionName,
                                 const char* filePath, uint32_t offset, uint32_t size,
                                 uint32_t storageType);

@@ -35,7 +35,9 @@ int flash_mmc_erase_partition(const char* part);
 // FLASH_FAILED; after a failure the partition holds the chunks written so far.
 int flash_mmc_write_partition(const char* part, const char* image);
 
-// flash_mmc_erase_partition(), then flash_mmc_write_partition(). Returns FLASH_OK or FLASH_FAILED.
+// flash_mmc_erase_partition(), then flash_mmc_write_partition(). Nothing is erased when the copy
+// cannot begin: the image is missing, read-only, empty or too large. Returns FLASH_OK or
+// FLASH_FAILED.
 int flash_mmc_erase_write_partion(const char* part, const char* image);
 
 // Copies `length` bytes of the package file, from byte `offset` on, to the partition's start, with
@@ -46,9 +48,11 @@ int flash_mmc_erase_write_partion(const char* part, const char* image);
 int flash_mmc_write_partition_by_offset(const char* part, const char* package, int offset,
                                         int length);
 
-// Erases the partition and copies the package's bytes [start, end) to it. Returns FLASH_FAILED,
-// with nothing erased, when the range is empty or a position is negative (as positions from 2 GiB
-// on arrive here); else the code of the erase or of flash_mmc_write_partition_by_offset().
+// Erases the partition and copies the package's bytes [start, end) to it. Nothing is erased when
+// the copy cannot begin: the package is missing, read-only or ends before the range begins, or the
+// range is larger than the partition. Returns FLASH_FAILED, with nothing erased, when the range is
+// empty or a position is negative (as positions from 2 GiB on arrive here); else the code of the
+// erase or of flash_mmc_write_partition_by_offset().
 int flash_mmc_erase_write_partion_by_offset(const char* part, const char* package, int start,
                                             int end);
 

@@ -3,7 +3,8 @@
 // Every operation opens what it needs and closes it before it returns. All of them block until the
 // flash has done its work. No lock is taken; the copies keep their chunks in static buffers, so two
 // of them must not run at once (the platform abstraction's mutex of the upgrade module sees to it).
-// Partition names and paths are NUL-terminated. Failures are reported; the codes are FlashResult's
+// Partition names and paths are NUL-terminated and must not be null, but for those of
+// flash_mtd_erase_write_partition_by_offset(). Failures are reported; the codes are FlashResult's
 // unless said otherwise.
 #ifndef HAL_FLASH_MTD_H
 #define HAL_FLASH_MTD_H
