@@ -1,5 +1,6 @@
 // The client role: calls, signals, and the thread that reads the replies.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,11 +19,14 @@
 
 namespace {
 
-// Returns whether the server was reached; gives up early when the endpoint is being closed.
+// The socket must not block: a server that accepts nobody, with its backlog full, would hold the
+// attempt for ever. It blocks when the server was reached, which is returned; gives up early when
+// the endpoint is being closed.
 bool connect_with_retries(const SystemCallDbusInfo& info, int fd) {
     const sockaddr_un address = dbus_server_address(info.serverName);
     for (int32_t attempt = 0; attempt < DBUS_CONNECT_ATTEMPTS && !info.stopping; ++attempt) {
         if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            fcntl(fd, F_SETFL, 0);
             return true;
         }
         usleep(DBUS_CONNECT_PAUSE_US);
@@ -41,7 +45,7 @@ int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info) {
         close(info->connectionSocket);
     }
     info->connectionSocket = -1;
-    corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid()) {
         DBUS_DEBUG("Cannot create communication socket, errno:%d (%s)", errno, strerror(errno));
         return DBUS_SOCKET_FAILED;
@@ -150,7 +154,7 @@ ssize_t write_locked(SystemCallDbusInfo* info, const SystemCallDbusMsg& record) 
 }  // namespace
 
 int32_t dbus_client_open(SystemCallDbusInfo* info) {
-    corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid()) {
         DBUS_ERROR("Cannot create communication socket, errno:%d (%s)", errno, strerror(errno));
         return DBUS_SOCKET_FAILED;

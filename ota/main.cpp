@@ -7,6 +7,7 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include "base/standard_descriptors.h"
 #include "dbus/system_call.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
@@ -39,6 +40,7 @@ bool receive_request(int queueId, OtaMessage* message) {
 }  // namespace
 
 int main() {
+    corvo::occupy_standard_descriptors();
     // A line that is only in the buffer when the process is ended is a line nobody sees.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     ota_signals_block();

@@ -196,6 +196,13 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     std::this_thread::sleep_for(milliseconds(200));
     EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect"));
     system_call_exit();
+    devices.hurry = 1000;
+    corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
+    for (corvo::UniqueFd& fd : waiting) {
+        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        connect(fd.get(), generic, sizeof(address));
+    }
+    EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);
 }
 

@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "base/standard_descriptors.h"
+
 constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
 
 // Prints "PROGRAM: MESSAGE" as one line on standard error, whatever the message contains.
@@ -37,9 +39,11 @@ inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** arg
     return std::nullopt;
 }
 
-// Runs a program's body; what it throws (memory or threads ran out) is one line as well.
+// Runs a program's body, with its standard descriptors open; what it throws (memory or threads ran
+// out) is one line as well.
 template <typename Body>
 int run_guarded(const char* program, Body body) {
+    corvo::occupy_standard_descriptors();
     try {
         return body();
     } catch (const std::exception& error) {
