@@ -200,7 +200,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        connect(fd.get(), generic, sizeof(address));
+        static_cast<void>(connect(fd.get(), generic, sizeof(address)));
     }
     EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);

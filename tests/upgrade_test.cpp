@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -53,15 +54,6 @@ Lines commands_of(const Lines& lines) {
     return commands;
 }
 
-// Of two long texts only the first difference.
-void expect_lines(const Lines& actual, const Lines& expected) {
-    for (size_t i = 0; i < std::max(actual.size(), expected.size()); ++i) {
-        const std::string a = i < actual.size() ? actual[i] : "(end)";
-        const std::string e = i < expected.size() ? expected[i] : "(end)";
-        ASSERT_EQ(a, e) << "line " << i << " of the console";
-    }
-}
-
 struct Upgrade : testing::Test {
     // Runs what a line of cases/upgrades.txt says; returns the outcome as it stands there.
     std::string outcome_of(std::istream& input) {
@@ -102,10 +94,14 @@ struct Upgrade : testing::Test {
         camera.start(faults);
         const int pid = camera.pid();
         Camera::post(message);
-        const Outcome outcome = camera.finish();
+        Outcome outcome = camera.finish();
         EXPECT_TRUE(outcome.ended && Camera::queue() < 0);
-        const Lines expected = console(name, pid);
-        expect_lines(outcome.lines, expected);
+        Lines expected = console(name, pid);
+        outcome.lines.emplace_back("(end)");
+        expected.emplace_back("(end)");
+        // Of two long texts only the first difference.
+        const auto [line, wanted] = std::ranges::mismatch(outcome.lines, expected);
+        EXPECT_TRUE(line == outcome.lines.end()) << *line << "\ninstead of\n" << *wanted;
         EXPECT_EQ(Camera::take_commands(), commands_of(expected));
 
         std::ostringstream text;
@@ -116,10 +112,9 @@ struct Upgrade : testing::Test {
         for (const std::string part : {"spl", "uboot", "dtb", "kernel", "rootfs", "system"}) {
             const std::string content = Camera::partition(part);
             const size_t size = content.find_last_not_of('\0') + 1;
-            std::string source = size == 0 ? "erased" : "spoilt";
+            std::string source = "spoilt";
             for (const auto& [file, bytes] : files) {
-                const size_t at =
-                    size == 0 ? std::string::npos : bytes.find(content.substr(0, size));
+                const size_t at = bytes.find(content.substr(0, size));
                 if (at != std::string::npos) {
                     source = std::string(file).append("+").append(std::to_string(at));
                 }
