@@ -261,6 +261,8 @@ void* SystemCall_Dbus_Listen_Thread(void* argument) {
         if (!fd.valid()) {
             if (!info->stopping) {
                 DBUS_ERROR("Cannot accept client connect request");
+                // Refused, a client tries again or tells; queued, it would wait for ever.
+                shutdown(info->listenSocket, SHUT_RDWR);
             }
             return nullptr;
         }

@@ -149,7 +149,7 @@ int32_t call_dbus_method(const char* method, const char* input, void* output,
     const size_t length = input == nullptr ? 0 : strlen(input);
     if (input == nullptr || length > COMMAND_MAX) {
         // A command cut to fit would be another command.
-        DBUS_ERROR("%s command of %zu characters refused, 1 to %zu are possible", method, length,
+        DBUS_ERROR("%s command of %zu characters refused, at most %zu are possible", method, length,
                    COMMAND_MAX);
         return DBUS_INVALID_ARGUMENT;
     }

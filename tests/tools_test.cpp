@@ -172,6 +172,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     }
     auto follower = std::async(std::launch::async, run, send);
     posted(0);
+    UPGRADE_LOG("UPGRADE_LUMO_UGRADE_SUCCESS");
     Corvo_LogProducerUnInit();
     EXPECT_EQ('2', follower.get()[0]) << "the service died";
     msgctl(queue_, IPC_RMID, nullptr);

@@ -56,20 +56,14 @@ bool take_back(int queue, long messageType) {
 }
 
 int exit_of(const Progress& progress) {
-    switch (progress.verdict) {
-        case Verdict::SUCCESS:
-            return OTACTL_OK;
-        case Verdict::FAILURE:
-            return OTACTL_FAILED;
-        case Verdict::NONE:
-            break;
+    if (!progress.restarting) {
+        print_error(OTACTL, "the service went away before the upgrade's end");
+        return OTACTL_NO_SERVICE;
     }
-    if (progress.restarting) {
+    if (progress.verdict == Verdict::NONE) {
         print_error(OTACTL, "the upgrade ended without a verdict: the request was not valid");
-        return OTACTL_FAILED;
     }
-    print_error(OTACTL, "the service went away before the upgrade's end");
-    return OTACTL_NO_SERVICE;
+    return progress.verdict == Verdict::SUCCESS ? OTACTL_OK : OTACTL_FAILED;
 }
 
 }  // namespace

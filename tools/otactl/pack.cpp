@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <filesystem>
 
 #include "base/owned.h"
 #include "command_line.h"
@@ -117,7 +118,10 @@ int write_text(const std::string& path, const std::string& text) {
 
 int pack(const PackOptions& options) {
     std::vector<Input> inputs;
-    if (options.output == options.manifest) {
+    const auto plain = [](const std::string& path) {
+        return std::filesystem::path(path).lexically_normal();
+    };
+    if (plain(options.output) == plain(options.manifest)) {
         return wrong_use("package and manifest cannot be the same file");
     }
     int result = read_arguments(options.modules, inputs);

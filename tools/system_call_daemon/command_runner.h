@@ -7,7 +7,7 @@
 #include <span>
 
 struct CommandResult {
-    bool started;         // false: no process or pipe could be made; the rest is 0
+    bool started;         // false: no process, pipe or thread could be made; the rest is 0
     bool cut;             // the time limit ended it
     int status;           // exit status, or 128 + the signal's number, as a shell tells it
     size_t outputLength;  // bytes put into output

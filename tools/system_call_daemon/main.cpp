@@ -70,14 +70,17 @@ int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t ou
     return result.started ? static_cast<int32_t>(result.outputLength) : DBUS_CALL_FAILED;
 }
 
-// A second daemon would take the first one's socket path away from it.
+// A second daemon would take the first one's socket path away from it. One that is too busy to
+// accept is there as well.
 bool daemon_is_running() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof(address.sun_path), SYSTEM_CALL_DBUS_SOCKET_FORMAT,
              SYSTEM_CALL_DAEMON_NAME);
-    const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+               0 ||
+           errno == EAGAIN;
 }
 
 int serve(const sigset_t& endSignals) {

@@ -1,6 +1,6 @@
 // The log call of the upgrade service: one bounded line per call, printed on standard output and
-// published to the log centre. Never fails, allocates nothing, takes no lock of its own; any
-// thread.
+// published to the log centre, for which nanomsg allocates a message. Never fails, takes no lock of
+// its own; any thread.
 //
 //   0523081502.417;main;120;0d737000;3;ota wait for ota message
 //   time stamp    ;function;source line;module;level;text
@@ -26,7 +26,6 @@ constexpr uint32_t LOG_EVENT_FILE_DELETED = LOG_MODULE_UPGRADE + 4;
 
 constexpr uint32_t LOG_LINE_SIZE = 512;          // bytes: stamp, text, newline, NUL
 constexpr uint32_t LOG_TEXT_CAPACITY = 509;      // bytes for stamp and text with a NUL
-constexpr uint32_t LOG_STAMP_CAPACITY = 25;      // bytes that the stamp may take, NUL included
 constexpr uint32_t LOG_STAMP_MIN_CAPACITY = 24;  // bytes below which no stamp is written
 
 // Every format begins with this prefix, and every call passes its four values first: function name,

@@ -17,7 +17,7 @@ void ota_signals_block();
 // cannot be started, it says so and every signal is left blocked or at its default.
 void ota_signals_start();
 
-// The reaction to one signal: logs, asks for the reboot (about 10 s at the most) and, for SIGQUIT,
+// The reaction to one signal: logs, asks for the reboot (about 15 s at the most) and, for SIGQUIT,
 // SIGSEGV and SIGABRT, ends the process with _exit(0). Takes the locks of the output stream and of
 // the transport, so it runs on a thread of its own, never as a signal handler.
 void sig_quit(int signo);
