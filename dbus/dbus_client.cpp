@@ -19,9 +19,9 @@
 
 namespace {
 
-// The socket must not block: a server that accepts nobody, with its backlog full, would hold the
-// attempt for ever. It blocks when the server was reached, which is returned; gives up early when
-// the endpoint is being closed.
+// Returns whether the server was reached; gives up early when the endpoint is being closed. The
+// socket comes non-blocking, or a server that accepts nobody would hold an attempt for ever once
+// its backlog is full; connected, it blocks.
 bool connect_with_retries(const SystemCallDbusInfo& info, int fd) {
     const sockaddr_un address = dbus_server_address(info.serverName);
     for (int32_t attempt = 0; attempt < DBUS_CONNECT_ATTEMPTS && !info.stopping; ++attempt) {

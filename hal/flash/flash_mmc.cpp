@@ -108,8 +108,7 @@ int copy_from(const Copy& copy, int64_t offset, Chunk& chunk) {
     return copy_chunks(copy, chunk);
 }
 
-// The device zeroes the range by itself, where it can without the zeros passing through here; false
-// when it does not know how, as no regular file does.
+// The device zeroes the range by itself; false when it does not know how, as no regular file does.
 bool zero_by_device(const corvo::UniqueFd& device, int64_t size) {
     uint64_t range[2] = {0, static_cast<uint64_t>(size)};  // start and length: linux/fs.h
     if (ioctl(device.get(), BLKZEROOUT, range) != 0) {
@@ -127,6 +126,16 @@ void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
         (void)!write(device.get(), zeros.data(), zeros.size());
     }
     (void)!write(device.get(), zeros.data(), static_cast<size_t>(remaining));
+}
+
+// Opens the partition to erase it. Reports a failure in the name of the operation that erases.
+corvo::UniqueFd open_to_erase(const char* part) {
+    corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        HAL_REPORT_AS("flash_mmc_erase_partition", REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
+                      "Could not open mmc device:%s for write.", part);
+    }
+    return device;
 }
 
 // Zeros the whole partition. The copy that follows writes synchronously in 16 KiB chunks, and zeros
@@ -155,10 +164,8 @@ bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t off
 // itself reports: the partition may hold the only boot loader. Returns FLASH_OK in both cases, or
 // FLASH_FAILED, reported, when there is no such partition.
 int erase_for_copy(const char* part, const char* path, int64_t offset, int64_t length) {
-    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    const corvo::UniqueFd device = open_to_erase(part);
     if (!device.valid()) {
-        HAL_REPORT_AS("flash_mmc_erase_partition", REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
-                      "Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     if (copy_can_begin(device, path, offset, length)) {
@@ -217,9 +224,8 @@ int flash_mmc_write_sector_partition(const char* part, const void* buf, int offs
 }
 
 int flash_mmc_erase_partition(const char* part) {
-    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    const corvo::UniqueFd device = open_to_erase(part);
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     zero(device);

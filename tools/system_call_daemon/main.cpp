@@ -78,9 +78,8 @@ bool daemon_is_running() {
     snprintf(address.sun_path, sizeof(address.sun_path), SYSTEM_CALL_DBUS_SOCKET_FORMAT,
              SYSTEM_CALL_DAEMON_NAME);
     const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
-               0 ||
-           errno == EAGAIN;
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    return connect(probe.get(), generic, sizeof(address)) == 0 || errno == EAGAIN;
 }
 
 int serve(const sigset_t& endSignals) {
