@@ -2,6 +2,16 @@
 # are most of what a row costs.
 export LC_ALL=C
 
+# Makes a block device of the file; sets disk. Others on this machine take loop devices too: the free
+# one may be younger than this root and lack its node here, or be gone by the next command.
+attach_loop() { # FILE
+    for _ in 1 2 3 4 5 6 7 8 9; do
+        disk=$(losetup --find) || return
+        [ -b "$disk" ] || mknod "$disk" b 7 "${disk#/dev/loop}"
+        losetup "$disk" "$1" 2> /dev/null && return
+    done
+}
+
 # Runs hal_tool on the partition that is full of "o". Sets code, and text: what the partition holds
 # then, and the percents and errors that were reported.
 write_flash() { # HAL_TOOL'S ARGUMENTS...
