@@ -1,19 +1,26 @@
 // The transport's diagnostic lines: one coloured line each on standard output, printed in one call
 // so that lines of different threads do not mix.
 //
-// A source file defines DBUS_SOURCE, the name that its lines carry, before it includes this.
+// A source file defines DBUS_SOURCE, the name that its lines carry, before it includes this. Lines
+// name the operation that a caller knows: a helper prints in the name of the one that it works for.
 #ifndef DBUS_DBUS_PRINT_H
 #define DBUS_DBUS_PRINT_H
 
 #include <stdio.h>
 
-#define DBUS_PRINT(colour, kind, text, ...)                                                       \
-    printf("\033[" colour "mDBUS: " kind ": [%s:%s:%d] " text "\033[0m\n", DBUS_SOURCE, __func__, \
+#define DBUS_PRINT_AS(operation, colour, kind, text, ...)                                          \
+    printf("\033[" colour "mDBUS: " kind ": [%s:%s:%d] " text "\033[0m\n", DBUS_SOURCE, operation, \
            __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-#define DBUS_ERROR(text, ...) DBUS_PRINT("31", "ERROR", text __VA_OPT__(, ) __VA_ARGS__)
-#define DBUS_WARN(text, ...) DBUS_PRINT("33", "WARN", text __VA_OPT__(, ) __VA_ARGS__)
-#define DBUS_INFO(text, ...) DBUS_PRINT("32", "INFO", text __VA_OPT__(, ) __VA_ARGS__)
-#define DBUS_DEBUG(text, ...) DBUS_PRINT("36", "DEBUG", text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_ERROR_AS(operation, text, ...) \
+    DBUS_PRINT_AS(operation, "31", "ERROR", text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_WARN_AS(operation, text, ...) \
+    DBUS_PRINT_AS(operation, "33", "WARN", text __VA_OPT__(, ) __VA_ARGS__)
+
+#define DBUS_ERROR(text, ...) DBUS_ERROR_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_WARN(text, ...) DBUS_WARN_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_INFO(text, ...) DBUS_PRINT_AS(__func__, "32", "INFO", text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_DEBUG(text, ...) \
+    DBUS_PRINT_AS(__func__, "36", "DEBUG", text __VA_OPT__(, ) __VA_ARGS__)
 
 #endif  // DBUS_DBUS_PRINT_H

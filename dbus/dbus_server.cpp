@@ -107,7 +107,8 @@ void name_message_thread(const SystemCallDbusInterface& entry, int32_t index) {
     dbus_name_thread(name);
 }
 
-void run_method(const RWProcessArgs& args, const SystemCallDbusInterface& entry) {
+void run_method(const char* operation, const RWProcessArgs& args,
+                const SystemCallDbusInterface& entry) {
     const SystemCallDbusMsg& call = args.record;
     SystemCallDbusMsg reply = {};
     reply.head = SYSTEM_CALL_DBUS_HEAD;
@@ -126,8 +127,9 @@ void run_method(const RWProcessArgs& args, const SystemCallDbusInterface& entry)
         reply.ret >= 0 ? std::min(static_cast<uint32_t>(reply.ret), SYSTEM_CALL_DBUS_DATA_SIZE) : 0;
     const corvo::ScopedLock lock(args.info->lock);
     const ssize_t written = record_write(args.connection->fd, reply);
-    if (written < 0) {
-        DBUS_ERROR("write result failed, ret:%zd errno:%d (%s)", written, errno, strerror(errno));
+    if (written <= 0) {
+        DBUS_ERROR_AS(operation, "write result failed, ret:%zd errno:%d (%s)", written, errno,
+                      strerror(errno));
     }
 }
 
@@ -139,7 +141,7 @@ void* SystemCall_Dbus_ReadWrite_Process(void* argument) {
     if (entry != nullptr) {
         name_message_thread(*entry, index);
         if (args->record.type != SYSTEM_CALL_DBUS_TYPE_SIGNAL) {
-            run_method(*args, *entry);
+            run_method(__func__, *args, *entry);
         } else if (entry->signalHandler != nullptr) {
             entry->signalHandler(args->record.data, args->record.len);
         }
@@ -149,7 +151,7 @@ void* SystemCall_Dbus_ReadWrite_Process(void* argument) {
 }
 
 // Gives a record to a thread of its own, or drops it when none can be had.
-void start_message_thread(corvo::OwnedBlock<RWProcessArgs> args) {
+void start_message_thread(const char* operation, corvo::OwnedBlock<RWProcessArgs> args) {
     SystemCallDbusInfo* const info = args->info;
     DbusConnection* const connection = args->connection;
     {
@@ -163,7 +165,8 @@ void start_message_thread(corvo::OwnedBlock<RWProcessArgs> args) {
     }
     struct sysinfo system = {};
     sysinfo(&system);
-    DBUS_ERROR(
+    DBUS_ERROR_AS(
+        operation,
         "daemon create pthread failed: %s, Uptime : %ld, Free RAM : %ld, Total RAM : %ld, "
         "Process count : %d",
         strerror(started), static_cast<long>(system.uptime), static_cast<long>(system.freeram),
@@ -172,12 +175,12 @@ void start_message_thread(corvo::OwnedBlock<RWProcessArgs> args) {
 }
 
 // Reads the connection until its end; each whole record goes to a message thread.
-void serve_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+void serve_connection(const char* operation, SystemCallDbusInfo* info, DbusConnection* connection) {
     RecordReader reader = {};
     while (true) {
         auto args = corvo::allocate_zeroed<RWProcessArgs>();
         if (args == nullptr) {
-            DBUS_ERROR("malloc RWProcessArgs failed");
+            DBUS_ERROR_AS(operation, "malloc RWProcessArgs failed");
             shutdown(connection->fd, SHUT_RDWR);
             return;
         }
@@ -187,22 +190,24 @@ void serve_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
             args->info = info;
             args->connection = connection;
             args->record = reader.record;
-            start_message_thread(std::move(args));
+            start_message_thread(operation, std::move(args));
         } else if (result == RECORD_BAD_HEAD) {
-            DBUS_ERROR("read msg head is invalid, ret = %zd head:%x", byteCount, reader.badHead);
+            DBUS_ERROR_AS(operation, "read msg head is invalid, ret = %zd head:%x", byteCount,
+                          reader.badHead);
         } else if (result != RECORD_INCOMPLETE) {
             const int reason = errno;
             if (info->stopping) {
                 return;
             }
             if (reason == EINTR) {
-                DBUS_WARN("read socket data interrupt ret:%zd errno:%d (%s)", byteCount, reason,
-                          strerror(reason));
+                DBUS_WARN_AS(operation, "read socket data interrupt ret:%zd errno:%d (%s)",
+                             byteCount, reason, strerror(reason));
                 continue;
             }
-            DBUS_ERROR("read socket data failed exit this thread, ret:%zd errno:%d (%s)", byteCount,
-                       reason, strerror(reason));
-            DBUS_ERROR("maybe client is close");
+            DBUS_ERROR_AS(operation,
+                          "read socket data failed exit this thread, ret:%zd errno:%d (%s)",
+                          byteCount, reason, strerror(reason));
+            DBUS_ERROR_AS(operation, "maybe client is close");
             return;
         }
     }
@@ -215,18 +220,18 @@ void* SystemCall_Dbus_ReadWrite_Thread(void* argument) {
         args = *block;
     }
     dbus_name_thread(args.info->name);
-    serve_connection(args.info, args.connection);
+    serve_connection(__func__, args.info, args.connection);
     leave_connection(args.info, args.connection);
     return nullptr;
 }
 
 // Starts the thread of an accepted connection. Returns whether memory sufficed; a connection whose
 // thread cannot be started is dropped.
-bool start_connection_thread(SystemCallDbusInfo* info, corvo::UniqueFd fd) {
+bool start_connection_thread(const char* operation, SystemCallDbusInfo* info, corvo::UniqueFd fd) {
     auto args = corvo::allocate_zeroed<ListenArgs>();
     auto connection = corvo::allocate_zeroed<DbusConnection>();
     if (args == nullptr || connection == nullptr) {
-        DBUS_ERROR("malloc ListenArgs failed");
+        DBUS_ERROR_AS(operation, "malloc ListenArgs failed");
         return false;
     }
     connection->fd = fd.release();
@@ -244,7 +249,7 @@ bool start_connection_thread(SystemCallDbusInfo* info, corvo::UniqueFd fd) {
     DbusConnection* const shared = connection.release();
     const int started = start_detached(SystemCall_Dbus_ReadWrite_Thread, args.get());
     if (started != 0) {
-        DBUS_ERROR("connection thread not started: %s", strerror(started));
+        DBUS_ERROR_AS(operation, "connection thread not started: %s", strerror(started));
         leave_connection(info, shared);
         return true;
     }
@@ -258,16 +263,17 @@ void* SystemCall_Dbus_Listen_Thread(void* argument) {
     bool goOn = true;
     while (goOn) {
         corvo::UniqueFd fd(accept4(info->listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
-        if (!fd.valid()) {
-            if (!info->stopping) {
-                DBUS_ERROR("Cannot accept client connect request");
-                // Refused, a client tries again or tells; queued, it would wait for ever.
-                shutdown(info->listenSocket, SHUT_RDWR);
-            }
-            return nullptr;
+        if (fd.valid()) {
+            goOn = start_connection_thread(__func__, info, std::move(fd));
+            continue;
         }
-        goOn = start_connection_thread(info, std::move(fd));
+        if (!info->stopping) {
+            DBUS_ERROR("Cannot accept client connect request");
+        }
+        goOn = false;
     }
+    // Refused, a client tries again or tells; queued, it would wait for ever.
+    shutdown(info->listenSocket, SHUT_RDWR);
     return nullptr;
 }
 
@@ -285,7 +291,7 @@ void remove_socket_file(const char* path) {
 int32_t dbus_server_open(SystemCallDbusInfo* info) {
     corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        DBUS_ERROR("Cannot create communication socket");
+        DBUS_ERROR_AS(DBUS_REGISTER, "Cannot create communication socket");
         return DBUS_SOCKET_FAILED;
     }
     const sockaddr_un address = dbus_server_address(info->name);
@@ -293,11 +299,11 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
     // it points to, and no directory.
     unlink(address.sun_path);
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        DBUS_ERROR("Cannot bind server socket (%s)", address.sun_path);
+        DBUS_ERROR_AS(DBUS_REGISTER, "Cannot bind server socket (%s)", address.sun_path);
         return DBUS_BIND_FAILED;
     }
     if (listen(fd.get(), LISTEN_BACKLOG) != 0) {
-        DBUS_ERROR("Cannot listen the client connect request\n");
+        DBUS_ERROR_AS(DBUS_REGISTER, "Cannot listen the client connect request\n");
         remove_socket_file(address.sun_path);
         return DBUS_LISTEN_FAILED;
     }
@@ -305,7 +311,7 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
     const int started =
         pthread_create(&info->listenThread, nullptr, SystemCall_Dbus_Listen_Thread, info);
     if (started != 0) {
-        DBUS_ERROR("Cannot start the listen thread: %s", strerror(started));
+        DBUS_ERROR_AS(DBUS_REGISTER, "Cannot start the listen thread: %s", strerror(started));
         info->listenSocket = 0;
         remove_socket_file(address.sun_path);
         return DBUS_NO_MEMORY;

@@ -6,9 +6,12 @@
 
 #include "dbus/dbus_socket_common.h"
 
-// Attempts to reach a server and the pause after each failed one, about 5 s in all.
+// Attempts to reach a server and the pause after each failed one.
 constexpr int32_t DBUS_CONNECT_ATTEMPTS = 100;
-constexpr unsigned DBUS_CONNECT_PAUSE_US = 50000;
+constexpr int32_t DBUS_CONNECT_PAUSE_MS = SYSTEM_CALL_DBUS_CONNECT_MS / DBUS_CONNECT_ATTEMPTS;
+
+// In whose name the opening of either role prints.
+constexpr const char* DBUS_REGISTER = "SystemCall_Dbus_Register";
 
 constexpr size_t THREAD_NAME_SIZE = 16;  // bytes, terminator included: prctl(2), PR_SET_NAME
 

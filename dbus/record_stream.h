@@ -42,8 +42,8 @@ RecordReadResult record_accept(RecordReader* reader, uint32_t byteCount);
 // Writes the record whole. Blocks at most RECORD_WRITE_STALL_MS between two pieces; raises no
 // SIGPIPE. On failure the connection is shut down, since the peer would take the rest of a record
 // for the beginning of one.
-// Returns the bytes written: 1236; 0, reported, when a first write moved nothing; or -1 with errno
-// set (ETIMEDOUT when the peer does not read).
+// Returns the bytes written: 1236; 0 when a first write moved nothing; or -1 with errno set
+// (ETIMEDOUT when the peer does not read).
 ssize_t record_write(int fd, const SystemCallDbusMsg& record);
 
 #endif  // DBUS_RECORD_STREAM_H

@@ -45,16 +45,17 @@ bool wait_for_daemon() {
     return false;
 }
 
-int32_t open_client(SystemCallDbusInfo* endpoint) {
+int32_t open_client(const char* operation, SystemCallDbusInfo* endpoint) {
     snprintf(endpoint->name, sizeof(endpoint->name), "system.call.%d", rand());
     snprintf(endpoint->serverName, sizeof(endpoint->serverName), "%s", SYSTEM_CALL_DAEMON_NAME);
     if (!wait_for_daemon()) {
-        DBUS_ERROR("Please run system_call_daemon first");
+        DBUS_ERROR_AS(operation, "Please run system_call_daemon first");
         return DBUS_CALL_FAILED;
     }
     const int32_t result = SystemCall_Dbus_Register(endpoint);
     if (result != DBUS_OK) {
-        DBUS_ERROR("SystemCall_Dbus_Register system_call_client error, ret:%d", result);
+        DBUS_ERROR_AS(operation, "SystemCall_Dbus_Register system_call_client error, ret:%d",
+                      result);
     }
     return result;
 }
@@ -74,7 +75,7 @@ bool is_reboot(const char* cmd) {
     return word == REBOOT_COMMAND;
 }
 
-void announce_reboot() {
+void announce_reboot(const char* operation) {
     char name[OWNER_NAME_SIZE] = "unknown";
     const corvo::OwnedFile comm(fopen("/proc/self/comm", "re"));
     if (comm != nullptr) {
@@ -83,7 +84,7 @@ void announce_reboot() {
         }
         name[strcspn(name, "\n")] = '\0';
     }
-    DBUS_ERROR("reboot is caused by pid=%d (%s)", static_cast<int>(getpid()), name);
+    DBUS_ERROR_AS(operation, "reboot is caused by pid=%d (%s)", static_cast<int>(getpid()), name);
 }
 
 int32_t leading_integer(const char* text) {
@@ -118,7 +119,7 @@ int32_t system_call_init() {
         DBUS_ERROR("SystemCall_DbusInfo_Alloc error");
         return DBUS_NO_MEMORY;
     }
-    const int32_t result = open_client(endpoint);
+    const int32_t result = open_client(__func__, endpoint);
     if (result != DBUS_OK) {
         SystemCall_DbusInfo_Free(endpoint);
         return result;
@@ -170,7 +171,7 @@ int32_t call_dbus_method(const char* method, const char* input, void* output,
 
 int32_t system_call(const char* cmd, int32_t timeoutMs) {
     if (is_reboot(cmd)) {
-        announce_reboot();
+        announce_reboot(__func__);
     }
     char text[SYSTEM_CALL_DBUS_DATA_SIZE + 1] = {};
     int32_t result =

@@ -7,7 +7,9 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include "base/alternate_stack.h"
 #include "base/standard_descriptors.h"
+#include "base/version.h"
 #include "dbus/system_call.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
@@ -19,8 +21,6 @@
 void* Plt_Log_TcpPrint = nullptr;
 
 namespace {
-
-#define UPGRADE_VERSION "0.0.2"
 
 constexpr long ANY_TYPE = 0;
 constexpr unsigned RECEIVE_RETRY_S = 5;
@@ -40,12 +40,11 @@ bool receive_request(int queueId, OtaMessage* message) {
 }  // namespace
 
 int main() {
+    const corvo::AlternateStack crashStack;
     corvo::occupy_standard_descriptors();
     // A line that is only in the buffer when the process is ended is a line nobody sees.
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    ota_signals_block();
-
-    UPGRADE_LOG("upgrade version:%s", UPGRADE_VERSION);
+    UPGRADE_LOG("upgrade version:%s", CORVO_VERSION);
     UPGRADE_LOG("ota evn_init start");
     system_call_init();
     UPGRADE_LOG("ota evn_init end");

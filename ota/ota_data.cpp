@@ -16,11 +16,11 @@ constexpr mode_t RECORD_MODE = 0644;
 uint8_t g_values[OTA_DATA_KEY_COUNT];
 bool g_loaded = false;
 
-void write_record() {
+void write_record(const char* operation) {
     const corvo::UniqueFd fd(
         open(OTA_DATA_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_DSYNC | O_CLOEXEC, RECORD_MODE));
     if (!fd.valid()) {
-        UPGRADE_LOG("open %s failed", OTA_DATA_PATH);
+        UPGRADE_LOG_AS(operation, "open %s failed", OTA_DATA_PATH);
         return;
     }
     // A record that could not be written must not stop an upgrade whose images can be.
@@ -57,5 +57,5 @@ void OTA_SetDataNv(uint32_t key, uint8_t value) {
     if (key < OTA_DATA_KEY_COUNT) {
         g_values[key] = value;
     }
-    write_record();
+    write_record(__func__);
 }

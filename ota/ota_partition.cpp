@@ -25,24 +25,25 @@ corvo::UniqueFd open_partition(const char* partitionName, uint32_t storageType) 
 
 // Compares the next chunk of both. Returns its length, or a negative value, reported, when they
 // differ or one cannot be read.
-ssize_t compare_chunk(int partition, const char* partitionName, int file, const char* filePath,
-                      off_t compared, off_t fileSize) {
+ssize_t compare_chunk(const char* operation, int partition, const char* partitionName, int file,
+                      const char* filePath, off_t compared, off_t fileSize) {
     const ssize_t length = read(file, g_file_chunk, sizeof(g_file_chunk));
     // Nothing where the file's status promised more: it was cut while being compared.
     if (length <= 0) {
-        UPGRADE_LOG("failed to read from %s", filePath);
+        UPGRADE_LOG_AS(operation, "failed to read from %s", filePath);
         return -1;
     }
     const ssize_t readBack = read(partition, g_partition_chunk, static_cast<size_t>(length));
     if (readBack < 0) {
-        UPGRADE_LOG("failed to read from %s", partitionName);
+        UPGRADE_LOG_AS(operation, "failed to read from %s", partitionName);
         return -1;
     }
     const bool same = readBack == length &&
                       memcmp(g_file_chunk, g_partition_chunk, static_cast<size_t>(length)) == 0;
     if (!same) {
-        UPGRADE_LOG("verify schedule: %ld.", static_cast<long>(compared * 100 / fileSize));
-        UPGRADE_LOG("partition: %s read verify failed", partitionName);
+        UPGRADE_LOG_AS(operation, "verify schedule: %ld.",
+                       static_cast<long>(compared * 100 / fileSize));
+        UPGRADE_LOG_AS(operation, "partition: %s read verify failed", partitionName);
         return -1;
     }
     return length;
@@ -73,8 +74,8 @@ int32_t upgrade_verifyPartition(const char* partitionName, const char* filePath,
     }
     off_t compared = 0;
     while (compared < status.st_size) {
-        const ssize_t length = compare_chunk(partition.get(), partitionName, file.get(), filePath,
-                                             compared, status.st_size);
+        const ssize_t length = compare_chunk(__func__, partition.get(), partitionName, file.get(),
+                                             filePath, compared, status.st_size);
         if (length < 0) {
             return OTA_FAILED;
         }

@@ -3,9 +3,10 @@
 #include "dbus/system_call.h"
 
 void ota_reboot() {
-    // When the daemon was away for too long the client has given its connection up for good; the
-    // daemon may be back all the same, and without the restart a camera stays as it is.
-    if (system_call("reboot", OTA_REBOOT_TIMEOUT_MS) == DBUS_WRITE_FAILED) {
+    // The daemon may be there although the client has never found it, has given its connection up
+    // or has lost the command with it; and without the restart a camera stays as it is. A second
+    // request does no harm.
+    if (system_call("reboot", OTA_REBOOT_TIMEOUT_MS) < 0) {
         system_call_reboot_unlocked();
     }
 }

@@ -7,8 +7,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 
+#include "base/alternate_stack.h"
 #include "dbus/system_call.h"
 #include "log/log_front_end.h"
 #include "ota_reboot.h"
@@ -18,84 +19,82 @@ namespace {
 constexpr int WAITED_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT};
 
-// A little over the time that sig_quit may take on the signal thread.
-constexpr time_t CRASH_WAIT_S = OTA_REBOOT_TIMEOUT_MS / 1000 + 2;
-constexpr size_t CRASH_STACK_SIZE = 64 * 1024;  // bytes
-
 pthread_t g_signal_thread;
-// For a crash of the main thread by stack overflow; the other threads' stacks hold a few records.
-alignas(16) char g_crash_stack[CRASH_STACK_SIZE];
+// The first crash signal, 0 while there was none: what the signal thread is woken for.
+std::atomic<int> g_crash{0};
 
-void add_all(sigset_t* set, const int* first, const int* last) {
-    std::for_each(first, last, [set](int signo) { sigaddset(set, signo); });
-}
-
-sigset_t set_of(bool waited, bool crash) {
+sigset_t waited_signals() {
     sigset_t set;
     sigemptyset(&set);
-    if (waited) {
-        add_all(&set, std::begin(WAITED_SIGNALS), std::end(WAITED_SIGNALS));
-    }
-    if (crash) {
-        add_all(&set, std::begin(CRASH_SIGNALS), std::end(CRASH_SIGNALS));
+    for (const int signo : WAITED_SIGNALS) {
+        sigaddset(&set, signo);
     }
     return set;
 }
 
 void* signal_thread(void* /*argument*/) {
-    const sigset_t all = set_of(true, true);
+    const corvo::AlternateStack crashStack;
+    const sigset_t waited = waited_signals();
     while (true) {
         int signo = 0;
-        if (sigwait(&all, &signo) == 0) {
-            sig_quit(signo);
+        if (sigwait(&waited, &signo) == 0) {
+            const int crash = g_crash.load();
+            sig_quit(crash != 0 ? crash : signo);
         }
     }
 }
 
-// Runs on the thread that crashed, which may hold any lock, so all work is the signal thread's: it
-// has the crash signals blocked and waits for them. It ends the process; if it cannot, because it
-// needs a lock that this thread holds, the reboot is asked for without locks.
-void crash_handler(int signo) {
+// For a thread that another library has started without blocking these signals.
+void pass_on(int signo) {
     pthread_kill(g_signal_thread, signo);
-    const timespec wait = {.tv_sec = CRASH_WAIT_S, .tv_nsec = 0};
-    nanosleep(&wait, nullptr);
+}
+
+// Runs on the thread that crashed, which may hold any lock, so all work is the signal thread's,
+// which is woken by a signal that it waits for. It ends the process; if it cannot, because it needs
+// a lock that this thread holds, or is itself the one that crashed, the reboot is asked for without
+// locks.
+void crash_handler(int signo) {
+    if (pthread_equal(pthread_self(), g_signal_thread) == 0) {
+        int none = 0;
+        g_crash.compare_exchange_strong(none, signo);
+        pthread_kill(g_signal_thread, SIGQUIT);
+        constexpr timespec wait = {.tv_sec = OTA_REBOOT_LONGEST_MS / 1000, .tv_nsec = 0};
+        nanosleep(&wait, nullptr);
+    }
     system_call_reboot_unlocked();
     _exit(EXIT_SUCCESS);
 }
 
-void install_crash_handler() {
-    const stack_t stack = {.ss_sp = g_crash_stack, .ss_flags = 0, .ss_size = sizeof(g_crash_stack)};
-    sigaltstack(&stack, nullptr);
+void install(int signo, void (*handler)(int), int flags) {
     struct sigaction action = {};
-    action.sa_handler = crash_handler;
-    action.sa_flags = SA_ONSTACK;
+    action.sa_handler = handler;
+    action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
-    for (const int signo : CRASH_SIGNALS) {
-        sigaction(signo, &action, nullptr);
-    }
+    sigaction(signo, &action, nullptr);
 }
 
 }  // namespace
 
-void ota_signals_block() {
-    const sigset_t waited = set_of(true, false);
-    pthread_sigmask(SIG_BLOCK, &waited, nullptr);
-}
-
 void ota_signals_start() {
     signal(SIGPIPE, SIG_IGN);
-    // The signal thread is born with the crash signals blocked; everywhere else they must stay
-    // open, for a blocked fault ends the process on the spot.
-    const sigset_t crash = set_of(false, true);
-    pthread_sigmask(SIG_BLOCK, &crash, nullptr);
+    // Blocked on this thread from now on, and on each that it starts: a system call of an upgrade
+    // that is interrupted may leave a partition half written.
+    const sigset_t waited = waited_signals();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &waited, &before);
     const int started = pthread_create(&g_signal_thread, nullptr, signal_thread, nullptr);
-    if (started == 0) {
-        pthread_detach(g_signal_thread);
-        install_crash_handler();
-    } else {
+    if (started != 0) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
         UPGRADE_LOG("signal thread not started: %s", strerror(started));
+        return;
     }
-    pthread_sigmask(SIG_UNBLOCK, &crash, nullptr);
+    pthread_detach(g_signal_thread);
+    for (const int signo : WAITED_SIGNALS) {
+        install(signo, pass_on, SA_RESTART);
+    }
+    for (const int signo : CRASH_SIGNALS) {
+        install(signo, crash_handler, SA_ONSTACK);
+    }
 }
 
 void sig_quit(int signo) {

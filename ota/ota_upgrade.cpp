@@ -22,6 +22,9 @@
 
 namespace {
 
+// Every step logs in the name of the procedure that it is a step of.
+constexpr const char* HANDLER = "upgrade_handler";
+
 #define AUTO_FLASH_FLAG_PATH "/tmp/autoflash"
 #define PID_FILE_PATH "/tmp/corvo_upgrade.pid"
 #define PACKAGE_DISK_PATH "/media/mmcblk0p1"
@@ -97,41 +100,41 @@ void kill_applications(int signo) {
 }
 
 void stop_applications() {
-    UPGRADE_LOG("ota kill process start");
+    UPGRADE_LOG_AS(HANDLER, "ota kill process start");
     kill_applications(15);
     sleep(TERMINATE_PAUSE_S);
     kill_applications(9);
     // For the log of the daemon: how much memory the flashing will have.
     system_call("cat /proc/meminfo", COMMAND_TIMEOUT_MS);
-    UPGRADE_LOG("ota kill process end");
+    UPGRADE_LOG_AS(HANDLER, "ota kill process end");
 }
 
 void prepare(UpgradeRun* run) {
     OTA_LoadDataNv();
     if (exists(AUTO_FLASH_FLAG_PATH)) {
-        UPGRADE_LOG("auto flash flag is set");
+        UPGRADE_LOG_AS(HANDLER, "auto flash flag is set");
         run->autoFlash = true;
     }
-    UPGRADE_LOG("ota hal init start");
+    UPGRADE_LOG_AS(HANDLER, "ota hal init start");
     // From here to the success verdict, whatever cuts the run short leaves "not succeeded" behind.
     OTA_SetDataNv(OTA_DATA_KEY_RESULT, OTA_RESULT_NOT_SUCCEEDED);
     PAL_OTA_Init();
     PAL_LED_Init();
     PAL_NV_Init();
-    UPGRADE_LOG("ota hal init end");
+    UPGRADE_LOG_AS(HANDLER, "ota hal init end");
     PAL_Pmu_Init(0);
     // This device has no watchdog to arm; what reads the log waits for the two lines.
-    UPGRADE_LOG("watchdog init start");
-    UPGRADE_LOG("watchdog init end");
+    UPGRADE_LOG_AS(HANDLER, "watchdog init start");
+    UPGRADE_LOG_AS(HANDLER, "watchdog init end");
     OTA_GetPackageTables(0, &run->tables, &run->tableCount);
-    UPGRADE_LOG("package type:%d", run->message.packageType);
+    UPGRADE_LOG_AS(HANDLER, "package type:%d", run->message.packageType);
 }
 
 // Returns OTA_FAILED when the request is one that nothing must be written for.
 int32_t check_request(const UpgradeRun& run) {
     const OtaMessage& message = run.message;
     if (message.moduleCount > OTA_MSG_MAX_MODULES) {
-        UPGRADE_LOG("moduleCount %d is invalid", message.moduleCount);
+        UPGRADE_LOG_AS(HANDLER, "moduleCount %d is invalid", message.moduleCount);
         return OTA_FAILED;
     }
     if (run.autoFlash || message.packageType == OTA_PACKAGE_TYPE_COMBINED) {
@@ -142,16 +145,16 @@ int32_t check_request(const UpgradeRun& run) {
         if (moduleType == 0) {
             continue;
         }
-        UPGRADE_LOG("rece msg form queue,moduleType %d", static_cast<int>(moduleType));
+        UPGRADE_LOG_AS(HANDLER, "rece msg form queue,moduleType %d", static_cast<int>(moduleType));
         const OtaPackageEntry* const entry =
             OTA_LumoFindModuleByMoudleType(static_cast<uint8_t>(moduleType));
         if (entry == nullptr) {
-            UPGRADE_LOG("moduleType %d no find", static_cast<int>(moduleType));
+            UPGRADE_LOG_AS(HANDLER, "moduleType %d no find", static_cast<int>(moduleType));
             return OTA_FAILED;
         }
         const Path path = image_path(message, *entry);
         if (!exists(path.text)) {
-            UPGRADE_LOG("ota file %s no exist", path.text);
+            UPGRADE_LOG_AS(HANDLER, "ota file %s no exist", path.text);
             OTA_SetDataNv(OTA_DATA_KEY_RESULT, OTA_RESULT_NOT_SUCCEEDED);
         }
     }
@@ -168,8 +171,8 @@ int32_t write_from_file(UpgradeRun* run, const OtaPackageEntry& entry) {
     ++run->attempted;
     const uint32_t halModuleType = OTA_GetHalModuleType(entry.moduleType);
     const uint32_t storageType = OTA_GetHalStorageType(entry.flashType);
-    UPGRADE_LOG("upgrade %s start, moudle type:%d, flash type:%d", path.text,
-                static_cast<int>(halModuleType), static_cast<int>(storageType));
+    UPGRADE_LOG_AS(HANDLER, "upgrade %s start, moudle type:%d, flash type:%d", path.text,
+                   static_cast<int>(halModuleType), static_cast<int>(storageType));
     return upgrade_upgradePartition(halModuleType, entry.partitionName, path.text, storageType);
 }
 
@@ -182,8 +185,8 @@ int32_t write_from_package(UpgradeRun* run, const OtaPackageEntry& entry) {
     ++run->attempted;
     const uint32_t halModuleType = OTA_GetHalModuleType(entry.moduleType);
     const uint32_t storageType = OTA_GetHalStorageType(entry.flashType);
-    UPGRADE_LOG("upgrade %s start, moudle type:%d, flash type:%d", entry.partitionName,
-                static_cast<int>(halModuleType), static_cast<int>(storageType));
+    UPGRADE_LOG_AS(HANDLER, "upgrade %s start, moudle type:%d, flash type:%d", entry.partitionName,
+                   static_cast<int>(halModuleType), static_cast<int>(storageType));
     uint64_t offset = 0;
     uint64_t size = 0;
     get_partition_info_by_msg(&entry, &run->message, &offset, &size);
@@ -194,14 +197,14 @@ int32_t write_from_package(UpgradeRun* run, const OtaPackageEntry& entry) {
 
 // Writes the table's rows in order, up to the first that fails.
 void write_table(UpgradeRun* run, const OtaPackageTable& table) {
-    UPGRADE_LOG("upgrade module length %d", table.entryCount);
+    UPGRADE_LOG_AS(HANDLER, "upgrade module length %d", table.entryCount);
     const bool files = run->message.packageType == OTA_PACKAGE_TYPE_FILES;
     for (int32_t row = 0; row < table.entryCount; ++row) {
         const OtaPackageEntry& entry = table.entries[row];
         const int32_t attemptedBefore = run->attempted;
         const int32_t result = files ? write_from_file(run, entry) : write_from_package(run, entry);
         if (result != OTA_OK) {
-            UPGRADE_LOG("ota %s failed", entry.partitionName);
+            UPGRADE_LOG_AS(HANDLER, "ota %s failed", entry.partitionName);
             return;
         }
         run->succeeded += run->attempted - attemptedBefore;
@@ -209,8 +212,8 @@ void write_table(UpgradeRun* run, const OtaPackageTable& table) {
 }
 
 void log_deleted(const char* path) {
-    CORVO_LOG(LOG_LEVEL_ORDINARY, LOG_OUTPUT_CONSOLE, LOG_EVENT_FILE_DELETED, "delete file %s",
-              path);
+    CORVO_LOG_AS(HANDLER, LOG_LEVEL_ORDINARY, LOG_OUTPUT_CONSOLE, LOG_EVENT_FILE_DELETED,
+                 "delete file %s", path);
 }
 
 void delete_package(const UpgradeRun& run) {
@@ -235,19 +238,19 @@ void delete_package(const UpgradeRun& run) {
 
 void conclude(const UpgradeRun& run) {
     if (run.attempted != run.succeeded) {
-        UPGRADE_EVENT(LOG_EVENT_FAILED, "UPGRADE_LUMO_UGRADE_FAILED");
+        UPGRADE_EVENT_AS(HANDLER, LOG_EVENT_FAILED, "UPGRADE_LUMO_UGRADE_FAILED");
         OTA_SetDataNv(OTA_DATA_KEY_RESULT, OTA_RESULT_NOT_SUCCEEDED);
         OTA_SetDataNv(OTA_DATA_KEY_STATE, OTA_STATE_FAILURE);
         return;
     }
-    UPGRADE_EVENT(LOG_EVENT_SUCCEEDED, "UPGRADE_LUMO_UGRADE_SUCCESS");
+    UPGRADE_EVENT_AS(HANDLER, LOG_EVENT_SUCCEEDED, "UPGRADE_LUMO_UGRADE_SUCCESS");
     OTA_SetDataNv(OTA_DATA_KEY_RESULT, OTA_RESULT_SUCCEEDED);
     OTA_SetDataNv(OTA_DATA_KEY_STATE,
                   run.autoFlash ? OTA_STATE_AUTO_FLASH_SUCCESS : OTA_STATE_SUCCESS);
-    UPGRADE_LOG("otaPackageTableSize:%d, moduleLen:%d", static_cast<int>(run.tableCount),
-                run.tables[0].entryCount);
+    UPGRADE_LOG_AS(HANDLER, "otaPackageTableSize:%d, moduleLen:%d",
+                   static_cast<int>(run.tableCount), run.tables[0].entryCount);
     const int32_t switched = PAL_OTA_AB_SWITCH(OTHER_SLOT, 0);
-    UPGRADE_LOG("AB switch end, ret=%d", switched);
+    UPGRADE_LOG_AS(HANDLER, "AB switch end, ret=%d", switched);
     delete_package(run);
 }
 
@@ -255,11 +258,11 @@ void conclude(const UpgradeRun& run) {
     PAL_OTA_DeInit();
     sleep(SHUTDOWN_PAUSE_S);
     msgctl(queueId, IPC_RMID, nullptr);
-    UPGRADE_LOG("umount disk");
+    UPGRADE_LOG_AS(HANDLER, "umount disk");
     char command[UNMOUNT_COMMAND_SIZE] = {};
     snprintf(command, sizeof(command), "umount %s", PACKAGE_DISK_PATH);
     system_call(command, DEFAULT_TIMEOUT);
-    UPGRADE_LOG("Restart the system");
+    UPGRADE_LOG_AS(HANDLER, "Restart the system");
     sleep(REBOOT_PAUSE_S);
     ota_reboot();
     exit(EXIT_SUCCESS);

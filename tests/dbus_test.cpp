@@ -163,6 +163,56 @@ TEST_F(Dbus, ServerWaitsForItsHandlersAndTheClientForANewServer) {
     caller.join();
 }
 
+TEST_F(Dbus, EachReplyWaitsAMillisecond) {
+    const int before = Faults::calls("usleep");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(system_call("1", 20000), 1);
+    }
+    EXPECT_EQ(Faults::calls("usleep") - before, 3000);  // microseconds
+}
+
+TEST_F(Dbus, ConnectionsToDyingServersAreReplacedUntilOneLives) {
+    CapturedOutput output;
+    for (int deaths = 0; deaths < 20; ++deaths) {
+        const corvo::UniqueFd dying =
+            listening_as_daemon();  // dies before it accepts, with the connection
+        server.reset();
+        std::this_thread::sleep_for(milliseconds(deaths));
+    }
+    server = std::make_unique<PlayedDaemon>(echo, echo);
+    EXPECT_EQ(system_call("8", 20000), 8);
+    EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect, ret:-1 errno:104"));
+}
+
+TEST_F(Dbus, ServerThatHangsUpOnEverybodyIsGivenUp) {
+    system_call_exit();
+    devices.hurry = 100;
+    server.reset();
+    const corvo::UniqueFd listener = listening_as_daemon();
+    ASSERT_EQ(system_call_init(), DBUS_OK);
+    std::thread hangsUp([&listener] {
+        while (corvo::UniqueFd(accept4(listener.get(), nullptr, nullptr, 0)).valid()) {
+        }
+    });
+    CapturedOutput output;
+    EXPECT_TRUE(eventually(20000, [] { return system_call("1", 10) == DBUS_WRITE_FAILED; }));
+    shutdown(listener.get(), SHUT_RDWR);
+    hangsUp.join();
+    remove(SOCKET);
+    EXPECT_TRUE(contains(output.take(), "Cannot reconnect to the server"));
+}
+
+TEST_F(Dbus, ServerWithoutMemoryForAConnectionRefusesTheNext) {
+    server.reset();
+    const Faults faults({{"calloc", 5, ENOMEM}});  // the first four make the endpoint
+    server = std::make_unique<PlayedDaemon>(echo, echo);
+    g_longest_send = SIZE_MAX;
+    system_call_reboot_unlocked();
+    EXPECT_TRUE(eventually(5000, [] {
+        return system_call_reboot_unlocked() == DBUS_CONNECT_FAILED && errno == ECONNREFUSED;
+    }));
+}
+
 TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
     for (const Misbehaviour& misbehaviour : MISBEHAVIOURS) {
         EXPECT_EQ(system_call(misbehaviour.command, 20000), atoi(misbehaviour.command));
@@ -179,11 +229,7 @@ TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
 TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     system_call_exit();
     server.reset();
-    const corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    const sockaddr_un address = dbus_server_address(SYSTEM_CALL_DAEMON_NAME);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    ASSERT_TRUE(bind(listener.get(), generic, sizeof(address)) == 0 &&
-                listen(listener.get(), 1) == 0);
+    const corvo::UniqueFd listener = listening_as_daemon();
     ASSERT_EQ(system_call_init(), DBUS_OK);
     CapturedOutput output;
     const auto start = steady_clock::now();
@@ -197,6 +243,8 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect"));
     system_call_exit();
     devices.hurry = 1000;
+    const sockaddr_un address = dbus_server_address(SYSTEM_CALL_DAEMON_NAME);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
@@ -306,6 +354,8 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_OK);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_CALL_FAILED);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_REPLIED);
+    client->serverName[0] = '\0';  // a server alone has nobody to send to
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_INVALID_ARGUMENT);
     SystemCall_DbusInfo_Free(client);
     EXPECT_EQ(SystemCall_DbusInfo_Alloc(257), nullptr);
 }

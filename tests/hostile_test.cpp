@@ -1,6 +1,8 @@
 // Neighbours that misbehave around the real program while it carries out an upgrade.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/msg.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,6 +43,24 @@ struct Hostile : testing::Test {
     const std::string image = pattern_bytes(60000, 5);
     Camera camera;
 };
+
+// It leaves a command unread, so that its end is a reset. Its successor is there at once.
+TEST_F(Hostile, DaemonThatDiesInTheMiddleCostsOneCommand) {
+    camera.daemon.reset();
+    corvo::UniqueFd listener = listening_as_daemon();
+    const std::string printed = upgrade([this, &listener] {
+        corvo::UniqueFd dying(accept4(listener.get(), nullptr, nullptr, 0));
+        pollfd command = {.fd = dying.get(), .events = POLLIN, .revents = 0};
+        EXPECT_EQ(poll(&command, 1, 20000), 1);
+        listener.reset();
+        camera.daemon = Camera::fake_daemon();
+        dying.reset();
+    });
+    EXPECT_TRUE(contains(printed, "disconnect with server, reconnect, ret:-1 errno:104"));
+    EXPECT_TRUE(contains(printed, "ret:-1 cmd:echo "));
+    EXPECT_TRUE(contains(printed, "ret:0 cmd:killall -15 corvo_lumo"));
+    EXPECT_TRUE(contains(printed, "ret:0 cmd:/etc/init.d/S99checkboot systemB"));
+}
 
 TEST_F(Hostile, FloodedQueueDelaysNothing) {
     upgrade([this] {

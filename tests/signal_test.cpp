@@ -1,6 +1,7 @@
 // What the real program does when it is told to stop, and when it crashes.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <string.h>
 
 #include <chrono>
 #include <regex>
@@ -60,6 +61,51 @@ TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     EXPECT_EQ(commands[2], "reboot");
 }
 
+// A thread that has used its stack up, whichever: the calls are those of the signal thread, of the
+// transport's reader, of the LED's worker and of main.
+TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
+    for (const Fault& fault : {Fault{"send", 1, OVERFLOW}, Fault{"read", 2, OVERFLOW},
+                               Fault{"select", 1, OVERFLOW}, Fault{"fstat", 1, OVERFLOW}}) {
+        SCOPED_TRACE(fault.call);
+        write_file(Camera::PACKAGE_DIR + "kernel.bin", "image");
+        Camera::take_commands();
+        camera.start({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
+        camera.wait_for("ota wait for ota message");
+        if (strcmp(fault.call, "send") == 0) {
+            EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
+        } else {
+            Camera::post(Camera::request(0, {3}));
+        }
+        EXPECT_TRUE(camera.finish().ended);
+        EXPECT_TRUE(Camera::asked("reboot", 5000));
+    }
+}
+
+// 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to ask
+// again.
+TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
+    camera.start({}, true);
+    camera.wait_for("ota wait for ota message");
+    camera.daemon.reset();
+    EXPECT_EQ(kill(camera.pid(), SIGABRT), 0);
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    camera.daemon = Camera::fake_daemon(9500);
+    EXPECT_TRUE(contains(camera.finish().text, "ret:0 cmd:reboot"));
+    EXPECT_EQ(Camera::take_commands(), std::vector<std::string>{"reboot"});
+}
+
+TEST_F(Signal, UntilTheHandlingIsInstalledOrWithoutItsThreadTheDefaultHolds) {
+    camera.start({{"pthread_create", 2, EAGAIN}});  // the first is the transport's reader
+    camera.wait_for("signal thread not started");
+    EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
+    EXPECT_FALSE(camera.finish().ended);
+    camera.daemon.reset();
+    camera.start({}, true);
+    camera.wait_for("ota evn_init start");
+    EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
+    EXPECT_FALSE(contains(camera.finish().text, "sig_handler"));
+}
+
 TEST_F(Signal, WithoutADaemonTheServiceStillWaitsForItsRequest) {
     camera.daemon.reset();
     camera.start();
@@ -70,6 +116,8 @@ TEST_F(Signal, WithoutADaemonTheServiceStillWaitsForItsRequest) {
     EXPECT_TRUE(outcome.ended);
     EXPECT_TRUE(contains(outcome.text, "Please run system_call_daemon first"));
     EXPECT_TRUE(contains(outcome.text, "please run system_call_init first"));
+    EXPECT_TRUE(eventually(
+        5000, [] { return Camera::take_commands() == std::vector<std::string>{"reboot"}; }));
     EXPECT_LT(Camera::queue(), 0);
 }
 

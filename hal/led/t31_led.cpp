@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 
+#include "base/alternate_stack.h"
 #include "led_lines.h"
 #include "led_pattern.h"
 #include "pal_common/error_log.h"
@@ -77,6 +78,7 @@ void play_tick(LedState& state) {
 }
 
 void* led_process_thread(void* /*unused*/) {
+    const corvo::AlternateStack crashStack;
     HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_INFO, "led process thread.\n");
     prctl(PR_SET_NAME, "led_act");
     LedState state;

@@ -9,10 +9,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "files.h"
 
@@ -24,10 +28,15 @@ constexpr const char* PARTITIONS[] = {"spl",    "uboot",       "dtb",        "ke
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
 
+std::atomic<int> g_command_ms{0};
+
 // Yields "A": as a status that is 0, as output the boot slot.
 int32_t note(const void* command, uint32_t length, void* out, uint32_t outSize) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    g_commands.emplace_back(static_cast<const char*>(command), length);
+    {
+        const std::lock_guard<std::mutex> lock(g_mutex);
+        g_commands.emplace_back(static_cast<const char*>(command), length);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(g_command_ms));
     return snprintf(static_cast<char*>(out), outSize, "A\n");
 }
 
@@ -40,14 +49,23 @@ std::vector<std::string> comparable(const std::string& text) {
 
 }  // namespace
 
-std::unique_ptr<PlayedDaemon> Camera::fake_daemon() {
+std::unique_ptr<PlayedDaemon> Camera::fake_daemon(int commandMs) {
     take_commands();
+    g_command_ms = commandMs;
     return std::make_unique<PlayedDaemon>(note, note);
 }
 
 std::vector<std::string> Camera::take_commands() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return std::exchange(g_commands, {});
+}
+
+bool Camera::asked(const std::string& command, int patienceMs) {
+    return eventually(patienceMs, [&command] {
+        return std::ranges::any_of(take_commands(), [&command](const std::string& each) {
+            return each.starts_with(command);
+        });
+    });
 }
 
 Camera::Camera() {

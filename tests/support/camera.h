@@ -32,10 +32,14 @@ class Camera {
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    // Succeeds in whatever it is asked to run, without running it; slot A is up. One at a time.
-    static std::unique_ptr<PlayedDaemon> fake_daemon();
+    // Succeeds in whatever it is asked to run, without running it, after so many milliseconds; slot
+    // A is up. One at a time.
+    static std::unique_ptr<PlayedDaemon> fake_daemon(int commandMs = 0);
     std::unique_ptr<PlayedDaemon> daemon = fake_daemon();
     static std::vector<std::string> take_commands();  // what it was asked for since the last time
+    // Whether one that begins so is among them. The daemon may come to it only when the service, in
+    // a hurry, is gone: so many milliseconds later at the most.
+    static bool asked(const std::string& command, int patienceMs);
 
     static void clear();  // all partitions full of "o", no record, no package, no auto-flash
     static std::string partition(const std::string& name);  // its content

@@ -23,6 +23,8 @@
 Devices devices = {};
 
 extern "C" FILE* __real_fopen64(const char* path, const char* mode);
+extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                     void* (*body)(void*), void* argument);
 
 namespace {
 
@@ -47,8 +49,8 @@ Counter& counter_of(const char* call) {
     return *counter;
 }
 
-// Counts the call; returns the fault that it meets, with errno set.
-Fault next(const char* call, int amount = 1) {
+// What the call meets, which is counted.
+Fault met_by(const char* call, int amount) {
     Fault met = {call, 0, NONE, 0};
     const corvo::ScopedLock lock(g_mutex);
     const int ordinal = counter_of(call).calls += amount;
@@ -57,6 +59,25 @@ Fault next(const char* call, int amount = 1) {
             (fault.ordinal == ordinal || (fault.ordinal < 0 && -fault.ordinal <= ordinal))) {
             met = fault;
         }
+    }
+    return met;
+}
+
+// In steps that no guard page is as small as. NOLINTNEXTLINE(misc-no-recursion)
+int use_up_stack(int steps) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(steps);
+    return steps == 0 ? 0 : use_up_stack(steps - 1) + frame[0];
+}
+
+// Counts the call; returns the fault that it meets, with errno set, if it returns.
+Fault next(const char* call, int amount = 1) {
+    const Fault met = met_by(call, amount);
+    if (met.effect == CRASH) {
+        abort();
+    }
+    if (met.effect == OVERFLOW) {
+        use_up_stack(1 << 30);
     }
     errno = met.effect > 0 ? met.effect : errno;
     return met;
@@ -101,8 +122,18 @@ bool is_image(int fd, const char* data, size_t size) {
     return image;
 }
 
+void* wait_for_ever(void* /*argument*/) {
+    while (true) {
+        pause();
+    }
+}
+
 __attribute__((constructor)) void read_faults() {
     const char* text = getenv(FAULTS_VARIABLE);
+    pthread_t thread = {};
+    if (text != nullptr && __real_pthread_create(&thread, nullptr, wait_for_ever, nullptr) == 0) {
+        pthread_detach(thread);
+    }
     static char names[MOST_FAULTS][32];
     int length = 0;
     for (size_t i = 0; text != nullptr && i < MOST_FAULTS; ++i, text += length) {
@@ -223,9 +254,6 @@ ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
     change();
     const Fault met = next("send");
-    if (met.effect == CRASH) {
-        abort();
-    }
     size_t moved = met.effect == SHORT ? std::min(met.count, size) : size;
     if (devices.send != nullptr) {
         moved = devices.send(fd, data, moved);
@@ -257,6 +285,15 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
         devices.write(fd, stored, moved);
     }
     return __real_write(fd, stored, moved);
+}
+
+void __real_sync();
+void __wrap_sync() {
+    change();
+    if (next("sync").effect == CUT) {
+        cut_power();
+    }
+    __real_sync();
 }
 
 // Polls and retries stay polls and retries, only quicker ones.

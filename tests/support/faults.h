@@ -13,11 +13,12 @@
 // What happens to a call; above 0: it fails with this errno.
 enum Effect {
     SHORT = 0,   // read, write and send move `count` bytes at the most; a timed wait ends at once
-    CUT = -1,    // "change": the power is cut before it
+    CUT = -1,    // "change" and "sync": the power is cut before it
     TEAR = -2,   // "write": the power is cut in the middle of it
     FLIP = -3,   // "image", a write of image data to a partition: it stores a wrong bit
-    CRASH = -4,  // "send": abort(), with the transport's lock held
-    NONE = -5
+    CRASH = -4,  // abort()
+    NONE = -5,
+    OVERFLOW = -6,  // the stack of the calling thread is used up
 };
 
 struct Fault {
@@ -50,7 +51,7 @@ class Faults {
 
 // The service takes "CALL:ORDINAL:EFFECT:COUNT ..." from the first of these in its environment, and
 // leaves the number of calls that the first fault's name had, and of its open descriptors, in a
-// file.
+// file. It has a thread of another library then, with every signal open.
 constexpr char FAULTS_VARIABLE[] = "CORVO_FAULTS";
 constexpr char FAULTS_REPORT[] = "/tmp/faults_report";
 

@@ -2,10 +2,25 @@
 #ifndef TESTS_SUPPORT_PLAYED_DAEMON_H
 #define TESTS_SUPPORT_PLAYED_DAEMON_H
 
+#include <gtest/gtest.h>
 #include <stdio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include "base/unique_fd.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
+
+// A socket that listens in the daemon's place, with which a test deals as it likes.
+inline corvo::UniqueFd listening_as_daemon() {
+    constexpr sockaddr_un address = {AF_UNIX, "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX};
+    remove(address.sun_path);
+    corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    return listener;
+}
 
 class PlayedDaemon {
   public:

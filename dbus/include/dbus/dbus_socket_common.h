@@ -24,6 +24,7 @@ constexpr uint32_t SYSTEM_CALL_DBUS_MARKER_SIZE = 32;  // bytes, terminator incl
 constexpr uint32_t SYSTEM_CALL_DBUS_PATH_SIZE = 128;   // bytes, terminator included
 constexpr int32_t SYSTEM_CALL_DBUS_MAX_INTERFACES = 256;
 constexpr int32_t SYSTEM_CALL_DBUS_DEFAULT_TIMEOUT_MS = 10000;
+constexpr int32_t SYSTEM_CALL_DBUS_CONNECT_MS = 5000;  // for which a connection is tried
 
 // Where an endpoint's server socket stands: the format takes the endpoint's name.
 #define SYSTEM_CALL_DBUS_SOCKET_FORMAT "/tmp/dbus-%s"
@@ -108,6 +109,7 @@ struct SystemCallDbusInfo {
     int32_t connectionSocket;                     // 0: none, -1: lost for good; guarded by lock
     char socketPath[SYSTEM_CALL_DBUS_PATH_SIZE];  // as bound; empty: nothing to remove
     pthread_t methodThread;
+    std::atomic<bool> reading;  // the reader thread runs, and replaces a connection that is lost
     pthread_t listenThread;
     pthread_mutex_t lock;
     std::atomic<bool> stopping;   // set by UnRegister; every thread of the endpoint ends on it
@@ -129,8 +131,9 @@ void SystemCall_DbusInterface_Set_Method(SystemCallDbusInterface* entry, const c
 void SystemCall_DbusInfo_Free(SystemCallDbusInfo* info);
 
 // Opens the endpoint's roles: binds, listens and starts the listen thread when it has handler
-// entries; connects (up to 100 attempts, 50 ms apart: about 5 s) and starts the reader thread when
-// it has a server name. Whatever fails, nothing stays open.
+// entries; connects (up to 100 attempts, 50 ms apart: about SYSTEM_CALL_DBUS_CONNECT_MS) and starts
+// the reader thread when it has a server name. The reader takes no signals, and connects anew, as
+// long as that, whenever the server has gone. Whatever fails, nothing stays open.
 // Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_BIND_FAILED, DBUS_LISTEN_FAILED, DBUS_CONNECT_FAILED or
 // DBUS_NO_MEMORY (a thread could not be started).
 int32_t SystemCall_Dbus_Register(SystemCallDbusInfo* info);
@@ -140,11 +143,12 @@ int32_t SystemCall_Dbus_Register(SystemCallDbusInfo* info);
 int32_t SystemCall_Dbus_UnRegister(SystemCallDbusInfo* info);
 
 // One call, blocking until its reply or the time-out (milliseconds; 0 or less: 10000), with up to
-// 5 s more when it falls into a reconnection. data may be null; dataLen at most 1024. When result
-// is not null, the reply's data, at most resultCapacity bytes of it, is copied there. Any number
-// of threads may call at once. Takes the endpoint lock.
+// SYSTEM_CALL_DBUS_CONNECT_MS more when it falls into a reconnection: it is written to the server
+// that the endpoint reaches then. data may be null; dataLen at most 1024. When result is not null,
+// the reply's data, at most resultCapacity bytes of it, is copied there. Any number of threads may
+// call at once. Takes the endpoint lock.
 // Returns the reply's ret, or DBUS_CALL_FAILED, DBUS_WRITE_FAILED, DBUS_NO_MEMORY or
-// DBUS_INVALID_ARGUMENT (no endpoint, or data too long).
+// DBUS_INVALID_ARGUMENT (no endpoint, one without a client role, or data too long).
 int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destination,
                                     const char* method, const void* data, uint32_t dataLen,
                                     void* result, uint32_t resultCapacity, int32_t timeoutMs);

@@ -32,19 +32,24 @@ constexpr uint32_t LOG_STAMP_MIN_CAPACITY = 24;  // bytes below which no stamp i
 // source line, module identifier, level.
 #define CORVO_LOG_PREFIX ";%s;%d;%08x;%d;"
 
-// Logs a line; `text` is a format without the prefix.
-#define CORVO_LOG(level, mask, module, text, ...)                                  \
-    Corvo_LogPrint(level, mask, CORVO_LOG_PREFIX text, __func__, __LINE__, module, \
+// Logs a line in the name of the operation that it tells of, which is not always the procedure that
+// logs it; `text` is a format without the prefix.
+#define CORVO_LOG_AS(operation, level, mask, module, text, ...)                     \
+    Corvo_LogPrint(level, mask, CORVO_LOG_PREFIX text, operation, __LINE__, module, \
                    static_cast<int>(level) __VA_OPT__(, ) __VA_ARGS__)
+#define CORVO_LOG(level, mask, module, text, ...) \
+    CORVO_LOG_AS(__func__, level, mask, module, text __VA_OPT__(, ) __VA_ARGS__)
 
 // An ordinary line of the service.
-#define UPGRADE_LOG(text, ...)                                            \
-    CORVO_LOG(LOG_LEVEL_ORDINARY, LOG_OUTPUT_CONSOLE, LOG_MODULE_UPGRADE, \
-              text __VA_OPT__(, ) __VA_ARGS__)
+#define UPGRADE_LOG_AS(operation, text, ...)                                            \
+    CORVO_LOG_AS(operation, LOG_LEVEL_ORDINARY, LOG_OUTPUT_CONSOLE, LOG_MODULE_UPGRADE, \
+                 text __VA_OPT__(, ) __VA_ARGS__)
+#define UPGRADE_LOG(text, ...) UPGRADE_LOG_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
 
 // One of the key events of an upgrade.
-#define UPGRADE_EVENT(event, text) \
-    CORVO_LOG(LOG_LEVEL_KEY_EVENT, LOG_OUTPUT_CONSOLE | LOG_OUTPUT_AUX, event, text)
+#define UPGRADE_EVENT_AS(operation, event, text) \
+    CORVO_LOG_AS(operation, LOG_LEVEL_KEY_EVENT, LOG_OUTPUT_CONSOLE | LOG_OUTPUT_AUX, event, text)
+#define UPGRADE_EVENT(event, text) UPGRADE_EVENT_AS(__func__, event, text)
 
 // Drops the line when the gate is shut or its level is below the threshold; else formats it, cut to
 // LOG_LINE_SIZE, and hands it to the sinks that the mask names. Returns 0.

@@ -8,18 +8,16 @@
 #ifndef OTA_OTA_SIGNALS_H
 #define OTA_OTA_SIGNALS_H
 
-// Blocks the signals that can be waited for. Call first of all in main, so that every thread
-// inherits it; what arrives before ota_signals_start() is dealt with then.
-void ota_signals_block();
-
-// Starts the thread that waits for the signals and runs sig_quit, and installs the crash handler.
-// Call once, on the main thread, when the system-call client has been initialised. When the thread
-// cannot be started, it says so and every signal is left blocked or at its default.
+// Starts the thread that waits for the signals and runs sig_quit, and installs the handlers; until
+// then every signal does what it does to any process. Call once, on the main thread, when the
+// system-call client has been initialised. A thread that is to survive the use-up of its stack long
+// enough for the reboot needs a corvo::AlternateStack. When the signal thread cannot be started, it
+// says so and every signal stays as it was.
 void ota_signals_start();
 
-// The reaction to one signal: logs, asks for the reboot (about 15 s at the most) and, for SIGQUIT,
-// SIGSEGV and SIGABRT, ends the process with _exit(0). Takes the locks of the output stream and of
-// the transport, so it runs on a thread of its own, never as a signal handler.
+// The reaction to one signal: logs, asks for the reboot (OTA_REBOOT_LONGEST_MS at the most) and,
+// for SIGQUIT, SIGSEGV and SIGABRT, ends the process with _exit(0). Takes the locks of the output
+// stream and of the transport, so it runs on a thread of its own, never as a signal handler.
 void sig_quit(int signo);
 
 #endif  // OTA_OTA_SIGNALS_H
