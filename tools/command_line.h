@@ -13,6 +13,7 @@
 #include <string>
 
 #include "base/standard_descriptors.h"
+#include "base/version.h"
 
 constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
 
@@ -24,9 +25,11 @@ inline void print_error(const char* program, std::string message) {
     fprintf(stderr, "%s: %s\n", program, message.c_str());
 }
 
-// Runs the parser. Returns the status to leave with when the program is to end here (help was asked
-// for, or the arguments are wrong), else nothing.
+// Runs the parser, which also knows "--version". Returns the status to leave with when the program
+// is to end here (help or version was asked for, or the arguments are wrong), else nothing.
 inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** argv) {
+    app.set_version_flag("--version", app.get_name() + " " CORVO_VERSION,
+                         "Print the version and exit");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "command_line.h"
+#include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_data.h"
 #include "otactl/commands.h"
@@ -28,7 +29,8 @@ void add_send(CLI::App& app, Arguments& arguments) {
     };
     CLI::App* files = send->add_subcommand("files", "One image file per module in a directory");
     files->add_option("--dir", arguments.send.directory, "Directory of the images")->required();
-    files->add_option("modules", arguments.send.modules, "Names or numbers of the modules")
+    files->add_option("MODULE", arguments.send.modules, "Names or numbers of the modules")
+        ->option_text("...")
         ->required();
     common(files);
     CLI::App* combined =
@@ -42,15 +44,20 @@ void add_others(CLI::App& app, Arguments& arguments) {
     CLI::App* pack = app.add_subcommand("pack", "Make a combined package and its manifest");
     pack->add_option("--output", arguments.pack.output, "The package file")->required();
     pack->add_option("--manifest", arguments.pack.manifest, "The manifest")->required();
-    pack->add_option("modules", arguments.pack.modules, "NAME=PATH of each image")->required();
+    pack->add_option("IMAGE", arguments.pack.modules, "NAME=PATH of each image")
+        ->option_text("...")
+        ->required();
 
     CLI::App* logs = app.add_subcommand("logs", "Print the service's log lines as they come");
-    logs->add_option("--level", arguments.logs.level, "Leave out lines below this level");
+    logs->add_option("--level", arguments.logs.level,
+                     "Leave out lines below this level (2 detail, 3 ordinary, 4 key events)")
+        ->option_text("LEVEL")
+        ->check(CLI::Range(LOG_LEVEL_DETAIL, LOG_LEVEL_KEY_EVENT));
     logs->add_option("--address", arguments.logs.address,
                      "Where the service publishes its log lines");
 
     CLI::App* record = app.add_subcommand("record", "Print the outcome record in words");
-    record->add_option("file", arguments.recordPath, "The record (" OTA_DATA_PATH ")");
+    record->add_option("FILE", arguments.recordPath, "The record (" OTA_DATA_PATH ")");
 }
 
 int run(const CLI::App& app, const Arguments& arguments) {

@@ -5,6 +5,7 @@
 // most 1024 bytes. A command that hangs is killed, with everything it started in its process group,
 // at the method's time limit: the reply is then 137, or the output so far.
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -25,6 +26,8 @@ namespace {
 
 constexpr const char* PROGRAM = "system_call_daemon";
 constexpr int LIMIT_MAX_MS = 3600000;
+constexpr int PROBES = 100;
+constexpr int PROBE_MS = 1000;
 
 struct Settings {
     // Cutting a command short that writes the boot environment or unmounts a disk does more harm
@@ -71,15 +74,25 @@ int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t ou
 }
 
 // A second daemon would take the first one's socket path away from it. One that is too busy to
-// accept is there as well.
+// accept is there as well; one that has died is not, though a command that it was just starting
+// keeps its sockets open for a moment, and then hangs up.
 bool daemon_is_running() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof(address.sun_path), SYSTEM_CALL_DBUS_SOCKET_FORMAT,
              SYSTEM_CALL_DAEMON_NAME);
-    const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    return connect(probe.get(), generic, sizeof(address)) == 0 || errno == EAGAIN;
+    for (int i = 0; i < PROBES; ++i) {
+        const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (connect(probe.get(), generic, sizeof(address)) != 0) {
+            return errno == EAGAIN;
+        }
+        pollfd connection = {.fd = probe.get(), .events = 0, .revents = 0};
+        if (poll(&connection, 1, PROBE_MS) == 0) {
+            return true;
+        }
+    }
+    return true;  // somebody listens there who is no daemon
 }
 
 int serve(const sigset_t& endSignals) {
