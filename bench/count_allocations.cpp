@@ -27,7 +27,7 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
-std::atomic<long> allocations{0};
+std::atomic<long> g_allocations{0};
 
 constexpr const char* SERVER = "allocation.count";
 constexpr int REPEATS = 1000;
@@ -38,27 +38,27 @@ constexpr int CHUNKS = 256;
 extern "C" {
 
 void* malloc(size_t size) {
-    ++allocations;
+    ++g_allocations;
     return __libc_malloc(size);
 }
 
 void* calloc(size_t count, size_t size) {
-    ++allocations;
+    ++g_allocations;
     return __libc_calloc(count, size);
 }
 
 void* realloc(void* block, size_t size) {
-    ++allocations;
+    ++g_allocations;
     return __libc_realloc(block, size);
 }
 
 void* aligned_alloc(size_t alignment, size_t size) {
-    ++allocations;
+    ++g_allocations;
     return __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void** block, size_t alignment, size_t size) {
-    ++allocations;
+    ++g_allocations;
     *block = __libc_memalign(alignment, size);
     return *block == nullptr;
 }
@@ -73,11 +73,11 @@ void report(const char* what, long count, int repeats) {
 void count_log_line() {
     Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK);
     UPGRADE_LOG("partition: %s upgrade success", "kernel");  // opens what is opened once
-    const long before = allocations;
+    const long before = g_allocations;
     for (int i = 0; i < REPEATS; ++i) {
         UPGRADE_LOG("partition: %s upgrade success", "kernel");
     }
-    report("log_line", allocations - before, REPEATS);
+    report("log_line", g_allocations - before, REPEATS);
     Corvo_LogProducerUnInit();
 }
 
@@ -94,8 +94,8 @@ long allocations_of_copy(int chunks) {
     if (!write_file("/tmp/chunks", size) || !write_file("/dev/block/by-name/chunks", size)) {
         return -1;
     }
-    const long before = allocations;
-    return flash_mmc_write_partition("chunks", "/tmp/chunks") == 0 ? allocations - before : -1;
+    const long before = g_allocations;
+    return flash_mmc_write_partition("chunks", "/tmp/chunks") == 0 ? g_allocations - before : -1;
 }
 
 // Whatever a copy allocates apart from its chunks does not count here.
@@ -111,7 +111,7 @@ int32_t answer(const void* /*in*/, uint32_t /*inLen*/, void* out, uint32_t /*out
     return 1;
 }
 
-// The server is another process, as on a camera: its allocations are not the service's.
+// The server is another process, as on a camera: its g_allocations are not the service's.
 void serve() {
     SystemCallDbusInfo* const server = SystemCall_DbusInfo_Alloc(1);
     snprintf(server->name, sizeof(server->name), "%s", SERVER);
@@ -131,14 +131,14 @@ bool count_method_call() {
     }
     long before = 0;
     for (int i = -1; i < REPEATS; ++i) {
-        before = i == 0 ? allocations.load() : before;
+        before = i == 0 ? g_allocations.load() : before;
         char text[SYSTEM_CALL_DBUS_DATA_SIZE];
         if (SystemCall_Dbus_Call_Method(client, SERVER, "answer", "1", 1, text, sizeof(text), -1) !=
             1) {
             return false;
         }
     }
-    report("method_call", allocations - before, REPEATS);
+    report("method_call", g_allocations - before, REPEATS);
     SystemCall_Dbus_UnRegister(client);
     SystemCall_DbusInfo_Free(client);
     return true;

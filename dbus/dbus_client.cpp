@@ -18,7 +18,7 @@
 #include "pending_calls.h"
 #include "record_stream.h"
 
-#define DBUS_SOURCE "dbus/dbus_socket_common"
+#define DBUS_SOURCE DBUS_TRANSPORT
 #include "dbus_print.h"
 
 namespace {

@@ -8,6 +8,10 @@
 
 #include <stdio.h>
 
+// The transport is one thing to those who read its lines, in however many files it is written. A
+// source line number is therefore one of the file that holds the operation.
+#define DBUS_TRANSPORT "dbus/dbus_socket_common"
+
 #define DBUS_PRINT_AS(operation, colour, kind, text, ...)                                          \
     printf("\033[" colour "mDBUS: " kind ": [%s:%s:%d] " text "\033[0m\n", DBUS_SOURCE, operation, \
            __LINE__ __VA_OPT__(, ) __VA_ARGS__)

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 
+#include "base/ignore_result.h"
 #include "base/owned.h"
 #include "base/scoped_lock.h"
 #include "base/unique_fd.h"
@@ -18,7 +19,7 @@
 #include "endpoint.h"
 #include "record_stream.h"
 
-#define DBUS_SOURCE "dbus/dbus_socket_common"
+#define DBUS_SOURCE DBUS_TRANSPORT
 #include "dbus_print.h"
 
 // One accepted connection. Its socket is closed by the last of its threads: closed any earlier, the
@@ -160,7 +161,7 @@ void start_message_thread(const char* operation, corvo::OwnedBlock<RWProcessArgs
     }
     const int started = start_detached(SystemCall_Dbus_ReadWrite_Process, args.get());
     if (started == 0) {
-        static_cast<void>(args.release());  // the thread's now
+        corvo::ignore_result(args.release());  // the thread's now
         return;
     }
     struct sysinfo system = {};
@@ -253,7 +254,7 @@ bool start_connection_thread(const char* operation, SystemCallDbusInfo* info, co
         leave_connection(info, shared);
         return true;
     }
-    static_cast<void>(args.release());  // the thread's now
+    corvo::ignore_result(args.release());  // the thread's now
     return true;
 }
 
@@ -316,7 +317,7 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
         remove_socket_file(address.sun_path);
         return DBUS_NO_MEMORY;
     }
-    static_cast<void>(fd.release());  // the endpoint's now
+    corvo::ignore_result(fd.release());  // the endpoint's now
     snprintf(info->socketPath, sizeof(info->socketPath), "%s", address.sun_path);
     return DBUS_OK;
 }

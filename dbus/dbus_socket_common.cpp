@@ -9,7 +9,7 @@
 #include "base/owned.h"
 #include "endpoint.h"
 
-#define DBUS_SOURCE "dbus/dbus_socket_common"
+#define DBUS_SOURCE DBUS_TRANSPORT
 #include "dbus_print.h"
 
 sockaddr_un dbus_server_address(const char* serverName) {
@@ -32,8 +32,7 @@ SystemCallDbusInfo* SystemCall_DbusInfo_Alloc(int32_t interfaceCount) {
         DBUS_ERROR("interface count %d is out of range", interfaceCount);
         return nullptr;
     }
-    SystemCallDbusInfo* const info =
-        static_cast<SystemCallDbusInfo*>(calloc(1, sizeof(SystemCallDbusInfo)));
+    SystemCallDbusInfo* const info = corvo::allocate_zeroed<SystemCallDbusInfo>().release();
     if (info == nullptr) {
         DBUS_ERROR("malloc SystemCallDbusInfo error");
         return nullptr;

@@ -7,7 +7,7 @@
 #include "base/owned.h"
 #include "base/scoped_lock.h"
 
-#define DBUS_SOURCE "dbus/dbus_socket_common"
+#define DBUS_SOURCE DBUS_TRANSPORT
 #include "dbus_print.h"
 
 namespace {

@@ -71,7 +71,7 @@ uint32_t Corvo_LogProducerSend(uint32_t level, const char* line, uint32_t length
     if (socket < 0) {
         return LOG_PRODUCER_SEND_FAILED;
     }
-    const LogRecordHead head = {level, length};
+    const LogRecord head = {level, length};
     uint32_t size = 0;
     KT_mmcTopicMsgSize(g_log_topic, static_cast<uint32_t>(sizeof(head)) + length, &size);
     void* message = nn_allocmsg(size, 0);

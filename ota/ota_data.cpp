@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include "base/ignore_result.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
 #include "log/log_front_end.h"
@@ -13,7 +14,7 @@ namespace {
 constexpr mode_t RECORD_MODE = 0644;
 
 // The authority once it is loaded: the file is not read again.
-uint8_t g_values[OTA_DATA_KEY_COUNT];
+OtaDataRecord g_record;
 bool g_loaded = false;
 
 void write_record(const char* operation) {
@@ -24,8 +25,7 @@ void write_record(const char* operation) {
         return;
     }
     // A record that could not be written must not stop an upgrade whose images can be.
-    const ssize_t written = write(fd.get(), g_values, sizeof(g_values));
-    static_cast<void>(written);
+    corvo::ignore_result(write(fd.get(), &g_record, sizeof(g_record)));
     fsync(fd.get());
 }
 
@@ -40,12 +40,12 @@ int32_t OTA_LoadDataNv() {
     if (file == nullptr) {
         return 0;
     }
-    return static_cast<int32_t>(fread(g_values, 1, sizeof(g_values), file.get()));
+    return static_cast<int32_t>(fread(&g_record, 1, sizeof(g_record), file.get()));
 }
 
 uint8_t OTA_GetDataNv(uint32_t key) {
     OTA_LoadDataNv();
-    return key < OTA_DATA_KEY_COUNT ? g_values[key] : 0;
+    return key < OTA_DATA_KEY_COUNT ? g_record.values[key] : 0;
 }
 
 void OTA_SetDataNv(uint32_t key, uint8_t value) {
@@ -55,7 +55,7 @@ void OTA_SetDataNv(uint32_t key, uint8_t value) {
         return;
     }
     if (key < OTA_DATA_KEY_COUNT) {
-        g_values[key] = value;
+        g_record.values[key] = value;
     }
     write_record(__func__);
 }

@@ -1,13 +1,18 @@
 #include "ota/ota_package.h"
 
+#include <algorithm>
 #include <iterator>
 
+#include "board/ota_types.h"
 #include "log/log_front_end.h"
 #include "ota/ota_result.h"
-#include "pal_common/ota_types.h"
 
 namespace {
 
+// Rows are written in this order. A row is all that a new partition needs; where its module type is
+// to be of a kind of its own on the platform, it has a line in OTA_GetHalModuleType() too. That
+// kind must be one of ACCEPTED_MODULE_TYPES in hal/ota/axera_ota.cpp and lie between
+// MODULE_TYPE_MIN and MODULE_TYPE_MAX of board/ota_types.h, or the platform refuses to write it.
 constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
     {.moduleType = 23,
      .partitionName = "spl",
@@ -45,6 +50,17 @@ constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
      .flashType = OTA_FLASH_TYPE_EMMC,
      .reserved = 0},
 };
+
+// A request names a row by the low 8 bits of its module type, and gets the first that fits.
+constexpr bool names_each_row_alone(const OtaPackageEntry* first, const OtaPackageEntry* last) {
+    return std::all_of(first, last, [=](const OtaPackageEntry& row) {
+        return row.moduleType <= UINT8_MAX &&
+               std::count_if(first, last, [&row](const OtaPackageEntry& other) {
+                   return other.moduleType == row.moduleType;
+               }) == 1;
+    });
+}
+static_assert(names_each_row_alone(std::begin(PACKAGE_ENTRIES), std::end(PACKAGE_ENTRIES)));
 
 constexpr OtaPackageTable PACKAGE_TABLES[] = {
     {.name = "R5C20_ota",

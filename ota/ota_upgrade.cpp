@@ -1,8 +1,8 @@
 #include "ota/ota_upgrade.h"
 
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -25,9 +25,9 @@ namespace {
 // Every step logs in the name of the procedure that it is a step of.
 constexpr const char* HANDLER = "upgrade_handler";
 
-#define AUTO_FLASH_FLAG_PATH "/tmp/autoflash"
-#define PID_FILE_PATH "/tmp/corvo_upgrade.pid"
-#define PACKAGE_DISK_PATH "/media/mmcblk0p1"
+constexpr const char* AUTO_FLASH_FLAG_PATH = "/tmp/autoflash";
+constexpr const char* PID_FILE_PATH = "/tmp/corvo_upgrade.pid";
+constexpr const char* PACKAGE_DISK_PATH = "/media/mmcblk0p1";
 
 constexpr int32_t COMMAND_TIMEOUT_MS = 1000;
 constexpr int32_t DEFAULT_TIMEOUT = -1;    // the system-call client's own
@@ -47,6 +47,13 @@ constexpr const char* APPLICATIONS[] = {
 
 struct Path {
     char text[PATH_SIZE];
+};
+
+// What became of one row of the table.
+enum class RowResult {
+    SKIPPED,  // the request does not name it, or its image is not there
+    WRITTEN,
+    FAILED,
 };
 
 // The state of one run.
@@ -87,7 +94,7 @@ bool exists(const char* path) {
 
 void write_pid_file() {
     char command[COMMAND_SIZE] = {};
-    snprintf(command, sizeof(command), "echo %d > " PID_FILE_PATH, static_cast<int>(getpid()));
+    snprintf(command, sizeof(command), "echo %d > %s", static_cast<int>(getpid()), PID_FILE_PATH);
     system_call(command, COMMAND_TIMEOUT_MS);
 }
 
@@ -101,9 +108,9 @@ void kill_applications(int signo) {
 
 void stop_applications() {
     UPGRADE_LOG_AS(HANDLER, "ota kill process start");
-    kill_applications(15);
+    kill_applications(SIGTERM);
     sleep(TERMINATE_PAUSE_S);
-    kill_applications(9);
+    kill_applications(SIGKILL);
     // For the log of the daemon: how much memory the flashing will have.
     system_call("cat /proc/meminfo", COMMAND_TIMEOUT_MS);
     UPGRADE_LOG_AS(HANDLER, "ota kill process end");
@@ -161,38 +168,48 @@ int32_t check_request(const UpgradeRun& run) {
     return OTA_OK;
 }
 
-// Writes a row's image file, if the request names the row and the file is there. Returns
-// OTA_FAILED when it was tried and went wrong.
-int32_t write_from_file(UpgradeRun* run, const OtaPackageEntry& entry) {
-    const Path path = image_path(run->message, entry);
-    if (!exists(path.text) || OTA_CheckNeedUpgrade(&entry, &run->message) != OTA_OK) {
-        return OTA_OK;
-    }
-    ++run->attempted;
-    const uint32_t halModuleType = OTA_GetHalModuleType(entry.moduleType);
-    const uint32_t storageType = OTA_GetHalStorageType(entry.flashType);
-    UPGRADE_LOG_AS(HANDLER, "upgrade %s start, moudle type:%d, flash type:%d", path.text,
-                   static_cast<int>(halModuleType), static_cast<int>(storageType));
-    return upgrade_upgradePartition(halModuleType, entry.partitionName, path.text, storageType);
+// A row's codes as the platform knows them.
+struct HalTarget {
+    uint32_t moduleType;
+    uint32_t storageType;
+};
+
+// Says that a row is about to be written from a source.
+HalTarget announce(const OtaPackageEntry& entry, const char* source) {
+    const HalTarget target = {.moduleType = OTA_GetHalModuleType(entry.moduleType),
+                              .storageType = OTA_GetHalStorageType(entry.flashType)};
+    UPGRADE_LOG_AS(HANDLER, "upgrade %s start, moudle type:%d, flash type:%d", source,
+                   static_cast<int>(target.moduleType), static_cast<int>(target.storageType));
+    return target;
 }
 
-// Writes a row's part of the combined package, if the request names the row. Returns OTA_FAILED
-// when it was tried and went wrong.
-int32_t write_from_package(UpgradeRun* run, const OtaPackageEntry& entry) {
-    if (OTA_CheckNeedUpgrade(&entry, &run->message) != OTA_OK) {
-        return OTA_OK;
+RowResult row_result(int32_t written) {
+    return written == OTA_OK ? RowResult::WRITTEN : RowResult::FAILED;
+}
+
+// Writes a row's image file, if it is there and the request names the row.
+RowResult write_from_file(const OtaMessage& message, const OtaPackageEntry& entry) {
+    const Path path = image_path(message, entry);
+    if (!exists(path.text) || OTA_CheckNeedUpgrade(&entry, &message) != OTA_OK) {
+        return RowResult::SKIPPED;
     }
-    ++run->attempted;
-    const uint32_t halModuleType = OTA_GetHalModuleType(entry.moduleType);
-    const uint32_t storageType = OTA_GetHalStorageType(entry.flashType);
-    UPGRADE_LOG_AS(HANDLER, "upgrade %s start, moudle type:%d, flash type:%d", entry.partitionName,
-                   static_cast<int>(halModuleType), static_cast<int>(storageType));
+    const HalTarget target = announce(entry, path.text);
+    return row_result(upgrade_upgradePartition(target.moduleType, entry.partitionName, path.text,
+                                               target.storageType));
+}
+
+// Writes a row's part of the combined package, if the request names the row.
+RowResult write_from_package(const OtaMessage& message, const OtaPackageEntry& entry) {
+    if (OTA_CheckNeedUpgrade(&entry, &message) != OTA_OK) {
+        return RowResult::SKIPPED;
+    }
+    const HalTarget target = announce(entry, entry.partitionName);
     uint64_t offset = 0;
     uint64_t size = 0;
-    get_partition_info_by_msg(&entry, &run->message, &offset, &size);
-    const Path path = combined_path(run->message);
-    return UPGRADE_UpgradePartitionByOffset(halModuleType, entry.partitionName, storageType,
-                                            path.text, offset, size);
+    get_partition_info_by_msg(&entry, &message, &offset, &size);
+    const Path path = combined_path(message);
+    return row_result(UPGRADE_UpgradePartitionByOffset(
+        target.moduleType, entry.partitionName, target.storageType, path.text, offset, size));
 }
 
 // Writes the table's rows in order, up to the first that fails.
@@ -201,13 +218,19 @@ void write_table(UpgradeRun* run, const OtaPackageTable& table) {
     const bool files = run->message.packageType == OTA_PACKAGE_TYPE_FILES;
     for (int32_t row = 0; row < table.entryCount; ++row) {
         const OtaPackageEntry& entry = table.entries[row];
-        const int32_t attemptedBefore = run->attempted;
-        const int32_t result = files ? write_from_file(run, entry) : write_from_package(run, entry);
-        if (result != OTA_OK) {
-            UPGRADE_LOG_AS(HANDLER, "ota %s failed", entry.partitionName);
-            return;
+        switch (files ? write_from_file(run->message, entry)
+                      : write_from_package(run->message, entry)) {
+            case RowResult::SKIPPED:
+                break;
+            case RowResult::WRITTEN:
+                ++run->attempted;
+                ++run->succeeded;
+                break;
+            case RowResult::FAILED:
+                ++run->attempted;
+                UPGRADE_LOG_AS(HANDLER, "ota %s failed", entry.partitionName);
+                return;
         }
-        run->succeeded += run->attempted - attemptedBefore;
     }
 }
 

@@ -1,10 +1,7 @@
 #include "pal/pal_nv.h"
 
-#include <pthread.h>
-
-#include "base/scoped_lock.h"
+#include "call_frame.h"
 #include "nv_factory_cache.h"
-#include "pal_common/error_log.h"
 #include "platform/plt.h"
 #include "registry.h"
 
@@ -12,21 +9,20 @@ std::array<uint8_t, 1792> PalNvFactoryCache;
 
 namespace {
 
-pthread_mutex_t nvMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_nv_mutex = PTHREAD_MUTEX_INITIALIZER;
+constexpr PalModule<HalNvInterface> NV = {
+    .mutex = g_nv_mutex,
+    .interface = HAL_NV_GetInterface,
+    .source = REPORT_PAL_NV,
+    .noInterface = PAL_NO_INTERFACE,
+    // Slots return a count of bytes; one that is short is none of a failure.
+    .result = [](int32_t count) -> int32_t { return count < 0 ? PAL_NV_READ_FAILED : PAL_OK; }};
 
 }  // namespace
 
 int32_t PAL_NV_Init() {
-    const corvo::ScopedLock lock(nvMutex);
-    const HalNvInterface* const hal = HAL_NV_GetInterface(0);
-    if (hal == nullptr || hal->factoryRead == nullptr) {
-        PAL_REPORT(REPORT_PAL_NV, REPORT_LEVEL_ERROR, "Get HAL interface fail");
-        return PAL_NO_INTERFACE;
-    }
-    Plt_MemSet(PalNvFactoryCache.data(), 0, PalNvFactoryCache.size());
-    if (hal->factoryRead(PalNvFactoryCache.data(), 0, PalNvFactoryCache.size()) < 0) {
-        PAL_REPORT(REPORT_PAL_NV, REPORT_LEVEL_ERROR, "HAL interface exec fail");
-        return PAL_NV_READ_FAILED;
-    }
-    return PAL_OK;
+    return pal_call(NV, __func__, 0, &HalNvInterface::factoryRead, [](auto read) {
+        Plt_MemSet(PalNvFactoryCache.data(), 0, PalNvFactoryCache.size());
+        return read(PalNvFactoryCache.data(), 0, PalNvFactoryCache.size());
+    });
 }

@@ -1,14 +1,16 @@
 #include "pal/pal_ota.h"
 
-#include <pthread.h>
-
-#include "base/scoped_lock.h"
-#include "pal_common/error_log.h"
+#include "call_frame.h"
 #include "registry.h"
 
 namespace {
 
-pthread_mutex_t otaMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_ota_mutex = PTHREAD_MUTEX_INITIALIZER;
+constexpr PalModule<HalOtaInterface> OTA = {.mutex = g_ota_mutex,
+                                            .interface = HAL_OTA_GetInterface,
+                                            .source = REPORT_PAL_OTA,
+                                            .noInterface = PAL_NO_INTERFACE,
+                                            .result = unchanged};
 
 bool valid_storage_type(uint32_t storageType) {
     return storageType >= STORAGE_TYPE_MIN && storageType <= STORAGE_TYPE_MAX;
@@ -19,25 +21,15 @@ bool valid_module_type(uint32_t moduleType) {
 }
 
 int32_t param_invalid(const char* operation) {
-    PAL_REPORT_AS(operation, REPORT_PAL_OTA, REPORT_LEVEL_ERROR, "Param invalid");
+    PAL_ErrorLog(operation, __LINE__, OTA.source.tag, OTA.source.id, REPORT_LEVEL_ERROR,
+                 "Param invalid");
     return PAL_PARAM_INVALID;
 }
 
-// The part of every operation that follows the check of its arguments: lock, look up the table,
-// call the slot, report.
 template <typename Slot, typename... Arguments>
 int32_t call_slot(const char* operation, Slot HalOtaInterface::*slot, Arguments... arguments) {
-    const corvo::ScopedLock lock(otaMutex);
-    const HalOtaInterface* const hal = HAL_OTA_GetInterface(0);
-    if (hal == nullptr || hal->*slot == nullptr) {
-        PAL_REPORT_AS(operation, REPORT_PAL_OTA, REPORT_LEVEL_ERROR, "Get HAL interface fail");
-        return PAL_NO_INTERFACE;
-    }
-    const int32_t result = (hal->*slot)(arguments...);
-    if (result != PAL_OK) {
-        PAL_REPORT_AS(operation, REPORT_PAL_OTA, REPORT_LEVEL_ERROR, "HAL interface exec fail");
-    }
-    return result;
+    return pal_call(OTA, operation, 0, slot,
+                    [arguments...](auto function) { return function(arguments...); });
 }
 
 }  // namespace

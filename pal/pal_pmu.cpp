@@ -1,29 +1,27 @@
 #include "pal/pal_pmu.h"
 
-#include <pthread.h>
-
-#include "base/scoped_lock.h"
-#include "pal_common/error_log.h"
+#include "call_frame.h"
 #include "registry.h"
 
 namespace {
 
-pthread_mutex_t pmuMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_pmu_mutex = PTHREAD_MUTEX_INITIALIZER;
+// The one module here that reports in the form of the hardware modules, and with a line feed of its
+// own: those who read the console know these lines so.
+constexpr PalModule<HalPmuInterface> PMU = {.mutex = g_pmu_mutex,
+                                            .interface = HAL_PMU_GetInterface,
+                                            .source = REPORT_PAL_PMU,
+                                            .noInterface = PAL_PMU_NO_INTERFACE,
+                                            .result = [](int32_t result) -> int32_t {
+                                                return result == PAL_OK ? PAL_OK
+                                                                        : PAL_PMU_INIT_FAILED;
+                                            },
+                                            .report = HAL_ErrorLog,
+                                            .textEnd = "\n"};
 
 }  // namespace
 
-// The one operation here that reports in the form of the hardware modules, and with a line feed of
-// its own: those who read the console know these lines so.
 int32_t PAL_Pmu_Init(uint32_t index) {
-    const corvo::ScopedLock lock(pmuMutex);
-    const HalPmuInterface* const hal = HAL_PMU_GetInterface(index);
-    if (hal == nullptr || hal->init == nullptr) {
-        HAL_REPORT(REPORT_PAL_PMU, REPORT_LEVEL_ERROR, "Get HAL interface fail\n");
-        return PAL_PMU_NO_INTERFACE;
-    }
-    if (hal->init(index) != PAL_OK) {
-        HAL_REPORT(REPORT_PAL_PMU, REPORT_LEVEL_ERROR, "HAL interface exec fail\n");
-        return PAL_PMU_INIT_FAILED;
-    }
-    return PAL_OK;
+    return pal_call(PMU, __func__, index, &HalPmuInterface::init,
+                    [index](auto init) { return init(index); });
 }

@@ -11,26 +11,26 @@
 #include "log/log_producer.h"
 #include "otactl/log_stream.h"
 
-static std::string refused;  // the call of nanomsg that fails
+static std::string g_refused;  // the call of nanomsg that fails
 
-#define REFUSABLE(result, name, failure, parameters, arguments)        \
-    extern "C" result __real_##name parameters;                        \
-    extern "C" result __wrap_##name parameters {                       \
-        return refused == #name ? (failure) : __real_##name arguments; \
+#define REFUSABLE(result, name, failure, parameters, arguments)          \
+    extern "C" result __real_##name parameters;                          \
+    extern "C" result __wrap_##name parameters {                         \
+        return g_refused == #name ? (failure) : __real_##name arguments; \
     }
 REFUSABLE(int, nn_socket, -1, (int domain, int protocol), (domain, protocol))
 REFUSABLE(void*, nn_allocmsg, nullptr, (size_t size, int type), (size, type))
 REFUSABLE(int, nn_send, -1, (int socket, const void* data, size_t size, int flags),
           (socket, data, size, flags))
 
-static const timeval* clockReads = nullptr;  // what the wall clock says; null: the time
+static const timeval* g_clock_reads = nullptr;  // what the wall clock says; null: the time
 
 extern "C" int __real_gettimeofday(timeval* now, void* zone);
 extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
-    if (clockReads == nullptr) {
+    if (g_clock_reads == nullptr) {
         return __real_gettimeofday(now, zone);
     }
-    *now = *clockReads;
+    *now = *g_clock_reads;
     return 0;
 }
 
@@ -48,11 +48,11 @@ TEST(Log, LineHasStampFieldsTextAndNewline) {
     setenv("TZ", "XYZ-5:45", 1);
     tzset();
     constexpr timeval NOW = {.tv_sec = 1800000000, .tv_usec = 45999};  // 15 January 2027, 8:00 UTC
-    clockReads = &NOW;
+    g_clock_reads = &NOW;
     CapturedOutput output;
     Corvo_LogPrint(4, 3, CORVO_LOG_PREFIX "count %d", "main", 120, 0x0D737001U, 4, 7);
     EXPECT_EQ(output.take(), "0115134500.045;main;120;0d737001;4;count 7\n");
-    clockReads = nullptr;
+    g_clock_reads = nullptr;
     const std::string longest = printed(3, LOG_OUTPUT_CONSOLE, std::string(600, 'x'));
     EXPECT_EQ(longest.size(), 509U);
     EXPECT_TRUE(longest.ends_with("xx\n"));
@@ -99,15 +99,15 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
 }
 
 TEST(Log, RefusedCallsAndArgumentsAreCodes) {
-    refused = "nn_socket";
+    g_refused = "nn_socket";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_SOCKET_FAILED);
     EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_SEND_FAILED);
-    refused = "nn_allocmsg";
+    g_refused = "nn_allocmsg";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_OK);
     EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_NO_MEMORY);
-    refused = "nn_send";
+    g_refused = "nn_send";
     EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_SEND_FAILED);
-    refused = "";
+    g_refused = "";
     Corvo_LogProducerUnInit();
     char text[32] = "";
     void* nothing = nullptr;

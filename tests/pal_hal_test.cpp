@@ -11,6 +11,7 @@
 #include <atomic>
 #include <thread>
 
+#include "board/error_log.h"
 #include "faults.h"
 #include "files.h"
 #include "hal/axera_ota.h"
@@ -24,12 +25,11 @@
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"
 #include "pal/pal_pmu.h"
-#include "pal_common/error_log.h"
 
 namespace {
 
-std::string bootSlot;           // what the boot environment answers
-std::atomic<int> slowQuery{0};  // of the boot slot. 1: asked for, 2: runs, 3: done
+std::string bootSlot;              // what the boot environment answers
+std::atomic<int> g_slow_query{0};  // of the boot slot. 1: asked for, 2: runs, 3: done
 
 const std::string BY_NAME = "/dev/block/by-name/";
 
@@ -92,13 +92,13 @@ TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
 }
 
 TEST(Ota, OperationsWaitForEachOther) {
-    slowQuery = 1;
+    g_slow_query = 1;
     std::thread holder([] { PAL_OTA_AB_SWITCH(0, 0); });
-    while (slowQuery == 1) {
+    while (g_slow_query == 1) {
         std::this_thread::yield();
     }
     EXPECT_EQ(PAL_OTA_Init(), 0);
-    EXPECT_EQ(slowQuery, 3);
+    EXPECT_EQ(g_slow_query, 3);
     holder.join();
     EXPECT_EQ(PAL_OTA_DeInit(), 0);
 }
@@ -125,10 +125,10 @@ TEST(Nv, FactoryCacheIsFilledOnceTheNodeIsThere) {
 // Both print what they are asked to run, and for how long at the most, milliseconds.
 int32_t popen_call(const char* cmd, void* output, int32_t outputSize, int32_t timeoutMs) {
     printf("popen %d bytes, %d: %s\n", outputSize, timeoutMs, cmd);
-    if (slowQuery == 1) {
-        slowQuery = 2;
+    if (g_slow_query == 1) {
+        g_slow_query = 2;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        slowQuery = 3;
+        g_slow_query = 3;
     }
     memcpy(output, bootSlot.data(), bootSlot.size());
     return static_cast<int32_t>(bootSlot.size());

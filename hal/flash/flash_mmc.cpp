@@ -14,10 +14,13 @@
 #include <array>
 #include <limits>
 
+#include "base/ignore_result.h"
 #include "base/unique_fd.h"
-#include "pal_common/error_log.h"
+#include "board/error_log.h"
 
 namespace {
+
+constexpr ReportSource REPORT_SOURCE = REPORT_FLASH_MMC;
 
 using Chunk = std::array<char, FLASH_CHUNK_SIZE>;
 
@@ -28,9 +31,6 @@ constexpr size_t DEVICE_PATH_SIZE = 64;  // bytes, terminator included
 constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
 
 constexpr int64_t WHOLE_FILE = std::numeric_limits<int64_t>::max();
-
-#define REPORT_ERROR(...) HAL_REPORT(REPORT_FLASH_MMC, REPORT_LEVEL_ERROR, __VA_ARGS__)
-#define REPORT_INFO(...) HAL_REPORT(REPORT_FLASH_MMC, REPORT_LEVEL_INFO, __VA_ARGS__)
 
 // The partition's size in bytes, or -1.
 int64_t partition_size(const corvo::UniqueFd& device) {
@@ -52,15 +52,13 @@ struct Copy {
 };
 
 int failed_read(const Copy& copy, ssize_t result) {
-    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
-                  "read file failed!readSize = 0x%x", static_cast<unsigned>(result));
+    HAL_ERROR_AS(copy.operation, "read file failed!readSize = 0x%x", static_cast<unsigned>(result));
     return FLASH_MMC_PACKAGE_UNREAD;
 }
 
 int failed_write(const Copy& copy, ssize_t written, ssize_t wanted) {
-    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
-                  "write flash failed!writeSize = 0x%x,readSize=0x%x",
-                  static_cast<unsigned>(written), static_cast<unsigned>(wanted));
+    HAL_ERROR_AS(copy.operation, "write flash failed!writeSize = 0x%x,readSize=0x%x",
+                 static_cast<unsigned>(written), static_cast<unsigned>(wanted));
     return FLASH_SHORT_WRITE;
 }
 
@@ -92,7 +90,7 @@ int copy_chunks(const Copy& copy, Chunk& chunk) {
     }
     const int64_t percent = copy.expected > 0 ? copied * 100 / copy.expected : 100;
     printf(">>> write flash progress %ld%%.\n", static_cast<long>(percent));
-    HAL_REPORT_AS(copy.operation, REPORT_FLASH_MMC, REPORT_LEVEL_INFO, "write flash complete!!");
+    HAL_INFO_AS(copy.operation, "write flash complete!!");
     return FLASH_OK;
 }
 
@@ -123,17 +121,16 @@ void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
     lseek(device.get(), 0, SEEK_SET);
     int64_t remaining = size;
     for (; remaining >= int64_t{FLASH_CHUNK_SIZE}; remaining -= FLASH_CHUNK_SIZE) {
-        (void)!write(device.get(), zeros.data(), zeros.size());
+        corvo::ignore_result(write(device.get(), zeros.data(), zeros.size()));
     }
-    (void)!write(device.get(), zeros.data(), static_cast<size_t>(remaining));
+    corvo::ignore_result(write(device.get(), zeros.data(), static_cast<size_t>(remaining)));
 }
 
 // Opens the partition to erase it. Reports a failure in the name of the operation that erases.
 corvo::UniqueFd open_to_erase(const char* part) {
     corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        HAL_REPORT_AS("flash_mmc_erase_partition", REPORT_FLASH_MMC, REPORT_LEVEL_ERROR,
-                      "Could not open mmc device:%s for write.", part);
+        HAL_ERROR_AS("flash_mmc_erase_partition", "Could not open mmc device:%s for write.", part);
     }
     return device;
 }
@@ -185,16 +182,16 @@ int flash_mmc_open(const char* part, int flags) {
 int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len) {
     const corvo::UniqueFd device(flash_mmc_open(part, O_RDONLY));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mmc device:%s for read.", part);
+        HAL_ERROR("Could not open mmc device:%s for read.", part);
         return FLASH_FAILED;
     }
     if (lseek(device.get(), offset, SEEK_SET) < 0) {
-        REPORT_ERROR("Reading from mmc failed\n");
+        HAL_ERROR("Reading from mmc failed\n");
         return FLASH_FAILED;
     }
     const ssize_t count = read(device.get(), buf, len);
     if (count < 0) {
-        REPORT_ERROR("Reading from mmc failed\n");
+        HAL_ERROR("Reading from mmc failed\n");
         return FLASH_FAILED;
     }
     return static_cast<int>(count);
@@ -203,12 +200,12 @@ int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len)
 int flash_mmc_write_sector_partition(const char* part, const void* buf, int offset, unsigned len) {
     const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     // Wider than both, so that no length can wrap the sum round; a negative offset is a large one.
     if (uint64_t{static_cast<unsigned>(offset)} + len > FLASH_MMC_SECTOR_LIMIT) {
-        REPORT_ERROR("too much data!!!");
+        HAL_ERROR("too much data!!!");
         return FLASH_FAILED;
     }
     ssize_t count = -1;
@@ -216,10 +213,10 @@ int flash_mmc_write_sector_partition(const char* part, const void* buf, int offs
         count = write(device.get(), buf, len);
     }
     if (count < 0) {
-        REPORT_ERROR("write sector fail,ret = %d!!!", static_cast<int>(count));
+        HAL_ERROR("write sector fail,ret = %d!!!", static_cast<int>(count));
         return FLASH_FAILED;
     }
-    REPORT_INFO("----------------------------> nv write end!\n");
+    HAL_INFO("----------------------------> nv write end!\n");
     return static_cast<int>(count);
 }
 
@@ -233,29 +230,29 @@ int flash_mmc_erase_partition(const char* part) {
 }
 
 int flash_mmc_write_partition(const char* part, const char* image) {
-    REPORT_INFO("flash_mmc_write_partition.");
+    HAL_INFO("flash_mmc_write_partition.");
     const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     // Read-write though it is only read: packages are deleted after an upgrade, so one on media
     // that have become read-only is refused; it would be found, and flashed, again and again.
     const corvo::UniqueFd file(open(image, WRITE_FLAGS));
     if (!file.valid()) {
-        REPORT_ERROR("failed to open %s.", image);
+        HAL_ERROR("failed to open %s.", image);
         return FLASH_FAILED;
     }
     const int64_t size = partition_size(device);
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) {
-        REPORT_ERROR("failed to get file status.");
+        HAL_ERROR("failed to get file status.");
         return FLASH_FAILED;
     }
     const int64_t imageSize = status.st_size;
-    REPORT_INFO("mmc size = 0x%llx,file size = 0x%llx", shown_size(size), shown_size(imageSize));
+    HAL_INFO("mmc size = 0x%llx,file size = 0x%llx", shown_size(size), shown_size(imageSize));
     if (size < imageSize) {
-        REPORT_ERROR("file size is too big!!!");
+        HAL_ERROR("file size is too big!!!");
         return FLASH_FAILED;
     }
     Chunk chunk;
@@ -265,11 +262,11 @@ int flash_mmc_write_partition(const char* part, const char* image) {
 
 int flash_mmc_erase_write_partion(const char* part, const char* image) {
     if (erase_for_copy(part, image, 0, WHOLE_FILE) < 0) {
-        REPORT_ERROR("failed to erase partion %s", part);
+        HAL_ERROR("failed to erase partion %s", part);
         return FLASH_FAILED;
     }
     if (flash_mmc_write_partition(part, image) < 0) {
-        REPORT_ERROR("failed to write partion %s", part);
+        HAL_ERROR("failed to write partion %s", part);
         return FLASH_FAILED;
     }
     return FLASH_OK;
@@ -277,31 +274,30 @@ int flash_mmc_erase_write_partion(const char* part, const char* image) {
 
 int flash_mmc_write_partition_by_offset(const char* part, const char* package, int offset,
                                         int length) {
-    REPORT_INFO("flash_mmc_write_partition.");
+    HAL_INFO("flash_mmc_write_partition.");
     const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mmc device:%s for write.", part);
+        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     const corvo::UniqueFd file(open(package, WRITE_FLAGS));
     if (!file.valid()) {
-        REPORT_ERROR("failed to open %s.", package);
+        HAL_ERROR("failed to open %s.", package);
         return FLASH_NO_PACKAGE;
     }
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) {
-        REPORT_ERROR("failed to get file status.");
+        HAL_ERROR("failed to get file status.");
         return FLASH_NO_PACKAGE_STATUS;
     }
     const int64_t size = partition_size(device);
-    REPORT_INFO("mmc size = 0x%llx,file size = 0x%x", shown_size(size),
-                static_cast<unsigned>(length));
+    HAL_INFO("mmc size = 0x%llx,file size = 0x%x", shown_size(size), static_cast<unsigned>(length));
     if (length <= 0) {
-        REPORT_ERROR("partition upgrade file size is zero!!!");
+        HAL_ERROR("partition upgrade file size is zero!!!");
         return FLASH_BAD_LENGTH;
     }
     if (size < length) {
-        REPORT_ERROR("partition upgrade file size is too big!!!");
+        HAL_ERROR("partition upgrade file size is too big!!!");
         return FLASH_PARTITION_TOO_SMALL;
     }
     static Chunk chunk;
@@ -311,24 +307,24 @@ int flash_mmc_write_partition_by_offset(const char* part, const char* package, i
 
 int flash_mmc_erase_write_partion_by_offset(const char* part, const char* package, int start,
                                             int end) {
-    REPORT_INFO("part %s file %s start 0x%x - end 0x%x", part, package,
-                static_cast<unsigned>(start), static_cast<unsigned>(end));
+    HAL_INFO("part %s file %s start 0x%x - end 0x%x", part, package, static_cast<unsigned>(start),
+             static_cast<unsigned>(end));
     // Callers keep positions as 32-bit numbers; those from 2 GiB on arrive here as negative ones.
     if (start < 0 || end <= start) {
-        REPORT_ERROR("file %s offset invalid start 0x%x - end 0x%x", package,
-                     static_cast<unsigned>(start), static_cast<unsigned>(end));
+        HAL_ERROR("file %s offset invalid start 0x%x - end 0x%x", package,
+                  static_cast<unsigned>(start), static_cast<unsigned>(end));
         return FLASH_FAILED;
     }
     const int size = end - start;
-    REPORT_INFO("start erase partition...");
+    HAL_INFO("start erase partition...");
     if (erase_for_copy(part, package, start, size) < 0) {
-        REPORT_ERROR("failed to erase partion %s", part);
+        HAL_ERROR("failed to erase partion %s", part);
         return FLASH_FAILED;
     }
-    REPORT_INFO("start write partition size %d", size);
+    HAL_INFO("start write partition size %d", size);
     const int result = flash_mmc_write_partition_by_offset(part, package, start, size);
     if (result < 0) {
-        REPORT_ERROR("failed to write partion %s", part);
+        HAL_ERROR("failed to write partion %s", part);
     }
     return result;
 }

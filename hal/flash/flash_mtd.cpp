@@ -15,10 +15,12 @@
 
 #include "base/owned.h"
 #include "base/unique_fd.h"
+#include "board/error_log.h"
 #include "mtd_table.h"
-#include "pal_common/error_log.h"
 
 namespace {
+
+constexpr ReportSource REPORT_SOURCE = REPORT_FLASH_MTD;
 
 // The requests as the kernel knows them, whatever the machine's word.
 static_assert(sizeof(mtd_info_user) == 32 && MEMGETINFO == 0x80204d01);
@@ -32,11 +34,8 @@ constexpr size_t LINE_SIZE = 64;  // bytes, terminator included; also enough for
 constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
 
 // One data buffer serves both copies, which never run at once.
-Chunk dataChunk;
-Chunk readBackChunk;
-
-#define REPORT_ERROR(...) HAL_REPORT(REPORT_FLASH_MTD, REPORT_LEVEL_ERROR, __VA_ARGS__)
-#define REPORT_INFO(...) HAL_REPORT(REPORT_FLASH_MTD, REPORT_LEVEL_INFO, __VA_ARGS__)
+Chunk g_data_chunk;
+Chunk g_read_back_chunk;
 
 // The number of the device that holds the partition.
 std::optional<int> find_device_number(std::string_view part) {
@@ -71,20 +70,19 @@ int copy_image(const char* operation, int file, int device, uint64_t imageSize) 
     uint64_t copied = 0;
     uint64_t loggedTenth = 0;
     for (;;) {
-        const ssize_t count = read(file, dataChunk.data(), dataChunk.size());
+        const ssize_t count = read(file, g_data_chunk.data(), g_data_chunk.size());
         if (count < 0) {
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR, "read file failed.");
+            HAL_ERROR_AS(operation, "read file failed.");
             return FLASH_FAILED;
         }
         if (count == 0) {
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_INFO, "write flash complete!!");
+            HAL_INFO_AS(operation, "write flash complete!!");
             return FLASH_OK;
         }
-        const ssize_t written = write(device, dataChunk.data(), static_cast<size_t>(count));
+        const ssize_t written = write(device, g_data_chunk.data(), static_cast<size_t>(count));
         if (written != count) {
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR,
-                          "write flash failed!writeSize = 0x%x,readSize=0x%x",
-                          static_cast<unsigned>(written), static_cast<unsigned>(count));
+            HAL_ERROR_AS(operation, "write flash failed!writeSize = 0x%x,readSize=0x%x",
+                         static_cast<unsigned>(written), static_cast<unsigned>(count));
             return FLASH_FAILED;
         }
         copied += static_cast<uint64_t>(count);
@@ -92,36 +90,32 @@ int copy_image(const char* operation, int file, int device, uint64_t imageSize) 
         const uint64_t tenth = copied * 10 / std::max<uint64_t>(imageSize, 1);
         if (tenth != loggedTenth) {
             loggedTenth = tenth;
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_INFO,
-                          "write flash progress %d%%.", static_cast<int>(tenth * 10));
+            HAL_INFO_AS(operation, "write flash progress %d%%.", static_cast<int>(tenth * 10));
         }
     }
 }
 
-// Writes the count bytes of dataChunk at the device's position, which is `position`, and reads them
-// back. Flash that is worn out takes a write without an error and holds something else.
+// Writes the count bytes of g_data_chunk at the device's position, which is `position`, and reads
+// them back. Flash that is worn out takes a write without an error and holds something else.
 int write_and_check(const char* operation, int device, uint64_t position, ssize_t count) {
     const auto size = static_cast<size_t>(count);
-    const ssize_t written = write(device, dataChunk.data(), size);
+    const ssize_t written = write(device, g_data_chunk.data(), size);
     if (written != count) {
-        HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR,
-                      "write flash failed! writeSize = 0x%x, readSize=0x%x",
-                      static_cast<unsigned>(written), static_cast<unsigned>(count));
+        HAL_ERROR_AS(operation, "write flash failed! writeSize = 0x%x, readSize=0x%x",
+                     static_cast<unsigned>(written), static_cast<unsigned>(count));
         return FLASH_SHORT_WRITE;
     }
     ssize_t readBack = -1;
     if (lseek(device, static_cast<off_t>(position), SEEK_SET) >= 0) {
-        readBack = read(device, readBackChunk.data(), size);
+        readBack = read(device, g_read_back_chunk.data(), size);
     }
     if (readBack != count) {
-        HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR,
-                      "read back flash failed! readBackSize = 0x%x, writeSize=0x%x",
-                      static_cast<unsigned>(readBack), static_cast<unsigned>(count));
+        HAL_ERROR_AS(operation, "read back flash failed! readBackSize = 0x%x, writeSize=0x%x",
+                     static_cast<unsigned>(readBack), static_cast<unsigned>(count));
         return FLASH_SHORT_READ_BACK;
     }
-    if (memcmp(dataChunk.data(), readBackChunk.data(), size) != 0) {
-        HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR,
-                      "write and read back data not match!");
+    if (memcmp(g_data_chunk.data(), g_read_back_chunk.data(), size) != 0) {
+        HAL_ERROR_AS(operation, "write and read back data not match!");
         return FLASH_DATA_DIFFER;
     }
     return FLASH_OK;
@@ -132,9 +126,9 @@ int copy_range(const char* operation, int package, int device, uint64_t length) 
     std::optional<uint64_t> loggedTenth;
     while (copied < length) {
         const auto wanted = std::min<uint64_t>(length - copied, FLASH_CHUNK_SIZE);
-        const ssize_t count = read(package, dataChunk.data(), static_cast<size_t>(wanted));
+        const ssize_t count = read(package, g_data_chunk.data(), static_cast<size_t>(wanted));
         if (count < 0) {
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_ERROR, "read file failed.");
+            HAL_ERROR_AS(operation, "read file failed.");
             return FLASH_MTD_PACKAGE_UNREAD;
         }
         if (count == 0) {
@@ -148,11 +142,10 @@ int copy_range(const char* operation, int package, int device, uint64_t length) 
         const uint64_t tenth = copied * 10 / length;
         if (tenth != loggedTenth) {
             loggedTenth = tenth;
-            HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_INFO,
-                          "write flash progress %d%%.", static_cast<int>(tenth * 10));
+            HAL_INFO_AS(operation, "write flash progress %d%%.", static_cast<int>(tenth * 10));
         }
     }
-    HAL_REPORT_AS(operation, REPORT_FLASH_MTD, REPORT_LEVEL_INFO, "write flash complete!!");
+    HAL_INFO_AS(operation, "write flash complete!!");
     return FLASH_OK;
 }
 
@@ -174,55 +167,55 @@ int flash_mtd_open(const char* part, int flags) {
 }
 
 int flash_mtd_erase_partition(const char* part) {
-    REPORT_INFO("flash_mtd_erase_partition.");
+    HAL_INFO("flash_mtd_erase_partition.");
     const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mtd device:%s for write.", part);
+        HAL_ERROR("Could not open mtd device:%s for write.", part);
         return FLASH_FAILED;
     }
     const std::optional<uint32_t> size = partition_size(device);
     if (!size) {
-        REPORT_ERROR("Could not get mtd device info.");
+        HAL_ERROR("Could not get mtd device info.");
         return FLASH_ERASE_NO_GEOMETRY;
     }
-    REPORT_INFO("mtd size = 0x%x", *size);
+    HAL_INFO("mtd size = 0x%x", *size);
     // One request: the kernel walks the erase blocks.
     erase_info_user range = {.start = 0, .length = *size};
     if (ioctl(device.get(), MEMERASE, &range) < 0) {
-        REPORT_ERROR("failed to erase MTD.");
+        HAL_ERROR("failed to erase MTD.");
         return FLASH_ERASE_FAILED;
     }
-    REPORT_INFO("erase ok.");
+    HAL_INFO("erase ok.");
     return FLASH_OK;
 }
 
 int flash_mtd_write_partition(const char* part, const char* image) {
-    REPORT_INFO("flash_mtd_write_partition.");
+    HAL_INFO("flash_mtd_write_partition.");
     const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mtd device:%s for write.", part);
+        HAL_ERROR("Could not open mtd device:%s for write.", part);
         return FLASH_FAILED;
     }
     const std::optional<uint32_t> size = partition_size(device);
     if (!size) {
-        REPORT_ERROR("Could not get mtd device info.");
+        HAL_ERROR("Could not get mtd device info.");
         return FLASH_FAILED;
     }
     // Read-write for the reason that the eMMC driver gives.
     const corvo::UniqueFd file(open(image, WRITE_FLAGS));
     if (!file.valid()) {
-        REPORT_ERROR("failed to open %s.", image);
+        HAL_ERROR("failed to open %s.", image);
         return FLASH_FAILED;
     }
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) {
-        REPORT_ERROR("failed to get file status.");
+        HAL_ERROR("failed to get file status.");
         return FLASH_FAILED;
     }
     const auto imageSize = static_cast<unsigned long long>(status.st_size);
-    REPORT_INFO("mtd size = 0x%x,file size = 0x%llx", *size, imageSize);
+    HAL_INFO("mtd size = 0x%x,file size = 0x%llx", *size, imageSize);
     if (*size < imageSize) {
-        REPORT_ERROR("file size is too big!!!");
+        HAL_ERROR("file size is too big!!!");
         return FLASH_FAILED;
     }
     // Both were opened just now and stand at their start.
@@ -232,11 +225,11 @@ int flash_mtd_write_partition(const char* part, const char* image) {
 int flash_mtd_erase_write_partion(const char* part, const char* image) {
     const int result = flash_mtd_erase_partition(part);
     if (result < 0) {
-        REPORT_ERROR("failed to erase partion %s", part);
+        HAL_ERROR("failed to erase partion %s", part);
         return result;
     }
     if (flash_mtd_write_partition(part, image) < 0) {
-        REPORT_ERROR("failed to write partion %s", part);
+        HAL_ERROR("failed to write partion %s", part);
         return FLASH_FAILED;
     }
     return FLASH_OK;
@@ -244,41 +237,41 @@ int flash_mtd_erase_write_partion(const char* part, const char* image) {
 
 int flash_mtd_write_partition_by_offset(const char* part, const char* package, uint64_t offset,
                                         uint64_t length) {
-    REPORT_INFO("flash_mtd_write_partition_by_offset.");
+    HAL_INFO("flash_mtd_write_partition_by_offset.");
     const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
     if (!device.valid()) {
-        REPORT_ERROR("Could not open mtd device:%s for write.", part);
+        HAL_ERROR("Could not open mtd device:%s for write.", part);
         return FLASH_NO_DEVICE;
     }
     const std::optional<uint32_t> size = partition_size(device);
     if (!size) {
-        REPORT_ERROR("Could not get mtd device info.");
+        HAL_ERROR("Could not get mtd device info.");
         return FLASH_NO_GEOMETRY;
     }
     const corvo::UniqueFd file(open(package, O_RDONLY));
     if (!file.valid()) {
-        REPORT_ERROR("failed to open %s.", package);
+        HAL_ERROR("failed to open %s.", package);
         return FLASH_NO_PACKAGE;
     }
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) {
-        REPORT_ERROR("failed to get file status.");
+        HAL_ERROR("failed to get file status.");
         return FLASH_NO_PACKAGE_STATUS;
     }
     const auto packageSize = static_cast<unsigned long long>(status.st_size);
-    REPORT_INFO("part:%s mtd size = 0x%x, file size = %llu, offset = %llu, data len = %llu", part,
-                *size, packageSize, static_cast<unsigned long long>(offset),
-                static_cast<unsigned long long>(length));
+    HAL_INFO("part:%s mtd size = 0x%x, file size = %llu, offset = %llu, data len = %llu", part,
+             *size, packageSize, static_cast<unsigned long long>(offset),
+             static_cast<unsigned long long>(length));
     if (packageSize < length) {
-        REPORT_ERROR("data len is too big!!!");
+        HAL_ERROR("data len is too big!!!");
         return FLASH_BAD_LENGTH;
     }
     if (*size < length) {
-        REPORT_ERROR("file size is too big!!!");
+        HAL_ERROR("file size is too big!!!");
         return FLASH_PARTITION_TOO_SMALL;
     }
     if (lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-        REPORT_ERROR("read file failed.");
+        HAL_ERROR("read file failed.");
         return FLASH_MTD_PACKAGE_UNREAD;
     }
     return copy_range(__func__, file.get(), device.get(), length);
@@ -290,12 +283,12 @@ int flash_mtd_erase_write_partition_by_offset(const char* part, const char* pack
         return FLASH_OK;
     }
     if (part == nullptr) {
-        REPORT_ERROR("Could not open mtd device:%s for write.", "(null)");
+        HAL_ERROR("Could not open mtd device:%s for write.", "(null)");
         return FLASH_NO_DEVICE;
     }
     const int result = flash_mtd_erase_partition(part);
     if (result < 0) {
-        REPORT_ERROR("failed to erase partion %s", part);
+        HAL_ERROR("failed to erase partion %s", part);
         return result;
     }
     if (package == nullptr) {

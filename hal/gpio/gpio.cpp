@@ -6,27 +6,28 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/ignore_result.h"
 #include "base/unique_fd.h"
-#include "pal_common/error_log.h"
+#include "board/error_log.h"
 
 namespace {
 
-constexpr size_t PATH_SIZE = 64;  // bytes, terminator included
+constexpr ReportSource REPORT_SOURCE = REPORT_HAL_GPIO;
 
-#define REPORT_ERROR(...) HAL_REPORT(REPORT_HAL_GPIO, REPORT_LEVEL_ERROR, __VA_ARGS__)
+constexpr size_t PATH_SIZE = 64;  // bytes, terminator included
 
 }  // namespace
 
 int32_t hal_gpio_export(int32_t gpio) {
     const corvo::UniqueFd file(open("/sys/class/gpio/export", O_WRONLY));
     if (!file.valid()) {
-        REPORT_ERROR("faield to open gpio/export");
+        HAL_ERROR("faield to open gpio/export");
         return GPIO_FAILED;
     }
     char number[16] = {};
     snprintf(number, sizeof(number), "%d", gpio);
     // The kernel refuses a line that is exported already, which serves as well.
-    (void)!write(file.get(), number, strlen(number));
+    corvo::ignore_result(write(file.get(), number, strlen(number)));
     return GPIO_OK;
 }
 
@@ -35,14 +36,14 @@ int32_t hal_gpio_set_dir(int32_t gpio, uint8_t out) {
     snprintf(path, sizeof(path), "/sys/class/gpio/gpio%d/direction", gpio);
     const corvo::UniqueFd file(open(path, O_WRONLY));
     if (!file.valid()) {
-        REPORT_ERROR("open: %s failed for %s", path, strerror(errno));
+        HAL_ERROR("open: %s failed for %s", path, strerror(errno));
         return GPIO_FAILED;
     }
     // With its terminator, which the kernel takes as an end of the word.
     if (out != 0) {
-        (void)!write(file.get(), "out", sizeof("out"));
+        corvo::ignore_result(write(file.get(), "out", sizeof("out")));
     } else {
-        (void)!write(file.get(), "in", sizeof("in"));
+        corvo::ignore_result(write(file.get(), "in", sizeof("in")));
     }
     return GPIO_OK;
 }
@@ -52,7 +53,7 @@ int32_t hal_gpio_fd_open(int32_t gpio) {
     snprintf(path, sizeof(path), "/sys/class/gpio/gpio%d/value", gpio);
     const int fd = open(path, O_RDWR | O_NONBLOCK);
     if (fd < 0) {
-        REPORT_ERROR("failed to open gpio %d", gpio);
+        HAL_ERROR("failed to open gpio %d", gpio);
         return GPIO_FAILED;
     }
     return fd;

@@ -5,10 +5,12 @@
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "board/error_log.h"
 #include "hal/gpio.h"
-#include "pal_common/error_log.h"
 
 namespace {
+
+constexpr ReportSource REPORT_SOURCE = REPORT_HAL_LED;
 
 constexpr int32_t NO_GPIO = -1;
 
@@ -19,9 +21,9 @@ struct LedLine {
     int32_t gpio;
     int value;  // descriptor of the line's value file, or -1
 };
-LedLine redLine{"red", 34, -1};
-LedLine greenLine{"green", NO_GPIO, -1};
-LedLine blueLine{"blue", 35, -1};
+LedLine g_red_line{"red", 34, -1};
+LedLine g_green_line{"green", NO_GPIO, -1};
+LedLine g_blue_line{"blue", 35, -1};
 
 int32_t set_line(const char* operation, LedLine& line, int32_t on) {
     if (line.value < 0 && line.gpio == NO_GPIO) {
@@ -39,8 +41,7 @@ int32_t set_line(const char* operation, LedLine& line, int32_t on) {
         return LED_LINE_OK;
     }
     if (write(line.value, on == 1 ? "1" : "0", 1) != 1) {
-        HAL_REPORT_AS(operation, REPORT_HAL_LED, REPORT_LEVEL_ERROR, "%s led fd write fail",
-                      line.name);
+        HAL_ERROR_AS(operation, "%s led fd write fail", line.name);
         return LED_LINE_FAILED;
     }
     return LED_LINE_OK;
@@ -49,19 +50,19 @@ int32_t set_line(const char* operation, LedLine& line, int32_t on) {
 }  // namespace
 
 int32_t set_red_led(int32_t on) {
-    return set_line(__func__, redLine, on);
+    return set_line(__func__, g_red_line, on);
 }
 
 int32_t set_green_led(int32_t on) {
-    return set_line(__func__, greenLine, on);
+    return set_line(__func__, g_green_line, on);
 }
 
 int32_t set_blue_led(int32_t on) {
-    return set_line(__func__, blueLine, on);
+    return set_line(__func__, g_blue_line, on);
 }
 
 void close_led_lines() {
-    for (LedLine* const line : {&redLine, &greenLine, &blueLine}) {
+    for (LedLine* const line : {&g_red_line, &g_green_line, &g_blue_line}) {
         const corvo::UniqueFd closed(std::exchange(line->value, -1));
     }
 }

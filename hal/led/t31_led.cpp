@@ -10,13 +10,13 @@
 #include <atomic>
 
 #include "base/alternate_stack.h"
+#include "board/error_log.h"
 #include "led_lines.h"
 #include "led_pattern.h"
-#include "pal_common/error_log.h"
 
 namespace {
 
-#define REPORT_ERROR(...) HAL_REPORT(REPORT_HAL_LED, REPORT_LEVEL_ERROR, __VA_ARGS__)
+constexpr ReportSource REPORT_SOURCE = REPORT_HAL_LED;
 
 // The worker's reports carry its name, whichever of its steps makes them.
 constexpr const char* WORKER = "led_process_thread";
@@ -31,9 +31,9 @@ constexpr int32_t TICK_US = 250000;
 constexpr uint32_t SLOW_PERIOD_MS = 1000;  // blinks from this period on are slow
 
 // Requests leave the act here; the worker looks at it once per tick.
-std::atomic<int32_t> ledAct{LED_ACT_BUTT};
-std::atomic<bool> running{false};
-pthread_t worker;  // valid while running
+std::atomic<int32_t> g_led_act{LED_ACT_BUTT};
+std::atomic<bool> g_running{false};
+pthread_t g_worker;  // valid while running
 
 // False when the wait failed.
 bool wait_for_tick() {
@@ -41,7 +41,7 @@ bool wait_for_tick() {
     if (select(0, nullptr, nullptr, nullptr, &tick) >= 0) {
         return true;
     }
-    HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_ERROR, "select Error!");
+    HAL_ERROR_AS(WORKER, "select Error!");
     // Should the wait keep failing, this keeps the worker from spinning and from flooding the log.
     usleep(TICK_US);
     return false;
@@ -60,13 +60,13 @@ void write_values(const LedValues& values) {
 }
 
 void play_tick(LedState& state) {
-    const int32_t act = ledAct.load(std::memory_order_relaxed);
+    const int32_t act = g_led_act.load(std::memory_order_relaxed);
     if (act != state.applied) {
-        HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_INFO, "Led act change %s to %s.",
-                      led_act_name(state.applied), led_act_name(act));
+        HAL_INFO_AS(WORKER, "Led act change %s to %s.", led_act_name(state.applied),
+                    led_act_name(act));
     }
     if (!is_led_act(act)) {
-        HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_ERROR, "invalid led act %d!", act);
+        HAL_ERROR_AS(WORKER, "invalid led act %d!", act);
         return;
     }
     const LedStep step = led_pattern_step(act, state);
@@ -79,10 +79,10 @@ void play_tick(LedState& state) {
 
 void* led_process_thread(void* /*unused*/) {
     const corvo::AlternateStack crashStack;
-    HAL_REPORT_AS(WORKER, REPORT_HAL_LED, REPORT_LEVEL_INFO, "led process thread.\n");
+    HAL_INFO_AS(WORKER, "led process thread.\n");
     prctl(PR_SET_NAME, "led_act");
     LedState state;
-    while (running.load(std::memory_order_relaxed)) {
+    while (g_running.load(std::memory_order_relaxed)) {
         if (wait_for_tick()) {
             play_tick(state);
         }
@@ -92,23 +92,23 @@ void* led_process_thread(void* /*unused*/) {
 }
 
 int32_t t31_led_init(uint32_t /*index*/) {
-    if (running.load(std::memory_order_relaxed)) {
-        REPORT_ERROR("led has been inited.");
+    if (g_running.load(std::memory_order_relaxed)) {
+        HAL_ERROR("led has been inited.");
         return LED_NOT_STARTED;
     }
-    running.store(true, std::memory_order_relaxed);
-    if (pthread_create(&worker, nullptr, led_process_thread, nullptr) != 0) {
-        REPORT_ERROR("led thread create error!");
-        running.store(false, std::memory_order_relaxed);
+    g_running.store(true, std::memory_order_relaxed);
+    if (pthread_create(&g_worker, nullptr, led_process_thread, nullptr) != 0) {
+        HAL_ERROR("led thread create error!");
+        g_running.store(false, std::memory_order_relaxed);
         return LED_NOT_STARTED;
     }
     return LED_OK;
 }
 
 int32_t t31_led_deinit(uint32_t /*index*/) {
-    if (running.exchange(false, std::memory_order_relaxed)) {
+    if (g_running.exchange(false, std::memory_order_relaxed)) {
         // The worker may be about to write a line, or to open it: close only behind its end.
-        pthread_join(worker, nullptr);
+        pthread_join(g_worker, nullptr);
     }
     close_led_lines();
     return LED_OK;
@@ -127,16 +127,16 @@ int32_t t31_led_enable(uint32_t type, int32_t enable, uint32_t /*index*/) {
     printf("led enable, type=%d,enable=%d\n", static_cast<int>(type), enable);
     switch (type) {
         case LED_TYPE_RED:
-            ledAct.store(LED_RED_ON, std::memory_order_relaxed);
+            g_led_act.store(LED_RED_ON, std::memory_order_relaxed);
             break;
         case LED_TYPE_GREEN:
-            ledAct.store(LED_GREEN_ON, std::memory_order_relaxed);
+            g_led_act.store(LED_GREEN_ON, std::memory_order_relaxed);
             break;
         case LED_TYPE_BLUE:
-            ledAct.store(LED_BLUE_ON, std::memory_order_relaxed);
+            g_led_act.store(LED_BLUE_ON, std::memory_order_relaxed);
             break;
         case LED_TYPE_ALL:
-            ledAct.store(enable != 0 ? LED_ALL_ON : LED_ALL_OFF, std::memory_order_relaxed);
+            g_led_act.store(enable != 0 ? LED_ALL_ON : LED_ALL_OFF, std::memory_order_relaxed);
             break;
         default:
             break;
@@ -170,13 +170,13 @@ constexpr BlinkChoice BLINK_CHOICES[] = {
 
 int32_t t31_led_blink(uint32_t type, const LedBlinkCfg* config, uint32_t /*index*/) {
     if (config == nullptr) {
-        REPORT_ERROR("led blink cfg is NULL!");
+        HAL_ERROR("led blink cfg is NULL!");
         return LED_NO_CONFIG;
     }
     const uint32_t period = config->periodMs;
     for (const BlinkChoice& choice : BLINK_CHOICES) {
         if (type == choice.type && period >= choice.minPeriodMs && period <= choice.maxPeriodMs) {
-            ledAct.store(choice.act, std::memory_order_relaxed);
+            g_led_act.store(choice.act, std::memory_order_relaxed);
             break;
         }
     }

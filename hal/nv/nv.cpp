@@ -12,7 +12,7 @@
 
 namespace {
 
-enum NvResult : int32_t { NV_OK = 0 };  // reads and writes return the driver's count, or -1
+constexpr int32_t NV_OK = 0;  // reads and writes return the driver's count, or -1
 
 constexpr const char* USER_PARTITION = "nv_user";
 constexpr const char* FACTORY_PARTITION = "nv_factory";

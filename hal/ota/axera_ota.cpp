@@ -5,16 +5,15 @@
 #include <algorithm>
 #include <array>
 
+#include "board/error_log.h"
+#include "board/ota_types.h"
 #include "dbus/system_call.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
-#include "pal_common/error_log.h"
-#include "pal_common/ota_types.h"
 
 namespace {
 
-#define REPORT_ERROR(...) HAL_REPORT(REPORT_HAL_OTA, REPORT_LEVEL_ERROR, __VA_ARGS__)
-#define REPORT_INFO(...) HAL_REPORT(REPORT_HAL_OTA, REPORT_LEVEL_INFO, __VA_ARGS__)
+constexpr ReportSource REPORT_SOURCE = REPORT_HAL_OTA;
 
 constexpr auto ACCEPTED_MODULE_TYPES =
     std::to_array<uint32_t>({2, 3, 4, 5, 6, 11, 12, 13, 14, 15, 16, 17, 20, 21});
@@ -70,14 +69,14 @@ int32_t axera_ota_deinit() {
 int32_t axera_ota_upgrade(uint32_t moduleType, const char* partitionName, const char* filePath,
                           uint32_t storageType) {
     printf("axera_ota_upgrade eModuleType=%d line%d", static_cast<int>(moduleType), __LINE__);
-    REPORT_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
-                static_cast<int>(storageType));
+    HAL_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
+             static_cast<int>(storageType));
     if (!accepts_module_type(moduleType)) {
-        REPORT_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
+        HAL_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
         return HAL_OTA_INVALID_PARAMETER;
     }
     if (partitionName == nullptr || filePath == nullptr) {
-        REPORT_ERROR("pszPartitionName or pszFilePath is NULL");
+        HAL_ERROR("pszPartitionName or pszFilePath is NULL");
         return HAL_OTA_INVALID_PARAMETER;
     }
     int32_t result = HAL_OTA_OK;
@@ -89,11 +88,11 @@ int32_t axera_ota_upgrade(uint32_t moduleType, const char* partitionName, const 
             result = flash_mmc_erase_write_partion(partitionName, filePath);
             break;
         default:
-            REPORT_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
+            HAL_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
     if (result != HAL_OTA_OK) {
-        REPORT_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
+        HAL_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
     }
     return result;
 }
@@ -101,7 +100,7 @@ int32_t axera_ota_upgrade(uint32_t moduleType, const char* partitionName, const 
 int32_t axera_ota_open_partition(const char* partitionName, int32_t flags, uint32_t storageType,
                                  int32_t* fd) {
     if (flags != 0 || fd == nullptr || partitionName == nullptr) {
-        REPORT_ERROR("param error, iFlag=%d, fd=%p", flags, static_cast<void*>(fd));
+        HAL_ERROR("param error, iFlag=%d, fd=%p", flags, static_cast<void*>(fd));
         return HAL_OTA_INVALID_PARAMETER;
     }
     switch (storageType) {
@@ -112,7 +111,7 @@ int32_t axera_ota_open_partition(const char* partitionName, int32_t flags, uint3
             *fd = flash_mtd_open(partitionName, flags);
             return *fd < 0 ? HAL_OTA_MTD_NOT_OPENED : HAL_OTA_OK;
         default:
-            REPORT_ERROR("unsupport eStorageType:%d", static_cast<int>(storageType));
+            HAL_ERROR("unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
 }
@@ -127,7 +126,7 @@ int32_t axera_ota_erase_partition(const char* partitionName, uint32_t storageTyp
         case STORAGE_TYPE_MTD:
             return flash_mtd_erase_partition(partitionName);
         default:
-            REPORT_ERROR("unsupport eStorageType:%d", static_cast<int>(storageType));
+            HAL_ERROR("unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
 }
@@ -135,14 +134,14 @@ int32_t axera_ota_erase_partition(const char* partitionName, uint32_t storageTyp
 int32_t axera_ota_write_partition_by_offset(uint32_t moduleType, const char* partitionName,
                                             const char* filePath, uint32_t offset, uint32_t size,
                                             uint32_t storageType) {
-    REPORT_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
-                static_cast<int>(storageType));
+    HAL_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
+             static_cast<int>(storageType));
     if (!accepts_module_type(moduleType)) {
-        REPORT_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
+        HAL_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
         return HAL_OTA_INVALID_PARAMETER;
     }
     if (partitionName == nullptr || filePath == nullptr) {
-        REPORT_ERROR("partitionName or path is NULL");
+        HAL_ERROR("partitionName or path is NULL");
         return HAL_OTA_INVALID_PARAMETER;
     }
     int32_t result = HAL_OTA_OK;
@@ -163,11 +162,11 @@ int32_t axera_ota_write_partition_by_offset(uint32_t moduleType, const char* par
             break;
         }
         default:
-            REPORT_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
+            HAL_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
     if (result != HAL_OTA_OK) {
-        REPORT_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
+        HAL_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
     }
     return result;
 }

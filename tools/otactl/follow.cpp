@@ -80,9 +80,9 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
         const int64_t now = monotonic_ms();
         if (event == StreamEvent::MESSAGE) {
             lastSeen = now;
-            LogRecord logRecord = {};
+            PublishedLine published = {};
             LogLine line = {};
-            if (parse_log_message(message, logRecord) && parse_log_line(logRecord.line, line)) {
+            if (parse_log_message(message, published) && parse_log_line(published.line, line)) {
                 show(progress, time_of_day(line.stamp), advance_progress(progress, line.text),
                      terminal);
             }

@@ -13,13 +13,13 @@ constexpr std::string_view SEPARATOR = CORVO_LOG_TOPIC_SEPARATOR;
 
 }  // namespace
 
-bool parse_log_message(std::string_view message, LogRecord& record) {
+bool parse_log_message(std::string_view message, PublishedLine& published) {
     const size_t separator = message.find(SEPARATOR);
     if (!message.starts_with(CORVO_LOG_PUB_TOPIC) || separator == std::string_view::npos) {
         return false;
     }
     message.remove_prefix(separator + SEPARATOR.size());
-    LogRecordHead head = {};
+    LogRecord head = {};
     if (message.size() < sizeof(head)) {
         return false;
     }
@@ -32,7 +32,7 @@ bool parse_log_message(std::string_view message, LogRecord& record) {
     if (message.ends_with('\n')) {
         message.remove_suffix(1);
     }
-    record = {head.level, message};
+    published = {head.level, message};
     return true;
 }
 

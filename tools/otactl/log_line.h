@@ -8,14 +8,14 @@
 #include <string_view>
 
 // The line of one published message, without its newline and NUL, and its level.
-struct LogRecord {
+struct PublishedLine {
     uint32_t level;
     std::string_view line;
 };
 
-// Takes a message apart; the record points into it. Returns false when it is not topic, "|", head
+// Takes a message apart; `published` points into it. Returns false when it is not topic, "|", head
 // and as many bytes as the head says.
-bool parse_log_message(std::string_view message, LogRecord& record);
+bool parse_log_message(std::string_view message, PublishedLine& published);
 
 // The fields of a line: "stamp;function;source line;module;level;text".
 struct LogLine {

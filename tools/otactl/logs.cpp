@@ -41,16 +41,16 @@ int logs(const LogsOptions& options) {
             case StreamEvent::MESSAGE:
                 break;
         }
-        LogRecord logRecord = {};
-        if (!parse_log_message(message, logRecord)) {
+        PublishedLine published = {};
+        if (!parse_log_message(message, published)) {
             print_error(OTACTL, "a message that is no log record, dropped");
             continue;
         }
-        if (logRecord.level < options.level) {
+        if (published.level < options.level) {
             continue;
         }
-        const std::string line = printable(logRecord.line);
-        const char* colour = coloured ? colour_of(logRecord.level) : "";
+        const std::string line = printable(published.line);
+        const char* colour = coloured ? colour_of(published.level) : "";
         printf("%s%s%s\n", colour, line.c_str(), *colour != '\0' ? "\033[0m" : "");
         if (fflush(stdout) != 0) {
             return OTACTL_FAILED;

@@ -29,7 +29,7 @@ constexpr int EXIT_CANNOT_RUN = 127;
 constexpr int EXIT_SIGNAL_BASE = 128;
 
 // Readable for good once stop_commands() ran.
-const int stopEvent = eventfd(0, EFD_CLOEXEC);
+const int g_stop_event = eventfd(0, EFD_CLOEXEC);
 
 // One command, shared by the thread that asked for it and the one that waits for its end.
 struct Running {
@@ -136,7 +136,7 @@ CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char>
     int64_t deadline = monotonic_ms() + limitMs;
     std::array<pollfd, 3> events = {{{.fd = running.ended.get(), .events = POLLIN, .revents = 0},
                                      {.fd = pipe, .events = POLLIN, .revents = 0},
-                                     {.fd = stopEvent, .events = POLLIN, .revents = 0}}};
+                                     {.fd = g_stop_event, .events = POLLIN, .revents = 0}}};
     pollfd& ended = events[0];
     pollfd& readable = events[1];
     pollfd& stopping = events[2];
@@ -216,5 +216,5 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
 }
 
 void stop_commands() {
-    eventfd_write(stopEvent, 1);
+    eventfd_write(g_stop_event, 1);
 }

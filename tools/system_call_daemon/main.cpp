@@ -38,7 +38,7 @@ struct Settings {
     bool verbose = false;
 };
 
-Settings settings;  // set before the first handler runs, constant from then on
+Settings g_settings;  // set before the first handler runs, constant from then on
 
 std::string command_of(const void* in, uint32_t inLen) {
     const auto* text = static_cast<const char*>(in);
@@ -48,7 +48,7 @@ std::string command_of(const void* in, uint32_t inLen) {
 void report(const char* method, const std::string& command, const CommandResult& result) {
     if (!result.started) {
         printf("%s: cannot start: %s\n", method, command.c_str());
-    } else if (settings.verbose || result.cut) {
+    } else if (g_settings.verbose || result.cut) {
         printf("%s: %s%d: %s\n", method,
                result.cut ? "killed at the time limit, status " : "status ", result.status,
                command.c_str());
@@ -57,7 +57,7 @@ void report(const char* method, const std::string& command, const CommandResult&
 
 int32_t handle_system_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
     const std::string command = command_of(in, inLen);
-    const CommandResult result = run_command(command.c_str(), settings.systemLimitMs, {});
+    const CommandResult result = run_command(command.c_str(), g_settings.systemLimitMs, {});
     report(SYSTEM_CALL_METHOD, command, result);
     if (!result.started) {
         return DBUS_CALL_FAILED;
@@ -67,7 +67,7 @@ int32_t handle_system_call(const void* in, uint32_t inLen, void* out, uint32_t o
 
 int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
     const std::string command = command_of(in, inLen);
-    const CommandResult result = run_command(command.c_str(), settings.popenLimitMs,
+    const CommandResult result = run_command(command.c_str(), g_settings.popenLimitMs,
                                              std::span(static_cast<char*>(out), outCap));
     report(POPEN_CALL_METHOD, command, result);
     return result.started ? static_cast<int32_t>(result.outputLength) : DBUS_CALL_FAILED;
@@ -123,15 +123,15 @@ int serve(const sigset_t& endSignals) {
 
 static int program(int argc, char** argv) {
     CLI::App app("Runs shell commands for the camera's other processes.", PROGRAM);
-    app.add_option("--system-limit", settings.systemLimitMs,
+    app.add_option("--system-limit", g_settings.systemLimitMs,
                    "Kill a system_call command after MS milliseconds")
         ->option_text("MS [60000]")
         ->check(CLI::Range(1, LIMIT_MAX_MS));
-    app.add_option("--popen-limit", settings.popenLimitMs,
+    app.add_option("--popen-limit", g_settings.popenLimitMs,
                    "Kill a popen_call command after MS milliseconds")
         ->option_text("MS [9000]")
         ->check(CLI::Range(1, LIMIT_MAX_MS));
-    app.add_flag("--verbose", settings.verbose, "Print a line for every command");
+    app.add_flag("--verbose", g_settings.verbose, "Print a line for every command");
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;
     }

@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/ignore_result.h"
+
 namespace corvo {
 
 // Opens "/dev/null", or where there is none the root directory, which takes no writes, for each of
@@ -14,7 +16,7 @@ inline void occupy_standard_descriptors() {
     for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
         // The lowest free number is given out, which is this one.
         if (fcntl(standard, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
-            (void)!open("/", O_RDONLY);
+            ignore_result(open("/", O_RDONLY));
         }
     }
 }

@@ -1,7 +1,7 @@
 // Publishes log lines to the camera's log centre over a nanomsg publish socket. Fire and forget: a
 // line that cannot be sent is lost, and no subscriber can hold the service up.
 //
-// One message per line: the topic, "|", a LogRecordHead, then the line's bytes with its newline and
+// One message per line: the topic, "|", a LogRecord, then the line's bytes with its newline and
 // NUL.
 #ifndef LOG_LOG_PRODUCER_H
 #define LOG_LOG_PRODUCER_H
@@ -21,12 +21,12 @@ constexpr uint32_t CORVO_LOG_MODULE_MASK = 512;
 constexpr int32_t CORVO_LOG_MODULE_NUMBER = 10;
 
 // What stands between separator and line. Not aligned within the message.
-struct LogRecordHead {
+struct LogRecord {
     uint32_t level;
     uint32_t length;  // bytes of the line, newline and NUL included
 };
-static_assert(sizeof(LogRecordHead) == 8);
-static_assert(offsetof(LogRecordHead, length) == 4);
+static_assert(sizeof(LogRecord) == 8);
+static_assert(offsetof(LogRecord, length) == 4);
 
 enum LogProducerResult : uint32_t {
     LOG_PRODUCER_OK = 0,

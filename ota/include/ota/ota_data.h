@@ -15,6 +15,12 @@ constexpr uint32_t OTA_DATA_KEY_COUNT = 7;
 constexpr uint32_t OTA_DATA_KEY_RESULT = 1;
 constexpr uint32_t OTA_DATA_KEY_STATE = 5;
 
+// The file, byte for byte.
+struct OtaDataRecord {
+    uint8_t values[OTA_DATA_KEY_COUNT];
+};
+static_assert(sizeof(OtaDataRecord) == 7);
+
 enum OtaDataResult : uint8_t {
     OTA_RESULT_SUCCEEDED = 1,
     OTA_RESULT_NOT_SUCCEEDED = 2,  // failed, or not finished

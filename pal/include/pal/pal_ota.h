@@ -9,8 +9,8 @@
 
 #include <stdint.h>
 
+#include "board/ota_types.h"
 #include "pal/pal_result.h"
-#include "pal_common/ota_types.h"
 
 int32_t PAL_OTA_Init();
 

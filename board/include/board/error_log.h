@@ -1,7 +1,7 @@
 // The two reporters of the platform abstraction and of the hardware modules below it. Each prints
 // one line per report on standard output; whoever meets a failure reports it, once.
-#ifndef PAL_COMMON_ERROR_LOG_H
-#define PAL_COMMON_ERROR_LOG_H
+#ifndef BOARD_ERROR_LOG_H
+#define BOARD_ERROR_LOG_H
 
 #include <stdint.h>
 
@@ -11,7 +11,8 @@ enum ReportLevel : int32_t {
     REPORT_LEVEL_ERROR = 4,  // a failure
 };
 
-// Who reports: a tag for people and a number for programs that read the output.
+// Who reports: a tag for people and a number for programs that read the output. A new one takes a
+// number that no line below has.
 struct ReportSource {
     const char* tag;
     int32_t id;
@@ -37,14 +38,14 @@ void PAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t i
 void HAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
                   const char* format, ...) __attribute__((format(printf, 6, 7)));
 
-// Report from the current function and line: the source, the level, then format and values.
-#define PAL_REPORT(source, level, ...) PAL_REPORT_AS(__func__, source, level, __VA_ARGS__)
-#define HAL_REPORT(source, level, ...) HAL_REPORT_AS(__func__, source, level, __VA_ARGS__)
+// How a hardware module reports: format and values, from the current line, as the REPORT_SOURCE
+// that its file defines. In the name of the current function, or of the operation that a helper
+// works for.
+#define HAL_ERROR(...) HAL_ERROR_AS(__func__, __VA_ARGS__)
+#define HAL_INFO(...) HAL_INFO_AS(__func__, __VA_ARGS__)
+#define HAL_ERROR_AS(operation, ...) HAL_REPORT_AS(operation, REPORT_LEVEL_ERROR, __VA_ARGS__)
+#define HAL_INFO_AS(operation, ...) HAL_REPORT_AS(operation, REPORT_LEVEL_INFO, __VA_ARGS__)
+#define HAL_REPORT_AS(operation, level, ...) \
+    HAL_ErrorLog((operation), __LINE__, REPORT_SOURCE.tag, REPORT_SOURCE.id, (level), __VA_ARGS__)
 
-// The same in the name of another function: for helpers that work for several operations.
-#define PAL_REPORT_AS(function, source, level, ...) \
-    PAL_ErrorLog((function), __LINE__, (source).tag, (source).id, (level), __VA_ARGS__)
-#define HAL_REPORT_AS(function, source, level, ...) \
-    HAL_ErrorLog((function), __LINE__, (source).tag, (source).id, (level), __VA_ARGS__)
-
-#endif  // PAL_COMMON_ERROR_LOG_H
+#endif  // BOARD_ERROR_LOG_H

@@ -1,6 +1,6 @@
 // The platform's codes for what is upgraded and where it is stored.
-#ifndef PAL_COMMON_OTA_TYPES_H
-#define PAL_COMMON_OTA_TYPES_H
+#ifndef BOARD_OTA_TYPES_H
+#define BOARD_OTA_TYPES_H
 
 #include <stdint.h>
 
@@ -23,4 +23,4 @@ enum eStorageType : uint32_t {
     STORAGE_TYPE_MAX = 36,  // the largest value that the platform knows
 };
 
-#endif  // PAL_COMMON_OTA_TYPES_H
+#endif  // BOARD_OTA_TYPES_H

@@ -1,4 +1,4 @@
-#include "pal_common/error_log.h"
+#include "board/error_log.h"
 
 #include <stdarg.h>
 #include <stdio.h>
