@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "base/ignore_result.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
 #include "endpoint.h"
@@ -248,7 +249,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        static_cast<void>(connect(fd.get(), generic, sizeof(address)));
+        corvo::ignore_result(connect(fd.get(), generic, sizeof(address)));
     }
     EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);
@@ -354,6 +355,24 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_OK);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_CALL_FAILED);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_REPLIED);
+    // A caller leaves a connection that has hung up to the reader, which puts another in its place.
+    int lost[2], good[2];
+    ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, lost) == 0 &&
+                socketpair(AF_UNIX, SOCK_STREAM, 0, good) == 0);
+    close(lost[1]);
+    client->connectionSocket = lost[0];
+    client->reading = true;
+    std::thread reader([client, &good] {
+        std::this_thread::sleep_for(milliseconds(100));
+        Dbus_Lock(client);
+        client->connectionSocket = good[0];
+        Dbus_UnLock(client);
+    });
+    EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), 1236);
+    reader.join();
+    for (const int fd : {lost[0], good[0], good[1]}) {
+        close(fd);
+    }
     client->serverName[0] = '\0';  // a server alone has nobody to send to
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_INVALID_ARGUMENT);
     SystemCall_DbusInfo_Free(client);

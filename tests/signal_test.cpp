@@ -76,8 +76,10 @@ TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
         } else {
             Camera::post(Camera::request(0, {3}));
         }
+        const auto crash = std::chrono::steady_clock::now();
         EXPECT_TRUE(camera.finish().ended);
         EXPECT_TRUE(Camera::asked("reboot", 5000));
+        EXPECT_LT(std::chrono::steady_clock::now() - crash, std::chrono::seconds(15));
     }
 }
 
@@ -97,6 +99,8 @@ TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
 TEST_F(Signal, UntilTheHandlingIsInstalledOrWithoutItsThreadTheDefaultHolds) {
     camera.start({{"pthread_create", 2, EAGAIN}});  // the first is the transport's reader
     camera.wait_for("signal thread not started");
+    EXPECT_TRUE(contains(read_file("/proc/" + std::to_string(camera.pid()) + "/status"),
+                         "SigBlk:\t0000000000000000\n"));
     EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
     EXPECT_FALSE(camera.finish().ended);
     camera.daemon.reset();
