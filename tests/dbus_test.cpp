@@ -244,12 +244,11 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect"));
     system_call_exit();
     devices.hurry = 1000;
-    const sockaddr_un address = dbus_server_address(SYSTEM_CALL_DAEMON_NAME);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    const auto* const address = reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS);
     corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        corvo::ignore_result(connect(fd.get(), generic, sizeof(address)));
+        corvo::ignore_result(connect(fd.get(), address, sizeof(DAEMON_ADDRESS)));
     }
     EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);

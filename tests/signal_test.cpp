@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <chrono>
+#include <filesystem>
 #include <regex>
 #include <thread>
 
@@ -16,6 +17,18 @@ struct Signal : testing::Test {
     Camera camera;
 };
 
+// But those of faults, in the mask of SIGHUP to SIGTERM as the kernel shows it.
+void expect_reader_takes_no_signals(pid_t pid) {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    std::string status;
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        if (contains(read_file(task.path() / "comm"), "DbusProcess")) {
+            status = read_file(task.path() / "status");
+        }
+    }
+    EXPECT_TRUE(std::regex_search(status, std::regex("SigBlk:\t[0-9a-f]*fa17\n"))) << status;
+}
+
 TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
     expect_cases("signals.txt", [this](std::istream& input) {
         int signo = 0;
@@ -26,6 +39,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         camera.wait_for("ota wait for ota message");
         // Let the line's locks go: a crash that holds one is the next test's.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        expect_reader_takes_no_signals(camera.pid());
         EXPECT_EQ(kill(camera.pid(), SIGPIPE), 0);
         EXPECT_EQ(kill(camera.pid(), signo), 0);
         camera.wait_for("ret:0 cmd:reboot");

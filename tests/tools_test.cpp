@@ -23,6 +23,7 @@
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
+#include "played_daemon.h"
 
 namespace {
 
@@ -115,14 +116,21 @@ TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
 }
 
 bool listens(pid_t daemon) {
-    constexpr sockaddr_un address = {AF_UNIX, "/tmp/dbus-system.call.daemon"};
     const corvo::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM, 0));
+    const auto* const address = reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS);
     ucred listener = {};
     socklen_t size = sizeof(listener);
-    return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
-               0 &&
+    return connect(probe.get(), address, sizeof(DAEMON_ADDRESS)) == 0 &&
            getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &listener, &size) == 0 &&
            listener.pid == daemon;
+}
+
+TEST_F(SystemCallDaemon, StartsWhenOnlyTheSocketsOfADeadOneAreStillOpen) {
+    corvo::UniqueFd dead = listening_as_daemon();
+    start("60000");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    dead.reset();
+    EXPECT_EQ(7, system_call("exit 7", 20000));
 }
 
 TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {

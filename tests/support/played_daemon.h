@@ -11,13 +11,14 @@
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
 
+constexpr sockaddr_un DAEMON_ADDRESS = {AF_UNIX, "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX};
+
 // A socket that listens in the daemon's place, with which a test deals as it likes.
 inline corvo::UniqueFd listening_as_daemon() {
-    constexpr sockaddr_un address = {AF_UNIX, "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX};
-    remove(address.sun_path);
-    corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
-              0);
+    remove(DAEMON_ADDRESS.sun_path);
+    corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto* const address = reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS);
+    EXPECT_EQ(bind(listener.get(), address, sizeof(DAEMON_ADDRESS)), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
     return listener;
 }
