@@ -68,16 +68,15 @@ class World {
         });
     }
     static bool others_untouched() {
-        return std::ranges::all_of(OTHERS, [](const char* name) {
-            return Camera::partition(name) == std::string(Camera::PARTITION_SIZE, 'o');
+        return std::ranges::all_of(Camera::partitions(), [](const std::string& name) {
+            return name == "kernel" || name == "rootfs" ||
+                   Camera::partition(name) == std::string(Camera::PARTITION_SIZE, 'o');
         });
     }
 
     Camera camera;
 
   private:
-    static constexpr const char* OTHERS[] = {"spl",    "uboot",       "dtb",
-                                             "system", "ota_package", "misc"};
     std::map<std::string, std::string> package_ = {{"kernel.bin", KERNEL_IMAGE},
                                                    {"rootfs.img", ROOTFS_IMAGE}};
     OtaMessage message_;

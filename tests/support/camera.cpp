@@ -22,9 +22,6 @@
 
 namespace {
 
-constexpr const char* PARTITIONS[] = {"spl",    "uboot",       "dtb",        "kernel", "rootfs",
-                                      "system", "ota_package", "nv_factory", "misc"};
-
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
 
@@ -72,9 +69,24 @@ Camera::Camera() {
     clear();
 }
 
+std::span<const OtaPackageEntry> Camera::rows() {
+    const OtaPackageTable* tables = nullptr;
+    uint32_t count = 0;
+    OTA_GetPackageTables(0, &tables, &count);
+    return {tables[0].entries, static_cast<size_t>(tables[0].entryCount)};
+}
+
+std::vector<std::string> Camera::partitions() {
+    std::vector<std::string> names = {"nv_factory", "misc"};
+    for (const OtaPackageEntry& row : rows()) {
+        names.emplace_back(row.partitionName);
+    }
+    return names;
+}
+
 void Camera::clear() {
-    for (const char* name : PARTITIONS) {
-        write_file(std::string("/dev/block/by-name/") + name, std::string(PARTITION_SIZE, 'o'));
+    for (const std::string& name : partitions()) {
+        write_file("/dev/block/by-name/" + name, std::string(PARTITION_SIZE, 'o'));
     }
     remove("/config/ota_data.dat");
     remove("/tmp/autoflash");

@@ -6,12 +6,14 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
 #include "faults.h"
 #include "ota/ota_message.h"
+#include "ota/ota_package.h"
 #include "played_daemon.h"
 
 struct Outcome {
@@ -40,6 +42,10 @@ class Camera {
     // Whether one that begins so is among them. The daemon may come to it only when the service, in
     // a hurry, is gone: so many milliseconds later at the most.
     static bool asked(const std::string& command, int patienceMs);
+
+    // The rows of the package table, and their partitions and those of others.
+    static std::span<const OtaPackageEntry> rows();
+    static std::vector<std::string> partitions();
 
     static void clear();  // all partitions full of "o", no record, no package, no auto-flash
     static std::string partition(const std::string& name);  // its content

@@ -77,12 +77,25 @@ std::string without_source_lines(const std::string& text) {
 }
 
 void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run) {
-    for (const std::string& line : lines_of(read_file(TEXTS "cases/" + name))) {
+    const std::string path = TEXTS "cases/" + name;
+    std::string accepted;
+    int number = 0;
+    for (std::string line : lines_of(read_file(path))) {
+        ++number;
         if (!line.empty() && !line.starts_with('#')) {
+            const testing::ScopedTrace row(path.c_str(), number, "this row");
             const std::string text = line.substr(0, line.find("->"));
             std::istringstream input(text);
-            EXPECT_EQ(text + "-> " + run(input), line) << "in cases/" << name;
+            const std::string outcome = text + "-> " + run(input);
+            if (getenv("CORVO_ACCEPT") == nullptr && outcome != line) {
+                ADD_FAILURE_AT(path.c_str(), number) << outcome << "\ninstead of\n" << line;
+            }
+            line = outcome;
         }
+        accepted += line + "\n";
+    }
+    if (getenv("CORVO_ACCEPT") != nullptr) {
+        write_file(path, accepted);
     }
 }
 

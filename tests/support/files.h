@@ -37,7 +37,8 @@ std::vector<std::string> lines_of(const std::string& text);
 std::string without_source_lines(const std::string& text);
 
 // Runs each case of cases/NAME: a line reads "INPUT -> OUTCOME", and `run` makes the outcome of the
-// input. Empty lines, and those that begin with "#", are for the reader.
+// input. Empty lines, and those that begin with "#", are for the reader. A failure names the row's
+// file and line; with CORVO_ACCEPT in the environment the outcomes are rewritten instead.
 void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run);
 
 // Catches what goes to standard output from construction to take().
