@@ -14,6 +14,7 @@ set(CORVO_SERVICE_OPTIONS -fno-exceptions -fno-rtti -fno-threadsafe-statics -ffu
 function(corvo_layer name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC;PRIVATE")
   add_library(${name} STATIC ${arg_SOURCES})
+  set_property(GLOBAL APPEND PROPERTY CORVO_LAYERS ${name})
   target_include_directories(${name} PUBLIC include)
   target_compile_options(${name} PRIVATE ${CORVO_SERVICE_OPTIONS})
   target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})

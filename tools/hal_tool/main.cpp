@@ -9,6 +9,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <type_traits>
@@ -54,6 +55,7 @@ Parameter argument(const std::string& word) {
     }
 }
 
+// There are as many words as parameters.
 template <typename... Parameters>
 int call_with(int (*operation)(Parameters...), const Words& words) {
     [[maybe_unused]] auto word = words.begin();
@@ -63,6 +65,11 @@ int call_with(int (*operation)(Parameters...), const Words& words) {
 template <auto OPERATION>
 int call(const Words& words) {
     return call_with(OPERATION, words);
+}
+
+template <typename... Parameters>
+constexpr size_t parameters_of(int (* /*operation*/)(Parameters...)) {
+    return sizeof...(Parameters);
 }
 
 // A copy of flash that is not whole must not look like one.
@@ -136,41 +143,70 @@ int ota_erase(const char* part, uint32_t storageType) {
 
 struct Command {
     const char* name;
-    const char* arguments;  // a word for each parameter
+    const char* words;  // one for each parameter
+    const char* help;
+    size_t parameters;
     int (*call)(const Words& words);
 };
+
+template <auto OPERATION>
+constexpr Command command(const char* name, const char* words, const char* help) {
+    return {name, words, help, parameters_of(OPERATION), call<OPERATION>};
+}
+
 using Nv = HalNvInterface;
 constexpr Command COMMANDS[] = {
-    {"mtd-erase", "NAME", call<flash_mtd_erase_partition>},
-    {"mtd-write", "NAME IMAGE", call<flash_mtd_write_partition>},
-    {"mtd-write-range", "NAME IMAGE OFFSET SIZE", call<flash_mtd_write_partition_by_offset>},
-    {"mtd-erase-write", "NAME IMAGE", call<flash_mtd_erase_write_partion>},
-    {"mtd-erase-write-range", "NAME IMAGE OFFSET SIZE",
-     call<flash_mtd_erase_write_partition_by_offset>},
-    {"mmc-erase", "NAME", call<flash_mmc_erase_partition>},
-    {"mmc-write", "NAME IMAGE", call<flash_mmc_write_partition>},
-    {"mmc-write-range", "NAME IMAGE OFFSET SIZE", call<flash_mmc_write_partition_by_offset>},
-    {"mmc-erase-write", "NAME IMAGE", call<flash_mmc_erase_write_partion>},
-    {"mmc-erase-write-range", "NAME IMAGE START END",
-     call<flash_mmc_erase_write_partion_by_offset>},
-    {"nv-read-user", "OFFSET SIZE", call<nv_read<&Nv::userRead>>},
-    {"nv-write-user", "OFFSET", call<nv_write<&Nv::userWrite>>},
-    {"nv-read-factory", "OFFSET SIZE", call<nv_read<&Nv::factoryRead>>},
-    {"nv-write-factory", "OFFSET", call<nv_write<&Nv::factoryWrite>>},
-    {"nv-read-record", "OFFSET SIZE", call<nv_read<&Nv::recordRead>>},
-    {"nv-write-record", "OFFSET", call<nv_write<&Nv::recordWrite>>},
-    {"nv-enter-recovery", "", call<nv_ask<&Nv::enterRecovery>>},
-    {"nv-exit-recovery", "", call<nv_ask<&Nv::exitRecovery>>},
-    {"led-on", "COLOUR MS", call<led_enable<1>>},
-    {"led-off", "COLOUR MS", call<led_enable<0>>},
-    {"led-blink", "COLOUR PERIOD MS", call<led_blink>},
-    {"ota-erase", "NAME STORAGE", call<ota_erase>},
-    {"pal-nv-init", "", call<PAL_NV_Init>},
-    {"pal-ota-init", "", call<PAL_OTA_Init>},
-    {"pal-ota-read", "NAME STORAGE", call<pal_ota_read>},
-    {"pal-ota-upgrade", "TYPE NAME IMAGE STORAGE", call<PAL_OTA_Upgrade>},
-    {"pal-ota-upgrade-range", "TYPE NAME IMAGE OFFSET SIZE STORAGE", call<PAL_OTA_UpgradeByOffset>},
+    command<flash_mtd_erase_partition>("mtd-erase", "NAME", "Erase a partition of raw flash"),
+    command<flash_mtd_write_partition>("mtd-write", "NAME IMAGE",
+                                       "Write an image to erased raw flash"),
+    command<flash_mtd_write_partition_by_offset>(
+        "mtd-write-range", "NAME IMAGE OFFSET SIZE",
+        "Write a part of a file to erased raw flash and compare"),
+    command<flash_mtd_erase_write_partion>("mtd-erase-write", "NAME IMAGE",
+                                           "Erase raw flash and write an image"),
+    command<flash_mtd_erase_write_partition_by_offset>(
+        "mtd-erase-write-range", "NAME IMAGE OFFSET SIZE",
+        "Erase raw flash, write a part of a file and compare"),
+    command<flash_mmc_erase_partition>("mmc-erase", "NAME", "Fill an eMMC partition with zeros"),
+    command<flash_mmc_write_partition>("mmc-write", "NAME IMAGE",
+                                       "Write an image to an eMMC partition"),
+    command<flash_mmc_write_partition_by_offset>("mmc-write-range", "NAME IMAGE OFFSET SIZE",
+                                                 "Write a part of a file to an eMMC partition"),
+    command<flash_mmc_erase_write_partion>("mmc-erase-write", "NAME IMAGE",
+                                           "Zero an eMMC partition and write an image"),
+    command<flash_mmc_erase_write_partion_by_offset>(
+        "mmc-erase-write-range", "NAME IMAGE START END",
+        "Zero an eMMC partition and write a part of a file"),
+    command<nv_read<&Nv::userRead>>("nv-read-user", "OFFSET SIZE", "Read user data"),
+    command<nv_write<&Nv::userWrite>>("nv-write-user", "OFFSET", "Write user data"),
+    command<nv_read<&Nv::factoryRead>>("nv-read-factory", "OFFSET SIZE", "Read factory data"),
+    command<nv_write<&Nv::factoryWrite>>("nv-write-factory", "OFFSET", "Write factory data"),
+    command<nv_read<&Nv::recordRead>>("nv-read-record", "OFFSET SIZE", "Read record data"),
+    command<nv_write<&Nv::recordWrite>>("nv-write-record", "OFFSET", "Write record data"),
+    command<nv_ask<&Nv::enterRecovery>>("nv-enter-recovery", "",
+                                        "Tell the boot loader to start the recovery system"),
+    command<nv_ask<&Nv::exitRecovery>>("nv-exit-recovery", "", "Take that back"),
+    command<led_enable<1>>("led-on", "COLOUR MS", "Light the LED steadily"),
+    command<led_enable<0>>("led-off", "COLOUR MS", "Darken the LED (all; a single colour is lit)"),
+    command<led_blink>("led-blink", "COLOUR PERIOD MS", "Let the LED blink"),
+    command<ota_erase>("ota-erase", "NAME STORAGE", "Erase a partition through the upgrade module"),
+    command<PAL_NV_Init>("pal-nv-init", "", "Read the factory data as the service does"),
+    command<PAL_OTA_Init>("pal-ota-init", "", "Start the upgrade module"),
+    command<pal_ota_read>("pal-ota-read", "NAME STORAGE",
+                          "Read a partition as the service compares it"),
+    command<PAL_OTA_Upgrade>("pal-ota-upgrade", "TYPE NAME IMAGE STORAGE",
+                             "Write an image as the service does"),
+    command<PAL_OTA_UpgradeByOffset>("pal-ota-upgrade-range", "TYPE NAME IMAGE OFFSET SIZE STORAGE",
+                                     "Write a part of a package as the service does"),
 };
+
+constexpr size_t count_words(std::string_view words) {
+    return words.empty() ? 0 : 1 + static_cast<size_t>(std::count(words.begin(), words.end(), ' '));
+}
+// A word too few would be read from behind the last.
+static_assert(std::ranges::all_of(COMMANDS, [](const Command& row) {
+    return count_words(row.words) == row.parameters;
+}));
 
 int program(int argc, char** argv) {
     CLI::App app(
@@ -186,11 +222,13 @@ int program(int argc, char** argv) {
     app.require_subcommand(1);
     Words typed;
     for (const Command& row : COMMANDS) {
-        CLI::App* const command = app.add_subcommand(row.name, row.arguments);
-        if (const std::string names = row.arguments; !names.empty()) {
-            command->add_option(names, typed)
+        const std::string words = row.words;
+        CLI::App* const command =
+            app.add_subcommand(row.name, words + (words.empty() ? "" : ": ") + row.help);
+        if (row.parameters != 0) {
+            command->add_option(words, typed)
                 ->required()
-                ->expected(static_cast<int>(1 + std::count(names.begin(), names.end(), ' ')));
+                ->expected(static_cast<int>(row.parameters));
         }
         // Within the parser, so that a word that does not suit the operation is wrong use as well.
         command->callback([&typed, &row] {
