@@ -28,7 +28,7 @@ constexpr useconds_t SETTLE_US = 10000;
 constexpr size_t COMMAND_MAX = SYSTEM_CALL_DBUS_DATA_SIZE - 1;  // the data's end is its terminator
 constexpr size_t OWNER_NAME_SIZE = 256;
 
-#define REBOOT_COMMAND "reboot"
+constexpr char REBOOT_COMMAND[] = "reboot";
 
 pthread_mutex_t g_client_mutex = PTHREAD_MUTEX_INITIALIZER;
 SystemCallDbusInfo* g_endpoint = nullptr;

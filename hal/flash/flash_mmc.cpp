@@ -1,6 +1,5 @@
 #include "hal/flash_mmc.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <stdint.h>

@@ -1,7 +1,5 @@
 #include "led_pattern.h"
 
-#include <stddef.h>
-
 #include <iterator>
 
 namespace {

@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 
 #include "base/alternate_stack.h"

@@ -6,7 +6,7 @@
 #include <stdint.h>
 
 // The queue's key is ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), its mode OTA_MSG_QUEUE_MODE.
-#define OTA_MSG_QUEUE_PATH "/tmp"
+constexpr const char* OTA_MSG_QUEUE_PATH = "/tmp";
 constexpr int OTA_MSG_QUEUE_PROJECT = 64;
 constexpr int OTA_MSG_QUEUE_MODE = 0666;
 
