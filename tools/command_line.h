@@ -1,5 +1,6 @@
 // How the companion programs read their arguments: whatever is wrong with them is one line on
-// standard error and one exit status.
+// standard error and one exit status. For the file with the program's main() alone: the parser's
+// header is a large one.
 #ifndef TOOLS_COMMAND_LINE_H
 #define TOOLS_COMMAND_LINE_H
 
@@ -7,23 +8,13 @@
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <exception>
 #include <optional>
 #include <string>
 
 #include "base/standard_descriptors.h"
 #include "base/version.h"
-
-constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
-
-// Prints "PROGRAM: MESSAGE" as one line on standard error, whatever the message contains.
-inline void print_error(const char* program, std::string message) {
-    std::replace_if(
-        message.begin(), message.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    message.erase(message.find_last_not_of(' ') + 1);
-    fprintf(stderr, "%s: %s\n", program, message.c_str());
-}
+#include "error_line.h"
 
 // Runs the parser, which also knows "--version". Returns the status to leave with when the program
 // is to end here (help or version was asked for, or the arguments are wrong), else nothing.

@@ -8,11 +8,8 @@
 #   5  the record's other keys keep their values, or the file is short as the cut fell in its rewrite
 #   6  before the success verdict, the same request sent again ends in success
 
-declare -A cut_image=([kernel]=kernel.bin [rootfs]=rootfs.img [system]=system.img)
-untouched_partitions=(spl uboot dtb ota_package nv_user nv_factory rec_data misc)
 before=11012233440655  # the record: another upgrade had succeeded
 verdict=11012233440355 # the record of this one's success
-all_files="./kernel.bin ./rootfs.img ./system.img "
 
 broken() { # WHAT
     echo "CHECK FAIL: cut $cut, $1"
@@ -47,7 +44,6 @@ measure_upgrade() {
         last_written=$(line_of "$service" "$last_verified") ||
         fail "the service does not tell of its images"
 }
-last_verified="partition: system read verify success"
 
 # A third each: at any time, at any line while images are written, about the verdict; so the short
 # stages get their share, however fast the emulator is.
@@ -89,24 +85,26 @@ stage_of() { # what the service printed last before the cut
 }
 
 images_on_card() { # prints how many of the requested partitions hold their images
-    local name count=0
-    for name in "${!cut_image[@]}"; do
-        ! holds_image "$folder/card.img" "$name" "$made/images/${cut_image[$name]}" || count=$((count + 1))
+    local i count=0
+    for i in "${!sent_modules[@]}"; do
+        ! holds_image "$folder/card.img" "${sent_modules[$i]}" "$made/images/${sent_files[$i]}" ||
+            count=$((count + 1))
     done
     echo $count
 }
 
 check_untouched() {
     local name
-    for name in "${untouched_partitions[@]}"; do
+    for name in "${modules[@]}" nv_user nv_factory rec_data misc; do
+        [[ " ${sent_modules[*]} " != *" $name "* ]] || continue
         same_as_before "$folder/card.img" $name || broken "4: $name differs"
     done
 }
 
 check_after_cut() { # RECORD SLOT FILES IMAGES-ON-CARD BEGUN
     local record=$1 slot=$2 files=$3 images=$4 begun=$5 keys
-    if [ "${record:2:2}" = 01 ] && [ "$begun" = yes ] && [ "$images" != 3 ]; then
-        broken "1: the record says succeeded with $images of 3 images written"
+    if [ "${record:2:2}" = 01 ] && [ "$begun" = yes ] && [ "$images" != "$requested" ]; then
+        broken "1: the record says succeeded with $images of $requested images written"
     fi
     if [ "$files" != "$all_files" ] && [ "$record" != $verdict ]; then
         broken "2: package files are gone with the record $record"
@@ -128,7 +126,7 @@ check_after_cut() { # RECORD SLOT FILES IMAGES-ON-CARD BEGUN
 
 check_after_again() { # whether the whole thing came to its end
     local card=$folder/card.img
-    [ "$(images_on_card)" = 3 ] || broken "6: not all images are written"
+    [ "$(images_on_card)" = "$requested" ] || broken "6: not all images are written"
     [[ $(record_of "$card") == ??01??????03?? ]] || broken "6: the record is $(record_of "$card")"
     check_untouched
 }
@@ -162,6 +160,9 @@ one_cut() {
 
 run_cuts() {
     local cut wrong again=0 short=0 passed=0 failed=0 upgrade_ms first_written last_written
+    local requested=${#sent_modules[@]} last_verified all_files
+    last_verified="partition: ${sent_modules[-1]} read verify success"
+    printf -v all_files '%s ' "${sent_files[@]}"
     RANDOM=$seed
     table=$folder/table.txt
     : > "$table"

@@ -2,6 +2,23 @@
 # same for every run below $work, a run's own below $made.
 # Read by scripts/board.
 
+modules=()      # the package table's rows, in its order: what the card has partitions for
+sent_modules=() # those that the board's first request names
+sent_files=()   # their images
+# Rows that only the second request names, or none: any other is in the first one.
+not_sent=" spl uboot dtb ota_package "
+
+read_modules() {
+    local name file
+    while read -r _ name file _; do
+        modules+=("$name")
+        [[ $not_sent != *" $name "* ]] || continue
+        sent_modules+=("$name")
+        sent_files+=("$file")
+    done < <(qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl modules)
+    [ ${#sent_modules[@]} -gt 0 ] || fail "otactl lists no modules"
+}
+
 kernel_packages() {
     local meta=linux-image-armmp
     "$checkout/scripts/fetch_debs" "$debs" $meta
@@ -92,7 +109,9 @@ make_initramfs() {
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"
-    grep -c '^[a-z]' "$parts/partitions" > "$root/last_partition"
+    card_partitions | wc -l > "$root/last_partition"
+    echo "${sent_modules[*]}" > "$root/sent_modules"
+    echo "${sent_files[*]}" > "$root/sent_files"
     head -c 1792 "$made/factory_data" > "$root/factory_data"
     for module in imx2_wdt gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim; do
         modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module |
@@ -106,12 +125,13 @@ make_initramfs() {
 
 # Random content with a size that is no multiple of anything, so a lost tail shows.
 make_images() {
-    local folder=$made/images
+    local folder=$made/images file size=150007
     rm -rf "$folder"
     mkdir -p "$folder"
-    head -c 150007 /dev/urandom > "$folder/kernel.bin"
-    head -c 300009 /dev/urandom > "$folder/rootfs.img"
-    head -c 200003 /dev/urandom > "$folder/system.img"
+    for file in "${sent_files[@]}"; do
+        head -c $size /dev/urandom > "$folder/$file"
+        size=$((size % 300000 + 50001))
+    done
     head -c 200003 /dev/urandom > "$made/uboot.bin"
     head -c 65537 /dev/urandom > "$made/dtb.bin"
     head -c 310009 /dev/urandom > "$made/system2.img"
@@ -122,13 +142,24 @@ make_images() {
         uboot="$made/uboot.bin" dtb="$made/dtb.bin" system="$made/system2.img" > /dev/null
 }
 
+card_partitions() { # prints "name KiB", a line each
+    local name size
+    while read -r name size; do
+        case $name in
+            \#*) ;;
+            modules) printf "%s $size\n" "${modules[@]}" ;;
+            *) echo "$name $size" ;;
+        esac
+    done < "$parts/partitions"
+}
+
 # Writes $made/layout, one "name first_byte bytes" a line.
 make_card() {
     local card=$made/card.img name size number=0 arguments=()
     while read -r name size; do
         number=$((number + 1))
         arguments+=(-n "$number:0:+${size}K" -c "$number:$name")
-    done < <(grep '^[a-z]' "$parts/partitions")
+    done < <(card_partitions)
     rm -f "$card"
     truncate -s 32M "$card" # the emulator wants a power of two
     sgdisk -a 2 -o "${arguments[@]}" "$card" > /dev/null
@@ -139,7 +170,7 @@ make_card() {
             END { print name, first * 512, sectors * 512 }'
     done > "$made/layout"
     # Something to lose on each.
-    for name in spl uboot dtb kernel rootfs system ota_package nv_user nv_factory rec_data misc; do
+    for name in "${modules[@]}" nv_user nv_factory rec_data misc; do
         head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
     done
     put_partition "$card" nv_factory < "$made/factory_data"
@@ -163,6 +194,7 @@ make_board() {
     kernel_packages
     unpack_packages
     build_programs
+    read_modules
     make_device_tree
     make_images
     make_initramfs

@@ -59,6 +59,9 @@ struct LogsOptions {
 // Prints the service's lines until it is stopped. Blocks.
 int logs(const LogsOptions& options);
 
+// Prints the package table, a line for each row.
+int list_modules();
+
 // Prints the outcome record in words.
 int record(const std::string& path);
 

@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-#include "command_line.h"
+#include "error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"

@@ -2,7 +2,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "command_line.h"
+#include "error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"

@@ -56,6 +56,8 @@ void add_others(CLI::App& app, Arguments& arguments) {
     logs->add_option("--address", arguments.logs.address,
                      "Where the service publishes its log lines");
 
+    app.add_subcommand("modules", "List the modules that a package may hold, in table order");
+
     CLI::App* record = app.add_subcommand("record", "Print the outcome record in words");
     record->add_option("FILE", arguments.recordPath, "The record (" OTA_DATA_PATH ")");
 }
@@ -70,6 +72,9 @@ int run(const CLI::App& app, const Arguments& arguments) {
     }
     if (app.got_subcommand("logs")) {
         return logs(arguments.logs);
+    }
+    if (app.got_subcommand("modules")) {
+        return list_modules();
     }
     return record(arguments.recordPath);
 }

@@ -1,5 +1,7 @@
 #include "otactl/modules.h"
 
+#include <stdio.h>
+
 std::span<const OtaPackageEntry> package_entries() {
     const OtaPackageTable* tables = nullptr;
     uint32_t count = 0;
@@ -27,4 +29,16 @@ std::string module_names() {
         names += entry.partitionName;
     }
     return names;
+}
+
+std::string describe_modules() {
+    std::string lines;
+    for (const OtaPackageEntry& entry : package_entries()) {
+        char line[128] = {};
+        snprintf(line, sizeof(line), "%3u  %-15s  %-15s  %s\n", entry.moduleType,
+                 entry.partitionName, entry.fileName,
+                 entry.flashType == OTA_FLASH_TYPE_MTD ? "mtd" : "emmc");
+        lines += line;
+    }
+    return lines;
 }

@@ -20,4 +20,8 @@ const OtaPackageEntry* find_module(std::string_view nameOrNumber);
 // The names to choose from, for messages: "spl, uboot, ...".
 std::string module_names();
 
+// The rows as text, a line each, in words that are set apart by spaces: the number, the partition,
+// the image's file, the kind of flash ("emmc" or "mtd").
+std::string describe_modules();
+
 #endif  // TOOLS_OTACTL_MODULES_H

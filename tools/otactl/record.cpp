@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "base/owned.h"
-#include "command_line.h"
+#include "error_line.h"
 #include "otactl/commands.h"
 #include "otactl/outcome.h"
 

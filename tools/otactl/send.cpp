@@ -11,7 +11,7 @@
 #include <filesystem>
 
 #include "base/owned.h"
-#include "command_line.h"
+#include "error_line.h"
 #include "otactl/commands.h"
 #include "otactl/crc32.h"
 #include "otactl/log_stream.h"

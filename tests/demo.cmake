@@ -1,0 +1,15 @@
+# The demo, with the programs of the release build, which is where it looks for them.
+if(NOT CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
+  return()
+endif()
+set(demo ${PROJECT_SOURCE_DIR}/scripts/private_root ${PROJECT_SOURCE_DIR}/scripts/demo --inside)
+add_test(NAME Demo.Files COMMAND ${demo})
+add_test(NAME Demo.Combined COMMAND ${demo} --combined)
+add_test(NAME Demo.Failure COMMAND ${demo} --fail)
+add_test(NAME Demo.CombinedFailure COMMAND ${demo} --combined --fail)
+add_test(NAME Demo.Shell
+         COMMAND sh -c "\"$@\" --shell < ${CMAKE_CURRENT_SOURCE_DIR}/support/demo_shell.sh" sh
+                 ${demo})
+set_tests_properties(Demo.Shell PROPERTIES PASS_REGULAR_EXPRESSION "two upgrades, two restarts")
+set_tests_properties(Demo.Files Demo.Combined Demo.Failure Demo.CombinedFailure Demo.Shell
+                     PROPERTIES TIMEOUT 120)
