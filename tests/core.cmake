@@ -7,6 +7,7 @@ target_include_directories(dbus_test PRIVATE ${PROJECT_SOURCE_DIR}/dbus)
 
 add_library(test_camera STATIC support/camera.cpp)
 target_link_libraries(test_camera PUBLIC test_support dbus ota_request)
+target_precompile_headers(test_camera REUSE_FROM test_support)
 target_compile_definitions(test_camera PRIVATE
   SERVICE_PROGRAM="$<TARGET_FILE:corvo_upgrade>"
   SERVICE_WITH_FAULTS="$<TARGET_FILE:corvo_upgrade_with_faults>")

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "camera.h"
@@ -196,8 +195,7 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, Disturbed, testing::ValuesIn(disturbances()), [](const auto& row) {
-    return std::regex_replace(row.param, std::regex(" +"), "");
-});
+INSTANTIATE_TEST_SUITE_P(Calls, Disturbed, testing::ValuesIn(disturbances()),
+                         [](const auto& row) { return replaced(row.param, " +", ""); });
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -47,10 +46,9 @@ void expect_session(
     const std::function<std::string()>& more = [] { return ""; }) {
     expect_cases(name, [&before, &more](std::istream& typed) {
         const std::string command(std::istreambuf_iterator<char>(typed), {});
-        const std::string said = std::regex_replace(without_source_lines(run(before + command)),
-                                                    std::regex(R"(there are [^)]*\))"), "...)");
-        return std::regex_replace(said, std::regex("(otactl|hal_tool): .*(?=.see --help)"), "") +
-               more();
+        std::string said = without_source_lines(run(before + command));
+        said = replaced(said, R"(there are [^)]*\))", "...)");
+        return replaced(said, "(otactl|hal_tool): .*(?=.see --help)", "") + more();
     });
 }
 

@@ -14,7 +14,6 @@
 #include <chrono>
 #include <filesystem>
 #include <mutex>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -38,10 +37,9 @@ int32_t note(const void* command, uint32_t length, void* out, uint32_t outSize) 
 }
 
 std::vector<std::string> comparable(const std::string& text) {
-    static const std::regex led(R"([^\n]*HAL_LED[^\n]*\n\n?)");
-    static const std::regex stamp(R"((^|\n)\d{10}\.\d{3};)");
     return lines_of(
-        std::regex_replace(std::regex_replace(without_source_lines(text), led, ""), stamp, "$1;"));
+        replaced(replaced(without_source_lines(text), R"([^\n]*HAL_LED[^\n]*\n\n?)", ""),
+                 R"((^|\n)\d{10}\.\d{3};)", "$1;"));
 }
 
 }  // namespace

@@ -68,12 +68,21 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
+std::string replaced(const std::string& text, const std::string& pattern, const std::string& with) {
+    return std::regex_replace(text, std::regex(pattern), with);
+}
+
+bool matches(const std::string& text, const std::string& pattern) {
+    return std::regex_match(text, std::regex(pattern));
+}
+
 std::string without_source_lines(const std::string& text) {
     // "PAL error name,LINE,", "hal error name,LINE,", "...:function:LINE] ", ";function;LINE;",
     // "eModuleType=N lineLINE"
-    static const std::regex number(
-        R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;|eModuleType=\d+ line)\d+)");
-    return std::regex_replace(text, number, "$1#");
+    return replaced(
+        text,
+        R"(((?:PAL|hal) error \w+,|\[\w+(?:/\w+)?:\w+:|\d{10}\.\d{3};\w+;|eModuleType=\d+ line)\d+)",
+        "$1#");
 }
 
 void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run) {

@@ -33,6 +33,14 @@ inline bool contains(const std::string& text, const std::string& part) {
 // The text's lines, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);
 
+// The text with `with` for each match of the pattern (ECMAScript's, as std::regex has it; "$1" in
+// `with` is its first group). Here and not where it is used, since the header is the most expensive
+// one to compile.
+std::string replaced(const std::string& text, const std::string& pattern, const std::string& with);
+
+// Whether the whole text matches the pattern.
+bool matches(const std::string& text, const std::string& pattern);
+
 // The text with "#" for the source line numbers of reports and log lines, which tests do not pin.
 std::string without_source_lines(const std::string& text);
 

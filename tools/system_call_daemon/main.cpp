@@ -20,6 +20,7 @@
 #include "command_line.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
+#include "error_line.h"
 #include "system_call_daemon/command_runner.h"
 
 namespace {
