@@ -1,6 +1,6 @@
 // How the companion programs read their arguments: whatever is wrong with them is one line on
-// standard error and one exit status. For a program's main.cpp alone, which gets it precompiled: the
-// parser's header takes longer to compile than most programs.
+// standard error and one exit status. For a program's main.cpp alone, which gets it precompiled:
+// the parser's header takes longer to compile than most programs.
 #ifndef TOOLS_COMMAND_LINE_H
 #define TOOLS_COMMAND_LINE_H
 
