@@ -1,4 +1,5 @@
 """Figures that do not depend on how busy the machine is: what is counted, not timed."""
+import os
 import re
 import shutil
 import subprocess
@@ -7,9 +8,13 @@ import time
 from pathlib import Path
 
 from pairs import Row
-from world import Camera, Programs, set_partition
+from world import MIB, SYNCHRONOUS, Camera, Programs, random_image, set_partition
 
 CHUNK = 16384
+TRACE, INSTRUCTIONS = Path("/tmp/strace.txt"), Path("/tmp/callgrind.txt")
+STRACE = ("strace", "-f", "-qq", "-o", TRACE)
+CALLGRIND = ("valgrind", "--log-file=/dev/null", "--tool=callgrind",
+             f"--callgrind-out-file={INSTRUCTIONS}")
 SIZE_LIMIT = 80  # KB
 NEEDED = {"libc", "libnanomsg", "libktmosaic"}
 
@@ -26,20 +31,30 @@ def allocations(programs: Programs) -> list[Row]:
                 unit="calls", counted=True)]
 
 
-def calls_of_copy(programs: Programs, chunks: int) -> dict[str, int]:
-    """The system calls of the process that copies so many chunks to a partition."""
-    image, part = Path("/tmp/strace.img"), Path("/tmp/strace.part")
-    image.write_bytes(b"i" * (chunks * CHUNK))
-    part.write_bytes(b"p" * (chunks * CHUNK))
-    set_partition("strace", str(part))
-    trace = Path("/tmp/strace.txt")
-    subprocess.run(["strace", "-f", "-qq", "-o", trace, programs.bench / "partition", "write",
-                    "strace", image], check=True, stdout=subprocess.DEVNULL,
-                   stderr=subprocess.DEVNULL)
+def make_copy(mib: float, name: str) -> tuple[Path, Path]:
+    """An image of so many MiB and a file of the same size as the partition of that name, both of
+    random bytes."""
+    image, part = Path(f"/tmp/{name}.img"), Path(f"/tmp/{name}.part")
+    image.write_bytes(os.urandom(int(mib * MIB)))
+    part.write_bytes(os.urandom(int(mib * MIB)))
+    set_partition(name, str(part))
+    return image, part
+
+
+def traced(trace: Path) -> dict[str, int]:
+    """The system calls of strace's file, by their names."""
     calls: dict[str, int] = {}
     for name in re.findall(r"^\d+\s+(\w+)\(", trace.read_text(), re.MULTILINE):
         calls[name] = calls.get(name, 0) + 1
     return calls
+
+
+def calls_of_copy(programs: Programs, chunks: int) -> dict[str, int]:
+    """The system calls of the process that copies so many chunks to a partition."""
+    image, _ = make_copy(chunks * CHUNK / MIB, "strace")
+    subprocess.run([*STRACE, programs.bench / "partition", "write", "strace", image], check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return traced(TRACE)
 
 
 def system_calls(programs: Programs) -> Row:
@@ -55,6 +70,72 @@ def system_calls(programs: Programs) -> Row:
     grown = {name: (count - before.get(name, 0)) / more for name, count in after.items()}
     note = ", ".join(f"{count:g} {name}" for name, count in sorted(grown.items()) if count != 0)
     return Row(figure, value=sum(grown.values()), goal=2, unit="calls", counted=True, note=note)
+
+
+def counted_instructions() -> int:
+    return int(re.search(r"^totals: (\d+)", INSTRUCTIONS.read_text(), re.MULTILINE)[1])
+
+
+def instructions(programs: Programs) -> list[Row]:
+    """Per MiB: what 32 MiB take more than 16 MiB, so that a program's start drops out."""
+    def per_mib(command) -> float:
+        taken = []
+        for mib in (16, 32):
+            image, part = make_copy(mib, "callgrind")
+            if command is compare or command is cmp:
+                part.write_bytes(image.read_bytes())
+            subprocess.run([*CALLGRIND, *command(image, part)], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            taken.append(counted_instructions())
+        return (taken[1] - taken[0]) / 16
+
+    def copy(image, _): return programs.bench / "partition", "write", "callgrind", image
+    def compare(image, _): return programs.bench / "partition", "compare", "callgrind", image
+    def dd(image, part): return "dd", *SYNCHRONOUS, f"if={image}", f"of={part}"
+    def cmp(image, part): return "cmp", image, part
+
+    rows = []
+    for figure, ours, baseline in (("copied / dd bs=16k oflag=dsync", copy, dd),
+                                   ("compared / cmp", compare, cmp)):
+        own, other = per_mib(ours), per_mib(baseline)
+        rows.append(Row(f"instructions per MiB {figure}", f"{own:.0f}", f"{other:.0f}",
+                        own / other, 1, counted=True))
+    return rows
+
+
+def off_line(sizes: tuple, values: list[float]) -> float:
+    """How far, in percent, the values are off the straight line over the sizes with the least
+    squares of the relative distances: the weighted normal equations of value = a + b * size with
+    weights 1 / value^2."""
+    weights = [1 / value ** 2 for value in values]
+    sums = [sum(w * s ** power for w, s in zip(weights, sizes)) for power in range(3)]
+    right = [sum(w * y * s ** power for w, s, y in zip(weights, sizes, values))
+             for power in range(2)]
+    determinant = sums[0] * sums[2] - sums[1] ** 2
+    base = (right[0] * sums[2] - right[1] * sums[1]) / determinant
+    slope = (sums[0] * right[1] - sums[1] * right[0]) / determinant
+    return 100 * max(abs(base + slope * s - y) / y for s, y in zip(sizes, values))
+
+
+def growth(programs: Programs) -> list[Row]:
+    """Whole upgrades with one module of each size, onto a partition of the same size."""
+    sizes = (16, 64, 256)
+    camera = Camera(programs)
+    taken: dict[str, list[float]] = {"instructions": [], "system calls": []}
+    for size in sizes:
+        image = random_image("new", size * MIB)
+        partition = random_image("partition", size * MIB)
+        set_partition("kernel", str(partition))
+        camera.upgrade(image, under=CALLGRIND)
+        taken["instructions"].append(counted_instructions())
+        camera.upgrade(image, under=STRACE)
+        taken["system calls"].append(sum(traced(TRACE).values()))
+        partition.unlink()
+        image.unlink()
+    camera.close()
+    return [Row(f"16, 64, 256 MiB: {what} off a straight line", value=round(off_line(sizes, counts), 2),
+                goal=5, unit="%", counted=True, note=", ".join(str(count) for count in counts))
+            for what, counts in taken.items()]
 
 
 def switches(pid: int) -> int:

@@ -1,11 +1,13 @@
 """Figures as ratios of two things run in turn: A B A B ..., so that whatever else the machine does
-meets both alike."""
+meets both alike. What it does still scatters them, so a verdict is one on an interval."""
+import math
 import statistics
 import time
 from dataclasses import dataclass
 
-LEAST_PAIRS = 5
-STABLE = 0.02  # a median whose spread is within this needs no more pairs
+LEAST_PAIRS = 6  # fewer give no interval of this confidence
+CONFIDENCE = 0.95
+STABLE = 0.02  # a median with an interval that reaches no farther than this needs no more pairs
 NEAR_FLOOR = 1.25  # a goal out of reach counts as reached within this of the floor
 
 
@@ -18,6 +20,8 @@ class Row:
     baseline: str = ""
     value: float | None = None  # what the goal is compared with: a ratio, or a plain number
     goal: float | None = None
+    low: float | None = None  # between which the value lies, where it was timed
+    high: float | None = None
     unit: str = ""  # of a plain number; a ratio has none
     floor: float | None = None  # what the bare calls that must be made give
     counted: bool = False  # does not depend on how busy the machine is
@@ -28,10 +32,27 @@ class Row:
             return "skipped"
         if self.goal is None:
             return "shown"
-        if self.value <= self.goal + 1e-9:
+        low = self.value if self.low is None else self.low
+        high = self.value if self.high is None else self.high
+        if high <= self.goal + 1e-9:
             return "yes"
+        if low <= self.goal:
+            return "unclear"
         out_of_reach = self.floor is not None and self.floor > self.goal
-        return "floor" if out_of_reach and self.value <= NEAR_FLOOR * self.floor else "NO"
+        return "floor" if out_of_reach and low <= NEAR_FLOOR * self.floor else "NO"
+
+
+def interval(values: list[float]) -> tuple[float, float]:
+    """Between which the median lies with CONFIDENCE, whatever the values' distribution: as many are
+    left out at each end as a fair coin would hardly ever show heads fewer times."""
+    ordered, left_out, chance = sorted(values), 0, 0.0
+    while True:
+        chance += math.comb(len(ordered), left_out) / 2 ** len(ordered)
+        if 2 * chance > 1 - CONFIDENCE:
+            break
+        left_out += 1
+    at = max(left_out - 1, 0)
+    return ordered[at], ordered[-1 - at]
 
 
 class Rounds:
@@ -50,16 +71,16 @@ class Rounds:
 
     def row(self, figure: str, ours: str, baseline: str, name: str, show, goal=None,
             baseline_name: str = "", **more) -> Row:
+        ratios = self.ratios(ours, baseline, name, baseline_name)
         return Row(figure, show(self.median(ours, name)),
-                   show(self.median(baseline, baseline_name or name)),
-                   statistics.median(self.ratios(ours, baseline, name, baseline_name)), goal,
-                   **more)
+                   show(self.median(baseline, baseline_name or name)), statistics.median(ratios),
+                   goal, *interval(ratios), **more)
 
 
 def spread(values: list[float]) -> float:
-    """How far the median may be off: half the distance of the quartiles, as a part of it."""
-    quarters = statistics.quantiles(values, n=4)
-    return (quarters[2] - quarters[0]) / 2 / statistics.median(values) / len(values) ** 0.5
+    """How far the median may be off, as a part of it."""
+    low, high = interval(values)
+    return (high - low) / 2 / statistics.median(values)
 
 
 def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int = 41) -> Rounds:
@@ -94,6 +115,12 @@ def shown_value(row: Row) -> str:
     return f"{row.value:g} {row.unit}" if row.unit else f"{row.value:.3f}"
 
 
+def shown_interval(row: Row) -> str:
+    if row.low is None:
+        return ""
+    return f"{row.low:g} .. {row.high:g}" if row.unit else f"{row.low:.3f} .. {row.high:.3f}"
+
+
 def print_row(row: Row, file) -> None:
     if row.value is None:
         print(f"{row.figure}: skipped, {row.note}", file=file, flush=True)
@@ -101,9 +128,10 @@ def print_row(row: Row, file) -> None:
     goal = "-" if row.goal is None else f"<= {row.goal:g}"
     floor = "" if row.floor is None else f" (floor {row.floor:.2f})"
     note = f"  {row.note}" if row.note else ""
-    print(f"{row.figure:<66} {row.ours:>11} {row.baseline:>11} {shown_value(row):>12} {goal:>9}  "
-          f"{row.verdict()}{floor}{note}", file=file, flush=True)
+    print(f"{row.figure:<66} {row.ours:>11} {row.baseline:>11} {shown_value(row):>12} "
+          f"{shown_interval(row):>18} {goal:>9}  {row.verdict()}{floor}{note}", file=file, flush=True)
 
 
 def print_head(file) -> None:
-    print(f"{'figure':<66} {'ours':>11} {'baseline':>11} {'ratio':>12} {'goal':>9}  ok", file=file)
+    print(f"{'figure':<66} {'ours':>11} {'baseline':>11} {'ratio':>12} {'95 % interval':>18} "
+          f"{'goal':>9}  ok", file=file)

@@ -7,7 +7,7 @@ import sys
 from pathlib import Path
 
 import picture
-from pairs import Row, shown_value
+from pairs import Row, shown_interval, shown_value
 
 BEGIN, END = "<!-- figures of a run: begin -->", "<!-- figures of a run: end -->"
 
@@ -16,17 +16,18 @@ def table(result: dict) -> str:
     lines = [*result["machine"], f"one synchronous 16 KiB write to the disk: "
              f"{1000 * result['flush']:.2f} ms", ""]
     lines = [f"- {line}" if line else "" for line in lines]
-    lines += ["| Figure | Ours | Baseline | Ratio | Goal | ok |", "|---|---|---|---|---|---|"]
+    lines += ["| Figure | Ours | Baseline | Ratio | 95 % interval | Goal | ok |",
+              "|---|---|---|---|---|---|---|"]
     for taken in result["rows"]:
         verdict = taken.pop("verdict")
         row = Row(**taken)
         if row.value is None:
-            lines.append(f"| {row.figure} | | | | | skipped: {row.note} |")
+            lines.append(f"| {row.figure} | | | | | | skipped: {row.note} |")
             continue
         goal = "" if row.goal is None else f"<= {row.goal:g}"
         floor = "" if row.floor is None else f", floor {row.floor:.2f}"
-        lines.append(f"| {row.figure} | {row.ours} | {row.baseline} | {shown_value(row)} | {goal} "
-                     f"| {verdict}{floor} |")
+        lines.append(f"| {row.figure} | {row.ours} | {row.baseline} | {shown_value(row)} "
+                     f"| {shown_interval(row)} | {goal} | {verdict}{floor} |")
     return "\n".join(lines)
 
 

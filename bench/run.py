@@ -15,11 +15,11 @@ import counted
 import figures
 import picture
 from pairs import Row, print_head, print_row
-from world import MIB, Camera, Loops, Programs
+from world import MIB, SYNCHRONOUS, Camera, Loops, Programs
 
 IDLE_SECONDS, IDLE_SECONDS_QUICK = 60, 5
 # A synchronous chunk costs what the disk's flush costs. A run must not take longer than this, or
-# five rounds of all programs do not fit into ten minutes; the image is halved until it does.
+# six rounds of all programs do not fit into ten minutes; the image is halved until it does.
 LONGEST_RUN = 4  # seconds
 SIZES = (64, 32, 16, 8, 4)  # MiB
 
@@ -37,7 +37,7 @@ def module_on_disk(programs: Programs, camera: Camera, device: str, room: int) -
     """The largest module that is copied in time."""
     for size in SIZES:
         module = figures.Module(programs, camera, device, size * MIB, room)
-        if module.dd(*figures.SYNCHRONOUS)["wall"] < LONGEST_RUN:
+        if module.dd(*SYNCHRONOUS)["wall"] < LONGEST_RUN:
             break
     return module
 
@@ -60,8 +60,7 @@ def timed(programs: Programs, work: Path, show) -> dict:
         for row in figures.module_figures(in_memory, "in memory", 40, aims=False):
             show(row)
         show(figures.peak_memory(in_memory))
-        for row in figures.growth(programs, camera, memory_large, "in memory"):
-            show(row)
+        show(figures.growth(programs, camera, memory_large))
         on_disk = module_on_disk(programs, camera, disk, 64 * MIB)
         for row in figures.module_figures(on_disk, "on disk", 60):
             show(row)
@@ -110,13 +109,17 @@ def main() -> int:
     for row in counted.allocations(programs):
         show(row)
     show(counted.system_calls(programs))
+    for row in counted.instructions(programs) + counted.growth(programs):
+        show(row)
     for row in counted.size_and_libraries(programs):
         show(row)
     show(counted.idle(programs, IDLE_SECONDS_QUICK if options.quick else IDLE_SECONDS))
     facts = {} if options.quick else timed(programs, options.work, show)
 
     missed = [row.figure for row in rows if row.verdict() == "NO"]
-    print(f"{len(rows)} figures, {len(missed)} missed, {time.monotonic() - began:.0f} s")
+    unclear = [row for row in rows if row.verdict() == "unclear"]
+    print(f"{len(rows)} figures, {len(missed)} missed, {len(unclear)} unclear, "
+          f"{time.monotonic() - began:.0f} s")
     if not options.quick:
         (options.work / "result.json").write_text(json.dumps(
             {"machine": about, **facts,

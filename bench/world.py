@@ -13,6 +13,7 @@ PACKAGES = Path("/media/mmcblk0p1")  # in memory, so that reading an image costs
 IMAGES = PACKAGES / "kept"
 KERNEL = PACKAGES / "kernel.bin"
 MIB = 1 << 20
+SYNCHRONOUS = ("bs=16k", "oflag=dsync", "conv=notrunc")  # what the service's copy does, for dd
 
 
 class Programs:
@@ -110,8 +111,7 @@ def measured(programs: Programs, command: list, quiet: bool = True) -> dict[str,
 
 def total(*parts: dict[str, float]) -> dict[str, float]:
     """Several processes one after the other."""
-    return {"wall": sum(p["wall"] for p in parts), "cpu": sum(p["cpu"] for p in parts),
-            "peak": max(p["peak"] for p in parts)}
+    return {"wall": sum(p["wall"] for p in parts), "peak": max(p["peak"] for p in parts)}
 
 
 @dataclass
@@ -149,11 +149,12 @@ class Camera:
     def send_files(self) -> list:
         return [self.programs.otactl, "send", "files", "--dir", f"{PACKAGES}/", "kernel"]
 
-    def upgrade(self, image: Path, program: Path | None = None) -> Run:
-        """Files mode: the image becomes the partition "kernel"."""
+    def upgrade(self, image: Path, program: Path | None = None, under: tuple = ()) -> Run:
+        """Files mode: the image becomes the partition "kernel". `under`: the command that the
+        service is to be run by."""
         KERNEL.unlink(missing_ok=True)
         KERNEL.hardlink_to(image)  # the service deletes it in the end
-        return self.run(self.send_files(), program)
+        return self.run(self.send_files(), program, under)
 
     def upgrade_combined(self, image: Path) -> Run:
         package, manifest = PACKAGES / "all.pkg", Path("/tmp/all.manifest")
@@ -162,9 +163,9 @@ class Camera:
         return self.run([self.programs.otactl, "send", "combined", "--package", package,
                          "--manifest", manifest], None)
 
-    def run(self, send: list, program: Path | None) -> Run:
+    def run(self, send: list, program: Path | None, under: tuple = ()) -> Run:
         result = Path("/tmp/service")
-        service = subprocess.Popen([self.programs.bench / "measure", result,
+        service = subprocess.Popen([self.programs.bench / "measure", result, *under,
                                     program or self.programs.unpaused], stdout=subprocess.PIPE)
         lines: list[tuple[float, str]] = []
         rest = b""
