@@ -25,5 +25,6 @@ if(VALGRIND AND NOT CORVO_SANITIZE)
   add_test(NAME Upgrade.UnderValgrind
            COMMAND upgrade_test
                    --gtest_filter=*ToTheEnd:*Unterminated*)
-  set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=memcheck-amd64- TIMEOUT 300)
+  set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=memcheck-amd64- TIMEOUT 300
+                       COST 100) # the longest begins first
 endif()

@@ -12,4 +12,4 @@ add_test(NAME Demo.Shell
                  ${demo})
 set_tests_properties(Demo.Shell PROPERTIES PASS_REGULAR_EXPRESSION "two upgrades, two restarts")
 set_tests_properties(Demo.Files Demo.Combined Demo.Failure Demo.CombinedFailure Demo.Shell
-                     PROPERTIES TIMEOUT 120)
+                     PROPERTIES TIMEOUT 120 COST 50)
