@@ -26,13 +26,23 @@ struct PalModule {
     const char* textEnd = "";
 };
 
+// For an operation whose arguments are missing or out of range: reports it and returns
+// PAL_PARAM_INVALID. Takes no lock.
+template <typename Interface>
+int32_t pal_param_invalid(const PalModule<Interface>& module, const char* operation) {
+    module.report(operation, __LINE__, module.source.tag, module.source.id, REPORT_LEVEL_ERROR,
+                  "Param invalid%s", module.textEnd);
+    return PAL_PARAM_INVALID;
+}
+
 // A slot's non-zero result passes unchanged.
 inline int32_t unchanged(int32_t slotResult) {
     return slotResult;
 }
 
-// Calls `call` with the slot, in the name of the operation. Blocks as long as another call of the
-// module and the slot do; the module's mutex must not be held.
+// Calls `call` with the slot, in the name of the operation; what else the slot yields than success
+// or failure, such as a count of bytes, `call` keeps for the operation. Blocks as long as another
+// call of the module and the slot do; the module's mutex must not be held.
 template <typename Interface, typename Slot, typename Call>
 int32_t pal_call(const PalModule<Interface>& module, const char* operation, uint32_t index,
                  Slot Interface::*slot, const Call& call) {

@@ -20,12 +20,6 @@ bool valid_module_type(uint32_t moduleType) {
     return moduleType >= MODULE_TYPE_MIN && moduleType <= MODULE_TYPE_MAX;
 }
 
-int32_t param_invalid(const char* operation) {
-    PAL_ErrorLog(operation, __LINE__, OTA.source.tag, OTA.source.id, REPORT_LEVEL_ERROR,
-                 "Param invalid");
-    return PAL_PARAM_INVALID;
-}
-
 template <typename Slot, typename... Arguments>
 int32_t call_slot(const char* operation, Slot HalOtaInterface::*slot, Arguments... arguments) {
     return pal_call(OTA, operation, 0, slot,
@@ -45,7 +39,7 @@ int32_t PAL_OTA_DeInit() {
 int32_t PAL_OTA_Upgrade(uint32_t moduleType, const char* partitionName, const char* filePath,
                         uint32_t storageType) {
     if (!valid_module_type(moduleType) || filePath == nullptr || !valid_storage_type(storageType)) {
-        return param_invalid(__func__);
+        return pal_param_invalid(OTA, __func__);
     }
     return call_slot(__func__, &HalOtaInterface::upgrade, moduleType, partitionName, filePath,
                      storageType);
@@ -55,7 +49,7 @@ int32_t PAL_OTA_OpenPartition(const char* partitionName, int32_t iFlag, uint32_t
                               int32_t* fd) {
     if (partitionName == nullptr || iFlag != 0 || fd == nullptr ||
         !valid_storage_type(storageType)) {
-        return param_invalid(__func__);
+        return pal_param_invalid(OTA, __func__);
     }
     return call_slot(__func__, &HalOtaInterface::openPartition, partitionName, iFlag, storageType,
                      fd);
@@ -65,7 +59,7 @@ int32_t PAL_OTA_UpgradeByOffset(uint32_t moduleType, const char* partitionName,
                                 const char* filePath, uint32_t offset, uint32_t size,
                                 uint32_t storageType) {
     if (partitionName == nullptr || filePath == nullptr || !valid_storage_type(storageType)) {
-        return param_invalid(__func__);
+        return pal_param_invalid(OTA, __func__);
     }
     return call_slot(__func__, &HalOtaInterface::upgradeByOffset, moduleType, partitionName,
                      filePath, offset, size, storageType);
@@ -73,7 +67,7 @@ int32_t PAL_OTA_UpgradeByOffset(uint32_t moduleType, const char* partitionName,
 
 int32_t PAL_OTA_AB_SWITCH(int32_t slot, uint32_t flags) {
     if (slot < -1) {
-        return param_invalid(__func__);
+        return pal_param_invalid(OTA, __func__);
     }
     return call_slot(__func__, &HalOtaInterface::abSwitch, slot, flags);
 }

@@ -95,7 +95,10 @@ void expect_cases(const std::string& name, const std::function<std::string(std::
             const testing::ScopedTrace row(path.c_str(), number, "this row");
             const std::string text = line.substr(0, line.find("->"));
             std::istringstream input(text);
-            const std::string outcome = text + "-> " + run(input);
+            std::string outcome = text + (text.ends_with(' ') ? "-> " : " -> ") + run(input);
+            for (size_t at = 0; (at = outcome.find('\0', at)) != std::string::npos;) {
+                outcome.replace(at, 1, "\\0");
+            }
             if (getenv("CORVO_ACCEPT") == nullptr && outcome != line) {
                 ADD_FAILURE_AT(path.c_str(), number) << outcome << "\ninstead of\n" << line;
             }

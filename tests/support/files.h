@@ -45,7 +45,8 @@ bool matches(const std::string& text, const std::string& pattern);
 std::string without_source_lines(const std::string& text);
 
 // Runs each case of cases/NAME: a line reads "INPUT -> OUTCOME", and `run` makes the outcome of the
-// input. Empty lines, and those that begin with "#", are for the reader. A failure names the row's
+// input. "\\0" stands for a NUL there. Empty lines, and those
+// that begin with "#", are for the reader. A failure names the row's
 // file and line; with CORVO_ACCEPT in the environment the outcomes are rewritten instead.
 void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run);
 

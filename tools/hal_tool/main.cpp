@@ -47,6 +47,7 @@ Parameter argument(const std::string& word) {
         }
         return COLOURS.at(word);
     } else {
+        static_assert(std::is_integral_v<Parameter>, "words are numbers, names or colours");
         Parameter value = 0;
         if (!CLI::detail::lexical_cast(word, value)) {
             throw CLI::ValidationError(word, "not a number of the operation's range");
@@ -204,9 +205,11 @@ constexpr size_t count_words(std::string_view words) {
     return words.empty() ? 0 : 1 + static_cast<size_t>(std::count(words.begin(), words.end(), ' '));
 }
 // A word too few would be read from behind the last.
-static_assert(std::ranges::all_of(COMMANDS, [](const Command& row) {
-    return count_words(row.words) == row.parameters;
-}));
+static_assert(std::ranges::all_of(COMMANDS,
+                                  [](const Command& row) {
+                                      return count_words(row.words) == row.parameters;
+                                  }),
+              "each parameter of an operation needs one word");
 
 int program(int argc, char** argv) {
     CLI::App app(

@@ -1,5 +1,6 @@
-// In hal_tool as tests run it: each file /dev/mtd* is a NOR chip behind the real calls, and a
-// descriptor that is left open is reported at the end.
+// In hal_tool as tests run it: what a plain file in the place of a device cannot do. Each file
+// /dev/mtd* is a NOR chip behind the real calls, and a descriptor that is left open is reported at
+// the end.
 #include <errno.h>
 #include <mtd/mtd-user.h>
 #include <stdio.h>
