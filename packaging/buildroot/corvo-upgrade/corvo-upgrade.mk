@@ -4,37 +4,67 @@
 #
 ################################################################################
 
-CORVO_UPGRADE_VERSION = 0.0.2
-CORVO_UPGRADE_SITE = $(call qstrip,$(BR2_PACKAGE_CORVO_UPGRADE_SOURCE))
+CORVO_UPGRADE_VERSION = local
+CORVO_UPGRADE_SOURCE_DIR = $(patsubst %/,%,$(call qstrip,$(BR2_PACKAGE_CORVO_UPGRADE_SOURCE)))
+# Never empty: a local package without a site breaks the whole tree, also while
+# the package is off.
+CORVO_UPGRADE_SITE = $(or $(CORVO_UPGRADE_SOURCE_DIR),/BR2_PACKAGE_CORVO_UPGRADE_SOURCE-is-empty)
 CORVO_UPGRADE_SITE_METHOD = local
+CORVO_UPGRADE_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build
 CORVO_UPGRADE_DEPENDENCIES = host-pkgconf nanomsg
-CORVO_UPGRADE_CONF_OPTS = \
-	-DCMAKE_BUILD_TYPE=MinSizeRel \
-	-DCORVO_BUILD_TESTS=OFF
+CORVO_UPGRADE_CONF_OPTS = -DCORVO_BUILD_TESTS=OFF
 
-ifneq ($(call qstrip,$(BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY)),)
-CORVO_UPGRADE_CONF_OPTS += \
-	-DCORVO_PLATFORM_LIBRARY=$(BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY)
+ifeq ($(BR2_PACKAGE_CORVO_UPGRADE)$(BR_BUILDING),yy)
+ifeq ($(CORVO_UPGRADE_OVERRIDE_SRCDIR)$(wildcard $(CORVO_UPGRADE_SITE)/ota/CMakeLists.txt),)
+$(error BR2_PACKAGE_CORVO_UPGRADE_SOURCE must name a checkout of corvo-upgrade, not "$(CORVO_UPGRADE_SOURCE_DIR)")
+endif
+endif
+
+CORVO_UPGRADE_PLATFORM_LIBRARY = $(call qstrip,$(BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY))
+ifneq ($(CORVO_UPGRADE_PLATFORM_LIBRARY),)
+CORVO_UPGRADE_CONF_OPTS += -DCORVO_PLATFORM_LIBRARY=$(CORVO_UPGRADE_PLATFORM_LIBRARY)
 endif
 
 ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_TOOLS),y)
 CORVO_UPGRADE_DEPENDENCIES += cli11
 CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_TOOLS=ON
+
+define CORVO_UPGRADE_INSTALL_DAEMON_UNIT
+	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-system-call.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/corvo-system-call.service
+endef
 else
 CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_TOOLS=OFF
 endif
 
-# buildroot starts these itself, from the skeleton of the init system that is chosen.
+ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_BRINGUP),y)
+# By CMake, which leaves out the build host's library folders that a copy of the
+# built program would name.
+define CORVO_UPGRADE_INSTALL_BRINGUP
+	$(TARGET_MAKE_ENV) DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) \
+		--install $(CORVO_UPGRADE_BUILDDIR) --component bringup
+endef
+CORVO_UPGRADE_POST_INSTALL_TARGET_HOOKS += CORVO_UPGRADE_INSTALL_BRINGUP
+endif
+
+# buildroot starts these itself, from the skeleton of the init system that is
+# chosen.
 define CORVO_UPGRADE_INSTALL_INIT_SYSV
-	$(INSTALL) -D -m 755 $(@D)/packaging/S80corvo_upgrade \
+	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S80corvo_upgrade \
 		$(TARGET_DIR)/etc/init.d/S80corvo_upgrade
 endef
 
 define CORVO_UPGRADE_INSTALL_INIT_SYSTEMD
-	$(INSTALL) -D -m 644 $(@D)/packaging/corvo-upgrade.service \
+	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-upgrade.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/corvo-upgrade.service
-	$(INSTALL) -D -m 644 $(@D)/packaging/corvo-system-call.service \
-		$(TARGET_DIR)/usr/lib/systemd/system/corvo-system-call.service
+	$(CORVO_UPGRADE_INSTALL_DAEMON_UNIT)
+endef
+
+# The queue of requests; the lines of the status LED.
+define CORVO_UPGRADE_LINUX_CONFIG_FIXUPS
+	$(call KCONFIG_ENABLE_OPT,CONFIG_SYSVIPC)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_GPIOLIB)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_GPIO_SYSFS)
 endef
 
 $(eval $(cmake-package))
