@@ -19,14 +19,22 @@ if(NOT CORVO_PLATFORM_LIBRARY)
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
 endif()
 
-# The scripts name the programs by their full paths.
+# The scripts name the programs by their full paths, and more than one asks whether an upgrade runs.
 set(corvo_sbindir ${CMAKE_INSTALL_FULL_SBINDIR})
+file(READ ${PROJECT_SOURCE_DIR}/packaging/upgrading.sh.in corvo_upgrading)
+string(CONFIGURE "${corvo_upgrading}" corvo_upgrading @ONLY)
 foreach(name S80corvo_upgrade corvo-upgrade.service corvo-system-call.service)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/${name}.in ${PROJECT_BINARY_DIR}/packaging/${name}
                  @ONLY)
 endforeach()
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+                                                             packaging/upgrading.sh.in)
 install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S80corvo_upgrade
         DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT sysv EXCLUDE_FROM_ALL)
-install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service
-              ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service
-        DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service DESTINATION lib/systemd/system
+        COMPONENT systemd EXCLUDE_FROM_ALL)
+# A unit without its program would fail at each start.
+if(CORVO_BUILD_TOOLS)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service
+          DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)
+endif()

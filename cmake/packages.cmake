@@ -1,0 +1,84 @@
+# Debian packages, made by scripts/package: corvo-upgrade (the service, its daemon and their units),
+# corvo-upgrade-tools and corvo-upgrade-bringup.
+if(NOT CORVO_BUILD_TOOLS)
+  return()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_COMPONENTS_ALL service systemd debian_base tools debian_tools bringup debian_bringup)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+                                                GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Corvo camera <firmware@corvo-camera.org>")
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Debian's scripts/package finds this out for the packages of another processor.
+if(CORVO_DEBIAN_ARCHITECTURE)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CORVO_DEBIAN_ARCHITECTURE})
+endif()
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR})
+set(CPACK_PACKAGE_CONTACT ${CPACK_DEBIAN_PACKAGE_MAINTAINER})
+
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_NAME corvo-upgrade)
+set(CPACK_DEBIAN_BASE_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera
+Waits for a request, writes the images that it names into their partitions,
+reads them back, records the outcome, switches the boot slot and restarts the
+camera. Comes with the daemon that runs its shell commands.")
+# What the service has run for it.
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_DEPENDS "mount, psmisc")
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_RECOMMENDS "libubootenv-tool")
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_SUGGESTS "corvo-upgrade-tools")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_PACKAGE_NAME corvo-upgrade-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - sender
+otactl makes packages of images, posts upgrade requests to the service and
+shows what becomes of them.")
+set(CPACK_DEBIAN_BRINGUP_PACKAGE_PACKAGE_NAME corvo-upgrade-bringup)
+set(CPACK_DEBIAN_BRINGUP_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - new boards
+hal_tool calls one operation of the hardware modules, for bringing up a new
+board. It writes flash and asks nothing: not for a camera that is sold.")
+
+set(scripts)
+foreach(name postinst prerm postrm)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/debian/${name}.in
+                 ${PROJECT_BINARY_DIR}/packaging/debian/${name} @ONLY)
+  list(APPEND scripts ${PROJECT_BINARY_DIR}/packaging/debian/${name})
+endforeach()
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_CONTROL_EXTRA
+    ${scripts} ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+
+# What Debian wants beside the programs: pages, completion, the package's papers. scripts/package
+# has made them in this folder.
+set(CORVO_DEBIAN_PAPERS "" CACHE PATH "Folder of manual pages and papers for Debian packages")
+foreach(group base tools bringup)
+  string(TOUPPER ${group} upper)
+  set(package ${CPACK_DEBIAN_${upper}_PACKAGE_PACKAGE_NAME})
+  install(FILES ${CORVO_DEBIAN_PAPERS}/changelog.gz ${PROJECT_SOURCE_DIR}/packaging/debian/copyright
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT debian_${group}
+          EXCLUDE_FROM_ALL)
+endforeach()
+install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_upgrade.8.gz ${CORVO_DEBIAN_PAPERS}/system_call_daemon.8.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_base EXCLUDE_FROM_ALL)
+install(FILES ${CORVO_DEBIAN_PAPERS}/otactl.1.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT debian_tools EXCLUDE_FROM_ALL)
+install(FILES ${CORVO_DEBIAN_PAPERS}/hal_tool.8.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_bringup EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME corvo-upgrade
+        COMPONENT debian_base EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/otactl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME otactl
+        COMPONENT debian_tools EXCLUDE_FROM_ALL)
+
+include(CPack)
+foreach(group base tools bringup)
+  cpack_add_component_group(${group}_package)
+  cpack_add_component(debian_${group} GROUP ${group}_package)
+endforeach()
+cpack_add_component(service GROUP base_package)
+cpack_add_component(systemd GROUP base_package)
+cpack_add_component(tools GROUP tools_package)
+cpack_add_component(bringup GROUP bringup_package)

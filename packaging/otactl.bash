@@ -1,0 +1,30 @@
+# Completion of otactl's commands and options for bash, from what its --help says.
+
+_otactl() {
+    local word=$2 before=$3 commands=() candidate help i
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        # A command is what its parent's help lists under this title.
+        candidate=${COMP_WORDS[i]}
+        help=$(otactl "${commands[@]}" --help 2> /dev/null) || return
+        [[ $candidate == [a-z]* ]] && sed -n '/^Subcommands:/,/^$/p' <<< "$help" |
+            grep -q "^  $candidate\( \|$\)" && commands+=("$candidate")
+    done
+    help=$(otactl "${commands[@]}" --help 2> /dev/null) || return
+    case $before in
+        --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
+        --address | --level) ;;
+        --*)
+            # What stands behind an option that takes one is a file.
+            if grep -q "^  $before [A-Z]" <<< "$help"; then
+                mapfile -t COMPREPLY < <(compgen -f -- "$word")
+                return
+            fi
+            ;;&
+        *)
+            candidates=$(sed -n '/^Subcommands:/,/^$/s/^  \([a-z][^ ]*\).*/\1/p
+                s/^  \(-[^ ]*,\)\{0,1\}\(--[a-z-]*\).*/\2/p' <<< "$help")
+            mapfile -t COMPREPLY < <(compgen -W "$candidates" -- "$word")
+            ;;
+    esac
+}
+complete -o default -o filenames -F _otactl otactl
