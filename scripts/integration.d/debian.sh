@@ -1,0 +1,221 @@
+# The Debian packages, and with them the units under a real systemd: installed, started, disturbed,
+# upgraded, removed and purged in name spaces of their own. Sourced by scripts/integration.
+
+name=corvo-integration-$$
+kept=/run/$name/upper # what the system inside has written, also after its end
+
+inside() { nsenter --target "$systemd" --mount --net --pid --ipc --uts --cgroup "$@"; }
+
+start_system() {
+    "$checkout/scripts/integration.d/systemd_root" $name > "$work/systemd.txt" 2>&1 &
+    system_job=$!
+    trap end_system EXIT
+    await 30 find_systemd || return 1
+    await 60 inside systemctl is-active --quiet multi-user.target
+}
+
+find_systemd() {
+    local process
+    # The one whose parent's parent is the script above.
+    process=$(pgrep -P "$system_job" -x unshare) && systemd=$(pgrep -P "$process" -x systemd)
+}
+
+is_over() { ! kill -0 "$system_job" 2> /dev/null; }
+
+end_system() {
+    trap - EXIT
+    is_over || kill -KILL "$systemd" 2> /dev/null || :
+    wait "$system_job" || :
+    "$checkout/scripts/integration.d/systemd_root" $name end
+}
+
+# A camera's surroundings. killall takes long while the file "slow" exists, and so does an upgrade.
+make_camera() {
+    inside sh -e << 'END'
+mkdir -p /dev/block/by-name /media/mmcblk0p1
+mount -t tmpfs card /media/mmcblk0p1
+mkdir -p /media/mmcblk0p1/ota
+head -c 300000 /dev/urandom > /media/mmcblk0p1/ota/kernel.bin
+cp /media/mmcblk0p1/ota/kernel.bin /sent
+for name in kernel nv_factory; do head -c 1000000 /dev/zero > /dev/block/by-name/$name; done
+rm -f /commands
+for name in reboot fw_printenv killall umount; do
+    printf '#!/bin/sh\necho %s "$@" >> /commands\n' $name > /usr/local/sbin/$name
+    chmod 755 /usr/local/sbin/$name
+done
+echo '[ ! -e /slow ] || sleep 2' >> /usr/local/sbin/killall
+echo 'echo bootsystem=A' >> /usr/local/sbin/fw_printenv
+echo 'exec /usr/bin/umount "$@"' >> /usr/local/sbin/umount
+mkdir -p /etc/init.d
+printf '#!/bin/sh\necho S99checkboot "$@" >> /commands\n' > /etc/init.d/S99checkboot
+chmod 755 /etc/init.d/S99checkboot
+END
+}
+
+send() { inside otactl send files --dir /media/mmcblk0p1/ota/ kernel; }
+main_pid() { inside systemctl show --property MainPID --value "$1"; }
+is_active() { inside systemctl is-active --quiet "$@"; }
+has_queue() { inside ipcs -q | grep -q 666; }
+said() { inside grep -q "$1" /commands; }
+upgrade_is_running() { [ -n "$(inside find /tmp/corvo_upgrade.pid 2> /dev/null)" ]; }
+state() { inside dpkg-query -W -f '${db:Status-Status}' corvo-upgrade; }
+
+check_installation() {
+    check "the packages are installed" inside dpkg -i "${packages[@]}"
+    check "the units are enabled" inside systemctl is-enabled corvo-upgrade corvo-system-call
+    check "both run" await 5 is_active corvo-upgrade corvo-system-call
+    check "the service waits for a request" await 5 has_queue
+    check "the daemon was started first" started_in_order
+    check "systemd-analyze verify is silent" no_output inside systemd-analyze verify \
+        /usr/lib/systemd/system/corvo-upgrade.service /usr/lib/systemd/system/corvo-system-call.service
+    check "the service's exposure is at most 3.5" exposure_at_most corvo-upgrade 35
+    check "the daemon's exposure is at most 9.3" exposure_at_most corvo-system-call 93
+    check "pages and completion are there" inside test -e /usr/share/man/man1/otactl.1.gz \
+        -a -e /usr/share/man/man8/hal_tool.8.gz -a -e /usr/share/bash-completion/completions/otactl
+}
+
+started_in_order() {
+    local unit times=()
+    for unit in corvo-system-call corvo-upgrade; do
+        times+=("$(inside systemctl show --property ExecMainStartTimestampMonotonic --value $unit)")
+    done
+    [ "${times[0]}" -lt "${times[1]}" ]
+}
+
+says() { # TEXT COMMAND...
+    "${@:2}" | grep -q "$1"
+}
+
+no_output() { [ -z "$("$@" 2>&1 | tee /dev/stderr)" ]; }
+
+exposure_at_most() { # UNIT TENTHS
+    inside systemd-analyze security --no-pager --threshold="$2" "$1" > /dev/null
+}
+
+check_idle() {
+    local before
+    before=$(main_pid corvo-upgrade)
+    check "systemctl stop is refused" fails inside systemctl stop corvo-upgrade
+    check "systemctl restart is refused" fails inside systemctl restart corvo-upgrade
+    check "the service goes on" test "$(main_pid corvo-upgrade)" = "$before"
+    inside kill -KILL "$before"
+    check "a killed service is started again" await 5 runs_anew corvo-upgrade "$before"
+    before=$(main_pid corvo-system-call)
+    inside kill -KILL "$before"
+    check "a killed daemon is started again" await 5 runs_anew corvo-system-call "$before"
+    check "the service waits again" await 5 has_queue
+    check "no reboot was asked for" fails said reboot
+    check "the status LED's lines can be written" \
+        inside nsenter --target "$(main_pid corvo-upgrade)" --mount test -w /sys/class
+}
+
+runs_anew() { # UNIT OLD-PROCESS
+    local now
+    now=$(main_pid "$1") && [ "$now" != 0 ] && [ "$now" != "$2" ] && is_active "$1"
+}
+
+# The package is upgraded and removed while the service upgrades.
+check_during_upgrade() {
+    local before
+    before=$(main_pid corvo-upgrade)
+    inside touch /slow
+    check "a request is posted" send
+    check "an upgrade runs" await 10 upgrade_is_running
+    check "the package is not removed meanwhile" fails inside dpkg -r corvo-upgrade
+    check "it stays installed" test "$(state)" = installed
+    check "the package is upgraded meanwhile" inside dpkg -i "${packages[@]}"
+    check "the upgrade goes on" test "$(main_pid corvo-upgrade)" = "$before"
+    check "removal is refused after that too" fails inside dpkg -r corvo-upgrade
+    inside rm /slow
+    check "the upgrade ends in a reboot" await 60 said '^reboot'
+    check "the image is in the partition" inside cmp -n 300000 /sent /dev/block/by-name/kernel
+    check "the outcome is recorded" says succeeded inside otactl record
+    check "the applications were stopped" said '^killall'
+    check "the slot was switched" said '^S99checkboot systemB'
+    check "the package is deleted, its disk unmounted" fails inside mountpoint -q /media/mmcblk0p1
+}
+
+check_removal() {
+    inside systemctl start corvo-upgrade 2> /dev/null || :
+    await 5 is_active corvo-upgrade
+    inside rm -f /commands /tmp/corvo_upgrade.pid
+    check "the package is removed" inside dpkg -r corvo-upgrade
+    check "no program of it runs" fails inside pgrep -f 'corvo_upgrade|system_call_daemon'
+    check "removal asked for no reboot" fails test -e "$kept/commands"
+    check "the packages are purged" inside dpkg -P corvo-upgrade corvo-upgrade-tools corvo-upgrade-bringup
+    check "nothing of them is left" no_output inside find / -xdev -name '*corvo?upgrade*' \
+        -not -path '*/work/*' -not -path '*/build/*' -not -path '/proc/*' -not -path '/run/*' -newer /sent
+    check "the outcome of the last upgrade stays" inside test -e /config/ota_data.dat
+}
+
+# Every option and command that a help text names is in its program's page, and completed.
+check_pages() {
+    local program page
+    for program in otactl system_call_daemon hal_tool; do
+        page=$(gzip -dc "$checkout/build/papers/$program".[18].gz | man --warnings -l - 2> "$work/page.txt" | col -b)
+        check "$program's page has no fault" test ! -s "$work/page.txt"
+        check "$program's page names every option" has_all_options "$page" "$program"
+    done
+    check "completion offers what the help names" "$checkout/scripts/integration.d/completion"
+}
+
+has_all_options() { # PAGE PROGRAM [COMMAND...]
+    local help word
+    help=$("$checkout/build/release/$2" "${@:3}" --help)
+    for word in $(grep -oE -- '--[a-z-]+' <<< "$help"; sed -n '/^Subcommands:/,/^$/s/^  \([a-z][^ ]*\).*/\1/p' <<< "$help"); do
+        grep -qE -- "(^|[ ,])$word( |$)" <<< "$1" || { echo "${*:2}: $word is missing"; return 1; }
+        [[ $word == -* ]] || [ "$2" = hal_tool ] || has_all_options "$@" "$word" || return 1
+    done
+}
+
+# Each in a system of its own, as it ends with it.
+check_shutdown_idle() {
+    start_system && make_camera && inside dpkg -i "${packages[@]}" > /dev/null 2>&1
+    await 5 has_queue
+    inside systemctl --no-block start poweroff.target
+    check "an idle system shuts down within 15 s" await 15 is_over
+    check "the service asked for no reboot then" fails grep -q reboot "$kept/commands"
+    end_system
+}
+
+check_shutdown_during_upgrade() {
+    start_system && make_camera && inside dpkg -i "${packages[@]}" > /dev/null 2>&1
+    await 5 has_queue
+    inside touch /slow
+    send > /dev/null
+    await 10 upgrade_is_running
+    inside systemctl --no-block start poweroff.target
+    inside rm /slow
+    check "a shutdown waits for an upgrade" await 60 is_over
+    end_system
+}
+
+check_without_daemon() {
+    start_system && make_camera && inside dpkg --unpack "${packages[@]}" > /dev/null 2>&1
+    inside rm /usr/sbin/system_call_daemon
+    inside dpkg --configure -a > /dev/null 2>&1
+    check "without a daemon the service waits for a request all the same" await 30 has_queue
+    check "and runs" is_active corvo-upgrade
+    end_system
+}
+
+run_debian() {
+    "$checkout/scripts/install_packages" integration
+    "$checkout/scripts/package" > "$work/package.txt" || { cat "$work/package.txt" && return 1; }
+    packages=("$checkout"/build/packages/*_amd64.deb)
+    check "lintian has nothing to say" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
+    check_pages
+    if ! start_system; then
+        skip "the units and packages under systemd: $(tail -n 1 "$work/systemd.txt")"
+        return 0
+    fi
+    make_camera
+    check_installation
+    check_idle
+    check_during_upgrade
+    check_removal
+    end_system
+    check_shutdown_idle
+    check_shutdown_during_upgrade
+    check_without_daemon
+}

@@ -1,0 +1,16 @@
+# The init script under Debian's dash and busybox's ash: the real programs in a private root.
+# Sourced by scripts/integration.
+
+run_sysv() {
+    local shell
+    "$checkout/scripts/install_packages" integration
+    (cd "$checkout" && cmake --preset release &&
+        cmake --build --preset release --target corvo_upgrade system_call_daemon otactl) > "$work/build.txt" 2>&1 || {
+        tail -n 20 "$work/build.txt"
+        return 1
+    }
+    for shell in dash "busybox ash"; do
+        check "the init script under $shell" "$checkout/scripts/private_root" \
+            bash "$checkout/scripts/integration.d/sysv_inside" "$shell"
+    done
+}
