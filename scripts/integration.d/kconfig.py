@@ -1,0 +1,75 @@
+"""kconfig.py Config.in: what the buildroot options do, in the smallest tree that they stand in."""
+
+import os
+import sys
+import tempfile
+
+import kconfiglib
+
+TREE = """
+mainmenu "a tree"
+config BR2_USE_MMU
+	bool "mmu"
+config BR2_INSTALL_LIBSTDCPP
+	bool "c++"
+config BR2_TOOLCHAIN_GCC_AT_LEAST_10
+	bool "gcc"
+config BR2_TOOLCHAIN_HAS_THREADS
+	bool "threads"
+config BR2_STATIC_LIBS
+	bool "static"
+config BR2_HOST_CMAKE_AT_LEAST_3_25
+	bool
+config BR2_PACKAGE_NANOMSG
+	bool "nanomsg"
+config BR2_PACKAGE_CLI11
+	bool "cli11"
+source "%s"
+"""
+TOOLCHAIN = (
+    "BR2_INSTALL_LIBSTDCPP",
+    "BR2_TOOLCHAIN_GCC_AT_LEAST_10",
+    "BR2_TOOLCHAIN_HAS_THREADS",
+)
+PACKAGE = "BR2_PACKAGE_CORVO_UPGRADE"
+
+
+def tree(path, *on):
+    with tempfile.NamedTemporaryFile("w", suffix=".in") as file:
+        file.write(TREE % os.path.abspath(path))
+        file.flush()
+        config = kconfiglib.Kconfig(file.name, warn_to_stderr=False)
+    assert not config.warnings, config.warnings
+    for name in on:
+        config.syms[name].set_value(2)
+    return config
+
+
+def is_on(config, name):
+    return config.syms[name].str_value == "y"
+
+
+def comment_shows(config):
+    nodes = [node for node in config.node_iter() if node.item == kconfiglib.COMMENT]
+    assert len(nodes) == 1 and nodes[0].prompt[0].startswith("corvo-upgrade needs")
+    return kconfiglib.expr_value(nodes[0].dep) != 0
+
+
+path = sys.argv[1]
+off = tree(path, *TOOLCHAIN, "BR2_USE_MMU")
+assert not is_on(off, PACKAGE) and not is_on(off, "BR2_PACKAGE_NANOMSG") and not comment_shows(off)
+
+whole = tree(path, *TOOLCHAIN, "BR2_USE_MMU", PACKAGE)
+for name in (PACKAGE, PACKAGE + "_TOOLS", "BR2_PACKAGE_CLI11", "BR2_PACKAGE_NANOMSG", "BR2_HOST_CMAKE_AT_LEAST_3_25"):
+    assert is_on(whole, name), name + " is off"
+assert not is_on(whole, PACKAGE + "_BRINGUP")
+
+small = tree(path, *TOOLCHAIN, PACKAGE)
+assert is_on(small, PACKAGE) and not is_on(small, PACKAGE + "_TOOLS")
+assert not is_on(small, "BR2_PACKAGE_CLI11")
+
+for missing in TOOLCHAIN:
+    config = tree(path, PACKAGE, *(name for name in TOOLCHAIN if name != missing))
+    assert not is_on(config, PACKAGE) and comment_shows(config), missing
+static = tree(path, *TOOLCHAIN, PACKAGE, "BR2_STATIC_LIBS")
+assert not is_on(static, PACKAGE) and comment_shows(static)
