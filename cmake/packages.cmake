@@ -12,10 +12,10 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXE
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Corvo camera <firmware@corvo-camera.org>")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Corvo camera <firmware@corvo-camera.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Debian's scripts/package finds this out for the packages of another processor.
+# scripts/package says it for the packages of another processor.
 if(CORVO_DEBIAN_ARCHITECTURE)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CORVO_DEBIAN_ARCHITECTURE})
 endif()

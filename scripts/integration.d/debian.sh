@@ -7,26 +7,25 @@ kept=/run/$name/upper # what the system inside has written, also after its end
 inside() { nsenter --target "$systemd" --mount --net --pid --ipc --uts --cgroup "$@"; }
 
 start_system() {
+    systemd=
     "$checkout/scripts/integration.d/systemd_root" $name > "$work/systemd.txt" 2>&1 &
     system_job=$!
     trap end_system EXIT
-    await 30 find_systemd || return 1
-    await 60 inside systemctl is-active --quiet multi-user.target
+    await 30 find_systemd && [ -n "$systemd" ] && await 60 inside systemctl is-active --quiet multi-user.target
 }
 
 find_systemd() {
     local process
-    # The one whose parent's parent is the script above.
-    process=$(pgrep -P "$system_job" -x unshare) && systemd=$(pgrep -P "$process" -x systemd)
+    is_over || { process=$(pgrep -P "$system_job" -x unshare) && systemd=$(pgrep -P "$process" -x systemd); }
 }
 
 is_over() { ! kill -0 "$system_job" 2> /dev/null; }
 
 end_system() {
     trap - EXIT
-    is_over || kill -KILL "$systemd" 2> /dev/null || :
+    [ -z "$systemd" ] || is_over || kill -KILL "$systemd" 2> /dev/null || :
     wait "$system_job" || :
-    "$checkout/scripts/integration.d/systemd_root" $name end
+    ! mountpoint -q /run/$name || "$checkout/scripts/integration.d/systemd_root" $name end
 }
 
 # A camera's surroundings. killall takes long while the file "slow" exists, and so does an upgrade.
@@ -206,6 +205,7 @@ run_debian() {
     check "lintian has nothing to say" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
     check_pages
     if ! start_system; then
+        end_system
         skip "the units and packages under systemd: $(tail -n 1 "$work/systemd.txt")"
         return 0
     fi
