@@ -185,7 +185,9 @@ check_shutdown_during_upgrade() {
     await 10 upgrade_is_running
     inside systemctl --no-block start poweroff.target
     inside rm /slow
-    check "a shutdown waits for an upgrade" await 60 is_over
+    check "a shutdown during an upgrade comes to its end" await 60 is_over
+    check "it has waited for the upgrade's" grep -q '^reboot' "$kept/commands"
+    check "the outcome is a success" says succeeded "$checkout/build/release/otactl" record "$kept/config/ota_data.dat"
     end_system
 }
 
