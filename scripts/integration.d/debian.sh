@@ -82,7 +82,9 @@ started_in_order() {
 }
 
 says() { # TEXT COMMAND...
-    "${@:2}" | grep -q "$1"
+    local text
+    text=$("${@:2}" 2>&1) || :
+    grep -q "$1" <<< "$text" || { echo "$text" && return 1; }
 }
 
 no_output() { [ -z "$("$@" 2>&1 | tee /dev/stderr)" ]; }
@@ -94,8 +96,8 @@ exposure_at_most() { # UNIT TENTHS
 check_idle() {
     local before
     before=$(main_pid corvo-upgrade)
-    check "systemctl stop is refused" fails inside systemctl stop corvo-upgrade
-    check "systemctl restart is refused" fails inside systemctl restart corvo-upgrade
+    check "systemctl stop is refused" says refused inside timeout 20 systemctl stop corvo-upgrade
+    check "systemctl restart is refused" says refused inside timeout 20 systemctl restart corvo-upgrade
     check "the service goes on" test "$(main_pid corvo-upgrade)" = "$before"
     inside kill -KILL "$before"
     check "a killed service is started again" await 5 runs_anew corvo-upgrade "$before"
