@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -40,6 +41,9 @@ int run_guarded(const char* program, Body body) {
     corvo::occupy_standard_descriptors();
     try {
         return body();
+    } catch (const std::bad_alloc&) {
+        fprintf(stderr, "%s: out of memory\n", program);
+        return EXIT_FAILURE;
     } catch (const std::exception& error) {
         fprintf(stderr, "%s: %s\n", program, error.what());
         return EXIT_FAILURE;

@@ -9,14 +9,17 @@
 
 #include "ota/ota_package.h"
 #include "otactl/log_stream.h"
+#include "otactl/trust.h"
+#include "package/signature.h"
 
 constexpr const char* OTACTL = "otactl";
 
 enum OtactlExit : int {
-    OTACTL_OK = 0,          // done; with --follow: the upgrade succeeded
-    OTACTL_FAILED = 1,      // a file or the queue failed; with --follow: the upgrade failed
-    OTACTL_NO_SERVICE = 2,  // the service is not there
-    OTACTL_WRONG_USE = 64,  // as every wrong argument
+    OTACTL_OK = 0,           // done; with --follow: the upgrade succeeded
+    OTACTL_FAILED = 1,       // a file or the queue failed; with --follow: the upgrade failed
+    OTACTL_NO_SERVICE = 2,   // the service is not there
+    OTACTL_NOT_TRUSTED = 3,  // with a keyring: not signed as it must be, or not for this camera
+    OTACTL_WRONG_USE = 64,   // as every wrong argument
 };
 
 // Where the service publishes its lines unless told otherwise.
@@ -26,16 +29,33 @@ struct SendOptions {
     std::string directory;             // of the images
     std::vector<std::string> modules;  // names or numbers
     std::string package;               // the combined package
-    std::string manifest;
+    std::string manifest;              // of files: the directory's own when empty
+    TrustOptions trust;
     std::string logAddress;
-    bool follow;  // stay until the upgrade ends
+    bool follow = false;  // stay until the upgrade ends
 };
 
-// Posts a request for images that come as files of their own in a directory.
+// Posts a request for images that come as files of their own in a directory, all of the manifest
+// when no modules are named. Needs no manifest where no signature is asked for.
 int send_files(const SendOptions& options);
 
 // Posts a request for a combined package.
 int send_combined(const SendOptions& options);
+
+struct InspectOptions {
+    std::string manifest;   // or the folder of one
+    std::string directory;  // of what it names; the manifest's own when empty
+    std::string package;    // the combined package; the one that it names when empty
+    TrustOptions trust;
+    bool anyCamera = false;  // leave out whether this camera takes it
+    bool json = false;
+};
+
+// Checks a package as `send` does, the service apart, and says what it is.
+int verify(const InspectOptions& options);
+
+// Says what a package is, who signed it, and whether this camera would take it; reads no images.
+int info(const InspectOptions& options);
 
 // Shows the upgrade's stages until the service restarts the camera. `queue` and `messageType` name
 // the request, which is taken back if the service does not pick it up. Blocks.
@@ -43,13 +63,21 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
                    bool readsBack, int queue, long messageType);
 
 struct PackOptions {
-    std::string output;
-    std::string manifest;
-    std::vector<std::string> modules;  // "name=path"
+    std::string output;                // the combined package
+    std::string directory;             // of images in files of their own
+    std::string manifest;              // of files: the directory's own when empty
+    std::vector<std::string> modules;  // "name=path"; of files: names, or all that are there
+    std::string compatible;            // this and the next make a manifest of version 2
+    std::string version;
+    std::string description;
+    SigningOptions signing;  // no key: no signature
 };
 
-// Makes a combined package and its manifest.
-int pack(const PackOptions& options);
+// Makes a combined package, its manifest, and the signature beside that.
+int pack_combined(const PackOptions& options);
+
+// Makes the manifest and the signature for images that lie in a directory.
+int pack_files(const PackOptions& options);
 
 struct LogsOptions {
     std::string address;
@@ -64,8 +92,5 @@ int list_modules();
 
 // Prints the outcome record in words.
 int record(const std::string& path);
-
-// Reads a whole file of at most `limit` bytes. Returns false with errno set; EFBIG above the limit.
-bool read_small_file(const std::string& path, size_t limit, std::string& content);
 
 #endif  // TOOLS_OTACTL_COMMANDS_H

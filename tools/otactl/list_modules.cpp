@@ -1,7 +1,7 @@
 #include <stdio.h>
 
 #include "otactl/commands.h"
-#include "otactl/modules.h"
+#include "package/modules.h"
 
 int list_modules() {
     fputs(describe_modules().c_str(), stdout);

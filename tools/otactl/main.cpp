@@ -8,15 +8,29 @@
 #include "log/log_producer.h"
 #include "ota/ota_data.h"
 #include "otactl/commands.h"
+#include "package/modules.h"
 
 namespace {
 
 struct Arguments {
     SendOptions send;
     PackOptions pack;
+    InspectOptions inspect;
     LogsOptions logs;
     std::string recordPath = OTA_DATA_PATH;
 };
+
+void add_trust(CLI::App* command, TrustOptions& trust) {
+    command->add_option("--keyring", trust.keyring,
+                        "Take only what one of these root certificates vouches for (PEM)");
+    command->add_option("--crl", trust.revocations, "Certificate revocation lists (PEM)");
+    command->add_option("--compatible", trust.compatible, "The kind of this camera");
+    command->add_option("--version-file", trust.versionFile,
+                        "Says which version runs; lower ones are refused");
+    command->add_flag("--allow-downgrade", trust.allowDowngrade, "Take lower versions too");
+    command->add_flag("--unsigned", trust.unsignedToo, "Ask for no signature");
+    command->footer(std::string("What is not said is taken from ") + SETTINGS_PATH + ".");
+}
 
 void add_send(CLI::App& app, Arguments& arguments) {
     CLI::App* send = app.add_subcommand("send", "Post an upgrade request to the service");
@@ -26,12 +40,17 @@ void add_send(CLI::App& app, Arguments& arguments) {
                           "Wait and show the stages; exit 0 on success, 1 on failure");
         command->add_option("--address", arguments.send.logAddress,
                             "Where the service publishes its log lines");
+        add_trust(command, arguments.send.trust);
     };
     CLI::App* files = send->add_subcommand("files", "One image file per module in a directory");
     files->add_option("--dir", arguments.send.directory, "Directory of the images")->required();
-    files->add_option("MODULE", arguments.send.modules, "Names or numbers of the modules")
-        ->option_text("...")
-        ->required();
+    files->add_option(
+        "--manifest", arguments.send.manifest,
+        std::string("Their manifest (with a keyring: ") + FOLDER_MANIFEST + " in the directory)");
+    files
+        ->add_option("MODULE", arguments.send.modules,
+                     "Names or numbers of the modules (all of the manifest)")
+        ->option_text("...");
     common(files);
     CLI::App* combined =
         send->add_subcommand("combined", "One package file that holds all modules");
@@ -40,14 +59,48 @@ void add_send(CLI::App& app, Arguments& arguments) {
     common(combined);
 }
 
-void add_others(CLI::App& app, Arguments& arguments) {
+void add_pack(CLI::App& app, PackOptions& options) {
     CLI::App* pack = app.add_subcommand("pack", "Make a combined package and its manifest");
-    pack->add_option("--output", arguments.pack.output, "The package file")->required();
-    pack->add_option("--manifest", arguments.pack.manifest, "The manifest")->required();
-    pack->add_option("IMAGE", arguments.pack.modules, "NAME=PATH of each image")
-        ->option_text("...")
-        ->required();
+    pack->add_option("--output", options.output, "The package file");
+    pack->add_option("IMAGE", options.modules, "NAME=PATH of each image")->option_text("...");
+    CLI::App* files =
+        pack->add_subcommand("files", "Make the manifest of images that lie in a directory");
+    files->add_option("--dir", options.directory, "Directory of the images")->required();
+    files->add_option("MODULE", options.modules, "Names of the modules (all that are there)")
+        ->option_text("...");
+    for (CLI::App* command : {pack, files}) {
+        command->add_option("--manifest", options.manifest, "The manifest");
+        command->add_option("--compatible", options.compatible,
+                            "The kind of camera that the package is for");
+        command->add_option("--version", options.version, "The package's version: 2.7.1");
+        command->add_option("--description", options.description, "What is new, in one line");
+        command->add_option("--key", options.signing.key,
+                            "Sign with this key: a file or a PKCS#11 URI");
+        command->add_option("--certificate", options.signing.certificate,
+                            "The key's certificate (PEM)");
+        command
+            ->add_option("--intermediate", options.signing.intermediates,
+                         "An authority between it and the root (PEM); once for each")
+            ->allow_extra_args(false);
+    }
+}
 
+void add_inspect(CLI::App& app, InspectOptions& options) {
+    for (CLI::App* command :
+         {app.add_subcommand("verify", "Check a package as send does; exit 3: not trusted"),
+          app.add_subcommand("info", "Show what a package is and who signed it")}) {
+        command->add_option("MANIFEST", options.manifest, "Its manifest, or the directory of one")
+            ->required();
+        command->add_option("--dir", options.directory, "Where the images or the package lie");
+        command->add_option("--package", options.package, "The package file");
+        command->add_flag("--any-camera", options.anyCamera,
+                          "Do not ask whether this camera takes it");
+        command->add_flag("--json", options.json, "Print JSON");
+        add_trust(command, options.trust);
+    }
+}
+
+void add_others(CLI::App& app, Arguments& arguments) {
     CLI::App* logs = app.add_subcommand("logs", "Print the service's log lines as they come");
     logs->add_option("--level", arguments.logs.level,
                      "Leave out lines below this level (2 detail, 3 ordinary, 4 key events)")
@@ -68,7 +121,14 @@ int run(const CLI::App& app, const Arguments& arguments) {
                                                                    : send_combined(arguments.send);
     }
     if (app.got_subcommand("pack")) {
-        return pack(arguments.pack);
+        return app.get_subcommand("pack")->got_subcommand("files") ? pack_files(arguments.pack)
+                                                                   : pack_combined(arguments.pack);
+    }
+    if (app.got_subcommand("verify")) {
+        return verify(arguments.inspect);
+    }
+    if (app.got_subcommand("info")) {
+        return info(arguments.inspect);
     }
     if (app.got_subcommand("logs")) {
         return logs(arguments.logs);
@@ -91,14 +151,16 @@ std::string default_log_address() {
 static int program(int argc, char** argv) {
     Arguments arguments;
     arguments.send.logAddress = default_log_address();
-    arguments.send.follow = false;
     arguments.logs = {.address = default_log_address(), .level = 0};
     CLI::App app(
         "Posts upgrade requests to the camera's upgrade service and shows what becomes of "
         "them.",
         OTACTL);
     app.require_subcommand(1);
+    app.footer("Modules: " + module_names());
     add_send(app, arguments);
+    add_pack(app, arguments.pack);
+    add_inspect(app, arguments.inspect);
     add_others(app, arguments);
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;

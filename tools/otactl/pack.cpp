@@ -3,21 +3,27 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 
+#include "base/crc32.h"
 #include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
-#include "otactl/crc32.h"
-#include "otactl/manifest.h"
-#include "otactl/modules.h"
+#include "otactl/progress_line.h"
+#include "package/content.h"
+#include "package/manifest.h"
+#include "package/modules.h"
+#include "package/signed_manifest.h"
+#include "package/version.h"
 
 namespace {
 
 struct Input {
     const OtaPackageEntry* entry;
     std::string path;
+    uint64_t size;  // bytes, at least 1
 };
 
 int wrong_use(const std::string& message) {
@@ -30,6 +36,31 @@ int failed(const std::string& what, const std::string& path) {
     return OTACTL_FAILED;
 }
 
+// Takes one more image, which must be a file with something in it.
+int add_input(const std::string& name, const std::string& path, std::vector<Input>& inputs,
+              uint64_t& total) {
+    const OtaPackageEntry* entry = find_module(name);
+    if (entry == nullptr) {
+        return wrong_use("unknown module \"" + name + "\" (there are " + module_names() + ")");
+    }
+    for (const Input& input : inputs) {
+        if (input.entry == entry) {
+            return wrong_use("module " + name + " is named twice");
+        }
+    }
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return wrong_use("cannot use " + path + ": " + strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size == 0) {
+        return wrong_use("cannot use " + path + ": not a file with something in it");
+    }
+    const auto size = static_cast<uint64_t>(status.st_size);
+    total += size;
+    inputs.push_back({entry, path, size});
+    return OTACTL_OK;
+}
+
 int read_arguments(const std::vector<std::string>& arguments, std::vector<Input>& inputs) {
     uint64_t total = 0;
     for (const std::string& argument : arguments) {
@@ -37,26 +68,11 @@ int read_arguments(const std::vector<std::string>& arguments, std::vector<Input>
         if (equals == std::string::npos || equals + 1 == argument.size()) {
             return wrong_use("expected NAME=PATH, not \"" + argument + "\"");
         }
-        const std::string name = argument.substr(0, equals);
-        const OtaPackageEntry* entry = find_module(name);
-        if (entry == nullptr) {
-            return wrong_use("unknown module \"" + name + "\" (there are " + module_names() + ")");
+        const int result =
+            add_input(argument.substr(0, equals), argument.substr(equals + 1), inputs, total);
+        if (result != OTACTL_OK) {
+            return result;
         }
-        for (const Input& input : inputs) {
-            if (input.entry == entry) {
-                return wrong_use("module " + name + " is named twice");
-            }
-        }
-        inputs.push_back({entry, argument.substr(equals + 1)});
-        struct stat status = {};
-        const std::string& path = inputs.back().path;
-        if (stat(path.c_str(), &status) != 0) {
-            return wrong_use("cannot use " + path + ": " + strerror(errno));
-        }
-        if (!S_ISREG(status.st_mode) || status.st_size == 0) {
-            return wrong_use("cannot use " + path + ": not a file with something in it");
-        }
-        total += static_cast<uint64_t>(status.st_size);
         if (total > IMAGE_SIZE_MAX) {
             return wrong_use("the package would be larger than 2 GiB");
         }
@@ -64,25 +80,65 @@ int read_arguments(const std::vector<std::string>& arguments, std::vector<Input>
     return OTACTL_OK;
 }
 
-// Copies one image to the end of the package and notes where it lies.
-int append_image(const Input& input, FILE* package, ManifestModule& module) {
+// The images of these modules in the directory; of all that are there when none is named.
+int find_images(const PackOptions& options, std::vector<Input>& inputs) {
+    for (const std::string& name : options.modules) {
+        const OtaPackageEntry* entry = find_module(name);
+        const std::string path = options.directory + (entry == nullptr ? "" : entry->fileName);
+        uint64_t size = 0;
+        const int result = add_input(name, path, inputs, size);
+        if (result != OTACTL_OK) {
+            return result;
+        }
+        if (size > IMAGE_SIZE_MAX) {
+            return wrong_use("cannot use " + path + ": larger than 2 GiB");
+        }
+    }
+    return OTACTL_OK;
+}
+
+std::vector<std::string> images_there(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const OtaPackageEntry& entry : package_entries()) {
+        std::error_code fault;
+        if (std::filesystem::exists(directory + entry.fileName, fault)) {
+            names.emplace_back(entry.partitionName);
+        }
+    }
+    return names;
+}
+
+// Sums an image up, and copies it to the end of the package if there is one.
+int take_image(const Input& input, FILE* package, bool version2, ManifestModule& module) {
     const corvo::OwnedFile image(fopen(input.path.c_str(), "rbe"));
     if (!image) {
         return failed("cannot read", input.path);
     }
     std::array<char, 65536> buffer;
+    Sha256Stream sha256;
     uint32_t crc = 0;
+    ProgressLine line(true, input.path, input.size);
     for (size_t n = 0; (n = fread(buffer.data(), 1, buffer.size(), image.get())) > 0;) {
-        if (fwrite(buffer.data(), 1, n, package) != n) {
+        const std::span<const char> bytes(buffer.data(), n);
+        if (package != nullptr && fwrite(buffer.data(), 1, n, package) != n) {
             return failed("cannot write", "the package");
         }
-        crc = crc32(crc, std::span(buffer.data(), n));
+        if (version2) {
+            sha256.update(bytes);
+        } else {
+            crc = corvo::crc32(crc, bytes);
+        }
         module.size += n;
+        line.show(module.size);
     }
     if (ferror(image.get()) != 0) {
         return failed("cannot read", input.path);
     }
-    module.crc = crc;
+    if (version2) {
+        module.sha256 = sha256.take();
+    } else {
+        module.crc = crc;
+    }
     return OTACTL_OK;
 }
 
@@ -93,14 +149,15 @@ int write_package(const std::vector<Input>& inputs, const std::string& path, Man
     }
     uint64_t offset = 0;
     for (const Input& input : inputs) {
-        ManifestModule module = {
-            .entry = input.entry, .offset = offset, .size = 0, .crc = std::nullopt};
-        const int result = append_image(input, package.get(), module);
+        ManifestModule module = {};
+        module.name = input.entry->partitionName;
+        module.offset = offset;
+        const int result = take_image(input, package.get(), manifest.format == 2, module);
         if (result != OTACTL_OK) {
             return result;
         }
         offset += module.size;
-        manifest.push_back(module);
+        manifest.modules.push_back(module);
     }
     return fclose(package.release()) == 0 ? OTACTL_OK : failed("cannot write", path);
 }
@@ -114,44 +171,162 @@ int write_text(const std::string& path, const std::string& text) {
     return fclose(file.release()) == 0 && written ? OTACTL_OK : failed("cannot write", path);
 }
 
+// The head of a manifest of version 2, or one of version 1 where nothing is said for it.
+int start_manifest(const PackOptions& options, bool mustBeVersion2, Manifest& manifest) {
+    const bool version2 = mustBeVersion2 || !options.compatible.empty() ||
+                          !options.version.empty() || !options.description.empty() ||
+                          !options.signing.key.empty() || !options.signing.certificate.empty();
+    manifest.format = version2 ? 2 : 1;
+    if (!version2) {
+        return OTACTL_OK;
+    }
+    if (!is_camera_kind(options.compatible)) {
+        return wrong_use("--compatible must say which kind of camera the package is for");
+    }
+    if (!is_version(options.version)) {
+        return wrong_use("--version must say the package's version, such as 2.7.1");
+    }
+    if (!options.description.empty() && !is_description(options.description)) {
+        return wrong_use("--description is not up to 200 printable ASCII characters");
+    }
+    if (options.signing.key.empty() != options.signing.certificate.empty()) {
+        return wrong_use("--key and --certificate belong together");
+    }
+    manifest.compatible = options.compatible;
+    manifest.version = options.version;
+    manifest.description = options.description;
+    return OTACTL_OK;
+}
+
+// Files that replace others at the end, all or none of them as far as a file system allows: a
+// package is whole or not there, and one of the images may have the target's name.
+class Replacements {
+  public:
+    Replacements() = default;
+    ~Replacements() {
+        for (const std::string& path : paths_) {
+            remove((path + PART).c_str());
+        }
+    }
+    Replacements(const Replacements&) = delete;
+    Replacements& operator=(const Replacements&) = delete;
+
+    // Where to write what becomes `path`.
+    std::string part_of(const std::string& path) { return paths_.emplace_back(path) + PART; }
+
+    int put_in_place() {
+        for (const std::string& path : paths_) {
+            if (rename((path + PART).c_str(), path.c_str()) != 0) {
+                return failed("cannot write", path);
+            }
+        }
+        paths_.clear();
+        return OTACTL_OK;
+    }
+
+  private:
+    static constexpr char PART[] = ".part";
+    std::vector<std::string> paths_;
+};
+
+int write_manifest(const Manifest& manifest, const std::string& path, const SigningOptions& signing,
+                   Replacements& files) {
+    const std::string text = format_manifest(manifest);
+    const int result = write_text(files.part_of(path), text);
+    if (result != OTACTL_OK || signing.key.empty()) {
+        return result;
+    }
+    std::string signature;
+    const PackageStatus status = sign(text, signing, signature);
+    if (!status.ok()) {
+        return refuse(status, false);
+    }
+    return write_text(files.part_of(path + SIGNATURE_SUFFIX), signature);
+}
+
+int finish(const Manifest& manifest, const std::string& path, const SigningOptions& signing,
+           Replacements& files) {
+    int result = write_manifest(manifest, path, signing, files);
+    if (result == OTACTL_OK) {
+        result = files.put_in_place();
+    }
+    if (result != OTACTL_OK) {
+        return result;
+    }
+    // That of an older manifest would speak for this one, and wrongly.
+    if (signing.key.empty() && remove((path + SIGNATURE_SUFFIX).c_str()) != 0 && errno != ENOENT) {
+        return failed("cannot remove", path + SIGNATURE_SUFFIX);
+    }
+    for (const ManifestModule& module : manifest.modules) {
+        printf("%-12s %10llu bytes %s%s\n", module.name.c_str(),
+               static_cast<unsigned long long>(module.size), manifest.combined() ? "at " : "in ",
+               manifest.combined() ? std::to_string(module.offset).c_str() : module.file.c_str());
+    }
+    return OTACTL_OK;
+}
+
 }  // namespace
 
-int pack(const PackOptions& options) {
-    std::vector<Input> inputs;
+int pack_combined(const PackOptions& options) {
+    if (options.output.empty() || options.manifest.empty() || options.modules.empty()) {
+        return wrong_use(
+            "pack needs --output, --manifest and NAME=PATH of each image (see --help)");
+    }
     const auto plain = [](const std::string& path) {
         return std::filesystem::path(path).lexically_normal();
     };
     if (plain(options.output) == plain(options.manifest)) {
         return wrong_use("package and manifest cannot be the same file");
     }
-    int result = read_arguments(options.modules, inputs);
-    if (result != OTACTL_OK) {
-        return result;
-    }
-    // Beside the target and renamed at the end: a package is whole or not there, and one of the
-    // images may have the target's name.
-    const std::string partPackage = options.output + ".part";
-    const std::string partManifest = options.manifest + ".part";
     Manifest manifest;
-    result = write_package(inputs, partPackage, manifest);
+    std::vector<Input> inputs;
+    int result = start_manifest(options, false, manifest);
     if (result == OTACTL_OK) {
-        result = write_text(partManifest, format_manifest(manifest));
-    }
-    if (result == OTACTL_OK && rename(partPackage.c_str(), options.output.c_str()) != 0) {
-        result = failed("cannot write", options.output);
-    }
-    if (result == OTACTL_OK && rename(partManifest.c_str(), options.manifest.c_str()) != 0) {
-        result = failed("cannot write", options.manifest);
+        result = read_arguments(options.modules, inputs);
     }
     if (result != OTACTL_OK) {
-        remove(partPackage.c_str());
-        remove(partManifest.c_str());
         return result;
     }
-    for (const ManifestModule& module : manifest) {
-        printf("%-12s %10llu bytes at %llu\n", module.entry->partitionName,
-               static_cast<unsigned long long>(module.size),
-               static_cast<unsigned long long>(module.offset));
+    if (manifest.format == 2) {
+        manifest.package = plain(options.output).filename().string();
+        if (!is_file_name(manifest.package)) {
+            return wrong_use("a package of version 2 cannot have the name " + manifest.package);
+        }
     }
-    return OTACTL_OK;
+    Replacements files;
+    result = write_package(inputs, files.part_of(options.output), manifest);
+    return result == OTACTL_OK ? finish(manifest, options.manifest, options.signing, files)
+                               : result;
+}
+
+int pack_files(const PackOptions& options) {
+    PackOptions all = options;
+    if (!all.directory.ends_with('/')) {
+        all.directory += '/';
+    }
+    if (all.manifest.empty()) {
+        all.manifest = all.directory + FOLDER_MANIFEST;
+    }
+    if (all.modules.empty()) {
+        all.modules = images_there(all.directory);
+    }
+    Manifest manifest;
+    std::vector<Input> inputs;
+    int result = start_manifest(all, true, manifest);
+    if (result == OTACTL_OK) {
+        result = find_images(all, inputs);
+    }
+    if (result == OTACTL_OK && inputs.empty()) {
+        result = wrong_use("no image in " + all.directory);
+    }
+    for (const Input& input : inputs) {
+        if (result == OTACTL_OK) {
+            ManifestModule& module = manifest.modules.emplace_back();
+            module.name = input.entry->partitionName;
+            module.file = input.entry->fileName;
+            result = take_image(input, nullptr, true, module);
+        }
+    }
+    Replacements files;
+    return result == OTACTL_OK ? finish(manifest, all.manifest, all.signing, files) : result;
 }

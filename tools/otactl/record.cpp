@@ -1,11 +1,9 @@
-#include <errno.h>
 #include <stdio.h>
-#include <string.h>
 
-#include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
 #include "otactl/outcome.h"
+#include "package/files.h"
 
 namespace {
 
@@ -14,29 +12,11 @@ constexpr size_t RECORD_SIZE_MAX = 4096;
 
 }  // namespace
 
-bool read_small_file(const std::string& path, size_t limit, std::string& content) {
-    const corvo::OwnedFile file(fopen(path.c_str(), "rbe"));
-    if (!file) {
-        return false;
-    }
-    content.resize(limit + 1);
-    errno = 0;
-    const size_t size = fread(content.data(), 1, content.size(), file.get());
-    if (ferror(file.get()) != 0) {
-        return false;
-    }
-    content.resize(size);
-    if (size > limit) {
-        errno = EFBIG;
-        return false;
-    }
-    return true;
-}
-
 int record(const std::string& path) {
     std::string content;
-    if (!read_small_file(path, RECORD_SIZE_MAX, content)) {
-        print_error(OTACTL, "cannot read " + path + ": " + strerror(errno));
+    const PackageStatus status = read_small_file(path, RECORD_SIZE_MAX, FileKind::ANY, content);
+    if (!status.ok()) {
+        print_error(OTACTL, status.text);
         return OTACTL_FAILED;
     }
     printf("%s", describe_outcome(content).c_str());

@@ -1,29 +1,32 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ipc.h>
-#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 
-#include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
-#include "otactl/crc32.h"
 #include "otactl/log_stream.h"
-#include "otactl/manifest.h"
-#include "otactl/modules.h"
+#include "otactl/trust.h"
+#include "package/modules.h"
+#include "package/request.h"
 
 namespace {
 
 constexpr int CONNECT_TIMEOUT_MS = 3000;
-constexpr size_t SERVICE_PATH_MAX = 127;  // characters of a path that the service builds
 
 using Modules = std::vector<const OtaPackageEntry*>;
+
+// A request, and what was checked for it.
+struct Request {
+    OtaMessage message = {};
+    Modules modules;
+    std::vector<CheckedFile> checked;
+    bool signedByMaker = false;
+};
 
 int wrong_use(const std::string& message) {
     print_error(OTACTL, message);
@@ -46,24 +49,14 @@ std::string absolute_directory(const std::string& directory) {
     return path;
 }
 
-int set_directory(OtaMessage& message, const std::string& directory) {
-    if (directory.size() >= OTA_MSG_DIR_SIZE) {
-        return wrong_use("the directory " + directory + " is longer than " +
-                         std::to_string(OTA_MSG_DIR_SIZE - 1) + " characters");
-    }
-    memcpy(message.packageDir, directory.c_str(), directory.size() + 1);
-    return OTACTL_OK;
-}
-
-// The size of a regular file that is there; a message and false when it is not fit for an upgrade.
-bool image_size(const std::string& path, uint64_t& size) {
+// Whether a regular file is there that is not too large; a message and false when not.
+bool is_image(const std::string& path) {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         print_error(OTACTL, "cannot use " + path + ": " + strerror(errno));
         return false;
     }
-    size = static_cast<uint64_t>(status.st_size);
-    if (!S_ISREG(status.st_mode) || size > IMAGE_SIZE_MAX) {
+    if (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) > IMAGE_SIZE_MAX) {
         print_error(OTACTL, "cannot use " + path +
                                 (S_ISREG(status.st_mode) ? ": larger than 2 GiB" : ": not a file"));
         return false;
@@ -85,78 +78,77 @@ int find_modules(const std::vector<std::string>& names, Modules& modules) {
     return OTACTL_OK;
 }
 
-int check_module(const ManifestModule& module, const std::string& path, uint64_t packageSize,
-                 FILE* package) {
-    const std::string name = module.entry->partitionName;
-    if (module.offset + module.size > packageSize) {
-        return wrong_use("module " + name + " ends beyond the end of " + path);
-    }
-    if (!module.crc) {
-        return OTACTL_OK;
-    }
-    std::array<char, 65536> buffer;
-    uint32_t crc = 0;
-    uint64_t left = module.size;
-    if (fseeko(package, static_cast<off_t>(module.offset), SEEK_SET) != 0) {
-        return wrong_use("cannot read " + path + ": " + strerror(errno));
-    }
-    while (left > 0) {
-        const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, buffer.size()));
-        if (fread(buffer.data(), 1, wanted, package) != wanted) {
-            return wrong_use("cannot read " + path + ": " + strerror(errno));
+// Leaves in the manifest what was asked for.
+PackageStatus select_modules(const Modules& asked, const std::string& path, Manifest& manifest) {
+    std::vector<ManifestModule> selected;
+    for (const OtaPackageEntry* entry : asked) {
+        const auto found =
+            std::ranges::find(manifest.modules, entry->partitionName, &ManifestModule::name);
+        if (found == manifest.modules.end()) {
+            return package_fault(PACKAGE_UNSUITABLE,
+                                 path + " has no module " + std::string(entry->partitionName));
         }
-        crc = crc32(crc, std::span(buffer.data(), wanted));
-        left -= wanted;
+        selected.push_back(*found);
     }
-    return crc == *module.crc
-               ? OTACTL_OK
-               : wrong_use("module " + name + " in " + path + " does not match its checksum");
+    if (!asked.empty()) {
+        manifest.modules = std::move(selected);
+    }
+    return {};
 }
 
-// The service does not read a combined package back, so what is wrong with it is best found here.
-int check_content(const std::string& path, uint64_t packageSize, const Manifest& manifest) {
-    const corvo::OwnedFile package(fopen(path.c_str(), "rbe"));
-    if (!package) {
-        return wrong_use("cannot read " + path + ": " + strerror(errno));
+// Makes the request. Everything that can be wrong with the package is found here, before anything
+// is posted. `package` is the name of the combined file, or empty.
+PackageStatus check_package(const Manifest& manifest, const std::string& directory,
+                            const std::string& package, const Trust& trust, Request& request) {
+    std::vector<PackageStatus> objections = camera_objections(manifest, trust.rules);
+    if (!objections.empty()) {
+        return objections.front();
     }
-    for (const ManifestModule& module : manifest) {
-        const int result = check_module(module, path, packageSize, package.get());
-        if (result != OTACTL_OK) {
-            return result;
+    request.modules.clear();
+    for (const ManifestModule& module : manifest.modules) {
+        request.modules.push_back(find_module(module.name));
+    }
+    request.signedByMaker = trust.needsSignature;
+    PackageStatus status = package.empty()
+                               ? request_files(directory, request.modules, request.message)
+                               : request_combined(directory, package, manifest, request.message);
+    return status.ok() ? check_files(manifest, directory, package, true, request.checked) : status;
+}
+
+void show_signer(const Manifest& manifest, const Signer& signer, const Trust& trust) {
+    if (trust.needsSignature) {
+        printf("%s %s, signed by %s\n", manifest.compatible.c_str(), manifest.version.c_str(),
+               signer.subject.c_str());
+        fflush(stdout);
+    }
+}
+
+// The service reads the files again, some time later: what has changed by now is still found.
+int post(int queue, const Request& request, long messageType) {
+    PackageStatus status;
+    for (const CheckedFile& file : request.checked) {
+        if (status.ok()) {
+            status = check_unchanged(file);
         }
     }
-    return OTACTL_OK;
+    if (status.ok()) {
+        status = post_request(queue, request.message, messageType);
+    }
+    return status.ok() ? static_cast<int>(OTACTL_OK) : refuse(status, request.signedByMaker);
 }
 
-int post(int queue, const OtaMessage& message, long messageType) {
-    OtaQueueMessage queued = {};
-    queued.mtype = messageType;
-    memcpy(queued.text, reinterpret_cast<const char*>(&message) + sizeof(message.mtype),
-           sizeof(queued.text));
-    if (msgsnd(queue, &queued, sizeof(queued.text), IPC_NOWAIT) == 0) {
-        return OTACTL_OK;
-    }
-    if (errno == EIDRM || errno == EINVAL) {
-        return no_service("the service has just removed its request queue");
-    }
-    print_error(OTACTL, std::string("cannot post the request: ") +
-                            (errno == EAGAIN ? "the queue is full" : strerror(errno)));
-    return OTACTL_FAILED;
-}
-
-int send_message(const OtaMessage& message, const Modules& modules, const SendOptions& options) {
-    const int queue = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), 0);
-    if (queue < 0) {
-        return no_service(errno == ENOENT
-                              ? "the service is not running: there is no request queue"
-                              : std::string("cannot use the request queue: ") + strerror(errno));
+int send_request(const Request& request, const SendOptions& options) {
+    int queue = -1;
+    const PackageStatus status = open_request_queue(queue);
+    if (!status.ok()) {
+        return no_service(status.text);
     }
     // The service takes any type; one of our own lets --follow take the request back.
     const long messageType = getpid();
     if (!options.follow) {
-        const int result = post(queue, message, messageType);
+        const int result = post(queue, request, messageType);
         if (result == OTACTL_OK) {
-            printf("request posted: %zu module(s)\n", modules.size());
+            printf("request posted: %zu module(s)\n", request.modules.size());
         }
         return result;
     }
@@ -169,76 +161,101 @@ int send_message(const OtaMessage& message, const Modules& modules, const SendOp
     if (!log.wait_connected(CONNECT_TIMEOUT_MS)) {
         return no_service("the service is not running: nobody publishes at " + options.logAddress);
     }
-    const int result = post(queue, message, messageType);
+    const int result = post(queue, request, messageType);
     if (result != OTACTL_OK) {
         return result;
     }
-    return follow_upgrade(log, modules, message.packageType == OTA_PACKAGE_TYPE_FILES, queue,
+    return follow_upgrade(log, request.modules,
+                          request.message.packageType == OTA_PACKAGE_TYPE_FILES, queue,
                           messageType);
+}
+
+// Images of which nothing is known but that they are there.
+int take_bare_files(const std::string& directory, Request& request) {
+    if (request.modules.empty()) {
+        return wrong_use("modules are required: " + module_names() + " (see --help)");
+    }
+    const PackageStatus status = request_files(directory, request.modules, request.message);
+    if (!status.ok()) {
+        return refuse(status, false);
+    }
+    for (const OtaPackageEntry* entry : request.modules) {
+        if (!is_image(directory + entry->fileName)) {
+            return OTACTL_WRONG_USE;
+        }
+    }
+    return OTACTL_OK;
+}
+
+int take_listed_files(const std::string& directory, const std::string& manifestPath,
+                      const Trust& trust, Request& request) {
+    Manifest manifest;
+    Signer signer;
+    PackageStatus status = read_manifest(manifestPath, trust, manifest, signer);
+    if (status.ok() && manifest.combined()) {
+        return wrong_use(manifestPath + " is the manifest of a combined package");
+    }
+    if (status.ok()) {
+        status = select_modules(request.modules, manifestPath, manifest);
+    }
+    if (status.ok()) {
+        status = check_package(manifest, directory, "", trust, request);
+    }
+    if (!status.ok()) {
+        return refuse(status, trust.needsSignature);
+    }
+    show_signer(manifest, signer, trust);
+    return OTACTL_OK;
 }
 
 }  // namespace
 
 int send_files(const SendOptions& options) {
-    OtaMessage message = {};
-    message.packageType = OTA_PACKAGE_TYPE_FILES;
+    Trust trust;
+    Request request;
     const std::string directory = absolute_directory(options.directory);
-    int result = set_directory(message, directory);
-    Modules modules;
+    int result = load_trust(options.trust, trust);
     if (result == OTACTL_OK) {
-        result = find_modules(options.modules, modules);
+        result = find_modules(options.modules, request.modules);
     }
-    if (result != OTACTL_OK) {
-        return result;
+    if (result == OTACTL_OK) {
+        // A manifest that needs no signature is read when it is named.
+        result = trust.needsSignature || !options.manifest.empty()
+                     ? take_listed_files(directory,
+                                         options.manifest.empty() ? directory + FOLDER_MANIFEST
+                                                                  : options.manifest,
+                                         trust, request)
+                     : take_bare_files(directory, request);
     }
-    for (const OtaPackageEntry* entry : modules) {
-        uint64_t size = 0;
-        if (!image_size(directory + entry->fileName, size)) {
-            return OTACTL_WRONG_USE;
-        }
-        message.moduleTypes[message.moduleCount++] = entry->moduleType;
-    }
-    return send_message(message, modules, options);
+    return result == OTACTL_OK ? send_request(request, options) : result;
 }
 
 int send_combined(const SendOptions& options) {
-    OtaMessage message = {};
-    message.packageType = OTA_PACKAGE_TYPE_COMBINED;
-    const size_t slash = options.package.rfind('/');
-    const std::string file =
-        slash == std::string::npos ? options.package : options.package.substr(slash + 1);
+    Trust trust;
+    Request request;
+    Manifest manifest;
+    Signer signer;
+    const std::filesystem::path package = options.package;
     const std::string directory =
-        absolute_directory(slash == std::string::npos ? "." : options.package.substr(0, slash + 1));
-    const int result = set_directory(message, directory);
+        absolute_directory(package.has_parent_path() ? package.parent_path().string() : ".");
+    const std::string file = package.filename().string();
+    const int result = load_trust(options.trust, trust);
     if (result != OTACTL_OK) {
         return result;
     }
-    if (file.size() >= OTA_MSG_FILE_SIZE || directory.size() + file.size() > SERVICE_PATH_MAX) {
-        return wrong_use("the path of the package is longer than " +
-                         std::to_string(SERVICE_PATH_MAX) + " characters");
+    PackageStatus status = read_manifest(options.manifest, trust, manifest, signer);
+    if (status.ok() && !manifest.combined()) {
+        return wrong_use(options.manifest + " is the manifest of images in files of their own");
     }
-    memcpy(message.packageFile, file.c_str(), file.size() + 1);
-
-    std::string text;
-    if (!read_small_file(options.manifest, MANIFEST_SIZE_MAX, text)) {
-        return wrong_use("cannot read " + options.manifest + ": " + strerror(errno));
-    }
-    Manifest manifest;
-    std::string error;
-    if (!parse_manifest(text, manifest, error)) {
-        return wrong_use(options.manifest + ": " + error);
-    }
-    uint64_t packageSize = 0;
-    if (!image_size(directory + file, packageSize) ||
-        check_content(directory + file, packageSize, manifest) != OTACTL_OK) {
+    if (status.ok() && !trust.needsSignature && !is_image(directory + file)) {
         return OTACTL_WRONG_USE;
     }
-    Modules modules;
-    for (const ManifestModule& module : manifest) {
-        const auto i = static_cast<size_t>(message.moduleCount++);
-        message.moduleTypes[i] = module.entry->moduleType;
-        message.moduleInfo[i] = {.size = module.size, .offset = module.offset};
-        modules.push_back(module.entry);
+    if (status.ok()) {
+        status = check_package(manifest, directory, file, trust, request);
     }
-    return send_message(message, modules, options);
+    if (!status.ok()) {
+        return refuse(status, trust.needsSignature);
+    }
+    show_signer(manifest, signer, trust);
+    return send_request(request, options);
 }

@@ -1,6 +1,6 @@
 // The rows of the package table, as a person names them.
-#ifndef TOOLS_OTACTL_MODULES_H
-#define TOOLS_OTACTL_MODULES_H
+#ifndef PACKAGE_MODULES_H
+#define PACKAGE_MODULES_H
 
 #include <span>
 #include <string>
@@ -24,4 +24,4 @@ std::string module_names();
 // the image's file, the kind of flash ("emmc" or "mtd").
 std::string describe_modules();
 
-#endif  // TOOLS_OTACTL_MODULES_H
+#endif  // PACKAGE_MODULES_H

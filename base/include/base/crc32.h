@@ -1,11 +1,13 @@
 // The CRC-32 that gzip, zip and Ethernet use (reflected polynomial 0xEDB88320).
-#ifndef TOOLS_OTACTL_CRC32_H
-#define TOOLS_OTACTL_CRC32_H
+#ifndef BASE_CRC32_H
+#define BASE_CRC32_H
 
 #include <stdint.h>
 
 #include <array>
 #include <span>
+
+namespace corvo {
 
 constexpr std::array<uint32_t, 256> CRC32_TABLE = [] {
     std::array<uint32_t, 256> table = {};
@@ -29,4 +31,6 @@ constexpr uint32_t crc32(uint32_t crc, std::span<const char> bytes) {
 }
 static_assert(crc32(0, std::span("123456789", 9)) == 0xCBF43926);
 
-#endif  // TOOLS_OTACTL_CRC32_H
+}  // namespace corvo
+
+#endif  // BASE_CRC32_H

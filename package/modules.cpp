@@ -1,4 +1,4 @@
-#include "otactl/modules.h"
+#include "package/modules.h"
 
 #include <stdio.h>
 

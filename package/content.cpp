@@ -1,0 +1,250 @@
+#include "package/content.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+
+#include "base/crc32.h"
+#include "base/unique_fd.h"
+#include "openssl_owned.h"
+
+namespace {
+
+constexpr size_t CHUNK_SIZE = 65536;
+constexpr uint64_t PROGRESS_STEP = 1048576;
+
+PackageStatus differs(const std::string& text) {
+    return package_fault(PACKAGE_DIFFERENT, text);
+}
+
+std::string crc_text(uint32_t crc) {
+    char digits[9] = {};
+    snprintf(digits, sizeof(digits), "%08x", crc);
+    return digits;
+}
+
+PackageStatus check_size(const std::string& path, const PackageFile& file, uint64_t size) {
+    for (const ManifestModule& module : file.modules) {
+        if (size < module.offset + module.size) {
+            return differs(path + " has " + std::to_string(size) + " bytes, module " + module.name +
+                           " ends at " + std::to_string(module.offset + module.size));
+        }
+    }
+    return size > file.size && !file.mayBeLonger
+               ? differs(path + " has " + std::to_string(size) + " bytes, expected " +
+                         std::to_string(file.size))
+               : PackageStatus{};
+}
+
+CheckedFile stamp_of(const std::string& path, const struct stat& status) {
+    return {.path = path,
+            .device = status.st_dev,
+            .inode = status.st_ino,
+            .size = status.st_size,
+            .modified = status.st_mtim,
+            .changed = status.st_ctim};
+}
+
+bool same_time(const timespec& left, const timespec& right) {
+    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+}
+
+bool same_file(const CheckedFile& left, const CheckedFile& right) {
+    return left.device == right.device && left.inode == right.inode && left.size == right.size &&
+           same_time(left.modified, right.modified) && same_time(left.changed, right.changed);
+}
+
+}  // namespace
+
+void DigestDeleter::operator()(evp_md_ctx_st* digest) const {
+    EVP_MD_CTX_free(digest);
+}
+
+Sha256Stream::Sha256Stream() : digest_(EVP_MD_CTX_new()) {
+    start();
+}
+
+void Sha256Stream::start() {
+    if (!digest_ || EVP_DigestInit_ex(digest_.get(), EVP_sha256(), nullptr) != 1) {
+        throw std::bad_alloc();
+    }
+}
+
+void Sha256Stream::update(std::span<const char> bytes) {
+    if (EVP_DigestUpdate(digest_.get(), bytes.data(), bytes.size()) != 1) {
+        throw std::bad_alloc();
+    }
+}
+
+Sha256 Sha256Stream::take() {
+    Sha256 digest = {};
+    if (EVP_DigestFinal_ex(digest_.get(), digest.data(), nullptr) != 1) {
+        throw std::bad_alloc();
+    }
+    start();
+    return digest;
+}
+
+std::vector<PackageFile> package_files(const Manifest& manifest) {
+    std::vector<PackageFile> files;
+    if (!manifest.combined()) {
+        for (const ManifestModule& module : manifest.modules) {
+            files.push_back({module.file, module.size, false, {module}});
+        }
+        return files;
+    }
+    std::vector<ManifestModule> modules = manifest.modules;
+    std::ranges::sort(modules, {}, &ManifestModule::offset);
+    const uint64_t size = modules.empty() ? 0 : modules.back().offset + modules.back().size;
+    files.push_back({manifest.package, size, manifest.format == 1, std::move(modules)});
+    return files;
+}
+
+ContentCheck::ContentCheck(PackageFile file, std::string path)
+    : file_(std::move(file)), path_(std::move(path)) {
+    for (const ManifestModule& module : file_.modules) {
+        if (module.crc || module.sha256) {
+            checkedSize_ = module.offset + module.size;
+        }
+    }
+}
+
+PackageStatus ContentCheck::feed(std::span<const char> bytes) {
+    if (!file_.mayBeLonger && bytes.size() > file_.size - position_) {
+        return differs(path_ + " is longer than the " + std::to_string(file_.size) +
+                       " bytes of the manifest");
+    }
+    while (!bytes.empty() && module_ < file_.modules.size()) {
+        const ManifestModule& module = file_.modules[module_];
+        const bool inside = position_ >= module.offset;
+        const uint64_t end = inside ? module.offset + module.size : module.offset;
+        const auto taken = static_cast<size_t>(std::min<uint64_t>(bytes.size(), end - position_));
+        if (inside && module.sha256) {
+            sha256_.update(bytes.first(taken));
+        }
+        if (inside && module.crc) {
+            crc_ = corvo::crc32(crc_, bytes.first(taken));
+        }
+        bytes = bytes.subspan(taken);
+        position_ += taken;
+        if (inside && position_ == end) {
+            PackageStatus status = end_module(module);
+            if (!status.ok()) {
+                return status;
+            }
+        }
+    }
+    position_ += bytes.size();
+    return {};
+}
+
+PackageStatus ContentCheck::end_module(const ManifestModule& module) {
+    ++module_;
+    if (module.sha256) {
+        const Sha256 found = sha256_.take();
+        if (found != *module.sha256) {
+            return differs("module " + module.name + " in " + path_ + " has the SHA-256 " +
+                           digest_text(found) + ", expected " + digest_text(*module.sha256));
+        }
+    }
+    if (module.crc) {
+        const uint32_t found = crc_;
+        crc_ = 0;
+        if (found != *module.crc) {
+            return differs("module " + module.name + " in " + path_ + " has the checksum " +
+                           crc_text(found) + ", expected " + crc_text(*module.crc));
+        }
+    }
+    return {};
+}
+
+PackageStatus ContentCheck::finish() const {
+    return check_size(path_, file_, position_);
+}
+
+namespace {
+
+PackageStatus unreadable(const std::string& path) {
+    return package_fault(PACKAGE_UNREADABLE, "cannot read " + path + ": " + strerror(errno));
+}
+
+// Opens without waiting for anybody and without following a link.
+PackageStatus open_file(const std::string& path, corvo::UniqueFd& file, struct stat& status) {
+    file.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file.valid()) {
+        if (errno == ELOOP || errno == ENXIO) {
+            return differs(path + " is not a file");
+        }
+        return errno == ENOENT || errno == ENOTDIR ? differs(path + " is missing")
+                                                   : unreadable(path);
+    }
+    if (fstat(file.get(), &status) != 0) {
+        return unreadable(path);
+    }
+    return S_ISREG(status.st_mode) ? PackageStatus{} : differs(path + " is not a file");
+}
+
+PackageStatus check_bytes(int file, const std::string& path, ContentCheck& check, uint64_t size,
+                          const ContentProgress& progress) {
+    std::vector<char> chunk(CHUNK_SIZE);
+    uint64_t told = 0;
+    for (uint64_t done = 0; done < size;) {
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(chunk.size(), size - done));
+        const ssize_t taken = read(file, chunk.data(), wanted);
+        if (taken < 0) {
+            return unreadable(path);
+        }
+        if (taken == 0) {
+            break;
+        }
+        PackageStatus status = check.feed({chunk.data(), static_cast<size_t>(taken)});
+        if (!status.ok()) {
+            return status;
+        }
+        done += static_cast<uint64_t>(taken);
+        if (done - told >= PROGRESS_STEP || done == size) {
+            told = done;
+            progress(done);
+        }
+    }
+    return check.finish();
+}
+
+}  // namespace
+
+PackageStatus check_file(const std::string& path, const PackageFile& file,
+                         const ContentProgress& progress, CheckedFile& checked) {
+    corvo::UniqueFd descriptor;
+    struct stat status = {};
+    PackageStatus result = open_file(path, descriptor, status);
+    if (!result.ok()) {
+        return result;
+    }
+    // A wrong size needs no reading to be found.
+    result = check_size(path, file, static_cast<uint64_t>(status.st_size));
+    if (!result.ok()) {
+        return result;
+    }
+    posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    ContentCheck check(file, path);
+    result = check.checkedSize() == 0
+                 ? PackageStatus{}
+                 : check_bytes(descriptor.get(), path, check, file.size, progress);
+    checked = stamp_of(path, status);
+    return result;
+}
+
+PackageStatus check_unchanged(const CheckedFile& checked) {
+    struct stat status = {};
+    if (lstat(checked.path.c_str(), &status) != 0 ||
+        !same_file(stamp_of(checked.path, status), checked)) {
+        return differs(checked.path + " was exchanged or changed after it was checked");
+    }
+    return {};
+}

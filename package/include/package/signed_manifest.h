@@ -1,0 +1,35 @@
+// A manifest and the signature beside it, from their files.
+#ifndef PACKAGE_SIGNED_MANIFEST_H
+#define PACKAGE_SIGNED_MANIFEST_H
+
+#include <stdint.h>
+
+#include <string>
+
+#include "package/certificates.h"
+#include "package/manifest.h"
+#include "package/signature.h"
+#include "package/status.h"
+
+// The signature of a manifest stands beside it under its name and this.
+constexpr char SIGNATURE_SUFFIX[] = ".sig";
+// The manifest of a folder of images.
+constexpr char FOLDER_MANIFEST[] = "package.manifest";
+
+// Reads a manifest that a signer whom the keyring trusts has signed; its text is parsed after that
+// is known. `now` is as for verify_signature(); `signer` is set as far as the signature could be
+// read. Returns PACKAGE_OK, PACKAGE_NOT_TRUSTED (one without a signature and one of version 1,
+// which has no digests worth signing, too), PACKAGE_MISSING, PACKAGE_UNREADABLE or
+// PACKAGE_MALFORMED.
+PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyring, int64_t now,
+                                   Manifest& manifest, Signer& signer);
+
+// Reads a manifest whoever made it. Returns PACKAGE_OK, PACKAGE_MISSING, PACKAGE_UNREADABLE or
+// PACKAGE_MALFORMED.
+PackageStatus read_unsigned_manifest(const std::string& path, Manifest& manifest);
+
+// Reads who claims to have signed a manifest. Returns as read_signer() does, or PACKAGE_MISSING,
+// PACKAGE_UNREADABLE.
+PackageStatus read_claimed_signer(const std::string& path, Signer& signer);
+
+#endif  // PACKAGE_SIGNED_MANIFEST_H

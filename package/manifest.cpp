@@ -1,0 +1,244 @@
+#include "package/manifest.h"
+
+#include <algorithm>
+
+#include "manifest_lines.h"
+#include "ota/ota_message.h"
+#include "package/modules.h"
+#include "package/version.h"
+
+namespace {
+
+constexpr std::string_view MAGIC = "corvo-manifest ";
+constexpr std::string_view FIRST_LINE = "corvo-manifest 2";
+constexpr std::string_view DIGITS = "0123456789abcdef";
+constexpr size_t FILE_NAME_MAX = sizeof(OtaPackageEntry::fileName) - 1;
+constexpr size_t MODULE_NAME_MAX = sizeof(OtaPackageEntry::partitionName) - 1;
+constexpr size_t KIND_MAX = 64;
+constexpr size_t DESCRIPTION_MAX = 200;
+constexpr size_t FIELDS = 4;
+
+// Letters, digits and what stands between them: safe in a path, a link and a shell.
+bool is_name(std::string_view text, size_t most) {
+    return !text.empty() && text.size() <= most && text.front() != '.' && text.front() != '-' &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '.' || c == '_' || c == '-';
+           });
+}
+
+struct HeadLine {
+    std::string_view key;
+    bool required;
+    bool (*valid)(std::string_view value);
+    std::string Manifest::*field;
+    const char* expected;
+};
+
+// In the order in which they stand.
+constexpr std::array HEAD = {
+    HeadLine{"compatible", true, is_camera_kind, &Manifest::compatible,
+             "expected \"compatible NAME\", the kind of camera"},
+    HeadLine{"version", true, is_version, &Manifest::version,
+             "expected \"version NUMBER.NUMBER...\""},
+    HeadLine{"description", false, is_description, &Manifest::description,
+             "expected \"description TEXT\", up to 200 printable ASCII characters"},
+    HeadLine{"package", false, is_file_name, &Manifest::package,
+             "expected \"package FILE\", the combined package without a folder"},
+};
+
+// Takes the value of a head line. Returns false when the line is another one.
+bool has_key(std::string_view line, std::string_view key, std::string_view& value) {
+    if (!line.starts_with(key) || line.substr(key.size(), 1) != " ") {
+        return false;
+    }
+    value = line.substr(key.size() + 1);
+    return true;
+}
+
+// The only way to write this number.
+bool parse_decimal(std::string_view field, uint64_t& value) {
+    return parse_number(field, value, 10) && (field.size() == 1 || field.front() != '0');
+}
+
+bool parse_digest(std::string_view field, Sha256& digest) {
+    if (field.size() != 2 * SHA256_SIZE ||
+        field.find_first_not_of(DIGITS) != std::string_view::npos) {
+        return false;
+    }
+    for (size_t i = 0; i < SHA256_SIZE; ++i) {
+        parse_number(field.substr(2 * i, 2), digest[i], 16);
+    }
+    return true;
+}
+
+bool split_fields(std::string_view line, std::array<std::string_view, FIELDS>& fields) {
+    for (size_t i = 0; i < FIELDS; ++i) {
+        const size_t end = std::min(line.find(' '), line.size());
+        fields[i] = line.substr(0, end);
+        if (fields[i].empty() || (end == line.size()) != (i + 1 == FIELDS)) {
+            return false;
+        }
+        line.remove_prefix(std::min(end + 1, line.size()));
+    }
+    return true;
+}
+
+std::string take_module(std::string_view line, Manifest& manifest) {
+    std::array<std::string_view, FIELDS> fields;
+    if (!split_fields(line, fields)) {
+        return std::string("expected NAME ") + (manifest.combined() ? "OFFSET" : "FILE") +
+               " SIZE SHA256";
+    }
+    ManifestModule module = {};
+    if (!is_name(fields[0], MODULE_NAME_MAX)) {
+        return "the module's name is none";
+    }
+    module.name = fields[0];
+    if (manifest.combined()) {
+        if (!parse_decimal(fields[1], module.offset)) {
+            return "the offset is not a number of bytes";
+        }
+    } else if (is_file_name(fields[1])) {
+        module.file = fields[1];
+    } else {
+        return "the image's name is not that of a file without a folder";
+    }
+    if (!parse_decimal(fields[2], module.size)) {
+        return "the size is not a number of bytes";
+    }
+    if (!parse_digest(fields[3], module.sha256.emplace())) {
+        return "the SHA-256 is not 64 hexadecimal digits in lower case";
+    }
+    const std::string fault = check_range(module);
+    return fault.empty() ? add_module(manifest, module) : fault;
+}
+
+// `next` is the first line of HEAD that may still come; it ends behind them at the first module.
+std::string take_line(std::string_view line, Manifest& manifest, size_t& next) {
+    while (next < HEAD.size()) {
+        const HeadLine& head = HEAD[next];
+        std::string_view value;
+        const bool there = has_key(line, head.key, value);
+        if (there ? !head.valid(value) : head.required) {
+            return head.expected;
+        }
+        ++next;
+        if (there) {
+            manifest.*head.field = value;
+            return "";
+        }
+    }
+    return take_module(line, manifest);
+}
+
+PackageStatus malformed(size_t line, const std::string& fault) {
+    return package_fault(PACKAGE_MALFORMED,
+                         line == 0 ? fault : "line " + std::to_string(line) + ": " + fault);
+}
+
+}  // namespace
+
+bool is_file_name(std::string_view text) {
+    return is_name(text, FILE_NAME_MAX);
+}
+
+bool is_camera_kind(std::string_view text) {
+    return is_name(text, KIND_MAX);
+}
+
+bool is_description(std::string_view text) {
+    return !text.empty() && text.size() <= DESCRIPTION_MAX &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
+std::string check_range(const ManifestModule& module) {
+    if (module.size == 0) {
+        return "the module is empty";
+    }
+    if (module.size > IMAGE_SIZE_MAX || module.offset > IMAGE_SIZE_MAX - module.size) {
+        return "the module ends beyond 2 GiB";
+    }
+    return "";
+}
+
+std::string add_module(Manifest& manifest, const ManifestModule& module) {
+    for (const ManifestModule& other : manifest.modules) {
+        if (other.name == module.name) {
+            return "the module is named twice";
+        }
+        if (!module.file.empty() && other.file == module.file) {
+            return "the image is named twice";
+        }
+        if (manifest.combined() && module.offset < other.offset + other.size &&
+            other.offset < module.offset + module.size) {
+            return "the module overlaps " + other.name;
+        }
+    }
+    if (manifest.modules.size() == static_cast<size_t>(OTA_MSG_MAX_MODULES)) {
+        return "more modules than a request can hold";
+    }
+    manifest.modules.push_back(module);
+    return "";
+}
+
+PackageStatus parse_manifest(std::string_view text, Manifest& manifest) {
+    manifest = {};
+    if (text.size() > MANIFEST_SIZE_MAX) {
+        return malformed(0, "longer than " + std::to_string(MANIFEST_SIZE_MAX) + " bytes");
+    }
+    manifest.format = text.starts_with(MAGIC) ? 2 : 1;
+    size_t next = 0;
+    size_t number = 0;
+    while (!text.empty()) {
+        ++number;
+        const size_t end = std::min(text.find('\n'), text.size());
+        const std::string_view line = text.substr(0, end);
+        std::string fault;
+        if (line.size() > MANIFEST_LINE_SIZE_MAX) {
+            fault = "the line is too long";
+        } else if (manifest.format == 1) {
+            fault = take_line_v1(line, manifest);
+        } else if (end == text.size()) {
+            fault = "the line has no end";
+        } else if (number > 1) {
+            fault = take_line(line, manifest, next);
+        } else if (line != FIRST_LINE) {
+            fault = "expected \"" + std::string(FIRST_LINE) + "\"";
+        }
+        if (!fault.empty()) {
+            return malformed(number, fault);
+        }
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return manifest.modules.empty() ? malformed(0, "no module in it") : PackageStatus{};
+}
+
+std::string format_manifest(const Manifest& manifest) {
+    if (manifest.format == 1) {
+        return format_manifest_v1(manifest);
+    }
+    std::string text = std::string(FIRST_LINE) + '\n';
+    for (const HeadLine& head : HEAD) {
+        const std::string& value = manifest.*head.field;
+        if (!value.empty()) {
+            text += std::string(head.key) + ' ' + value + '\n';
+        }
+    }
+    for (const ManifestModule& module : manifest.modules) {
+        text += module.name + ' ' +
+                (manifest.combined() ? std::to_string(module.offset) : module.file) + ' ' +
+                std::to_string(module.size) + ' ' + digest_text(module.sha256.value_or(Sha256{})) +
+                '\n';
+    }
+    return text;
+}
+
+std::string digest_text(const Sha256& digest) {
+    std::string text;
+    for (const unsigned char byte : digest) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 0xF];
+    }
+    return text;
+}

@@ -1,0 +1,20 @@
+// What a certificate may be used for.
+#ifndef PACKAGE_PURPOSE_H
+#define PACKAGE_PURPOSE_H
+
+#include <openssl/x509v3.h>
+
+// Whether it is for signing code, and says so.
+inline bool may_sign_code(X509* certificate) {
+    // Without such an extension a key usage has all bits set.
+    return (X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) != 0 &&
+           (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) != 0 &&
+           (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) != 0;
+}
+
+// Whether an authority may vouch for signers of code: it is not limited to other usages.
+inline bool may_issue_signers(X509* authority) {
+    return (X509_get_extended_key_usage(authority) & (XKU_CODE_SIGN | XKU_ANYEKU)) != 0;
+}
+
+#endif  // PACKAGE_PURPOSE_H
