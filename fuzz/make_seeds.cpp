@@ -74,6 +74,13 @@ int main(int argc, char** argv) {
     request_seeds();
     seed("fuzz_mtd_table", "line", "mtd3: 00080000 00020000 \"kernel\"\n");
     seed("fuzz_log_line", "text", "moduleType %d %s %n");
-    seed("fuzz_manifest", "manifest", "# a package\nkernel 0 100 0123abcd\nrootfs 100 5\n");
+    seed("fuzz_manifest", "version_1", "# a package\nkernel 0 100 0123abcd\nrootfs 100 5\n");
+    const std::string head = "corvo-manifest 2\ncompatible R5C20\nversion 2.7.1\n";
+    const std::string digest(64, 'a');
+    seed("fuzz_manifest", "files",
+         head + "kernel kernel.bin 100 " + digest + "\nrootfs rootfs.img 5 " + digest + "\n");
+    seed("fuzz_manifest", "combined",
+         head + "description New\npackage all.pkg\nkernel 0 100 " + digest + "\nrootfs 200 5 " +
+             digest + "\n");
     return 0;
 }

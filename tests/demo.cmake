@@ -7,9 +7,12 @@ add_test(NAME Demo.Files COMMAND ${demo})
 add_test(NAME Demo.Combined COMMAND ${demo} --combined)
 add_test(NAME Demo.Failure COMMAND ${demo} --fail)
 add_test(NAME Demo.CombinedFailure COMMAND ${demo} --combined --fail)
+add_test(NAME Demo.Tampered COMMAND ${demo} --tampered)
+add_test(NAME Demo.CombinedTampered COMMAND ${demo} --combined --tampered)
 add_test(NAME Demo.Shell
          COMMAND sh -c "\"$@\" --shell < ${CMAKE_CURRENT_SOURCE_DIR}/support/demo_shell.sh" sh
                  ${demo})
 set_tests_properties(Demo.Shell PROPERTIES PASS_REGULAR_EXPRESSION "two upgrades, two restarts")
-set_tests_properties(Demo.Files Demo.Combined Demo.Failure Demo.CombinedFailure Demo.Shell
+set_tests_properties(Demo.Files Demo.Combined Demo.Failure Demo.CombinedFailure Demo.Tampered
+                     Demo.CombinedTampered Demo.Shell
                      PROPERTIES TIMEOUT 120 COST 50)

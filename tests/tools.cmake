@@ -4,8 +4,25 @@ target_link_libraries(hal_tool_with_faults PRIVATE test_faults hal_tool_modules)
 set_target_properties(hal_tool_with_faults PROPERTIES OUTPUT_NAME hal_tool
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
-corvo_test(tools_test SOURCES tools_test.cpp LINK otactl_parts dbus log TIMEOUT 300)
+corvo_test(tools_test SOURCES tools_test.cpp support/session.cpp LINK otactl_parts dbus log TIMEOUT 300)
 target_compile_definitions(
   tools_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:hal_tool_with_faults>:$<TARGET_FILE_DIR:otactl>"
                      SYSTEM_CALL_DAEMON="$<TARGET_FILE:system_call_daemon>")
 add_dependencies(tools_test otactl hal_tool_with_faults system_call_daemon)
+
+# otactl once more, with faults behind its calls.
+add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main>)
+target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts package command_line)
+set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
+
+corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK package log TIMEOUT 300)
+target_compile_definitions(
+  package_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:otactl_with_faults>:$<TARGET_FILE_DIR:otactl>"
+                       EMULATED=false)
+if(NOT CORVO_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+  add_executable(otactl_short_of_memory $<TARGET_OBJECTS:otactl_main> support/short_memory.cpp)
+  target_link_libraries(otactl_short_of_memory PRIVATE otactl_parts package command_line)
+  set_target_properties(otactl_short_of_memory PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
+  add_dependencies(package_test otactl_short_of_memory)
+endif()
+add_dependencies(package_test otactl otactl_with_faults)

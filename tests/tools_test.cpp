@@ -2,7 +2,6 @@
 // it is typed.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/msg.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -12,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <sstream>
 #include <thread>
 
 #include "base/unique_fd.h"
@@ -22,35 +20,9 @@
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
 #include "played_daemon.h"
+#include "session.h"
 
 namespace {
-
-// A shell command's exit status and the lines that it prints, with " / " before each.
-std::string run(const std::string& command) {
-    FILE* stream = popen(
-        ("exec 2>&1; PATH=" PROGRAMS ":$PATH; . " TEXTS "support/session.sh; " + command).c_str(),
-        "re");
-    std::string output(1 << 16, '\0');
-    output.resize(fread(output.data(), 1, output.size(), stream));
-    std::string text = std::to_string(WEXITSTATUS(pclose(stream)));
-    for (const std::string& line : lines_of(output)) {
-        text += " / " + line;
-    }
-    return text;
-}
-
-// Types the rows of cases/NAME behind `before`. Of what the parser of arguments says only the hint
-// is ours. `more` stands behind what a row says.
-void expect_session(
-    const char* name, const std::string& before,
-    const std::function<std::string()>& more = [] { return ""; }) {
-    expect_cases(name, [&before, &more](std::istream& typed) {
-        const std::string command(std::istreambuf_iterator<char>(typed), {});
-        std::string said = without_source_lines(run(before + command));
-        said = replaced(said, R"(there are [^)]*\))", "...)");
-        return replaced(said, "(otactl|hal_tool): .*(?=.see --help)", "") + more();
-    });
-}
 
 struct SystemCallDaemon : testing::Test {
     void start(const char* limitMs) {
@@ -155,23 +127,7 @@ TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {
 // The service's queue, without the service; the queue is gone afterwards.
 struct Otactl : testing::Test {
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
-    // The request that was posted, as text; "" when there is none.
-    std::string posted(int flags) const {
-        OtaQueueMessage queued = {};
-        OtaMessage message = {};
-        if (msgrcv(queue_, &queued, sizeof(queued.text), 0, flags) != OTA_MSG_TEXT_SIZE) {
-            return "";
-        }
-        memcpy(&message.packageType, queued.text, sizeof(queued.text));
-        std::ostringstream text;
-        text << " / type " << +message.packageType << " " << message.packageDir
-             << message.packageFile;
-        for (int i = 0; i < message.moduleCount; ++i) {
-            const OtaModuleInfo info = message.moduleInfo[i];
-            text << ", " << +message.moduleTypes[i] << ": " << +info.size << " at " << +info.offset;
-        }
-        return text.str();
-    }
+    std::string posted(int flags) const { return posted_request(queue_, flags); }
 
     int queue_ = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), IPC_CREAT | 0666);
 };

@@ -33,9 +33,13 @@ emulated_script(corvo_upgrade_with_faults service_with_faults)
 set_target_properties(test_camera PROPERTIES COMPILE_DEFINITIONS
   "SERVICE_PROGRAM=\"${service}\";SERVICE_WITH_FAULTS=\"${service_with_faults}\"")
 emulated_script(otactl otactl_script)
+emulated_script(otactl_with_faults otactl_with_faults_script)
 emulated_script(hal_tool_with_faults hal_tool_script)
 emulated_script(system_call_daemon daemon_script)
 cmake_path(GET otactl_script PARENT_PATH otactl_folder)
+cmake_path(GET otactl_with_faults_script PARENT_PATH otactl_with_faults_folder)
 cmake_path(GET hal_tool_script PARENT_PATH hal_tool_folder)
 set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
   "PROGRAMS=\"${hal_tool_folder}:${otactl_folder}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
+set_target_properties(package_test PROPERTIES COMPILE_DEFINITIONS
+  "PROGRAMS=\"${otactl_with_faults_folder}:${otactl_folder}\";EMULATED=true")

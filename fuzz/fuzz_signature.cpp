@@ -1,0 +1,34 @@
+// A signature of any bytes beside a manifest that nobody has signed: refused with one line that
+// says why. The seeds are signatures of other texts, by a signer whom the keyring trusts.
+#include <string>
+
+#include "fuzz_input.h"
+#include "package/signature.h"
+
+namespace {
+
+constexpr int64_t NO_CLOCK = 60;
+constexpr int64_t LATER = 4000000000;
+
+Keyring g_keyring;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    fuzz_expect(load_keyring(KEYRING, "", g_keyring).ok());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view signature(reinterpret_cast<const char*>(data), size);
+    Signer signer;
+    for (const int64_t now : {NO_CLOCK, LATER}) {
+        const PackageStatus status =
+            verify_signature("nobody has signed this", signature, g_keyring, now, signer);
+        fuzz_expect(status.result == PACKAGE_NOT_TRUSTED);
+        fuzz_expect(!status.text.empty() && status.text.find('\n') == std::string::npos);
+    }
+    const bool read = read_signer(signature, signer).ok();
+    fuzz_expect(!read || !signer.fingerprint.empty());
+    return 0;
+}

@@ -1,0 +1,220 @@
+// Packages that their maker has signed, and all that is none: otactl as it is typed, and the
+// library where a process for each case would be too many.
+#include <gtest/gtest.h>
+#include <sys/msg.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <future>
+#include <random>
+
+#include "files.h"
+#include "log/log_producer.h"
+#include "ota/ota_message.h"
+#include "package/content.h"
+#include "package/signed_manifest.h"
+#include "session.h"
+
+namespace {
+
+constexpr char BEFORE[] = ". $TEXTS/support/signing.sh; ";
+constexpr char PKI[] = "/run/pki/";
+constexpr char MANIFEST[] = "/run/w/package.manifest";
+constexpr int64_t DAY = 86400;
+
+// A good package in /run/w, and the service's queue, without the service; the queue is gone
+// afterwards.
+struct SignedPackage : testing::Test {
+    void SetUp() override { ASSERT_EQ("0", run(std::string(BEFORE) + "true")); }
+    void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
+    std::string posted() const { return posted_request(queue_, IPC_NOWAIT); }
+
+    int queue_ = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), IPC_CREAT | 0666);
+};
+
+Keyring keyring_of(const std::string& roots, const std::string& revocations) {
+    Keyring keyring;
+    EXPECT_EQ(
+        "", load_keyring(PKI + roots, revocations.empty() ? "" : PKI + revocations, keyring).text);
+    return keyring;
+}
+
+PackageStatus verify_at(const std::string& text, const std::string& signature,
+                        const Keyring& keyring, int64_t now) {
+    Signer signer;
+    return verify_signature(text, signature, keyring, now, signer);
+}
+
+TEST_F(SignedPackage, IsTakenAndNothingElse) {
+    expect_session("signed.txt", BEFORE, [this] { return posted(); });
+}
+
+TEST_F(SignedPackage, IsMadeWithAKeyInAToken) {
+    if (EMULATED || run("command -v softhsm2-util")[0] != '0') {
+        GTEST_SKIP() << "no SoftHSM for this processor: keys in tokens are not tested";
+    }
+    expect_session("token.txt", BEFORE, [this] { return posted(); });
+}
+
+TEST_F(SignedPackage, SignatureIsWholeAndOfThisManifest) {
+    const Keyring keyring = keyring_of("root.pem", "");
+    const std::string text = read_file(MANIFEST);
+    const std::string signature = read_file(std::string(MANIFEST) + SIGNATURE_SUFFIX);
+    const int64_t now = time(nullptr);
+    EXPECT_EQ("", verify_at(text, signature, keyring, now).text);
+    for (size_t size = 0; size < signature.size(); ++size) {
+        EXPECT_EQ(PACKAGE_NOT_TRUSTED,
+                  verify_at(text, signature.substr(0, size), keyring, now).result)
+            << size;
+    }
+    EXPECT_EQ("the signature has 1 bytes behind its end",
+              verify_at(text, signature + '\0', keyring, now).text);
+    for (size_t i = 0; i < text.size(); ++i) {
+        std::string other = text;
+        other[i] = static_cast<char>(other[i] ^ 1);
+        EXPECT_EQ(PACKAGE_NOT_TRUSTED, verify_at(other, signature, keyring, now).result) << i;
+    }
+}
+
+// Certificates are valid for 730 days from now on; "expired" was until 2021.
+TEST_F(SignedPackage, CertificatesAreValidNowOrWhenItWasSignedByAClockThatIsNotSet) {
+    struct Case {
+        const char* signedBy;
+        const char* revocations;
+        int64_t now;
+        const char* said;
+    };
+    const int64_t now = time(nullptr);
+    for (const Case& row : {
+             Case{"signer", "", now + 729 * DAY, ""},
+             Case{
+                 "signer", "", now + 731 * DAY,
+                 "the certificate \"CN=Example signer 1\" is not trusted: certificate has expired"},
+             Case{"signer", "", 60, ""},
+             Case{"signer", "revoked.pem", 60, ""},
+             Case{"expired", "", 60,
+                  "the certificate \"CN=expired\" is not trusted: certificate has expired"},
+             // The list says that it is good for a day.
+             Case{"thief", "revoked.pem", 60,
+                  "the certificate \"CN=thief\" is not trusted: certificate revoked"},
+             Case{"thief", "revoked.pem", now + 2 * DAY,
+                  "the certificate \"CN=thief\" is not trusted: certificate revoked"},
+             Case{"signer -noattr", "", now, ""},
+             Case{"signer -noattr", "", 60,
+                  "the clock has not been set, and the signature does not say when it was made"},
+         }) {
+        EXPECT_EQ("0", run(std::string(BEFORE) + "as " + row.signedBy));
+        EXPECT_EQ(row.said, verify_at(read_file(MANIFEST),
+                                      read_file(std::string(MANIFEST) + SIGNATURE_SUFFIX),
+                                      keyring_of("root.pem", row.revocations), row.now)
+                                .text)
+            << row.signedBy << " at " << row.now;
+    }
+}
+
+TEST_F(SignedPackage, ContentIsCheckedAsItArrives) {
+    Manifest manifest;
+    ASSERT_EQ("", read_unsigned_manifest("/run/w/all.manifest", manifest).text);
+    // A hole between modules is nobody's.
+    manifest.modules[1].offset += 100;
+    const PackageFile file = package_files(manifest)[0];
+    std::string bytes = read_file("/run/w/all.pkg");
+    bytes.insert(static_cast<size_t>(manifest.modules[0].size), 100, 'h');
+    std::minstd_rand random(1);
+    const auto feed = [&](const std::string& all) {
+        ContentCheck check(file, "it");
+        PackageStatus status;
+        for (size_t at = 0; at < all.size() && status.ok();) {
+            const size_t size = std::min<size_t>(random() % 70000, all.size() - at);
+            status = check.feed({all.data() + at, size});
+            at += size;
+        }
+        return status.ok() ? check.finish() : status;
+    };
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ("", feed(bytes).text);
+    }
+    EXPECT_EQ("it is longer than the 202393 bytes of the manifest", feed(bytes + "x").text);
+    bytes.pop_back();
+    EXPECT_EQ("it has 202392 bytes, module kernel ends at 202393", feed(bytes).text);
+    bytes.back() = '?';
+    bytes += '?';
+    EXPECT_TRUE(feed(bytes).text.starts_with("module kernel in it has the SHA-256 "));
+}
+
+TEST_F(SignedPackage, FileThatIsExchangedAfterItsCheckIsFound) {
+    Manifest manifest;
+    ASSERT_EQ("", read_unsigned_manifest(MANIFEST, manifest).text);
+    for (const char* exchange :
+         {"cp -p kernel.bin k; mv k kernel.bin", "printf x | dd of=kernel.bin conv=notrunc",
+          "cp -p kernel.bin k; printf x | dd of=kernel.bin conv=notrunc; touch -r k kernel.bin",
+          "ln -sf /run/kernel.bin kernel.bin", "rm kernel.bin"}) {
+        ASSERT_EQ("0", run(std::string(BEFORE) + "true"));
+        CheckedFile checked;
+        const PackageFile file = package_files(manifest)[0];
+        const auto nothing = [](uint64_t) {};
+        ASSERT_EQ("", check_file("/run/w/kernel.bin", file, nothing, checked).text);
+        EXPECT_EQ("", check_unchanged(checked).text);
+        run(std::string("cd /run/w; ") + exchange);
+        EXPECT_EQ("/run/w/kernel.bin was exchanged or changed after it was checked",
+                  check_unchanged(checked).text)
+            << exchange;
+    }
+}
+
+// Between the check and the request otactl waits for somebody who publishes.
+TEST_F(SignedPackage, IsNotPostedWhenAFileWasExchangedMeanwhile) {
+    auto sender =
+        std::async(std::launch::async, run, std::string(BEFORE) + "send --follow > /run/said");
+    ASSERT_TRUE(eventually(20000, [] {
+        return access("/run/said", F_OK) == 0 && contains(read_file("/run/said"), "signed by");
+    }));
+    run("cd /run/w; cp kernel.bin k; mv k kernel.bin");
+    ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
+    EXPECT_EQ("3 / otactl: /run/w/kernel.bin was exchanged or changed after it was checked",
+              sender.get());
+    Corvo_LogProducerUnInit();
+    EXPECT_EQ("", posted());
+}
+
+// One call after the other fails: one line, nothing posted, nothing open.
+TEST_F(SignedPackage, IsNotTakenWhenItCannotBeRead) {
+    for (const char* call : {"read", "open", "fstat"}) {
+        std::string said;
+        for (int n = 1; n < 100 && !said.starts_with("0 "); ++n) {
+            said = run(std::string(BEFORE) + "failing " + call + ":" + std::to_string(n) +
+                       ":5:0 otactl_with_faults send files --dir .");
+            if (!said.starts_with("0 ")) {
+                EXPECT_TRUE(said.starts_with("1 / otactl: ") || said.starts_with("64 / otactl: "))
+                    << said;
+                EXPECT_EQ("", posted()) << said;
+                EXPECT_EQ(said.find(" / "), said.rfind(" / ")) << "more than one line: " << said;
+            }
+        }
+        EXPECT_NE("", posted()) << "never got through: " << said;
+    }
+}
+
+// The same with memory that runs out, at places all over the run.
+TEST_F(SignedPackage, IsNotTakenWhenMemoryIsShort) {
+    const std::string send = "otactl_short_of_memory send files --dir .";
+    if (run("command -v otactl_short_of_memory")[0] != '0') {
+        GTEST_SKIP() << "an emulator or a sanitizer has the allocations in its own hands";
+    }
+    ASSERT_TRUE(run(BEFORE + send).starts_with("0 "));
+    ASSERT_NE("", posted());
+    const long all = std::stol(read_file("/tmp/allocations"));
+    for (long most = 1; most < all; most += 1 + all / 150) {
+        const std::string said = run(BEFORE + ("ALLOCATIONS=" + std::to_string(most) + " " + send));
+        const std::string request = posted();
+        if (said.starts_with("0 ")) {
+            // Only what is released or printed at the end was left.
+            EXPECT_GT(most, all * 9 / 10) << said;
+            continue;
+        }
+        EXPECT_EQ("", request) << most << ": " << said;
+        EXPECT_EQ(said.find(" / "), said.rfind(" / ")) << "more than one line: " << said;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,52 @@
+#include "session.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+
+#include <sstream>
+
+#include "files.h"
+#include "ota/ota_message.h"
+
+std::string run(const std::string& command) {
+    FILE* stream = popen(
+        ("exec 2>&1; PATH=" PROGRAMS ":$PATH; TEXTS=" TEXTS "; . " TEXTS "support/session.sh; " +
+         command)
+            .c_str(),
+        "re");
+    std::string output(1 << 16, '\0');
+    output.resize(fread(output.data(), 1, output.size(), stream));
+    std::string text = std::to_string(WEXITSTATUS(pclose(stream)));
+    for (const std::string& line : lines_of(output)) {
+        text += " / " + line;
+    }
+    return text;
+}
+
+void expect_session(const char* name, const std::string& before,
+                    const std::function<std::string()>& more) {
+    expect_cases(name, [&before, &more](std::istream& typed) {
+        const std::string command(std::istreambuf_iterator<char>(typed), {});
+        std::string said = without_source_lines(run(before + command));
+        said = replaced(said, R"(there are [^)]*\))", "...)");
+        return replaced(said, "(otactl|hal_tool): .*(?=.see --help)", "") + more();
+    });
+}
+
+std::string posted_request(int queue, int flags) {
+    OtaQueueMessage queued = {};
+    OtaMessage message = {};
+    if (msgrcv(queue, &queued, sizeof(queued.text), 0, flags) != OTA_MSG_TEXT_SIZE) {
+        return "";
+    }
+    memcpy(&message.packageType, queued.text, sizeof(queued.text));
+    std::ostringstream text;
+    text << " / type " << +message.packageType << " " << message.packageDir << message.packageFile;
+    for (int i = 0; i < message.moduleCount; ++i) {
+        const OtaModuleInfo info = message.moduleInfo[i];
+        text << ", " << +message.moduleTypes[i] << ": " << +info.size << " at " << +info.offset;
+    }
+    return text.str();
+}

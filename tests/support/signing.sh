@@ -1,0 +1,124 @@
+# Read by the shell before each row of cases/signed.txt: a maker's keys and other people's, a camera
+# with a running system, and in /run/w, made anew for each row, a package for it in both forms.
+pki=/run/pki
+image=/dev/block/by-name
+
+issue() { # NAME EXTENSIONS [ARGUMENTS OF openssl ca...]: another certificate of the authority
+    printf '[%s]\n%s\n' "$1" "$2" | cat pki.cnf - > "$1.cnf"
+    openssl req -config pki.cnf -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes \
+        -keyout "$1.key" -subj "/CN=$1" -out "$1.csr"
+    name=$1
+    shift 2
+    openssl ca -config "$name.cnf" -batch -notext -extensions "$name" -in "$name.csr" \
+        -out "$name.pem" "$@"
+}
+
+make_people() {
+    signer='keyUsage = critical, digitalSignature
+extendedKeyUsage = critical, codeSigning'
+    "$TEXTS/../scripts/make_pki" $pki
+    "$TEXTS/../scripts/make_pki" $pki/foreign
+    cd $pki
+    issue mailer 'extendedKeyUsage = emailProtection'
+    issue anybody ''
+    issue cipherer 'keyUsage = keyEncipherment
+extendedKeyUsage = codeSigning'
+    issue expired "$signer" -startdate 200101000000Z -enddate 210101000000Z
+    issue thief "$signer"
+    openssl ca -config pki.cnf -revoke thief.pem
+    openssl ca -config pki.cnf -gencrl -crldays 1 -out revoked.pem
+    # Far too short a key, and an authority that is for mail alone.
+    openssl req -config pki.cnf -newkey rsa:1024 -nodes -keyout weak.key -subj /CN=weak -out weak.csr
+    openssl ca -config pki.cnf -batch -notext -extensions signer -in weak.csr -out weak.pem
+    printf '[mail]\nbasicConstraints = CA:true\nextendedKeyUsage = emailProtection\n' > mail.cnf
+    openssl x509 -req -in authority.csr -CA root.pem -CAkey root.key -extfile mail.cnf \
+        -extensions mail -out mail.pem
+}
+
+make_good() {
+    mkdir -p /run/good /etc/corvo
+    cd /run/good
+    seq 40000 | head -c 200001 > kernel.bin
+    seq 600 > rootfs.img
+    echo 2.7.0 > /etc/version
+    cp kernel.bin rootfs.img /run/
+    pack
+    printf '# what this camera takes\nkeyring = %s\ncompatible = R5C20\nversion-file = /etc/version\n' \
+        $pki/root.pem > /etc/corvo/otactl.good
+}
+
+key="--key $pki/signer.key --certificate $pki/signer.pem --intermediate $pki/authority.pem"
+head="--compatible R5C20 --version 2.7.1"
+pack() { # [ARGUMENTS...]: what else than R5C20 2.7.1 by the signer
+    set -- ${*:-$head $key}
+    otactl pack files --dir . "$@" > /dev/null &&
+        otactl pack --output all.pkg --manifest all.manifest rootfs=rootfs.img kernel=kernel.bin \
+            "$@" > /dev/null
+}
+
+# Signs with the command of OpenSSL, whoever it is.
+as() { # NAME [ARGUMENTS...]
+    by=$1
+    shift
+    openssl cms -sign -binary -in package.manifest -signer "$pki/$by.pem" -inkey "$pki/$by.key" \
+        -certfile $pki/authority.pem -outform DER -out package.manifest.sig "$@"
+}
+
+send() { otactl send files --dir . "$@"; }
+send_all() { otactl send combined --package all.pkg --manifest all.manifest "$@"; }
+
+# The lines of a command's output that match, and its exit status.
+only() { # PATTERN COMMAND...
+    pattern=$1
+    shift
+    "$@" > /tmp/said
+    code=$?
+    grep "$pattern" /tmp/said
+    return $code
+}
+
+# Signs with a key in a token that does not give it out.
+token() { # COMMAND...
+    SOFTHSM2_CONF=/run/softhsm.conf PKCS11_MODULE_PATH=/usr/lib/softhsm/libsofthsm2.so
+    ASAN_OPTIONS=detect_leaks=0 # the engine does not tidy up when it fails
+    export SOFTHSM2_CONF PKCS11_MODULE_PATH ASAN_OPTIONS
+    if ! [ -d /run/tokens ]; then
+        mkdir /run/tokens
+        echo "directories.tokendir = /run/tokens" > $SOFTHSM2_CONF
+        printf 1234 > /run/pin
+        softhsm2-util --init-token --free --label corvo --pin 1234 --so-pin 5678 > /dev/null
+        softhsm2-util --import $pki/signer.key --token corvo --label signer --id 01 --pin 1234 > /dev/null
+    fi
+    "$@"
+}
+
+# One byte of a file becomes another one.
+spoil() { # FILE OFFSET
+    byte=$(tail -c +$(($2 + 1)) "$1" | head -c 1 | tr '\0-\376\377' '\1-\377\0')
+    printf %s "${byte:-z}" | dd of="$1" bs=1 seek="$2" conv=notrunc 2> /dev/null
+}
+
+# An otactl whose calls fail; afterwards nothing is open that was not open before.
+failing() { # FAULTS COMMAND...
+    export CORVO_FAULTS=none:1:0:0
+    otactl_with_faults --help > /dev/null
+    read -r _ before < /tmp/faults_report
+    CORVO_FAULTS=$1
+    shift
+    "$@"
+    code=$?
+    read -r _ after < /tmp/faults_report
+    [ "$after" = "$before" ] || echo "$((after - before)) more descriptors are open"
+    return $code
+}
+
+if ! [ -d /run/good ]; then
+    (make_people) > /tmp/people.txt 2>&1 || cat /tmp/people.txt
+    (make_good)
+fi
+rm -rf /run/w
+cp -r /run/good /run/w
+cp /etc/corvo/otactl.good /etc/corvo/otactl.conf
+head -c 300000 /dev/zero > $image/kernel
+head -c 4000 /dev/zero > $image/rootfs
+cd /run/w
