@@ -24,22 +24,22 @@ kernel_packages() {
     "$checkout/scripts/fetch_debs" "$debs" $meta
     kernel=$(dpkg-deb -f "$debs"/${meta}_*.deb Depends | grep -o 'linux-image-[^ ]*' | head -n 1)
     "$checkout/scripts/fetch_debs" "$debs" "$kernel" busybox-static libc6 libgcc-s1 libstdc++6 \
-        libnanomsg5 nanomsg-utils libubootenv-tool libubootenv0.1 zlib1g
+        libnanomsg5 libssl3 nanomsg-utils libubootenv-tool libubootenv0.1 zlib1g
     kernel_version=${kernel#linux-image-}
 }
 
 unpack_packages() {
     local package
-    if [ "$(cat "$work/unpacked" 2> /dev/null)" = "$kernel, nanocat" ]; then return; fi
+    if [ "$(cat "$work/unpacked" 2> /dev/null)" = "$kernel, nanocat, libssl3" ]; then return; fi
     rm -rf "$work/kernel" "$work/packages"
     mkdir -p "$work/kernel" "$work/packages"
     dpkg-deb -x "$debs/$kernel"_*.deb "$work/kernel"
-    for package in busybox-static libc6 libgcc-s1 libstdc++6 libnanomsg5 nanomsg-utils \
+    for package in busybox-static libc6 libgcc-s1 libstdc++6 libnanomsg5 libssl3 nanomsg-utils \
         libubootenv-tool libubootenv0.1 zlib1g; do
         dpkg-deb -x "$debs/$package"_*.deb "$work/packages"
     done
     depmod -b "$work/kernel" "$kernel_version"
-    echo "$kernel, nanocat" > "$work/unpacked"
+    echo "$kernel, nanocat, libssl3" > "$work/unpacked"
 }
 
 # The kernel's own description of the board, with what the emulator does otherwise.
@@ -95,7 +95,7 @@ make_initramfs() {
     cp "$from/bin/busybox" "$root/bin/"
     cp -L "$from/lib/ld-linux-armhf.so.3" "$root/lib/"
     for library in libc.so.6 libm.so.6 libgcc_s.so.1 libpthread.so.0 libstdc++.so.6 \
-        libnanomsg.so.5 libubootenv.so.0 libz.so.1; do
+        libnanomsg.so.5 libcrypto.so.3 libubootenv.so.0 libz.so.1; do
         cp -L "$(find "$from" -name "$library" | head -n 1)" "$root/$libraries/"
     done
     cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
