@@ -14,6 +14,7 @@ from pathlib import Path
 import counted
 import figures
 import picture
+import signed
 from pairs import Row, print_head, print_row
 from world import MIB, SYNCHRONOUS, Camera, Loops, Programs
 
@@ -50,6 +51,7 @@ def timed(programs: Programs, work: Path, show) -> dict:
             show(row)
         for row in figures.request_figures(programs, camera):
             show(row)
+        show(signed.timed_row(programs))
         disk = loops.attach(work / "disk", 64 * MIB)
         twice = loops.attach(work / "twice", 128 * MIB)
         erased = loops.attach(work / "erased", 256 * MIB)
@@ -109,7 +111,8 @@ def main() -> int:
     for row in counted.allocations(programs):
         show(row)
     show(counted.system_calls(programs))
-    for row in counted.instructions(programs) + counted.growth(programs):
+    for row in (counted.instructions(programs) + counted.growth(programs) +
+                signed.counted_rows(programs)):
         show(row)
     for row in counted.size_and_libraries(programs):
         show(row)

@@ -1,0 +1,105 @@
+"""What it costs otactl to verify a signed package, beside the openssl commands that do each half."""
+import shutil
+import statistics
+import subprocess
+from pathlib import Path
+
+import world
+from counted import CALLGRIND, counted_instructions
+from pairs import Row, in_seconds, run_rounds
+from world import MIB, Programs, measured
+
+LARGE, TWICE, SMALL = 256, 32, 16  # MiB
+REPEATS = 5
+PKI = Path("/run/pki")
+MAKE_PKI = Path(__file__).parent.parent / "scripts/make_pki"
+
+
+def pack(programs: Programs, size: int) -> Path:
+    """A folder with one image of so many MiB, and its signed manifest."""
+    folder = world.PACKAGES / f"signed-{size}"
+    folder.mkdir()
+    world.random_image("signed", size * MIB).rename(folder / "kernel.bin")
+    subprocess.run([programs.otactl, "pack", "files", "--dir", folder, "--compatible", "camera",
+                    "--version", "1", "--key", PKI / "signer.key", "--certificate",
+                    PKI / "signer.pem", "--intermediate", PKI / "authority.pem"],
+                   check=True, stdout=subprocess.DEVNULL)
+    return folder
+
+
+def verifier(programs: Programs, folder: Path) -> list:
+    return [programs.otactl, "verify", folder, "--any-camera", "--keyring", PKI / "root.pem"]
+
+
+def manifest_verifier(_: Programs, folder: Path) -> list:
+    manifest = folder / "package.manifest"
+    return ["openssl", "cms", "-verify", "-binary", "-content", manifest, "-inform", "DER", "-in",
+            f"{manifest}.sig", "-CAfile", PKI / "root.pem", "-purpose", "any", "-out", "/dev/null"]
+
+
+def hasher(_: Programs, folder: Path) -> list:
+    return ["openssl", "dgst", "-sha256", folder / "kernel.bin"]
+
+
+class Packages:
+    """Signed packages of three sizes, for as long as the figures take."""
+
+    def __enter__(self):
+        world.PACKAGES.mkdir(parents=True, exist_ok=True)
+        subprocess.run([MAKE_PKI, PKI], check=True)
+        return self
+
+    def __init__(self, programs: Programs):
+        self.programs = programs
+        self.folders: dict[int, Path] = {}
+
+    def of(self, size: int) -> Path:
+        if size not in self.folders:
+            self.folders[size] = pack(self.programs, size)
+        return self.folders[size]
+
+    def __exit__(self, *_):
+        for folder in self.folders.values():
+            shutil.rmtree(folder)
+
+    def peak(self, command, size: int) -> float:
+        """KiB."""
+        return statistics.median(measured(self.programs, command(self.programs, self.of(size)))
+                                 ["peak"] for _ in range(REPEATS))
+
+    def instructions(self, command) -> float:
+        """Per MiB: what twice as many take more, so that a program's start drops out."""
+        taken = []
+        for size in (SMALL, TWICE):
+            subprocess.run([*CALLGRIND, *command(self.programs, self.of(size))], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            taken.append(counted_instructions())
+        return (taken[1] - taken[0]) / (TWICE - SMALL)
+
+
+FIGURE = f"signed package of {LARGE} MiB verified"
+
+
+def counted_rows(programs: Programs) -> list[Row]:
+    with Packages(programs) as packages:
+        ours, manifest = (packages.peak(command, LARGE)
+                          for command in (verifier, manifest_verifier))
+        grown = ours - packages.peak(verifier, SMALL)
+        own, other = (packages.instructions(command) for command in (verifier, hasher))
+    return [Row(f"{FIGURE}: peak memory above openssl cms", f"{ours:.0f} KiB",
+                f"{manifest:.0f} KiB", round((ours - manifest) / 1024, 2), 1, unit="MiB",
+                counted=True, note="openssl cms -verify reads the manifest alone"),
+            Row(f"signed package of {SMALL}, {LARGE} MiB verified: peak memory grows by",
+                value=round(grown), goal=128, unit="KiB", counted=True),
+            Row("instructions per MiB verified / openssl dgst -sha256", f"{own:.0f}",
+                f"{other:.0f}", own / other, 1.1, counted=True)]
+
+
+def timed_row(programs: Programs) -> Row:
+    with Packages(programs) as packages:
+        folder = packages.of(LARGE)
+        rounds = run_rounds(
+            {"otactl": lambda: measured(programs, verifier(programs, folder)),
+             "openssl": lambda: measured(programs, hasher(programs, folder))})
+    return rounds.row(f"{FIGURE}: wall / openssl dgst -sha256", "otactl", "openssl", "wall",
+                      in_seconds, 1.1)
