@@ -45,11 +45,11 @@ void* malloc(size_t size) {
     return may_take() ? __libc_malloc(size) : nullptr;
 }
 
-void* calloc(size_t count, size_t size) {
-    return may_take() ? __libc_calloc(count, size) : nullptr;
+void* calloc(size_t nmemb, size_t size) {
+    return may_take() ? __libc_calloc(nmemb, size) : nullptr;
 }
 
-void* realloc(void* block, size_t size) {
-    return may_take() ? __libc_realloc(block, size) : nullptr;
+void* realloc(void* ptr, size_t size) {
+    return may_take() ? __libc_realloc(ptr, size) : nullptr;
 }
 }
