@@ -12,16 +12,16 @@ add_dependencies(tools_test otactl hal_tool_with_faults system_call_daemon)
 
 # otactl once more, with faults behind its calls.
 add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main>)
-target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts package command_line)
+target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
-corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK package log TIMEOUT 300)
+corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK upgrade_package log TIMEOUT 300)
 target_compile_definitions(
   package_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:otactl_with_faults>:$<TARGET_FILE_DIR:otactl>"
                        EMULATED=false)
 if(NOT CORVO_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_executable(otactl_short_of_memory $<TARGET_OBJECTS:otactl_main> support/short_memory.cpp)
-  target_link_libraries(otactl_short_of_memory PRIVATE otactl_parts package command_line)
+  target_link_libraries(otactl_short_of_memory PRIVATE otactl_parts upgrade_package command_line)
   set_target_properties(otactl_short_of_memory PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
   add_dependencies(package_test otactl_short_of_memory)
 endif()
