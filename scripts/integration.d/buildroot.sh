@@ -18,7 +18,7 @@ run_buildroot() {
     check "an override serves as one" makefile_says "" "dependencies host-pkgconf nanomsg " \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y CORVO_UPGRADE_OVERRIDE_SRCDIR=/elsewhere
     check "a maker's library and the tools" makefile_says "$checkout" \
-        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON dependencies host-pkgconf nanomsg cli11 " \
+        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y 'BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY="/maker/libktmosaic.so"'
     check "the units of the tools" makefile_says "$checkout" "corvo-system-call.service" \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y

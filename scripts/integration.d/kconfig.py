@@ -24,6 +24,10 @@ config BR2_PACKAGE_NANOMSG
 	bool "nanomsg"
 config BR2_PACKAGE_CLI11
 	bool "cli11"
+config BR2_PACKAGE_JSON_FOR_MODERN_CPP
+	bool "json"
+config BR2_PACKAGE_OPENSSL
+	bool "openssl"
 source "%s"
 """
 TOOLCHAIN = (
@@ -60,13 +64,14 @@ off = tree(path, *TOOLCHAIN, "BR2_USE_MMU")
 assert not is_on(off, PACKAGE) and not is_on(off, "BR2_PACKAGE_NANOMSG") and not comment_shows(off)
 
 whole = tree(path, *TOOLCHAIN, "BR2_USE_MMU", PACKAGE)
-for name in (PACKAGE, PACKAGE + "_TOOLS", "BR2_PACKAGE_CLI11", "BR2_PACKAGE_NANOMSG", "BR2_HOST_CMAKE_AT_LEAST_3_25"):
+OF_THE_TOOLS = ("BR2_PACKAGE_CLI11", "BR2_PACKAGE_JSON_FOR_MODERN_CPP", "BR2_PACKAGE_OPENSSL")
+for name in (PACKAGE, PACKAGE + "_TOOLS", *OF_THE_TOOLS, "BR2_PACKAGE_NANOMSG", "BR2_HOST_CMAKE_AT_LEAST_3_25"):
     assert is_on(whole, name), name + " is off"
 assert not is_on(whole, PACKAGE + "_BRINGUP")
 
 small = tree(path, *TOOLCHAIN, PACKAGE)
 assert is_on(small, PACKAGE) and not is_on(small, PACKAGE + "_TOOLS")
-assert not is_on(small, "BR2_PACKAGE_CLI11")
+assert not any(is_on(small, name) for name in OF_THE_TOOLS)
 
 for missing in TOOLCHAIN:
     config = tree(path, PACKAGE, *(name for name in TOOLCHAIN if name != missing))
