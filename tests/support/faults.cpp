@@ -24,7 +24,7 @@ Devices devices = {};
 
 extern "C" FILE* __real_fopen64(const char* path, const char* mode);
 extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                     void* (*body)(void*), void* argument);
+                                     void* (*body)(void*), void* given);
 
 namespace {
 
