@@ -112,8 +112,10 @@ TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
 TEST_F(Signal, UntilTheHandlingIsInstalledOrWithoutItsThreadTheDefaultHolds) {
     camera.start({{"pthread_create", 2, EAGAIN}});  // the first is the transport's reader
     camera.wait_for("signal thread not started");
-    EXPECT_TRUE(contains(read_file("/proc/" + std::to_string(camera.pid()) + "/status"),
-                         "SigBlk:\t0000000000000000\n"));
+    const std::string status = "/proc/" + std::to_string(camera.pid()) + "/status";
+    EXPECT_TRUE(eventually(5000, [&status] {  // the C library blocks all of them for a moment
+        return contains(read_file(status), "SigBlk:\t0000000000000000\n");
+    }));
     EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
     EXPECT_FALSE(camera.finish().ended);
     camera.daemon.reset();

@@ -28,10 +28,6 @@ config BR2_PACKAGE_JSON_FOR_MODERN_CPP
 	bool "json"
 config BR2_PACKAGE_OPENSSL
 	bool "openssl"
-config BR2_PACKAGE_JSON_FOR_MODERN_CPP
-	bool "json"
-config BR2_PACKAGE_OPENSSL
-	bool "openssl"
 source "%s"
 """
 TOOLCHAIN = (
