@@ -1,6 +1,4 @@
-#include <errno.h>
 #include <stdio.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>

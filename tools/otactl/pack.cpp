@@ -3,7 +3,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <array>
 #include <filesystem>
 

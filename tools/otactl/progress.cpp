@@ -1,6 +1,5 @@
 #include "otactl/progress.h"
 
-#include <algorithm>
 #include <array>
 
 namespace {
