@@ -24,7 +24,6 @@
 namespace {
 
 constexpr useconds_t REPLACE_PAUSE_US = 1000;
-constexpr int32_t REPLACE_PAUSES = SYSTEM_CALL_DBUS_CONNECT_MS * 1000 / REPLACE_PAUSE_US;
 
 // What the reader thread knows of its connection.
 struct Connection {
@@ -201,10 +200,11 @@ bool hung_up(int fd) {
 // has gone: what was written to it would be lost though a new one listens already, so the reader is
 // given its time to connect anew. Returns what record_write() does.
 ssize_t write_record(SystemCallDbusInfo* info, const SystemCallDbusMsg& record) {
-    for (int32_t pauses = 0;; ++pauses) {
+    const int64_t deadline = monotonic_ms() + SYSTEM_CALL_DBUS_CONNECT_MS;
+    while (true) {
         {
             const corvo::ScopedLock lock(info->lock);
-            if (pauses == REPLACE_PAUSES || !info->reading || !hung_up(info->connectionSocket)) {
+            if (!info->reading || !hung_up(info->connectionSocket) || monotonic_ms() >= deadline) {
                 return record_write(info->connectionSocket, record);
             }
         }

@@ -8,10 +8,10 @@
 
 constexpr int32_t OTA_REBOOT_TIMEOUT_MS = 10000;
 
-// The longest that ota_reboot() takes, rounded up: it may fall into a reconnection of the client,
-// and behind the time-out a connection of its own is tried.
+// The longest that ota_reboot() takes, rounded up: the call may stand behind a reconnection of the
+// client before it is written and after its time-out, and a connection of its own is tried then.
 constexpr int32_t OTA_REBOOT_LONGEST_MS =
-    OTA_REBOOT_TIMEOUT_MS + SYSTEM_CALL_DBUS_CONNECT_MS + 3000;
+    OTA_REBOOT_TIMEOUT_MS + 2 * SYSTEM_CALL_DBUS_CONNECT_MS + 3000;
 
 // Has "reboot" run by the system-call daemon; over a new connection when there is no answer,
 // because the client's connection is lost or was never made. Blocks until the daemon answers, at

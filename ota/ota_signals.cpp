@@ -65,11 +65,12 @@ void crash_handler(int signo) {
     _exit(EXIT_SUCCESS);
 }
 
+// None of the waited signals may cut the wait of a crash short.
 void install(int signo, void (*handler)(int), int flags) {
     struct sigaction action = {};
     action.sa_handler = handler;
     action.sa_flags = flags;
-    sigemptyset(&action.sa_mask);
+    action.sa_mask = waited_signals();
     sigaction(signo, &action, nullptr);
 }
 

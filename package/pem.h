@@ -9,24 +9,37 @@
 
 constexpr size_t PEM_SIZE_MAX = 1048576;  // bytes
 
+// The last lines in a PEM text of what has such a label; "CERTIFICATE" has "X509 CERTIFICATE" too.
+inline size_t count_ends(const std::string& text, const std::string& label) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(label + "-----", at)) != std::string::npos; ++at) {
+        const size_t begin = text.rfind("-----", at);
+        count += begin != std::string::npos && text.compare(begin, 9, "-----END ") == 0 ? 1 : 0;
+    }
+    return count;
+}
+
 // Reads everything of one kind in a PEM file, of which there must be at least one, and hands each
-// to `take`, which says whether it could. READ is PEM_read_bio_X509() or its like; `kind` is the
-// word for messages. Returns as load_keyring() does.
+// to `take`, which says whether it could. READ is PEM_read_bio_X509() or its like; `label` is
+// what its first and last lines name, `kind` the word for messages. Returns as load_keyring() does.
 template <typename Owned, auto READ, typename Take>
-PackageStatus read_pem(const std::string& path, const char* kind, Take take) {
+PackageStatus read_pem(const std::string& path, const char* label, const char* kind, Take take) {
     std::string text;
     PackageStatus status = read_small_file(path, PEM_SIZE_MAX, FileKind::REGULAR, text);
     if (!status.ok()) {
         return status;
     }
+    // One whose first line is damaged would be passed over: its last line still tells of it.
+    const size_t ended = count_ends(text, label);
     const OwnedBio source = view_of(text);
-    for (bool found = false;; found = true) {
+    for (size_t found = 0;; ++found) {
         Owned item(READ(source.get(), nullptr, nullptr, nullptr));
         if (item && take(std::move(item))) {
             continue;
         }
         // The end of the file shows as one more that does not begin.
-        if (found && ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE) {
+        if (found > 0 && found >= ended &&
+            ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE) {
             ERR_clear_error();
             return {};
         }

@@ -202,7 +202,7 @@ PackageStatus verify_signature(std::string_view content, std::string_view signat
             "the clock has not been set, and the signature does not say when it was made");
     }
     const int64_t time = clockIsSet ? now : signer.signedAt;
-    if (time > std::numeric_limits<time_t>::max()) {
+    if (time < 0 || time > std::numeric_limits<time_t>::max()) {
         return refused("the signature was made at " + time_text(time) +
                        ", which is beyond this machine's time");
     }

@@ -9,7 +9,7 @@ constexpr unsigned SIGNING_FLAGS = CMS_BINARY | CMS_DETACHED | CMS_NOSMIMECAP;
 
 PackageStatus load_certificates(const std::string& path, STACK_OF(X509) * certificates) {
     return read_pem<OwnedCertificate, PEM_read_bio_X509>(
-        path, "certificate", [certificates](OwnedCertificate certificate) {
+        path, "CERTIFICATE", "certificate", [certificates](OwnedCertificate certificate) {
             // The stack owns what it holds.
             return sk_X509_push(certificates, certificate.get()) > 0 &&
                    certificate.release() != nullptr;
@@ -49,7 +49,6 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
         return failed();
     }
     PackageStatus status = load_certificates(options.certificate, signers.get());
-    // A chain in one file goes on with the authorities.
     for (const std::string& path : options.intermediates) {
         if (status.ok()) {
             status = load_certificates(path, intermediates.get());
@@ -59,6 +58,7 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
         return status;
     }
     const OwnedCertificate certificate(sk_X509_shift(signers.get()));
+    // A chain in one file goes on with the authorities.
     while (sk_X509_num(signers.get()) > 0) {
         OwnedCertificate authority(sk_X509_shift(signers.get()));
         if (sk_X509_push(intermediates.get(), authority.get()) <= 0) {

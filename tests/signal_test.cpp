@@ -66,7 +66,7 @@ TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     // Record 3 is a command in the middle of the kill passes.
     const Outcome outcome = camera.run(Camera::request(0, {3}), {{"send", 3, CRASH}});
     EXPECT_TRUE(outcome.ended);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
     EXPECT_TRUE(contains(outcome.text, "sig_handler, arg = 6"));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::vector<std::string> commands = Camera::take_commands();

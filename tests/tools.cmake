@@ -15,7 +15,7 @@ add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main>)
 target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
-corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK upgrade_package log TIMEOUT 300)
+corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK upgrade_package log TIMEOUT 900)
 target_compile_definitions(
   package_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:otactl_with_faults>:$<TARGET_FILE_DIR:otactl>"
                        EMULATED=false)

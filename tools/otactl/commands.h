@@ -15,11 +15,12 @@
 constexpr const char* OTACTL = "otactl";
 
 enum OtactlExit : int {
-    OTACTL_OK = 0,           // done; with --follow: the upgrade succeeded
-    OTACTL_FAILED = 1,       // a file or the queue failed; with --follow: the upgrade failed
-    OTACTL_NO_SERVICE = 2,   // the service is not there
-    OTACTL_NOT_TRUSTED = 3,  // with a keyring: not signed as it must be, or not for this camera
-    OTACTL_WRONG_USE = 64,   // as every wrong argument
+    OTACTL_OK = 0,          // done; with --follow: the upgrade succeeded
+    OTACTL_FAILED = 1,      // a file or the queue failed; with --follow: the upgrade failed
+    OTACTL_NO_SERVICE = 2,  // the service is not there
+    // With a keyring, and always from "verify": not signed as it must be, or not for this camera.
+    OTACTL_NOT_TRUSTED = 3,
+    OTACTL_WRONG_USE = 64,  // as every wrong argument
 };
 
 // Where the service publishes its lines unless told otherwise.

@@ -156,7 +156,7 @@ void print_text(const Findings& findings, const Trust& trust, bool contentRead, 
     if (contentRead) {
         print_line("content", "as the manifest says");
     }
-    if (findings.objections.empty() && !anyCamera) {
+    if (findings.trust.ok() && findings.objections.empty() && !anyCamera) {
         print_line("this camera", "would take it");
     }
     for (const PackageStatus& status : findings.objections) {

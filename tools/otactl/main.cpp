@@ -20,13 +20,20 @@ struct Arguments {
     std::string recordPath = OTA_DATA_PATH;
 };
 
+// An empty value is a variable of a script that was never set, and must not switch a check off.
+std::string not_empty(const std::string& value) {
+    return value.empty() ? "needs a value" : "";
+}
+
 void add_trust(CLI::App* command, TrustOptions& trust) {
-    command->add_option("--keyring", trust.keyring,
-                        "Take only what one of these root certificates vouches for (PEM)");
-    command->add_option("--crl", trust.revocations, "Certificate revocation lists (PEM)");
-    command->add_option("--compatible", trust.compatible, "The kind of this camera");
-    command->add_option("--version-file", trust.versionFile,
-                        "Says which version runs; lower ones are refused");
+    const auto add = [command](const char* name, std::string& value, const char* help) {
+        command->add_option(name, value, help)->check(not_empty, "");
+    };
+    add("--keyring", trust.keyring,
+        "Take only what one of these root certificates vouches for (PEM)");
+    add("--crl", trust.revocations, "Certificate revocation lists (PEM)");
+    add("--compatible", trust.compatible, "The kind of this camera");
+    add("--version-file", trust.versionFile, "Says which version runs; lower ones are refused");
     command->add_flag("--allow-downgrade", trust.allowDowngrade, "Take lower versions too");
     command->add_flag("--unsigned", trust.unsignedToo, "Ask for no signature");
     command->footer(std::string("What is not said is taken from ") + SETTINGS_PATH + ".");

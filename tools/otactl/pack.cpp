@@ -274,8 +274,9 @@ int pack_combined(const PackOptions& options) {
     const auto plain = [](const std::string& path) {
         return std::filesystem::path(path).lexically_normal();
     };
-    if (plain(options.output) == plain(options.manifest)) {
-        return wrong_use("package and manifest cannot be the same file");
+    if (plain(options.output) == plain(options.manifest) ||
+        plain(options.output) == plain(options.manifest + SIGNATURE_SUFFIX)) {
+        return wrong_use("package, manifest and signature cannot be the same file");
     }
     Manifest manifest;
     std::vector<Input> inputs;

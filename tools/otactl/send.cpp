@@ -97,7 +97,7 @@ PackageStatus select_modules(const Modules& asked, const std::string& path, Mani
 }
 
 // Makes the request. Everything that can be wrong with the package is found here, before anything
-// is posted. `package` is the name of the combined file, or empty.
+// is posted. `package` is the name of the combined file, if the manifest is of one.
 PackageStatus check_package(const Manifest& manifest, const std::string& directory,
                             const std::string& package, const Trust& trust, Request& request) {
     std::vector<PackageStatus> objections = camera_objections(manifest, trust.rules);
@@ -109,9 +109,9 @@ PackageStatus check_package(const Manifest& manifest, const std::string& directo
         request.modules.push_back(find_module(module.name));
     }
     request.signedByMaker = trust.needsSignature;
-    PackageStatus status = package.empty()
-                               ? request_files(directory, request.modules, request.message)
-                               : request_combined(directory, package, manifest, request.message);
+    PackageStatus status = manifest.combined()
+                               ? request_combined(directory, package, manifest, request.message)
+                               : request_files(directory, request.modules, request.message);
     return status.ok() ? check_files(manifest, directory, package, true, request.checked) : status;
 }
 
@@ -239,6 +239,10 @@ int send_combined(const SendOptions& options) {
     const std::string directory =
         absolute_directory(package.has_parent_path() ? package.parent_path().string() : ".");
     const std::string file = package.filename().string();
+    // Without a name the images that lie in the directory would be posted, not what was checked.
+    if (file.empty() || file == "." || file == "..") {
+        return wrong_use("\"" + options.package + "\" names no package file");
+    }
     const int result = load_trust(options.trust, trust);
     if (result != OTACTL_OK) {
         return result;

@@ -1,6 +1,6 @@
 #include <errno.h>
 #include <string.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <sstream>
@@ -47,14 +47,15 @@ int take_setting(const CLI::ConfigItem& item, TrustOptions& options) {
 
 int read_settings(TrustOptions& options) {
     std::string text;
-    if (access(SETTINGS_PATH, F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+    struct stat status = {};
+    if (lstat(SETTINGS_PATH, &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
         return OTACTL_OK;
     }
     // Settings that cannot be read may be those that keep others' packages out.
-    const PackageStatus status =
+    const PackageStatus read =
         read_small_file(SETTINGS_PATH, SETTINGS_SIZE_MAX, FileKind::REGULAR, text);
-    if (!status.ok()) {
-        print_error(OTACTL, status.text);
+    if (!read.ok()) {
+        print_error(OTACTL, read.text);
         return OTACTL_WRONG_USE;
     }
     std::vector<CLI::ConfigItem> items;

@@ -8,8 +8,8 @@
 
 namespace corvo {
 
-// Serves the thread that made it, and only that one, as long as it lives: a local object of the
-// thread's first procedure, where the bytes are in use before the rest of the stack can be.
+// Serves the thread that made it, and only that one, as long as it lives. To be a local object of
+// the thread's first procedure: the bytes then lie at the stack's begin, out of the way of its use.
 class AlternateStack {
   public:
     AlternateStack() {

@@ -143,12 +143,12 @@ int32_t SystemCall_Dbus_Register(SystemCallDbusInfo* info);
 int32_t SystemCall_Dbus_UnRegister(SystemCallDbusInfo* info);
 
 // One call, blocking until its reply or the time-out (milliseconds; 0 or less: 10000), with up to
-// SYSTEM_CALL_DBUS_CONNECT_MS more when it falls into a reconnection: it is written to the server
-// that the endpoint reaches then. data may be null; dataLen at most 1024. When result is not null,
-// the reply's data, at most resultCapacity bytes of it, is copied there. Any number of threads may
-// call at once. Takes the endpoint lock.
-// Returns the reply's ret, or DBUS_CALL_FAILED, DBUS_WRITE_FAILED, DBUS_NO_MEMORY or
-// DBUS_INVALID_ARGUMENT (no endpoint, one without a client role, or data too long).
+// SYSTEM_CALL_DBUS_CONNECT_MS more for each reconnection that it falls into, at its begin (it is
+// written to the server that the endpoint reaches then) and at its end. data may be null; dataLen
+// at most 1024. When result is not null, the reply's data, at most resultCapacity bytes of it, is
+// copied there. Any number of threads may call at once. Takes the endpoint lock. Returns the
+// reply's ret, or DBUS_CALL_FAILED, DBUS_WRITE_FAILED, DBUS_NO_MEMORY or DBUS_INVALID_ARGUMENT (no
+// endpoint, one without a client role, or data too long).
 int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destination,
                                     const char* method, const void* data, uint32_t dataLen,
                                     void* result, uint32_t resultCapacity, int32_t timeoutMs);

@@ -12,7 +12,7 @@
 // then every signal does what it does to any process. Call once, on the main thread, when the
 // system-call client has been initialised. A thread that is to survive the use-up of its stack long
 // enough for the reboot needs a corvo::AlternateStack. When the signal thread cannot be started, it
-// says so and every signal stays as it was.
+// says so and every signal but SIGPIPE stays as it was.
 void ota_signals_start();
 
 // The reaction to one signal: logs, asks for the reboot (OTA_REBOOT_LONGEST_MS at the most) and,

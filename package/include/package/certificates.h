@@ -23,7 +23,7 @@ struct Keyring {
 // own dates say: a camera that gets no newer one must not stop at the old one, and one whose clock
 // is wrong must not pass it over. An issuer without a list revokes nothing. Returns PACKAGE_OK,
 // PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED for a file without a certificate (a
-// list) in it or with a broken one.
+// list) in it, with a broken one, or with two lists of one issuer.
 PackageStatus load_keyring(const std::string& roots, const std::string& revocations,
                            Keyring& keyring);
 
