@@ -13,6 +13,7 @@
 #include "camera.h"
 #include "files.h"
 #include "ota/ota_data.h"
+#include "stride.h"
 
 namespace {
 
@@ -20,14 +21,6 @@ constexpr uint32_t KERNEL = 3;
 constexpr uint32_t ROOTFS = 4;
 
 const int ONLY = getenv("CORVO_ONLY") == nullptr ? 0 : atoi(getenv("CORVO_ONLY"));
-
-// Under a sanitizer a run takes several times as long: every fourth place, unless CORVO_FULL is
-// set.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const int STRIDE = getenv("CORVO_FULL") == nullptr ? 4 : 1;
-#else
-constexpr int STRIDE = 1;
-#endif
 
 // Other keys hold their number, the last upgrade succeeded.
 const std::string OLD_RECORD = std::string("\x70\1\x72\x73\x74\3\x76", 7);
@@ -100,7 +93,7 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
     const bool torn = name.ends_with("Torn");
     const std::string mode = name.substr(0, name.size() - strlen(torn ? "Torn" : "Cut"));
     bool complete = false;
-    for (int place = std::max(1, ONLY); !complete; place += STRIDE) {
+    for (int place = std::max(1, ONLY); !complete; place += sweep_stride()) {
         SCOPED_TRACE(name + " " + std::to_string(place));
         World world(mode);
         const Outcome outcome =
@@ -176,7 +169,7 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
     World(mode).run();
     const int descriptors = reported(1);
     bool struck = true;
-    for (int place = std::max(1, ONLY); struck; place += STRIDE) {
+    for (int place = std::max(1, ONLY); struck; place += sweep_stride()) {
         SCOPED_TRACE(call + " " + std::to_string(place));
         World world(mode);
         const Fault fault = {.call = call.c_str(),

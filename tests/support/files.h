@@ -47,8 +47,11 @@ std::string without_source_lines(const std::string& text);
 // Runs each case of cases/NAME: a line reads "INPUT -> OUTCOME", and `run` makes the outcome of the
 // input. "\\0" stands for a NUL there. Empty lines, and those
 // that begin with "#", are for the reader. A failure names the row's
-// file and line; with CORVO_ACCEPT in the environment the outcomes are rewritten instead.
-void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run);
+// file and line; with CORVO_ACCEPT in the environment the outcomes are rewritten instead. Of rows
+// that do not build on those before them, some may be left out (stride.h).
+enum class Rows { BUILD_ON_EACH_OTHER, ARE_INDEPENDENT };
+void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run,
+                  Rows rows = Rows::BUILD_ON_EACH_OTHER);
 
 // Catches what goes to standard output from construction to take().
 class CapturedOutput {

@@ -26,13 +26,14 @@ std::string run(const std::string& command) {
 }
 
 void expect_session(const char* name, const std::string& before,
-                    const std::function<std::string()>& more) {
-    expect_cases(name, [&before, &more](std::istream& typed) {
-        const std::string command(std::istreambuf_iterator<char>(typed), {});
+                    const std::function<std::string()>& more, Rows rows) {
+    const auto typed = [&before, &more](std::istream& row) {
+        const std::string command(std::istreambuf_iterator<char>(row), {});
         std::string said = without_source_lines(run(before + command));
         said = replaced(said, R"(there are [^)]*\))", "...)");
         return replaced(said, "(otactl|hal_tool): .*(?=.see --help)", "") + more();
-    });
+    };
+    expect_cases(name, typed, rows);
 }
 
 std::string posted_request(int queue, int flags) {

@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include "files.h"
+
 // A shell command's exit status and the lines that it prints, with " / " before each.
 std::string run(const std::string& command);
 
@@ -12,7 +14,8 @@ std::string run(const std::string& command);
 // parser of arguments says only the hint is ours.
 void expect_session(
     const char* name, const std::string& before,
-    const std::function<std::string()>& more = [] { return ""; });
+    const std::function<std::string()>& more = [] { return ""; },
+    Rows rows = Rows::BUILD_ON_EACH_OTHER);
 
 // The request that was posted to the queue, as text with " / " before it; "" when there is none.
 // `flags` as msgrcv(2) has them.
