@@ -10,12 +10,12 @@
 #include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
-#include "otactl/progress_line.h"
 #include "package/content.h"
 #include "package/manifest.h"
 #include "package/modules.h"
 #include "package/signed_manifest.h"
 #include "package/version.h"
+#include "progress_line.h"
 
 namespace {
 

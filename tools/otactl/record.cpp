@@ -2,8 +2,8 @@
 
 #include "error_line.h"
 #include "otactl/commands.h"
-#include "otactl/outcome.h"
 #include "package/files.h"
+#include "package/outcome.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "error_line.h"
 #include "otactl/commands.h"
-#include "otactl/progress_line.h"
+#include "progress_line.h"
 
 int load_trust(TrustOptions options, Trust& trust) {
     const int result = read_settings(options);

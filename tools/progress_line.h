@@ -1,6 +1,6 @@
 // How far a long reading has come.
-#ifndef TOOLS_OTACTL_PROGRESS_LINE_H
-#define TOOLS_OTACTL_PROGRESS_LINE_H
+#ifndef TOOLS_PROGRESS_LINE_H
+#define TOOLS_PROGRESS_LINE_H
 
 #include <stdint.h>
 #include <stdio.h>
@@ -40,4 +40,4 @@ class ProgressLine {
     int percent_ = -1;
 };
 
-#endif  // TOOLS_OTACTL_PROGRESS_LINE_H
+#endif  // TOOLS_PROGRESS_LINE_H

@@ -1,4 +1,4 @@
-#include "otactl/outcome.h"
+#include "package/outcome.h"
 
 #include <stdint.h>
 
@@ -37,6 +37,29 @@ const char* state_words(uint8_t state) {
 }
 
 }  // namespace
+
+Outcome read_outcome(std::string_view content) {
+    const uint8_t result = value_of(content, OTA_DATA_KEY_RESULT);
+    const uint8_t state = value_of(content, OTA_DATA_KEY_STATE);
+    const bool whole = content.size() == OTA_DATA_KEY_COUNT;
+    if (whole && result == 0) {
+        return Outcome::NONE;
+    }
+    // The two bytes are written one after the other: between them they do not fit together.
+    if (whole && result == OTA_RESULT_SUCCEEDED &&
+        (state == OTA_STATE_SUCCESS || state == OTA_STATE_AUTO_FLASH_SUCCESS)) {
+        return Outcome::SUCCEEDED;
+    }
+    if (whole && result == OTA_RESULT_NOT_SUCCEEDED && state == OTA_STATE_FAILURE) {
+        return Outcome::FAILED;
+    }
+    return Outcome::UNFINISHED;
+}
+
+std::string outcome_words(std::string_view content) {
+    return std::string(result_words(value_of(content, OTA_DATA_KEY_RESULT))) + ", state " +
+           state_words(value_of(content, OTA_DATA_KEY_STATE));
+}
 
 std::string describe_outcome(std::string_view content) {
     const uint8_t result = value_of(content, OTA_DATA_KEY_RESULT);
