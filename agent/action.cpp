@@ -1,0 +1,204 @@
+#include "agent/action.h"
+
+#include <array>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "agent/stored_file.h"
+#include "package/files.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr char ACTION_FILE[] = "action.json";
+constexpr char HISTORY_FILE[] = "history.json";
+constexpr size_t STATE_SIZE_MAX = 1048576;  // bytes
+constexpr size_t HISTORY_ENTRIES = 20;
+
+constexpr std::array<const char*, 6> STAGE_WORDS = {"none",      "downloading", "waiting",
+                                                    "committed", "posted",      "verdict"};
+
+// A field that is not there, or of another type, leaves `value` as it is.
+template <typename T>
+void take(const Json& json, const char* name, T& value) {
+    const auto field = json.find(name);
+    if (field == json.end()) {
+        return;
+    }
+    if constexpr (std::is_same_v<T, std::string>) {
+        if (field->is_string()) {
+            value = field->get<std::string>();
+        }
+    } else if constexpr (std::is_same_v<T, bool>) {
+        if (field->is_boolean()) {
+            value = field->get<bool>();
+        }
+    } else {
+        if (field->is_number_integer()) {
+            value = field->get<T>();
+        }
+    }
+}
+
+// The record's bytes are no text: two hexadecimal digits for each.
+std::string bytes_to_digits(std::string_view bytes) {
+    constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        text += DIGITS[static_cast<unsigned char>(byte) >> 4U];
+        text += DIGITS[static_cast<unsigned char>(byte) & 0xFU];
+    }
+    return text;
+}
+
+std::string digits_to_bytes(const std::string& digits) {
+    std::string bytes;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        bytes += static_cast<char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16));
+    }
+    return bytes;
+}
+
+bool find_stage(const std::string& word, ActionStage& stage) {
+    for (size_t i = 0; i < STAGE_WORDS.size(); ++i) {
+        if (word == STAGE_WORDS[i]) {
+            stage = static_cast<ActionStage>(i);
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string action_text(const ActionRecord& action) {
+    const Json json = {{"stage", stage_word(action.stage)},
+                       {"id", action.id},
+                       {"href", action.href},
+                       {"files", action.files},
+                       {"manifestFile", action.manifestFile},
+                       {"downloadOnly", action.downloadOnly},
+                       {"statuses", action.statuses},
+                       {"refusedCancellation", action.refusedCancellation},
+                       {"manifest", action.manifest},
+                       {"attempts", action.attempts},
+                       {"slotBefore", std::string(1, action.slotBefore)},
+                       {"recordBefore", bytes_to_digits(action.recordBefore)},
+                       {"bootId", action.bootId},
+                       {"processId", action.processId},
+                       {"succeeded", action.succeeded},
+                       {"words", action.words}};
+    return json.dump(1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+bool parse_action_text(const std::string& text, ActionRecord& action) {
+    const Json json = Json::parse(text, nullptr, false);
+    std::string stage;
+    if (!json.is_object()) {
+        return false;
+    }
+    take(json, "stage", stage);
+    take(json, "id", action.id);
+    take(json, "href", action.href);
+    if (const auto files = json.find("files"); files != json.end() && files->is_array()) {
+        for (const Json& file : *files) {
+            if (file.is_string()) {
+                action.files.push_back(file.get<std::string>());
+            }
+        }
+    }
+    take(json, "manifestFile", action.manifestFile);
+    take(json, "downloadOnly", action.downloadOnly);
+    take(json, "statuses", action.statuses);
+    take(json, "refusedCancellation", action.refusedCancellation);
+    take(json, "manifest", action.manifest);
+    take(json, "attempts", action.attempts);
+    std::string slot;
+    take(json, "slotBefore", slot);
+    action.slotBefore = slot.size() == 1 ? slot[0] : '?';
+    std::string record;
+    take(json, "recordBefore", record);
+    action.recordBefore = digits_to_bytes(record);
+    take(json, "bootId", action.bootId);
+    take(json, "processId", action.processId);
+    take(json, "succeeded", action.succeeded);
+    take(json, "words", action.words);
+    return find_stage(stage, action.stage) && !action.id.empty();
+}
+
+}  // namespace
+
+const char* stage_word(ActionStage stage) {
+    return STAGE_WORDS[static_cast<size_t>(stage)];
+}
+
+AgentStatus load_action(const std::string& stateFolder, ActionRecord& action) {
+    action = {};
+    const std::string path = stateFolder + ACTION_FILE;
+    std::string text;
+    const PackageStatus read = read_small_file(path, STATE_SIZE_MAX, FileKind::REGULAR, text);
+    if (read.result == PACKAGE_MISSING) {
+        return {};
+    }
+    if (!read.ok()) {
+        return agent_fault(AGENT_MEDIUM, read.text);
+    }
+    if (!parse_action_text(text, action)) {
+        action = {};
+        return agent_fault(AGENT_MEDIUM, path + " is not what this agent writes");
+    }
+    return {};
+}
+
+AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action) {
+    return store_file(stateFolder + ACTION_FILE, action_text(action));
+}
+
+AgentStatus remove_action(const std::string& stateFolder) {
+    return remove_stored_file(stateFolder + ACTION_FILE);
+}
+
+std::vector<HistoryEntry> load_history(const std::string& stateFolder) {
+    std::vector<HistoryEntry> history;
+    std::string text;
+    if (!read_small_file(stateFolder + HISTORY_FILE, STATE_SIZE_MAX, FileKind::REGULAR, text)
+             .ok()) {
+        return history;
+    }
+    const Json json = Json::parse(text, nullptr, false);
+    if (!json.is_array()) {
+        return history;
+    }
+    for (const Json& line : json) {
+        HistoryEntry entry;
+        if (line.is_object()) {
+            take(line, "id", entry.id);
+            take(line, "version", entry.version);
+            take(line, "succeeded", entry.succeeded);
+            take(line, "told", entry.told);
+            take(line, "words", entry.words);
+            take(line, "time", entry.time);
+            history.push_back(std::move(entry));
+        }
+    }
+    return history;
+}
+
+AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry) {
+    std::vector<HistoryEntry> history = load_history(stateFolder);
+    // A cut between this and the record's removal adds the same again.
+    std::erase_if(history, [&](const HistoryEntry& old) { return old.id == entry.id; });
+    history.push_back(entry);
+    Json json = Json::array();
+    const size_t skipped = history.size() > HISTORY_ENTRIES ? history.size() - HISTORY_ENTRIES : 0;
+    for (size_t i = skipped; i < history.size(); ++i) {
+        const HistoryEntry& line = history[i];
+        json.push_back({{"id", line.id},
+                        {"version", line.version},
+                        {"succeeded", line.succeeded},
+                        {"told", line.told},
+                        {"words", line.words},
+                        {"time", line.time}});
+    }
+    return store_file(stateFolder + HISTORY_FILE,
+                      json.dump(1, ' ', false, Json::error_handler_t::replace) + '\n');
+}

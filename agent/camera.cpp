@@ -1,0 +1,168 @@
+#include "agent/camera.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "hal/flash_mmc.h"
+#include "hal/flash_mtd.h"
+#include "ota/ota_data.h"
+#include "ota/ota_message.h"
+#include "package/content.h"
+#include "package/files.h"
+#include "package/modules.h"
+#include "package/request.h"
+#include "system_call_daemon/command_runner.h"
+
+namespace {
+
+constexpr char SLOT_COMMAND[] = "fw_printenv -n bootsystem 2> /dev/null";
+constexpr int SLOT_LIMIT_MS = 10000;
+constexpr int FITNESS_LIMIT_MS = 60000;
+constexpr size_t RECORD_SIZE_MAX = 64;  // bytes
+constexpr size_t SMALL_TEXT_MAX = 128;  // bytes
+constexpr char BOOT_ID_PATH[] = "/proc/sys/kernel/random/boot_id";
+constexpr char SERVICE_PID_PATH[] = "/tmp/corvo_upgrade.pid";
+constexpr char SERVICE_NAME[] = "corvo_upgrade";
+constexpr size_t CHUNK_SIZE = 65536;
+
+// The first line of a small file, or nothing.
+std::string first_line(const std::string& path) {
+    std::string text;
+    if (!read_small_file(path, SMALL_TEXT_MAX, FileKind::REGULAR, text).ok()) {
+        return "";
+    }
+    return text.substr(0, text.find('\n'));
+}
+
+bool is_service(int64_t processId) {
+    return processId > 0 &&
+           first_line("/proc/" + std::to_string(processId) + "/comm") == SERVICE_NAME;
+}
+
+bool queue_status(msqid_ds& status) {
+    int queue = -1;
+    return open_request_queue(queue).ok() && msgctl(queue, IPC_STAT, &status) == 0;
+}
+
+PackageStatus check_partition(const ManifestModule& module) {
+    const OtaPackageEntry* const entry = find_module(module.name);
+    if (entry == nullptr) {
+        return package_fault(PACKAGE_DIFFERENT, "there is no partition " + module.name);
+    }
+    const int flags = O_RDONLY | O_CLOEXEC;
+    const corvo::UniqueFd partition(entry->flashType == OTA_FLASH_TYPE_MTD
+                                        ? flash_mtd_open(entry->partitionName, flags)
+                                        : flash_mmc_open(entry->partitionName, flags));
+    std::vector<char> chunk(CHUNK_SIZE);
+    Sha256Stream digest;
+    uint64_t left = partition.valid() ? module.size : 0;
+    while (left > 0) {
+        const ssize_t taken =
+            read(partition.get(), chunk.data(), std::min<uint64_t>(left, chunk.size()));
+        if (taken <= 0) {
+            break;
+        }
+        digest.update({chunk.data(), static_cast<size_t>(taken)});
+        left -= static_cast<uint64_t>(taken);
+    }
+    if (!partition.valid() || left > 0) {
+        return package_fault(PACKAGE_UNREADABLE,
+                             "partition " + module.name + " cannot be read: " + strerror(errno));
+    }
+    return digest.take() == module.sha256
+               ? PackageStatus{}
+               : package_fault(PACKAGE_DIFFERENT,
+                               "partition " + module.name + " does not hold the image");
+}
+
+}  // namespace
+
+char boot_slot() {
+    std::array<char, 16> output = {};
+    const CommandResult result = run_command(SLOT_COMMAND, SLOT_LIMIT_MS, output);
+    const bool told = result.started && result.status == 0 && result.outputLength > 0 &&
+                      (output[0] == 'A' || output[0] == 'B');
+    return told ? output[0] : '?';
+}
+
+std::string outcome_record() {
+    std::string record;
+    return read_small_file(OTA_DATA_PATH, RECORD_SIZE_MAX, FileKind::REGULAR, record).ok() ? record
+                                                                                           : "";
+}
+
+std::string kernel_boot_id() {
+    return first_line(BOOT_ID_PATH);
+}
+
+QueueUse queue_use(int64_t processId) {
+    msqid_ds status = {};
+    if (!queue_status(status)) {
+        return QueueUse::NO_QUEUE;
+    }
+    // A sender from another name space of process ids has 0 here, but not its time.
+    if (status.msg_lspid == 0 && status.msg_stime == 0) {
+        return QueueUse::UNUSED;
+    }
+    return status.msg_lspid == processId ? QueueUse::BY_US : QueueUse::BY_OTHERS;
+}
+
+bool service_is_busy(int64_t sender) {
+    msqid_ds status = {};
+    if (sender != 0 && queue_status(status) && status.msg_lspid == sender && status.msg_qnum == 0 &&
+        is_service(status.msg_lrpid)) {
+        return true;
+    }
+    return is_service(strtoll(first_line(SERVICE_PID_PATH).c_str(), nullptr, 10));
+}
+
+bool take_request_back(long messageType) {
+    int queue = -1;
+    OtaQueueMessage message = {};
+    return open_request_queue(queue).ok() &&
+           msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
+}
+
+PackageStatus check_partitions(const Manifest& manifest) {
+    for (const ManifestModule& module : manifest.modules) {
+        PackageStatus status = check_partition(module);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    return {};
+}
+
+bool camera_is_fit(const std::string& command, std::string& words) {
+    if (command.empty()) {
+        return true;
+    }
+    std::array<char, 256> output = {};
+    const CommandResult result = run_command(command.c_str(), FITNESS_LIMIT_MS, output);
+    if (result.started && !result.cut && result.status == 0) {
+        return true;
+    }
+    words.assign(output.data(), result.outputLength);
+    words.resize(std::min(words.find('\n'), words.size()));
+    if (!result.started || result.cut) {
+        words = result.cut ? "the fitness command did not end" : "the fitness command cannot start";
+    } else if (words.empty()) {
+        words = "the fitness command says no (exit status " + std::to_string(result.status) + ")";
+    }
+    return false;
+}
+
+uint64_t free_space(const std::string& folder) {
+    struct statvfs status = {};
+    return statvfs(folder.c_str(), &status) == 0 ? uint64_t{status.f_bavail} * status.f_frsize : 0;
+}

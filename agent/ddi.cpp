@@ -1,0 +1,398 @@
+#include "agent/ddi.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using nlohmann::json;
+
+constexpr int DEPTH_MAX = 64;
+constexpr size_t ID_SIZE_MAX = 64;
+constexpr size_t NAME_SIZE_MAX = 128;
+constexpr size_t LINK_SIZE_MAX = 4096;
+constexpr size_t DETAILS_MAX = 50;
+constexpr size_t SAID_SIZE_MAX = 200;
+constexpr uint32_t SLEEP_MAX_S = 86400;
+
+constexpr bool is_word_character(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_';
+}
+
+// Reads a text into a value whose outermost is an object; what nests deeper than any answer does is
+// not even built. Returns what is wrong, or "".
+std::string read_object(std::string_view text, json& value) {
+    if (text.size() > DDI_TEXT_SIZE_MAX) {
+        return "longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes";
+    }
+    bool tooDeep = false;
+    const auto keep = [&tooDeep](int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
+        tooDeep = tooDeep || depth > DEPTH_MAX;
+        return !tooDeep;
+    };
+    value = json::parse(text, keep, false);
+    if (tooDeep) {
+        return "nested deeper than " + std::to_string(DEPTH_MAX) + " levels";
+    }
+    if (value.is_discarded()) {
+        return "not JSON";
+    }
+    return value.is_object() ? "" : "not a JSON object";
+}
+
+AgentStatus malformed(const char* answer, const std::string& fault) {
+    return fault.empty() ? AgentStatus{}
+                         : agent_fault(AGENT_MALFORMED,
+                                       std::string("the ") + answer + " of the server: " + fault);
+}
+
+// The member of this name; null when the object has none, or has null there.
+const json* find(const json& object, const char* name) {
+    const auto found = object.find(name);
+    return found == object.end() || found->is_null() ? nullptr : &*found;
+}
+
+// The takers below return what is wrong, or "".
+
+std::string take_text(const json& object, const char* name, size_t most, std::string& text) {
+    const json* const value = find(object, name);
+    const auto* const found = value == nullptr ? nullptr : value->get_ptr<const std::string*>();
+    if (found == nullptr || found->empty() || found->size() > most) {
+        return std::string("expected a text of up to ") + std::to_string(most) + " bytes as \"" +
+               name + "\"";
+    }
+    text = *found;
+    return "";
+}
+
+std::string take_id(const json& object, const char* name, std::string& id) {
+    std::string fault = take_text(object, name, ID_SIZE_MAX, id);
+    if (fault.empty() && !std::ranges::all_of(id, is_word_character)) {
+        fault = std::string("expected letters, digits, \"-\" and \"_\" as \"") + name + "\"";
+    }
+    return fault;
+}
+
+// A link that may be missing.
+std::string take_link(const json& links, const char* name, std::string& href) {
+    const json* const link = find(links, name);
+    if (link == nullptr) {
+        return "";
+    }
+    std::string fault =
+        link->is_object() ? take_text(*link, "href", LINK_SIZE_MAX, href) : "not an object";
+    const auto unprintable = [](char c) { return c <= ' ' || c > '~'; };
+    if (fault.empty() && std::ranges::any_of(href, unprintable)) {
+        fault = "expected printable characters as \"href\"";
+    }
+    return fault.empty() ? fault : std::string("link \"") + name + "\": " + fault;
+}
+
+// "HH:MM:SS".
+std::string take_sleep(const json& root, uint32_t& seconds) {
+    const json* const config = find(root, "config");
+    const json* const polling =
+        config == nullptr || !config->is_object() ? config : find(*config, "polling");
+    if (polling == nullptr) {
+        return "";
+    }
+    std::string text;
+    if (polling->is_object()) {
+        if (find(*polling, "sleep") == nullptr) {
+            return "";
+        }
+        // What is no text stays empty.
+        (void)take_text(*polling, "sleep", NAME_SIZE_MAX, text);
+    }
+    constexpr std::string_view FORM = "00:00:00";
+    uint32_t fields[3] = {};
+    bool fits = text.size() == FORM.size();
+    for (size_t i = 0; fits && i < FORM.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        fits = FORM[i] == ':' ? text[i] == ':' : digit;
+        if (digit) {
+            fields[i / 3] = fields[i / 3] * 10 + static_cast<uint32_t>(text[i] - '0');
+        }
+    }
+    if (!fits || fields[1] > 59 || fields[2] > 59) {
+        return "expected HH:MM:SS as \"sleep\" in \"config\", \"polling\"";
+    }
+    seconds = std::clamp(fields[0] * 3600 + fields[1] * 60 + fields[2], 1U, SLEEP_MAX_S);
+    return "";
+}
+
+std::string take_handling(const json& deployment, const char* name, DdiHandling& handling) {
+    struct Word {
+        const char* word;
+        DdiHandling handling;
+    };
+    std::string text;
+    (void)take_text(deployment, name, ID_SIZE_MAX, text);
+    for (const Word& word : {Word{"skip", DdiHandling::SKIP}, Word{"attempt", DdiHandling::ATTEMPT},
+                             Word{"forced", DdiHandling::FORCED}}) {
+        if (text == word.word) {
+            handling = word.handling;
+            return "";
+        }
+    }
+    return std::string(R"(expected "skip", "attempt" or "forced" as ")") + name + "\"";
+}
+
+std::string take_window(const json& deployment, bool& outside) {
+    if (find(deployment, "maintenanceWindow") == nullptr) {
+        return "";
+    }
+    std::string text;
+    (void)take_text(deployment, "maintenanceWindow", ID_SIZE_MAX, text);
+    outside = text == "unavailable";
+    return outside || text == "available"
+               ? ""
+               : R"(expected "available" or "unavailable" as "maintenanceWindow")";
+}
+
+int digit_value(char c) {
+    constexpr std::string_view DIGITS = "0123456789abcdef";
+    return static_cast<int>(
+        DIGITS.find(c >= 'A' && c <= 'F' ? static_cast<char>(c + 'a' - 'A') : c));
+}
+
+std::string take_digest(const json& artifact, Sha256& digest) {
+    const json* const hashes = find(artifact, "hashes");
+    std::string text;
+    if (hashes != nullptr && hashes->is_object()) {
+        (void)take_text(*hashes, "sha256", 2 * SHA256_SIZE, text);
+    }
+    const bool fits = text.size() == 2 * SHA256_SIZE &&
+                      std::ranges::all_of(text, [](char c) { return digit_value(c) >= 0; });
+    for (size_t i = 0; fits && i < SHA256_SIZE; ++i) {
+        digest[i] = static_cast<unsigned char>(digit_value(text[2 * i]) * 16 +
+                                               digit_value(text[2 * i + 1]));
+    }
+    return fits ? "" : R"(expected 64 hexadecimal digits as "sha256" in "hashes")";
+}
+
+// A name that is also fit for the files beside it while it is fetched.
+bool is_fit_name(std::string_view name) {
+    return name.front() != '.' && name.front() != '-' && !name.ends_with(".part") &&
+           name.find(".part.") == std::string_view::npos &&
+           std::ranges::all_of(name, [](char c) { return is_word_character(c) || c == '.'; });
+}
+
+std::string take_file(const json& artifact, DdiFile& file) {
+    std::string fault = take_text(artifact, "filename", NAME_SIZE_MAX, file.name);
+    if (!fault.empty()) {
+        return fault;
+    }
+    if (!is_fit_name(file.name)) {
+        return R"(expected letters, digits, ".", "-" and "_" as "filename")";
+    }
+    const json* const size = find(artifact, "size");
+    if (size == nullptr || !size->is_number_unsigned() || size->get<uint64_t>() > INT64_MAX) {
+        return file.name + ": expected a number of bytes as \"size\"";
+    }
+    file.size = size->get<uint64_t>();
+    fault = take_digest(artifact, file.sha256);
+    const json* const links = find(artifact, "_links");
+    if (fault.empty() && links != nullptr && links->is_object()) {
+        fault = take_link(*links, "download", file.href);
+        if (fault.empty() && file.href.empty()) {
+            fault = take_link(*links, "download-http", file.href);
+        }
+    }
+    if (fault.empty() && file.href.empty()) {
+        fault = "expected a link \"download\" or \"download-http\"";
+    }
+    return fault.empty() ? fault : file.name + ": " + fault;
+}
+
+// Memory cards make no difference between upper and lower case.
+bool same_name(std::string_view left, std::string_view right) {
+    return std::ranges::equal(left, right, [](char a, char b) { return tolower(a) == tolower(b); });
+}
+
+std::string add_file(const json& artifact, std::vector<DdiFile>& files) {
+    DdiFile file;
+    std::string fault = artifact.is_object() ? take_file(artifact, file) : "not an object";
+    if (!fault.empty()) {
+        return fault;
+    }
+    if (files.size() == DDI_FILES_MAX) {
+        return "more than " + std::to_string(DDI_FILES_MAX) + " files";
+    }
+    for (const DdiFile& other : files) {
+        if (same_name(other.name, file.name)) {
+            return "two files of the name " + file.name;
+        }
+    }
+    files.push_back(std::move(file));
+    return "";
+}
+
+std::string take_files(const json& deployment, std::vector<DdiFile>& files) {
+    const json* const chunks = find(deployment, "chunks");
+    if (chunks == nullptr || !chunks->is_array()) {
+        return "expected a list as \"chunks\"";
+    }
+    for (const json& chunk : *chunks) {
+        const json* const artifacts = chunk.is_object() ? find(chunk, "artifacts") : &chunk;
+        if (artifacts == nullptr) {
+            continue;  // a software module without files
+        }
+        if (!artifacts->is_array()) {
+            return "expected a list as \"artifacts\" of each chunk";
+        }
+        for (const json& artifact : *artifacts) {
+            std::string fault = add_file(artifact, files);
+            if (!fault.empty()) {
+                return fault;
+            }
+        }
+    }
+    return "";
+}
+
+std::string take_action(const json& root, DdiAction& action) {
+    std::string fault = take_id(root, "id", action.id);
+    if (!fault.empty()) {
+        return fault;
+    }
+    // The latter when the action waits for consent.
+    const json* deployment = find(root, "deployment");
+    if (deployment == nullptr) {
+        deployment = find(root, "confirmation");
+    }
+    if (deployment == nullptr || !deployment->is_object()) {
+        return R"(expected an object as "deployment" or "confirmation")";
+    }
+    fault = take_handling(*deployment, "download", action.download);
+    if (fault.empty()) {
+        fault = take_handling(*deployment, "update", action.update);
+    }
+    if (fault.empty()) {
+        fault = take_window(*deployment, action.outsideWindow);
+    }
+    return fault.empty() ? take_files(*deployment, action.files) : fault;
+}
+
+// At most so many bytes of a text, whole characters of UTF-8.
+std::string cut(std::string_view text, size_t most) {
+    if (text.size() > most) {
+        size_t end = most;
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+            --end;
+        }
+        text = text.substr(0, end);
+    }
+    return std::string(text);
+}
+
+std::string text_of(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+}  // namespace
+
+AgentStatus parse_poll(std::string_view text, DdiPoll& poll) {
+    poll = {};
+    json root;
+    std::string fault = read_object(text, root);
+    if (fault.empty()) {
+        fault = take_sleep(root, poll.sleepS);
+    }
+    const json* const links = fault.empty() ? find(root, "_links") : nullptr;
+    if (links == nullptr) {
+        return malformed("poll's answer", fault);
+    }
+    if (!links->is_object()) {
+        return malformed("poll's answer", "expected an object as \"_links\"");
+    }
+    struct Link {
+        const char* name;
+        std::string& href;
+    };
+    for (const Link& link :
+         {Link{"configData", poll.configData}, Link{"deploymentBase", poll.deployment},
+          Link{"confirmationBase", poll.confirmation}, Link{"cancelAction", poll.cancellation}}) {
+        fault = take_link(*links, link.name, link.href);
+        if (!fault.empty()) {
+            break;
+        }
+    }
+    return malformed("poll's answer", fault);
+}
+
+AgentStatus parse_action(std::string_view text, DdiAction& action) {
+    action = {};
+    json root;
+    std::string fault = read_object(text, root);
+    if (fault.empty()) {
+        fault = take_action(root, action);
+    }
+    return malformed("action", fault);
+}
+
+AgentStatus parse_cancellation(std::string_view text, DdiCancellation& cancellation) {
+    cancellation = {};
+    json root;
+    std::string fault = read_object(text, root);
+    if (fault.empty()) {
+        fault = take_id(root, "id", cancellation.id);
+    }
+    if (fault.empty()) {
+        const json* const action = find(root, "cancelAction");
+        fault = action != nullptr && action->is_object()
+                    ? take_id(*action, "stopId", cancellation.stopId)
+                    : "expected an object as \"cancelAction\"";
+    }
+    return malformed("cancellation", fault);
+}
+
+std::string error_message(std::string_view text) {
+    json root;
+    std::string message;
+    if (read_object(text, root).empty()) {
+        (void)take_text(root, "message", DDI_TEXT_SIZE_MAX, message);
+    }
+    std::ranges::replace_if(
+        message, [](char c) { return c >= 0 && c < ' '; }, ' ');
+    return cut(message, SAID_SIZE_MAX);
+}
+
+std::string feedback_text(const DdiFeedback& feedback) {
+    constexpr const char* EXECUTIONS[] = {"download",  "downloaded", "proceeding",
+                                          "scheduled", "rejected",   "closed"};
+    constexpr const char* FINISHED[] = {"none", "success", "failure"};
+    json result = {{"finished", FINISHED[static_cast<size_t>(feedback.finished)]}};
+    if (feedback.of > 0) {
+        result["progress"] = {{"cnt", feedback.done}, {"of", feedback.of}};
+    }
+    json details = json::array();
+    for (const std::string& detail : feedback.details) {
+        if (details.size() < DETAILS_MAX) {
+            details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
+        }
+    }
+    return text_of({{"id", feedback.id},
+                    {"status",
+                     {{"execution", EXECUTIONS[static_cast<size_t>(feedback.execution)]},
+                      {"result", std::move(result)},
+                      {"details", std::move(details)}}}});
+}
+
+std::string confirmation_text(bool confirmed, std::string_view detail) {
+    json details = json::array();
+    if (!detail.empty()) {
+        details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
+    }
+    return text_of(
+        {{"confirmation", confirmed ? "confirmed" : "denied"}, {"details", std::move(details)}});
+}
+
+std::string attributes_text(const DdiAttributes& attributes) {
+    json data = json::object();
+    for (const auto& [name, value] : attributes) {
+        data[name] = cut(value, DDI_ATTRIBUTE_SIZE_MAX);
+    }
+    return text_of({{"mode", "replace"}, {"data", std::move(data)}});
+}

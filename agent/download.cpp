@@ -1,0 +1,182 @@
+#include "agent/download.h"
+
+#include "agent/http.h"
+#include "agent/part_file.h"
+
+namespace {
+
+constexpr uint64_t PROGRESS_STEP = 65536;
+
+struct Download {
+    Http& http;
+    const DownloadProgress& progress;
+    PartFile part;
+    uint64_t told = 0;  // bytes
+};
+
+// One request for what is missing, from the head of its answer on.
+struct Fetch {
+    Download& download;
+    bool rest;           // a part is asked for
+    bool begun = false;  // the head was looked at
+    bool unfit = false;  // the part that comes is not the one that was asked for
+};
+
+AgentStatus different(const Download& download, const std::string& how) {
+    return agent_fault(AGENT_DIFFERENT, download.part.file.name + " " + how);
+}
+
+AgentStatus tell(Download& download) {
+    const uint64_t position = download.part.position;
+    if (position < download.told || position - download.told >= PROGRESS_STEP ||
+        position == download.part.file.size) {
+        download.told = position;
+        if (!download.progress(position)) {
+            return agent_fault(AGENT_STOPPED, "asked to end");
+        }
+    }
+    return {};
+}
+
+AgentStatus begin_part(Fetch& fetch, const HttpHead& head) {
+    PartFile& part = fetch.download.part;
+    if (!fetch.rest) {
+        return agent_fault(AGENT_MALFORMED, part.file.name + ": a part came that nobody asked for");
+    }
+    const std::string range = "bytes " + std::to_string(part.position) + "-" +
+                              std::to_string(part.file.size - 1) + "/" +
+                              std::to_string(part.file.size);
+    const bool sameTag = head.entityTag.empty() || head.entityTag == part.record.entityTag;
+    fetch.unfit = head.contentRange != range || !sameTag;
+    // Seen by nobody: the file is asked for anew.
+    return fetch.unfit ? agent_fault(AGENT_MALFORMED, "another part") : AgentStatus{};
+}
+
+AgentStatus begin_whole(Fetch& fetch, const HttpHead& head) {
+    PartFile& part = fetch.download.part;
+    if (head.length >= 0 && static_cast<uint64_t>(head.length) != part.file.size) {
+        return different(fetch.download, "has " + std::to_string(head.length) +
+                                             " bytes, announced were " +
+                                             std::to_string(part.file.size));
+    }
+    return start_part(part, head.entityTag);
+}
+
+AgentStatus take_bytes(Fetch& fetch, const HttpHead& head, std::span<const char> bytes) {
+    if (!fetch.begun) {
+        fetch.begun = true;
+        AgentStatus status = head.code == 206 ? begin_part(fetch, head) : begin_whole(fetch, head);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    PartFile& part = fetch.download.part;
+    if (bytes.size() > part.file.size - part.position) {
+        return different(fetch.download, "is longer than the " + std::to_string(part.file.size) +
+                                             " bytes that were announced");
+    }
+    AgentStatus status = append_part(part, bytes);
+    return status.ok() ? tell(fetch.download) : status;
+}
+
+// Asks for what is missing. `unfit` is set when the answer to a request for a part was of no use.
+AgentStatus ask(Download& download, bool& unfit) {
+    const PartFile& part = download.part;
+    Fetch fetch = {.download = download, .rest = part.position > 0};
+    std::vector<std::string> headers;
+    if (fetch.rest) {
+        headers.push_back("Range: bytes=" + std::to_string(part.position) + "-");
+        headers.push_back("If-Range: " + part.record.entityTag);
+    }
+    HttpHead head;
+    AgentStatus status = download.http.fetch(
+        part.file.href, headers, head, [&fetch](const HttpHead& of, std::span<const char> bytes) {
+            return take_bytes(fetch, of, bytes);
+        });
+    if (status.ok() && !fetch.begun) {
+        status = take_bytes(fetch, head, {});  // it is empty
+    }
+    unfit = fetch.unfit || (fetch.rest && head.code == 416);
+    if (status.ok() && part.position < part.file.size) {
+        status = different(download, "ended after " + std::to_string(part.position) + " of " +
+                                         std::to_string(part.file.size) + " bytes");
+    }
+    return status;
+}
+
+// Fetches what is missing and looks at the whole.
+AgentStatus complete(Download& download) {
+    PartFile& part = download.part;
+    AgentStatus status;
+    if (part.position < part.file.size) {
+        bool unfit = false;
+        status = ask(download, unfit);
+        if (unfit) {
+            status = empty_part(part);
+            status = status.ok() ? ask(download, unfit) : status;
+        }
+    }
+    return status.ok() ? check_sums(part) : status;
+}
+
+AgentStatus fetch_file(Download& download) {
+    PartFile& part = download.part;
+    AgentStatus status = open_part(part);
+    status = status.ok() ? tell(download) : status;
+    if (!status.ok()) {
+        return status;
+    }
+    status = complete(download);
+    // Bytes that were kept may have rotted, as those of one answer may: the file comes anew, once.
+    if (status.result == AGENT_DIFFERENT && !part.record.cameDifferent) {
+        part.record.cameDifferent = true;
+        status = start_part(part, "");
+        status = status.ok() ? complete(download) : status;
+    }
+    switch (status.result) {
+        case AGENT_OK:
+            return put_in_place(part);
+        case AGENT_DIFFERENT:
+            remove_part(part);
+            return status;
+        case AGENT_UNREACHABLE:
+        case AGENT_STOPPED: {
+            AgentStatus kept = keep_part(part);
+            return kept.ok() ? status : kept;
+        }
+        default:
+            return status;
+    }
+}
+
+// Whether the manifest knows all of the file by one digest, as the server does.
+bool is_one_module(const PackageFile& content) {
+    return content.modules.size() == 1 && content.modules[0].size == content.size &&
+           content.modules[0].sha256 && !content.mayBeLonger;
+}
+
+}  // namespace
+
+AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile* content,
+                          const std::string& folder, const DownloadProgress& progress) {
+    if (content != nullptr && is_one_module(*content)) {
+        if (*content->modules[0].sha256 != file.sha256 || content->size != file.size) {
+            return agent_fault(AGENT_DIFFERENT,
+                               file.name + " is another file for the server than for the manifest");
+        }
+        content = nullptr;  // one sum says it all
+    }
+    Http& http = server.http();
+    Download download = {
+        .http = http,
+        .progress = progress,
+        .part = {.file = file, .content = content, .folder = folder, .stop = http.stop()}};
+    AgentStatus status = check_whole_file(download.part);
+    if (status.result == AGENT_DIFFERENT) {
+        return fetch_file(download);
+    }
+    if (status.ok()) {
+        remove_part(download.part);
+    }
+    return status;
+}

@@ -1,0 +1,260 @@
+// ACTION_DOWNLOADING: the package comes into the agent's folder.
+#include <sys/stat.h>
+#include <time.h>
+
+#include <algorithm>
+
+#include "agent/camera.h"
+#include "agent/download.h"
+#include "agent/steps.h"
+#include "package/camera.h"
+#include "package/files.h"
+#include "package/signed_manifest.h"
+#include "progress_line.h"
+
+namespace {
+
+// Left free on the card beside the package, for whatever else lies there.
+constexpr uint64_t SPACE_LEFT = 1048576;
+constexpr uint32_t PROGRESS_STEPS = 10;
+constexpr uint64_t MS_PER_S = 1000;
+constexpr uint32_t SHORTEST_LOOK_S = 10;
+constexpr uint32_t GONE_OFFERS_MAX = 2;
+
+// The state of one package's download.
+struct Fetching {
+    uint64_t all = 0;     // bytes of the images
+    uint64_t before = 0;  // bytes of those that are complete
+    uint32_t step = 0;    // of PROGRESS_STEPS, that was told last
+    uint64_t lookedAtMs = 0;
+    bool asked = false;  // the server may have changed its mind
+};
+
+const DdiFile* find_file(const DdiAction& offer, const std::string& name) {
+    const auto found = std::ranges::find(offer.files, name, &DdiFile::name);
+    return found == offer.files.end() ? nullptr : &*found;
+}
+
+// The one manifest that has its signature beside it. Null when there is none, or more than one.
+const DdiFile* find_manifest(const DdiAction& offer) {
+    const DdiFile* manifest = nullptr;
+    for (const DdiFile& file : offer.files) {
+        if (find_file(offer, file.name + SIGNATURE_SUFFIX) == nullptr) {
+            continue;
+        }
+        if (manifest != nullptr) {
+            return nullptr;
+        }
+        manifest = &file;
+    }
+    return manifest;
+}
+
+std::string names_of(const DdiAction& offer) {
+    std::string names;
+    for (const DdiFile& file : offer.files) {
+        names += (names.empty() ? "" : ", ") + file.name;
+    }
+    return names;
+}
+
+// Whether the files are those that the manifest names, and no other.
+bool is_complete(const DdiAction& offer, const std::string& manifestName,
+                 const std::vector<PackageFile>& files, std::string& wrong) {
+    for (const PackageFile& file : files) {
+        const DdiFile* const offered = find_file(offer, file.name);
+        if (offered == nullptr || offered->size != file.size) {
+            wrong =
+                "the manifest names " + file.name + " of " + std::to_string(file.size) +
+                " bytes, the server " +
+                (offered == nullptr ? "does not offer it" : "has " + std::to_string(offered->size));
+            return false;
+        }
+    }
+    for (const DdiFile& file : offer.files) {
+        const bool named = file.name == manifestName ||
+                           file.name == manifestName + SIGNATURE_SUFFIX ||
+                           std::ranges::find(files, file.name, &PackageFile::name) != files.end();
+        if (!named) {
+            wrong = "the manifest does not name " + file.name;
+            return false;
+        }
+    }
+    return true;
+}
+
+uint64_t bytes_there(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+bool has_room(const Agent& agent, const std::vector<PackageFile>& files, std::string& wrong) {
+    uint64_t needed = SPACE_LEFT;
+    for (const PackageFile& file : files) {
+        const std::string path = agent.folder + file.name;
+        const uint64_t there = std::max(bytes_there(path), bytes_there(path + PART_SUFFIX));
+        needed += file.size - std::min(file.size, there);
+    }
+    const uint64_t room = free_space(agent.folder);
+    wrong = "the package needs " + std::to_string(needed) + " more bytes, " + agent.folder +
+            " has room for " + std::to_string(room);
+    return room >= needed;
+}
+
+// Whether the server still wants this action to go on, asked now and then.
+bool still_wanted(Agent& agent, Fetching& fetching) {
+    const uint64_t now = monotonic_ms();
+    if (now - fetching.lookedAtMs < std::max(agent.sleepS, SHORTEST_LOOK_S) * MS_PER_S) {
+        return true;
+    }
+    fetching.lookedAtMs = now;
+    DdiPoll poll;
+    fetching.asked = agent.server.poll(poll).ok() && poll.deployment.empty();
+    return !fetching.asked;
+}
+
+bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64_t bytes) {
+    const uint64_t there = fetching.before + bytes;
+    const auto step = static_cast<uint32_t>(there * PROGRESS_STEPS / fetching.all);
+    if (step > fetching.step) {
+        fetching.step = step;
+        const std::string text =
+            "downloading " + file.name + ", " + std::to_string(there * 100 / fetching.all) + " %";
+        if (isatty(STDOUT_FILENO) != 1) {
+            say(agent, text);
+        }
+        const AgentStatus told = tell(agent, DdiExecution::DOWNLOAD, text, step, PROGRESS_STEPS);
+        fetching.asked = told.result == AGENT_GONE;
+    }
+    return !fetching.asked && still_wanted(agent, fetching);
+}
+
+// A file that was just fetched is what it must be; who changes it after that is found.
+void remember_file(Agent& agent, const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0) {
+        agent.checked.push_back({.path = path,
+                                 .device = status.st_dev,
+                                 .inode = status.st_ino,
+                                 .size = status.st_size,
+                                 .modified = status.st_mtim,
+                                 .changed = status.st_ctim});
+    }
+}
+
+AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
+                       const PackageFile* content) {
+    // The server may count every request for a file as a status.
+    if (++agent.action.statuses >= STATUSES_MAX) {
+        return agent_fault(AGENT_DIFFERENT, "given up: too many interrupted downloads");
+    }
+    ProgressLine line(content != nullptr, file.name + " downloaded",
+                      std::max<uint64_t>(file.size, 1));
+    const auto progress = [&](uint64_t bytes) {
+        line.show(bytes);
+        return content == nullptr || show_progress(agent, fetching, file, bytes);
+    };
+    AgentStatus status = download_file(agent.files, file, content, agent.folder, progress);
+    if (status.ok()) {
+        remember_file(agent, agent.folder + file.name);
+        fetching.before += content == nullptr ? 0 : file.size;
+    }
+    return status;
+}
+
+// What a file that did not come means for the action.
+AgentStatus cannot_fetch(Agent& agent, const Fetching& fetching, AgentStatus status) {
+    switch (status.result) {
+        case AGENT_STOPPED:
+            return agent.stop || !fetching.asked ? status : agent_fault(AGENT_GONE, "");
+        case AGENT_GONE:
+            // An action that has ended has no files either: the server says which it is.
+            if (++agent.goneOffers < GONE_OFFERS_MAX) {
+                return status;
+            }
+            return conclude(agent, false, status.text);
+        case AGENT_DIFFERENT:
+        case AGENT_MALFORMED:
+        case AGENT_MEDIUM:
+            return conclude(agent, false, status.text);
+        default:
+            break;
+    }
+    // The count of requests must not be lost with this process.
+    const AgentStatus stored = store(agent);
+    return stored.ok() ? status : stored;
+}
+
+// The manifest and its signature, before anything large: who made it, and whether this camera takes
+// it. A record with a verdict when not.
+AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& offer,
+                           Manifest& manifest) {
+    const DdiFile* const file = find_manifest(offer);
+    if (file == nullptr) {
+        return conclude(agent, false,
+                        "expected one manifest with its signature and the files that it names, "
+                        "the server offers " +
+                            names_of(offer));
+    }
+    const DdiFile* const signature = find_file(offer, file->name + SIGNATURE_SUFFIX);
+    if (file->size > MANIFEST_SIZE_MAX || signature->size > SIGNATURE_SIZE_MAX) {
+        return conclude(agent, false, file->name + " or its signature is too large to be one");
+    }
+    agent.action.manifestFile = file->name;
+    for (const DdiFile* small : {file, signature}) {
+        const AgentStatus status = fetch_file(agent, fetching, *small, nullptr);
+        if (!status.ok()) {
+            return cannot_fetch(agent, fetching, status);
+        }
+    }
+    const PackageStatus taken = read_manifest(agent, manifest);
+    return taken.ok() ? AgentStatus{} : conclude(agent, false, taken.text);
+}
+
+}  // namespace
+
+PackageStatus read_manifest(const Agent& agent, Manifest& manifest) {
+    Signer signer;
+    PackageStatus status = read_signed_manifest(agent.folder + agent.action.manifestFile,
+                                                agent.keyring, time(nullptr), manifest, signer);
+    CameraRules rules = {.compatible = agent.settings.compatible, .runningVersion = ""};
+    if (status.ok() && !agent.settings.versionFile.empty()) {
+        status = read_running_version(agent.settings.versionFile, rules.runningVersion);
+    }
+    if (!status.ok()) {
+        return status;
+    }
+    std::vector<PackageStatus> objections = camera_objections(manifest, rules);
+    return objections.empty() ? PackageStatus{} : std::move(objections.front());
+}
+
+AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
+    std::string wrong;
+    if (!camera_is_fit(agent.settings.fitnessCommand, wrong)) {
+        wait_for(agent, wrong);
+        return {};
+    }
+    Fetching fetching = {.lookedAtMs = monotonic_ms()};
+    Manifest manifest;
+    AgentStatus status = fetch_manifest(agent, fetching, offer, manifest);
+    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
+        return status;
+    }
+    const std::vector<PackageFile> files = package_files(manifest);
+    if (!is_complete(offer, agent.action.manifestFile, files, wrong) ||
+        !has_room(agent, files, wrong)) {
+        return conclude(agent, false, wrong);
+    }
+    for (const PackageFile& file : files) {
+        fetching.all += file.size;
+    }
+    for (const PackageFile& file : files) {
+        status = fetch_file(agent, fetching, *find_file(offer, file.name), &file);
+        if (!status.ok()) {
+            return cannot_fetch(agent, fetching, status);
+        }
+    }
+    say(agent, manifest.version + " is here, and is what was signed");
+    agent.action.stage = ACTION_WAITING;
+    return store(agent);
+}

@@ -1,0 +1,353 @@
+#include "agent/http.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <new>
+
+#include "agent/ddi.h"
+#include "agent/url.h"
+#include "base/version.h"
+
+namespace {
+
+constexpr int REDIRECTS_MAX = 5;
+constexpr size_t ENTITY_TAG_SIZE_MAX = 256;
+constexpr curl_off_t RETRY_AFTER_MAX_S = 86400;
+// Bytes a second: slower than this for the stall time-out is as good as nothing, so that a server
+// that drips cannot hold a camera for ever.
+constexpr long SPEED_MIN = 64;
+
+struct ListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+struct TextDeleter {
+    void operator()(char* text) const { curl_free(text); }
+};
+using OwnedList = std::unique_ptr<curl_slist, ListDeleter>;
+using OwnedText = std::unique_ptr<char, TextDeleter>;
+
+AgentStatus unreachable(const std::string& url, const std::string& reason) {
+    return agent_fault(AGENT_UNREACHABLE, "cannot reach " + shown_url(url) + ": " + reason);
+}
+
+AgentStatus malformed(const std::string& text) {
+    return agent_fault(AGENT_MALFORMED, text);
+}
+
+AgentResult result_of(long code) {
+    switch (code) {
+        case 401:
+        case 403:
+        case 407:
+            return AGENT_REFUSED;
+        case 404:
+        case 410:
+            return AGENT_GONE;
+        case 408:
+        case 425:
+        case 429:
+            return AGENT_UNREACHABLE;
+        default:
+            return code >= 500 ? AGENT_UNREACHABLE : AGENT_MALFORMED;
+    }
+}
+
+// What an answer other than success means. `said` is what the server says of it, or empty.
+AgentStatus refusal(const std::string& method, const std::string& url, const HttpHead& head,
+                    const std::string& said) {
+    AgentStatus status = agent_fault(
+        result_of(head.code), method + " " + shown_url(url) + ": the server answers " +
+                                  std::to_string(head.code) + (said.empty() ? "" : ", ") + said);
+    status.retryAfterS = head.retryAfterS;
+    return status;
+}
+
+bool is_success(const HttpHead& head) {
+    return head.code >= 200 && head.code < 300;
+}
+
+bool is_redirect(const HttpHead& head) {
+    return head.code >= 300 && head.code < 400 && !head.location.empty();
+}
+
+std::string header(CURL* handle, const char* name) {
+    curl_header* found = nullptr;
+    return curl_easy_header(handle, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? found->value
+                                                                                    : "";
+}
+
+HttpHead head_of(CURL* handle) {
+    HttpHead head;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &head.code);
+    const char* location = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_REDIRECT_URL, &location);
+    head.location = location == nullptr ? "" : location;
+    curl_off_t number = -1;
+    curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &number);
+    head.length = number;
+    number = 0;
+    curl_easy_getinfo(handle, CURLINFO_RETRY_AFTER, &number);
+    head.retryAfterS = static_cast<uint32_t>(std::clamp<curl_off_t>(number, 0, RETRY_AFTER_MAX_S));
+    head.contentRange = header(handle, "Content-Range");
+    head.entityTag = header(handle, "ETag");
+    const auto unprintable = [](char c) { return c < ' ' || c > '~'; };
+    if (head.entityTag.size() > ENTITY_TAG_SIZE_MAX ||
+        std::ranges::any_of(head.entityTag, unprintable)) {
+        head.entityTag.clear();
+    }
+    return head;
+}
+
+// Sets options. An option that this libcurl does not take is not passed over: the exchange is not
+// made.
+struct Options {
+    CURL* handle;
+    CURLcode fault = CURLE_OK;
+
+    template <typename Value>
+    void set(CURLoption option, Value value) {
+        if (fault == CURLE_OK) {
+            fault = curl_easy_setopt(handle, option, value);
+        }
+    }
+};
+
+bool add(OwnedList& list, const std::string& line) {
+    curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
+    if (longer != nullptr) {
+        (void)list.release();
+        list.reset(longer);
+    }
+    return longer != nullptr;
+}
+
+// What libcurl hands to its call-backs.
+struct Exchange {
+    CURL* handle;
+    HttpHead& head;
+    const HttpContent& content;
+    AgentStatus status;
+};
+
+size_t take_content(const char* bytes, size_t /*one*/, size_t size, void* user) noexcept {
+    Exchange& exchange = *static_cast<Exchange*>(user);
+    if (exchange.head.code == 0) {
+        exchange.head = head_of(exchange.handle);
+    }
+    if (size > 0) {
+        exchange.status = exchange.content(exchange.head, {bytes, size});
+    }
+    return exchange.status.ok() ? size : CURL_WRITEFUNC_ERROR;
+}
+
+// Also called about once a second when no byte comes.
+int ask_to_stop(void* stop, curl_off_t /*total*/, curl_off_t /*done*/, curl_off_t /*toSend*/,
+                curl_off_t /*sent*/) noexcept {
+    return *static_cast<const std::atomic<bool>*>(stop) ? 1 : 0;
+}
+
+void set_trust(Options& options, const ServerSettings& settings, bool proven) {
+    options.set(CURLOPT_PROTOCOLS_STR, "http,https");
+    options.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    options.set(CURLOPT_SSL_VERIFYPEER, 1L);
+    options.set(CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!settings.ca.empty()) {
+        options.set(CURLOPT_CAINFO, settings.ca.c_str());
+        options.set(CURLOPT_CAPATH, nullptr);  // these and no others
+    }
+    if (!proven || settings.certificate.empty()) {
+        return;
+    }
+    options.set(CURLOPT_SSLCERT, settings.certificate.c_str());
+    if (!settings.key.empty()) {
+        options.set(CURLOPT_SSLKEY, settings.key.c_str());
+        options.set(CURLOPT_SSLKEYTYPE, settings.key.starts_with("pkcs11:") ? "ENG" : "PEM");
+    }
+    // A key that is locked is refused; nobody is there to be asked at the terminal.
+    options.set(CURLOPT_KEYPASSWD, "");
+}
+
+void set_limits(Options& options, const ServerSettings& settings, uint32_t limitS,
+                uint64_t bytesPerS) {
+    options.set(CURLOPT_NOSIGNAL, 1L);
+    // The windows of HTTP/2 take megabytes.
+    options.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    options.set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(settings.connectTimeoutS));
+    options.set(CURLOPT_TIMEOUT, static_cast<long>(limitS));
+    options.set(CURLOPT_LOW_SPEED_LIMIT, SPEED_MIN);
+    options.set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(settings.stallTimeoutS));
+    options.set(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(bytesPerS));
+}
+
+}  // namespace
+
+struct Http::Request {
+    const char* method;
+    const std::string& url;
+    const std::vector<std::string>& headers;
+    const std::string& body;  // of POST and PUT
+    bool proven;              // the camera says who it is
+    uint32_t limitS = 0;      // for all of it; 0: as long as bytes come
+    uint64_t bytesPerS = 0;   // 0: as fast as it goes
+};
+
+void CurlDeleter::operator()(void* handle) const {
+    curl_easy_cleanup(handle);
+    curl_global_cleanup();
+}
+
+Http::Http(ServerSettings settings, const std::atomic<bool>& stop)
+    : settings_(std::move(settings)), stop_(stop) {
+    // Counts, as its opposite does.
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
+        handle_.reset(curl_easy_init());
+    }
+    if (!handle_) {
+        throw std::bad_alloc();
+    }
+}
+
+std::string Http::path_part(const std::string& text) const {
+    const OwnedText part(
+        curl_easy_escape(handle_.get(), text.c_str(), static_cast<int>(text.size())));
+    if (!part) {
+        throw std::bad_alloc();
+    }
+    return part.get();
+}
+
+AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpContent& content) {
+    head = {};
+    if (stop_) {
+        return agent_fault(AGENT_STOPPED, "asked to end");
+    }
+    CURL* const handle = handle_.get();
+    curl_easy_reset(handle);  // its connections stay
+    OwnedList headers;
+    bool there = true;
+    for (const std::string& line : request.headers) {
+        there = there && add(headers, line);
+    }
+    if (request.proven && !settings_.authorization.empty()) {
+        there = there && add(headers, "Authorization: " + settings_.authorization);
+    }
+    char reason[CURL_ERROR_SIZE] = "";
+    Exchange exchange = {handle, head, content, {}};
+    Options options = {handle, there ? CURLE_OK : CURLE_OUT_OF_MEMORY};
+    options.set(CURLOPT_URL, request.url.c_str());
+    options.set(CURLOPT_CUSTOMREQUEST, request.method);
+    options.set(CURLOPT_HTTPHEADER, headers.get());
+    options.set(CURLOPT_USERAGENT, "corvo_agent/" CORVO_VERSION);
+    if (!request.body.empty()) {
+        options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        options.set(CURLOPT_POSTFIELDS, request.body.c_str());
+    }
+    options.set(CURLOPT_WRITEFUNCTION, take_content);
+    options.set(CURLOPT_WRITEDATA, &exchange);
+    options.set(CURLOPT_XFERINFOFUNCTION, ask_to_stop);
+    options.set(CURLOPT_XFERINFODATA, &stop_);
+    options.set(CURLOPT_NOPROGRESS, 0L);
+    options.set(CURLOPT_ERRORBUFFER, reason);
+    set_limits(options, settings_, request.limitS, request.bytesPerS);
+    set_trust(options, settings_, request.proven);
+    if (options.fault == CURLE_OK) {
+        options.fault = curl_easy_perform(handle);
+    }
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+    if (head.code == 0 && options.fault == CURLE_OK) {
+        head = head_of(handle);
+    }
+    if (!exchange.status.ok()) {
+        return exchange.status;
+    }
+    if (options.fault == CURLE_ABORTED_BY_CALLBACK) {
+        return agent_fault(AGENT_STOPPED, "asked to end");
+    }
+    return options.fault == CURLE_OK
+               ? AgentStatus{}
+               : unreachable(request.url,
+                             reason[0] == '\0' ? curl_easy_strerror(options.fault) : reason);
+}
+
+AgentStatus Http::call(const char* method, const std::string& url, const std::string& body,
+                       std::string& answer) {
+    const UrlParts server = url_parts(settings_.url);
+    const std::vector<std::string> headers = {"Accept: application/hal+json, application/json",
+                                              "Content-Type: application/json"};
+    const auto content = [&answer](const HttpHead& /*head*/, std::span<const char> bytes) {
+        if (bytes.size() > DDI_TEXT_SIZE_MAX - answer.size()) {
+            return malformed("longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes");
+        }
+        answer.append(bytes.begin(), bytes.end());
+        return AgentStatus{};
+    };
+    std::string place = url;
+    for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
+        if (!server.same_origin(url_parts(place))) {
+            return malformed(shown_url(place) + " is not of the server " +
+                             shown_url(settings_.url));
+        }
+        answer.clear();
+        HttpHead head;
+        AgentStatus status =
+            exchange({.method = method,
+                      .url = place,
+                      .headers = headers,
+                      .body = body,
+                      .proven = true,
+                      .limitS = settings_.connectTimeoutS + settings_.stallTimeoutS},
+                     head, content);
+        if (status.result == AGENT_STOPPED || head.code == 0) {
+            return status;
+        }
+        // The others ask for a GET instead.
+        const bool same = body.empty() || head.code == 307 || head.code == 308;
+        if (is_redirect(head) && same) {
+            place = head.location;
+            continue;
+        }
+        if (!is_success(head)) {
+            return refusal(method, place, head, error_message(answer));
+        }
+        if (!status.ok() && status.result != AGENT_UNREACHABLE) {
+            status.text = shown_url(place) + ": " + status.text;
+        }
+        return status;
+    }
+    return malformed(shown_url(url) + " is redirected more than " + std::to_string(REDIRECTS_MAX) +
+                     " times");
+}
+
+AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& headers,
+                        HttpHead& head, const HttpContent& content) {
+    const UrlParts server = url_parts(settings_.url);
+    const auto file_content = [&content](const HttpHead& of, std::span<const char> bytes) {
+        const bool file = of.code == 200 || of.code == 206;
+        return file ? content(of, bytes) : malformed("no file");
+    };
+    std::string place = url;
+    for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
+        const UrlParts parts = url_parts(place);
+        if (parts.scheme != "https" && (parts.scheme != "http" || server.scheme != "http")) {
+            return malformed(shown_url(place) + ": expected a link by https");
+        }
+        AgentStatus status = exchange({.method = "GET",
+                                       .url = place,
+                                       .headers = headers,
+                                       .body = "",
+                                       .proven = redirects == 0 && server.same_origin(parts),
+                                       .bytesPerS = settings_.rateLimit},
+                                      head, file_content);
+        if (status.result == AGENT_STOPPED || head.code == 0) {
+            return status;
+        }
+        if (is_redirect(head)) {
+            place = head.location;
+            continue;
+        }
+        return head.code == 200 || head.code == 206 ? status : refusal("GET", place, head, "");
+    }
+    return malformed(shown_url(url) + " is redirected more than " + std::to_string(REDIRECTS_MAX) +
+                     " times");
+}

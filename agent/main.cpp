@@ -1,0 +1,112 @@
+// corvo_agent: brings what an update server has for this camera to the upgrade service, and tells
+// the server what became of it.
+#include <string>
+#include <utility>
+
+#include "agent/loop.h"
+#include "agent/settings.h"
+#include "agent/status.h"
+#include "command_line.h"
+
+namespace {
+
+struct Arguments {
+    AgentSettings settings;
+    std::string checkPartitions = "on";
+    bool json = false;
+};
+
+void add_settings(CLI::App& app, Arguments& arguments) {
+    AgentSettings& settings = arguments.settings;
+    ServerSettings& server = settings.server;
+    const auto text = [&app](const char* name, std::string& value, const char* help) {
+        app.add_option(name, value, help)->capture_default_str();
+    };
+    app.set_config("--config", AGENT_SETTINGS_PATH, "The settings' file");
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    text("--server", server.url, "URL of the update server");
+    text("--tenant", server.tenant, "The server's tenant");
+    text("--controller-id", server.controllerId, "This camera's name there (the host name)");
+    text("--target-token-file", settings.targetTokenFile, "Holds this camera's token; mode 600");
+    text("--gateway-token-file", settings.gatewayTokenFile, "Holds the tenant's token; mode 600");
+    text("--certificate", server.certificate, "This camera's certificate (PEM)");
+    text("--key", server.key, "Its key: a file or a PKCS#11 URI");
+    text("--ca", server.ca, "Who may vouch for the server (PEM; the system's authorities)");
+    text("--keyring", settings.keyring, "Root certificates of whose packages are taken (PEM)");
+    text("--crl", settings.crl, "Certificate revocation lists (PEM)");
+    text("--compatible", settings.compatible, "The kind of this camera");
+    text("--version-file", settings.versionFile, "Says which version runs");
+    text("--check-partitions", arguments.checkPartitions,
+         "Hash the partitions after the restart: on or off");
+    text("--download-folder", settings.downloadFolder, "Where packages go");
+    text("--state-folder", settings.stateFolder, "What a power cut must not take");
+    app.add_option("--rate-limit", server.rateLimit, "Bytes a second of downloads (0: no limit)");
+    app.add_option("--connect-timeout", server.connectTimeoutS, "Seconds")->capture_default_str();
+    app.add_option("--stall-timeout", server.stallTimeoutS, "Seconds without a byte")
+        ->capture_default_str();
+    app.add_option("--attribute", settings.attributes, "NAME=VALUE that the server may filter by")
+        ->allow_extra_args(false);
+    text("--confirm", settings.confirm, "When the server asks for consent: auto or ask");
+    text("--window", settings.window, "When an upgrade that is not forced may start: 02:00-04:00");
+    text("--fitness-command", settings.fitnessCommand,
+         "Its exit status says whether the camera may be upgraded now");
+}
+
+int run(const CLI::App& app, Arguments& arguments) {
+    AgentSettings& settings = arguments.settings;
+    Keyring keyring;
+    AgentStatus status;
+    if (arguments.checkPartitions != "on" && arguments.checkPartitions != "off") {
+        status = agent_fault(AGENT_MALFORMED, "check-partitions: on or off, not \"" +
+                                                  arguments.checkPartitions + "\"");
+    }
+    settings.checkPartitions = arguments.checkPartitions == "on";
+    if (status.ok()) {
+        status = complete_settings(settings, keyring);
+    }
+    if (!status.ok()) {
+        print_error(AGENT, status.text);
+        return AGENT_EXIT_WRONG_USE;
+    }
+    if (app.got_subcommand("run")) {
+        return run_agent(settings, std::move(keyring));
+    }
+    if (app.got_subcommand("once")) {
+        return run_once(settings, std::move(keyring));
+    }
+    if (app.got_subcommand("report")) {
+        return report(settings, std::move(keyring));
+    }
+    status = app.got_subcommand("status") ? print_status(settings, arguments.json)
+                                          : give_consent(settings, app.got_subcommand("confirm"));
+    if (!status.ok()) {
+        print_error(AGENT, status.text);
+        return AGENT_EXIT_FAILED;
+    }
+    return AGENT_EXIT_OK;
+}
+
+int program(int argc, char** argv) {
+    Arguments arguments;
+    CLI::App app("Brings an update server's packages to this camera's upgrade service.", AGENT);
+    app.require_subcommand(1);
+    app.fallthrough();
+    add_settings(app, arguments);
+    app.add_subcommand("run", "Poll for ever");
+    app.add_subcommand("once", "One poll and all that follows from it");
+    app.add_subcommand("status", "What is in hand, the last poll and the last outcome")
+        ->add_flag("--json", arguments.json, "Print JSON");
+    app.add_subcommand("confirm", "Agree to the update that waits for consent");
+    app.add_subcommand("deny", "Refuse it");
+    app.add_subcommand("report", "Tell the server what runs on this camera");
+    if (const auto status = parse_command_line(app, argc, argv)) {
+        return *status;
+    }
+    return run(app, arguments);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return run_guarded(AGENT, [&] { return program(argc, argv); });
+}

@@ -1,0 +1,222 @@
+#include "agent/part_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "agent/download.h"
+
+namespace {
+
+// Bytes are flushed before any behind a multiple of this are written: what is below the last
+// multiple is on the medium, whenever the power goes.
+constexpr uint64_t FLUSH_STEP = 1048576;
+constexpr size_t READ_SIZE = 65536;
+constexpr char RECORD_SUFFIX[] = ".from";
+
+std::string whole_path(const PartFile& part) {
+    return part.folder + part.file.name;
+}
+
+std::string part_path(const PartFile& part) {
+    return whole_path(part) + PART_SUFFIX;
+}
+
+std::string record_path(const PartFile& part) {
+    return part_path(part) + RECORD_SUFFIX;
+}
+
+AgentStatus different(const std::string& text) {
+    return agent_fault(AGENT_DIFFERENT, text);
+}
+
+void begin_sums(PartFile& part) {
+    part.position = 0;
+    (void)part.sha256.take();
+    part.check.reset();
+    if (part.content != nullptr) {
+        part.check.emplace(*part.content, part.file.name);
+    }
+}
+
+AgentStatus sum_up(PartFile& part, std::span<const char> bytes) {
+    part.sha256.update(bytes);
+    if (!part.check) {
+        return {};
+    }
+    PackageStatus status = part.check->feed(bytes);
+    return status.ok() ? AgentStatus{} : different(status.text);
+}
+
+// Sums up the first `size` bytes of a file.
+AgentStatus read_back(PartFile& part, int file, uint64_t size) {
+    begin_sums(part);
+    const auto buffer = std::make_unique<std::array<char, READ_SIZE>>();
+    while (part.position < size) {
+        if (part.stop) {
+            return agent_fault(AGENT_STOPPED, "asked to end");
+        }
+        errno = EIO;  // when the file has become shorter
+        const ssize_t taken =
+            pread(file, buffer->data(),
+                  static_cast<size_t>(std::min<uint64_t>(READ_SIZE, size - part.position)),
+                  static_cast<off_t>(part.position));
+        if (taken <= 0) {
+            return medium_fault("read", whole_path(part));
+        }
+        AgentStatus status = sum_up(part, {buffer->data(), static_cast<size_t>(taken)});
+        if (!status.ok()) {
+            return status;
+        }
+        part.position += static_cast<uint64_t>(taken);
+    }
+    return {};
+}
+
+// How many bytes of NAME.part can be relied on. It does not matter under which link they came: its
+// query may change with each poll, and the entity tag is asked for again.
+uint64_t reliable_bytes(const PartRecord& record, uint64_t size) {
+    if (record.entityTag.empty() || size > record.size || record.kept > size) {
+        return 0;
+    }
+    const uint64_t flushed = size == 0 ? 0 : (size - 1) / FLUSH_STEP * FLUSH_STEP;
+    return std::max(flushed, record.kept);
+}
+
+}  // namespace
+
+AgentStatus check_whole_file(PartFile& part) {
+    const std::string path = whole_path(part);
+    const corvo::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat status = {};
+    AgentStatus result = different(path + " is not there");
+    if (file.valid() && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<uint64_t>(status.st_size) == part.file.size) {
+        result = read_back(part, file.get(), part.file.size);
+        if (result.ok()) {
+            result = check_sums(part);
+        }
+    }
+    if (result.result == AGENT_DIFFERENT && unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return medium_fault("remove", path);
+    }
+    return result;
+}
+
+AgentStatus open_part(PartFile& part) {
+    const std::string path = part_path(part);
+    part.descriptor.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    struct stat status = {};
+    if (!part.descriptor.valid() || fstat(part.descriptor.get(), &status) != 0) {
+        return medium_fault("write", path);
+    }
+    PartRecord& record = part.record;
+    if (!load_part_record(record_path(part), record) || record.size != part.file.size ||
+        record.sha256 != part.file.sha256) {
+        record = {};
+    }
+    const uint64_t size = reliable_bytes(record, static_cast<uint64_t>(status.st_size));
+    if (size == 0) {
+        return empty_part(part);
+    }
+    if (ftruncate(part.descriptor.get(), static_cast<off_t>(size)) != 0) {
+        return medium_fault("cut", path);
+    }
+    AgentStatus result = read_back(part, part.descriptor.get(), size);
+    return result.result == AGENT_DIFFERENT ? empty_part(part) : result;
+}
+
+AgentStatus empty_part(PartFile& part) {
+    if (ftruncate(part.descriptor.get(), 0) != 0) {
+        return medium_fault("empty", part_path(part));
+    }
+    part.record = {.size = part.file.size,
+                   .sha256 = part.file.sha256,
+                   .entityTag = {},
+                   .cameDifferent = part.record.cameDifferent};
+    begin_sums(part);
+    return {};
+}
+
+AgentStatus start_part(PartFile& part, const std::string& entityTag) {
+    AgentStatus status = empty_part(part);
+    if (!status.ok()) {
+        return status;
+    }
+    // The old bytes are gone from the medium before the new entity tag would vouch for them.
+    if (fdatasync(part.descriptor.get()) != 0) {
+        return medium_fault("empty", part_path(part));
+    }
+    part.record.entityTag = entityTag;
+    return store_part_record(record_path(part), part.record);
+}
+
+AgentStatus append_part(PartFile& part, std::span<const char> bytes) {
+    while (!bytes.empty()) {
+        const uint64_t step = FLUSH_STEP - part.position % FLUSH_STEP;
+        const std::span<const char> piece =
+            bytes.first(static_cast<size_t>(std::min<uint64_t>(step, bytes.size())));
+        AgentStatus status = sum_up(part, piece);
+        if (!status.ok()) {
+            return status;
+        }
+        errno = ENOSPC;  // when it is written in part only
+        if (pwrite(part.descriptor.get(), piece.data(), piece.size(),
+                   static_cast<off_t>(part.position)) != static_cast<ssize_t>(piece.size())) {
+            return medium_fault("write", part_path(part));
+        }
+        part.position += piece.size();
+        bytes = bytes.subspan(piece.size());
+        if (part.position % FLUSH_STEP == 0 && fdatasync(part.descriptor.get()) != 0) {
+            return medium_fault("flush", part_path(part));
+        }
+    }
+    return {};
+}
+
+AgentStatus keep_part(PartFile& part) {
+    if (part.record.kept == part.position) {
+        return {};
+    }
+    if (fdatasync(part.descriptor.get()) != 0) {
+        return medium_fault("flush", part_path(part));
+    }
+    part.record.kept = part.position;
+    return store_part_record(record_path(part), part.record);
+}
+
+AgentStatus check_sums(PartFile& part) {
+    const Sha256 found = part.sha256.take();
+    if (found != part.file.sha256) {
+        return different(part.file.name + " has the SHA-256 " + digest_text(found) +
+                         ", the server says " + digest_text(part.file.sha256));
+    }
+    PackageStatus status = part.check ? part.check->finish() : PackageStatus{};
+    return status.ok() ? AgentStatus{} : different(status.text);
+}
+
+AgentStatus put_in_place(PartFile& part) {
+    const std::string path = part_path(part);
+    if (fsync(part.descriptor.get()) != 0) {
+        return medium_fault("flush", path);
+    }
+    if (rename(path.c_str(), whole_path(part).c_str()) != 0) {
+        return medium_fault("rename", path);
+    }
+    remove_part(part);
+    return flush_folder(part.folder);
+}
+
+void remove_part(const PartFile& part) {
+    // First, so that a record never speaks of another file's bytes.
+    unlink(part_path(part).c_str());
+    const std::string record = record_path(part);
+    unlink(record.c_str());
+    unlink(part_record_new(record).c_str());
+}

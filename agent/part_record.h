@@ -1,0 +1,36 @@
+// What is known of a file that is being fetched: NAME.part.from, beside NAME.part.
+#ifndef AGENT_PART_RECORD_H
+#define AGENT_PART_RECORD_H
+
+#include <stdint.h>
+
+#include <string>
+
+#include "agent/agent_result.h"
+#include "package/manifest.h"
+
+struct PartRecord {
+    uint64_t size = 0;  // bytes of the whole file
+    Sha256 sha256 = {};
+    std::string entityTag;       // printable, up to 256 characters; empty: the server gave none
+    uint64_t kept = 0;           // so many bytes are on the medium, whatever is known of the rest
+    bool cameDifferent = false;  // the whole file has come once already, and was another one
+};
+
+// Reads a record. Returns false when there is none, or none that was written here.
+bool load_part_record(const std::string& path, PartRecord& record);
+
+// Replaces the record, on the medium when the call returns: an interruption leaves the old one or
+// the new one. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus store_part_record(const std::string& path, const PartRecord& record);
+
+// What stands beside the record while it is replaced.
+std::string part_record_new(const std::string& path);
+
+// Flushes a folder's names. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus flush_folder(const std::string& folder);
+
+// "cannot WHAT PATH: " and the reason in errno.
+AgentStatus medium_fault(const char* what, const std::string& path);
+
+#endif  // AGENT_PART_RECORD_H

@@ -1,0 +1,283 @@
+#include "agent/procedure.h"
+
+#include <stdio.h>
+#include <time.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "agent/camera.h"
+#include "agent/consent.h"
+#include "agent/steps.h"
+#include "agent/stored_file.h"
+#include "package/camera.h"
+#include "package/modules.h"
+#include "package/outcome.h"
+
+namespace {
+
+// An answer of the server's often makes the next question due at once: a cancellation confirmed, a
+// verdict delivered, a package complete. So many questions at the most, then it is left alone.
+constexpr int ROUNDS_MAX = 12;
+
+// An offer that cannot be read may be a proxy's bad moment; one that stays so is refused.
+constexpr uint32_t MALFORMED_OFFERS_MAX = 3;
+constexpr uint32_t MALFORMED_PAUSE_MS = 2000;
+
+bool is_committed(const ActionRecord& action) {
+    return action.stage == ACTION_COMMITTED || action.stage == ACTION_POSTED;
+}
+
+// "11" of ".../deploymentBase/11?c=-2127183556".
+std::string id_of(const std::string& href) {
+    const std::string path = href.substr(0, href.find('?'));
+    return path.substr(path.rfind('/') + 1);
+}
+
+AgentStatus send_attributes(Agent& agent, const std::string& href) {
+    const AgentStatus status =
+        agent.server.send_attributes(href, camera_attributes(agent.settings));
+    agent.attributesDue = agent.attributesDue && !status.ok();
+    return status;
+}
+
+AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& again) {
+    DdiCancellation cancellation;
+    AgentStatus status = agent.server.get_cancellation(href, cancellation);
+    if (!status.ok()) {
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
+    }
+    const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
+    if (ours && is_committed(agent.action)) {
+        if (agent.action.refusedCancellation == cancellation.id) {
+            return {};
+        }
+        say(agent, "cancelled too late: the upgrade has begun");
+        status = agent.server.send_feedback(
+            href, {.id = cancellation.id,
+                   .execution = DdiExecution::REJECTED,
+                   .details = {"the upgrade has begun, its verdict follows"}});
+        // Whatever the answer, a second one would not be taken.
+        if (status.result != AGENT_UNREACHABLE && status.result != AGENT_STOPPED) {
+            agent.action.refusedCancellation = cancellation.id;
+            return store(agent);
+        }
+        return status;
+    }
+    // The camera lets go first: cut in between, it finds a cancellation of what it does not have.
+    if (ours) {
+        status = drop(agent, "cancelled");
+    }
+    if (status.ok()) {
+        status = agent.server.send_feedback(href, {.id = cancellation.id,
+                                                   .execution = DdiExecution::CLOSED,
+                                                   .finished = DdiFinished::SUCCESS,
+                                                   .details = {"cancelled before the upgrade"}});
+    }
+    again = status.ok();
+    return status.result == AGENT_GONE ? AgentStatus{} : status;
+}
+
+AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& again) {
+    DdiAction offer;
+    AgentStatus status = agent.server.get_action(href, offer);
+    if (!status.ok()) {
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
+    }
+    bool confirmed = true;
+    if (agent.settings.confirm == "ask") {
+        if (!find_consent(agent.settings.stateFolder, offer.id, confirmed)) {
+            agent.waitingFor = WAITS_FOR_CONSENT;
+            agent.waitingId = offer.id;
+            return {};
+        }
+    }
+    status = agent.server.send_confirmation(href, confirmed,
+                                            confirmed ? "confirmed" : "denied on the camera");
+    if (status.ok() || status.result == AGENT_GONE) {
+        again = confirmed;
+        return remove_consent(agent.settings.stateFolder);
+    }
+    return status;
+}
+
+AgentStatus take_offer(Agent& agent, const std::string& href, const DdiAction& offer) {
+    agent.action = {};
+    agent.action.stage = ACTION_DOWNLOADING;
+    agent.action.id = offer.id;
+    agent.action.href = href;
+    for (const DdiFile& file : offer.files) {
+        agent.action.files.push_back(file.name);
+    }
+    agent.checked.clear();
+    agent.goneOffers = 0;
+    say(agent, "offered, " + std::to_string(offer.files.size()) + " files");
+    AgentStatus status = store(agent);
+    if (status.ok()) {
+        remove_needless_files(agent);
+    }
+    return status;
+}
+
+// What the server offers cannot be read: there is nothing to go by but its address.
+AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentStatus& why,
+                             bool& again) {
+    if (++agent.malformedOffers < MALFORMED_OFFERS_MAX) {
+        again = pause(agent, MALFORMED_PAUSE_MS);
+        return {};
+    }
+    agent.malformedOffers = 0;
+    again = true;
+    agent.action = {};
+    agent.action.id = id_of(href);
+    agent.action.href = href;
+    return conclude(agent, false, why.text);
+}
+
+AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
+    DdiAction offer;
+    AgentStatus status = agent.server.get_action(href, offer);
+    if (status.result == AGENT_GONE) {
+        return {};
+    }
+    if (status.result == AGENT_MALFORMED && agent.action.stage == ACTION_NONE) {
+        return refuse_malformed(agent, href, status, again);
+    }
+    if (!status.ok()) {
+        return status;
+    }
+    agent.malformedOffers = 0;
+    if (is_committed(agent.action)) {
+        return {};  // seen through first, whatever is offered
+    }
+    if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
+        !agent.action.downloadOnly) {
+        status = drop(agent, "another one is offered instead");
+    }
+    if (status.ok() && agent.action.id != offer.id) {
+        status = take_offer(agent, href, offer);
+    }
+    if (!status.ok()) {
+        return status;
+    }
+    agent.action.href = href;
+    if (agent.action.stage == ACTION_DOWNLOADING) {
+        status = fetch_package(agent, offer);
+        // What happens next is for the server to say: it may have changed its mind meanwhile.
+        again = (status.ok() && agent.action.stage != ACTION_DOWNLOADING) ||
+                status.result == AGENT_GONE;
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
+    }
+    status = start_upgrade(agent, offer);
+    again = status.ok() && agent.action.stage == ACTION_VERDICT;
+    return status;
+}
+
+AgentStatus ask(Agent& agent, bool& again) {
+    DdiPoll poll;
+    AgentStatus status = agent.server.poll(poll);
+    if (!status.ok()) {
+        return status;
+    }
+    agent.sleepS = poll.sleepS;
+    if (agent.attributesDue || !poll.configData.empty()) {
+        // No action waits for that; it is tried again with the next poll.
+        (void)send_attributes(agent, poll.configData);
+    }
+    if (!poll.cancellation.empty()) {
+        return answer_cancellation(agent, poll.cancellation, again);
+    }
+    if (!poll.confirmation.empty()) {
+        return answer_confirmation(agent, poll.confirmation, again);
+    }
+    if (!poll.deployment.empty()) {
+        return carry_out(agent, poll.deployment, again);
+    }
+    const bool kept = agent.action.downloadOnly || is_committed(agent.action);
+    if (agent.action.stage != ACTION_NONE && !kept) {
+        return drop(agent, "the server does not offer it any more");
+    }
+    return {};
+}
+
+// One question and what follows from the answer. `again`: another question is due at once.
+AgentStatus round(Agent& agent, bool& again) {
+    if (is_committed(agent.action)) {
+        const AgentStatus status = see_through(agent);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    if (agent.action.stage == ACTION_VERDICT) {
+        const AgentStatus status = deliver_verdict(agent);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    return ask(agent, again);
+}
+
+}  // namespace
+
+Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopped)
+    : settings(given),
+      folder(given.downloadFolder + AGENT_FOLDER),
+      keyring(std::move(keys)),
+      stop(stopped),
+      server(given.server, stopped),
+      files(given.server, stopped) {}
+
+AgentStatus agent_start(Agent& agent) {
+    agent.bootId = kernel_boot_id();
+    if (agent.bootId.empty()) {
+        return agent_fault(AGENT_MEDIUM, "the kernel's boot id cannot be read");
+    }
+    AgentStatus status = make_folder(agent.settings.stateFolder);
+    if (!status.ok()) {
+        return status;
+    }
+    status = load_action(agent.settings.stateFolder, agent.action);
+    if (!status.ok()) {
+        return status;
+    }
+    // The card may be missing: then an offer fails, but the server can be told.
+    const AgentStatus made = make_folder(agent.folder);
+    if (!made.ok()) {
+        say(agent, made.text);
+        return {};
+    }
+    remove_needless_files(agent);
+    return {};
+}
+
+AgentStatus agent_poll(Agent& agent) {
+    agent.waitingFor.clear();
+    agent.waitingId.clear();
+    AgentStatus status;
+    bool again = true;
+    for (int i = 0; i < ROUNDS_MAX && again && status.ok(); ++i) {
+        again = false;
+        status = round(agent, again);
+    }
+    return status;
+}
+
+AgentStatus agent_report(Agent& agent) {
+    return send_attributes(agent, "");
+}
+
+DdiAttributes camera_attributes(const AgentSettings& settings) {
+    DdiAttributes attributes = set_attributes(settings);
+    std::string version;
+    if (!settings.versionFile.empty() && read_running_version(settings.versionFile, version).ok()) {
+        attributes.emplace_back("version", version);
+    }
+    std::string modules;
+    for (const OtaPackageEntry& entry : package_entries()) {
+        modules += (modules.empty() ? "" : ",") + std::string(entry.partitionName);
+    }
+    attributes.emplace_back("slot", std::string(1, boot_slot()));
+    attributes.emplace_back("outcome", outcome_words(outcome_record()));
+    attributes.emplace_back("modules", modules);
+    return attributes;
+}

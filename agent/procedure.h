@@ -1,0 +1,73 @@
+// One poll of the update server and all that follows from it: from an offer over download, check,
+// consent, commit and request to the restart, and from there to the verdict.
+#ifndef AGENT_PROCEDURE_H
+#define AGENT_PROCEDURE_H
+
+#include <stdint.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "agent/action.h"
+#include "agent/agent_result.h"
+#include "agent/server.h"
+#include "agent/settings.h"
+#include "package/certificates.h"
+#include "package/content.h"
+#include "package/manifest.h"
+
+// The agent's own folder below the download folder. Nothing else may lie there: what the action in
+// hand does not name is removed.
+constexpr char AGENT_FOLDER[] = "agent/";
+
+// Statuses of one action that are sent at the most, out of 1000 that the server keeps: the verdict
+// must find room.
+constexpr uint32_t STATUSES_MAX = 900;
+
+// What an update waits for until somebody on the camera has answered.
+constexpr char WAITS_FOR_CONSENT[] = "consent";
+
+// Seconds that a service is waited for that does not run, or that ends without a restart. A camera
+// that starts slowly starts it within that time.
+constexpr uint32_t SERVICE_PATIENCE_S = 60;
+
+// The process's state. For one thread.
+struct Agent {
+    Agent(const AgentSettings& settings, Keyring keyring, std::atomic<bool>& stop);
+
+    const AgentSettings& settings;
+    std::string folder;  // where packages lie, with AGENT_FOLDER
+    Keyring keyring;
+    std::atomic<bool>& stop;
+    Server server;
+    Server files;  // for downloads, during which the other one is spoken with
+
+    ActionRecord action;
+    std::string bootId;
+    std::vector<CheckedFile> checked;  // of this process: files of the action that need no check
+    bool attributesDue = true;         // of this start or the last verdict
+    uint32_t sleepS = 0;               // what the server wants between two polls; 0: unknown
+    std::string waitingFor;        // why an update that is there does not start; empty: none waits
+    std::string waitingId;         // which one
+    std::string waitingTold;       // that, as the server knows it
+    bool lastFailed = false;       // the last action of this process did
+    uint64_t othersSinceMs = 0;    // somebody else's request was seen in the queue; 0: not
+    uint32_t malformedOffers = 0;  // in a row
+    uint32_t goneOffers = 0;       // a file of the action was not there, in a row
+};
+
+// Loads what is in hand and removes files that nothing needs. Returns AGENT_OK, or AGENT_MEDIUM
+// when state or download folder cannot be used.
+AgentStatus agent_start(Agent& agent);
+
+// Polls once and goes on with what is in hand. Blocks for as long as that takes: a download, and
+// after a request the upgrade, which a restart ends. Returns AGENT_OK when the server has been
+// asked and told everything, AGENT_UNREACHABLE, AGENT_REFUSED or AGENT_MALFORMED when it has not,
+// AGENT_MEDIUM or AGENT_STOPPED.
+AgentStatus agent_poll(Agent& agent);
+
+// Tells the server what runs. Returns as agent_poll() does.
+AgentStatus agent_report(Agent& agent);
+
+#endif  // AGENT_PROCEDURE_H

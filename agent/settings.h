@@ -1,0 +1,59 @@
+// What the agent is told: its configuration file and its command line, under the same names.
+#ifndef AGENT_SETTINGS_H
+#define AGENT_SETTINGS_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "agent/agent_result.h"
+#include "agent/ddi.h"
+#include "agent/server.h"
+#include "package/certificates.h"
+
+constexpr char AGENT[] = "corvo_agent";
+constexpr char AGENT_SETTINGS_PATH[] = "/etc/corvo/agent.conf";
+
+// As they were said; names with "-" instead of capitals ("controller-id").
+struct AgentSettings {
+    ServerSettings server;  // "server", "tenant", "controller-id", "certificate", "key", "ca",
+                            // "rate-limit", "connect-timeout", "stall-timeout"
+    std::string targetTokenFile;
+    std::string gatewayTokenFile;
+
+    std::string keyring;      // PEM file of root certificates
+    std::string crl;          // PEM file of revocation lists, or empty
+    std::string compatible;   // the kind of this camera; empty: not asked
+    std::string versionFile;  // of the running system, or empty
+    bool checkPartitions = true;
+
+    std::string downloadFolder = "/media/mmcblk0p1/ota/";
+    std::string stateFolder = "/config/agent/";
+    std::vector<std::string> attributes;  // "name=value"
+
+    std::string confirm = "auto";  // or "ask"
+    std::string window;            // "02:00-04:00", local time, or empty: always
+    std::string fitnessCommand;
+};
+
+// A span of the day in minutes after midnight. `from` may be behind `until`: over midnight.
+struct DayWindow {
+    int32_t from = 0;
+    int32_t until = 0;  // not included; the same as `from`: the whole day
+};
+
+// Reads "HH:MM-HH:MM". Returns whether it is one.
+bool parse_window(const std::string& text, DayWindow& window);
+
+bool is_inside(const DayWindow& window, int32_t minuteOfDay);
+
+// Checks the settings against each other, puts in what they leave open (the host's name, a "/" at a
+// folder's end) and reads the token and the keyring. Returns AGENT_OK, or AGENT_MALFORMED with a
+// line that names the setting.
+AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring);
+
+// The attributes that were set, taken apart.
+DdiAttributes set_attributes(const AgentSettings& settings);
+
+#endif  // AGENT_SETTINGS_H

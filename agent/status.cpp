@@ -1,0 +1,160 @@
+#include "agent/status.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/consent.h"
+#include "agent/steps.h"
+#include "agent/stored_file.h"
+#include "base/owned.h"
+#include "package/files.h"
+#include "package/signature.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr char RUN_FOLDER[] = "/run/corvo-agent/";
+constexpr char RUN_FILE[] = "/run/corvo-agent/status.json";
+constexpr char RUN_FILE_NEW[] = "/run/corvo-agent/status.json.new";
+constexpr mode_t RUN_FOLDER_MODE = 0755;
+constexpr size_t RUN_FILE_SIZE_MAX = 65536;  // bytes
+
+std::string text_of(const Json& json, const char* name) {
+    const bool there = json.is_object() && json.contains(name) && json[name].is_string();
+    return there ? json[name].get<std::string>() : "";
+}
+
+int64_t number_of(const Json& json, const char* name) {
+    const bool there = json.is_object() && json.contains(name) && json[name].is_number_integer();
+    return there ? json[name].get<int64_t>() : 0;
+}
+
+// What the last agent published; an empty object when there is nothing.
+Json published() {
+    std::string text;
+    if (!read_small_file(RUN_FILE, RUN_FILE_SIZE_MAX, FileKind::REGULAR, text).ok()) {
+        return Json::object();
+    }
+    Json json = Json::parse(text, nullptr, false);
+    return json.is_object() ? json : Json::object();
+}
+
+Json action_json(const ActionRecord& action) {
+    if (action.stage == ACTION_NONE) {
+        return nullptr;
+    }
+    return {{"id", action.id},
+            {"stage", stage_word(action.stage)},
+            {"attempts", action.attempts},
+            {"words", action.words}};
+}
+
+Json history_json(const std::vector<HistoryEntry>& history) {
+    if (history.empty()) {
+        return nullptr;
+    }
+    const HistoryEntry& last = history.back();
+    return {{"id", last.id},     {"version", last.version}, {"succeeded", last.succeeded},
+            {"told", last.told}, {"words", last.words},     {"time", last.time}};
+}
+
+void print_words(const AgentSettings& settings, const Json& status) {
+    printf("server     %s, as %s\n", settings.server.url.c_str(),
+           settings.server.controllerId.c_str());
+    for (const auto& [name, value] : status["running"].items()) {
+        printf("%-10s %s\n", name.c_str(), value.get<std::string>().c_str());
+    }
+    const Json& action = status["action"];
+    if (action.is_null()) {
+        printf("in hand    nothing\n");
+    } else {
+        printf("in hand    action %s, %s%s\n", text_of(action, "id").c_str(),
+               text_of(action, "stage").c_str(),
+               number_of(action, "attempts") > 1 ? ", not the first request" : "");
+    }
+    const std::string waits = text_of(status["waits"], "for");
+    if (!waits.empty()) {
+        printf("waits      action %s, for %s\n", text_of(status["waits"], "id").c_str(),
+               waits.c_str());
+    }
+    const Json& poll = status["poll"];
+    if (number_of(poll, "time") != 0) {
+        const std::string trouble = text_of(poll, "trouble");
+        printf("last poll  %s, %s\n", time_text(number_of(poll, "time")).c_str(),
+               trouble.empty() ? "well" : trouble.c_str());
+    }
+    const Json& last = status["last"];
+    if (!last.is_null()) {
+        printf("last       action %s, version %s, %s: %s%s\n", text_of(last, "id").c_str(),
+               text_of(last, "version").c_str(),
+               last["succeeded"].get<bool>() ? "success" : "failure",
+               text_of(last, "words").c_str(),
+               last["told"].get<bool>() ? "" : " (the server did not take it)");
+    }
+}
+
+}  // namespace
+
+void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
+    const Json json = {{"pid", getpid()},
+                       {"poll",
+                        {{"time", time(nullptr)},
+                         {"result", static_cast<int32_t>(lastPoll.result)},
+                         {"trouble", lastPoll.text}}},
+                       {"waits", {{"id", agent.waitingId}, {"for", agent.waitingFor}}}};
+    (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
+    {
+        const corvo::OwnedFile file(fopen(RUN_FILE_NEW, "we"));
+        if (!file) {
+            return;
+        }
+        fputs(json.dump(1, ' ', false, Json::error_handler_t::replace).c_str(), file.get());
+    }
+    (void)rename(RUN_FILE_NEW, RUN_FILE);
+}
+
+AgentStatus print_status(const AgentSettings& settings, bool json) {
+    ActionRecord action;
+    const AgentStatus loaded = load_action(settings.stateFolder, action);
+    if (!loaded.ok()) {
+        return loaded;
+    }
+    Json status = published();
+    if (!status["waits"].is_object() || !status["poll"].is_object()) {
+        status = {{"waits", Json::object()}, {"poll", Json::object()}};
+    }
+    status.erase("pid");
+    status["action"] = action_json(action);
+    status["last"] = history_json(load_history(settings.stateFolder));
+    status["running"] = Json::object();
+    for (const auto& [name, value] : camera_attributes(settings)) {
+        status["running"][name] = value;
+    }
+    if (json) {
+        printf("%s\n", status.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    } else {
+        print_words(settings, status);
+    }
+    return {};
+}
+
+AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
+    const Json status = published();
+    const Json waits = status.value("waits", Json::object());
+    const std::string id = text_of(waits, "id");
+    if (id.empty() || text_of(waits, "for") != WAITS_FOR_CONSENT) {
+        return agent_fault(AGENT_GONE, "no update waits for consent");
+    }
+    const AgentStatus stored = store_consent(settings.stateFolder, id, confirmed);
+    const auto agent = static_cast<pid_t>(number_of(status, "pid"));
+    if (stored.ok() && agent > 0) {
+        kill(agent, SIGHUP);  // it may have ended: then the next one finds the answer
+    }
+    return stored;
+}

@@ -1,0 +1,170 @@
+#include "agent/steps.h"
+
+#include <dirent.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "agent/stored_file.h"
+#include "base/owned.h"
+
+namespace {
+
+constexpr uint64_t MS_PER_S = 1000;
+constexpr long NS_PER_MS = 1000000;
+
+// What a download of NAME leaves beside it begins with NAME and ".part".
+bool belongs_to(const std::string& entry, const std::vector<std::string>& files) {
+    return std::ranges::any_of(files, [&](const std::string& name) {
+        return entry == name || (entry.starts_with(name + ".part"));
+    });
+}
+
+std::string version_of(const ActionRecord& action) {
+    Manifest manifest;
+    return parse_manifest(action.manifest, manifest).ok() ? manifest.version : "";
+}
+
+AgentStatus remember(Agent& agent, bool told) {
+    return add_history(agent.settings.stateFolder, {.id = agent.action.id,
+                                                    .version = version_of(agent.action),
+                                                    .succeeded = agent.action.succeeded,
+                                                    .told = told,
+                                                    .words = agent.action.words,
+                                                    .time = time(nullptr)});
+}
+
+}  // namespace
+
+void say(const Agent& agent, const std::string& text) {
+    std::string line = agent.action.id.empty() ? text : "action " + agent.action.id + ": " + text;
+    std::replace_if(
+        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
+    printf("%s\n", line.c_str());
+    fflush(stdout);
+}
+
+AgentStatus store(Agent& agent) {
+    return store_action(agent.settings.stateFolder, agent.action);
+}
+
+AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail, uint32_t done,
+                 uint32_t of) {
+    if (agent.action.statuses >= STATUSES_MAX) {
+        return {};
+    }
+    ++agent.action.statuses;
+    return agent.server.send_feedback(agent.action.href, {.id = agent.action.id,
+                                                          .execution = execution,
+                                                          .finished = DdiFinished::NONE,
+                                                          .done = done,
+                                                          .of = of,
+                                                          .details = {detail}});
+}
+
+void wait_for(Agent& agent, const std::string& what) {
+    if (agent.waitingTold != what) {
+        agent.waitingTold = what;
+        say(agent, "waits for " + what);
+        (void)tell(agent, DdiExecution::PROCEEDING, "waits for " + what);
+    }
+    agent.waitingFor = what;
+    agent.waitingId = agent.action.id;
+}
+
+AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
+    agent.action.stage = ACTION_VERDICT;
+    agent.action.succeeded = succeeded;
+    agent.action.words = words;
+    // A success holds for this start of the camera: who delivers it after another looks again.
+    agent.action.bootId = agent.bootId;
+    agent.lastFailed = !succeeded;
+    say(agent, (succeeded ? "success: " : "failure: ") + words);
+    AgentStatus status = store(agent);
+    if (status.ok()) {
+        remove_needless_files(agent);
+    }
+    return status;
+}
+
+void remove_needless_files(const Agent& agent) {
+    const corvo::OwnedDirectory directory(opendir(agent.folder.c_str()));
+    if (!directory) {
+        return;
+    }
+    const bool none = agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
+    const std::vector<std::string> needed = none ? std::vector<std::string>() : agent.action.files;
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != ".." && !belongs_to(name, needed)) {
+            unlink((agent.folder + name).c_str());
+        }
+    }
+}
+
+AgentStatus drop(Agent& agent, const std::string& why) {
+    say(agent, why);
+    AgentStatus status;
+    // An upgrade was begun and cut short before: that is worth remembering.
+    if (agent.action.attempts > 0) {
+        agent.action.words = why;
+        status = remember(agent, false);
+    }
+    if (status.ok()) {
+        status = remove_action(agent.settings.stateFolder);
+    }
+    if (status.ok()) {
+        agent.action = {};
+        agent.checked.clear();
+        remove_needless_files(agent);
+    }
+    return status;
+}
+
+AgentStatus deliver_verdict(Agent& agent) {
+    if (agent.action.succeeded && agent.action.bootId != agent.bootId) {
+        const AgentStatus status = look_again(agent);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    AgentStatus status = agent.server.send_feedback(
+        agent.action.href,
+        {.id = agent.action.id,
+         .execution = DdiExecution::CLOSED,
+         .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
+         .details = {agent.action.words}});
+    if (!status.ok() && status.result != AGENT_GONE) {
+        return status;
+    }
+    if (status.result == AGENT_GONE) {
+        say(agent, "the server has ended it already");
+    }
+    status = remember(agent, status.ok());
+    if (status.ok()) {
+        status = remove_action(agent.settings.stateFolder);
+    }
+    if (status.ok()) {
+        agent.action = {};
+        agent.attributesDue = true;
+    }
+    return status;
+}
+
+uint64_t monotonic_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * MS_PER_S +
+           static_cast<uint64_t>(now.tv_nsec / NS_PER_MS);
+}
+
+bool pause(const Agent& agent, uint32_t milliseconds) {
+    const timespec span = {.tv_sec = static_cast<time_t>(milliseconds / MS_PER_S),
+                           .tv_nsec = static_cast<long>(milliseconds % MS_PER_S) * NS_PER_MS};
+    // A signal cuts it short, which is what it is for.
+    nanosleep(&span, nullptr);
+    return !agent.stop;
+}

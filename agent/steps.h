@@ -1,0 +1,69 @@
+// The steps that the agent's procedure is made of. For procedure.cpp and the steps' own files only.
+#ifndef AGENT_STEPS_H
+#define AGENT_STEPS_H
+
+#include <string>
+
+#include "agent/procedure.h"
+
+// A line on standard output: "action 11: TEXT", or TEXT alone without an action. Control characters
+// are replaced.
+void say(const Agent& agent, const std::string& text);
+
+// The record onto the medium.
+AgentStatus store(Agent& agent);
+
+// A status of the action to the server, if there is room for one more; what does not arrive is
+// lost. Returns what the server answered (AGENT_GONE: the action has vanished), AGENT_OK without
+// asking when there is no room.
+AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail, uint32_t done = 0,
+                 uint32_t of = 0);
+
+// What the update waits for: for `status`, and for the server, once.
+void wait_for(Agent& agent, const std::string& what);
+
+// Ends the action: the verdict onto the medium, then its files away. It is delivered by
+// deliver_verdict(). Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words);
+
+// Removes what lies in the agent's folder and the action does not name; of an action with a verdict
+// everything goes.
+void remove_needless_files(const Agent& agent);
+
+// Forgets an action that the server does not know any more, and its files.
+AgentStatus drop(Agent& agent, const std::string& why);
+
+// ACTION_DOWNLOADING: fetches what is not there yet; ends in ACTION_WAITING or in a verdict.
+// Returns AGENT_OK, or why it could not go on now; AGENT_GONE: ask the server again.
+AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
+
+// The manifest in the agent's folder: whom it is signed by, and whether this camera takes it.
+// Returns PACKAGE_OK or what is wrong.
+PackageStatus read_manifest(const Agent& agent, Manifest& manifest);
+
+// ACTION_WAITING: looks whether the upgrade may start, and starts it.
+AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
+
+// ACTION_COMMITTED and ACTION_POSTED: finds out what has become of the request, waits for the
+// restart while one may come, judges after it. Posts again where nothing was decided. Returns
+// AGENT_OK, with the record in one of these stages or ACTION_VERDICT, AGENT_MEDIUM or
+// AGENT_STOPPED.
+AgentStatus see_through(Agent& agent);
+
+// A success that was found before the last restart of the camera: looks whether the new system
+// still runs. The verdict becomes a failure when not. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus look_again(Agent& agent);
+
+// ACTION_VERDICT: tells the server; then the record goes.
+AgentStatus deliver_verdict(Agent& agent);
+
+// What the server may filter cameras by.
+DdiAttributes camera_attributes(const AgentSettings& settings);
+
+// Milliseconds of a clock that nobody sets.
+uint64_t monotonic_ms();
+
+// Sleeps. Returns false when the agent is to end.
+bool pause(const Agent& agent, uint32_t milliseconds);
+
+#endif  // AGENT_STEPS_H

@@ -1,0 +1,24 @@
+// Small files that survive a power cut at any moment.
+#ifndef AGENT_STORED_FILE_H
+#define AGENT_STORED_FILE_H
+
+#include <string>
+#include <string_view>
+
+#include "agent/agent_result.h"
+
+// Puts `content` into the file: writes beside it (PATH.new), flushes, renames, flushes the folder.
+// Whoever opens PATH finds the old content or the new one, whole. Mode 644. Blocks for the medium.
+// Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus store_file(const std::string& path, std::string_view content);
+
+// Makes a folder of mode 700 and those above it that are missing. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus make_folder(const std::string& path);
+
+// Removes a file, which may be missing, and flushes the folder. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus remove_stored_file(const std::string& path);
+
+// Flushes names that were made, renamed or removed in the folder of this path.
+AgentStatus flush_folder_of(const std::string& path);
+
+#endif  // AGENT_STORED_FILE_H

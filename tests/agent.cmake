@@ -1,0 +1,27 @@
+if(NOT CORVO_BUILD_AGENT)
+  return()
+endif()
+
+corvo_test(agent_test SOURCES agent_test.cpp LINK agent_parts)
+if(CMAKE_CROSSCOMPILING)
+  return()
+endif()
+find_package(CURL REQUIRED)
+
+# The agent once more, with cuts behind its calls.
+add_executable(corvo_agent_with_cuts ${PROJECT_SOURCE_DIR}/agent/main.cpp support/agent_cuts.cpp)
+target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts agent_transport command_line CURL::libcurl)
+target_precompile_headers(corvo_agent_with_cuts REUSE_FROM system_call_daemon)
+set_source_files_properties(support/agent_cuts.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent
+                      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_cuts)
+foreach(symbol rename unlink mkdir ftruncate64 fsync fdatasync write pwrite64 msgsnd curl_easy_perform
+               nanosleep clock_gettime)
+  target_link_options(corvo_agent_with_cuts PRIVATE -Wl,--wrap=${symbol})
+endforeach()
+
+corvo_test(agent_action_test SOURCES agent_action_test.cpp LINK test_camera played_server TIMEOUT 600)
+target_compile_definitions(agent_action_test PRIVATE
+  AGENT_WITH_CUTS="$<TARGET_FILE:corvo_agent_with_cuts>"
+  PROGRAMS="$<TARGET_FILE_DIR:otactl>")
+add_dependencies(agent_action_test otactl corvo_agent_with_cuts corvo_agent)

@@ -1,0 +1,467 @@
+// Whole actions: the agent's program and the real service on a played camera, a played server, and
+// what an operator, a network or a loss of power can do to them.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <sstream>
+#include <utility>
+
+#include "camera.h"
+#include "files.h"
+#include "ota/ota_data.h"
+#include "played_server.h"
+#include "stride.h"
+
+namespace {
+
+constexpr char BOOT_ID[] = "/proc/sys/kernel/random/boot_id";
+constexpr char PLAYED_BOOT_ID[] = "/run/boot_id";
+constexpr char SLOT[] = "/run/slot";
+const std::string AGENT_FOLDER = "/media/mmcblk0p1/ota/agent/";
+const std::string STATE_FOLDER = "/config/agent/";
+const std::string KERNEL = pattern_bytes(70000, 1);
+const std::string ROOTFS = pattern_bytes(16384, 2);
+const std::string PACKAGES = "/run/packages/";
+const std::vector<std::string> FILES = {"package.manifest", "package.manifest.sig", "kernel.bin",
+                                        "rootfs.img"};
+constexpr char ID[] = "11";
+
+bool g_switches = true;  // whether the boot environment does what it is told
+
+// What the service has the system-call daemon run, as far as this camera has it.
+int32_t run_command(const void* command, uint32_t length, void* out, uint32_t outSize) {
+    const std::string text(static_cast<const char*>(command), length);
+    if (text.starts_with("/etc/init.d/S99checkboot system") && g_switches) {
+        write_file(SLOT, text.substr(31, 1) + "\n");
+    } else if (text.starts_with("echo ")) {
+        write_file(text.substr(text.find("> ") + 2), text.substr(5, text.find(" >") - 5) + "\n");
+    }
+    return snprintf(static_cast<char*>(out), outSize, "0");
+}
+
+int32_t print_slot(const void* /*command*/, uint32_t /*length*/, void* out, uint32_t outSize) {
+    return snprintf(static_cast<char*>(out), outSize, "%s", read_file(SLOT).c_str());
+}
+
+int shell(const std::string& command) {
+    return WEXITSTATUS(system(("PATH=" PROGRAMS ":$PATH; " + command).c_str()));
+}
+
+// Keys, and one package in every form that a row names: made once.
+void make_packages() {
+    if (std::filesystem::exists(PACKAGES)) {
+        return;
+    }
+    std::filesystem::create_directories("/run/images");
+    write_file("/run/images/kernel.bin", KERNEL);
+    write_file("/run/images/rootfs.img", ROOTFS);
+    const auto pack = [](const std::string& name, const std::string& version,
+                         const std::string& pki) {
+        const std::string folder = PACKAGES + name;
+        std::filesystem::create_directories(folder);
+        std::filesystem::copy("/run/images", folder);
+        const std::string how = " --compatible R5C20 --version " + version + " --key " + pki +
+                                "/signer.key --certificate " + pki + "/signer.pem --intermediate " +
+                                pki + "/authority.pem > /dev/null";
+        ASSERT_EQ(0, shell("otactl pack files --dir " + folder + how));
+        ASSERT_EQ(0, shell("otactl pack --output " + folder + "/all.pkg --manifest " + folder +
+                           "/all.manifest kernel=/run/images/kernel.bin "
+                           "rootfs=/run/images/rootfs.img" +
+                           how));
+    };
+    ASSERT_EQ(0, shell(TEXTS "../scripts/make_pki /run/pki && " TEXTS
+                             "../scripts/make_pki /run/foreign > /dev/null"));
+    pack("files", "2.0", "/run/pki");
+    pack("older", "1.8", "/run/pki");
+    pack("foreign", "2.0", "/run/foreign");
+}
+
+PlayedAction make_action(const std::string& kind) {
+    PlayedAction action = {.id = ID, .files = {}};
+    std::vector<std::string> names = FILES;
+    std::string folder = PACKAGES + "files/";
+    if (kind == "combined") {
+        names = {"all.manifest", "all.manifest.sig", "all.pkg"};
+    } else if (kind == "unsigned") {
+        std::erase(names, "package.manifest.sig");
+    } else if (kind == "too-little") {
+        names.pop_back();
+    } else if (kind == "two-manifests") {
+        names.insert(names.end(), {"all.manifest", "all.manifest.sig"});
+    } else if (kind == "too-much") {
+        names.emplace_back("all.pkg");
+    } else if (kind == "older" || kind == "foreign") {
+        folder = PACKAGES + kind + "/";
+    } else if (kind == "download-only") {
+        action.update = "skip";
+    } else if (kind == "outside-window") {
+        action.update = "skip";
+        action.window = "unavailable";
+    } else if (kind == "attempt") {
+        action.update = "attempt";
+    } else if (kind == "consent") {
+        action.consent = true;
+    }
+    for (const std::string& name : names) {
+        action.files.push_back({name, read_file(folder + name)});
+    }
+    if (kind == "changed-image") {
+        action.files.back().bytes[100] ^= 1;
+    }
+    return action;
+}
+
+PlayedServer::Setup setup_of(const std::string& camera) {
+    PlayedServer::Setup setup = {};
+    setup.old = contains(camera, "0.3");
+    return setup;
+}
+
+class World {
+  public:
+    World(const std::string& camera, const std::string& action)
+        : server_(setup_of(camera)), mode_(camera) {
+        make_packages();
+        g_switches = !contains(camera, "no-switch");
+        camera_.daemon.reset();
+        camera_.daemon = std::make_unique<PlayedDaemon>(run_command, print_slot);
+        std::filesystem::remove_all(STATE_FOLDER);
+        std::filesystem::remove_all(AGENT_FOLDER);
+        std::filesystem::create_directories("/media/mmcblk0p1/ota");
+        if (contains(camera, "full")) {
+            EXPECT_EQ(0, mount("none", "/media/mmcblk0p1/ota", "tmpfs", 0, "size=1M"));
+        }
+        write_file(OTA_DATA_PATH, std::string("p\1rst\3v", 7));
+        write_file(SLOT, "A\n");
+        write_file("/etc/version", "1.9\n");
+        write_file("/camera/bin/fw_printenv", "#!/bin/sh\ncat /run/slot\n");
+        chmod("/camera/bin/fw_printenv", 0755);
+        write_file(PLAYED_BOOT_ID, "0\n");
+        if (read_file(BOOT_ID) != "0\n") {
+            EXPECT_EQ(0, mount(PLAYED_BOOT_ID, BOOT_ID, nullptr, MS_BIND, nullptr));
+        }
+        configure();
+        server_.offer(make_action(action));
+    }
+    ~World() {
+        stop_agent();
+        stop_service();
+        umount(BOOT_ID);
+        umount("/media/mmcblk0p1/ota");
+    }
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+
+    PlayedServer& server() { return server_; }
+    [[nodiscard]] int posted() const { return posted_; }
+    [[nodiscard]] bool acted() const { return !act_; }
+    [[nodiscard]] int boots() const { return boots_; }
+    [[nodiscard]] bool agent_was_cut() const { return cut_; }
+
+    // Power off and on.
+    void restart(const std::vector<Fault>& serviceFaults = {}) {
+        stop_agent();
+        stop_service();
+        write_file(PLAYED_BOOT_ID, std::to_string(++boots_) + "\n");
+        if (contains(mode_, "switched-back")) {
+            write_file(SLOT, "A\n");
+        }
+        if (contains(mode_, "by-hand")) {
+            write_file("/dev/block/by-name/kernel", std::string(Camera::PARTITION_SIZE, 'h'));
+        }
+        if (!contains(mode_, "other-version") && read_file(SLOT) == "B\n") {
+            write_file("/etc/version", "2.0\n");
+        }
+        start_service(serviceFaults);
+    }
+
+    void start_service(const std::vector<Fault>& faults = {}) {
+        if (contains(mode_, "no-service")) {
+            return;
+        }
+        std::vector<Fault> all = faults;
+        if (contains(mode_, "fails")) {
+            all.push_back({.call = "image", .ordinal = -1, .effect = FLIP});
+        }
+        if (contains(mode_, "service-dies")) {
+            all.push_back({.call = "image", .ordinal = 1, .effect = CRASH});
+        }
+        camera_.start(all);
+        serves_ = true;
+        EXPECT_TRUE(eventually(5000, [] { return Camera::queue() >= 0; }));
+    }
+
+    // What the operator does when the server has been asked so often.
+    void when_asked(size_t requests, std::function<void(PlayedServer&)> act) {
+        actAt_ = requests;
+        act_ = std::move(act);
+    }
+
+    // One life of the agent: until it ends by itself or is cut, or the camera restarts, which it
+    // does when the service has ended. Returns its exit status, -1 when the camera restarted.
+    int live(int cutAt = 0, bool powerGoesToo = false) {
+        start_agent(cutAt);
+        int status = 0;
+        bool restarts = false;
+        EXPECT_TRUE(eventually(30000, [&] {
+            count_requests();
+            if (act_ && server_.requests().size() >= actAt_) {
+                std::exchange(act_, nullptr)(server_);
+            }
+            restarts = serves_ && service_has_ended();
+            return restarts || waitpid(agent_, &status, WNOHANG) != 0;
+        })) << "the agent hangs";
+        cut_ = !restarts && WIFSIGNALED(status);
+        if (!restarts) {
+            agent_ = -1;
+        }
+        if (restarts || (cut_ && powerGoesToo)) {
+            restart();
+            return -1;
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    // Lives until the server knows the end and nothing is in hand, or nothing happens any more.
+    void live_to_the_end(const char* id = ID) {
+        for (int lives = 0; lives < 10; ++lives) {
+            const int status = live();
+            const std::string story = server_.story(id);
+            const bool ended = !story.starts_with("offered") && !story.starts_with("cancelling");
+            if (status == 0 && ended && !std::filesystem::exists(STATE_FOLDER + "action.json")) {
+                return;
+            }
+        }
+    }
+
+    // What must hold at the end whatever has happened: the server's truth is the camera's, and
+    // nothing is left that nobody needs.
+    // `id` is of the action that was the last one; empty: nobody is told the end.
+    void expect_promise(const std::string& id = ID) {
+        const std::string story = server_.story(id);
+        const bool runs = Camera::partition("kernel").starts_with(KERNEL) &&
+                          Camera::partition("rootfs").starts_with(ROOTFS) &&
+                          (read_file(SLOT) == "B\n" || id != ID);
+        EXPECT_TRUE(id.empty() || runs == story.starts_with("success")) << story;
+        EXPECT_FALSE(std::filesystem::exists(STATE_FOLDER + "action.json")) << story;
+        EXPECT_EQ("", files_left());
+        EXPECT_LE(posted_, 3);
+    }
+
+    static std::string files_left() {
+        std::string names;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(AGENT_FOLDER, error)) {
+            names += " " + entry.path().filename().string();
+        }
+        return names;
+    }
+
+    static void give_consent(const char* word) {
+        EXPECT_EQ(0, shell("corvo_agent " + std::string(word) + " > /dev/null"));
+    }
+
+  private:
+    void configure() {
+        write_file("/etc/corvo/token", "secret\n");
+        chmod("/etc/corvo/token", 0600);
+        write_file(
+            "/etc/corvo/agent.conf",
+            "server = " + server_.url() + "\ncontroller-id = \"" + PlayedServer::CONTROLLER +
+                "\"\ntarget-token-file = /etc/corvo/token\nkeyring = /run/pki/root.pem\n"
+                "compatible = R5C20\nversion-file = /etc/version\n" +
+                (contains(mode_, "unchecked") ? "check-partitions = off\n" : "") +
+                (contains(mode_, "asks") || contains(mode_, "agrees") || contains(mode_, "denies")
+                     ? "confirm = ask\n"
+                     : "") +
+                (contains(mode_, "unfit") ? "fitness-command = echo battery low; false\n" : "") +
+                // A minute of a day that has just begun elsewhere.
+                (contains(mode_, "attempts") ? "window = " + other_time() + "\n" : ""));
+    }
+
+    // A minute that is over long before this test could be.
+    static std::string other_time() {
+        std::string window;
+        for (const time_t at : {time(nullptr) + 7200, time(nullptr) + 7260}) {
+            char text[16] = {};
+            tm local = {};
+            strftime(text, sizeof(text), "%H:%M", localtime_r(&at, &local));
+            window += (window.empty() ? "" : "-") + std::string(text);
+        }
+        return window;
+    }
+
+    void start_agent(int cutAt) {
+        agent_ = fork();
+        if (agent_ == 0) {
+            setenv("CORVO_CUT", std::to_string(cutAt).c_str(), 1);
+            if (getenv("CORVO_SHOW") == nullptr) {
+                freopen("/run/agent.log", "a", stdout);
+                freopen("/run/agent.log", "a", stderr);
+            }
+            execl(AGENT_WITH_CUTS, AGENT_WITH_CUTS, "once", nullptr);
+            _exit(127);
+        }
+    }
+
+    void stop_agent() {
+        if (agent_ > 0) {
+            kill(agent_, SIGKILL);
+            waitpid(agent_, nullptr, 0);
+            agent_ = -1;
+        }
+    }
+
+    [[nodiscard]] bool service_has_ended() const {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(camera_.pid()), &info,
+                      WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid != 0;
+    }
+
+    void stop_service() {
+        if (serves_) {
+            kill(camera_.pid(), SIGKILL);
+            camera_.finish();
+            serves_ = false;
+        }
+        msgctl(Camera::queue(), IPC_RMID, nullptr);
+        remove("/tmp/corvo_upgrade.pid");
+        counted_ = false;
+    }
+
+    // A queue takes one request; who sent last is how it is known.
+    void count_requests() {
+        msqid_ds status = {};
+        if (!counted_ && msgctl(Camera::queue(), IPC_STAT, &status) == 0 && status.msg_stime != 0) {
+            counted_ = true;
+            ++posted_;
+        }
+    }
+
+    PlayedServer server_;
+    Camera camera_;
+    std::string mode_;
+    pid_t agent_ = -1;
+    bool serves_ = false;
+    bool counted_ = false;
+    bool cut_ = false;
+    int boots_ = 0;
+    int posted_ = 0;
+    size_t actAt_ = 0;
+    std::function<void(PlayedServer&)> act_;
+};
+
+std::string played(const std::string& camera, const std::string& action,
+                   const std::string& faults) {
+    World world(camera, action);
+    world.server().misbehave(faults);
+    world.start_service();
+    if (action == "cancelled" || action == "quit") {
+        action == "quit" ? world.server().force_quit(ID) : world.server().cancel(ID);
+    }
+    if (camera == "agrees" || camera == "denies") {
+        EXPECT_EQ(0, world.live());
+        World::give_consent(camera == "agrees" ? "confirm" : "deny");
+    }
+    world.live_to_the_end();
+    const std::string story = world.server().story(ID);
+    const std::string left = World::files_left();
+    return std::to_string(world.posted()) + (left.empty() ? "" : " left" + left) + " " +
+           story.substr(0, story.find(" | ")) +
+           (contains(story, " | ")
+                ? replaced(story.substr(story.rfind(" | ")), "[0-9]{2}:[0-9]{2}|:[0-9]{5}", "#")
+                : "");
+}
+
+TEST(Action, EndsAsItDeserves) {
+    expect_cases(
+        "agent_actions.txt",
+        [](std::istream& row) {
+            std::string camera;
+            std::string action;
+            std::string faults;
+            std::getline(row, camera, ';');
+            std::getline(row >> std::ws, action, ';');
+            std::getline(row >> std::ws, faults);
+            return played(camera, action, faults);
+        },
+        Rows::ARE_INDEPENDENT);
+}
+
+// The agent dies, or the power goes, at every change that it makes outside of itself.
+void sweep_agent(bool powerGoesToo) {
+    bool cut = true;
+    for (int place = 1; cut && !testing::Test::HasFailure(); place += sweep_stride()) {
+        SCOPED_TRACE(place);
+        World world("good", "files");
+        world.start_service();
+        world.live(place, powerGoesToo);
+        cut = world.agent_was_cut();
+        world.live_to_the_end();
+        world.expect_promise();
+        const std::string story = world.server().story(ID);
+        EXPECT_TRUE(story.starts_with("success")) << story;
+    }
+}
+
+TEST(Action, SurvivesTheAgentsDeathAtEveryStep) {
+    sweep_agent(false);
+}
+
+TEST(Action, SurvivesAPowerCutAtEveryStepOfTheAgent) {
+    sweep_agent(true);
+}
+
+TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
+    bool again = true;
+    for (int place = 1; again && !HasFailure(); place += sweep_stride()) {
+        SCOPED_TRACE(place);
+        World world("good", "files");
+        world.start_service({{.call = "change", .ordinal = place, .effect = CUT}});
+        world.live_to_the_end();
+        world.expect_promise();
+        const std::string story = world.server().story(ID);
+        EXPECT_TRUE(story.starts_with("success")) << story;
+        again = world.boots() > 1;  // one of them is the upgrade's own
+    }
+}
+
+// Cancelled, quit by force or overtaken by a newer action at any moment: nothing is claimed that is
+// not so, and nothing is left.
+TEST(Action, EndsWhateverTheOperatorDoes) {
+    const std::vector<std::function<void(PlayedServer&)>> acts = {
+        [](PlayedServer& server) { server.cancel(ID); },
+        [](PlayedServer& server) { server.force_quit(ID); },
+        [](PlayedServer& server) {
+            PlayedAction newer = make_action("files");
+            newer.id = "12";
+            server.offer(newer);
+        }};
+    for (size_t requests = 1; requests < 40 && !HasFailure();
+         requests += static_cast<size_t>(sweep_stride())) {
+        for (size_t i = 0; i < acts.size(); ++i) {
+            SCOPED_TRACE(std::to_string(i) + " " + std::to_string(requests));
+            World world("good", "files");
+            world.start_service();
+            world.when_asked(requests, acts[i]);
+            world.live_to_the_end();
+            if (!world.acted()) {
+                return;  // it was over before
+            }
+            const char* const last = i == 2 ? "12" : ID;
+            world.live_to_the_end(last);
+            world.expect_promise(i == 1 ? "" : last);
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,78 @@
+// Behind the calls of the agent with which it changes the world outside: at the one that CORVO_CUT
+// in the environment counts to, the power goes, before it happens. A request to the server counts
+// twice, before it is sent and when its answer is there. Waiting costs no time: the clock that
+// nobody sets goes on by itself.
+#include <curl/curl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr long NS_PER_S = 1000000000;
+constexpr long HURRY = 50;
+
+std::atomic<int> g_changes{0};
+std::atomic<long> g_skippedNs{0};
+
+void change() {
+    static const char* const cut = getenv("CORVO_CUT");
+    if (++g_changes == (cut == nullptr ? 0 : atoi(cut))) {
+        kill(getpid(), SIGKILL);
+        abort();
+    }
+}
+
+}  // namespace
+
+#define CHANGING(result, symbol, parameters, arguments) \
+    result __real_##symbol parameters;                  \
+    result __wrap_##symbol parameters {                 \
+        change();                                       \
+        return __real_##symbol arguments;               \
+    }
+
+extern "C" {
+
+CHANGING(int, rename, (const char* from, const char* to), (from, to))
+CHANGING(int, unlink, (const char* path), (path))
+CHANGING(int, mkdir, (const char* path, mode_t mode), (path, mode))
+CHANGING(int, ftruncate64, (int fd, off_t size), (fd, size))
+CHANGING(int, fsync, (int fd), (fd))
+CHANGING(int, fdatasync, (int fd), (fd))
+CHANGING(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+CHANGING(ssize_t, pwrite64, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
+CHANGING(int, msgsnd, (int id, const void* data, size_t size, int flags), (id, data, size, flags))
+
+CURLcode __real_curl_easy_perform(CURL* handle);
+CURLcode __wrap_curl_easy_perform(CURL* handle) {
+    change();
+    const CURLcode code = __real_curl_easy_perform(handle);
+    change();
+    return code;
+}
+
+int __real_nanosleep(const timespec* span, timespec* left);
+int __wrap_nanosleep(const timespec* span, timespec* left) {
+    const long all = span->tv_sec * NS_PER_S + span->tv_nsec;
+    const timespec hurried = {.tv_sec = 0, .tv_nsec = all / HURRY};
+    g_skippedNs += all - hurried.tv_nsec;
+    return __real_nanosleep(&hurried, left);
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    const int result = __real_clock_gettime(clock, now);
+    if (clock == CLOCK_MONOTONIC) {
+        const long all = now->tv_sec * NS_PER_S + now->tv_nsec + g_skippedNs;
+        *now = {.tv_sec = all / NS_PER_S, .tv_nsec = all % NS_PER_S};
+    }
+    return result;
+}
+}
