@@ -117,9 +117,13 @@ QueueUse queue_use(int64_t processId) {
     return status.msg_lspid == processId ? QueueUse::BY_US : QueueUse::BY_OTHERS;
 }
 
+bool upgrade_has_begun() {
+    return access(SERVICE_PID_PATH, F_OK) == 0;
+}
+
 bool service_is_busy(int64_t sender) {
     msqid_ds status = {};
-    if (sender != 0 && queue_status(status) && status.msg_lspid == sender && status.msg_qnum == 0 &&
+    if (queue_status(status) && status.msg_lspid == sender && status.msg_qnum == 0 &&
         is_service(status.msg_lrpid)) {
         return true;
     }

@@ -30,9 +30,12 @@ enum class QueueUse {
 };
 QueueUse queue_use(int64_t processId);
 
-// Whether a service is at work on an upgrade: whoever its pid file names lives and is one (the
-// system-call daemon writes the file when a request was taken), or one has taken the last request
-// from the queue, and that was sent by this process id (0: do not ask).
+// Whether an upgrade has begun since the camera started: the service then has the system-call
+// daemon write a pid file to a folder that a restart empties.
+bool upgrade_has_begun();
+
+// Whether a service is at work: whom the pid file names lives and is one, or one has taken the last
+// request from the queue, and that was sent by this process id.
 bool service_is_busy(int64_t sender);
 
 // Takes a request of this type back. Returns whether it still stood in the queue.

@@ -266,12 +266,25 @@ AgentStatus agent_report(Agent& agent) {
     return send_attributes(agent, "");
 }
 
+namespace {
+
+// Without a version file it is known only what this agent has installed.
+std::string running_version(const AgentSettings& settings) {
+    std::string version;
+    if (settings.versionFile.empty()) {
+        for (const HistoryEntry& entry : load_history(settings.stateFolder)) {
+            version = entry.succeeded ? entry.version : version;
+        }
+        return version.empty() ? "unknown" : version;
+    }
+    return read_running_version(settings.versionFile, version).ok() ? version : "unknown";
+}
+
+}  // namespace
+
 DdiAttributes camera_attributes(const AgentSettings& settings) {
     DdiAttributes attributes = set_attributes(settings);
-    std::string version;
-    if (!settings.versionFile.empty() && read_running_version(settings.versionFile, version).ok()) {
-        attributes.emplace_back("version", version);
-    }
+    attributes.emplace_back("version", running_version(settings));
     std::string modules;
     for (const OtaPackageEntry& entry : package_entries()) {
         modules += (modules.empty() ? "" : ",") + std::string(entry.partitionName);

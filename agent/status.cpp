@@ -109,8 +109,10 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
                          {"trouble", lastPoll.text}}},
                        {"waits", {{"id", agent.waitingId}, {"for", agent.waitingFor}}}};
     (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
+    // The folder is the agent's user's, and this may be root: nothing that lies there is followed.
+    (void)unlink(RUN_FILE_NEW);
     {
-        const corvo::OwnedFile file(fopen(RUN_FILE_NEW, "we"));
+        const corvo::OwnedFile file(fopen(RUN_FILE_NEW, "wxe"));
         if (!file) {
             return;
         }

@@ -38,6 +38,10 @@ bool is_inside_window(const std::string& text) {
 // Somebody else's request stands in the queue or was taken from it: slot and record may be those
 // of an upgrade under way. A service that threw an empty request away looks the same for ever.
 bool others_upgrade(Agent& agent) {
+    // Since the camera's last start: slot and record may not be those of what runs.
+    if (upgrade_has_begun()) {
+        return true;
+    }
     if (queue_use(getpid()) != QueueUse::BY_OTHERS) {
         agent.othersSinceMs = 0;
         return false;
@@ -45,7 +49,7 @@ bool others_upgrade(Agent& agent) {
     if (agent.othersSinceMs == 0) {
         agent.othersSinceMs = monotonic_ms();
     }
-    return service_is_busy(0) || monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS;
+    return monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS;
 }
 
 std::string reason_to_wait(Agent& agent, const DdiAction& offer) {
@@ -59,7 +63,7 @@ std::string reason_to_wait(Agent& agent, const DdiAction& offer) {
     if (!camera_is_fit(agent.settings.fitnessCommand, words)) {
         return words;
     }
-    return others_upgrade(agent) ? "the end of another upgrade" : "";
+    return others_upgrade(agent) ? "the end of another upgrade, and the restart behind it" : "";
 }
 
 // Every byte again, but for files that this process has seen whole and nobody has touched since.
@@ -107,8 +111,11 @@ AgentStatus end_without_restart(Agent& agent) {
     if (take_request_back(static_cast<long>(agent.action.processId))) {
         return conclude(agent, false, "the upgrade service did not take the request");
     }
+    if (service_is_busy(agent.action.processId)) {
+        return {};  // it was just about to take it
+    }
     const char slot = boot_slot();
-    if (slot != '?' && slot != agent.action.slotBefore) {
+    if (is_other_slot(slot, agent.action.slotBefore)) {
         // Whenever the camera starts next, the new system runs: that is when it is known.
         wait_for(agent, "a restart: the slot is switched");
         return {};
@@ -178,13 +185,14 @@ AgentStatus commit(Agent& agent, const Manifest& manifest) {
         return conclude(agent, false, "the boot environment does not say which slot is used");
     }
     ++agent.action.attempts;
+    agent.action.downloadOnly = false;
     agent.action.stage = ACTION_COMMITTED;
     AgentStatus status = store(agent);
     if (!status.ok()) {
         return status;
     }
     // Somebody may have been faster while this was written: then slot and record are worth nothing.
-    if (queue_use(getpid()) == QueueUse::BY_OTHERS) {
+    if (upgrade_has_begun() || queue_use(getpid()) == QueueUse::BY_OTHERS) {
         --agent.action.attempts;
         agent.action.stage = ACTION_WAITING;
         agent.othersSinceMs = monotonic_ms();
@@ -216,9 +224,11 @@ AgentStatus judge_restart(Agent& agent) {
                          .slot = boot_slot(),
                          .slotBefore = agent.action.slotBefore,
                          .packageThere = false,
+                         .partitionsRead = false,
                          .disagreement = "",
                          .attempts = agent.action.attempts};
-    if (says_upgraded(seen.record, seen.slot, seen.slotBefore)) {
+    if (is_other_slot(seen.slot, seen.slotBefore)) {
+        seen.partitionsRead = agent.settings.checkPartitions;
         seen.disagreement = find_disagreement(agent, manifest);
     } else {
         seen.packageThere = check_content(agent, manifest).ok();
@@ -275,6 +285,10 @@ AgentStatus see_through(Agent& agent) {
     if (agent.action.stage == ACTION_COMMITTED) {
         switch (queue_use(agent.action.processId)) {
             case QueueUse::UNUSED: {
+                // Posted, done, and the service started once more: this is another one's queue.
+                if (upgrade_has_begun()) {
+                    break;
+                }
                 // Not posted. The queue will remember this process, so the record must as well.
                 agent.action.processId = getpid();
                 const AgentStatus status = store(agent);

@@ -8,10 +8,6 @@ bool is_slot(char slot) {
     return slot == 'A' || slot == 'B';
 }
 
-bool is_other(char slot, char before) {
-    return is_slot(slot) && is_slot(before) && slot != before;
-}
-
 std::string what_was_found(const AfterRestart& seen) {
     return outcome_words(seen.record) + "; slot " + seen.slotBefore + " before, " + seen.slot +
            " now; the package is " + (seen.packageThere ? "there" : "gone");
@@ -29,22 +25,29 @@ Judgement again(const AfterRestart& seen, const std::string& why, std::string& w
 
 }  // namespace
 
-bool says_upgraded(const std::string& record, char slot, char slotBefore) {
-    return read_outcome(record) == Outcome::SUCCEEDED && is_other(slot, slotBefore);
+bool is_other_slot(char slot, char before) {
+    return is_slot(slot) && is_slot(before) && slot != before;
 }
 
 Judgement judge(const AfterRestart& seen, std::string& words) {
     const Outcome outcome = read_outcome(seen.record);
-    const bool other = is_other(seen.slot, seen.slotBefore);
+    const bool other = is_other_slot(seen.slot, seen.slotBefore);
     const bool same = is_slot(seen.slot) && seen.slot == seen.slotBefore;
     const bool asBefore = seen.record == seen.recordBefore;
 
+    // What runs counts, not what is recorded: since then somebody's upgrade by hand may have
+    // failed.
+    if (other && seen.partitionsRead && seen.disagreement.empty()) {
+        words = std::string("the new system runs from slot ") + seen.slot + "; " +
+                outcome_words(seen.record);
+        return Judgement::SUCCESS;
+    }
+    if (outcome == Outcome::SUCCEEDED && other && !seen.disagreement.empty()) {
+        words = "recorded as success, but something else runs: " + seen.disagreement;
+        return Judgement::FAILURE;
+    }
     if (outcome == Outcome::SUCCEEDED && other) {
-        if (!seen.disagreement.empty()) {
-            words = "recorded as success, but something else runs: " + seen.disagreement;
-            return Judgement::FAILURE;
-        }
-        words = outcome_words(seen.record) + "; the new system runs from slot " + seen.slot;
+        words = outcome_words(seen.record) + "; slot " + seen.slot + ", partitions not looked at";
         return Judgement::SUCCESS;
     }
     if (outcome == Outcome::SUCCEEDED && same && !seen.packageThere) {

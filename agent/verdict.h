@@ -18,15 +18,15 @@ struct AfterRestart {
     char slot = '?';  // 'A', 'B', or '?' when it cannot be told
     char slotBefore = '?';
     bool packageThere = false;  // every file of it, whole
-    // What speaks against the new system running: a partition or the version file that is not what
-    // the package has. Empty when all agree or nobody asked. Counts with a recorded success and
-    // the other slot only.
+    // With the other slot only: whether the partitions were read and hashed, and what speaks
+    // against the new system running, a partition or the version file that is not what the package
+    // has. Empty when nothing does or nobody asked.
+    bool partitionsRead = false;
     std::string disagreement;
     uint32_t attempts = 0;  // so far
 };
 
-// Whether `record` and the slot say that an upgrade succeeded into the other slot.
-bool says_upgraded(const std::string& record, char slot, char slotBefore);
+bool is_other_slot(char slot, char before);
 
 // `words` is what the server is told.
 Judgement judge(const AfterRestart& seen, std::string& words);

@@ -32,6 +32,7 @@ TEST(Verdict, FollowsFromRecordSlotAndPackage) {
         row >> before >> record >> slots >> package >> seen.attempts >> std::ws;
         std::getline(row, seen.disagreement);
         seen.disagreement.erase(seen.disagreement.find_last_not_of(' ') + 1);
+        seen.partitionsRead = package != "gone-unread";
         seen.recordBefore = RECORDS.at(before);
         seen.record = RECORDS.at(record);
         seen.slotBefore = slots[0];
