@@ -76,28 +76,30 @@ def counted_instructions() -> int:
     return int(re.search(r"^totals: (\d+)", INSTRUCTIONS.read_text(), re.MULTILINE)[1])
 
 
-def instructions(programs: Programs) -> list[Row]:
-    """Per MiB: what 32 MiB take more than 16 MiB, so that a program's start drops out."""
-    def per_mib(command) -> float:
-        taken = []
-        for mib in (16, 32):
-            image, part = make_copy(mib, "callgrind")
-            if command is compare or command is cmp:
-                part.write_bytes(image.read_bytes())
-            subprocess.run([*CALLGRIND, *command(image, part)], check=True,
-                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            taken.append(counted_instructions())
-        return (taken[1] - taken[0]) / 16
+def instructions_per_mib(command, equal: bool) -> float:
+    """What 32 MiB take more than 16 MiB, so that a program's start drops out; `equal`: the partition
+    holds the image before."""
+    taken = []
+    for mib in (16, 32):
+        image, part = make_copy(mib, "callgrind")
+        if equal:
+            part.write_bytes(image.read_bytes())
+        subprocess.run([*CALLGRIND, *command(image, part)], check=True, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+        taken.append(counted_instructions())
+    return (taken[1] - taken[0]) / 16
 
+
+def instructions(programs: Programs) -> list[Row]:
     def copy(image, _): return programs.bench / "partition", "write", "callgrind", image
     def compare(image, _): return programs.bench / "partition", "compare", "callgrind", image
     def dd(image, part): return "dd", *SYNCHRONOUS, f"if={image}", f"of={part}"
     def cmp(image, part): return "cmp", image, part
 
     rows = []
-    for figure, ours, baseline in (("copied / dd bs=16k oflag=dsync", copy, dd),
-                                   ("compared / cmp", compare, cmp)):
-        own, other = per_mib(ours), per_mib(baseline)
+    for figure, ours, baseline, equal in (("copied / dd bs=16k oflag=dsync", copy, dd, False),
+                                          ("compared / cmp", compare, cmp, True)):
+        own, other = (instructions_per_mib(command, equal) for command in (ours, baseline))
         rows.append(Row(f"instructions per MiB {figure}", f"{own:.0f}", f"{other:.0f}",
                         own / other, 1, counted=True))
     return rows

@@ -13,6 +13,7 @@ from pathlib import Path
 
 import counted
 import figures
+import hardening
 import picture
 import signed
 from pairs import Row, print_head, print_row
@@ -47,7 +48,8 @@ def timed(programs: Programs, work: Path, show) -> dict:
     camera, loops = Camera(programs), Loops()
     facts: dict = {}
     try:
-        for row in figures.log_figures(programs) + figures.call_figures(programs):
+        for row in (figures.log_figures(programs) + figures.call_figures(programs) +
+                    hardening.timed_rows(programs)):
             show(row)
         for row in figures.request_figures(programs, camera):
             show(row)
@@ -111,8 +113,8 @@ def main() -> int:
     for row in counted.allocations(programs):
         show(row)
     show(counted.system_calls(programs))
-    for row in (counted.instructions(programs) + counted.growth(programs) +
-                signed.counted_rows(programs)):
+    for row in (counted.instructions(programs) + hardening.counted_rows(programs) +
+                counted.growth(programs) + signed.counted_rows(programs)):
         show(row)
     for row in counted.size_and_libraries(programs):
         show(row)

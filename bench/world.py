@@ -24,6 +24,7 @@ class Programs:
         self.unpaused = build / "bench/unpaused/corvo_upgrade"
         self.otactl = build / "otactl"
         self.bench = build / "bench"
+        self.unhardened = build / "unhardened"
 
 
 class Loops:

@@ -2,9 +2,9 @@
 
 # The service must build for C libraries that come with no C++ run-time library, so its code uses
 # no exceptions, no run-time types and no guarded statics; the C link of corvo_program() turns a
-# breach into an undefined reference.
+# breach into an undefined reference. Nothing is unwound at run time; debuggers have their own tables.
 set(CORVO_SERVICE_OPTIONS -fno-exceptions -fno-rtti -fno-threadsafe-statics -ffunction-sections
-                          -fdata-sections)
+                          -fdata-sections -fno-asynchronous-unwind-tables -fno-unwind-tables)
 
 # corvo_layer(NAME SOURCES file... [PUBLIC target...] [PRIVATE target...])
 #

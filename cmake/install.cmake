@@ -1,22 +1,37 @@
 # What a camera's file system gets, by components: service (with its daemon), tools, bringup,
-# sysv, systemd. The last three are left out unless they are named.
+# sysv, systemd; and symbols, for the desk. The last four are left out unless they are named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
+set(install_symbols ${PROJECT_SOURCE_DIR}/cmake/install_symbols.cmake)
 
-install(TARGETS corvo_upgrade RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service)
+# corvo_install(TARGET ...): install(TARGETS), for each program and library that ships. Its debug
+# information becomes part of the symbols, and the linker leaves in maps/ what it took from where.
+function(corvo_install target)
+  install(TARGETS ${target} ${ARGN})
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "STATIC_LIBRARY")
+    return()
+  endif()
+  target_link_options(${target} PRIVATE -Wl,-Map=${CMAKE_BINARY_DIR}/maps/${target}.map)
+  install(CODE "execute_process(COMMAND \"${CMAKE_COMMAND}\" -D \"READELF=${CMAKE_READELF}\"
+      -D \"OBJCOPY=${CMAKE_OBJCOPY}\" -D \"PROGRAM=$<TARGET_FILE:${target}>\"
+      -D \"FOLDER=\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/debug\"
+      -P \"${install_symbols}\" COMMAND_ERROR_IS_FATAL ANY)" COMPONENT symbols EXCLUDE_FROM_ALL)
+endfunction()
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/maps)
+
+corvo_install(corvo_upgrade RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service)
 if(CORVO_BUILD_TOOLS)
-  install(TARGETS system_call_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
-          COMPONENT service)
-  install(TARGETS otactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  corvo_install(system_call_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service)
+  corvo_install(otactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   # It writes flash and asks nothing.
-  install(TARGETS hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup
-          EXCLUDE_FROM_ALL)
+  corvo_install(hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup EXCLUDE_FROM_ALL)
 endif()
 # The maker's library comes with the maker's system; only the stand-in is ours to install.
 if(NOT CORVO_PLATFORM_LIBRARY)
-  install(TARGETS platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
-          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
+  corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
+                ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
 endif()
 
 # The scripts name the programs by their full paths, and more than one asks whether an upgrade runs.

@@ -21,3 +21,5 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${corvo_checkout}scripts/private_root
                                   qemu-arm-static -L ${CORVO_SYSROOT}/root)
 include(${CMAKE_CURRENT_LIST_DIR}/sysroot_only.cmake)
 set(ENV{PKG_CONFIG_LIBDIR} ${CORVO_SYSROOT}/root/usr/lib/arm-linux-gnueabihf/pkgconfig)
+# Where the camera's loader looks anyway: programs need not say so.
+set(CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES ${CORVO_SYSROOT}/root/usr/lib/arm-linux-gnueabihf)

@@ -4,6 +4,8 @@
 
 #include <stddef.h>
 
+// Found by name between program and library, whatever else they hide.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Brings up the platform library. Called once, before any other Plt_ function. The result is not
@@ -22,5 +24,6 @@ void* Plt_MemSet(void* target, int value, size_t size);
 // export it, and never reads or writes it.
 extern void* Plt_Log_TcpPrint;
 }
+#pragma GCC visibility pop
 
 #endif  // PLATFORM_PLT_H

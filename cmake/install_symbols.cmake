@@ -1,0 +1,13 @@
+# Run as a script when symbols are installed: puts the debug information of PROGRAM into a file of its
+# own below FOLDER, under the build id, where debuggers look for it. READELF and OBJCOPY are those of
+# the program's processor.
+execute_process(COMMAND ${READELF} -n ${PROGRAM} OUTPUT_VARIABLE notes COMMAND_ERROR_IS_FATAL ANY)
+if(NOT notes MATCHES "Build ID: ([0-9a-f][0-9a-f])([0-9a-f]+)")
+  message(FATAL_ERROR "${PROGRAM} has no build id")
+endif()
+set(file ${FOLDER}/.build-id/${CMAKE_MATCH_1}/${CMAKE_MATCH_2}.debug)
+get_filename_component(folder ${file} DIRECTORY)
+file(MAKE_DIRECTORY ${folder})
+execute_process(COMMAND ${OBJCOPY} --only-keep-debug ${PROGRAM} ${file} COMMAND_ERROR_IS_FATAL ANY)
+file(CHMOD ${file} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+message(STATUS "Installing: ${file}")

@@ -1,0 +1,16 @@
+// Writes beyond a piece of memory whose size the compiler does not know. Succeeds when it is
+// stopped.
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int main(int count, char** words) {
+    const size_t size = strlen(words[0]) * static_cast<size_t>(count);
+    char* copy = static_cast<char*>(malloc(size));
+    signal(SIGABRT, [](int) { _exit(0); });
+    if (copy != nullptr) {
+        memset(copy, count, size + 1);
+    }
+    return 1;
+}
