@@ -1,6 +1,6 @@
 # Faults behind the system calls of a test's own program: see support/faults.h.
 set(calls_with_faults
-    open open64 fopen fopen64 read write lseek lseek64 fstat fstat64 fsync fdatasync sync remove ioctl select
+    open open64 __open_2 __open64_2 fopen fopen64 read __read_chk write lseek lseek64 fstat fstat64 fsync fdatasync sync remove ioctl select
     msgrcv msgctl msgget ftok socket bind listen accept4 connect send opendir calloc pthread_create pthread_cond_timedwait sleep usleep _exit)
 list(TRANSFORM calls_with_faults PREPEND -Wl,--wrap=)
 add_library(test_faults STATIC support/faults.cpp)
