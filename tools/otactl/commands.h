@@ -80,6 +80,9 @@ int pack_combined(const PackOptions& options);
 // Makes the manifest and the signature for images that lie in a directory.
 int pack_files(const PackOptions& options);
 
+// Signs a file of up to 1 MiB; the signature lies beside it as that of a manifest does.
+int sign_file(const std::string& path, const SigningOptions& options);
+
 struct LogsOptions {
     std::string address;
     uint32_t level;  // lines below it are not shown

@@ -15,6 +15,8 @@ namespace {
 struct Arguments {
     SendOptions send;
     PackOptions pack;
+    std::string signedFile;
+    SigningOptions signing;
     InspectOptions inspect;
     LogsOptions logs;
     std::string recordPath = OTA_DATA_PATH;
@@ -66,6 +68,23 @@ void add_send(CLI::App& app, Arguments& arguments) {
     common(combined);
 }
 
+void add_signing(CLI::App* command, SigningOptions& signing) {
+    command->add_option("--key", signing.key, "Sign with this key: a file or a PKCS#11 URI");
+    command->add_option("--certificate", signing.certificate, "The key's certificate (PEM)");
+    command
+        ->add_option("--intermediate", signing.intermediates,
+                     "An authority between it and the root (PEM); once for each")
+        ->allow_extra_args(false);
+}
+
+void add_sign(CLI::App& app, std::string& file, SigningOptions& signing) {
+    CLI::App* command = app.add_subcommand("sign", "Sign another file, as a list of checksums");
+    command->add_option("FILE", file, "The file; its signature becomes FILE.sig")->required();
+    add_signing(command, signing);
+    command->get_option("--key")->required();
+    command->get_option("--certificate")->required();
+}
+
 void add_pack(CLI::App& app, PackOptions& options) {
     CLI::App* pack = app.add_subcommand("pack", "Make a combined package and its manifest");
     pack->add_option("--output", options.output, "The package file");
@@ -81,14 +100,7 @@ void add_pack(CLI::App& app, PackOptions& options) {
                             "The kind of camera that the package is for");
         command->add_option("--version", options.version, "The package's version: 2.7.1");
         command->add_option("--description", options.description, "What is new, in one line");
-        command->add_option("--key", options.signing.key,
-                            "Sign with this key: a file or a PKCS#11 URI");
-        command->add_option("--certificate", options.signing.certificate,
-                            "The key's certificate (PEM)");
-        command
-            ->add_option("--intermediate", options.signing.intermediates,
-                         "An authority between it and the root (PEM); once for each")
-            ->allow_extra_args(false);
+        add_signing(command, options.signing);
     }
 }
 
@@ -131,6 +143,9 @@ int run(const CLI::App& app, const Arguments& arguments) {
         return app.get_subcommand("pack")->got_subcommand("files") ? pack_files(arguments.pack)
                                                                    : pack_combined(arguments.pack);
     }
+    if (app.got_subcommand("sign")) {
+        return sign_file(arguments.signedFile, arguments.signing);
+    }
     if (app.got_subcommand("verify")) {
         return verify(arguments.inspect);
     }
@@ -167,6 +182,7 @@ static int program(int argc, char** argv) {
     app.footer("Modules: " + module_names());
     add_send(app, arguments);
     add_pack(app, arguments.pack);
+    add_sign(app, arguments.signedFile, arguments.signing);
     add_inspect(app, arguments.inspect);
     add_others(app, arguments);
     if (const auto status = parse_command_line(app, argc, argv)) {

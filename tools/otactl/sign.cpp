@@ -1,0 +1,65 @@
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <array>
+
+#include "base/owned.h"
+#include "error_line.h"
+#include "otactl/commands.h"
+#include "package/signed_manifest.h"
+
+namespace {
+
+constexpr size_t SIGNED_FILE_MAX = 1 << 20;  // bytes; what is signed is a list, not an image
+
+int failed(const std::string& what, const std::string& path, const char* reason) {
+    print_error(OTACTL, what + " " + path + ": " + reason);
+    return OTACTL_FAILED;
+}
+
+int read_content(const std::string& path, std::string& content) {
+    const corvo::OwnedFile file(fopen(path.c_str(), "rbe"));
+    if (!file) {
+        return failed("cannot read", path, strerror(errno));
+    }
+    std::array<char, 65536> buffer;
+    for (size_t n = 0; (n = fread(buffer.data(), 1, buffer.size(), file.get())) > 0;) {
+        content.append(buffer.data(), n);
+        if (content.size() > SIGNED_FILE_MAX) {
+            return failed("cannot sign", path, "longer than 1 MiB");
+        }
+    }
+    return ferror(file.get()) == 0 ? static_cast<int>(OTACTL_OK)
+                                   : failed("cannot read", path, strerror(errno));
+}
+
+// A signature is whole or not there.
+int write_signature(const std::string& path, const std::string& signature) {
+    const std::string part = path + ".part";
+    corvo::OwnedFile file(fopen(part.c_str(), "wbe"));
+    const bool written =
+        file && fwrite(signature.data(), 1, signature.size(), file.get()) == signature.size();
+    if (!written || fclose(file.release()) != 0 || rename(part.c_str(), path.c_str()) != 0) {
+        const int reason = errno;
+        remove(part.c_str());
+        return failed("cannot write", path, strerror(reason));
+    }
+    return OTACTL_OK;
+}
+
+}  // namespace
+
+int sign_file(const std::string& path, const SigningOptions& options) {
+    std::string content;
+    const int result = read_content(path, content);
+    if (result != OTACTL_OK) {
+        return result;
+    }
+    std::string signature;
+    const PackageStatus status = sign(content, options, signature);
+    if (!status.ok()) {
+        return refuse(status, false);
+    }
+    return write_signature(path + SIGNATURE_SUFFIX, signature);
+}
