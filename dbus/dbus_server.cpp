@@ -299,6 +299,8 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
     // A file that an earlier run left would fail the bind. unlink() takes a link itself, never what
     // it points to, and no directory.
     unlink(address.sun_path);
+    // The file is made with the socket's own mode: only its owner may connect, whatever the umask.
+    corvo::ignore_result(fchmod(fd.get(), S_IRUSR | S_IWUSR));
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         DBUS_ERROR_AS(DBUS_REGISTER, "Cannot bind server socket (%s)", address.sun_path);
         return DBUS_BIND_FAILED;

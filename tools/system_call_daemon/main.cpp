@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -137,6 +138,8 @@ static int program(int argc, char** argv) {
         return *status;
     }
 
+    // What commands write, the upgrade's pid file among it, is for others to read only.
+    umask(umask(0) | S_IWGRP | S_IWOTH);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     // Before any thread exists, so that all of them leave these signals to the wait in serve().
     sigset_t endSignals;
