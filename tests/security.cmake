@@ -1,0 +1,6 @@
+# The page that says what is defended, against a system that runs; once, as what it reads is of the release.
+if(CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
+  add_test(NAME Security.PageIsTrue
+           COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/support/security_page.sh ${CMAKE_BINARY_DIR})
+  set_tests_properties(Security.PageIsTrue PROPERTIES TIMEOUT 120 COST 50)
+endif()
