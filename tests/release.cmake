@@ -1,0 +1,4 @@
+if(CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release" AND EXISTS ${PROJECT_SOURCE_DIR}/.git)
+  add_test(NAME Release.RefusesWhatIsNotReady
+           COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/support/release_refusals.sh)
+endif()
