@@ -9,8 +9,9 @@ int main(int count, char** words) {
     const size_t size = strlen(words[0]) * static_cast<size_t>(count);
     char* copy = static_cast<char*>(malloc(size));
     signal(SIGABRT, [](int) { _exit(0); });
-    if (copy != nullptr) {
-        memset(copy, count, size + 1);
+    if (copy == nullptr) {
+        return 2;
     }
-    return 1;
+    memset(copy, count, size + 1);
+    return copy[size - 1];
 }
