@@ -273,8 +273,10 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
 AgentStatus Http::call(const char* method, const std::string& url, const std::string& body,
                        std::string& answer) {
     const UrlParts server = url_parts(settings_.url);
-    const std::vector<std::string> headers = {"Accept: application/hal+json, application/json",
-                                              "Content-Type: application/json"};
+    std::vector<std::string> headers = {"Accept: application/hal+json, application/json"};
+    if (!body.empty()) {
+        headers.emplace_back("Content-Type: application/json");
+    }
     const auto content = [&answer](const HttpHead& /*head*/, std::span<const char> bytes) {
         if (bytes.size() > DDI_TEXT_SIZE_MAX - answer.size()) {
             return malformed("longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes");

@@ -1,8 +1,8 @@
 // The conversation with the update server, a procedure for each thing that is asked or said.
 //
-// Each blocks until the answer is there, at most `connectTimeoutS` for the connection and
-// `stallTimeoutS` without a byte, or until `stop` is set. All return AGENT_OK, AGENT_UNREACHABLE,
-// AGENT_REFUSED, AGENT_GONE, AGENT_MALFORMED or AGENT_STOPPED.
+// Each blocks until the answer is there, at most `connectTimeoutS` and `stallTimeoutS` together
+// (for each of up to five redirects), or for a second after `stop` is set. All return AGENT_OK,
+// AGENT_UNREACHABLE, AGENT_REFUSED, AGENT_GONE, AGENT_MALFORMED or AGENT_STOPPED.
 #ifndef AGENT_SERVER_H
 #define AGENT_SERVER_H
 
@@ -26,10 +26,10 @@ struct ServerSettings {
     std::string authorization = {};  // value of that header ("TargetToken ..."), or empty
     std::string certificate = {};    // PEM file of the camera's certificate, or empty
     std::string key = {};            // its key: a PEM file or a PKCS#11 URI
-    std::string ca = {};     // PEM file of who may vouch for the server; empty: the system's
-    uint64_t rateLimit = 0;  // bytes a second of downloads; 0: as fast as it goes
-    uint32_t connectTimeoutS = 30;
-    uint32_t stallTimeoutS = 60;
+    std::string ca = {};            // PEM file of who may vouch for the server; empty: the system's
+    uint64_t rateLimit = 0;         // bytes a second of downloads, at least 1024; 0: no limit
+    uint32_t connectTimeoutS = 30;  // at least 1, as the next one
+    uint32_t stallTimeoutS = 60;    // without 64 bytes a second
 };
 
 // One handle for all calls, so that a connection is used again. For one thread.

@@ -82,5 +82,17 @@ int main(int argc, char** argv) {
     seed("fuzz_manifest", "combined",
          head + "description New\npackage all.pkg\nkernel 0 100 " + digest + "\nrootfs 200 5 " +
              digest + "\n");
+    const std::string link = R"({"href":"http://h/1?c=2"})";
+    seed("fuzz_ddi", "poll",
+         R"({"config":{"polling":{"sleep":"00:05:00"}},"_links":{"configData":)" + link +
+             R"(,"deploymentBase":)" + link + R"(,"cancelAction":)" + link + "}}");
+    seed("fuzz_ddi", "action",
+         R"({"id":"11","deployment":{"download":"forced","update":"skip",)"
+         R"("maintenanceWindow":"available","chunks":[{"artifacts":[{"filename":"a.bin","size":5,)"
+         R"("hashes":{"sha256":")" +
+             digest + R"("},"_links":{"download":)" + link + R"(,"download-http":)" + link +
+             "}}]}]}}");
+    seed("fuzz_ddi", "cancellation", R"({"id":"12","cancelAction":{"stopId":"11"}})");
+    seed("fuzz_ddi", "error", R"({"errorCode":"hawkbit.server.error","message":"no"})");
     return 0;
 }

@@ -249,24 +249,16 @@ void PlayedServer::offer(const PlayedAction& action) {
     impl_->hawkbit.actions.push_back({.offered = action, .state = waits ? "waiting" : "offered"});
 }
 
-void PlayedServer::cancel(const std::string& id) {
+void PlayedServer::set_state(const std::string& id, const char* state) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     PlayedHawkbit::Action* const action = impl_->hawkbit.find(id);
-    action->state = action->ended() ? action->state : "cancelling";
+    action->state = action->ended() ? action->state : state;
 }
 
-void PlayedServer::force_quit(const std::string& id) {
+void PlayedServer::change(const std::string& id,
+                          const std::function<void(PlayedAction& action)>& how) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    PlayedHawkbit::Action* const action = impl_->hawkbit.find(id);
-    action->state = action->ended() ? action->state : "quit";
-}
-
-void PlayedServer::change(const std::string& id, const std::string& update,
-                          const std::string& window) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    PlayedAction& offered = impl_->hawkbit.find(id)->offered;
-    offered.update = update;
-    offered.window = window;
+    how(impl_->hawkbit.find(id)->offered);
 }
 
 void PlayedServer::misbehave(const std::string& faults) {

@@ -7,6 +7,7 @@
 #ifndef TESTS_SUPPORT_PLAYED_SERVER_H
 #define TESTS_SUPPORT_PLAYED_SERVER_H
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -65,9 +66,9 @@ class PlayedServer {
 
     // What the operator does.
     void offer(const PlayedAction& action);
-    void cancel(const std::string& id);
-    void force_quit(const std::string& id);
-    void change(const std::string& id, const std::string& update, const std::string& window);
+    void cancel(const std::string& id) { set_state(id, "cancelling"); }
+    void force_quit(const std::string& id) { set_state(id, "quit"); }
+    void change(const std::string& id, const std::function<void(PlayedAction& action)>& how);
 
     // How the server misbehaves from now on, instead of what was said before: faults with ";"
     // between them, each WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is as above or "any"; N, from 1, is
@@ -94,6 +95,8 @@ class PlayedServer {
     [[nodiscard]] std::string story(const std::string& id) const;
 
   private:
+    void set_state(const std::string& id, const char* state);
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

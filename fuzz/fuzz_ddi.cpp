@@ -1,0 +1,63 @@
+// A text of any bytes as each answer of the update server: refused with a line that says why, or
+// read as a record that keeps what the header promises. What is then said back is UTF-8 and within
+// bounds.
+#include <ctype.h>
+
+#include "agent/ddi.h"
+#include "fuzz_input.h"
+
+namespace {
+
+bool is_id(const std::string& id) {
+    return !id.empty() && id.size() <= 64 && std::all_of(id.begin(), id.end(), [](unsigned char c) {
+        return isalnum(c) || c == '-' || c == '_';
+    });
+}
+
+bool is_link(const std::string& href) {
+    return std::all_of(href.begin(), href.end(),
+                       [](unsigned char c) { return c > ' ' && c < 127; });
+}
+
+bool read(const AgentStatus& status) {
+    fuzz_expect(status.ok() == status.text.empty() &&
+                (status.ok() || status.result == AGENT_MALFORMED) && status.text.size() < 300);
+    return status.ok();
+}
+
+void expect_action(const DdiAction& action) {
+    fuzz_expect(is_id(action.id) && action.files.size() <= DDI_FILES_MAX);
+    for (const DdiFile& file : action.files) {
+        fuzz_expect(!file.name.empty() && file.name.size() <= 128 && file.name[0] != '.' &&
+                    file.name.find('/') == std::string::npos && !file.name.ends_with(".part"));
+        fuzz_expect(file.size <= INT64_MAX && !file.href.empty() && is_link(file.href));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    DdiPoll poll;
+    if (read(parse_poll(input, poll))) {
+        fuzz_expect(poll.sleepS <= 86400 && is_link(poll.configData + poll.deployment) &&
+                    is_link(poll.confirmation + poll.cancellation));
+    }
+    DdiAction action;
+    if (read(parse_action(input, action))) {
+        expect_action(action);
+    }
+    DdiCancellation cancellation;
+    if (read(parse_cancellation(input, cancellation))) {
+        fuzz_expect(is_id(cancellation.id) && is_id(cancellation.stopId));
+    }
+    fuzz_expect(error_message(input).size() <= 200);
+
+    // An escape of JSON takes at most six bytes for one.
+    const std::string text(input);
+    const std::string said = feedback_text({.id = text, .details = {text, text}});
+    fuzz_expect(said.size() <= 6 * (size + 2 * DDI_DETAIL_SIZE_MAX) + 256);
+    fuzz_expect(confirmation_text(false, input).size() <= 6 * DDI_DETAIL_SIZE_MAX + 256);
+    (void)attributes_text({{text, text}});
+    return 0;
+}
