@@ -117,6 +117,13 @@ QueueUse queue_use(int64_t processId) {
     return status.msg_lspid == processId ? QueueUse::BY_US : QueueUse::BY_OTHERS;
 }
 
+std::string queue_mark() {
+    msqid_ds status = {};
+    return queue_status(status)
+               ? std::to_string(status.msg_lspid) + ' ' + std::to_string(status.msg_stime)
+               : "";
+}
+
 bool upgrade_has_begun() {
     return access(SERVICE_PID_PATH, F_OK) == 0;
 }

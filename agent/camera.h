@@ -30,6 +30,9 @@ enum class QueueUse {
 };
 QueueUse queue_use(int64_t processId);
 
+// Text that is another one as soon as anybody has sent something to the queue.
+std::string queue_mark();
+
 // Whether an upgrade has begun since the camera started: the service then has the system-call
 // daemon write a pid file to a folder that a restart empties.
 bool upgrade_has_begun();

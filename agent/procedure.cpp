@@ -64,15 +64,18 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         }
         return status;
     }
+    const bool begun = ours && agent.action.attempts > 0;
     // The camera lets go first: cut in between, it finds a cancellation of what it does not have.
     if (ours) {
         status = drop(agent, "cancelled");
     }
     if (status.ok()) {
-        status = agent.server.send_feedback(href, {.id = cancellation.id,
-                                                   .execution = DdiExecution::CLOSED,
-                                                   .finished = DdiFinished::SUCCESS,
-                                                   .details = {"cancelled before the upgrade"}});
+        status = agent.server.send_feedback(
+            href, {.id = cancellation.id,
+                   .execution = DdiExecution::CLOSED,
+                   .finished = DdiFinished::SUCCESS,
+                   .details = {begun ? "cancelled after an upgrade that was cut short"
+                                     : "cancelled before the upgrade"}});
     }
     again = status.ok();
     return status.result == AGENT_GONE ? AgentStatus{} : status;

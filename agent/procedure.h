@@ -17,10 +17,6 @@
 #include "package/content.h"
 #include "package/manifest.h"
 
-// The agent's own folder below the download folder. Nothing else may lie there: what the action in
-// hand does not name is removed.
-constexpr char AGENT_FOLDER[] = "agent/";
-
 // Statuses of one action that are sent at the most, out of 1000 that the server keeps: the verdict
 // must find room.
 constexpr uint32_t STATUSES_MAX = 900;

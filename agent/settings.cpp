@@ -159,8 +159,9 @@ AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
         status = need_folder("download-folder", settings.downloadFolder);
     }
     // The request has room for so much of a path.
-    if (status.ok() && settings.downloadFolder.size() >= OTA_MSG_DIR_SIZE) {
-        status = wrong("download-folder", "longer than 63 characters");
+    constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
+    if (status.ok() && settings.downloadFolder.size() > LONGEST) {
+        status = wrong("download-folder", "longer than " + std::to_string(LONGEST) + " characters");
     }
     if (status.ok()) {
         status = need_folder("state-folder", settings.stateFolder);

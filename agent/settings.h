@@ -13,6 +13,9 @@
 #include "package/certificates.h"
 
 constexpr char AGENT[] = "corvo_agent";
+// The agent's own folder below the download folder. Nothing else may lie there: what the action in
+// hand does not name is removed.
+constexpr char AGENT_FOLDER[] = "agent/";
 constexpr char AGENT_SETTINGS_PATH[] = "/etc/corvo/agent.conf";
 
 // As they were said; names with "-" instead of capitals ("controller-id").

@@ -52,7 +52,7 @@ bool others_upgrade(Agent& agent) {
     return monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS;
 }
 
-std::string reason_to_wait(Agent& agent, const DdiAction& offer) {
+std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
     std::string words;
     if (offer.outsideWindow) {
         return "the server's maintenance window";
@@ -60,10 +60,7 @@ std::string reason_to_wait(Agent& agent, const DdiAction& offer) {
     if (offer.update == DdiHandling::ATTEMPT && !is_inside_window(agent.settings.window)) {
         return "the window " + agent.settings.window;
     }
-    if (!camera_is_fit(agent.settings.fitnessCommand, words)) {
-        return words;
-    }
-    return others_upgrade(agent) ? "the end of another upgrade, and the restart behind it" : "";
+    return camera_is_fit(agent.settings.fitnessCommand, words) ? "" : words;
 }
 
 // Every byte again, but for files that this process has seen whole and nobody has touched since.
@@ -174,8 +171,9 @@ AgentStatus post(Agent& agent) {
     return watch_upgrade(agent);
 }
 
-// Everything that the verdict needs comes onto the medium before the request is out.
-AgentStatus commit(Agent& agent, const Manifest& manifest) {
+// Everything that the verdict needs comes onto the medium before the request is out. `mark` is the
+// queue's from before it was looked at.
+AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& mark) {
     agent.action.manifest = format_manifest(manifest);
     agent.action.slotBefore = boot_slot();
     agent.action.recordBefore = outcome_record();
@@ -192,10 +190,9 @@ AgentStatus commit(Agent& agent, const Manifest& manifest) {
         return status;
     }
     // Somebody may have been faster while this was written: then slot and record are worth nothing.
-    if (upgrade_has_begun() || queue_use(getpid()) == QueueUse::BY_OTHERS) {
+    if (upgrade_has_begun() || queue_mark() != mark) {
         --agent.action.attempts;
         agent.action.stage = ACTION_WAITING;
-        agent.othersSinceMs = monotonic_ms();
         return store(agent);
     }
     return post(agent);
@@ -258,7 +255,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return status.ok() ? tell(agent, DdiExecution::DOWNLOADED, "downloaded and verified")
                            : status;
     }
-    const std::string reason = reason_to_wait(agent, offer);
+    std::string reason = reason_to_wait(agent, offer);
     if (!reason.empty()) {
         wait_for(agent, reason);
         return {};
@@ -275,7 +272,13 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return agent.stop ? agent_fault(AGENT_STOPPED, "")
                           : conclude(agent, false, "the upgrade service does not run");
     }
-    return commit(agent, manifest);
+    const std::string mark = queue_mark();
+    reason = others_upgrade(agent) ? "the end of another upgrade, and the restart behind it" : "";
+    if (!reason.empty()) {
+        wait_for(agent, reason);
+        return {};
+    }
+    return commit(agent, manifest, mark);
 }
 
 AgentStatus see_through(Agent& agent) {

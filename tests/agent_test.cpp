@@ -8,6 +8,7 @@
 #include "agent/settings.h"
 #include "agent/verdict.h"
 #include "files.h"
+#include "session.h"
 
 namespace {
 
@@ -49,6 +50,15 @@ TEST(Verdict, FollowsFromRecordSlotAndPackage) {
         }
         return "again: " + words;
     });
+}
+
+TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
+    expect_session(
+        "agent_settings.txt",
+        "cd /run; [ -d pki ] || \"$TEXTS/../scripts/make_pki\" pki; echo secret > token; "
+        "chmod 600 token; agent() { corvo_agent --config /dev/null --server "
+        "https://localhost:1 --controller-id cam --keyring pki/root.pem "
+        "--state-folder /run/state --download-folder /run/ota \"$@\"; }; ");
 }
 
 TEST(Delay, SpreadsOverTheFleetAndGrowsWithTrouble) {
