@@ -268,7 +268,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     if (!taken.ok()) {
         return conclude(agent, false, taken.text);
     }
-    if (!wait_for_service(agent)) {
+    if (!upgrade_has_begun() && !wait_for_service(agent)) {
         return agent.stop ? agent_fault(AGENT_STOPPED, "")
                           : conclude(agent, false, "the upgrade service does not run");
     }
