@@ -1,5 +1,6 @@
-# What a camera's file system gets, by components: service (with its daemon), tools, bringup,
-# sysv, systemd; and symbols, for the desk. The last four are left out unless they are named.
+# What a camera's file system gets, by components: service (with its daemon), tools, agent, bringup,
+# sysv, systemd, agent_sysv, agent_systemd; and symbols, for the desk. The last six are left out unless
+# they are named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
@@ -28,6 +29,9 @@ if(CORVO_BUILD_TOOLS)
   # It writes flash and asks nothing.
   corvo_install(hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup EXCLUDE_FROM_ALL)
 endif()
+if(TARGET corvo_agent)
+  corvo_install(corvo_agent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
+endif()
 # The maker's library comes with the maker's system; only the stand-in is ours to install.
 if(NOT CORVO_PLATFORM_LIBRARY)
   corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
@@ -36,14 +40,17 @@ endif()
 
 # The scripts name the programs by their full paths, and more than one asks whether an upgrade runs.
 set(corvo_sbindir ${CMAKE_INSTALL_FULL_SBINDIR})
+file(READ ${PROJECT_SOURCE_DIR}/packaging/running.sh.in corvo_running)
+string(STRIP "${corvo_running}" corvo_running)
 file(READ ${PROJECT_SOURCE_DIR}/packaging/upgrading.sh.in corvo_upgrading)
 string(CONFIGURE "${corvo_upgrading}" corvo_upgrading @ONLY)
-foreach(name S80corvo_upgrade corvo-upgrade.service corvo-system-call.service)
+foreach(name S80corvo_upgrade corvo-upgrade.service corvo-system-call.service S94corvo_agent
+             corvo-agent.service)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/${name}.in ${PROJECT_BINARY_DIR}/packaging/${name}
                  @ONLY)
 endforeach()
 set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-                                                             packaging/upgrading.sh.in)
+                                                             packaging/upgrading.sh.in packaging/running.sh.in)
 install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S80corvo_upgrade
         DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT sysv EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service DESTINATION lib/systemd/system
@@ -52,4 +59,12 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service DESTINATION 
 if(CORVO_BUILD_TOOLS)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service
           DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)
+endif()
+if(TARGET corvo_agent)
+  install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S94corvo_agent
+          DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT agent_sysv EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-agent.service DESTINATION lib/systemd/system
+          COMPONENT agent_systemd EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/sysusers.conf DESTINATION lib/sysusers.d
+          RENAME corvo-agent.conf COMPONENT agent_systemd EXCLUDE_FROM_ALL)
 endif()

@@ -1,5 +1,5 @@
 # Debian packages, made by scripts/package: corvo-upgrade (the service, its daemon and their units),
-# corvo-upgrade-tools and corvo-upgrade-bringup.
+# corvo-upgrade-tools, corvo-upgrade-bringup and, where it is built, corvo-agent.
 if(NOT CORVO_BUILD_TOOLS)
   return()
 endif()
@@ -8,6 +8,11 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_COMPONENTS_ALL service systemd debian_base tools debian_tools bringup debian_bringup)
+set(groups base tools bringup)
+if(TARGET corvo_agent)
+  list(APPEND CPACK_COMPONENTS_ALL agent agent_systemd debian_agent)
+  list(APPEND groups agent)
+endif()
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -40,6 +45,16 @@ set(CPACK_DEBIAN_BRINGUP_PACKAGE_PACKAGE_NAME corvo-upgrade-bringup)
 set(CPACK_DEBIAN_BRINGUP_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - new boards
 hal_tool calls one operation of the hardware modules, for bringing up a new
 board. It writes flash and asks nothing: not for a camera that is sold.")
+set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_NAME corvo-agent)
+set(CPACK_DEBIAN_AGENT_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - fleets
+corvo_agent polls an update server (Eclipse hawkBit), downloads what it offers
+to this camera, checks the signature, posts the request to the service, and
+tells the server what came of it once the camera has restarted.")
+set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_DEPENDS "corvo-upgrade, systemd")
+set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_RECOMMENDS "ca-certificates, libubootenv-tool")
+set(agent_scripts ${PROJECT_SOURCE_DIR}/packaging/debian/agent)
+set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_CONTROL_EXTRA ${agent_scripts}/postinst ${agent_scripts}/prerm
+                                                     ${agent_scripts}/postrm)
 
 set(scripts)
 foreach(name postinst prerm postrm)
@@ -53,7 +68,7 @@ set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_CONTROL_EXTRA
 # What Debian wants beside the programs: pages, completion, the package's papers. scripts/package
 # has made them in this folder.
 set(CORVO_DEBIAN_PAPERS "" CACHE PATH "Folder of manual pages and papers for Debian packages")
-foreach(group base tools bringup)
+foreach(group IN LISTS groups)
   string(TOUPPER ${group} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_PACKAGE_NAME})
   install(FILES ${CORVO_DEBIAN_PAPERS}/changelog.gz ${PROJECT_SOURCE_DIR}/packaging/debian/copyright
@@ -66,6 +81,10 @@ install(FILES ${CORVO_DEBIAN_PAPERS}/otactl.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT debian_tools EXCLUDE_FROM_ALL)
 install(FILES ${CORVO_DEBIAN_PAPERS}/hal_tool.8.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_bringup EXCLUDE_FROM_ALL)
+if(TARGET corvo_agent)
+  install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_agent.8.gz
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_agent EXCLUDE_FROM_ALL)
+endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/lintian-overrides
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME corvo-upgrade
         COMPONENT debian_base EXCLUDE_FROM_ALL)
@@ -74,7 +93,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/otactl.bash
         COMPONENT debian_tools EXCLUDE_FROM_ALL)
 
 include(CPack)
-foreach(group base tools bringup)
+foreach(group IN LISTS groups)
   cpack_add_component_group(${group}_package)
   cpack_add_component(debian_${group} GROUP ${group}_package)
 endforeach()
@@ -82,3 +101,7 @@ cpack_add_component(service GROUP base_package)
 cpack_add_component(systemd GROUP base_package)
 cpack_add_component(tools GROUP tools_package)
 cpack_add_component(bringup GROUP bringup_package)
+if(TARGET corvo_agent)
+  cpack_add_component(agent GROUP agent_package)
+  cpack_add_component(agent_systemd GROUP agent_package)
+endif()

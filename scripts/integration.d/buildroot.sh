@@ -18,11 +18,17 @@ run_buildroot() {
     check "an override serves as one" makefile_says "" "dependencies host-pkgconf nanomsg " \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y CORVO_UPGRADE_OVERRIDE_SRCDIR=/elsewhere
     check "a maker's library and the tools" makefile_says "$checkout" \
-        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl " \
+        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON -DCORVO_BUILD_AGENT=OFF dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y 'BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY="/maker/libktmosaic.so"'
     check "the units of the tools" makefile_says "$checkout" "corvo-system-call.service" \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
     check "no daemon's unit without its daemon" fails makefile_says "$checkout" corvo-system-call.service
+    check "the agent" makefile_says "$checkout" \
+        "-DCORVO_BUILD_AGENT=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl libcurl " \
+        BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "its unit" makefile_says "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "its user" makefile_says "$checkout" "corvo-agent -1 corvo-agent -1 * - - disk " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "nothing of the agent without it" fails makefile_says "$checkout" corvo-agent BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
     check "what the kernel gets" makefile_says "$checkout" "enable CONFIG_SYSVIPC"
     check "the tree's rules that are easy to state" follows_rules "$package"
     skip "builds in a tree: scripts/buildroot TREE does them where there is one"
@@ -35,7 +41,7 @@ KCONFIG_ENABLE_OPT = enable $(1)
 INSTALL = install
 cmake-package = $(info site $(CORVO_UPGRADE_SITE) $(CORVO_UPGRADE_SITE_METHOD))\
     $(info $(CORVO_UPGRADE_CONF_OPTS) dependencies $(CORVO_UPGRADE_DEPENDENCIES) )\
-    $(info $(CORVO_UPGRADE_INSTALL_INIT_SYSTEMD))$(info $(CORVO_UPGRADE_LINUX_CONFIG_FIXUPS))
+    $(info $(CORVO_UPGRADE_INSTALL_INIT_SYSTEMD))$(info $(CORVO_UPGRADE_USERS))$(info $(CORVO_UPGRADE_LINUX_CONFIG_FIXUPS))
 all:
 END
     make -s -f "$work/tree.mk" -f "$checkout/packaging/buildroot/corvo-upgrade/corvo-upgrade.mk" \

@@ -73,6 +73,43 @@ check_installation() {
         -a -e /usr/share/man/man8/hal_tool.8.gz -a -e /usr/share/bash-completion/completions/otactl
 }
 
+# Without a server: what the agent is allowed and given, and how it ends.
+check_agent() {
+    local verify=(systemd-analyze verify /usr/lib/systemd/system/corvo-agent.service)
+    [ -e "$work/pki/root.pem" ] || "$checkout/scripts/make_pki" "$work/pki" > /dev/null
+    check "the agent is installed" inside dpkg -i "$agent_package"
+    check "without settings it stays off" fails is_active corvo-agent
+    check "systemd-analyze verify is silent about it" no_output inside "${verify[@]}"
+    check "its exposure is at most 2.5" exposure_at_most corvo-agent 25
+    inside sh -c "mkdir -p /etc/corvo && cp $work/pki/root.pem /etc/corvo/keyring.pem
+        printf 'server = https://127.0.0.1:1\nkeyring = /etc/corvo/keyring.pem\n' > /etc/corvo/agent.conf"
+    check "with settings it starts" inside systemctl start corvo-agent
+    check "it polls" await 10 inside test -e /run/corvo-agent/status.json
+    check "as a user of its own" owned_by corvo-agent "/proc/$(main_pid corvo-agent)" /run/corvo-agent /config/agent \
+        /media/mmcblk0p1/ota/agent
+    check "the lock of the boot environment stays root's" owned_by root /var/lock/fw_printenv.lock
+    check "and can be written by both" lock_is_shared
+    check "a package that is installed again restarts it" inside dpkg -i "$agent_package"
+    check "it runs" await 10 is_active corvo-agent
+    inside sh -c 'echo "window = noon" >> /etc/corvo/agent.conf'
+    inside systemctl restart corvo-agent || :
+    check "a wrong setting ends it for good" await 10 says 64 inside systemctl show --property ExecMainStatus corvo-agent
+    check "with a line that names it" says 'window: HH:MM' inside journalctl --no-pager --unit corvo-agent
+    check "the agent is purged" inside dpkg -P corvo-agent
+    check "nothing of it is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
+}
+
+owned_by() { # USER PATH...
+    [ "$(inside stat -c %U "${@:2}" | sort -u)" = "$1" ]
+}
+
+lock_is_shared() {
+    local user
+    for user in corvo-agent root; do
+        inside setpriv --reuid $user --regid $user --init-groups sh -c ': > /var/lock/fw_printenv.lock'
+    done
+}
+
 started_in_order() {
     local unit times=()
     for unit in corvo-system-call corvo-upgrade; do
@@ -151,7 +188,7 @@ check_removal() {
 # Every option and command that a help text names is in its program's page, and completed.
 check_pages() {
     local program page
-    for program in otactl system_call_daemon hal_tool; do
+    for program in otactl system_call_daemon hal_tool ${agent_package:+corvo_agent}; do
         page=$(gzip -dc "$checkout/build/papers/$program".[18].gz | man --warnings -l - 2> "$work/page.txt" | col -b)
         check "$program's page has no fault" test ! -s "$work/page.txt"
         check "$program's page names every option" has_all_options "$page" "$program"
@@ -163,7 +200,7 @@ has_all_options() { # PAGE PROGRAM [COMMAND...]
     local help word
     help=$("$checkout/build/release/$2" "${@:3}" --help)
     for word in $(grep -oE -- '--[a-z-]+' <<< "$help"; sed -n '/^Subcommands:/,/^$/s/^  \([a-z][^ ]*\).*/\1/p' <<< "$help"); do
-        grep -qE -- "^ +(-[a-z],)?$word( |$)" <<< "$1" || { echo "${*:2}: $word is missing"; return 1; }
+        grep -qE -- "^ +(-[a-z],)?$word([ =]|$)" <<< "$1" || { echo "${*:2}: $word is missing"; return 1; }
         [[ $word == -* ]] || [ "$2" = hal_tool ] || has_all_options "$@" "$word" || return 1
     done
 }
@@ -204,7 +241,8 @@ check_without_daemon() {
 run_debian() {
     "$checkout/scripts/install_packages" integration
     "$checkout/scripts/package" > "$work/package.txt" || { cat "$work/package.txt" && return 1; }
-    packages=("$checkout"/build/packages/*_amd64.deb)
+    packages=("$checkout"/build/packages/corvo-upgrade*_amd64.deb)
+    agent_package=$(ls "$checkout"/build/packages/corvo-agent_*_amd64.deb 2> /dev/null) || :
     check "lintian has nothing to say" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
     check_pages
     if ! start_system; then
@@ -214,6 +252,7 @@ run_debian() {
     fi
     make_camera
     check_installation
+    [ -z "$agent_package" ] || check_agent
     check_idle
     check_during_upgrade
     check_removal

@@ -28,6 +28,8 @@ config BR2_PACKAGE_JSON_FOR_MODERN_CPP
 	bool "json"
 config BR2_PACKAGE_OPENSSL
 	bool "openssl"
+config BR2_PACKAGE_LIBCURL
+	bool "libcurl"
 source "%s"
 """
 TOOLCHAIN = (
@@ -67,10 +69,13 @@ whole = tree(path, *TOOLCHAIN, "BR2_USE_MMU", PACKAGE)
 OF_THE_TOOLS = ("BR2_PACKAGE_CLI11", "BR2_PACKAGE_JSON_FOR_MODERN_CPP", "BR2_PACKAGE_OPENSSL")
 for name in (PACKAGE, PACKAGE + "_TOOLS", *OF_THE_TOOLS, "BR2_PACKAGE_NANOMSG", "BR2_HOST_CMAKE_AT_LEAST_3_25"):
     assert is_on(whole, name), name + " is off"
-assert not is_on(whole, PACKAGE + "_BRINGUP")
+for name in (PACKAGE + "_BRINGUP", PACKAGE + "_AGENT", "BR2_PACKAGE_LIBCURL"):
+    assert not is_on(whole, name), name + " is on"
+agent = tree(path, *TOOLCHAIN, "BR2_USE_MMU", PACKAGE, PACKAGE + "_AGENT")
+assert is_on(agent, PACKAGE + "_AGENT") and is_on(agent, "BR2_PACKAGE_LIBCURL")
 
-small = tree(path, *TOOLCHAIN, PACKAGE)
-assert is_on(small, PACKAGE) and not is_on(small, PACKAGE + "_TOOLS")
+small = tree(path, *TOOLCHAIN, PACKAGE, PACKAGE + "_AGENT")
+assert is_on(small, PACKAGE) and not is_on(small, PACKAGE + "_TOOLS") and not is_on(small, PACKAGE + "_AGENT")
 assert not any(is_on(small, name) for name in OF_THE_TOOLS)
 
 for missing in TOOLCHAIN:

@@ -5,7 +5,8 @@ run_sysv() {
     local shell
     "$checkout/scripts/install_packages" integration
     (cd "$checkout" && cmake --preset release &&
-        cmake --build --preset release --target corvo_upgrade system_call_daemon otactl) > "$work/build.txt" 2>&1 || {
+        cmake --build --preset release --target corvo_upgrade system_call_daemon otactl \
+            $(! grep -qx 'CORVO_BUILD_AGENT:BOOL=ON' build/release/CMakeCache.txt || echo corvo_agent)) > "$work/build.txt" 2>&1 || {
         tail -n 20 "$work/build.txt"
         return 1
     }

@@ -38,6 +38,27 @@ else
 CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_TOOLS=OFF
 endif
 
+ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_AGENT),y)
+CORVO_UPGRADE_DEPENDENCIES += libcurl
+CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_AGENT=ON
+
+define CORVO_UPGRADE_USERS
+	corvo-agent -1 corvo-agent -1 * - - disk Agent of the update server
+endef
+
+define CORVO_UPGRADE_INSTALL_AGENT_SCRIPT
+	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S94corvo_agent \
+		$(TARGET_DIR)/etc/init.d/S94corvo_agent
+endef
+
+define CORVO_UPGRADE_INSTALL_AGENT_UNIT
+	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-agent.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/corvo-agent.service
+endef
+else
+CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_AGENT=OFF
+endif
+
 ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_BRINGUP),y)
 # By CMake, which leaves out the build host's library folders that a copy of the
 # built program would name.
@@ -53,12 +74,14 @@ endif
 define CORVO_UPGRADE_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S80corvo_upgrade \
 		$(TARGET_DIR)/etc/init.d/S80corvo_upgrade
+	$(CORVO_UPGRADE_INSTALL_AGENT_SCRIPT)
 endef
 
 define CORVO_UPGRADE_INSTALL_INIT_SYSTEMD
 	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-upgrade.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/corvo-upgrade.service
 	$(CORVO_UPGRADE_INSTALL_DAEMON_UNIT)
+	$(CORVO_UPGRADE_INSTALL_AGENT_UNIT)
 endef
 
 # The queue of requests; the lines of the status LED.
