@@ -11,10 +11,8 @@ endif()
 find_package(CURL REQUIRED)
 
 # The agent once more, with cuts behind its calls.
-add_executable(corvo_agent_with_cuts ${PROJECT_SOURCE_DIR}/agent/main.cpp support/agent_cuts.cpp)
+add_executable(corvo_agent_with_cuts $<TARGET_OBJECTS:corvo_agent_main> support/agent_cuts.cpp)
 target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts agent_transport command_line CURL::libcurl)
-target_precompile_headers(corvo_agent_with_cuts REUSE_FROM system_call_daemon)
-set_source_files_properties(support/agent_cuts.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
 set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_cuts)
 foreach(symbol rename unlink mkdir ftruncate64 fsync fdatasync write pwrite64 msgsnd curl_easy_perform

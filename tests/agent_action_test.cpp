@@ -1,5 +1,6 @@
 // Whole actions: the agent's program and the real service on a played camera, a played server, and
 // what an operator, a network or a loss of power can do to them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -304,8 +305,9 @@ class World {
         if (agent_ == 0) {
             setenv("CORVO_CUT", std::to_string(cutAt).c_str(), 1);
             if (getenv("CORVO_SHOW") == nullptr) {
-                freopen("/run/agent.log", "a", stdout);
-                freopen("/run/agent.log", "a", stderr);
+                const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
+                dup2(log, STDOUT_FILENO);
+                dup2(log, STDERR_FILENO);
             }
             execl(AGENT_WITH_CUTS, AGENT_WITH_CUTS, "once", nullptr);
             _exit(127);
