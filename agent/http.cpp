@@ -138,7 +138,7 @@ size_t take_content(const char* bytes, size_t /*one*/, size_t size, void* user) 
     if (size > 0) {
         exchange.status = exchange.content(exchange.head, {bytes, size});
     }
-    return exchange.status.ok() ? size : CURL_WRITEFUNC_ERROR;
+    return exchange.status.ok() ? size : 0;
 }
 
 // Also called about once a second when no byte comes.
