@@ -20,7 +20,7 @@ std::string digest_of(const std::string& bytes) {
 }
 
 // The member of this name when it is of the same type as the other.
-json member(const json& object, const char* name, json other) {
+json member(const json& object, const char* name, const json& other) {
     const json found = object.is_object() ? object.value(name, json()) : json();
     return found.type() == other.type() ? found : other;
 }
