@@ -164,7 +164,8 @@ std::string try_status_codes(World& world, const std::string& step) {
     }
     std::string text;
     for (const auto& [name, list] : codes) {
-        text += (text.empty() ? "" : "; ") + name + list;
+        text += text.empty() ? "" : "; ";
+        text += name + list;
     }
     return text;
 }
