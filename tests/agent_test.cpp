@@ -56,9 +56,9 @@ TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
     expect_session(
         "agent_settings.txt",
         "cd /run; [ -d pki ] || \"$TEXTS/../scripts/make_pki\" pki; echo secret > token; "
-        "chmod 600 token; agent() { corvo_agent --config /dev/null --server "
-        "https://localhost:1 --controller-id cam --keyring pki/root.pem "
-        "--state-folder /run/state --download-folder /run/ota \"$@\"; }; ");
+        "chmod 600 token; printf 'server = https://localhost:1\\ncontroller-id = cam\\n"
+        "keyring = pki/root.pem\\nstate-folder = /run/state\\n' > conf; "
+        "agent() { corvo_agent --config conf \"$@\"; }; ");
 }
 
 TEST(Delay, SpreadsOverTheFleetAndGrowsWithTrouble) {
