@@ -28,6 +28,19 @@ bool is_committed(const ActionRecord& action) {
     return action.stage == ACTION_COMMITTED || action.stage == ACTION_POSTED;
 }
 
+// An upgrade that was cut short waits for its next request, but partitions may be half written:
+// like one that is committed it is seen through.
+bool has_begun(const ActionRecord& action) {
+    return is_committed(action) || (action.stage == ACTION_WAITING && action.attempts > 0);
+}
+
+AgentStatus see_through_unasked(Agent& agent, bool& again) {
+    const DdiAction unasked = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
+    const AgentStatus status = start_upgrade(agent, unasked);
+    again = status.ok() && agent.action.stage == ACTION_VERDICT;
+    return status;
+}
+
 // "11" of ".../deploymentBase/11?c=-2127183556".
 std::string id_of(const std::string& href) {
     const std::string path = href.substr(0, href.find('?'));
@@ -48,7 +61,7 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
-    if (ours && is_committed(agent.action)) {
+    if (ours && has_begun(agent.action)) {
         if (agent.action.refusedCancellation == cancellation.id) {
             return {};
         }
@@ -60,22 +73,20 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         // Whatever the answer, a second one would not be taken.
         if (status.result != AGENT_UNREACHABLE && status.result != AGENT_STOPPED) {
             agent.action.refusedCancellation = cancellation.id;
+            again = true;
             return store(agent);
         }
         return status;
     }
-    const bool begun = ours && agent.action.attempts > 0;
     // The camera lets go first: cut in between, it finds a cancellation of what it does not have.
     if (ours) {
         status = drop(agent, "cancelled");
     }
     if (status.ok()) {
-        status = agent.server.send_feedback(
-            href, {.id = cancellation.id,
-                   .execution = DdiExecution::CLOSED,
-                   .finished = DdiFinished::SUCCESS,
-                   .details = {begun ? "cancelled after an upgrade that was cut short"
-                                     : "cancelled before the upgrade"}});
+        status = agent.server.send_feedback(href, {.id = cancellation.id,
+                                                   .execution = DdiExecution::CLOSED,
+                                                   .finished = DdiFinished::SUCCESS,
+                                                   .details = {"cancelled before the upgrade"}});
     }
     again = status.ok();
     return status.result == AGENT_GONE ? AgentStatus{} : status;
@@ -153,6 +164,9 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
     if (is_committed(agent.action)) {
         return {};  // seen through first, whatever is offered
     }
+    if (has_begun(agent.action) && agent.action.id != offer.id) {
+        return see_through_unasked(agent, again);
+    }
     if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
         !agent.action.downloadOnly) {
         status = drop(agent, "another one is offered instead");
@@ -196,11 +210,12 @@ AgentStatus ask(Agent& agent, bool& again) {
     if (!poll.deployment.empty()) {
         return carry_out(agent, poll.deployment, again);
     }
-    const bool kept = agent.action.downloadOnly || is_committed(agent.action);
-    if (agent.action.stage != ACTION_NONE && !kept) {
-        return drop(agent, "the server does not offer it any more");
+    if (agent.action.stage == ACTION_NONE || agent.action.downloadOnly ||
+        is_committed(agent.action)) {
+        return {};
     }
-    return {};
+    return has_begun(agent.action) ? see_through_unasked(agent, again)
+                                   : drop(agent, "the server does not offer it any more");
 }
 
 // One question and what follows from the answer. `again`: another question is due at once.

@@ -107,15 +107,7 @@ void remove_needless_files(const Agent& agent) {
 
 AgentStatus drop(Agent& agent, const std::string& why) {
     say(agent, why);
-    AgentStatus status;
-    // An upgrade was begun and cut short before: that is worth remembering.
-    if (agent.action.attempts > 0) {
-        agent.action.words = why;
-        status = remember(agent, false);
-    }
-    if (status.ok()) {
-        status = remove_action(agent.settings.stateFolder);
-    }
+    const AgentStatus status = remove_action(agent.settings.stateFolder);
     if (status.ok()) {
         agent.action = {};
         agent.checked.clear();
