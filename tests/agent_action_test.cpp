@@ -58,59 +58,31 @@ int shell(const std::string& command) {
 
 // Keys, and one package in every form that a row names: made once.
 void make_packages() {
-    if (std::filesystem::exists(PACKAGES)) {
-        return;
-    }
-    std::filesystem::create_directories("/run/images");
     write_file("/run/images/kernel.bin", KERNEL);
     write_file("/run/images/rootfs.img", ROOTFS);
-    const auto pack = [](const std::string& name, const std::string& version,
-                         const std::string& pki) {
-        const std::string folder = PACKAGES + name;
-        std::filesystem::create_directories(folder);
-        std::filesystem::copy("/run/images", folder);
-        const std::string how = " --compatible R5C20 --version " + version + " --key " + pki +
-                                "/signer.key --certificate " + pki + "/signer.pem --intermediate " +
-                                pki + "/authority.pem > /dev/null";
-        ASSERT_EQ(0, shell("otactl pack files --dir " + folder + how));
-        ASSERT_EQ(0, shell("otactl pack --output " + folder + "/all.pkg --manifest " + folder +
-                           "/all.manifest kernel=/run/images/kernel.bin "
-                           "rootfs=/run/images/rootfs.img" +
-                           how));
-    };
-    ASSERT_EQ(0, shell(TEXTS "../scripts/make_pki /run/pki && " TEXTS
-                             "../scripts/make_pki /run/foreign > /dev/null"));
-    pack("files", "2.0", "/run/pki");
-    pack("older", "1.8", "/run/pki");
-    pack("foreign", "2.0", "/run/foreign");
+    ASSERT_EQ(0, shell("sh " TEXTS "support/agent_packages.sh " TEXTS "../scripts/make_pki"));
 }
 
 PlayedAction make_action(const std::string& kind) {
     PlayedAction action = {.id = ID, .files = {}};
     std::vector<std::string> names = FILES;
-    std::string folder = PACKAGES + "files/";
     if (kind == "combined") {
         names = {"all.manifest", "all.manifest.sig", "all.pkg"};
     } else if (kind == "unsigned") {
-        std::erase(names, "package.manifest.sig");
+        names.erase(names.begin() + 1);
     } else if (kind == "too-little") {
         names.pop_back();
     } else if (kind == "two-manifests") {
         names.insert(names.end(), {"all.manifest", "all.manifest.sig"});
     } else if (kind == "too-much") {
         names.emplace_back("all.pkg");
-    } else if (kind == "older" || kind == "foreign") {
-        folder = PACKAGES + kind + "/";
-    } else if (kind == "download-only") {
-        action.update = "skip";
-    } else if (kind == "outside-window") {
-        action.update = "skip";
-        action.window = "unavailable";
-    } else if (kind == "attempt") {
-        action.update = "attempt";
-    } else if (kind == "consent") {
-        action.consent = true;
     }
+    const bool waits = kind == "download-only" || kind == "outside-window";
+    action.update = waits ? "skip" : kind == "attempt" ? "attempt" : "forced";
+    action.window = kind == "outside-window" ? "unavailable" : "";
+    action.consent = kind == "consent";
+    const std::string folder =
+        PACKAGES + (kind == "older" || kind == "foreign" ? kind : "files") + "/";
     for (const std::string& name : names) {
         action.files.push_back({name, read_file(folder + name)});
     }
@@ -272,20 +244,22 @@ class World {
 
   private:
     void configure() {
+        std::string settings = "server = " + server_.url() + "\ncontroller-id = \"" +
+                               PlayedServer::CONTROLLER + "\"\n" +
+                               "target-token-file = /etc/corvo/token\nkeyring = /run/pki/root.pem\n"
+                               "compatible = R5C20\nversion-file = /etc/version\n";
+        for (const auto& [word, setting] :
+             {std::pair<const char*, std::string>("unchecked", "check-partitions = off"),
+              {"asks", "confirm = ask"},
+              {"agrees", "confirm = ask"},
+              {"denies", "confirm = ask"},
+              {"unfit", "fitness-command = echo battery low; false"},
+              {"attempts", "window = " + other_time()}}) {
+            settings += contains(mode_, word) ? setting + "\n" : "";
+        }
+        write_file("/etc/corvo/agent.conf", settings);
         write_file("/etc/corvo/token", "secret\n");
         chmod("/etc/corvo/token", 0600);
-        write_file(
-            "/etc/corvo/agent.conf",
-            "server = " + server_.url() + "\ncontroller-id = \"" + PlayedServer::CONTROLLER +
-                "\"\ntarget-token-file = /etc/corvo/token\nkeyring = /run/pki/root.pem\n"
-                "compatible = R5C20\nversion-file = /etc/version\n" +
-                (contains(mode_, "unchecked") ? "check-partitions = off\n" : "") +
-                (contains(mode_, "asks") || contains(mode_, "agrees") || contains(mode_, "denies")
-                     ? "confirm = ask\n"
-                     : "") +
-                (contains(mode_, "unfit") ? "fitness-command = echo battery low; false\n" : "") +
-                // A minute of a day that has just begun elsewhere.
-                (contains(mode_, "attempts") ? "window = " + other_time() + "\n" : ""));
     }
 
     // A minute that is over long before this test could be.
@@ -388,9 +362,7 @@ TEST(Action, EndsAsItDeserves) {
     expect_cases(
         "agent_actions.txt",
         [](std::istream& row) {
-            std::string camera;
-            std::string action;
-            std::string faults;
+            std::string camera, action, faults;
             std::getline(row, camera, ';');
             std::getline(row >> std::ws, action, ';');
             std::getline(row >> std::ws, faults);

@@ -25,10 +25,7 @@ const std::map<std::string, std::string> RECORDS = {
 
 TEST(Verdict, FollowsFromRecordSlotAndPackage) {
     expect_cases("agent_verdicts.txt", [](std::istream& row) {
-        std::string before;
-        std::string record;
-        std::string slots;
-        std::string package;
+        std::string before, record, slots, package;
         AfterRestart seen;
         row >> before >> record >> slots >> package >> seen.attempts >> std::ws;
         std::getline(row, seen.disagreement);

@@ -172,9 +172,7 @@ std::string try_status_codes(World& world, const std::string& step) {
 
 TEST(AgentTransport, ServerThatMisbehaves) {
     expect_cases("agent_server.txt", [](std::istream& row) {
-        std::string generation;
-        std::string step;
-        std::string faults;
+        std::string generation, step, faults;
         row >> generation >> step >> std::ws;
         std::getline(row, faults);
         World world({.old = generation == "old"}, step);
@@ -238,9 +236,7 @@ std::string read_answer(const std::string& kind, const std::string& text) {
 TEST(AgentTransport, AnswersAreReadOrRefused) {
     const json good = json::parse(read_file(TEXTS "cases/agent_answers.json"));
     expect_cases("agent_answers.txt", [&good](std::istream& row) {
-        std::string kind;
-        std::string pointer;
-        std::string value;
+        std::string kind, pointer, value;
         row >> kind >> pointer >> std::ws;
         std::getline(row, value);
         value.resize(value.find_last_not_of(' ') + 1);
@@ -317,10 +313,7 @@ TEST(AgentTransport, MediumThatIsFullIsNotTheServersFault) {
 // Who is who: what the server shows, whom the camera believes, what it shows itself.
 TEST(AgentTransport, BothProveWhoTheyAre) {
     expect_cases("agent_tls.txt", [](std::istream& row) {
-        std::string server;
-        std::string ca;
-        std::string certificate;
-        std::string key;
+        std::string server, ca, certificate, key;
         row >> server >> ca >> certificate >> key;
         World world(tls_setup(server, false));
         world.settings.ca = ca == "-" ? "" : PKI + ca;

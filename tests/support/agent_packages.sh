@@ -1,0 +1,20 @@
+# Keys, and in /run/packages one package in every form that a row of cases/agent_actions.txt names.
+# Argument: scripts/make_pki.
+set -e
+[ ! -d /run/packages ] || exit 0
+"$1" /run/pki > /dev/null
+"$1" /run/foreign > /dev/null
+pack() { # NAME VERSION KEYS
+    cp -r /run/images /run/packages/$1
+    set -- /run/packages/$1 --compatible R5C20 --version $2 --key $3/signer.key \
+        --certificate $3/signer.pem --intermediate $3/authority.pem
+    otactl pack files --dir "$@" > /dev/null
+    folder=$1
+    shift
+    otactl pack --output $folder/all.pkg --manifest $folder/all.manifest "$@" > /dev/null \
+        kernel=/run/images/kernel.bin rootfs=/run/images/rootfs.img
+}
+mkdir /run/packages
+pack files 2.0 /run/pki
+pack older 1.8 /run/pki
+pack foreign 2.0 /run/foreign
