@@ -221,6 +221,7 @@ PlayedServer::PlayedServer(const Setup& setup) : impl_(new Impl{.setup = setup})
     };
     http.Get(".*", serve).Post(".*", serve).Put(".*", serve);
     http.set_keep_alive_timeout(1);
+    http.set_tcp_nodelay(true);
     impl_->hawkbit.old = setup.old;
     impl_->hawkbit.url = (setup.certificate.empty() ? "http://localhost:" : "https://localhost:") +
                          std::to_string(http.bind_to_any_port("127.0.0.1"));
