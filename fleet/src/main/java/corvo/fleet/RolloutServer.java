@@ -1,0 +1,14 @@
+package corvo.fleet;
+
+import org.eclipse.hawkbit.autoconfigure.security.EnableHawkbitManagedSecurityConfiguration;
+import org.springframework.boot.SpringApplication;
+import org.springframework.boot.autoconfigure.SpringBootApplication;
+
+/** Everything else is settings on the command line: see scripts/fleet.d/server.py. */
+@SpringBootApplication
+@EnableHawkbitManagedSecurityConfiguration
+public class RolloutServer {
+    public static void main(String[] arguments) {
+        SpringApplication.run(RolloutServer.class, arguments);
+    }
+}

@@ -1,0 +1,88 @@
+"""Whether the server's view, the camera's and what lies on its partitions are one truth."""
+import re
+from dataclasses import dataclass
+
+from camera import OLD_VERSION, Camera
+from management import Management
+from package import IMAGES, NEW_VERSION, Package
+
+
+@dataclass(frozen=True)
+class End:
+    """How a camera must end."""
+
+    at_server: tuple[str, ...]  # the target's status
+    slot: str
+    version: str
+    outcome: str  # what the agent remembers of its last action
+    record: str  # the last outcome that the service recorded
+    written: bool  # the partitions hold the images, or are as they were
+
+
+UPGRADED = End(("in_sync",), "B", NEW_VERSION, "success", "succeeded", True)
+REFUSED = End(("error",), "A", OLD_VERSION, "failure", "none", False)
+UNTOUCHED = End(("registered", "unknown"), "A", OLD_VERSION, "none", "none", False)
+
+RECORD = re.compile(r"result: 1\b.*succeeded"), re.compile(r"result: 2\b")
+
+
+def recorded(words: str) -> str:
+    """Of `otactl record`."""
+    succeeded, failed = RECORD
+    return "succeeded" if succeeded.search(words) else "failed" if failed.search(words) else "none"
+
+
+def remembered(agent: dict) -> str:
+    """Of `corvo_agent status`: its last action. Whether the server was told is asked at the server:
+    where the answer was lost, the agent cannot know."""
+    last = agent.get("last")
+    return "none" if not last else "success" if last["succeeded"] else "failure"
+
+
+HEAD = (f"  {'':<5}  {'':<10}  {'server':<28}  {'camera':<38}  partitions\n"
+        f"  {'':<5}  {'camera':<10}  {'status':<12}{'version':<8} {'slot':<7}"
+        f"  {'outcome':<11}{'record':<11}{'version':<8} {'slot':<7}")
+
+
+class Judge:
+    def __init__(self, management: Management, package: Package):
+        self.management = management
+        self.images = {name: (Camera.digest_of(package.image(name)), size)
+                       for name, size in IMAGES.items()}
+        self.before: dict[str, dict[str, str]] = {}
+        self.wrong: list[str] = []
+
+    def remember(self, camera: Camera) -> None:
+        self.before[camera.name] = {name: camera.digest(name) for name in IMAGES}
+
+    def row(self, camera: Camera, end: End) -> str:
+        """A line of the table; what is not as it must be goes to `wrong` too."""
+        target = self.management.call("GET", f"targets/{camera.name}")
+        attributes = self.management.attributes(camera.name)
+        state = camera.state()
+        record, outcome = recorded(state.get("record", "")), remembered(state["agent"])
+        checks = [
+            ("the server's status", target["updateStatus"] in end.at_server, target["updateStatus"]),
+            ("version at the server", attributes.get("version") == end.version, attributes.get("version")),
+            ("slot at the server", attributes.get("slot") == end.slot, attributes.get("slot")),
+            ("version", state.get("version") == end.version, state.get("version")),
+            ("slot", state.get("slot") == end.slot, state.get("slot")),
+            ("outcome", outcome == end.outcome, outcome),
+            ("in hand", state["agent"].get("action") is None, state["agent"].get("action")),
+            ("record", record == end.record, record),
+            ("files left", state.get("files") == "0", state.get("files")),
+        ]
+        shown = []
+        for name, (image, size) in self.images.items():
+            whole = camera.digest(name)
+            same = (camera.digest(name, size) == image) if end.written else (
+                whole == self.before[camera.name][name])
+            checks.append((f"partition {name}", same, whole[:16]))
+            shown.append(f"{name} {camera.digest(name, size)[:8]}"
+                         f"{' image' if end.written and same else ' as before' if same else ' ?'}")
+        bad = [f"{camera.name}: {what} is {got}" for what, right, got in checks if not right]
+        self.wrong += bad
+        return (f"  {'WRONG' if bad else 'ok':<5}  {camera.name:<10}  {target['updateStatus']:<12}"
+                f"{attributes.get('version', '-'):<8} {attributes.get('slot', '-'):<7}  "
+                f"{outcome:<11}{record:<11}{state.get('version', '-'):<8} "
+                f"{state.get('slot', '-'):<7}  {', '.join(shown)}")

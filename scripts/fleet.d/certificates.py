@@ -1,0 +1,46 @@
+"""Keys and certificates of one run: who the server is, and, behind a proxy, who each camera is."""
+import os
+import subprocess
+from pathlib import Path
+
+CONFIGURATION = "[req]\ndistinguished_name = name\n[name]\n"
+DAYS = "30"
+CURVE = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
+
+
+class Authority:
+    """NAME.pem and NAME.key, and what it signs, in one folder."""
+
+    def __init__(self, folder: Path, name: str):
+        self.folder, self.certificate, self.key = folder, folder / f"{name}.pem", folder / f"{name}.key"
+        self.configuration = folder / "openssl.cnf"
+        folder.mkdir(parents=True, exist_ok=True)
+        self.configuration.write_text(CONFIGURATION)
+        self.openssl("req", "-x509", *CURVE, "-days", DAYS, "-subj", f"/CN=Fleet {name}",
+                     "-addext", "basicConstraints=critical,CA:true", "-addext",
+                     "keyUsage=critical,keyCertSign,cRLSign", "-keyout", self.key, "-out",
+                     self.certificate)
+
+    def issue(self, name: str, purpose: str, *extensions: str) -> tuple[Path, Path]:
+        """A certificate and its key. `purpose`: serverAuth or clientAuth."""
+        certificate, key = self.folder / f"{name}.pem", self.folder / f"{name}.key"
+        more = [part for text in (f"extendedKeyUsage={purpose}", "basicConstraints=CA:false",
+                                  *extensions) for part in ("-addext", text)]
+        self.openssl("req", "-x509", *CURVE, "-days", DAYS, "-CA", self.certificate, "-CAkey",
+                     self.key, "-subj", f"/CN={name}", *more, "-keyout", key, "-out", certificate)
+        return certificate, key
+
+    def server_store(self, password: str) -> Path:
+        """What Java takes: certificate and key of the server on this machine, in one file."""
+        certificate, key = self.issue("server", "serverAuth",
+                                      "subjectAltName=DNS:localhost,IP:127.0.0.1")
+        store = self.folder / "server.p12"
+        self.openssl("pkcs12", "-export", "-in", certificate, "-inkey", key, "-out", store,
+                     "-passout", f"pass:{password}")
+        return store
+
+    def openssl(self, *arguments) -> None:
+        done = subprocess.run(["openssl", *arguments], capture_output=True, text=True,
+                              env={**os.environ, "OPENSSL_CONF": str(self.configuration)})
+        if done.returncode != 0:
+            raise OSError(f"openssl {arguments[0]}: {done.stderr.strip()}")

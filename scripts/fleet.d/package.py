@@ -1,0 +1,40 @@
+"""The package of a rollout: images of random bytes, of which the root file system's first line says
+which version it is, and the manifest that their maker has signed."""
+import os
+import subprocess
+from pathlib import Path
+
+KIB = 1024
+COMPATIBLE = "R5C20"
+NEW_VERSION = "2.0"
+# Sizes that are no multiple of anything, so that a lost tail shows.
+IMAGES = {"kernel": 1000 * KIB + 7, "rootfs": 3000 * KIB + 11, "system": 2000 * KIB + 13}
+PARTITIONS = {name: size + 100 * KIB for name, size in IMAGES.items()}
+TOO_SMALL = {**PARTITIONS, "rootfs": IMAGES["rootfs"] - 512}
+
+
+class Package:
+    def __init__(self, folder: Path, programs: Path, scripts: Path):
+        self.folder, self.programs = folder / "package", programs
+        self.keys = folder / "maker"
+        self.keyring = self.keys / "root.pem"
+        subprocess.run([scripts / "make_pki", self.keys], check=True)
+
+    def image(self, partition: str) -> Path:
+        return next(self.folder.glob(f"{partition}.[bi]*"))
+
+    def make(self) -> list[Path]:
+        """All its files."""
+        self.folder.mkdir()
+        names = dict(line.split()[1:3] for line in subprocess.run(
+            [self.programs / "otactl", "modules"], check=True, capture_output=True,
+            text=True).stdout.splitlines())
+        for partition, size in IMAGES.items():
+            head = f"{NEW_VERSION}\n".encode()
+            (self.folder / names[partition]).write_bytes(head + os.urandom(size - len(head)))
+        subprocess.run([self.programs / "otactl", "pack", "files", "--dir", self.folder,
+                        "--compatible", COMPATIBLE, "--version", NEW_VERSION,
+                        "--key", self.keys / "signer.key", "--certificate",
+                        self.keys / "signer.pem", "--intermediate", self.keys / "authority.pem",
+                        *IMAGES], check=True, stdout=subprocess.DEVNULL)
+        return sorted(self.folder.iterdir())

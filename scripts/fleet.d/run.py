@@ -1,0 +1,326 @@
+"""A rollout to played cameras, from the server's start to the comparison of what everyone says;
+started by scripts/fleet, which has looked at the arguments."""
+import argparse
+import random
+import secrets
+import shutil
+import signal
+import sys
+import time
+from pathlib import Path
+
+import picture
+from agreement import HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
+from camera import Camera
+from certificates import Authority
+from management import Management, Refused
+from package import COMPATIBLE, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
+from server import Proxy, Server
+from table import Table
+
+MOST_GROUPS = 4
+MOST_ERRORS = 25  # percent of a group; of half of the cameras that fail, any group has more
+CUTS = 2  # of each camera: the agent posts a request three times at the most
+# In which stage the power goes, by its words, and how long after its beginning at the most.
+CUT_STAGES = ("downloading", "was signed", "request posted", "writing", "reading", "slot switched",
+              "restarting", "success")
+CUT_WITHIN = 2.0
+OFF_SECONDS = (0.2, 1.0)
+LAST_WORDS_SECONDS = 20  # for what cameras tell the server after the verdict
+ASK_SECONDS = 1.0
+
+
+class Fleet:
+    def __init__(self, options: argparse.Namespace):
+        self.options = options
+        self.scripts = Path(__file__).resolve().parent.parent
+        self.folder: Path = options.work / "run"
+        self.random = random.Random(options.seed)
+        self.server: Server | None = None
+        self.proxy: Proxy | None = None
+        self.cameras: list[Camera] = []
+        self.made: list[tuple[str, int | str]] = []  # at the server, for a server that stays
+        self.cut_in: dict[str, str] = {}  # the stage in which a camera is to lose its power
+        self.due: dict[str, float] = {}  # when it loses it, or gets it back
+        self.status = ""
+
+    # --- the server ---
+
+    def start_server(self) -> None:
+        options = self.options
+        self.tls = Authority(self.folder / "tls", "authority")
+        if options.server:
+            self.url, self.ca = options.server.rstrip("/"), options.ca
+            user, _, password = options.user.partition(":")
+            self.management = Management(self.url, user, password, self.ca)
+            return
+        self.server = Server(options.jar, self.folder / "server", self.tls,
+                             tls=not options.certificates)
+        print("starting the rollout server", flush=True)
+        self.server.start()
+        self.ca = self.tls.certificate
+        self.management = Management(self.server.management_url, self.server.user,
+                                     self.server.password, self.ca)
+        if options.certificates:
+            self.proxy = Proxy(options.nginx, self.scripts, self.server,
+                               self.folder / "proxy", self.tls)
+            self.proxy.start()
+            self.management.set("authentication.header.enabled", True)
+            self.management.set("authentication.header.authority", self.proxy.voucher)
+        else:
+            self.management.set("authentication.targettoken.enabled", True)
+        self.url = self.server.url
+
+    def check_server(self) -> None:
+        if self.options.certificates:
+            self.management.create_targets({name: secrets.token_hex(16)
+                                            for name in ("check", "other")})
+            self.proxy.check(self.tls)
+            print(f"the server: {self.url}, which takes a camera's own certificate only", flush=True)
+            return
+        if not self.management.setting("authentication.targettoken.enabled"):
+            raise OSError("the server takes no devices' tokens; switch its setting "
+                          "authentication.targettoken.enabled on")
+        print(f"the server: {self.url}, cameras ask it every "
+              f"{self.management.setting('pollingTime')}", flush=True)
+
+    # --- cameras, package, rollout ---
+
+    def settings(self, name: str) -> dict[str, str]:
+        """An agent's."""
+        if self.options.certificates:
+            certificate, key = self.tls.issue(name, "clientAuth")
+            who = {"certificate": certificate, "key": key}
+        else:
+            who = {"target-token-file": "/config/token"}
+        if self.ca:
+            who["ca"] = self.ca
+        return {"server": self.url, "controller-id": name, **who, "keyring": self.package.keyring,
+                "compatible": COMPATIBLE, "version-file": "/etc/camera_version",
+                "download-folder": "/media/mmcblk0p1/ota/", "state-folder": "/config/agent/"}
+
+    def make_package(self) -> None:
+        self.package = Package(self.folder, self.options.programs, self.scripts)
+        self.files = self.package.make()
+        self.judge = Judge(self.management, self.package)
+
+    def make_rollout(self) -> None:
+        # A server that stays may have cameras of others.
+        self.prefix = f"corvo-{secrets.token_hex(3)}-" if self.options.server else "cam-"
+        for number in range(1, self.options.cameras + 1):
+            name = f"{self.prefix}{number:02}"
+            self.cameras.append(Camera(name, secrets.token_hex(16), self.folder / name,
+                                       self.scripts, self.options.programs))
+        self.made += [("targets", camera.name) for camera in self.cameras]
+        self.management.create_targets({camera.name: camera.token for camera in self.cameras})
+        name = f"{self.prefix}{NEW_VERSION}"
+        module = self.management.create_module(name, NEW_VERSION, self.files)
+        self.made.append(("softwaremodules", module))
+        distribution_set = self.management.create_set(name, NEW_VERSION, module)
+        self.made.append(("distributionsets", distribution_set))
+        self.groups = min(MOST_GROUPS, len(self.cameras))
+        self.rollout = self.management.create_rollout(
+            name, distribution_set, f"controllerId=={self.prefix}*", self.groups, MOST_ERRORS)
+        self.made.append(("rollouts", self.rollout))
+        self.wait_for_rollout("ready")
+        by_name = {camera.name: camera for camera in self.cameras}
+        for number, group in enumerate(self.management.groups(self.rollout), 1):
+            for target in self.management.targets_of_group(self.rollout, group["id"]):
+                by_name[target].group = number
+        self.cameras.sort(key=lambda camera: (camera.group, camera.name))
+
+    def make_cameras(self) -> None:
+        """With --bad every other one of each group has too little room."""
+        group, place = 0, 0
+        for camera in self.cameras:
+            group, place = camera.group, place + 1 if camera.group == group else 0
+            camera.small = self.options.bad and place % 2 == 0
+            camera.make(TOO_SMALL if camera.small else PARTITIONS, self.settings(camera.name))
+            self.judge.remember(camera)
+
+    def wait_for_rollout(self, *wanted: str) -> None:
+        until = time.monotonic() + 60
+        while (status := self.management.rollout_status(self.rollout)) not in wanted:
+            if time.monotonic() > until:
+                raise OSError(f"the rollout stays \"{status}\"")
+            time.sleep(0.2)
+
+    # --- while it runs ---
+
+    def seconds_allowed(self) -> float:
+        seconds = 180 + 6 * len(self.cameras)
+        if self.options.server:
+            hours, minutes, rest = self.management.setting("pollingTime").split(":")
+            seconds += 2 * self.groups * (3600 * int(hours) + 60 * int(minutes) + int(rest))
+        return seconds
+
+    def watch(self) -> None:
+        """Until the rollout has come to its end, or something is broken."""
+        self.table = Table(self.cameras)
+        self.began = time.monotonic()
+        end, ask = self.began + self.seconds_allowed(), 0.0
+        for camera in self.cameras:
+            camera.enter("waits for its turn")
+            camera.start()
+        self.management.start_rollout(self.rollout)
+        while time.monotonic() < end and not any(camera.fault for camera in self.cameras):
+            self.look()
+            if time.monotonic() >= ask:
+                ask = time.monotonic() + ASK_SECONDS
+                if self.is_over():
+                    break
+            time.sleep(0.1)
+        else:
+            self.judge.wrong += [camera.fault for camera in self.cameras if camera.fault] or [
+                f"the rollout is \"{self.status}\" after {time.monotonic() - self.began:.0f} s"]
+        self.ended = time.monotonic()
+
+    def look(self) -> None:
+        for camera in self.cameras:
+            camera.look()
+            if self.options.cut:
+                self.play_power(camera)
+        self.table.show(f"rollout {NEW_VERSION}: {self.status}")
+
+    def play_power(self, camera: Camera) -> None:
+        now, due = time.monotonic(), self.due.get(camera.name)
+        if due is None:
+            if camera.cuts == CUTS:
+                return
+            wanted = self.cut_in.setdefault(camera.name, self.random.choice(CUT_STAGES))
+            # What it has behind it does not come again; then any moment will do.
+            over = any("success" in stage for _, stage in camera.changes)
+            if wanted in camera.stage or over:
+                self.due[camera.name] = now + self.random.uniform(0, CUT_WITHIN)
+                del self.cut_in[camera.name]
+        elif now >= due and camera.process is not None:
+            camera.kill()
+            camera.read()
+            camera.cuts += 1
+            camera.enter("power cut")
+            self.due[camera.name] = now + self.random.uniform(*OFF_SECONDS)
+        elif now >= due:
+            del self.due[camera.name]
+            camera.enter("starts again")
+            camera.start()
+
+    def is_over(self) -> bool:
+        self.status = self.management.rollout_status(self.rollout)
+        if self.status == "paused":
+            # Those of the group that was begun see it through.
+            return all(self.has_ended(camera) for camera in self.cameras if camera.group == 1)
+        return self.status == "finished" and not (self.options.cut and any(
+            camera.cuts < CUTS or camera.name in self.due for camera in self.cameras))
+
+    def has_ended(self, camera: Camera) -> bool:
+        target = self.management.call("GET", f"targets/{camera.name}")
+        return target["updateStatus"] in ("in_sync", "error")
+
+    # --- what has become of it ---
+
+    def end_of(self, camera: Camera):
+        if not self.options.bad:
+            return UPGRADED
+        if camera.group > 1:
+            return UNTOUCHED
+        return REFUSED if camera.small else UPGRADED
+
+    def compare(self) -> None:
+        until = time.monotonic() + LAST_WORDS_SECONDS
+        while time.monotonic() < until and not all(
+                self.management.attributes(camera.name).get("version") == self.end_of(camera).version
+                for camera in self.cameras):
+            self.look()
+            time.sleep(ASK_SECONDS)
+        self.table.tell()
+        self.table.clear()
+        for camera in self.cameras:
+            camera.kill()
+        wanted = "paused" if self.options.bad else "finished"
+        self.status = self.management.rollout_status(self.rollout)
+        print(f"\nThe rollout is {self.status} after {self.ended - self.began:.0f} s, "
+              f"{self.groups} groups"
+              + (f", {sum(camera.cuts for camera in self.cameras)} power cuts (seed "
+                 f"{self.options.seed})" if self.options.cut else ""))
+        if self.status != wanted:
+            self.judge.wrong.append(f"the rollout is {self.status}, not {wanted}")
+        print(HEAD)
+        for camera in self.cameras:
+            print(self.judge.row(camera, self.end_of(camera)), flush=True)
+
+    def draw(self) -> None:
+        drawing = self.options.work / "rollout.svg"
+        drawing.write_text(picture.draw(
+            self.cameras, f"Rollout of {NEW_VERSION} to {len(self.cameras)} cameras: {self.status}",
+            self.began, self.ended))
+        print(f"The rollout over time: {drawing}")
+
+    def close(self) -> None:
+        for camera in self.cameras:
+            camera.kill()
+        if self.options.server:
+            for what, number in reversed(self.made):
+                try:
+                    self.management.remove(what, number)
+                except (OSError, Refused) as reason:
+                    print(f"fleet: left at the server: {what} {number}, {reason}", file=sys.stderr)
+        for process in (self.proxy, self.server):
+            if process is not None:
+                process.stop()
+
+    def run(self) -> int:
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.folder.mkdir(parents=True)
+        self.start_server()
+        if self.options.serve:
+            return self.serve()
+        self.check_server()
+        self.make_package()
+        self.make_rollout()
+        self.make_cameras()
+        self.watch()
+        self.compare()
+        self.draw()
+        if self.judge.wrong:
+            print("Something is not as it must be:")
+            print("\n".join(self.judge.wrong))
+            print(f"Everything is left in {self.folder}")
+            return 1
+        print("Server, cameras and partitions agree.")
+        return 0
+
+    def serve(self) -> int:
+        print(f"server: {self.url}\nuser: {self.server.user}:{self.server.password}\n"
+              f"authority: {self.ca}\nEnds with this program (Ctrl-C).", flush=True)
+        self.server.process.wait()
+        return 2
+
+
+def main() -> int:
+    arguments = argparse.ArgumentParser()
+    for name in ("work", "programs", "jar", "nginx", "ca"):
+        arguments.add_argument(f"--{name}", type=Path)
+    for name in ("bad", "cut", "certificates", "serve"):
+        arguments.add_argument(f"--{name}", action="store_true")
+    for name in ("server", "user"):
+        arguments.add_argument(f"--{name}", default="")
+    for name in ("cameras", "seed"):
+        arguments.add_argument(f"--{name}", type=int)
+    fleet = Fleet(arguments.parse_args())
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    try:
+        status = fleet.run()
+    except (OSError, Refused) as reason:
+        print(f"fleet: {reason}", file=sys.stderr)
+        status = 2
+    except KeyboardInterrupt:
+        status = 130
+    finally:
+        fleet.close()
+    if status == 0:
+        shutil.rmtree(fleet.folder, ignore_errors=True)
+    return status
+
+
+sys.exit(main())
