@@ -1,7 +1,7 @@
 // Runs a command and writes what it took to a file, one line of JSON:
 //
 //   measure FILE COMMAND [ARGUMENT...]
-//   {"started": seconds on the monotonic clock, "wall": seconds, "peak": KiB,
+//   {"started": seconds on the monotonic clock, "wall": seconds, "cpu": seconds, "peak": KiB,
 //    "status": number}
 //
 // Linux counts the memory of whoever forked a process into that process's peak, so figures have to
@@ -24,6 +24,10 @@ double now() {
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+double seconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
 }
 
 }  // namespace
@@ -54,7 +58,8 @@ int main(int argc, char** argv) {
     }
     const int code =
         WIFSIGNALED(status) ? EXIT_SIGNAL_BASE + WTERMSIG(status) : WEXITSTATUS(status);
-    fprintf(file.get(), "{\"started\": %.6f, \"wall\": %.6f, \"peak\": %ld, \"status\": %d}\n",
-            start, wall, usage.ru_maxrss, code);
+    fprintf(file.get(),
+            "{\"started\": %.6f, \"wall\": %.6f, \"cpu\": %.6f, \"peak\": %ld, \"status\": %d}\n",
+            start, wall, seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss, code);
     return code;
 }

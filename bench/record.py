@@ -1,8 +1,9 @@
 """Puts a run's figures into the documentation: the table between its two marks, and the picture.
 
-    record.py RESULT.json DOCUMENT.md PICTURE.svg
+    record.py RESULT.json DOCUMENT.md [PICTURE.svg]
 """
 import json
+import os
 import sys
 from pathlib import Path
 
@@ -12,10 +13,21 @@ from pairs import Row, shown_interval, shown_value
 BEGIN, END = "<!-- figures of a run: begin -->", "<!-- figures of a run: end -->"
 
 
+def machine() -> list[str]:
+    cpu = [line.split(":")[1].strip() for line in Path("/proc/cpuinfo").read_text().splitlines()
+           if line.startswith("model name")]
+    memory = Path("/proc/meminfo").read_text().split()[1]
+    load = " ".join(Path("/proc/loadavg").read_text().split()[:3])
+    return [f"{len(cpu)} x {cpu[0] if cpu else os.uname().machine}, {int(memory) // 1024} MiB, "
+            f"Linux {os.uname().release}", f"load before the run: {load}"]
+
+
 def table(result: dict) -> str:
-    lines = [*result["machine"], f"one synchronous 16 KiB write to the disk: "
-             f"{1000 * result['flush']:.2f} ms", ""]
-    lines = [f"- {line}" if line else "" for line in lines]
+    lines = [*result["machine"]]
+    if "flush" in result:
+        lines.append("one synchronous 16 KiB write to the disk: "
+                     f"{1000 * result['flush']:.2f} ms")
+    lines = [f"- {line}" for line in lines] + [""]
     lines += ["| Figure | Ours | Baseline | Ratio | 95 % interval | Goal | ok |",
               "|---|---|---|---|---|---|---|"]
     for taken in result["rows"]:
@@ -32,15 +44,17 @@ def table(result: dict) -> str:
 
 
 def main() -> None:
-    result_file, document, drawing = (Path(name) for name in sys.argv[1:4])
+    result_file, document, *drawing = (Path(name) for name in sys.argv[1:])
     result = json.loads(result_file.read_text())
-    drawing.write_text(picture.draw(
-        result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
-        f"{1000 * result['flush']:.2f} ms per synchronous 16 KiB"))
+    for file in drawing:
+        file.write_text(picture.draw(
+            result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
+            f"{1000 * result['flush']:.2f} ms per synchronous 16 KiB"))
     text = document.read_text()
     head, _, rest = text.partition(BEGIN)
     _, _, tail = rest.partition(END)
     document.write_text(f"{head}{BEGIN}\n{table(result)}\n{END}{tail}")
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -37,9 +37,8 @@ def make_signer() -> None:
 class Swupdate:
     needs = ("swupdate", "openssl", "cpio")
 
-    def __init__(self, image: Path, device: str):
+    def __init__(self, image: Path, device: str, folder: Path = Path("/tmp/swupdate")):
         make_signer()
-        folder = Path("/tmp/swupdate")
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir()
         digest = subprocess.run(["sha256sum", image], check=True, capture_output=True, text=True)

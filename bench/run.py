@@ -15,6 +15,7 @@ import counted
 import figures
 import hardening
 import picture
+import record
 import signed
 from pairs import Row, print_head, print_row
 from world import MIB, SYNCHRONOUS, Camera, Loops, Programs
@@ -24,15 +25,6 @@ IDLE_SECONDS, IDLE_SECONDS_QUICK = 60, 5
 # six rounds of all programs do not fit into ten minutes; the image is halved until it does.
 LONGEST_RUN = 4  # seconds
 SIZES = (64, 32, 16, 8, 4)  # MiB
-
-
-def machine() -> list[str]:
-    cpu = [line.split(":")[1].strip() for line in Path("/proc/cpuinfo").read_text().splitlines()
-           if line.startswith("model name")]
-    memory = Path("/proc/meminfo").read_text().split()[1]
-    load = " ".join(Path("/proc/loadavg").read_text().split()[:3])
-    return [f"{len(cpu)} x {cpu[0] if cpu else os.uname().machine}, {int(memory) // 1024} MiB, "
-            f"Linux {os.uname().release}", f"load before the run: {load}"]
 
 
 def module_on_disk(programs: Programs, camera: Camera, device: str, room: int) -> figures.Module:
@@ -107,7 +99,7 @@ def main() -> int:
     except PermissionError:
         pass
     began = time.monotonic()
-    about = machine()
+    about = record.machine()
     print("\n".join(about))
     print_head(sys.stdout)
     for row in counted.allocations(programs):

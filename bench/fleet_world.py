@@ -1,0 +1,317 @@
+"""A rollout server and two cameras that it serves, for measuring: one with the agent, the service and
+the daemon, one with swupdate, each in a root of its own."""
+import json
+import os
+import re
+import secrets
+import select
+import shutil
+import socket
+import ssl
+import subprocess
+import sys
+import threading
+import time
+import urllib.request
+from pathlib import Path
+
+SCRIPTS = Path(__file__).resolve().parent.parent / "scripts"
+sys.path.append(str(SCRIPTS / "fleet.d"))
+
+import rivals  # noqa: E402
+from camera import Camera  # noqa: E402
+from certificates import Authority  # noqa: E402
+from management import Management  # noqa: E402
+from server import DIES_WITH_US, HOST, Server  # noqa: E402
+
+MIB = 1 << 20
+COMPATIBLE, VERSION = "camera", "2.0"
+KEPT = ("bash", "sleep", "unshare", "setpriv", "private_root", "camera")  # the played root's own
+LONGEST_ACTION = 300  # seconds
+# It keeps its state in the boot environment, and does not start without.
+ENVIRONMENT = """
+echo "$1 0x0 0x4000" > /etc/fw_env.config
+if [ ! -e "$1" ]; then
+    echo ustate=0 > /run/initial
+    truncate -s 16384 "$1"
+    fw_setenv -f /run/initial bootsystem A 2> /dev/null
+fi
+shift
+exec "$@"
+"""
+TENANT = "DEFAULT/controller/v1"
+
+
+class Rig:
+    """The server, what it offers, and how long an action took by its own clock."""
+
+    def __init__(self, work: Path, build: Path, jar: Path):
+        self.work, self.build = work / "fleet", build
+        shutil.rmtree(self.work, ignore_errors=True)
+        self.work.mkdir(parents=True)
+        rivals.SIGNER = self.work / "signer"
+        self.tls = Authority(self.work / "tls", "authority")
+        self.ca = self.tls.certificate
+        subprocess.run([SCRIPTS / "make_pki", self.work / "maker"], check=True)
+        self.server = Server(jar, self.work / "server", self.tls, tls=True)
+        self.server.start()
+        self.url = self.server.url
+        self.management = Management(self.url, self.server.user, self.server.password, self.ca)
+        self.management.set("authentication.targettoken.enabled", True)
+        self.tokens: dict[str, str] = {}
+        self.modules: dict[str, int] = {}
+
+    def close(self) -> None:
+        self.server.stop()
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    def add_target(self, name: str) -> str:
+        self.tokens[name] = secrets.token_hex(16)
+        self.management.create_targets({name: self.tokens[name]})
+        return self.tokens[name]
+
+    def offer(self, package: str, files: list[Path], target: str, kind: str = "forced") -> int:
+        """A new set each time, as one that was installed is not offered again. The action's id."""
+        if package not in self.modules:
+            self.modules[package] = self.management.create_module(package, VERSION, files)
+        made = self.management.create_set(f"{package}-{secrets.token_hex(4)}", VERSION,
+                                          self.modules[package])
+        self.management.assign(made, target, kind)
+        return self.management.last_action(target)["id"]
+
+    def status(self, target: str, action: int, wanted: str) -> int | None:
+        """When, in ms of the server's clock, the action got that status."""
+        for status in self.management.statuses(target, action):
+            if status["type"] == wanted:
+                return status["reportedAt"]
+            if status["type"] == "error":
+                raise RuntimeError(f"{target}: {status['messages']}")
+        return None
+
+    def began(self, target: str, action: int) -> int:
+        return self.management.call("GET", f"targets/{target}/actions/{action}")["createdAt"]
+
+    def last_poll(self, target: str) -> int:
+        """ms of the server's clock; 0: never."""
+        return self.management.call("GET", f"targets/{target}").get("lastControllerRequestAt") or 0
+
+    def ask(self, target: str, url: str) -> dict:
+        request = urllib.request.Request(url, headers={"Authorization": self.authorization(target),
+                                                       "Accept": "application/hal+json"})
+        context = ssl.create_default_context(cafile=self.ca)
+        with urllib.request.urlopen(request, context=context, timeout=30) as answer:
+            return json.load(answer)
+
+    def authorization(self, target: str) -> str:
+        return f"TargetToken {self.tokens[target]}"
+
+    def links(self, target: str) -> dict[str, str]:
+        """Of the files that the target is offered."""
+        poll = self.ask(target, f"{self.url}/{TENANT}/{target}")
+        offer = self.ask(target, poll["_links"]["deploymentBase"]["href"])
+        return {file["filename"]: file["_links"]["download"]["href"]
+                for chunk in offer["deployment"]["chunks"] for file in chunk["artifacts"]}
+
+    def signed_package(self, mib: int) -> list[Path]:
+        folder = self.work / f"package-{mib}"
+        if not folder.exists():
+            folder.mkdir()
+            with open(folder / "kernel.bin", "wb") as image:
+                for _ in range(mib):
+                    image.write(os.urandom(MIB))
+            maker = self.work / "maker"
+            subprocess.run([self.build / "otactl", "pack", "files", "--dir", folder, "--compatible",
+                            COMPATIBLE, "--version", VERSION, "--key", maker / "signer.key",
+                            "--certificate", maker / "signer.pem", "--intermediate",
+                            maker / "authority.pem", "kernel"], check=True,
+                           stdout=subprocess.DEVNULL)
+        return sorted(folder.iterdir())
+
+
+class Processes:
+    """Everything that runs in the root that a process has made, less what only plays the root."""
+
+    def __init__(self, root: int):
+        (inside,) = Path(f"/proc/{root}/task/{root}/children").read_text().split()
+        self.space = os.readlink(f"/proc/{inside}/ns/pid")
+
+    def each(self) -> list[Path]:
+        found = []
+        for entry in Path("/proc").glob("[0-9]*"):
+            try:
+                if os.readlink(entry / "ns/pid") == self.space and (
+                        (entry / "comm").read_text().strip() not in KEPT):
+                    found.append(entry)
+            except OSError:
+                pass  # it has ended
+        return found
+
+    def memory(self) -> int:
+        """KiB, with what several share split among them."""
+        total = 0
+        for entry in self.each():
+            try:
+                total += int(re.search(r"^Pss:\s+(\d+)", (entry / "smaps_rollup").read_text(),
+                                       re.MULTILINE)[1])
+            except (OSError, TypeError):
+                pass
+        return total
+
+    def switches(self) -> int:
+        """Of all threads, voluntary and not."""
+        total = 0
+        for status in (task / "status" for entry in self.each() for task in (entry / "task").iterdir()):
+            try:
+                total += sum(map(int, re.findall(r"ctxt_switches:\s+(\d+)", status.read_text())))
+            except OSError:
+                pass
+        return total
+
+
+class OurCamera:
+    """`programs`: the folder with the agent, the service, the daemon and otactl."""
+
+    def __init__(self, rig: Rig, name: str, programs: Path, mib: int, url: str = ""):
+        self.rig, self.name = rig, name
+        self.camera = Camera(name, rig.add_target(name), rig.work / name, SCRIPTS, programs)
+        self.camera.make({"kernel": mib * MIB, "rootfs": 4096}, {
+            "server": url or rig.url, "controller-id": name, "target-token-file": "/config/token",
+            "ca": rig.ca, "keyring": rig.work / "maker/root.pem", "compatible": COMPATIBLE,
+            "version-file": "/etc/camera_version", "download-folder": "/media/mmcblk0p1/ota/",
+            "state-folder": "/config/agent/"})
+        (self.camera.folder / "flash/rootfs").write_text(f"{VERSION}\n")
+        (self.camera.folder / "boot_id").write_text(f"{secrets.token_hex(16)}\n")
+
+    def start(self) -> None:
+        self.camera.start()
+
+    def processes(self) -> Processes:
+        return Processes(self.camera.process.pid)
+
+    def upgrade(self, mib: int) -> dict[str, float]:
+        """From the offer to the verdict, by the server's clock; the peak of its memory."""
+        action = self.rig.offer(f"signed-{mib}", self.rig.signed_package(mib), self.name)
+        peak, end = 0, time.monotonic() + LONGEST_ACTION
+        while (done := self.rig.status(self.name, action, "finished")) is None:
+            until = time.monotonic() + 0.5
+            while time.monotonic() < until:
+                self.camera.look()
+                try:
+                    peak = max(peak, self.processes().memory())
+                except (OSError, ValueError):
+                    pass  # it restarts
+                time.sleep(0.02)
+            if self.camera.fault or time.monotonic() > end:
+                raise RuntimeError(self.camera.fault or f"{self.name}: no end: {self.camera.stage}")
+        return {"wall": (done - self.rig.began(self.name, action)) / 1000, "peak": peak}
+
+    def forget_package(self) -> None:
+        """What was fetched before would not be fetched again."""
+        shutil.rmtree(self.camera.folder / "card/ota")
+        (self.camera.folder / "card/ota").mkdir()
+
+    def once(self, *under) -> subprocess.Popen:
+        """One poll and what follows, alone in the camera."""
+        return subprocess.Popen([*DIES_WITH_US, *self.camera.command(
+            *under, self.camera.programs / "corvo_agent", "once")], stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
+
+    def taken_once(self) -> dict[str, float]:
+        self.forget_package()
+        result = self.camera.folder / "taken"
+        run = self.once(self.rig.build / "bench/measure", result)
+        _, said = run.communicate()
+        if run.returncode != 0:
+            raise RuntimeError(f"corvo_agent once: {run.returncode}, {said.decode()}")
+        return json.loads(result.read_text())
+
+    def close(self) -> None:
+        self.camera.remove()
+
+
+class Swupdate:
+    """In its mode for this server. A restart of the camera is one of swupdate, told to confirm."""
+
+    def __init__(self, rig: Rig, name: str, image: Path, mib: int):
+        self.rig, self.name = rig, name
+        self.folder = rig.work / name
+        self.folder.mkdir()
+        partition = self.folder / "kernel"
+        partition.write_bytes(os.urandom(mib * MIB))
+        self.package = rivals.Swupdate(image, str(partition), self.folder / "package").package
+        self.token = rig.add_target(name)
+        self.installed = self.folder / "installed"
+        self.process: subprocess.Popen | None = None
+
+    def start(self, *more: str, poll: int | None = None) -> None:
+        options = ["-t", "DEFAULT", "-u", self.rig.url, "-i", self.name, "-k", self.token, "-x",
+                   *(["-p", str(poll)] if poll else []), *more]
+        with open(self.folder / "said.txt", "ab") as output:
+            self.process = subprocess.Popen(
+                [*DIES_WITH_US, SCRIPTS / "private_root", "bash", "-c", ENVIRONMENT, "environment",
+                 self.folder / "environment", "swupdate", "-B", "uboot", "-l", "3", "-M", "-m", "-H",
+                 "camera:1.0", "-k", rivals.SIGNER / "cert.pem", "-p", f"touch {self.installed}",
+                 "-u", " ".join(options)], stdin=subprocess.DEVNULL, stdout=output,
+                stderr=subprocess.STDOUT, start_new_session=True)
+
+    def stop(self) -> None:
+        if self.process is not None:
+            self.process.kill()
+            self.process.wait()
+            self.process = None
+
+    def processes(self) -> Processes:
+        return Processes(self.process.pid)
+
+    def upgrade(self, mib: int) -> dict[str, float]:
+        self.installed.unlink(missing_ok=True)
+        action = self.rig.offer(f"swu-{mib}", [self.package], self.name)
+        peak, end = 0, time.monotonic() + LONGEST_ACTION
+        while not self.installed.exists():
+            peak = max(peak, self.processes().memory())
+            time.sleep(0.02)
+            if self.process.poll() is not None or time.monotonic() > end:
+                raise RuntimeError(f"swupdate has not installed it, see {self.folder}/said.txt")
+        self.stop()
+        self.start("-c", "2", poll=1)
+        while (done := self.rig.status(self.name, action, "finished")) is None:
+            if time.monotonic() > end:
+                raise RuntimeError("swupdate does not confirm")
+            time.sleep(0.1)
+        return {"wall": (done - self.rig.began(self.name, action)) / 1000, "peak": peak}
+
+    def close(self) -> None:
+        self.stop()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Forwarder:
+    """Passes bytes on to the server and counts those that come back, over all connections."""
+
+    def __init__(self, port: int):
+        self.target, self.count, self.limit = port, 0, 0
+        self.reached = threading.Event()
+        self.listener = socket.create_server((HOST, 0))
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self) -> None:
+        while True:
+            client, _ = self.listener.accept()
+            threading.Thread(target=self.pass_on, args=(client,), daemon=True).start()
+
+    def pass_on(self, client: socket.socket) -> None:
+        with client, socket.create_connection((HOST, self.target)) as server:
+            while True:
+                for ready in select.select((client, server), (), ())[0]:
+                    try:
+                        data = ready.recv(65536)
+                        if not data:
+                            return
+                        (server if ready is client else client).sendall(data)
+                    except OSError:
+                        return
+                    if ready is server:
+                        self.count += len(data)
+                        if self.limit and self.count >= self.limit:
+                            self.reached.set()
