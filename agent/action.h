@@ -62,7 +62,9 @@ struct HistoryEntry {
     std::string id;
     std::string version;
     bool succeeded = false;
-    bool told = false;  // the server took the verdict
+    // The server took the verdict. Not known when it said that the action has ended: somebody may
+    // have quit it, or the answer to the same verdict was lost.
+    bool told = false;
     std::string words;
     int64_t time = 0;  // seconds since 1970, by the camera's clock
 };

@@ -95,7 +95,7 @@ void print_words(const AgentSettings& settings, const Json& status) {
                text_of(last, "version").c_str(),
                last["succeeded"].get<bool>() ? "success" : "failure",
                text_of(last, "words").c_str(),
-               last["told"].get<bool>() ? "" : " (the server did not take it)");
+               last["told"].get<bool>() ? "" : " (the server had ended it already)");
     }
 }
 
