@@ -129,11 +129,14 @@ class Rig:
 
 
 class Processes:
-    """Everything that runs in the root that a process has made, less what only plays the root."""
+    """Everything that runs in the root that a process has made, less what only plays the root.
+    Raises OSError or ValueError while it is not made."""
 
     def __init__(self, root: int):
         (inside,) = Path(f"/proc/{root}/task/{root}/children").read_text().split()
         self.space = os.readlink(f"/proc/{inside}/ns/pid")
+        if self.space == os.readlink("/proc/self/ns/pid"):
+            raise OSError("the root is not made yet")
 
     def each(self) -> list[Path]:
         found = []

@@ -33,6 +33,7 @@ def table(result: dict) -> str:
     for taken in result["rows"]:
         verdict = taken.pop("verdict")
         row = Row(**taken)
+        row.figure = row.figure.replace("|", "\\|")  # which would end the cell
         if row.value is None:
             lines.append(f"| {row.figure} | | | | | | skipped: {row.note} |")
             continue

@@ -23,7 +23,7 @@ MOST_ERRORS = 25  # percent of a group; of half of the cameras that fail, any gr
 CUTS = 2  # of each camera: the agent posts a request three times at the most
 # In which stage the power goes, by its words, and how long after its beginning at the most.
 CUT_STAGES = ("downloading", "was signed", "request posted", "writing", "reading", "slot switched",
-              "restarting", "success")
+              "restarting")
 CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
 LAST_WORDS_SECONDS = 20  # for what cameras tell the server after the verdict
@@ -40,7 +40,7 @@ class Fleet:
         self.proxy: Proxy | None = None
         self.cameras: list[Camera] = []
         self.made: list[tuple[str, int | str]] = []  # at the server, for a server that stays
-        self.cut_in: dict[str, str] = {}  # the stage in which a camera is to lose its power
+        self.plan: dict[str, list[int]] = {}  # in which stages a camera is to lose its power
         self.due: dict[str, float] = {}  # when it loses it, or gets it back
         self.status = ""
 
@@ -187,12 +187,11 @@ class Fleet:
         if due is None:
             if camera.cuts == CUTS:
                 return
-            wanted = self.cut_in.setdefault(camera.name, self.random.choice(CUT_STAGES))
-            # What it has behind it does not come again; then any moment will do.
-            over = any("success" in stage for _, stage in camera.changes)
-            if wanted in camera.stage or over:
+            # The later one second: a stage that is behind a camera does not come again.
+            plan = self.plan.setdefault(camera.name, sorted(
+                self.random.choices(range(len(CUT_STAGES)), k=CUTS)))
+            if CUT_STAGES[plan[camera.cuts]] in camera.stage or self.has_succeeded(camera):
                 self.due[camera.name] = now + self.random.uniform(0, CUT_WITHIN)
-                del self.cut_in[camera.name]
         elif now >= due and camera.process is not None:
             camera.kill()
             camera.read()
@@ -201,8 +200,13 @@ class Fleet:
             self.due[camera.name] = now + self.random.uniform(*OFF_SECONDS)
         elif now >= due:
             del self.due[camera.name]
-            camera.enter("starts again")
+            camera.enter("on again after its success" if self.has_succeeded(camera)
+                         else "starts again")
             camera.start()
+
+    @staticmethod
+    def has_succeeded(camera: Camera) -> bool:
+        return any("success" in stage for _, stage in camera.changes)
 
     def is_over(self) -> bool:
         self.status = self.management.rollout_status(self.rollout)
