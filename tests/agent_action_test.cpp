@@ -92,36 +92,16 @@ PlayedAction make_action(const std::string& kind) {
     return action;
 }
 
-PlayedServer::Setup setup_of(const std::string& camera) {
-    PlayedServer::Setup setup = {};
-    setup.old = contains(camera, "0.3");
-    return setup;
-}
-
 class World {
   public:
     World(const std::string& camera, const std::string& action)
-        : server_(setup_of(camera)), mode_(camera) {
+        : server_({.old = contains(camera, "0.3")}), mode_(camera) {
         make_packages();
         g_switches = !contains(camera, "no-switch");
         camera_.daemon.reset();
         camera_.daemon = std::make_unique<PlayedDaemon>(run_command, print_slot);
-        std::filesystem::remove_all(STATE_FOLDER);
-        std::filesystem::remove_all(AGENT_FOLDER);
-        std::filesystem::create_directories("/media/mmcblk0p1/ota");
-        if (contains(camera, "full")) {
-            EXPECT_EQ(0, mount("none", "/media/mmcblk0p1/ota", "tmpfs", 0, "size=1M"));
-        }
-        write_file(OTA_DATA_PATH, std::string("p\1rst\3v", 7));
-        write_file(SLOT, "A\n");
-        write_file("/etc/version", "1.9\n");
-        write_file("/camera/bin/fw_printenv", "#!/bin/sh\ncat /run/slot\n");
-        chmod("/camera/bin/fw_printenv", 0755);
-        write_file(PLAYED_BOOT_ID, "0\n");
-        if (read_file(BOOT_ID) != "0\n") {
-            EXPECT_EQ(0, mount(PLAYED_BOOT_ID, BOOT_ID, nullptr, MS_BIND, nullptr));
-        }
-        configure();
+        EXPECT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh '" + camera + "' " + server_.url() +
+                           " '" + PlayedServer::CONTROLLER + "'"));
         server_.offer(make_action(action));
     }
     ~World() {
@@ -238,42 +218,7 @@ class World {
         return names;
     }
 
-    static void give_consent(const char* word) {
-        EXPECT_EQ(0, shell("corvo_agent " + std::string(word) + " > /dev/null"));
-    }
-
   private:
-    void configure() {
-        std::string settings = "server = " + server_.url() + "\ncontroller-id = \"" +
-                               PlayedServer::CONTROLLER + "\"\n" +
-                               "target-token-file = /etc/corvo/token\nkeyring = /run/pki/root.pem\n"
-                               "compatible = R5C20\nversion-file = /etc/version\n";
-        for (const auto& [word, setting] :
-             {std::pair<const char*, std::string>("unchecked", "check-partitions = off"),
-              {"asks", "confirm = ask"},
-              {"agrees", "confirm = ask"},
-              {"denies", "confirm = ask"},
-              {"unfit", "fitness-command = echo battery low; false"},
-              {"attempts", "window = " + other_time()}}) {
-            settings += contains(mode_, word) ? setting + "\n" : "";
-        }
-        write_file("/etc/corvo/agent.conf", settings);
-        write_file("/etc/corvo/token", "secret\n");
-        chmod("/etc/corvo/token", 0600);
-    }
-
-    // A minute that is over long before this test could be.
-    static std::string other_time() {
-        std::string window;
-        for (const time_t at : {time(nullptr) + 7200, time(nullptr) + 7260}) {
-            char text[16] = {};
-            tm local = {};
-            strftime(text, sizeof(text), "%H:%M", localtime_r(&at, &local));
-            window += (window.empty() ? "" : "-") + std::string(text);
-        }
-        return window;
-    }
-
     void start_agent(int cutAt) {
         agent_ = fork();
         if (agent_ == 0) {
@@ -346,7 +291,7 @@ std::string played(const std::string& camera, const std::string& action,
     }
     if (camera == "agrees" || camera == "denies") {
         EXPECT_EQ(0, world.live());
-        World::give_consent(camera == "agrees" ? "confirm" : "deny");
+        EXPECT_EQ(0, shell(camera == "agrees" ? "corvo_agent confirm" : "corvo_agent deny"));
     }
     world.live_to_the_end();
     const std::string story = world.server().story(ID);
@@ -371,42 +316,41 @@ TEST(Action, EndsAsItDeserves) {
         Rows::ARE_INDEPENDENT);
 }
 
-// The agent dies, or the power goes, at every change that it makes outside of itself.
-void sweep_agent(bool powerGoesToo) {
+// Tries one place after the other until `cut_at` finds that nothing was cut any more. Whatever is
+// cut once, the camera is upgraded and the server knows.
+void sweep(const std::function<bool(World& world, int place)>& cut_at) {
     bool cut = true;
     for (int place = 1; cut && !testing::Test::HasFailure(); place += sweep_stride()) {
         SCOPED_TRACE(place);
         World world("good", "files");
-        world.start_service();
-        world.live(place, powerGoesToo);
-        cut = world.agent_was_cut();
+        cut = cut_at(world, place);
         world.live_to_the_end();
+        cut = cut || world.boots() > 1;  // one of them is the upgrade's own
         world.expect_promise();
-        const std::string story = world.server().story(ID);
-        EXPECT_TRUE(story.starts_with("success")) << story;
+        EXPECT_TRUE(world.server().story(ID).starts_with("success"));
     }
+}
+
+// The agent dies, or the power goes, at every change that it makes outside of itself.
+bool cut_agent(World& world, int place, bool powerGoesToo) {
+    world.start_service();
+    world.live(place, powerGoesToo);
+    return world.agent_was_cut();
 }
 
 TEST(Action, SurvivesTheAgentsDeathAtEveryStep) {
-    sweep_agent(false);
+    sweep([](World& world, int place) { return cut_agent(world, place, false); });
 }
 
 TEST(Action, SurvivesAPowerCutAtEveryStepOfTheAgent) {
-    sweep_agent(true);
+    sweep([](World& world, int place) { return cut_agent(world, place, true); });
 }
 
 TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
-    bool again = true;
-    for (int place = 1; again && !HasFailure(); place += sweep_stride()) {
-        SCOPED_TRACE(place);
-        World world("good", "files");
+    sweep([](World& world, int place) {
         world.start_service({{.call = "change", .ordinal = place, .effect = CUT}});
-        world.live_to_the_end();
-        world.expect_promise();
-        const std::string story = world.server().story(ID);
-        EXPECT_TRUE(story.starts_with("success")) << story;
-        again = world.boots() > 1;  // one of them is the upgrade's own
-    }
+        return false;
+    });
 }
 
 // Cancelled, quit by force or overtaken by a newer action at any moment: nothing is claimed that is

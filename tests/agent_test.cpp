@@ -37,15 +37,9 @@ TEST(Verdict, FollowsFromRecordSlotAndPackage) {
         seen.slot = slots[1];
         seen.packageThere = package == "there";
         std::string words;
-        switch (judge(seen, words)) {
-            case Judgement::SUCCESS:
-                return "success: " + words;
-            case Judgement::FAILURE:
-                return "failure: " + words;
-            case Judgement::AGAIN:
-                break;
-        }
-        return "again: " + words;
+        constexpr const char* JUDGEMENTS[] = {"success: ", "failure: ", "again: "};
+        const Judgement judgement = judge(seen, words);
+        return JUDGEMENTS[static_cast<size_t>(judgement)] + words;
     });
 }
 
@@ -58,26 +52,22 @@ TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
         "agent() { corvo_agent --config conf \"$@\"; }; ");
 }
 
-TEST(Delay, SpreadsOverTheFleetAndGrowsWithTrouble) {
-    EXPECT_EQ(270000U, delay_ms(300, 0, 0, 0));
-    EXPECT_EQ(330000U, delay_ms(300, 0, 0, 60000));
-    EXPECT_EQ(2500U, delay_ms(300, 1, 0, 0));
-    EXPECT_EQ(7500U, delay_ms(300, 1, 0, 5000));
-    EXPECT_EQ(20000U, delay_ms(300, 4, 0, 0));
-    EXPECT_EQ(1800000U, delay_ms(300, 4000000000U, 0, 0));
-    EXPECT_EQ(86400000U, delay_ms(300, 1, 86400, 0)) << "the server's own wish";
-}
-
-TEST(Window, HoldsOverMidnight) {
-    DayWindow window;
-    ASSERT_TRUE(parse_window("22:30-02:00", window));
-    EXPECT_TRUE(is_inside(window, 22 * 60 + 30) && is_inside(window, 0) && is_inside(window, 119));
-    EXPECT_FALSE(is_inside(window, 120) || is_inside(window, 22 * 60 + 29));
-    ASSERT_TRUE(parse_window("02:00-04:00", window));
-    EXPECT_TRUE(is_inside(window, 120) && !is_inside(window, 240));
-    for (const char* wrong : {"2-4", "24:00-01:00", "02:00-04:60", "02:00-04:00 ", "02:00"}) {
-        EXPECT_FALSE(parse_window(wrong, window)) << wrong;
-    }
+TEST(Times, AreThoseOfTheSettingsAndTheServer) {
+    expect_cases("agent_times.txt", [](std::istream& row) {
+        std::string what, text;
+        row >> what;
+        if (what == "window") {
+            DayWindow window;
+            int32_t hour = 0, minute = 0;
+            row >> text >> hour >> minute;
+            return std::string(!parse_window(text, window)             ? "none"
+                               : is_inside(window, hour * 60 + minute) ? "inside"
+                                                                       : "outside");
+        }
+        uint32_t sleepS = 0, failures = 0, retryAfterS = 0, random = 0;
+        row >> sleepS >> failures >> retryAfterS >> random;
+        return std::to_string(delay_ms(sleepS, failures, retryAfterS, random));
+    });
 }
 
 }  // namespace

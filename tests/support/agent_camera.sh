@@ -1,0 +1,30 @@
+# The camera of one row of cases/agent_actions.txt, before anything has happened, and its agent's
+# settings. Arguments: the row's first word, the server's URL, the camera's name there.
+set -e
+folder=/media/mmcblk0p1/ota
+rm -rf /config/agent $folder/agent
+mkdir -p $folder
+case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
+printf 'p\1rst\3v' > /config/ota_data.dat
+echo A > /run/slot
+echo 1.9 > /etc/version
+printf '#!/bin/sh\ncat /run/slot\n' > /camera/bin/fw_printenv
+chmod 755 /camera/bin/fw_printenv
+boot_id=/proc/sys/kernel/random/boot_id
+echo 0 > /run/boot_id
+[ "$(cat $boot_id)" = 0 ] || mount --bind /run/boot_id $boot_id
+
+mkdir -p /etc/corvo
+echo secret > /etc/corvo/token
+chmod 600 /etc/corvo/token
+{
+    printf '%s\n' "server = $2" "controller-id = \"$3\"" "target-token-file = /etc/corvo/token" \
+        "keyring = /run/pki/root.pem" "compatible = R5C20" "version-file = /etc/version"
+    case $1 in
+        *unchecked*) echo "check-partitions = off" ;;
+        asks | agrees | denies) echo "confirm = ask" ;;
+        unfit) echo "fitness-command = echo battery low; false" ;;
+        # A minute that is over long before this could be.
+        attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;
+    esac
+} > /etc/corvo/agent.conf
