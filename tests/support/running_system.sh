@@ -28,8 +28,7 @@ otactl send files --dir /media/mmcblk0p1/ota/ kernel > /dev/null
 until ! kill -0 $service 2> /dev/null; do sleep 0.2; done
 made
 
-openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout /run/key.pem -out /run/root.pem \
-    -subj "/CN=Root" 2> /dev/null
-corvo_agent --server https://localhost:1 --controller-id camera --keyring /run/root.pem once 2> /dev/null ||
-    [ $? = 69 ]
+"$(dirname "$0")/../../scripts/make_pki" /run/pki > /run/pki.txt 2>&1
+corvo_agent --server https://localhost:1 --controller-id camera --keyring /run/pki/root.pem once \
+    2> /run/agent.txt || [ $? = 69 ]
 made
