@@ -36,7 +36,7 @@ bool has_begun(const ActionRecord& action) {
 
 AgentStatus see_through_unasked(Agent& agent, bool& again) {
     const DdiAction unasked = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
-    const AgentStatus status = start_upgrade(agent, unasked);
+    AgentStatus status = start_upgrade(agent, unasked);
     again = status.ok() && agent.action.stage == ACTION_VERDICT;
     return status;
 }
@@ -48,8 +48,7 @@ std::string id_of(const std::string& href) {
 }
 
 AgentStatus send_attributes(Agent& agent, const std::string& href) {
-    const AgentStatus status =
-        agent.server.send_attributes(href, camera_attributes(agent.settings));
+    AgentStatus status = agent.server.send_attributes(href, camera_attributes(agent.settings));
     agent.attributesDue = agent.attributesDue && !status.ok();
     return status;
 }
@@ -221,13 +220,13 @@ AgentStatus ask(Agent& agent, bool& again) {
 // One question and what follows from the answer. `again`: another question is due at once.
 AgentStatus round(Agent& agent, bool& again) {
     if (is_committed(agent.action)) {
-        const AgentStatus status = see_through(agent);
+        AgentStatus status = see_through(agent);
         if (!status.ok()) {
             return status;
         }
     }
     if (agent.action.stage == ACTION_VERDICT) {
-        const AgentStatus status = deliver_verdict(agent);
+        AgentStatus status = deliver_verdict(agent);
         if (!status.ok()) {
             return status;
         }
@@ -237,13 +236,13 @@ AgentStatus round(Agent& agent, bool& again) {
 
 }  // namespace
 
-Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopped)
+Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFlag)
     : settings(given),
       folder(given.downloadFolder + AGENT_FOLDER),
       keyring(std::move(keys)),
-      stop(stopped),
-      server(given.server, stopped),
-      files(given.server, stopped) {}
+      stop(stopFlag),
+      server(given.server, stopFlag),
+      files(given.server, stopFlag) {}
 
 AgentStatus agent_start(Agent& agent) {
     agent.bootId = kernel_boot_id();

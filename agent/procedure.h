@@ -30,7 +30,8 @@ constexpr uint32_t SERVICE_PATIENCE_S = 60;
 
 // The process's state. For one thread.
 struct Agent {
-    Agent(const AgentSettings& settings, Keyring keyring, std::atomic<bool>& stop);
+    // `stopFlag` outlives the agent.
+    Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFlag);
 
     const AgentSettings& settings;
     std::string folder;  // where packages lie, with AGENT_FOLDER

@@ -123,7 +123,7 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
 
 AgentStatus print_status(const AgentSettings& settings, bool json) {
     ActionRecord action;
-    const AgentStatus loaded = load_action(settings.stateFolder, action);
+    AgentStatus loaded = load_action(settings.stateFolder, action);
     if (!loaded.ok()) {
         return loaded;
     }
@@ -153,7 +153,7 @@ AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
     if (id.empty() || text_of(waits, "for") != WAITS_FOR_CONSENT) {
         return agent_fault(AGENT_GONE, "no update waits for consent");
     }
-    const AgentStatus stored = store_consent(settings.stateFolder, id, confirmed);
+    AgentStatus stored = store_consent(settings.stateFolder, id, confirmed);
     const auto agent = static_cast<pid_t>(number_of(status, "pid"));
     if (stored.ok() && agent > 0) {
         kill(agent, SIGHUP);  // it may have ended: then the next one finds the answer

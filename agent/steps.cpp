@@ -107,7 +107,7 @@ void remove_needless_files(const Agent& agent) {
 
 AgentStatus drop(Agent& agent, const std::string& why) {
     say(agent, why);
-    const AgentStatus status = remove_action(agent.settings.stateFolder);
+    AgentStatus status = remove_action(agent.settings.stateFolder);
     if (status.ok()) {
         agent.action = {};
         agent.checked.clear();
@@ -118,7 +118,7 @@ AgentStatus drop(Agent& agent, const std::string& why) {
 
 AgentStatus deliver_verdict(Agent& agent) {
     if (agent.action.succeeded && agent.action.bootId != agent.bootId) {
-        const AgentStatus status = look_again(agent);
+        AgentStatus status = look_again(agent);
         if (!status.ok()) {
             return status;
         }

@@ -160,7 +160,7 @@ AgentStatus post(Agent& agent) {
         return conclude(agent, false, status.text);
     }
     agent.action.stage = ACTION_POSTED;
-    const AgentStatus stored = store(agent);
+    AgentStatus stored = store(agent);
     if (!stored.ok()) {
         return stored;
     }
@@ -203,7 +203,7 @@ std::string find_disagreement(const Agent& agent, const Manifest& manifest) {
     if (!agent.settings.versionFile.empty()) {
         std::string version;
         const PackageStatus read = read_running_version(agent.settings.versionFile, version);
-        if (!read.ok() || compare_versions(version, manifest.version) != 0) {
+        if (!read.ok() || !std::is_eq(compare_versions(version, manifest.version))) {
             return read.ok() ? "version " + version + " instead of " + manifest.version : read.text;
         }
     }
@@ -299,7 +299,7 @@ AgentStatus see_through(Agent& agent) {
             }
             case QueueUse::BY_US: {
                 agent.action.stage = ACTION_POSTED;
-                const AgentStatus status = store(agent);
+                AgentStatus status = store(agent);
                 if (!status.ok()) {
                     return status;
                 }

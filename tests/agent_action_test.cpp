@@ -120,7 +120,7 @@ class World {
     [[nodiscard]] bool agent_was_cut() const { return cut_; }
 
     // Power off and on.
-    void restart(const std::vector<Fault>& serviceFaults = {}) {
+    void restart() {
         stop_agent();
         stop_service();
         write_file(PLAYED_BOOT_ID, std::to_string(++boots_) + "\n");
@@ -133,7 +133,7 @@ class World {
         if (!contains(mode_, "other-version") && read_file(SLOT) == "B\n") {
             write_file("/etc/version", "2.0\n");
         }
-        start_service(serviceFaults);
+        start_service();
     }
 
     void start_service(const std::vector<Fault>& faults = {}) {
@@ -141,11 +141,10 @@ class World {
             return;
         }
         std::vector<Fault> all = faults;
-        if (contains(mode_, "fails")) {
-            all.push_back({.call = "image", .ordinal = -1, .effect = FLIP});
-        }
-        if (contains(mode_, "service-dies")) {
-            all.push_back({.call = "image", .ordinal = 1, .effect = CRASH});
+        if (contains(mode_, "fails") || contains(mode_, "service-dies")) {
+            const bool dies = contains(mode_, "service-dies");
+            all.push_back(
+                {.call = "image", .ordinal = dies ? 1 : -1, .effect = dies ? CRASH : FLIP});
         }
         camera_.start(all);
         serves_ = true;
