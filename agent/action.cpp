@@ -1,5 +1,9 @@
 #include "agent/action.h"
 
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
 #include <array>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -144,9 +148,17 @@ AgentStatus load_action(const std::string& stateFolder, ActionRecord& action) {
     }
     if (!parse_action_text(text, action)) {
         action = {};
-        return agent_fault(AGENT_MEDIUM, path + " is not what this agent writes");
+        return agent_fault(AGENT_MALFORMED, path + " is not what this agent writes");
     }
     return {};
+}
+
+AgentStatus put_action_aside(const std::string& stateFolder) {
+    const std::string path = stateFolder + ACTION_FILE;
+    if (rename(path.c_str(), (path + ".bad").c_str()) != 0) {
+        return agent_fault(AGENT_MEDIUM, "cannot rename " + path + ": " + strerror(errno));
+    }
+    return flush_folder_of(path);
 }
 
 AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action) {

@@ -48,9 +48,12 @@ struct ActionRecord {
     std::string words;
 };
 
-// Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, or AGENT_MEDIUM when there is one
-// that cannot be read.
+// Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, AGENT_MEDIUM when there is one
+// that cannot be read, or AGENT_MALFORMED when it is not what an agent has written.
 AgentStatus load_action(const std::string& stateFolder, ActionRecord& action);
+
+// Renames a record that is malformed to `action.json.bad`. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus put_action_aside(const std::string& stateFolder);
 
 // Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action);

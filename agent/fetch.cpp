@@ -164,6 +164,11 @@ AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
 
 // What a file that did not come means for the action.
 AgentStatus cannot_fetch(Agent& agent, const Fetching& fetching, AgentStatus status) {
+    // The count of requests must not be lost with this process.
+    AgentStatus stored = store(agent);
+    if (!stored.ok()) {
+        return stored;
+    }
     switch (status.result) {
         case AGENT_STOPPED:
             return agent.stop || !fetching.asked ? status : agent_fault(AGENT_GONE, "");
@@ -178,11 +183,8 @@ AgentStatus cannot_fetch(Agent& agent, const Fetching& fetching, AgentStatus sta
         case AGENT_MEDIUM:
             return conclude(agent, false, status.text);
         default:
-            break;
+            return status;
     }
-    // The count of requests must not be lost with this process.
-    const AgentStatus stored = store(agent);
-    return stored.ok() ? status : stored;
 }
 
 // The manifest and its signature, before anything large: who made it, and whether this camera takes

@@ -10,6 +10,7 @@
 #include "agent/consent.h"
 #include "agent/steps.h"
 #include "agent/stored_file.h"
+#include "error_line.h"
 #include "package/camera.h"
 #include "package/modules.h"
 #include "package/outcome.h"
@@ -62,7 +63,7 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
     const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
     if (ours && has_begun(agent.action)) {
         if (agent.action.refusedCancellation == cancellation.id) {
-            return {};
+            return is_committed(agent.action) ? AgentStatus{} : see_through_unasked(agent, again);
         }
         say(agent, "cancelled too late: the upgrade has begun");
         status = agent.server.send_feedback(
@@ -92,6 +93,9 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
 }
 
 AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& again) {
+    if (has_begun(agent.action)) {
+        return is_committed(agent.action) ? AgentStatus{} : see_through_unasked(agent, again);
+    }
     DdiAction offer;
     AgentStatus status = agent.server.get_action(href, offer);
     if (!status.ok()) {
@@ -124,12 +128,19 @@ AgentStatus take_offer(Agent& agent, const std::string& href, const DdiAction& o
     }
     agent.checked.clear();
     agent.goneOffers = 0;
+    agent.waitingTold.clear();
     say(agent, "offered, " + std::to_string(offer.files.size()) + " files");
     AgentStatus status = store(agent);
-    if (status.ok()) {
-        remove_needless_files(agent);
+    if (!status.ok()) {
+        return status;
     }
-    return status;
+    // The card may have come after the agent's start.
+    status = make_folder(agent.folder);
+    if (!status.ok()) {
+        return conclude(agent, false, status.text);
+    }
+    remove_needless_files(agent);
+    return {};
 }
 
 // What the server offers cannot be read: there is nothing to go by but its address.
@@ -138,6 +149,9 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
     if (++agent.malformedOffers < MALFORMED_OFFERS_MAX) {
         again = pause(agent, MALFORMED_PAUSE_MS);
         return {};
+    }
+    if (id_of(href).empty()) {
+        return why;
     }
     agent.malformedOffers = 0;
     again = true;
@@ -173,7 +187,8 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
     if (status.ok() && agent.action.id != offer.id) {
         status = take_offer(agent, href, offer);
     }
-    if (!status.ok()) {
+    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
+        again = status.ok();
         return status;
     }
     agent.action.href = href;
@@ -254,6 +269,11 @@ AgentStatus agent_start(Agent& agent) {
         return status;
     }
     status = load_action(agent.settings.stateFolder, agent.action);
+    if (status.result == AGENT_MALFORMED) {
+        // An agent that never starts again would be worse than one that has forgotten.
+        print_error(AGENT, status.text + "; it is put aside");
+        status = put_action_aside(agent.settings.stateFolder);
+    }
     if (!status.ok()) {
         return status;
     }

@@ -20,6 +20,8 @@
 // Statuses of one action that are sent at the most, out of 1000 that the server keeps: the verdict
 // must find room.
 constexpr uint32_t STATUSES_MAX = 900;
+// Of them, before what an update waits for is told no more.
+constexpr uint32_t WAITING_STATUSES_MAX = 100;
 
 // What an update waits for until somebody on the camera has answered.
 constexpr char WAITS_FOR_CONSENT[] = "consent";
@@ -48,6 +50,7 @@ struct Agent {
     std::string waitingFor;        // why an update that is there does not start; empty: none waits
     std::string waitingId;         // which one
     std::string waitingTold;       // that, as the server knows it
+    bool verdictUnstored = false;  // the medium did not take it
     bool lastFailed = false;       // the last action of this process did
     uint64_t othersSinceMs = 0;    // somebody else's request was seen in the queue; 0: not
     uint32_t malformedOffers = 0;  // in a row

@@ -48,6 +48,10 @@ AgentStatus Server::get_cancellation(const std::string& href, DdiCancellation& c
     return get(*http_, href, parse_cancellation, cancellation);
 }
 
+std::string Server::action_href(const std::string& id) const {
+    return controller_place(*http_) + "/deploymentBase/" + http_->path_part(id);
+}
+
 AgentStatus Server::send_feedback(const std::string& href, const DdiFeedback& feedback) {
     return send(*http_, "POST", feedback_place(href), feedback_text(feedback));
 }

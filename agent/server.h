@@ -45,7 +45,9 @@ class Server {
     AgentStatus get_action(const std::string& href, DdiAction& action);
     AgentStatus get_cancellation(const std::string& href, DdiCancellation& cancellation);
 
-    // `href` is where the action was got: the feedback's place is beside it.
+    // Where the server of the settings has an action, whatever link it was got by.
+    [[nodiscard]] std::string action_href(const std::string& id) const;
+    // `href` is of an action or a cancellation: the feedback's place is beside it.
     AgentStatus send_feedback(const std::string& href, const DdiFeedback& feedback);
     AgentStatus send_confirmation(const std::string& href, bool confirmed,
                                   const std::string& detail);

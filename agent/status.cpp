@@ -155,8 +155,14 @@ AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
     }
     AgentStatus stored = store_consent(settings.stateFolder, id, confirmed);
     const auto agent = static_cast<pid_t>(number_of(status, "pid"));
-    if (stored.ok() && agent > 0) {
-        kill(agent, SIGHUP);  // it may have ended: then the next one finds the answer
+    // It may have ended, and the number be another process's: then the next agent finds the answer.
+    std::string name;
+    if (stored.ok() && agent > 0 &&
+        read_small_file("/proc/" + std::to_string(agent) + "/comm", RUN_FILE_SIZE_MAX,
+                        FileKind::REGULAR, name)
+            .ok() &&
+        name == std::string(AGENT) + "\n") {
+        kill(agent, SIGHUP);
     }
     return stored;
 }

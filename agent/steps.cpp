@@ -1,6 +1,7 @@
 #include "agent/steps.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -10,6 +11,7 @@
 
 #include "agent/stored_file.h"
 #include "base/owned.h"
+#include "base/unique_fd.h"
 
 namespace {
 
@@ -57,19 +59,23 @@ AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail
         return {};
     }
     ++agent.action.statuses;
-    return agent.server.send_feedback(agent.action.href, {.id = agent.action.id,
-                                                          .execution = execution,
-                                                          .finished = DdiFinished::NONE,
-                                                          .done = done,
-                                                          .of = of,
-                                                          .details = {detail}});
+    return agent.server.send_feedback(agent.server.action_href(agent.action.id),
+                                      {.id = agent.action.id,
+                                       .execution = execution,
+                                       .finished = DdiFinished::NONE,
+                                       .done = done,
+                                       .of = of,
+                                       .details = {detail}});
 }
 
 void wait_for(Agent& agent, const std::string& what) {
     if (agent.waitingTold != what) {
         agent.waitingTold = what;
         say(agent, "waits for " + what);
-        (void)tell(agent, DdiExecution::PROCEEDING, "waits for " + what);
+        // A reason that changes all the time must not use up the statuses.
+        if (agent.action.statuses < WAITING_STATUSES_MAX) {
+            (void)tell(agent, DdiExecution::PROCEEDING, "waits for " + what);
+        }
     }
     agent.waitingFor = what;
     agent.waitingId = agent.action.id;
@@ -84,6 +90,7 @@ AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
     agent.lastFailed = !succeeded;
     say(agent, (succeeded ? "success: " : "failure: ") + words);
     AgentStatus status = store(agent);
+    agent.verdictUnstored = !status.ok();
     if (status.ok()) {
         remove_needless_files(agent);
     }
@@ -91,16 +98,20 @@ AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
 }
 
 void remove_needless_files(const Agent& agent) {
-    const corvo::OwnedDirectory directory(opendir(agent.folder.c_str()));
+    // A card may hold a link under this name: what it leads to is not ours to empty.
+    const std::string path = agent.folder.substr(0, agent.folder.size() - 1);
+    corvo::UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const corvo::OwnedDirectory directory(folder.valid() ? fdopendir(folder.get()) : nullptr);
     if (!directory) {
         return;
     }
+    const int descriptor = folder.release();  // the directory closes it
     const bool none = agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
     const std::vector<std::string> needed = none ? std::vector<std::string>() : agent.action.files;
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         if (name != "." && name != ".." && !belongs_to(name, needed)) {
-            unlink((agent.folder + name).c_str());
+            unlinkat(descriptor, name.c_str(), 0);
         }
     }
 }
@@ -117,14 +128,24 @@ AgentStatus drop(Agent& agent, const std::string& why) {
 }
 
 AgentStatus deliver_verdict(Agent& agent) {
+    // What is said must be on the medium, or a power cut could make it another one.
+    if (agent.verdictUnstored) {
+        AgentStatus status = store(agent);
+        if (!status.ok()) {
+            return status;
+        }
+        agent.verdictUnstored = false;
+        remove_needless_files(agent);
+    }
     if (agent.action.succeeded && agent.action.bootId != agent.bootId) {
         AgentStatus status = look_again(agent);
         if (!status.ok()) {
             return status;
         }
     }
+    agent.lastFailed = !agent.action.succeeded;
     AgentStatus status = agent.server.send_feedback(
-        agent.action.href,
+        agent.server.action_href(agent.action.id),
         {.id = agent.action.id,
          .execution = DdiExecution::CLOSED,
          .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,

@@ -48,14 +48,20 @@ AgentStatus make_folder(const std::string& path) {
             return cannot("make", folder);
         }
     }
+    struct stat status = {};
+    const std::string last = path.substr(0, path.size() - 1);
+    if (lstat(last.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        return agent_fault(AGENT_MEDIUM, last + " is no folder");
+    }
     return {};
 }
 
 AgentStatus store_file(const std::string& path, std::string_view content) {
     const std::string fresh = path + ".new";
+    (void)unlink(fresh.c_str());  // of a cut; nothing that lies there is written into
     {
         const corvo::UniqueFd file(
-            open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, MODE));
+            open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));
         if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
             return cannot("write", fresh);
         }

@@ -12,7 +12,8 @@
 // Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus store_file(const std::string& path, std::string_view content);
 
-// Makes a folder of mode 700 and those above it that are missing. Returns AGENT_OK or AGENT_MEDIUM.
+// Makes a folder, whose path ends in "/", of mode 700 and those above it that are missing. A link
+// in its place is none. Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus make_folder(const std::string& path);
 
 // Removes a file, which may be missing, and flushes the folder. Returns AGENT_OK or AGENT_MEDIUM.

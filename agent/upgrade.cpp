@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "agent/camera.h"
 #include "agent/steps.h"
@@ -147,6 +148,10 @@ AgentStatus post(Agent& agent) {
     int queue = -1;
     PackageStatus status = parse_manifest(agent.action.manifest, manifest);
     if (status.ok()) {
+        // Another process may have committed, and time has gone by.
+        status = check_content(agent, manifest);
+    }
+    if (status.ok()) {
         status = make_request(agent, manifest, request);
     }
     if (status.ok()) {
@@ -171,11 +176,25 @@ AgentStatus post(Agent& agent) {
     return watch_upgrade(agent);
 }
 
+// Early after a start the boot environment or a device node may not be there yet: `look` is asked
+// again for a while, until it returns whether it has seen what it wants.
+void look_patiently(const Agent& agent, const std::function<bool()>& look) {
+    const uint64_t since = monotonic_ms();
+    while (!look() && monotonic_ms() - since < PATIENCE_MS && pause(agent, LOOK_MS)) {
+    }
+}
+
+char patient_boot_slot(const Agent& agent) {
+    char slot = '?';
+    look_patiently(agent, [&slot] { return (slot = boot_slot()) != '?'; });
+    return slot;
+}
+
 // Everything that the verdict needs comes onto the medium before the request is out. `mark` is the
 // queue's from before it was looked at.
 AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& mark) {
     agent.action.manifest = format_manifest(manifest);
-    agent.action.slotBefore = boot_slot();
+    agent.action.slotBefore = patient_boot_slot(agent);
     agent.action.recordBefore = outcome_record();
     agent.action.bootId = agent.bootId;
     agent.action.processId = getpid();
@@ -198,16 +217,29 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     return post(agent);
 }
 
-// What speaks against the new system running; empty when nothing does or nobody asked.
-std::string find_disagreement(const Agent& agent, const Manifest& manifest) {
+// What speaks against the new system running: PACKAGE_OK when nothing does or nobody asked.
+PackageStatus find_disagreement(const Agent& agent, const Manifest& manifest) {
     if (!agent.settings.versionFile.empty()) {
         std::string version;
-        const PackageStatus read = read_running_version(agent.settings.versionFile, version);
-        if (!read.ok() || !std::is_eq(compare_versions(version, manifest.version))) {
-            return read.ok() ? "version " + version + " instead of " + manifest.version : read.text;
+        PackageStatus read = read_running_version(agent.settings.versionFile, version);
+        if (read.ok() && !std::is_eq(compare_versions(version, manifest.version))) {
+            read = package_fault(PACKAGE_DIFFERENT,
+                                 "version " + version + " instead of " + manifest.version);
+        }
+        if (!read.ok()) {
+            return read;
         }
     }
-    return agent.settings.checkPartitions ? check_partitions(manifest).text : "";
+    return agent.settings.checkPartitions ? check_partitions(manifest) : PackageStatus{};
+}
+
+std::string patient_disagreement(const Agent& agent, const Manifest& manifest) {
+    PackageStatus found;
+    look_patiently(agent, [&] {
+        found = find_disagreement(agent, manifest);
+        return found.result != PACKAGE_UNREADABLE;
+    });
+    return found.text;
 }
 
 AgentStatus judge_restart(Agent& agent) {
@@ -218,7 +250,7 @@ AgentStatus judge_restart(Agent& agent) {
     }
     AfterRestart seen = {.record = outcome_record(),
                          .recordBefore = agent.action.recordBefore,
-                         .slot = boot_slot(),
+                         .slot = patient_boot_slot(agent),
                          .slotBefore = agent.action.slotBefore,
                          .packageThere = false,
                          .partitionsRead = false,
@@ -226,7 +258,7 @@ AgentStatus judge_restart(Agent& agent) {
                          .attempts = agent.action.attempts};
     if (is_other_slot(seen.slot, seen.slotBefore)) {
         seen.partitionsRead = agent.settings.checkPartitions;
-        seen.disagreement = find_disagreement(agent, manifest);
+        seen.disagreement = patient_disagreement(agent, manifest);
     } else {
         seen.packageThere = check_content(agent, manifest).ok();
     }
@@ -316,11 +348,11 @@ AgentStatus see_through(Agent& agent) {
 AgentStatus look_again(Agent& agent) {
     Manifest manifest;
     std::string wrong = parse_manifest(agent.action.manifest, manifest).text;
-    if (wrong.empty() && boot_slot() == agent.action.slotBefore) {
+    if (wrong.empty() && patient_boot_slot(agent) == agent.action.slotBefore) {
         wrong = "the slot was switched back";
     }
     if (wrong.empty()) {
-        wrong = find_disagreement(agent, manifest);
+        wrong = patient_disagreement(agent, manifest);
     }
     if (wrong.empty()) {
         return {};

@@ -5,6 +5,8 @@ folder=/media/mmcblk0p1/ota
 rm -rf /config/agent $folder/agent
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
+# A card that leads elsewhere, where somebody has a file.
+case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/file && ln -s /run/elsewhere $folder/agent ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
 echo 1.9 > /etc/version
