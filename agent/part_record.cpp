@@ -20,7 +20,7 @@ std::string folder_of(const std::string& path) {
 
 // In one form only, so that reading back what was read proves it whole.
 std::string record_text(const PartRecord& record) {
-    return "corvo-part 1\nsize " + std::to_string(record.size) + "\nsha256 " +
+    return "corvo-download 1\nsize " + std::to_string(record.size) + "\nsha256 " +
            digest_text(record.sha256) + "\nkept " + std::to_string(record.kept) + "\ndifferent " +
            (record.cameDifferent ? "1" : "0") + "\netag " + record.entityTag + "\nend\n";
 }
@@ -37,7 +37,7 @@ bool load_part_record(const std::string& path, PartRecord& record) {
     int different = 0;
     int tag = 0;
     if (sscanf(text.c_str(),
-               "corvo-part 1 size %" SCNu64 " sha256 %64s kept %" SCNu64 " different %d etag%n",
+               "corvo-download 1 size %" SCNu64 " sha256 %64s kept %" SCNu64 " different %d etag%n",
                &record.size, digest, &record.kept, &different, &tag) != 4) {
         return false;
     }
