@@ -77,7 +77,6 @@ bool find_stage(const std::string& word, ActionStage& stage) {
 std::string action_text(const ActionRecord& action) {
     const Json json = {{"stage", stage_word(action.stage)},
                        {"id", action.id},
-                       {"href", action.href},
                        {"files", action.files},
                        {"manifestFile", action.manifestFile},
                        {"downloadOnly", action.downloadOnly},
@@ -102,7 +101,6 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     }
     take(json, "stage", stage);
     take(json, "id", action.id);
-    take(json, "href", action.href);
     if (const auto files = json.find("files"); files != json.end() && files->is_array()) {
         for (const Json& file : *files) {
             if (file.is_string()) {

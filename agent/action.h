@@ -28,7 +28,6 @@ const char* stage_word(ActionStage stage);
 struct ActionRecord {
     ActionStage stage = ACTION_NONE;
     std::string id;                  // the server's
-    std::string href;                // where the server has it
     std::vector<std::string> files;  // the action's, in the download folder
     std::string manifestFile;        // one of them; from the download on
     bool downloadOnly = false;       // the server wanted no more; the files wait for another action

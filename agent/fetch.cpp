@@ -132,13 +132,8 @@ bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64
 // A file that was just fetched is what it must be; who changes it after that is found.
 void remember_file(Agent& agent, const std::string& path) {
     struct stat status = {};
-    if (stat(path.c_str(), &status) == 0) {
-        agent.checked.push_back({.path = path,
-                                 .device = status.st_dev,
-                                 .inode = status.st_ino,
-                                 .size = status.st_size,
-                                 .modified = status.st_mtim,
-                                 .changed = status.st_ctim});
+    if (lstat(path.c_str(), &status) == 0) {
+        agent.checked.push_back(stamp_of(path, status));
     }
 }
 

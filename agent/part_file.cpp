@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "agent/download.h"
+#include "agent/stored_file.h"
 
 namespace {
 
@@ -210,7 +211,7 @@ AgentStatus put_in_place(PartFile& part) {
         return medium_fault("rename", path);
     }
     remove_part(part);
-    return flush_folder(part.folder);
+    return flush_folder_of(part.folder);
 }
 
 void remove_part(const PartFile& part) {
@@ -218,5 +219,5 @@ void remove_part(const PartFile& part) {
     unlink(part_path(part).c_str());
     const std::string record = record_path(part);
     unlink(record.c_str());
-    unlink(part_record_new(record).c_str());
+    unlink(fresh_path(record).c_str());
 }

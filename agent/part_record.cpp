@@ -1,22 +1,14 @@
 #include "agent/part_record.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <inttypes.h>
 #include <stdio.h>
-#include <string.h>
-#include <unistd.h>
 
-#include "base/unique_fd.h"
+#include "agent/stored_file.h"
 #include "package/files.h"
 
 namespace {
 
 constexpr size_t RECORD_SIZE_MAX = 1024;  // bytes
-
-std::string folder_of(const std::string& path) {
-    return path.substr(0, path.rfind('/') + 1);
-}
 
 // In one form only, so that reading back what was read proves it whole.
 std::string record_text(const PartRecord& record) {
@@ -55,33 +47,6 @@ bool load_part_record(const std::string& path, PartRecord& record) {
     return record_text(record) == text;
 }
 
-std::string part_record_new(const std::string& path) {
-    return path + ".new";
-}
-
-AgentStatus medium_fault(const char* what, const std::string& path) {
-    return agent_fault(AGENT_MEDIUM,
-                       std::string("cannot ") + what + " " + path + ": " + strerror(errno));
-}
-
-AgentStatus flush_folder(const std::string& folder) {
-    const corvo::UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return descriptor.valid() && fsync(descriptor.get()) == 0 ? AgentStatus{}
-                                                              : medium_fault("flush", folder);
-}
-
 AgentStatus store_part_record(const std::string& path, const PartRecord& record) {
-    const std::string text = record_text(record);
-    const std::string fresh = part_record_new(path);
-    corvo::UniqueFd file(
-        open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file.valid()) {
-        return medium_fault("write", fresh);
-    }
-    errno = ENOSPC;  // when it is written in part only
-    if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        fdatasync(file.get()) != 0 || rename(fresh.c_str(), path.c_str()) != 0) {
-        return medium_fault("write", path);
-    }
-    return flush_folder(folder_of(path));
+    return store_file(path, record_text(record));
 }

@@ -24,13 +24,4 @@ bool load_part_record(const std::string& path, PartRecord& record);
 // the new one. Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus store_part_record(const std::string& path, const PartRecord& record);
 
-// What stands beside the record while it is replaced.
-std::string part_record_new(const std::string& path);
-
-// Flushes a folder's names. Returns AGENT_OK or AGENT_MEDIUM.
-AgentStatus flush_folder(const std::string& folder);
-
-// "cannot WHAT PATH: " and the reason in errno.
-AgentStatus medium_fault(const char* what, const std::string& path);
-
 #endif  // AGENT_PART_RECORD_H

@@ -118,11 +118,10 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
     return status;
 }
 
-AgentStatus take_offer(Agent& agent, const std::string& href, const DdiAction& offer) {
+AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
     agent.action = {};
     agent.action.stage = ACTION_DOWNLOADING;
     agent.action.id = offer.id;
-    agent.action.href = href;
     for (const DdiFile& file : offer.files) {
         agent.action.files.push_back(file.name);
     }
@@ -157,7 +156,6 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
     again = true;
     agent.action = {};
     agent.action.id = id_of(href);
-    agent.action.href = href;
     return conclude(agent, false, why.text);
 }
 
@@ -185,13 +183,12 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
         status = drop(agent, "another one is offered instead");
     }
     if (status.ok() && agent.action.id != offer.id) {
-        status = take_offer(agent, href, offer);
+        status = take_offer(agent, offer);
     }
     if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
         again = status.ok();
         return status;
     }
-    agent.action.href = href;
     if (agent.action.stage == ACTION_DOWNLOADING) {
         status = fetch_package(agent, offer);
         // What happens next is for the server to say: it may have changed its mind meanwhile.

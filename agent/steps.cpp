@@ -55,7 +55,8 @@ AgentStatus store(Agent& agent) {
 
 AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail, uint32_t done,
                  uint32_t of) {
-    if (agent.action.statuses >= STATUSES_MAX) {
+    // The server waits for this one.
+    if (agent.action.statuses >= STATUSES_MAX && execution != DdiExecution::DOWNLOADED) {
         return {};
     }
     ++agent.action.statuses;

@@ -7,9 +7,15 @@
 
 #include "agent/agent_result.h"
 
-// Puts `content` into the file: writes beside it (PATH.new), flushes, renames, flushes the folder.
-// Whoever opens PATH finds the old content or the new one, whole. Mode 644. Blocks for the medium.
-// Returns AGENT_OK or AGENT_MEDIUM.
+// "cannot WHAT PATH: " and the reason in errno: AGENT_MEDIUM.
+AgentStatus medium_fault(const char* what, const std::string& path);
+
+// What stands beside a file while it is replaced.
+std::string fresh_path(const std::string& path);
+
+// Puts `content` into the file: writes beside it (fresh_path()), flushes, renames, flushes the
+// folder. Whoever opens PATH finds the old content or the new one, whole. Mode 644. Blocks for the
+// medium. Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus store_file(const std::string& path, std::string_view content);
 
 // Makes a folder, whose path ends in "/", of mode 700 and those above it that are missing. A link

@@ -69,15 +69,19 @@ PackageStatus check_content(Agent& agent, const Manifest& manifest) {
     for (const PackageFile& file : package_files(manifest)) {
         const std::string path = agent.folder + file.name;
         const auto seen = std::ranges::find(agent.checked, path, &CheckedFile::path);
-        PackageStatus status;
-        if (seen != agent.checked.end() && check_unchanged(*seen).ok()) {
-            continue;
+        if (seen != agent.checked.end()) {
+            if (check_unchanged(*seen).ok()) {
+                continue;
+            }
+            agent.checked.erase(seen);
         }
-        status = check_file(
-            path, file, [](uint64_t) {}, agent.checked.emplace_back());
+        CheckedFile checked;
+        PackageStatus status = check_file(
+            path, file, [](uint64_t) {}, checked);
         if (!status.ok()) {
             return status;
         }
+        agent.checked.push_back(std::move(checked));
     }
     return {};
 }
@@ -283,9 +287,11 @@ AgentStatus judge_restart(Agent& agent) {
 AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     if (offer.update == DdiHandling::SKIP && !offer.outsideWindow) {
         agent.action.downloadOnly = true;
-        const AgentStatus status = store(agent);
-        return status.ok() ? tell(agent, DdiExecution::DOWNLOADED, "downloaded and verified")
-                           : status;
+        AgentStatus status = store(agent);
+        if (status.ok()) {
+            status = tell(agent, DdiExecution::DOWNLOADED, "downloaded and verified");
+        }
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     std::string reason = reason_to_wait(agent, offer);
     if (!reason.empty()) {

@@ -42,15 +42,6 @@ PackageStatus check_size(const std::string& path, const PackageFile& file, uint6
                : PackageStatus{};
 }
 
-CheckedFile stamp_of(const std::string& path, const struct stat& status) {
-    return {.path = path,
-            .device = status.st_dev,
-            .inode = status.st_ino,
-            .size = status.st_size,
-            .modified = status.st_mtim,
-            .changed = status.st_ctim};
-}
-
 bool same_time(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
@@ -61,6 +52,15 @@ bool same_file(const CheckedFile& left, const CheckedFile& right) {
 }
 
 }  // namespace
+
+CheckedFile stamp_of(const std::string& path, const struct stat& status) {
+    return {.path = path,
+            .device = status.st_dev,
+            .inode = status.st_ino,
+            .size = status.st_size,
+            .modified = status.st_mtim,
+            .changed = status.st_ctim};
+}
 
 void DigestDeleter::operator()(evp_md_ctx_st* digest) const {
     EVP_MD_CTX_free(digest);

@@ -127,7 +127,7 @@ class World {
         if (contains(mode_, "switched-back")) {
             write_file(SLOT, "A\n");
         }
-        if (contains(mode_, "by-hand")) {
+        if (contains(mode_, "by-hand") || (contains(mode_, "later") && boots_ > 1)) {
             write_file("/dev/block/by-name/kernel", std::string(Camera::PARTITION_SIZE, 'h'));
         }
         if (!contains(mode_, "other-version") && read_file(SLOT) == "B\n") {
@@ -149,6 +149,9 @@ class World {
         camera_.start(all);
         serves_ = true;
         EXPECT_TRUE(eventually(5000, [] { return Camera::queue() >= 0; }));
+        if (contains(mode_, "stuck")) {
+            kill(camera_.pid(), SIGSTOP);
+        }
     }
 
     // What the operator does when the server has been asked so often.
@@ -179,6 +182,7 @@ class World {
             restart();
             return -1;
         }
+        EXPECT_NE(64, WIFEXITED(status) ? WEXITSTATUS(status) : -1) << "settings";
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
@@ -204,17 +208,8 @@ class World {
                           (read_file(SLOT) == "B\n" || id != ID);
         EXPECT_TRUE(id.empty() || runs == story.starts_with("success")) << story;
         EXPECT_FALSE(std::filesystem::exists(STATE_FOLDER + "action.json")) << story;
-        EXPECT_EQ("", files_left());
+        EXPECT_EQ("", names_in(AGENT_FOLDER));
         EXPECT_LE(posted_, 3);
-    }
-
-    static std::string files_left() {
-        std::string names;
-        std::error_code error;
-        for (const auto& entry : std::filesystem::directory_iterator(AGENT_FOLDER, error)) {
-            names += " " + entry.path().filename().string();
-        }
-        return names;
     }
 
   private:
@@ -293,10 +288,17 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(0, shell(camera == "agrees" ? "corvo_agent confirm" : "corvo_agent deny"));
     }
     world.live_to_the_end();
+    if (camera == "later") {  // the verdict has not been heard, and somebody upgrades by hand
+        world.restart();
+        world.server().misbehave("");
+        world.live_to_the_end();
+    }
     const std::string story = world.server().story(ID);
-    const std::string left = World::files_left();
-    return std::to_string(world.posted()) + (left.empty() ? "" : " left" + left) + " " +
-           story.substr(0, story.find(" | ")) +
+    const std::string left = names_in(AGENT_FOLDER);
+    msqid_ds queue = {};
+    const bool queued = msgctl(Camera::queue(), IPC_STAT, &queue) == 0 && queue.msg_qnum > 0;
+    return std::to_string(world.posted()) + (queued ? " in the queue" : "") +
+           (left.empty() ? "" : " left" + left) + " " + story.substr(0, story.find(" | ")) +
            (contains(story, " | ")
                 ? replaced(story.substr(story.rfind(" | ")), "[0-9]{2}:[0-9]{2}|:[0-9]{5}", "#")
                 : "");

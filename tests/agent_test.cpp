@@ -25,16 +25,15 @@ const std::map<std::string, std::string> RECORDS = {
 
 TEST(Verdict, FollowsFromRecordSlotAndPackage) {
     expect_cases("agent_verdicts.txt", [](std::istream& row) {
-        std::string before, record, slots, package;
+        std::string before, record, package;
         AfterRestart seen;
-        row >> before >> record >> slots >> package >> seen.attempts >> std::ws;
+        row >> before >> record >> seen.slotBefore >> seen.slot >> package >> seen.attempts >>
+            std::ws;
         std::getline(row, seen.disagreement);
         seen.disagreement.erase(seen.disagreement.find_last_not_of(' ') + 1);
         seen.partitionsRead = package != "gone-unread";
         seen.recordBefore = RECORDS.at(before);
         seen.record = RECORDS.at(record);
-        seen.slotBefore = slots[0];
-        seen.slot = slots[1];
         seen.packageThere = package == "there";
         std::string words;
         constexpr const char* JUDGEMENTS[] = {"success: ", "failure: ", "again: "};

@@ -6,8 +6,6 @@
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <numeric>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -80,9 +78,11 @@ struct World {
     AgentStatus run(const std::string& step) {
         Server camera(settings, stop);
         const std::string base = server.url() + PLACE;
+        const std::string consent = base + "confirmationBase/11?c=1";
         DdiPoll poll;
         DdiAction action;
         DdiCancellation cancellation;
+        const DdiAttributes slot = {{"slot", "; slot B"}};
         const DdiFeedback closed = {.id = "11",
                                     .execution = DdiExecution::CLOSED,
                                     .finished = DdiFinished::SUCCESS,
@@ -90,17 +90,11 @@ struct World {
         const std::map<std::string, std::function<AgentStatus()>> steps = {
             {"poll", [&] { return camera.poll(poll); }},
             {"action", [&] { return camera.get_action(base + "deploymentBase/11?c=1", action); }},
-            {"consent", [&] { return camera.get_action(base + "confirmationBase/11", action); }},
+            {"consent", [&] { return camera.get_action(consent, action); }},
             {"cancellation",
              [&] { return camera.get_cancellation(base + "cancelAction/11", cancellation); }},
-            {"attributes",
-             [&] {
-                 return camera.send_attributes("", {{"slot", "; slot B"}});
-             }},
-            {"word",
-             [&] {
-                 return camera.send_confirmation(base + "confirmationBase/11?c=1", true, "by hand");
-             }},
+            {"attributes", [&] { return camera.send_attributes("", slot); }},
+            {"word", [&] { return camera.send_confirmation(consent, true, "by hand"); }},
             {"feedback",
              [&] { return camera.send_feedback(base + "deploymentBase/11?c=1", closed); }},
             {"answer", [&] { return camera.send_feedback(base + "cancelAction/11", closed); }},
@@ -131,14 +125,6 @@ struct World {
     std::atomic<bool> stop{false};
     uint64_t told = 0;
 };
-
-std::string files_left() {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(FOLDER)) {
-        names.insert(" " + entry.path().filename().string());
-    }
-    return std::accumulate(names.begin(), names.end(), std::string());
-}
 
 // With which ranges, and who said that he is.
 std::string asked(const PlayedServer& server, const std::string& step) {
@@ -195,7 +181,7 @@ TEST(AgentTransport, ServerThatMisbehaves) {
         outcome += "; asked " + asked(world.server, step) +
                    replaced("; elsewhere " + asked(world.elsewhere, step), "; elsewhere $", "");
         if (step == "file") {
-            const std::string left = files_left();
+            const std::string left = names_in(FOLDER);
             EXPECT_TRUE(left != " kernel.bin" || (read_file(FOLDER + "kernel.bin") == KERNEL &&
                                                   world.told == KERNEL.size()));
             return outcome + ";" + left;
@@ -270,7 +256,7 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
     write_file(part + ".from", replaced(read_file(part + ".from"), "kept 1100000", "kept 0"));
     world.server.misbehave("");
     EXPECT_EQ("", world.run("file").text);
-    EXPECT_EQ(" kernel.bin", files_left());
+    EXPECT_EQ(" kernel.bin", names_in(FOLDER));
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
     // What is there is checked, not fetched.
     EXPECT_EQ("", world.run("file").text);
@@ -363,7 +349,7 @@ TEST(AgentTransport, ServerAndManifestMustAgree) {
         World world;
         world.content = &content;
         const std::string outcome = name_of(world.run("file"));
-        return outcome + "; asked " + asked(world.server, "file") + ";" + files_left();
+        return outcome + "; asked " + asked(world.server, "file") + ";" + names_in(FOLDER);
     });
 }
 

@@ -25,7 +25,7 @@ chmod 600 /etc/corvo/token
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
         asks | agrees | denies) echo "confirm = ask" ;;
-        unfit) echo "fitness-command = echo battery low; false" ;;
+        unfit) echo 'fitness-command = "echo battery low; false"' ;;
         # A minute that is over long before this could be.
         attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;
     esac

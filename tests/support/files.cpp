@@ -9,8 +9,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <random>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -30,6 +32,15 @@ void write_file(const std::string& path, const std::string& content) {
     file << content;
     file.close();
     ASSERT_TRUE(file) << "cannot write " << path;
+}
+
+std::string names_in(const std::string& folder) {
+    std::set<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        names.insert(" " + entry.path().filename().string());
+    }
+    return std::accumulate(names.begin(), names.end(), std::string());
 }
 
 std::string pattern_bytes(size_t size, unsigned seed) {

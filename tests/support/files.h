@@ -14,6 +14,9 @@ std::string read_file(const std::string& path);
 // Creates or replaces the file. Folders above it are made.
 void write_file(const std::string& path, const std::string& content);
 
+// What lies in a folder, in order, each name with " " before it; "" when there is none.
+std::string names_in(const std::string& folder);
+
 // `size` bytes that look random and are the same for the same seed.
 std::string pattern_bytes(size_t size, unsigned seed);
 

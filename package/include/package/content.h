@@ -4,6 +4,7 @@
 #define PACKAGE_CONTENT_H
 
 #include <stdint.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -83,6 +84,9 @@ struct CheckedFile {
     timespec modified;
     timespec changed;
 };
+
+// The same of a file that was checked in another way, by what stat(2) says of it.
+CheckedFile stamp_of(const std::string& path, const struct stat& status);
 
 // Told the bytes of a file that have been checked, after every megabyte or so.
 using ContentProgress = std::function<void(uint64_t bytes)>;
