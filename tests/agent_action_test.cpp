@@ -6,13 +6,11 @@
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/msg.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
-#include <sstream>
 #include <utility>
 
 #include "camera.h"
@@ -110,8 +108,6 @@ class World {
         umount(BOOT_ID);
         umount("/media/mmcblk0p1/ota");
     }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
 
     PlayedServer& server() { return server_; }
     [[nodiscard]] int posted() const { return posted_; }
@@ -141,8 +137,9 @@ class World {
             return;
         }
         std::vector<Fault> all = faults;
-        if (contains(mode_, "fails") || contains(mode_, "service-dies")) {
-            const bool dies = contains(mode_, "service-dies");
+        const bool dies =
+            contains(mode_, "service-dies") || (contains(mode_, "dies-once") && boots_ == 0);
+        if (contains(mode_, "fails") || dies) {
             all.push_back(
                 {.call = "image", .ordinal = dies ? 1 : -1, .effect = dies ? CRASH : FLIP});
         }
@@ -217,11 +214,9 @@ class World {
         agent_ = fork();
         if (agent_ == 0) {
             setenv("CORVO_CUT", std::to_string(cutAt).c_str(), 1);
-            if (getenv("CORVO_SHOW") == nullptr) {
-                const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
-                dup2(log, STDOUT_FILENO);
-                dup2(log, STDERR_FILENO);
-            }
+            const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(log, STDOUT_FILENO);
+            dup2(log, STDERR_FILENO);
             execl(AGENT_WITH_CUTS, AGENT_WITH_CUTS, "once", nullptr);
             _exit(127);
         }
@@ -286,6 +281,13 @@ std::string played(const std::string& camera, const std::string& action,
     if (camera == "agrees" || camera == "denies") {
         EXPECT_EQ(0, world.live());
         EXPECT_EQ(0, shell(camera == "agrees" ? "corvo_agent confirm" : "corvo_agent deny"));
+    }
+    if (camera == "stuck") {  // and the agent does not know any more what it has posted
+        EXPECT_EQ(-1, world.live(-1));
+    }
+    if (action == "cancelled-late") {
+        EXPECT_EQ(-1, world.live());
+        world.server().cancel(ID);
     }
     world.live_to_the_end();
     if (camera == "later") {  // the verdict has not been heard, and somebody upgrades by hand

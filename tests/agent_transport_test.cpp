@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <filesystem>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 
 #include "agent/download.h"
 #include "files.h"
@@ -33,12 +32,9 @@ std::string name_of(const AgentStatus& status) {
 
 ServerSettings settings_of(const PlayedServer& server) {
     return {.url = server.url(),
-            .tenant = PlayedServer::TENANT,
             .controllerId = PlayedServer::CONTROLLER,
             .authorization = PlayedServer::AUTHORIZATION,
-            .ca = PKI + "ca.pem",
-            .connectTimeoutS = 20,
-            .stallTimeoutS = 20};
+            .ca = PKI + "ca.pem"};
 }
 
 PlayedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles) {
@@ -267,20 +263,14 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
 }
 
 TEST(AgentTransport, SignalEndsItWithinASecond) {
-    using Clock = std::chrono::steady_clock;
     World world;
     world.server.misbehave("file:1 cut 600000; file:2 drip");
     EXPECT_EQ(AGENT_UNREACHABLE, world.run("file").result);
-    Clock::time_point raised;
-    std::thread signal([&] {
-        EXPECT_TRUE(eventually(5000, [&] { return world.server.requests().size() == 4; }));
-        raised = Clock::now();
-        world.stop = true;
-    });
-    EXPECT_EQ(AGENT_STOPPED, world.run("file").result);
-    const Clock::time_point ended = Clock::now();
-    signal.join();
-    EXPECT_LT(ended - raised, std::chrono::milliseconds(1500));
+    auto running = std::async(std::launch::async, [&] { return world.run("file").result; });
+    EXPECT_TRUE(eventually(5000, [&] { return world.server.requests().size() == 4; }));
+    world.stop = true;
+    EXPECT_EQ(std::future_status::ready, running.wait_for(std::chrono::milliseconds(1500)));
+    EXPECT_EQ(AGENT_STOPPED, running.get());
     world.stop = false;
     EXPECT_EQ("", world.run("file").text);
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));

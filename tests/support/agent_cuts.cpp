@@ -1,5 +1,6 @@
 // Behind the calls of the agent with which it changes the world outside: at the one that CORVO_CUT
-// in the environment counts to, the power goes, before it happens. A request to the server counts
+// in the environment counts to, the power goes, before it happens; with -1, right behind the
+// request to the service. A request to the server counts
 // twice, before it is sent and when its answer is there. Waiting costs no time: the clock that
 // nobody sets goes on by itself.
 #include <curl/curl.h>
@@ -21,12 +22,18 @@ constexpr long HURRY = 50;
 std::atomic<int> g_changes{0};
 std::atomic<long> g_skippedNs{0};
 
-void change() {
-    static const char* const cut = getenv("CORVO_CUT");
-    if (++g_changes == (cut == nullptr ? 0 : atoi(cut))) {
+const char* const g_cut = getenv("CORVO_CUT");
+constexpr int BEHIND_THE_REQUEST = -1;
+
+void pass(int place) {
+    if (g_cut != nullptr && place == atoi(g_cut)) {
         kill(getpid(), SIGKILL);
         abort();
     }
+}
+
+void change() {
+    pass(++g_changes);
 }
 
 }  // namespace
@@ -49,7 +56,13 @@ CHANGING(int, fsync, (int fd), (fd))
 CHANGING(int, fdatasync, (int fd), (fd))
 CHANGING(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 CHANGING(ssize_t, pwrite64, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
-CHANGING(int, msgsnd, (int id, const void* data, size_t size, int flags), (id, data, size, flags))
+int __real_msgsnd(int id, const void* data, size_t size, int flags);
+int __wrap_msgsnd(int id, const void* data, size_t size, int flags) {
+    change();
+    const int result = __real_msgsnd(id, data, size, flags);
+    pass(BEHIND_THE_REQUEST);
+    return result;
+}
 
 CURLcode __real_curl_easy_perform(CURL* handle);
 CURLcode __wrap_curl_easy_perform(CURL* handle) {

@@ -55,8 +55,6 @@ class PlayedServer {
     };
     explicit PlayedServer(const Setup& setup);
     ~PlayedServer();
-    PlayedServer(const PlayedServer&) = delete;
-    PlayedServer& operator=(const PlayedServer&) = delete;
 
     static constexpr char TENANT[] = "DEFAULT";
     static constexpr char CONTROLLER[] = "cam 1";
