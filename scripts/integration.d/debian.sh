@@ -198,7 +198,7 @@ check_pages() {
 
 has_all_options() { # PAGE PROGRAM [COMMAND...]
     local help word
-    help=$("$checkout/build/release/$2" "${@:3}" --help)
+    help=$("$checkout/build/package-amd64/$2" "${@:3}" --help)
     for word in $(grep -oE -- '--[a-z-]+' <<< "$help"; sed -n '/^Subcommands:/,/^$/s/^  \([a-z][^ ]*\).*/\1/p' <<< "$help"); do
         grep -qE -- "^ +(-[a-z],)?$word([ =]|$)" <<< "$1" || { echo "${*:2}: $word is missing"; return 1; }
         [[ $word == -* ]] || [ "$2" = hal_tool ] || has_all_options "$@" "$word" || return 1
@@ -225,7 +225,7 @@ check_shutdown_during_upgrade() {
     inside rm -f /slow || :
     check "a shutdown during an upgrade comes to its end" await 60 is_over
     check "it has waited for the upgrade's" grep -q '^reboot' "$kept/commands"
-    check "the outcome is a success" says succeeded "$checkout/build/release/otactl" record "$kept/config/ota_data.dat"
+    check "the outcome is a success" says succeeded "$checkout/build/package-amd64/otactl" record "$kept/config/ota_data.dat"
     end_system
 }
 
