@@ -67,8 +67,8 @@ PackageStatus check_partition(const ManifestModule& module) {
     Sha256Stream digest;
     uint64_t left = partition.valid() ? module.size : 0;
     while (left > 0) {
-        const ssize_t taken =
-            read(partition.get(), chunk.data(), std::min<uint64_t>(left, chunk.size()));
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
+        const ssize_t taken = read(partition.get(), chunk.data(), wanted);
         if (taken <= 0) {
             break;
         }

@@ -355,7 +355,7 @@ std::string error_message(std::string_view text) {
         (void)take_text(root, "message", DDI_TEXT_SIZE_MAX, message);
     }
     std::ranges::replace_if(
-        message, [](char c) { return c >= 0 && c < ' '; }, ' ');
+        message, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
     return cut(message, SAID_SIZE_MAX);
 }
 

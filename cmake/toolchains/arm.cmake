@@ -23,3 +23,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/sysroot_only.cmake)
 set(ENV{PKG_CONFIG_LIBDIR} ${CORVO_SYSROOT}/root/usr/lib/arm-linux-gnueabihf/pkgconfig)
 # Where the camera's loader looks anyway: programs need not say so.
 set(CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES ${CORVO_SYSROOT}/root/usr/lib/arm-linux-gnueabihf)
+# Where what a library needs in turn is found, when a program is linked with it.
+foreach(corvo_folder lib usr/lib)
+  string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${CORVO_SYSROOT}/root/${corvo_folder}/arm-linux-gnueabihf")
+endforeach()

@@ -75,45 +75,56 @@ spl 0 10000
 END
 }
 
-build_programs() {
+build_programs() { # MORE...
     local log=$work/build.txt
     "$checkout/scripts/sysroot" glibc
     echo "building build/arm"
     cmake --preset arm > "$log" 2>&1 &&
-        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl hal_tool \
+        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl hal_tool "$@" \
             >> "$log" 2>&1 || {
         tail -n 20 "$log" >&2
         fail "cannot build; the whole output is in $log"
     }
 }
 
-make_initramfs() {
-    local root=$made/initramfs libraries=lib/arm-linux-gnueabihf library module
-    local from=$work/packages
-    rm -rf "$root"
-    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,modules,etc/init.d,var/lock,usr/sbin,$libraries}
-    cp "$from/bin/busybox" "$root/bin/"
-    cp -L "$from/lib/ld-linux-armhf.so.3" "$root/lib/"
-    for library in libc.so.6 libm.so.6 libgcc_s.so.1 libpthread.so.0 libstdc++.so.6 \
-        libnanomsg.so.5 libcrypto.so.3 libubootenv.so.0 libz.so.1; do
-        cp -L "$(find "$from" -name "$library" | head -n 1)" "$root/$libraries/"
+# What programs load, and what these libraries load in turn.
+copy_libraries() { # ROOT FILE...
+    local root=$1 library found
+    shift
+    for library in $(arm-linux-gnueabihf-readelf -d "$@" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u); do
+        [ -z "$(find "$root" -name "$library")" ] || continue
+        found=$(find "$work/packages" build/sysroot/glibc/root/ -name "$library" | head -n 1)
+        [ -n "$found" ] || fail "a program needs $library, which is in no package that was fetched"
+        cp -L "$found" "$root/lib/arm-linux-gnueabihf/"
+        copy_libraries "$root" "$found"
     done
+}
+
+make_initramfs() { # COMPONENT...: of what is installed, besides what every board has
+    local root=$made/initramfs module component from=$work/packages
+    rm -rf "$root"
+    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,run,modules,etc/init.d,var/lock,usr/sbin,lib/arm-linux-gnueabihf}
+    cp "$from/bin/busybox" "$root/bin/"
     cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
     # As an integrator installs it.
-    for component in service tools bringup sysv; do
-        DESTDIR=$root cmake --install build/arm --strip --component $component > /dev/null
+    for component in service tools bringup sysv "$@"; do
+        DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
+    cp -L "$from/lib/ld-linux-armhf.so.3" "$root/lib/"
+    copy_libraries "$root" "$root"/bin/{fw_printenv,nanocat} "$root"/usr/*bin/*
     cp "$parts/init" "$parts/probe" "$root/"
     cp "$parts/S99checkboot" "$root/etc/init.d/"
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"
+    printf '%s\n' 'root:x:0:0::/:/bin/sh' 'corvo-agent:x:990:990::/:/bin/false' > "$root/etc/passwd"
+    printf '%s\n' 'root:x:0:' 'disk:x:6:corvo-agent' 'corvo-agent:x:990:' > "$root/etc/group"
     card_partitions | wc -l > "$root/last_partition"
     echo "${sent_modules[*]}" > "$root/sent_modules"
     echo "${sent_files[*]}" > "$root/sent_files"
     head -c 1792 "$made/factory_data" > "$root/factory_data"
-    for module in imx2_wdt gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim; do
+    for module in imx2_wdt gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim micrel fec; do
         modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module |
             awk '$1 == "insmod" { print $2 }'
     done | awk '!seen[$0]++' > "$made/modules"
@@ -135,13 +146,13 @@ make_images() {
     head -c 200003 /dev/urandom > "$made/uboot.bin"
     head -c 65537 /dev/urandom > "$made/dtb.bin"
     head -c 310009 /dev/urandom > "$made/system2.img"
-    head -c 2048 /dev/urandom > "$made/factory_data"
     # The package of the second upgrade, packed by the tool itself.
     qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl pack \
         --output "$folder/camera.pkg" --manifest "$folder/camera.manifest" \
         uboot="$made/uboot.bin" dtb="$made/dtb.bin" system="$made/system2.img" > /dev/null
 }
 
+partitions=$parts/partitions
 card_partitions() { # prints "name KiB", a line each
     local name size
     while read -r name size; do
@@ -150,18 +161,18 @@ card_partitions() { # prints "name KiB", a line each
             modules) printf "%s $size\n" "${modules[@]}" ;;
             *) echo "$name $size" ;;
         esac
-    done < "$parts/partitions"
+    done < "$partitions"
 }
 
 # Writes $made/layout, one "name first_byte bytes" a line.
-make_card() {
+make_card() { # SIZE, a power of two; FOLDER: what is on the memory card
     local card=$made/card.img name size number=0 arguments=()
     while read -r name size; do
         number=$((number + 1))
         arguments+=(-n "$number:0:+${size}K" -c "$number:$name")
     done < <(card_partitions)
     rm -f "$card"
-    truncate -s 32M "$card" # the emulator wants a power of two
+    truncate -s "$1" "$card"
     sgdisk -a 2 -o "${arguments[@]}" "$card" > /dev/null
     for ((; number > 0; number--)); do
         sgdisk -i $number "$card" | awk '
@@ -174,11 +185,8 @@ make_card() {
         head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
     done
     put_partition "$card" nv_factory < "$made/factory_data"
-    mkdir -p "$made/config"
-    # Keys 1 and 5 are the outcome of the upgrade before; the others are not the service's.
-    printf '\x11\x01\x22\x33\x44\x06\x55' > "$made/config/ota_data.dat"
     make_file_system config "$made/config"
-    make_file_system media "$made/images"
+    make_file_system media "$2"
     boot_environment "$card" -f <(echo "bootdelay=1") bootsystem A 2> /dev/null
 }
 
@@ -196,8 +204,12 @@ make_board() {
     build_programs
     read_modules
     make_device_tree
+    head -c 2048 /dev/urandom > "$made/factory_data"
     make_images
     make_initramfs
-    make_card
+    mkdir -p "$made/config"
+    # Keys 1 and 5 are the outcome of the upgrade before; the others are not the service's.
+    printf '\x11\x01\x22\x33\x44\x06\x55' > "$made/config/ota_data.dat"
+    make_card 32M "$made/images"
     head -c 2M /dev/zero | tr '\0' '\377' > "$made/nor.img"
 }

@@ -10,6 +10,7 @@ import time
 import uuid
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import ClassVar
 
 from server import DIES_WITH_US
 
@@ -48,6 +49,7 @@ class Tail:
 
 @dataclass
 class Camera:
+    SETTLES: ClassVar[float] = 0.0  # seconds after which everything that was done is on its card
     name: str
     token: str
     folder: Path
@@ -161,14 +163,9 @@ class Camera:
             state["agent"] = {}
         return state
 
-    @staticmethod
-    def digest_of(file: Path, size: int | None = None) -> str:
-        """Of its first `size` bytes, or the whole."""
-        data = file.read_bytes()
-        return hashlib.sha256(data if size is None else data[:size]).hexdigest()
-
     def digest(self, partition: str, size: int | None = None) -> str:
-        return self.digest_of(self.folder / "flash" / partition, size)
+        """Of its first `size` bytes, or the whole."""
+        return hashlib.sha256((self.folder / "flash" / partition).read_bytes()[:size]).hexdigest()
 
     def remove(self) -> None:
         self.kill()

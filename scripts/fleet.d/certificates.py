@@ -5,6 +5,8 @@ from pathlib import Path
 
 CONFIGURATION = "[req]\ndistinguished_name = name\n[name]\n"
 DAYS = "30"
+# Of a server on this machine, the last as the emulated board sees it.
+SERVER_NAMES = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:10.0.2.2"
 CURVE = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
 
 
@@ -32,8 +34,7 @@ class Authority:
 
     def server_store(self, password: str) -> Path:
         """What Java takes: certificate and key of the server on this machine, in one file."""
-        certificate, key = self.issue("server", "serverAuth",
-                                      "subjectAltName=DNS:localhost,IP:127.0.0.1")
+        certificate, key = self.issue("server", "serverAuth", SERVER_NAMES)
         store = self.folder / "server.p12"
         self.openssl("pkcs12", "-export", "-in", certificate, "-inkey", key, "-out", store,
                      "-passout", f"pass:{password}")

@@ -11,11 +11,12 @@ from pathlib import Path
 
 import picture
 from agreement import HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
+from board_camera import BOARD_SEES_US_AS, BoardCamera
 from camera import Camera
 from certificates import Authority
 from management import Management, Refused
 from package import COMPATIBLE, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
-from server import Proxy, Server
+from server import HOST, Proxy, Server
 from table import Table
 
 MOST_GROUPS = 4
@@ -26,6 +27,7 @@ CUT_STAGES = ("downloading", "was signed", "request posted", "writing", "reading
               "restarting")
 CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
+BOARD_SECONDS = 240  # what the emulated board may take longer
 LAST_WORDS_SECONDS = 20  # for what cameras tell the server after the verdict
 ASK_SECONDS = 1.0
 
@@ -86,7 +88,7 @@ class Fleet:
 
     # --- cameras, package, rollout ---
 
-    def settings(self, name: str) -> dict[str, str]:
+    def settings(self, name: str) -> dict[str, str | Path]:
         """An agent's."""
         if self.options.certificates:
             certificate, key = self.tls.issue(name, "clientAuth")
@@ -135,8 +137,28 @@ class Fleet:
         for camera in self.cameras:
             group, place = camera.group, place + 1 if camera.group == group else 0
             camera.small = self.options.bad and place % 2 == 0
+        if self.options.board:
+            self.make_board()
+        for camera in self.cameras:
+            if isinstance(camera, BoardCamera):
+                continue
             camera.make(TOO_SMALL if camera.small else PARTITIONS, self.settings(camera.name))
             self.judge.remember(camera)
+
+    def make_board(self) -> None:
+        """Of the first camera that is not made to fail."""
+        place = next((i for i, camera in enumerate(self.cameras) if not camera.small), None)
+        if place is None:
+            print("no camera is left for the board: each is made to fail")
+            return
+        was = self.cameras[place]
+        board = BoardCamera(was.name, was.token, was.folder, was.scripts, was.programs, was.group)
+        self.cameras[place] = board
+        print(f"{board.name} is the emulated board", flush=True)
+        settings = self.settings(board.name)
+        settings["server"] = self.url.replace(f"//{HOST}:", f"//{BOARD_SEES_US_AS}:")
+        board.make(PARTITIONS, settings)
+        self.judge.remember(board)
 
     def wait_for_rollout(self, *wanted: str) -> None:
         until = time.monotonic() + 60
@@ -148,7 +170,7 @@ class Fleet:
     # --- while it runs ---
 
     def seconds_allowed(self) -> float:
-        seconds = 180 + 6 * len(self.cameras)
+        seconds = 180 + 6 * len(self.cameras) + (BOARD_SECONDS if self.options.board else 0)
         if self.options.server:
             hours, minutes, rest = self.management.setting("pollingTime").split(":")
             seconds += 2 * self.groups * (3600 * int(hours) + 60 * int(minutes) + int(rest))
@@ -238,6 +260,7 @@ class Fleet:
             time.sleep(ASK_SECONDS)
         self.table.tell()
         self.table.clear()
+        time.sleep(max(camera.SETTLES for camera in self.cameras))
         for camera in self.cameras:
             camera.kill()
         wanted = "paused" if self.options.bad else "finished"
@@ -304,7 +327,7 @@ def main() -> int:
     arguments = argparse.ArgumentParser()
     for name in ("work", "programs", "jar", "nginx", "ca"):
         arguments.add_argument(f"--{name}", type=Path)
-    for name in ("bad", "cut", "certificates", "serve"):
+    for name in ("bad", "board", "cut", "certificates", "serve"):
         arguments.add_argument(f"--{name}", action="store_true")
     for name in ("server", "user"):
         arguments.add_argument(f"--{name}", default="")

@@ -9,7 +9,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from certificates import Authority
+from certificates import SERVER_NAMES, Authority
 
 HOST = "127.0.0.1"
 START_SECONDS = 300
@@ -79,8 +79,7 @@ class Proxy:
         self.voucher = secrets.token_hex(VOUCHER_BYTES)
         self.process: subprocess.Popen | None = None
         folder.mkdir(parents=True, exist_ok=True)
-        certificate, key = authority.issue("server", "serverAuth",
-                                           "subjectAltName=DNS:localhost,IP:127.0.0.1")
+        certificate, key = authority.issue("server", "serverAuth", SERVER_NAMES)
         self.configuration = folder / "nginx.conf"
         self.configuration.write_text(f"""\
 daemon off;

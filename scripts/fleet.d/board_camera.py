@@ -1,0 +1,51 @@
+"""The emulated board as one camera of the fleet, seen from outside: scripts/board makes it, is each of its
+lives, and looks at it. The agent on it is the one for the camera's processor, started by its script as its
+own user."""
+import hashlib
+import shutil
+import subprocess
+from pathlib import Path
+
+from camera import OLD_VERSION, Camera, Tail
+
+BOARD_SEES_US_AS = "10.0.2.2"  # by the emulator's own network
+# KiB: the card, what is not a partition of the package table, and the rows of that which nothing is sent to.
+CARD_KIB = 24576
+FIXED_KIB = {"nv_user": 128, "nv_factory": 128, "rec_data": 128, "misc": 128, "config": 4096, "env": 128}
+OTHER_KIB = 128
+
+
+class BoardCamera(Camera):
+    SETTLES = 6.0  # its card's file system may keep the removal of a file to itself for 5 s
+
+    def make(self, sizes: dict[str, int], settings: dict[str, str | Path]) -> None:
+        config = self.folder / "config"
+        config.mkdir(parents=True)
+        modules = [line.split()[1] for line in subprocess.run(
+            [self.programs / "otactl", "modules"], check=True, capture_output=True,
+            text=True).stdout.splitlines()]
+        rows = {"media": CARD_KIB, **{name: OTHER_KIB for name in modules},
+                **{name: size // 1024 for name, size in sizes.items()}, **FIXED_KIB}
+        (self.folder / "partitions").write_text("".join(f"{name} {kib}\n" for name, kib in rows.items()))
+        (config / "version").write_text(f"{OLD_VERSION}\n")
+        (config / "token").write_text(f"{self.token}\n")
+        # What settings name here lies on the card there.
+        for name, value in settings.items():
+            if isinstance(value, Path):
+                shutil.copy(value, config / f"{name}.pem")
+                settings[name] = f"/config/{name}.pem"
+        (config / "agent.conf").write_text(
+            "".join(f"{name} = {value}\n" for name, value in settings.items()))
+        self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
+        # It says what it does.
+        subprocess.run(self.command("make"), check=True, stdin=subprocess.DEVNULL)
+
+    def command(self, act: str = "run") -> list:
+        return [self.scripts / "board", "camera", self.folder, act]
+
+    def digest(self, partition: str, size: int | None = None) -> str:
+        rows = (line.split() for line in (self.folder / "made/layout").read_text().splitlines())
+        first, whole = next((int(row[1]), int(row[2])) for row in rows if row[0] == partition)
+        with open(self.folder / "card.img", "rb") as card:
+            card.seek(first)
+            return hashlib.sha256(card.read(whole if size is None else size)).hexdigest()
