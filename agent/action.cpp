@@ -5,15 +5,13 @@
 #include <string.h>
 
 #include <array>
-#include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "agent/json_text.h"
 #include "agent/stored_file.h"
 #include "package/files.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 constexpr char ACTION_FILE[] = "action.json";
 constexpr char HISTORY_FILE[] = "history.json";
@@ -90,11 +88,11 @@ std::string action_text(const ActionRecord& action) {
                        {"processId", action.processId},
                        {"succeeded", action.succeeded},
                        {"words", action.words}};
-    return json.dump(1, ' ', false, Json::error_handler_t::replace) + '\n';
+    return text_of_json(json, 1) + '\n';
 }
 
 bool parse_action_text(const std::string& text, ActionRecord& action) {
-    const Json json = Json::parse(text, nullptr, false);
+    const Json json = json_from(text);
     std::string stage;
     if (!json.is_object()) {
         return false;
@@ -174,7 +172,7 @@ std::vector<HistoryEntry> load_history(const std::string& stateFolder) {
              .ok()) {
         return history;
     }
-    const Json json = Json::parse(text, nullptr, false);
+    const Json json = json_from(text);
     if (!json.is_array()) {
         return history;
     }
@@ -209,6 +207,5 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
                         {"words", line.words},
                         {"time", line.time}});
     }
-    return store_file(stateFolder + HISTORY_FILE,
-                      json.dump(1, ' ', false, Json::error_handler_t::replace) + '\n');
+    return store_file(stateFolder + HISTORY_FILE, text_of_json(json, 1) + '\n');
 }

@@ -1,13 +1,10 @@
 #include "agent/consent.h"
 
-#include <nlohmann/json.hpp>
-
+#include "agent/json_text.h"
 #include "agent/stored_file.h"
 #include "package/files.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 constexpr char CONSENT_FILE[] = "consent.json";
 constexpr size_t CONSENT_SIZE_MAX = 4096;  // bytes
@@ -16,7 +13,7 @@ constexpr size_t CONSENT_SIZE_MAX = 4096;  // bytes
 
 AgentStatus store_consent(const std::string& stateFolder, const std::string& id, bool confirmed) {
     return store_file(stateFolder + CONSENT_FILE,
-                      Json({{"id", id}, {"confirmed", confirmed}}).dump() + '\n');
+                      text_of_json({{"id", id}, {"confirmed", confirmed}}, 1) + '\n');
 }
 
 bool find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed) {
@@ -25,7 +22,7 @@ bool find_consent(const std::string& stateFolder, const std::string& id, bool& c
              .ok()) {
         return false;
     }
-    const Json json = Json::parse(text, nullptr, false);
+    const Json json = json_from(text);
     if (!json.is_object() || !json.contains("id") || json["id"] != id ||
         !json.contains("confirmed") || !json["confirmed"].is_boolean()) {
         return false;

@@ -6,9 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 #include "agent/consent.h"
+#include "agent/json_text.h"
 #include "agent/steps.h"
 #include "agent/stored_file.h"
 #include "base/owned.h"
@@ -16,8 +15,6 @@
 #include "package/signature.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 constexpr char RUN_FOLDER[] = "/run/corvo-agent/";
 constexpr char RUN_FILE[] = "/run/corvo-agent/status.json";
@@ -41,7 +38,7 @@ Json published() {
     if (!read_small_file(RUN_FILE, RUN_FILE_SIZE_MAX, FileKind::REGULAR, text).ok()) {
         return Json::object();
     }
-    Json json = Json::parse(text, nullptr, false);
+    Json json = json_from(text);
     return json.is_object() ? json : Json::object();
 }
 
@@ -116,7 +113,7 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
         if (!file) {
             return;
         }
-        fputs(json.dump(1, ' ', false, Json::error_handler_t::replace).c_str(), file.get());
+        fputs(text_of_json(json, 1).c_str(), file.get());
     }
     (void)rename(RUN_FILE_NEW, RUN_FILE);
 }
@@ -139,7 +136,7 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
         status["running"][name] = value;
     }
     if (json) {
-        printf("%s\n", status.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+        printf("%s\n", text_of_json(status, 2).c_str());
     } else {
         print_words(settings, status);
     }
