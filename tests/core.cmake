@@ -26,5 +26,5 @@ if(VALGRIND AND NOT CORVO_SANITIZE)
            COMMAND upgrade_test
                    --gtest_filter=*ToTheEnd:*Unterminated*)
   set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=memcheck-amd64- TIMEOUT 300
-                       COST 100) # the longest begins first
+                       COST 400) # the longest begins first
 endif()

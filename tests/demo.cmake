@@ -15,4 +15,4 @@ add_test(NAME Demo.Shell
 set_tests_properties(Demo.Shell PROPERTIES PASS_REGULAR_EXPRESSION "two upgrades, two restarts")
 set_tests_properties(Demo.Files Demo.Combined Demo.Failure Demo.CombinedFailure Demo.Tampered
                      Demo.CombinedTampered Demo.Shell
-                     PROPERTIES TIMEOUT 120 COST 50)
+                     PROPERTIES TIMEOUT 120 COST 400)
