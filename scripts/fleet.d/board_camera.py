@@ -37,8 +37,9 @@ class BoardCamera(Camera):
         (config / "agent.conf").write_text(
             "".join(f"{name} = {value}\n" for name, value in settings.items()))
         self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
-        # It says what it does.
-        subprocess.run(self.command("make"), check=True, stdin=subprocess.DEVNULL)
+        # It says what it does, and what is in its way.
+        if subprocess.run(self.command("make"), stdin=subprocess.DEVNULL).returncode != 0:
+            raise OSError("the board cannot be made")
 
     def command(self, act: str = "run") -> list:
         return [self.scripts / "board", "camera", self.folder, act]
