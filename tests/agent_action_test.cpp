@@ -96,8 +96,6 @@ class World {
         : server_({.old = contains(camera, "0.3")}), mode_(camera) {
         make_packages();
         g_switches = !contains(camera, "no-switch");
-        camera_.daemon.reset();
-        camera_.daemon = std::make_unique<PlayedDaemon>(run_command, print_slot);
         EXPECT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh '" + camera + "' " + server_.url() +
                            " '" + PlayedServer::CONTROLLER + "'"));
         server_.offer(make_action(action));
@@ -136,6 +134,8 @@ class World {
         if (contains(mode_, "no-service")) {
             return;
         }
+        camera_.daemon.reset();
+        camera_.daemon = std::make_unique<PlayedDaemon>(run_command, print_slot);
         std::vector<Fault> all = faults;
         const bool dies =
             contains(mode_, "service-dies") || (contains(mode_, "dies-once") && boots_ == 0);
@@ -243,6 +243,8 @@ class World {
             camera_.finish();
             serves_ = false;
         }
+        // A command of the service's that it still runs is over before the next start.
+        camera_.daemon.reset();
         msgctl(Camera::queue(), IPC_RMID, nullptr);
         remove("/tmp/corvo_upgrade.pid");
         counted_ = false;
