@@ -9,10 +9,11 @@
 
 namespace {
 
-// Rows are written in this order. A row is all that a new partition needs; where its module type is
-// to be of a kind of its own on the platform, it has a line in OTA_GetHalModuleType() too. That
-// kind must be one of ACCEPTED_MODULE_TYPES in hal/ota/axera_ota.cpp and lie between
-// MODULE_TYPE_MIN and MODULE_TYPE_MAX of board/ota_types.h, or the platform refuses to write it.
+// Rows are written in this order. A row is all that a new partition needs, with a module type from
+// 27 to 254 that no other has: below, some have a kind of their own on the platform already. Where
+// a new one is to have such a kind, it has a line in OTA_GetHalModuleType() too. That kind must be
+// one of ACCEPTED_MODULE_TYPES in hal/ota/axera_ota.cpp and lie between MODULE_TYPE_MIN and
+// MODULE_TYPE_MAX of board/ota_types.h, or the platform refuses to write it.
 constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
     {.moduleType = 23,
      .partitionName = "spl",

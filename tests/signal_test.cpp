@@ -43,7 +43,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         EXPECT_EQ(kill(camera.pid(), signo), 0);
         camera.wait_for("ret:0 cmd:reboot");
         if (word == "goes-on") {
-            Camera::post(Camera::request(0, {99}));
+            Camera::post(Camera::request(0, {255}));
         }
         const Outcome outcome = camera.finish();
         EXPECT_TRUE(outcome.ended);
@@ -130,7 +130,7 @@ TEST_F(Signal, WithoutADaemonTheServiceStillWaitsForItsRequest) {
     camera.start();
     camera.wait_for("ota wait for ota message");
     camera.daemon = Camera::fake_daemon();
-    camera.post(Camera::request(0, {99}));
+    camera.post(Camera::request(0, {255}));
     const Outcome outcome = camera.finish();
     EXPECT_TRUE(outcome.ended);
     EXPECT_TRUE(contains(outcome.text, "Please run system_call_daemon first"));

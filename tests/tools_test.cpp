@@ -161,7 +161,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
     for (const auto& [verdict, status] : {std::pair("UPGRADE_LUMO_UGRADE_SUCCESS", '0'),
                                           {"UPGRADE_LUMO_UGRADE_FAILED", '1'},
-                                          {"moduleType 99 no find", '1'}}) {
+                                          {"moduleType 255 no find", '1'}}) {
         auto follower = std::async(std::launch::async, run, send);
         ASSERT_NE("", posted(0));
         for (const char* line :

@@ -193,8 +193,8 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
 
     camera.start();
     camera.post(Camera::request(0, {KERNEL}), 0);  // no request at all
-    camera.post(Camera::request(0, {99}));
-    EXPECT_TRUE(contains(camera.finish().text, "moduleType 99 no find"));
+    camera.post(Camera::request(0, {255}));
+    EXPECT_TRUE(contains(camera.finish().text, "moduleType 255 no find"));
 
     camera.start();
     camera.post(Camera::request(0, {KERNEL}), 68);  // ends before moduleCount, which reads as 0
@@ -204,7 +204,7 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
 TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     write_file(Camera::PACKAGE_DIR + "kernel.bin", "image");
     camera.post(Camera::request(0, {KERNEL}));
-    camera.post(Camera::request(0, {99}));
+    camera.post(Camera::request(0, {255}));
     std::string published, record;
     LogStream subscriber;
     ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
@@ -225,7 +225,7 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     }
     EXPECT_EQ(published, logged.substr(logged.size() - published.size()));
     EXPECT_TRUE(contains(published, "UPGRADE_LUMO_UGRADE_SUCCESS"));
-    EXPECT_FALSE(contains(outcome.text, "moduleType 99"));
+    EXPECT_FALSE(contains(outcome.text, "moduleType 255"));
 }
 
 }  // namespace
