@@ -70,6 +70,7 @@ PackageStatus check_partition(const ManifestModule& module) {
         const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
         const ssize_t taken = read(partition.get(), chunk.data(), wanted);
         if (taken <= 0) {
+            errno = taken == 0 ? ENODATA : errno;  // it ends before the image does
             break;
         }
         digest.update({chunk.data(), static_cast<size_t>(taken)});

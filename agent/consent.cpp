@@ -13,7 +13,7 @@ constexpr size_t CONSENT_SIZE_MAX = 4096;  // bytes
 
 AgentStatus store_consent(const std::string& stateFolder, const std::string& id, bool confirmed) {
     return store_file(stateFolder + CONSENT_FILE,
-                      text_of_json({{"id", id}, {"confirmed", confirmed}}, 1) + '\n');
+                      text_of_json({{"id", id}, {"confirmed", confirmed}}) + '\n');
 }
 
 bool find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed) {

@@ -1,11 +1,10 @@
 #include "agent/ddi.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
+
+#include "agent/json_text.h"
 
 namespace {
-
-using nlohmann::json;
 
 constexpr int DEPTH_MAX = 64;
 constexpr size_t ID_SIZE_MAX = 64;
@@ -22,16 +21,16 @@ constexpr bool is_word_character(char c) {
 
 // Reads a text into a value whose outermost is an object; what nests deeper than any answer does is
 // not even built. Returns what is wrong, or "".
-std::string read_object(std::string_view text, json& value) {
+std::string read_object(std::string_view text, Json& value) {
     if (text.size() > DDI_TEXT_SIZE_MAX) {
         return "longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes";
     }
     bool tooDeep = false;
-    const auto keep = [&tooDeep](int depth, json::parse_event_t /*event*/, json& /*parsed*/) {
+    const auto keep = [&tooDeep](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
         tooDeep = tooDeep || depth > DEPTH_MAX;
         return !tooDeep;
     };
-    value = json::parse(text, keep, false);
+    value = Json::parse(text, keep, false);
     if (tooDeep) {
         return "nested deeper than " + std::to_string(DEPTH_MAX) + " levels";
     }
@@ -48,15 +47,15 @@ AgentStatus malformed(const char* answer, const std::string& fault) {
 }
 
 // The member of this name; null when the object has none, or has null there.
-const json* find(const json& object, const char* name) {
+const Json* find(const Json& object, const char* name) {
     const auto found = object.find(name);
     return found == object.end() || found->is_null() ? nullptr : &*found;
 }
 
 // The takers below return what is wrong, or "".
 
-std::string take_text(const json& object, const char* name, size_t most, std::string& text) {
-    const json* const value = find(object, name);
+std::string take_text(const Json& object, const char* name, size_t most, std::string& text) {
+    const Json* const value = find(object, name);
     const auto* const found = value == nullptr ? nullptr : value->get_ptr<const std::string*>();
     if (found == nullptr || found->empty() || found->size() > most) {
         return std::string("expected a text of up to ") + std::to_string(most) + " bytes as \"" +
@@ -66,7 +65,7 @@ std::string take_text(const json& object, const char* name, size_t most, std::st
     return "";
 }
 
-std::string take_id(const json& object, const char* name, std::string& id) {
+std::string take_id(const Json& object, const char* name, std::string& id) {
     std::string fault = take_text(object, name, ID_SIZE_MAX, id);
     if (fault.empty() && !std::ranges::all_of(id, is_word_character)) {
         fault = std::string("expected letters, digits, \"-\" and \"_\" as \"") + name + "\"";
@@ -75,8 +74,8 @@ std::string take_id(const json& object, const char* name, std::string& id) {
 }
 
 // A link that may be missing.
-std::string take_link(const json& links, const char* name, std::string& href) {
-    const json* const link = find(links, name);
+std::string take_link(const Json& links, const char* name, std::string& href) {
+    const Json* const link = find(links, name);
     if (link == nullptr) {
         return "";
     }
@@ -90,9 +89,9 @@ std::string take_link(const json& links, const char* name, std::string& href) {
 }
 
 // "HH:MM:SS".
-std::string take_sleep(const json& root, uint32_t& seconds) {
-    const json* const config = find(root, "config");
-    const json* const polling =
+std::string take_sleep(const Json& root, uint32_t& seconds) {
+    const Json* const config = find(root, "config");
+    const Json* const polling =
         config == nullptr || !config->is_object() ? config : find(*config, "polling");
     if (polling == nullptr) {
         return "";
@@ -122,7 +121,7 @@ std::string take_sleep(const json& root, uint32_t& seconds) {
     return "";
 }
 
-std::string take_handling(const json& deployment, const char* name, DdiHandling& handling) {
+std::string take_handling(const Json& deployment, const char* name, DdiHandling& handling) {
     struct Word {
         const char* word;
         DdiHandling handling;
@@ -139,7 +138,7 @@ std::string take_handling(const json& deployment, const char* name, DdiHandling&
     return std::string(R"(expected "skip", "attempt" or "forced" as ")") + name + "\"";
 }
 
-std::string take_window(const json& deployment, bool& outside) {
+std::string take_window(const Json& deployment, bool& outside) {
     if (find(deployment, "maintenanceWindow") == nullptr) {
         return "";
     }
@@ -157,8 +156,8 @@ int digit_value(char c) {
         DIGITS.find(c >= 'A' && c <= 'F' ? static_cast<char>(c + 'a' - 'A') : c));
 }
 
-std::string take_digest(const json& artifact, Sha256& digest) {
-    const json* const hashes = find(artifact, "hashes");
+std::string take_digest(const Json& artifact, Sha256& digest) {
+    const Json* const hashes = find(artifact, "hashes");
     std::string text;
     if (hashes != nullptr && hashes->is_object()) {
         (void)take_text(*hashes, "sha256", 2 * SHA256_SIZE, text);
@@ -179,7 +178,7 @@ bool is_fit_name(std::string_view name) {
            std::ranges::all_of(name, [](char c) { return is_word_character(c) || c == '.'; });
 }
 
-std::string take_file(const json& artifact, DdiFile& file) {
+std::string take_file(const Json& artifact, DdiFile& file) {
     std::string fault = take_text(artifact, "filename", NAME_SIZE_MAX, file.name);
     if (!fault.empty()) {
         return fault;
@@ -187,13 +186,13 @@ std::string take_file(const json& artifact, DdiFile& file) {
     if (!is_fit_name(file.name)) {
         return R"(expected letters, digits, ".", "-" and "_" as "filename")";
     }
-    const json* const size = find(artifact, "size");
+    const Json* const size = find(artifact, "size");
     if (size == nullptr || !size->is_number_unsigned() || size->get<uint64_t>() > INT64_MAX) {
         return file.name + ": expected a number of bytes as \"size\"";
     }
     file.size = size->get<uint64_t>();
     fault = take_digest(artifact, file.sha256);
-    const json* const links = find(artifact, "_links");
+    const Json* const links = find(artifact, "_links");
     if (fault.empty() && links != nullptr && links->is_object()) {
         fault = take_link(*links, "download", file.href);
         if (fault.empty() && file.href.empty()) {
@@ -211,7 +210,7 @@ bool same_name(std::string_view left, std::string_view right) {
     return std::ranges::equal(left, right, [](char a, char b) { return tolower(a) == tolower(b); });
 }
 
-std::string add_file(const json& artifact, std::vector<DdiFile>& files) {
+std::string add_file(const Json& artifact, std::vector<DdiFile>& files) {
     DdiFile file;
     std::string fault = artifact.is_object() ? take_file(artifact, file) : "not an object";
     if (!fault.empty()) {
@@ -229,20 +228,20 @@ std::string add_file(const json& artifact, std::vector<DdiFile>& files) {
     return "";
 }
 
-std::string take_files(const json& deployment, std::vector<DdiFile>& files) {
-    const json* const chunks = find(deployment, "chunks");
+std::string take_files(const Json& deployment, std::vector<DdiFile>& files) {
+    const Json* const chunks = find(deployment, "chunks");
     if (chunks == nullptr || !chunks->is_array()) {
         return "expected a list as \"chunks\"";
     }
-    for (const json& chunk : *chunks) {
-        const json* const artifacts = chunk.is_object() ? find(chunk, "artifacts") : &chunk;
+    for (const Json& chunk : *chunks) {
+        const Json* const artifacts = chunk.is_object() ? find(chunk, "artifacts") : &chunk;
         if (artifacts == nullptr) {
             continue;  // a software module without files
         }
         if (!artifacts->is_array()) {
             return "expected a list as \"artifacts\" of each chunk";
         }
-        for (const json& artifact : *artifacts) {
+        for (const Json& artifact : *artifacts) {
             std::string fault = add_file(artifact, files);
             if (!fault.empty()) {
                 return fault;
@@ -252,13 +251,13 @@ std::string take_files(const json& deployment, std::vector<DdiFile>& files) {
     return "";
 }
 
-std::string take_action(const json& root, DdiAction& action) {
+std::string take_action(const Json& root, DdiAction& action) {
     std::string fault = take_id(root, "id", action.id);
     if (!fault.empty()) {
         return fault;
     }
     // The latter when the action waits for consent.
-    const json* deployment = find(root, "deployment");
+    const Json* deployment = find(root, "deployment");
     if (deployment == nullptr) {
         deployment = find(root, "confirmation");
     }
@@ -287,20 +286,16 @@ std::string cut(std::string_view text, size_t most) {
     return std::string(text);
 }
 
-std::string text_of(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
 }  // namespace
 
 AgentStatus parse_poll(std::string_view text, DdiPoll& poll) {
     poll = {};
-    json root;
+    Json root;
     std::string fault = read_object(text, root);
     if (fault.empty()) {
         fault = take_sleep(root, poll.sleepS);
     }
-    const json* const links = fault.empty() ? find(root, "_links") : nullptr;
+    const Json* const links = fault.empty() ? find(root, "_links") : nullptr;
     if (links == nullptr) {
         return malformed("poll's answer", fault);
     }
@@ -324,7 +319,7 @@ AgentStatus parse_poll(std::string_view text, DdiPoll& poll) {
 
 AgentStatus parse_action(std::string_view text, DdiAction& action) {
     action = {};
-    json root;
+    Json root;
     std::string fault = read_object(text, root);
     if (fault.empty()) {
         fault = take_action(root, action);
@@ -334,13 +329,13 @@ AgentStatus parse_action(std::string_view text, DdiAction& action) {
 
 AgentStatus parse_cancellation(std::string_view text, DdiCancellation& cancellation) {
     cancellation = {};
-    json root;
+    Json root;
     std::string fault = read_object(text, root);
     if (fault.empty()) {
         fault = take_id(root, "id", cancellation.id);
     }
     if (fault.empty()) {
-        const json* const action = find(root, "cancelAction");
+        const Json* const action = find(root, "cancelAction");
         fault = action != nullptr && action->is_object()
                     ? take_id(*action, "stopId", cancellation.stopId)
                     : "expected an object as \"cancelAction\"";
@@ -349,7 +344,7 @@ AgentStatus parse_cancellation(std::string_view text, DdiCancellation& cancellat
 }
 
 std::string error_message(std::string_view text) {
-    json root;
+    Json root;
     std::string message;
     if (read_object(text, root).empty()) {
         (void)take_text(root, "message", DDI_TEXT_SIZE_MAX, message);
@@ -363,36 +358,36 @@ std::string feedback_text(const DdiFeedback& feedback) {
     constexpr const char* EXECUTIONS[] = {"download",  "downloaded", "proceeding",
                                           "scheduled", "rejected",   "closed"};
     constexpr const char* FINISHED[] = {"none", "success", "failure"};
-    json result = {{"finished", FINISHED[static_cast<size_t>(feedback.finished)]}};
+    Json result = {{"finished", FINISHED[static_cast<size_t>(feedback.finished)]}};
     if (feedback.of > 0) {
         result["progress"] = {{"cnt", feedback.done}, {"of", feedback.of}};
     }
-    json details = json::array();
+    Json details = Json::array();
     for (const std::string& detail : feedback.details) {
         if (details.size() < DETAILS_MAX) {
             details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
         }
     }
-    return text_of({{"id", feedback.id},
-                    {"status",
-                     {{"execution", EXECUTIONS[static_cast<size_t>(feedback.execution)]},
-                      {"result", std::move(result)},
-                      {"details", std::move(details)}}}});
+    return text_of_json({{"id", feedback.id},
+                         {"status",
+                          {{"execution", EXECUTIONS[static_cast<size_t>(feedback.execution)]},
+                           {"result", std::move(result)},
+                           {"details", std::move(details)}}}});
 }
 
 std::string confirmation_text(bool confirmed, std::string_view detail) {
-    json details = json::array();
+    Json details = Json::array();
     if (!detail.empty()) {
         details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
     }
-    return text_of(
+    return text_of_json(
         {{"confirmation", confirmed ? "confirmed" : "denied"}, {"details", std::move(details)}});
 }
 
 std::string attributes_text(const DdiAttributes& attributes) {
-    json data = json::object();
+    Json data = Json::object();
     for (const auto& [name, value] : attributes) {
         data[name] = cut(value, DDI_ATTRIBUTE_SIZE_MAX);
     }
-    return text_of({{"mode", "replace"}, {"data", std::move(data)}});
+    return text_of_json({{"mode", "replace"}, {"data", std::move(data)}});
 }
