@@ -2,7 +2,7 @@
 #
 # FOLDER holds partitions, as the file of this name beside this one, and config/, what /config begins
 # with: the agent's settings, and the files that they name. What programs print is added to agent.txt
-# and service.txt there; what survives a restart is made/card.img.
+# and service.txt there; what survives a restart is card.img and nor.img.
 
 make_camera() {
     kernel_packages

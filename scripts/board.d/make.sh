@@ -7,6 +7,8 @@ sent_modules=() # those that the board's first request names
 sent_files=()   # their images
 # Rows that only the second request names, or none: any other is in the first one.
 not_sent=" spl uboot dtb ota_package "
+# What a board has besides our programs; the libraries of both are in the programs' sysroot.
+board_packages=(busybox-static nanomsg-utils libubootenv-tool libubootenv0.1)
 
 read_modules() {
     local name file
@@ -23,23 +25,21 @@ kernel_packages() {
     local meta=linux-image-armmp
     "$checkout/scripts/fetch_debs" "$debs" $meta
     kernel=$(dpkg-deb -f "$debs"/${meta}_*.deb Depends | grep -o 'linux-image-[^ ]*' | head -n 1)
-    "$checkout/scripts/fetch_debs" "$debs" "$kernel" busybox-static libc6 libgcc-s1 libstdc++6 \
-        libnanomsg5 libssl3 nanomsg-utils libubootenv-tool libubootenv0.1 zlib1g
+    "$checkout/scripts/fetch_debs" "$debs" "$kernel" "${board_packages[@]}"
     kernel_version=${kernel#linux-image-}
 }
 
 unpack_packages() {
-    local package
-    if [ "$(cat "$work/unpacked" 2> /dev/null)" = "$kernel, nanocat, libssl3" ]; then return; fi
+    local package content="$kernel ${board_packages[*]}"
+    if [ "$(cat "$work/unpacked" 2> /dev/null)" = "$content" ]; then return; fi
     rm -rf "$work/kernel" "$work/packages"
     mkdir -p "$work/kernel" "$work/packages"
     dpkg-deb -x "$debs/$kernel"_*.deb "$work/kernel"
-    for package in busybox-static libc6 libgcc-s1 libstdc++6 libnanomsg5 libssl3 nanomsg-utils \
-        libubootenv-tool libubootenv0.1 zlib1g; do
+    for package in "${board_packages[@]}"; do
         dpkg-deb -x "$debs/$package"_*.deb "$work/packages"
     done
     depmod -b "$work/kernel" "$kernel_version"
-    echo "$kernel, nanocat, libssl3" > "$work/unpacked"
+    echo "$content" > "$work/unpacked"
 }
 
 # The kernel's own description of the board, with what the emulator does otherwise.
@@ -111,7 +111,7 @@ make_initramfs() { # COMPONENT...: of what is installed, besides what every boar
     for component in service tools bringup sysv "$@"; do
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
-    cp -L "$from/lib/ld-linux-armhf.so.3" "$root/lib/"
+    cp -L build/sysroot/glibc/root/lib/ld-linux-armhf.so.3 "$root/lib/"
     copy_libraries "$root" "$root"/bin/{fw_printenv,nanocat} "$root"/usr/*bin/*
     cp "$parts/init" "$parts/probe" "$root/"
     cp "$parts/S99checkboot" "$root/etc/init.d/"

@@ -7,12 +7,11 @@ import subprocess
 from pathlib import Path
 
 from camera import OLD_VERSION, Camera, Tail
+from server import HOST
 
-BOARD_SEES_US_AS = "10.0.2.2"  # by the emulator's own network
-# KiB: the card, what is not a partition of the package table, and the rows of that which nothing is sent to.
-CARD_KIB = 24576
-FIXED_KIB = {"nv_user": 128, "nv_factory": 128, "rec_data": 128, "misc": 128, "config": 4096, "env": 128}
-OTHER_KIB = 128
+US = "10.0.2.2"  # this machine's loopback, by the emulator's own network
+CARD_KIB = 24576  # room for the package
+OTHER_KIB = 128  # rows of the package table that nothing is sent to
 
 
 class BoardCamera(Camera):
@@ -24,11 +23,18 @@ class BoardCamera(Camera):
         modules = [line.split()[1] for line in subprocess.run(
             [self.programs / "otactl", "modules"], check=True, capture_output=True,
             text=True).stdout.splitlines()]
-        rows = {"media": CARD_KIB, **{name: OTHER_KIB for name in modules},
-                **{name: size // 1024 for name, size in sizes.items()}, **FIXED_KIB}
+        # Those of the other boards, in their order, but for what this one is sent.
+        rows: dict[str, int] = {}
+        for line in (self.scripts / "board.d/partitions").read_text().splitlines():
+            if line.startswith("modules "):
+                rows |= {name: sizes.get(name, OTHER_KIB * 1024) // 1024 for name in modules}
+            elif not line.startswith("#"):
+                name, kib = line.split()
+                rows[name] = CARD_KIB if name == "media" else int(kib)
         (self.folder / "partitions").write_text("".join(f"{name} {kib}\n" for name, kib in rows.items()))
         (config / "version").write_text(f"{OLD_VERSION}\n")
         (config / "token").write_text(f"{self.token}\n")
+        settings["server"] = settings["server"].replace(f"//{HOST}:", f"//{US}:")
         # What settings name here lies on the card there.
         for name, value in settings.items():
             if isinstance(value, Path):

@@ -11,12 +11,12 @@ from pathlib import Path
 
 import picture
 from agreement import HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
-from board_camera import BOARD_SEES_US_AS, BoardCamera
+from board_camera import BoardCamera
 from camera import Camera
 from certificates import Authority
 from management import Management, Refused
 from package import COMPATIBLE, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
-from server import HOST, Proxy, Server
+from server import Proxy, Server
 from table import Table
 
 MOST_GROUPS = 4
@@ -138,27 +138,21 @@ class Fleet:
             group, place = camera.group, place + 1 if camera.group == group else 0
             camera.small = self.options.bad and place % 2 == 0
         if self.options.board:
-            self.make_board()
+            self.choose_board()
         for camera in self.cameras:
-            if isinstance(camera, BoardCamera):
-                continue
             camera.make(TOO_SMALL if camera.small else PARTITIONS, self.settings(camera.name))
             self.judge.remember(camera)
 
-    def make_board(self) -> None:
-        """Of the first camera that is not made to fail."""
+    def choose_board(self) -> None:
+        """The first camera that is not made to fail."""
         place = next((i for i, camera in enumerate(self.cameras) if not camera.small), None)
         if place is None:
             print("no camera is left for the board: each is made to fail")
             return
         was = self.cameras[place]
-        board = BoardCamera(was.name, was.token, was.folder, was.scripts, was.programs, was.group)
-        self.cameras[place] = board
-        print(f"{board.name} is the emulated board", flush=True)
-        settings = self.settings(board.name)
-        settings["server"] = self.url.replace(f"//{HOST}:", f"//{BOARD_SEES_US_AS}:")
-        board.make(PARTITIONS, settings)
-        self.judge.remember(board)
+        self.cameras[place] = BoardCamera(was.name, was.token, was.folder, was.scripts,
+                                          was.programs, was.group)
+        print(f"{was.name} is the emulated board", flush=True)
 
     def wait_for_rollout(self, *wanted: str) -> None:
         until = time.monotonic() + 60
