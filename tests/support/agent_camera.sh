@@ -25,6 +25,10 @@ chmod 600 /etc/corvo/token
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
         asks | agrees | denies) echo "confirm = ask" ;;
+        # Somebody writes to what was checked, right before it is asked for.
+        tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
+        # The server has been told so much already that it takes hardly more.
+        talked) echo "fitness-command = 'sed -i s/statuses.*/statuses\\\":\ 900,/ /config/agent/action.json'" ;;
         unfit) echo 'fitness-command = "echo battery low; false"' ;;
         # A minute that is over long before this could be.
         attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;

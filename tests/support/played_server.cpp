@@ -93,7 +93,7 @@ static void apply(const Fault& fault, const PlayedHawkbit& hawkbit, PlayedAnswer
     size_t number = 0;
     if (fault.kind == "status") {
         words >> answer.status >> std::ws;
-        answer.body = hawkbit.old ? "" : R"({"errorCode":"played","message":"as told"})";
+        answer.body = hawkbit.old ? "" : R"({"errorCode":"played","message":"as\ttold"})";
         std::string seconds;
         if (std::getline(words, seconds)) {
             response.set_header("Retry-After", seconds);
