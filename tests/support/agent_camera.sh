@@ -29,7 +29,8 @@ chmod 600 /etc/corvo/token
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
         # The server has been told so much already that it takes hardly more.
         talked) echo "fitness-command = 'sed -i s/statuses.*/statuses\\\":\ 900,/ /config/agent/action.json'" ;;
-        unfit) echo 'fitness-command = "echo battery low; false"' ;;
+        # Not in UTF-8, as the server wants it.
+        unfit) printf 'battery low \374\n' > /run/battery && echo 'fitness-command = "cat /run/battery; false"' ;;
         # A minute that is over long before this could be.
         attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;
     esac
