@@ -1,7 +1,6 @@
 #include "agent/http.h"
 
 #include <curl/curl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <new>
@@ -18,9 +17,6 @@ constexpr curl_off_t RETRY_AFTER_MAX_S = 86400;
 // Bytes a second: slower than this for the stall time-out is as good as nothing, so that a server
 // that drips cannot hold a camera for ever.
 constexpr long SPEED_MIN = 64;
-// Bytes that the kernel may hold for a connection before the agent takes them. Left to itself it
-// holds megabytes, which an interruption loses and a camera's memory has better use for.
-constexpr int RECEIVE_BUFFER_SIZE = 262144;
 
 struct ListDeleter {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -151,14 +147,6 @@ int ask_to_stop(void* stop, curl_off_t /*total*/, curl_off_t /*done*/, curl_off_
     return *static_cast<const std::atomic<bool>*>(stop) ? 1 : 0;
 }
 
-int bound_receive_buffer(void* /*unused*/, curl_socket_t socket,
-                         curlsocktype /*purpose*/) noexcept {
-    // Without it a download is as good.
-    (void)setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
-                     sizeof RECEIVE_BUFFER_SIZE);
-    return CURL_SOCKOPT_OK;
-}
-
 void set_trust(Options& options, const ServerSettings& settings, bool proven) {
     options.set(CURLOPT_PROTOCOLS_STR, "http,https");
     options.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -190,7 +178,6 @@ void set_limits(Options& options, const ServerSettings& settings, uint32_t limit
     options.set(CURLOPT_LOW_SPEED_LIMIT, SPEED_MIN);
     options.set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(settings.stallTimeoutS));
     options.set(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(bytesPerS));
-    options.set(CURLOPT_SOCKOPTFUNCTION, bound_receive_buffer);
 }
 
 }  // namespace

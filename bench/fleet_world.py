@@ -304,6 +304,8 @@ class Forwarder:
             threading.Thread(target=self.pass_on, args=(client,), daemon=True).start()
 
     def pass_on(self, client: socket.socket) -> None:
+        # What would wait here for a slow reader was not sent to it.
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 65536)
         with client, socket.create_connection((HOST, self.target)) as server:
             while True:
                 for ready in select.select((client, server), (), ())[0]:
