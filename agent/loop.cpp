@@ -2,13 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/random.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -18,7 +15,6 @@
 #include "agent/status.h"
 #include "agent/stored_file.h"
 #include "base/ignore_result.h"
-#include "base/unique_fd.h"
 #include "error_line.h"
 
 namespace {
@@ -31,37 +27,8 @@ constexpr uint32_t LONGEST_RETRY_S = 3600;
 constexpr uint32_t DOUBLINGS_MAX = 10;
 constexpr uint32_t MS_PER_S = 1000;
 
-std::atomic<bool> g_stop;
-int g_wake = -1;  // an eventfd(2) that ends the sleep
-
-void wake(int signal) {
-    const int error = errno;
-    if (signal != SIGHUP) {
-        g_stop = true;
-    }
-    const uint64_t one = 1;
-    corvo::ignore_result(write(g_wake, &one, sizeof(one)));
-    errno = error;
-}
-
-void catch_signals() {
-    struct sigaction action = {};
-    action.sa_handler = wake;
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaction(signal, &action, nullptr);
-    }
-    action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
-}
-
-// One call, and no wake-up before its end but for a signal.
-void sleep_for(uint32_t milliseconds) {
-    pollfd woken = {.fd = g_wake, .events = POLLIN, .revents = 0};
-    if (poll(&woken, 1, static_cast<int>(milliseconds)) > 0) {
-        uint64_t count = 0;
-        corvo::ignore_result(read(g_wake, &count, sizeof(count)));
-    }
-}
+// A shorter sleep is not worth another start of the program.
+constexpr uint32_t SLEEP_OUTSIDE_FROM_MS = 30000;
 
 uint32_t random_number() {
     uint32_t number = 0;
@@ -92,20 +59,33 @@ int exit_status(const AgentStatus& status, bool actionFailed) {
     }
 }
 
+// One that was held through a sleep may be another folder's: settings change.
+bool is_open_file(const corvo::UniqueFd& file, const std::string& path) {
+    struct stat open = {}, named = {};
+    return file.valid() && fstat(file.get(), &open) == 0 && stat(path.c_str(), &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+AgentStatus lock_state(const std::string& folder, corvo::UniqueFd& lock) {
+    AgentStatus status = make_folder(folder);
+    if (!status.ok() || is_open_file(lock, folder + LOCK_FILE)) {
+        return status;
+    }
+    lock.reset(open((folder + LOCK_FILE).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, LOCK_MODE));
+    if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        lock.reset();
+        return agent_fault(AGENT_MEDIUM,
+                           error == EWOULDBLOCK
+                               ? "another agent works on " + folder
+                               : "cannot lock " + folder + ": " + strerror(error));
+    }
+    return {};
+}
+
 // Everything that both ways to run need. Returns an exit status when it is not there.
 int start(Agent& agent, corvo::UniqueFd& lock) {
-    AgentStatus status = make_folder(agent.settings.stateFolder);
-    if (status.ok()) {
-        lock.reset(open((agent.settings.stateFolder + LOCK_FILE).c_str(),
-                        O_RDWR | O_CREAT | O_CLOEXEC, LOCK_MODE));
-        if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            status = agent_fault(
-                AGENT_MEDIUM,
-                errno == EWOULDBLOCK
-                    ? "another agent works on " + agent.settings.stateFolder
-                    : "cannot lock " + agent.settings.stateFolder + ": " + strerror(errno));
-        }
-    }
+    AgentStatus status = lock_state(agent.settings.stateFolder, lock);
     if (status.ok()) {
         status = agent_start(agent);
     }
@@ -114,6 +94,12 @@ int start(Agent& agent, corvo::UniqueFd& lock) {
         return AGENT_EXIT_FAILED;
     }
     return AGENT_EXIT_OK;
+}
+
+// What is in hand is partly in memory, and so is what has gone wrong how often.
+bool has_nothing_to_remember(const Agent& agent, const AgentStatus& status) {
+    return status.ok() && agent.action.stage == ACTION_NONE && agent.waitingFor.empty() &&
+           !agent.attributesDue;
 }
 
 }  // namespace
@@ -131,33 +117,35 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint
     return std::max(delay, retryAfterS * MS_PER_S);
 }
 
-int run_agent(const AgentSettings& settings, Keyring keyring) {
-    const corvo::UniqueFd wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    g_wake = wakeUp.get();
-    catch_signals();
-    Agent agent(settings, std::move(keyring), g_stop);
-    corvo::UniqueFd lock;
-    const int started = start(agent, lock);
+int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& process) {
+    std::atomic<bool>& stop = catch_signals();
+    Agent agent(settings, std::move(keyring), stop);
+    agent.attributesDue = !process.slept;
+    const int started = start(agent, process.lock);
     if (started != AGENT_EXIT_OK) {
         return started;
     }
     std::string said;
     uint32_t failures = 0;
-    while (!g_stop) {
+    while (!stop) {
         const AgentStatus status = agent_poll(agent);
         report_trouble(status, said);
         publish_status(agent, status);
         failures = status.ok() ? 0 : failures + 1;
-        if (!g_stop) {
-            sleep_for(delay_ms(agent.sleepS, failures, status.retryAfterS, random_number()));
+        const uint32_t delay =
+            delay_ms(agent.sleepS, failures, status.retryAfterS, random_number());
+        if (delay >= SLEEP_OUTSIDE_FROM_MS && has_nothing_to_remember(agent, status)) {
+            sleep_outside(process, delay);
+        }
+        if (!stop) {
+            sleep_inside(delay);
         }
     }
     return AGENT_EXIT_OK;
 }
 
 int run_once(const AgentSettings& settings, Keyring keyring) {
-    catch_signals();
-    Agent agent(settings, std::move(keyring), g_stop);
+    Agent agent(settings, std::move(keyring), catch_signals());
     corvo::UniqueFd lock;
     const int started = start(agent, lock);
     if (started != AGENT_EXIT_OK) {
@@ -174,8 +162,7 @@ int run_once(const AgentSettings& settings, Keyring keyring) {
 }
 
 int report(const AgentSettings& settings, Keyring keyring) {
-    catch_signals();
-    Agent agent(settings, std::move(keyring), g_stop);
+    Agent agent(settings, std::move(keyring), catch_signals());
     const AgentStatus status = agent_report(agent);
     if (!status.ok()) {
         print_error(AGENT, status.text);

@@ -4,6 +4,7 @@
 
 #include "agent/agent_result.h"
 #include "agent/settings.h"
+#include "agent/sleep.h"
 #include "package/certificates.h"
 
 enum AgentExit : int {
@@ -15,8 +16,9 @@ enum AgentExit : int {
 };
 
 // Polls for ever, until SIGTERM or SIGINT; SIGHUP asks for a poll at once. Only one agent at a time
-// works on a state folder. Returns the exit status.
-int run_agent(const AgentSettings& settings, Keyring keyring);
+// works on a state folder. With nothing in hand it sleeps outside of the program, and so does not
+// return when it has slept. Returns the exit status.
+int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& process);
 
 // Polls once and goes on with what follows from it. Returns the exit status.
 int run_once(const AgentSettings& settings, Keyring keyring);

@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr uint32_t SLEEP_IN_TROUBLE_MS = 300000;
+
 struct Arguments {
     AgentSettings settings;
     std::string checkPartitions = "on";
@@ -52,7 +54,7 @@ void add_settings(CLI::App& app, Arguments& arguments) {
          "Its exit status says whether the camera may be upgraded now");
 }
 
-int run(const CLI::App& app, Arguments& arguments) {
+int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
     AgentSettings& settings = arguments.settings;
     Keyring keyring;
     AgentStatus status;
@@ -69,7 +71,7 @@ int run(const CLI::App& app, Arguments& arguments) {
         return AGENT_EXIT_WRONG_USE;
     }
     if (app.got_subcommand("run")) {
-        return run_agent(settings, std::move(keyring));
+        return run_agent(settings, std::move(keyring), process);
     }
     if (app.got_subcommand("once")) {
         return run_once(settings, std::move(keyring));
@@ -86,7 +88,7 @@ int run(const CLI::App& app, Arguments& arguments) {
     return AGENT_EXIT_OK;
 }
 
-int program(int argc, char** argv) {
+int program(int argc, char** argv, AgentProcess& process) {
     Arguments arguments;
     CLI::App app("Brings an update server's packages to this camera's upgrade service.", AGENT);
     app.require_subcommand(1);
@@ -102,11 +104,18 @@ int program(int argc, char** argv) {
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;
     }
-    return run(app, arguments);
+    return run(app, arguments, process);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return run_guarded(AGENT, [&] { return program(argc, argv); });
+    AgentProcess process = wake_up(argv);
+    const int status = run_guarded(AGENT, [&] { return program(argc, argv, process); });
+    if (process.slept && status != AGENT_EXIT_OK) {
+        // Settings that somebody is just writing, or a medium that is away for a moment, must not need
+        // somebody who starts the agent again.
+        sleep_outside(process, SLEEP_IN_TROUBLE_MS);
+    }
+    return status;
 }

@@ -277,7 +277,9 @@ AgentStatus agent_start(Agent& agent) {
     // The card may be missing: then an offer fails, but the server can be told.
     const AgentStatus made = make_folder(agent.folder);
     if (!made.ok()) {
-        say(agent, made.text);
+        if (agent.attributesDue) {
+            say(agent, made.text);
+        }
         return {};
     }
     remove_needless_files(agent);

@@ -45,7 +45,7 @@ struct Agent {
     ActionRecord action;
     std::string bootId;
     std::vector<CheckedFile> checked;  // of this process: files of the action that need no check
-    bool attributesDue = true;         // of this start or the last verdict
+    bool attributesDue = true;         // of this start or the last verdict; not after a sleep
     uint32_t sleepS = 0;               // what the server wants between two polls; 0: unknown
     std::string waitingFor;        // why an update that is there does not start; empty: none waits
     std::string waitingId;         // which one

@@ -31,6 +31,7 @@ if(CORVO_BUILD_TOOLS)
 endif()
 if(TARGET corvo_agent)
   corvo_install(corvo_agent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
+  corvo_install(corvo_agent_sleeper RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 endif()
 # The maker's library comes with the maker's system; only the stand-in is ours to install.
 if(NOT CORVO_PLATFORM_LIBRARY)

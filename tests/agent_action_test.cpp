@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <utility>
@@ -385,6 +386,62 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
             world.expect_promise(i == 1 ? "" : last);
         }
     }
+}
+
+// With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal comes
+// or the time is over; what becomes of its settings meanwhile does not end it.
+TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
+    make_packages();
+    PlayedServer server({});
+    server.misbehave(R"(poll say {"config": {"polling": {"sleep": "00:05:00"}}})");
+    ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
+                       PlayedServer::CONTROLLER + "'"));
+    const pid_t agent = fork();
+    if (agent == 0) {
+        execl(PROGRAMS "/corvo_agent", "corvo_agent", "run", nullptr);
+        _exit(127);
+    }
+    const std::string process = "/proc/" + std::to_string(agent) + "/";
+    const auto asked = [&server](const char* what) {
+        const std::vector<PlayedRequest> requests = server.requests();
+        return std::count_if(requests.begin(), requests.end(),
+                             [what](const PlayedRequest& request) { return request.what == what; });
+    };
+    const auto sleeps_after = [&](int64_t polls) {
+        return eventually(10000, [&] {
+            return asked("poll") == polls && read_file(process + "comm") == "corvo_agent\n" &&
+                   std::filesystem::read_symlink(process + "exe") == PROGRAMS "/corvo_agent_sleeper";
+        });
+    };
+    EXPECT_TRUE(sleeps_after(1));
+    for (const auto& entry : std::filesystem::directory_iterator(process + "fd")) {
+        const std::string file = std::filesystem::read_symlink(entry.path());
+        EXPECT_TRUE(entry.path().filename() <= "2" || file == STATE_FOLDER + "lock") << file;
+    }
+    EXPECT_EQ(1, shell("corvo_agent once 2> /run/said"));
+    EXPECT_TRUE(contains(read_file("/run/said"), "another agent works on " + STATE_FOLDER));
+
+    kill(agent, SIGHUP);
+    EXPECT_TRUE(sleeps_after(2));
+    const std::string settings = read_file("/etc/corvo/agent.conf");
+    write_file("/etc/corvo/agent.conf", settings + "half-written");
+    kill(agent, SIGHUP);
+    usleep(200000);
+    EXPECT_TRUE(sleeps_after(2));
+    write_file("/etc/corvo/agent.conf", settings);
+    kill(agent, SIGHUP);
+    EXPECT_TRUE(sleeps_after(3));
+    EXPECT_EQ(1, asked("attributes"));
+
+    // Whichever of the two programs it is just becoming.
+    for (int i = 0; i < 60; ++i) {
+        kill(agent, SIGHUP);
+        usleep(7000);
+    }
+    kill(agent, SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(eventually(10000, [&] { return waitpid(agent, &status, WNOHANG) == agent; }));
+    EXPECT_EQ(0, status);
 }
 
 }  // namespace

@@ -91,12 +91,34 @@ check_agent() {
     check "and can be written by both" lock_is_shared
     check "a package that is installed again restarts it" inside dpkg -i "$agent_package"
     check "it runs" await 10 is_active corvo-agent
+    check_sleep
     inside sh -c 'echo "window = noon" >> /etc/corvo/agent.conf'
     inside systemctl restart corvo-agent || :
     check "a wrong setting ends it for good" await 10 says 64 inside systemctl show --property ExecMainStatus corvo-agent
     check "with a line that names it" says 'window: HH:MM' inside journalctl --no-pager --unit corvo-agent
     check "the agent is purged" inside dpkg -P corvo-agent
     check "nothing of it is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
+}
+
+# With nothing to do the agent is another program, in the same process and under the same restrictions.
+check_sleep() {
+    local process server
+    inside "$checkout/scripts/integration.d/idle_update_server" /idle_server > "$work/server.txt" 2>&1 &
+    server=$!
+    await 10 inside test -s /idle_server || :
+    inside sed -i "s#^server = .*#server = $(inside cat /idle_server)#" /etc/corvo/agent.conf
+    inside systemctl restart corvo-agent
+    process=$(main_pid corvo-agent)
+    check "with nothing to do it sleeps" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
+    inside systemctl kill --signal HUP corvo-agent
+    check "a signal wakes it" await 10 says_twice "GET .*/controller/" "$work/server.txt"
+    check "it sleeps again" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
+    check "as the same process" test "$(main_pid corvo-agent)" = "$process"
+    kill "$server"
+}
+
+says_twice() { # PATTERN FILE
+    [ "$(grep -c "$1" "$2")" = 2 ]
 }
 
 owned_by() { # USER PATH...

@@ -1,0 +1,131 @@
+#include "agent/sleep.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/eventfd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "base/ignore_result.h"
+#include "base/owned.h"
+
+namespace {
+
+constexpr char SLEEPER[] = "corvo_agent_sleeper";
+constexpr char SELF[] = "/proc/self/exe";
+constexpr char OWN_DESCRIPTORS[] = "/proc/self/fd";
+// The number of the lock's descriptor, for the program that the sleeper starts; -1: none is held.
+constexpr char LOCK_VARIABLE[] = "CORVO_AGENT_LOCK";
+constexpr int WAKING_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
+
+std::atomic<bool> g_stop;
+corvo::UniqueFd g_wake;  // an eventfd(2) that ends the sleep
+
+void wake(int signal) {
+    const int error = errno;
+    if (signal != SIGHUP) {
+        g_stop = true;
+    }
+    const uint64_t one = 1;
+    corvo::ignore_result(write(g_wake.get(), &one, sizeof(one)));
+    errno = error;
+}
+
+sigset_t waking_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : WAKING_SIGNALS) {
+        sigaddset(&signals, signal);
+    }
+    return signals;
+}
+
+void close_at_exec(int but) {
+    const corvo::OwnedDirectory descriptors(opendir(OWN_DESCRIPTORS));
+    while (const dirent* entry = descriptors ? readdir(descriptors.get()) : nullptr) {
+        const int fd = atoi(entry->d_name);
+        if (fd > STDERR_FILENO && fd != but) {
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+}  // namespace
+
+std::atomic<bool>& catch_signals() {
+    g_wake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    struct sigaction action = {};
+    action.sa_handler = wake;
+    for (const int signal : WAKING_SIGNALS) {
+        sigaction(signal, &action, nullptr);
+    }
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    // The sleeper leaves them blocked.
+    const sigset_t signals = waking_signals();
+    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    return g_stop;
+}
+
+void sleep_inside(uint32_t milliseconds) {
+    pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
+    if (poll(&woken, 1, static_cast<int>(milliseconds)) > 0) {
+        uint64_t count = 0;
+        corvo::ignore_result(read(g_wake.get(), &count, sizeof(count)));
+    }
+}
+
+void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
+    std::error_code error;
+    const std::filesystem::path agent = std::filesystem::read_symlink(SELF, error);
+    const std::string sleeper = agent.parent_path() / SLEEPER;
+    // Not there either when the agent itself was replaced by another one since its start.
+    if (error || access(agent.c_str(), X_OK) != 0 || access(sleeper.c_str(), X_OK) != 0) {
+        return;
+    }
+    std::string time = std::to_string(milliseconds), program = agent;
+    std::vector<char*> arguments = {const_cast<char*>(sleeper.c_str()), time.data(),
+                                    program.data()};
+    for (char** argument = process.arguments + 1; *argument != nullptr; ++argument) {
+        arguments.push_back(*argument);
+    }
+    arguments.push_back(nullptr);
+
+    sigset_t before;
+    const sigset_t signals = waking_signals();
+    sigprocmask(SIG_BLOCK, &signals, &before);
+    pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
+    if (poll(&woken, 1, 0) == 0) {
+        close_at_exec(process.lock.get());
+        if (process.lock.valid()) {
+            fcntl(process.lock.get(), F_SETFD, 0);
+        }
+        setenv(LOCK_VARIABLE, std::to_string(process.lock.get()).c_str(), 1);
+        execv(sleeper.c_str(), arguments.data());
+        unsetenv(LOCK_VARIABLE);
+        if (process.lock.valid()) {
+            fcntl(process.lock.get(), F_SETFD, FD_CLOEXEC);
+        }
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+AgentProcess wake_up(char** arguments) {
+    AgentProcess process = {.arguments = arguments, .lock = {}, .slept = false};
+    const char* const lock = getenv(LOCK_VARIABLE);
+    if (lock != nullptr) {
+        process.slept = true;
+        // A number that is not an open descriptor's holds nothing.
+        const int fd = atoi(lock);
+        if (fd > STDERR_FILENO && fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
+            process.lock.reset(fd);
+        }
+        unsetenv(LOCK_VARIABLE);
+    }
+    return process;
+}
