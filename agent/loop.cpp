@@ -75,10 +75,9 @@ AgentStatus lock_state(const std::string& folder, corvo::UniqueFd& lock) {
     if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;
         lock.reset();
-        return agent_fault(AGENT_MEDIUM,
-                           error == EWOULDBLOCK
-                               ? "another agent works on " + folder
-                               : "cannot lock " + folder + ": " + strerror(error));
+        return agent_fault(AGENT_MEDIUM, error == EWOULDBLOCK
+                                             ? "another agent works on " + folder
+                                             : "cannot lock " + folder + ": " + strerror(error));
     }
     return {};
 }

@@ -113,8 +113,8 @@ int main(int argc, char** argv) {
     AgentProcess process = wake_up(argv);
     const int status = run_guarded(AGENT, [&] { return program(argc, argv, process); });
     if (process.slept && status != AGENT_EXIT_OK) {
-        // Settings that somebody is just writing, or a medium that is away for a moment, must not need
-        // somebody who starts the agent again.
+        // Settings that somebody is just writing, or a medium that is away for a moment, must not
+        // need somebody who starts the agent again.
         sleep_outside(process, SLEEP_IN_TROUBLE_MS);
     }
     return status;

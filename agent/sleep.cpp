@@ -2,12 +2,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -43,6 +43,13 @@ sigset_t waking_signals() {
         sigaddset(&signals, signal);
     }
     return signals;
+}
+
+// Empty when it cannot be known.
+std::string own_program() {
+    char path[PATH_MAX];
+    const ssize_t length = readlink(SELF, path, sizeof(path));
+    return length < 0 ? std::string() : std::string(path, static_cast<size_t>(length));
 }
 
 void close_at_exec(int but) {
@@ -81,16 +88,14 @@ void sleep_inside(uint32_t milliseconds) {
 }
 
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
-    std::error_code error;
-    const std::filesystem::path agent = std::filesystem::read_symlink(SELF, error);
-    const std::string sleeper = agent.parent_path() / SLEEPER;
-    // Not there either when the agent itself was replaced by another one since its start.
-    if (error || access(agent.c_str(), X_OK) != 0 || access(sleeper.c_str(), X_OK) != 0) {
+    std::string program = own_program();
+    std::string sleeper = program.substr(0, program.rfind('/') + 1) + SLEEPER;
+    // An agent that was replaced since its start has no name any more.
+    if (access(program.c_str(), X_OK) != 0 || access(sleeper.c_str(), X_OK) != 0) {
         return;
     }
-    std::string time = std::to_string(milliseconds), program = agent;
-    std::vector<char*> arguments = {const_cast<char*>(sleeper.c_str()), time.data(),
-                                    program.data()};
+    std::string time = std::to_string(milliseconds);
+    std::vector<char*> arguments = {sleeper.data(), time.data(), program.data()};
     for (char** argument = process.arguments + 1; *argument != nullptr; ++argument) {
         arguments.push_back(*argument);
     }

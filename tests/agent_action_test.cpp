@@ -388,8 +388,8 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
     }
 }
 
-// With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal comes
-// or the time is over; what becomes of its settings meanwhile does not end it.
+// With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal
+// comes or the time is over; what becomes of its settings meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     make_packages();
     PlayedServer server({});
@@ -410,7 +410,8 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     const auto sleeps_after = [&](int64_t polls) {
         return eventually(10000, [&] {
             return asked("poll") == polls && read_file(process + "comm") == "corvo_agent\n" &&
-                   std::filesystem::read_symlink(process + "exe") == PROGRAMS "/corvo_agent_sleeper";
+                   std::filesystem::read_symlink(process + "exe") == PROGRAMS
+                       "/corvo_agent_sleeper";
         });
     };
     EXPECT_TRUE(sleeps_after(1));
