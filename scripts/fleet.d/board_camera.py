@@ -33,6 +33,7 @@ class BoardCamera(Camera):
                 rows[name] = CARD_KIB if name == "media" else int(kib)
         (self.folder / "partitions").write_text("".join(f"{name} {kib}\n" for name, kib in rows.items()))
         (config / "version").write_text(f"{OLD_VERSION}\n")
+        (config / "started_slot").write_text("A\n")
         (config / "token").write_text(f"{self.token}\n")
         settings["server"] = settings["server"].replace(f"//{HOST}:", f"//{US}:")
         # What settings name here lies on the card there.

@@ -154,7 +154,7 @@ class Camera:
 
     def state(self) -> dict[str, str]:
         """What the camera itself says, with nothing running on it."""
-        said = subprocess.run(self.command("look"), capture_output=True, text=True,
+        said = subprocess.run(self.command("look"), capture_output=True, text=True, errors="replace",
                               stdin=subprocess.DEVNULL)
         state = dict(line.partition(" ")[::2] for line in said.stdout.splitlines())
         try:
