@@ -11,17 +11,17 @@
 #include <string>
 #include <vector>
 
+#include "agent/sleeper.h"
 #include "base/ignore_result.h"
 #include "base/owned.h"
+#include "base/signal_set.h"
 
 namespace {
 
-constexpr char SLEEPER[] = "corvo_agent_sleeper";
 constexpr char SELF[] = "/proc/self/exe";
 constexpr char OWN_DESCRIPTORS[] = "/proc/self/fd";
 // The number of the lock's descriptor, for the program that the sleeper starts; -1: none is held.
 constexpr char LOCK_VARIABLE[] = "CORVO_AGENT_LOCK";
-constexpr int WAKING_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
 std::atomic<bool> g_stop;
 corvo::UniqueFd g_wake;  // an eventfd(2) that ends the sleep
@@ -34,15 +34,6 @@ void wake(int signal) {
     const uint64_t one = 1;
     corvo::ignore_result(write(g_wake.get(), &one, sizeof(one)));
     errno = error;
-}
-
-sigset_t waking_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : WAKING_SIGNALS) {
-        sigaddset(&signals, signal);
-    }
-    return signals;
 }
 
 // Empty when it cannot be known.
@@ -73,8 +64,7 @@ std::atomic<bool>& catch_signals() {
     }
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
-    // The sleeper leaves them blocked.
-    const sigset_t signals = waking_signals();
+    const sigset_t signals = corvo::signal_set(WAKING_SIGNALS);
     sigprocmask(SIG_UNBLOCK, &signals, nullptr);
     return g_stop;
 }
@@ -94,18 +84,18 @@ void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
     if (access(program.c_str(), X_OK) != 0 || access(sleeper.c_str(), X_OK) != 0) {
         return;
     }
-    std::string time = std::to_string(milliseconds);
+    sigset_t before;
+    const sigset_t signals = corvo::signal_set(WAKING_SIGNALS);
+    sigprocmask(SIG_BLOCK, &signals, &before);
+    pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
+    std::string time = std::to_string(poll(&woken, 1, 0) > 0 ? 0 : milliseconds);
     std::vector<char*> arguments = {sleeper.data(), time.data(), program.data()};
     for (char** argument = process.arguments + 1; *argument != nullptr; ++argument) {
         arguments.push_back(*argument);
     }
     arguments.push_back(nullptr);
 
-    sigset_t before;
-    const sigset_t signals = waking_signals();
-    sigprocmask(SIG_BLOCK, &signals, &before);
-    pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
-    if (poll(&woken, 1, 0) == 0) {
+    if (!g_stop) {
         close_at_exec(process.lock.get());
         if (process.lock.valid()) {
             fcntl(process.lock.get(), F_SETFD, 0);

@@ -24,9 +24,9 @@ void sleep_inside(uint32_t milliseconds);
 
 // Sleeps as corvo_agent_sleeper, which lies beside the agent: the same process, that holds no more
 // than the C library until it starts the agent's program again, with the arguments it had. A signal
-// that comes on the way is not lost. Everything but the lock and the standard descriptors is
-// closed, and nothing that is in memory is kept. Returns when there is no such program or it cannot
-// be started, or when a signal is there already.
+// that comes on the way is not lost; when SIGHUP is there already, the sleep is none. All but the
+// lock and the standard descriptors is closed, and nothing that is in memory is kept. Returns when
+// there is no such program or it cannot be started, or when the agent is to end.
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds);
 
 // Looks once, at the program's start, whether the sleeper has started it.

@@ -4,22 +4,23 @@
 //   corvo_agent_sleeper MILLISECONDS PROGRAM [ARGUMENT...]
 //
 // Starts the program, in the same process, when the time is over or at SIGHUP. SIGTERM and SIGINT
-// end it with status 0. Whoever starts it has blocked the three, so that none is lost on the way,
-// and the program finds them blocked. What is open stays open.
+// end it with status 0. What is open stays open.
+#include "agent/sleeper.h"
+
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sysexits.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <initializer_list>
+#include "base/signal_set.h"
 
 namespace {
 
-constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
 constexpr unsigned long MS_PER_S = 1000;
 constexpr unsigned long NS_PER_MS = 1000000;
 constexpr time_t RETRY_S = 60;
@@ -30,19 +31,15 @@ int main(int argc, char** argv) {
     char* end = nullptr;
     const unsigned long milliseconds = argc < 3 ? 0 : strtoul(argv[1], &end, 10);
     if (end == nullptr || end == argv[1] || *end != '\0') {
-        fprintf(stderr, "corvo_agent_sleeper: for corvo_agent, which starts it to sleep\n");
-        return EXIT_WRONG_USE;
+        fprintf(stderr, "%s: for corvo_agent, which starts it to sleep\n", SLEEPER);
+        return EX_USAGE;
     }
     char** const command = argv + 2;
     // The kernel's name for it is the agent's: that is what it is.
     const char* const slash = strrchr(command[0], '/');
     prctl(PR_SET_NAME, slash == nullptr ? command[0] : slash + 1);
 
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&signals, signal);
-    }
+    const sigset_t signals = corvo::signal_set(WAKING_SIGNALS);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     timespec time = {.tv_sec = static_cast<time_t>(milliseconds / MS_PER_S),
                      .tv_nsec = static_cast<long>(milliseconds % MS_PER_S * NS_PER_MS)};

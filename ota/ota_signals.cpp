@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "base/alternate_stack.h"
+#include "base/signal_set.h"
 #include "dbus/system_call.h"
 #include "log/log_front_end.h"
 #include "ota_reboot.h"
@@ -23,18 +24,9 @@ pthread_t g_signal_thread;
 // The first crash signal, 0 while there was none: what the signal thread is woken for.
 std::atomic<int> g_crash{0};
 
-sigset_t waited_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signo : WAITED_SIGNALS) {
-        sigaddset(&set, signo);
-    }
-    return set;
-}
-
 void* signal_thread(void* /*argument*/) {
     const corvo::AlternateStack crashStack;
-    const sigset_t waited = waited_signals();
+    const sigset_t waited = corvo::signal_set(WAITED_SIGNALS);
     while (true) {
         int signo = 0;
         if (sigwait(&waited, &signo) == 0) {
@@ -70,7 +62,7 @@ void install(int signo, void (*handler)(int), int flags) {
     struct sigaction action = {};
     action.sa_handler = handler;
     action.sa_flags = flags;
-    action.sa_mask = waited_signals();
+    action.sa_mask = corvo::signal_set(WAITED_SIGNALS);
     sigaction(signo, &action, nullptr);
 }
 
@@ -80,7 +72,7 @@ void ota_signals_start() {
     signal(SIGPIPE, SIG_IGN);
     // Blocked on this thread from now on, and on each that it starts: a system call of an upgrade
     // that is interrupted may leave a partition half written.
-    const sigset_t waited = waited_signals();
+    const sigset_t waited = corvo::signal_set(WAITED_SIGNALS);
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &waited, &before);
     const int started = pthread_create(&g_signal_thread, nullptr, signal_thread, nullptr);

@@ -17,6 +17,7 @@
 #include <span>
 #include <string>
 
+#include "base/signal_set.h"
 #include "base/unique_fd.h"
 #include "command_line.h"
 #include "dbus/dbus_socket_common.h"
@@ -142,11 +143,7 @@ static int program(int argc, char** argv) {
     umask(umask(0) | S_IWGRP | S_IWOTH);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     // Before any thread exists, so that all of them leave these signals to the wait in serve().
-    sigset_t endSignals;
-    sigemptyset(&endSignals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        sigaddset(&endSignals, number);
-    }
+    const sigset_t endSignals = corvo::signal_set({SIGINT, SIGTERM, SIGHUP, SIGQUIT});
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
     // A parent that ignored SIGCHLD hands that down, and every command's status would be lost.
     signal(SIGCHLD, SIG_DFL);
