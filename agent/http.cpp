@@ -17,6 +17,7 @@ constexpr curl_off_t RETRY_AFTER_MAX_S = 86400;
 // Bytes a second: slower than this for the stall time-out is as good as nothing, so that a server
 // that drips cannot hold a camera for ever.
 constexpr long SPEED_MIN = 64;
+constexpr size_t SHOWN_SIZE_MAX = 200;  // bytes of an answer
 
 struct ListDeleter {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -53,12 +54,21 @@ AgentResult result_of(long code) {
     }
 }
 
-// What an answer other than success means. `said` is what the server says of it, or empty.
+// What an answer other than success says to people; it may be a proxy's, in whatever form.
+std::string explanation(std::string_view answer) {
+    const std::string message = error_message(answer);
+    return message.empty() ? printable_start(answer) : message;
+}
+
+// What an answer other than success means. `message` is what explains it, or empty. Where it leads
+// is shown too: the login page of a network answers in the server's place.
 AgentStatus refusal(const std::string& method, const std::string& url, const HttpHead& head,
-                    const std::string& said) {
-    AgentStatus status = agent_fault(
-        result_of(head.code), method + " " + shown_url(url) + ": the server answers " +
-                                  std::to_string(head.code) + (said.empty() ? "" : ", ") + said);
+                    const std::string& message) {
+    const std::string code = std::to_string(head.code) +
+                             (head.location.empty() ? "" : " to " + shown_url(head.location));
+    AgentStatus status =
+        agent_fault(result_of(head.code), method + " " + shown_url(url) + ": the server answers " +
+                                              code + (message.empty() ? "" : ", ") + message);
     status.retryAfterS = head.retryAfterS;
     return status;
 }
@@ -208,6 +218,23 @@ Http::Http(ServerSettings settings, const std::atomic<bool>& stop)
     }
 }
 
+std::string printable_start(std::string_view answer) {
+    std::string start;
+    for (const char c : answer) {
+        const bool printable = c > ' ' && c <= '~';
+        if (printable) {
+            start += c;
+        } else if (!start.empty() && start.back() != ' ') {
+            start += ' ';
+        }
+        if (start.size() == SHOWN_SIZE_MAX) {
+            break;
+        }
+    }
+    start.erase(start.find_last_not_of(' ') + 1);
+    return start;
+}
+
 std::string Http::path_part(const std::string& text) const {
     const OwnedText part(
         curl_easy_escape(handle_.get(), text.c_str(), static_cast<int>(text.size())));
@@ -310,7 +337,7 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
             continue;
         }
         if (!is_success(head)) {
-            return refusal(method, place, head, error_message(answer));
+            return refusal(method, place, head, explanation(answer));
         }
         if (!status.ok() && status.result != AGENT_UNREACHABLE) {
             status.text = shown_url(place) + ": " + status.text;
@@ -324,9 +351,13 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
 AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& headers,
                         HttpHead& head, const HttpContent& content) {
     const UrlParts server = url_parts(settings_.url);
-    const auto file_content = [&content](const HttpHead& of, std::span<const char> bytes) {
-        const bool file = of.code == 200 || of.code == 206;
-        return file ? content(of, bytes) : malformed("no file");
+    std::string message;
+    const auto file_content = [&](const HttpHead& of, std::span<const char> bytes) {
+        if (of.code == 200 || of.code == 206) {
+            return content(of, bytes);
+        }
+        message = explanation({bytes.data(), bytes.size()});
+        return malformed("no file");
     };
     std::string place = url;
     for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
@@ -334,6 +365,7 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
         if (parts.scheme != "https" && (parts.scheme != "http" || server.scheme != "http")) {
             return malformed(shown_url(place) + ": expected a link by https");
         }
+        message.clear();
         AgentStatus status = exchange({.method = "GET",
                                        .url = place,
                                        .headers = headers,
@@ -348,7 +380,7 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
             place = head.location;
             continue;
         }
-        return head.code == 200 || head.code == 206 ? status : refusal("GET", place, head, "");
+        return head.code == 200 || head.code == 206 ? status : refusal("GET", place, head, message);
     }
     return malformed(shown_url(url) + " is redirected more than " + std::to_string(REDIRECTS_MAX) +
                      " times");

@@ -14,6 +14,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/agent_result.h"
@@ -32,6 +33,9 @@ struct HttpHead {
 
 // Takes the next bytes of an answer, at least 1. A fault ends the exchange and is what it returns.
 using HttpContent = std::function<AgentStatus(const HttpHead& head, std::span<const char> bytes)>;
+
+// The answer's first 200 printable bytes for people, in one line: each run of others is a space.
+std::string printable_start(std::string_view answer);
 
 struct CurlDeleter {
     void operator()(void* handle) const;

@@ -21,7 +21,14 @@ AgentStatus get(Http& http, const std::string& url,
                 AgentStatus (*parse)(std::string_view text, Record& record), Record& record) {
     std::string answer;
     AgentStatus status = http.call("GET", url, "", answer);
-    return status.ok() ? parse(answer, record) : status;
+    if (!status.ok()) {
+        return status;
+    }
+    status = parse(answer, record);
+    if (!status.ok() && !answer.empty()) {
+        status.text += "; it begins with \"" + printable_start(answer) + '"';
+    }
+    return status;
 }
 
 AgentStatus send(Http& http, const char* method, const std::string& url, const std::string& body) {
