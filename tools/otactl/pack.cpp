@@ -10,6 +10,7 @@
 #include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
+#include "otactl/output_files.h"
 #include "package/content.h"
 #include "package/manifest.h"
 #include "package/modules.h"
@@ -79,6 +80,19 @@ int read_arguments(const std::vector<std::string>& arguments, std::vector<Input>
     return OTACTL_OK;
 }
 
+// Refuses to write over an image at one of these paths.
+int keep_images(const std::vector<Input>& inputs, std::initializer_list<std::string> written) {
+    for (const Input& input : inputs) {
+        for (const std::string& path : written) {
+            std::error_code fault;
+            if (std::filesystem::equivalent(input.path, path, fault)) {
+                return wrong_use("cannot use " + input.path + ": it is written over as " + path);
+            }
+        }
+    }
+    return OTACTL_OK;
+}
+
 // The images of these modules in the directory; of all that are there when none is named.
 int find_images(const PackOptions& options, std::vector<Input>& inputs) {
     for (const std::string& name : options.modules) {
@@ -141,10 +155,12 @@ int take_image(const Input& input, FILE* package, bool version2, ManifestModule&
     return OTACTL_OK;
 }
 
-int write_package(const std::vector<Input>& inputs, const std::string& path, Manifest& manifest) {
-    corvo::OwnedFile package(fopen(path.c_str(), "wbe"));
-    if (!package) {
-        return failed("cannot write", path);
+int write_package(const std::vector<Input>& inputs, const std::string& path, Manifest& manifest,
+                  OutputFiles& files) {
+    corvo::OwnedFile package;
+    const int created = files.create(path, package);
+    if (created != OTACTL_OK) {
+        return created;
     }
     uint64_t offset = 0;
     for (const Input& input : inputs) {
@@ -158,16 +174,7 @@ int write_package(const std::vector<Input>& inputs, const std::string& path, Man
         offset += module.size;
         manifest.modules.push_back(module);
     }
-    return fclose(package.release()) == 0 ? OTACTL_OK : failed("cannot write", path);
-}
-
-int write_text(const std::string& path, const std::string& text) {
-    corvo::OwnedFile file(fopen(path.c_str(), "wbe"));
-    if (!file) {
-        return failed("cannot write", path);
-    }
-    const bool written = fwrite(text.data(), 1, text.size(), file.get()) == text.size();
-    return fclose(file.release()) == 0 && written ? OTACTL_OK : failed("cannot write", path);
+    return OutputFiles::close(path, std::move(package));
 }
 
 // The head of a manifest of version 2, or one of version 1 where nothing is said for it.
@@ -197,64 +204,22 @@ int start_manifest(const PackOptions& options, bool mustBeVersion2, Manifest& ma
     return OTACTL_OK;
 }
 
-// Files that replace others at the end, all or none of them as far as a file system allows: a
-// package is whole or not there, and one of the images may have the target's name.
-class Replacements {
-  public:
-    Replacements() = default;
-    ~Replacements() {
-        for (const std::string& path : paths_) {
-            remove((path + PART).c_str());
-        }
-    }
-    Replacements(const Replacements&) = delete;
-    Replacements& operator=(const Replacements&) = delete;
-
-    // Where to write what becomes `path`.
-    std::string part_of(const std::string& path) { return paths_.emplace_back(path) + PART; }
-
-    int put_in_place() {
-        for (const std::string& path : paths_) {
-            if (rename((path + PART).c_str(), path.c_str()) != 0) {
-                return failed("cannot write", path);
-            }
-        }
-        paths_.clear();
-        return OTACTL_OK;
-    }
-
-  private:
-    static constexpr char PART[] = ".part";
-    std::vector<std::string> paths_;
-};
-
-int write_manifest(const Manifest& manifest, const std::string& path, const SigningOptions& signing,
-                   Replacements& files) {
-    const std::string text = format_manifest(manifest);
-    const int result = write_text(files.part_of(path), text);
-    if (result != OTACTL_OK || signing.key.empty()) {
-        return result;
-    }
-    std::string signature;
-    const PackageStatus status = sign(text, signing, signature);
-    if (!status.ok()) {
-        return refuse(status, false);
-    }
-    return write_text(files.part_of(path + SIGNATURE_SUFFIX), signature);
-}
-
 int finish(const Manifest& manifest, const std::string& path, const SigningOptions& signing,
-           Replacements& files) {
-    int result = write_manifest(manifest, path, signing, files);
+           OutputFiles& files) {
+    const std::string text = format_manifest(manifest);
+    int result = files.write(path, text);
+    if (result == OTACTL_OK && !signing.key.empty()) {
+        std::string signature;
+        const PackageStatus status = sign(text, signing, signature);
+        result =
+            status.ok() ? files.write(path + SIGNATURE_SUFFIX, signature) : refuse(status, false);
+    }
     if (result == OTACTL_OK) {
-        result = files.put_in_place();
+        // The signature of an older manifest would speak for this one, and wrongly.
+        result = files.put_in_place(signing.key.empty() ? path + SIGNATURE_SUFFIX : "");
     }
     if (result != OTACTL_OK) {
         return result;
-    }
-    // That of an older manifest would speak for this one, and wrongly.
-    if (signing.key.empty() && remove((path + SIGNATURE_SUFFIX).c_str()) != 0 && errno != ENOENT) {
-        return failed("cannot remove", path + SIGNATURE_SUFFIX);
     }
     for (const ManifestModule& module : manifest.modules) {
         printf("%-12s %10llu bytes %s%s\n", module.name.c_str(),
@@ -284,6 +249,11 @@ int pack_combined(const PackOptions& options) {
     if (result == OTACTL_OK) {
         result = read_arguments(options.modules, inputs);
     }
+    if (result == OTACTL_OK) {
+        // The output itself may be one: it is replaced after all images were read.
+        result = keep_images(inputs, {OutputFiles::part_of(options.output), options.manifest,
+                                      options.manifest + SIGNATURE_SUFFIX});
+    }
     if (result != OTACTL_OK) {
         return result;
     }
@@ -293,8 +263,8 @@ int pack_combined(const PackOptions& options) {
             return wrong_use("a package of version 2 cannot have the name " + manifest.package);
         }
     }
-    Replacements files;
-    result = write_package(inputs, files.part_of(options.output), manifest);
+    OutputFiles files;
+    result = write_package(inputs, options.output, manifest, files);
     return result == OTACTL_OK ? finish(manifest, options.manifest, options.signing, files)
                                : result;
 }
@@ -316,6 +286,9 @@ int pack_files(const PackOptions& options) {
     if (result == OTACTL_OK) {
         result = find_images(all, inputs);
     }
+    if (result == OTACTL_OK) {
+        result = keep_images(inputs, {all.manifest, all.manifest + SIGNATURE_SUFFIX});
+    }
     if (result == OTACTL_OK && inputs.empty()) {
         result = wrong_use("no image in " + all.directory);
     }
@@ -327,6 +300,6 @@ int pack_files(const PackOptions& options) {
             result = take_image(input, nullptr, true, module);
         }
     }
-    Replacements files;
+    OutputFiles files;
     return result == OTACTL_OK ? finish(manifest, all.manifest, all.signing, files) : result;
 }

@@ -7,6 +7,7 @@
 #include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
+#include "otactl/output_files.h"
 #include "package/signed_manifest.h"
 
 namespace {
@@ -34,20 +35,6 @@ int read_content(const std::string& path, std::string& content) {
                                    : failed("cannot read", path, strerror(errno));
 }
 
-// A signature is whole or not there.
-int write_signature(const std::string& path, const std::string& signature) {
-    const std::string part = path + ".part";
-    corvo::OwnedFile file(fopen(part.c_str(), "wbe"));
-    const bool written =
-        file && fwrite(signature.data(), 1, signature.size(), file.get()) == signature.size();
-    if (!written || fclose(file.release()) != 0 || rename(part.c_str(), path.c_str()) != 0) {
-        const int reason = errno;
-        remove(part.c_str());
-        return failed("cannot write", path, strerror(reason));
-    }
-    return OTACTL_OK;
-}
-
 }  // namespace
 
 int sign_file(const std::string& path, const SigningOptions& options) {
@@ -61,5 +48,7 @@ int sign_file(const std::string& path, const SigningOptions& options) {
     if (!status.ok()) {
         return refuse(status, false);
     }
-    return write_signature(path + SIGNATURE_SUFFIX, signature);
+    OutputFiles files;
+    const int written = files.write(path + SIGNATURE_SUFFIX, signature);
+    return written == OTACTL_OK ? files.put_in_place("") : written;
 }

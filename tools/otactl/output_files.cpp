@@ -1,0 +1,96 @@
+#include "otactl/output_files.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "base/unique_fd.h"
+#include "error_line.h"
+#include "otactl/commands.h"
+
+namespace {
+
+int failed(const std::string& what, const std::string& path) {
+    print_error(OTACTL, "cannot " + what + " " + path + ": " + strerror(errno));
+    return OTACTL_FAILED;
+}
+
+std::string directory_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+// Without this a rename or a removal may not survive a power cut.
+int flush_directory(const std::string& directory) {
+    const corvo::UniqueFd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some network file systems cannot flush a directory, and say so.
+    return opened.valid() && (fsync(opened.get()) == 0 || errno == EINVAL)
+               ? static_cast<int>(OTACTL_OK)
+               : failed("flush", directory);
+}
+
+}  // namespace
+
+OutputFiles::~OutputFiles() {
+    for (const std::string& path : paths_) {
+        (void)unlink(part_of(path).c_str());
+    }
+}
+
+std::string OutputFiles::part_of(const std::string& path) {
+    return path + ".part";
+}
+
+int OutputFiles::create(const std::string& path, corvo::OwnedFile& file) {
+    const std::string part = part_of(path);
+    (void)unlink(part.c_str());
+    file.reset(fopen(part.c_str(), "wbxe"));
+    if (!file) {
+        return failed("write", path);
+    }
+    paths_.push_back(path);
+    return OTACTL_OK;
+}
+
+int OutputFiles::close(const std::string& path, corvo::OwnedFile file) {
+    if (fflush(file.get()) != 0 || fsync(fileno(file.get())) != 0) {
+        return failed("write", path);
+    }
+    return fclose(file.release()) == 0 ? static_cast<int>(OTACTL_OK) : failed("write", path);
+}
+
+int OutputFiles::write(const std::string& path, std::string_view text) {
+    corvo::OwnedFile file;
+    const int result = create(path, file);
+    if (result != OTACTL_OK) {
+        return result;
+    }
+    return fwrite(text.data(), 1, text.size(), file.get()) == text.size()
+               ? close(path, std::move(file))
+               : failed("write", path);
+}
+
+int OutputFiles::put_in_place(const std::string& stale) {
+    std::set<std::string> directories;
+    for (const std::string& path : paths_) {
+        if (rename(part_of(path).c_str(), path.c_str()) != 0) {
+            return failed("write", path);
+        }
+        directories.insert(directory_of(path));
+    }
+    paths_.clear();
+    if (!stale.empty() && remove(stale.c_str()) != 0 && errno != ENOENT) {
+        return failed("remove", stale);
+    }
+    for (const std::string& directory : directories) {
+        const int result = flush_directory(directory);
+        if (result != OTACTL_OK) {
+            return result;
+        }
+    }
+    return OTACTL_OK;
+}
