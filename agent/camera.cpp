@@ -2,10 +2,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -32,6 +34,7 @@ constexpr size_t RECORD_SIZE_MAX = 64;  // bytes
 constexpr size_t SMALL_TEXT_MAX = 128;  // bytes
 constexpr char BOOT_ID_PATH[] = "/proc/sys/kernel/random/boot_id";
 constexpr char SERVICE_PID_PATH[] = "/tmp/corvo_upgrade.pid";
+constexpr size_t PROCESS_STATUS_MAX = 16384;  // bytes
 constexpr char SERVICE_NAME[] = "corvo_upgrade";
 constexpr size_t CHUNK_SIZE = 65536;
 
@@ -44,9 +47,45 @@ std::string first_line(const std::string& path) {
     return text.substr(0, text.find('\n'));
 }
 
+// A process that is root's through and through. Everybody may start a program under any name, also
+// one that is set-user-ID to root; but such a process keeps the group of the user who started it.
+bool is_root_alone(const std::string& processStatus) {
+    return processStatus.find("\nUid:\t0\t0\t0\t0\n") != std::string::npos &&
+           processStatus.find("\nGid:\t0\t0\t0\t0\n") != std::string::npos;
+}
+
+// The program's file can be read of root's processes by root only: the agent's user goes by the
+// name alone, which no process of anybody else can have together with root's ids.
+bool runs_service_program(const std::string& process) {
+    char path[PATH_MAX];
+    const ssize_t length = readlink((process + "exe").c_str(), path, sizeof(path));
+    if (length < 0) {
+        return errno == EACCES;
+    }
+    const std::string program(path, static_cast<size_t>(length));
+    return program.substr(program.rfind('/') + 1).starts_with(SERVICE_NAME);
+}
+
 bool is_service(int64_t processId) {
+    const std::string process = "/proc/" + std::to_string(processId) + "/";
+    std::string status;
     return processId > 0 &&
-           first_line("/proc/" + std::to_string(processId) + "/comm") == SERVICE_NAME;
+           read_small_file(process + "status", PROCESS_STATUS_MAX, FileKind::REGULAR, status)
+               .ok() &&
+           status.starts_with(std::string("Name:\t") + SERVICE_NAME + '\n') &&
+           is_root_alone(status) && runs_service_program(process);
+}
+
+// Whom the service's pid file names; -1: there is none that counts. Everybody may make a file of
+// that name in /tmp, or a link to one of root's; only root can take the name from root's own file,
+// so what was found of it still holds when it is read.
+int64_t upgrading_process() {
+    struct stat status = {};
+    if (lstat(SERVICE_PID_PATH, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != 0) {
+        return -1;
+    }
+    const int64_t processId = strtoll(first_line(SERVICE_PID_PATH).c_str(), nullptr, 10);
+    return status.st_nlink == 1 || is_service(processId) ? processId : -1;
 }
 
 bool queue_status(msqid_ds& status) {
@@ -126,7 +165,7 @@ std::string queue_mark() {
 }
 
 bool upgrade_has_begun() {
-    return access(SERVICE_PID_PATH, F_OK) == 0;
+    return upgrading_process() >= 0;
 }
 
 bool service_is_busy(int64_t sender) {
@@ -135,7 +174,7 @@ bool service_is_busy(int64_t sender) {
         is_service(status.msg_lrpid)) {
         return true;
     }
-    return is_service(strtoll(first_line(SERVICE_PID_PATH).c_str(), nullptr, 10));
+    return is_service(upgrading_process());
 }
 
 bool take_request_back(long messageType) {

@@ -34,11 +34,14 @@ QueueUse queue_use(int64_t processId);
 std::string queue_mark();
 
 // Whether an upgrade has begun since the camera started: the service then has the system-call
-// daemon write a pid file to a folder that a restart empties.
+// daemon write a pid file to a folder that a restart empties. A file there that is not root's, or
+// that is a link, was made by somebody else and counts for nothing.
 bool upgrade_has_begun();
 
 // Whether a service is at work: whom the pid file names lives and is one, or one has taken the last
-// request from the queue, and that was sent by this process id.
+// request from the queue, and that was sent by this process id. A service is a process that has its
+// name, that belongs to root with all its ids, and, where this process may look, that runs its
+// program.
 bool service_is_busy(int64_t sender);
 
 // Takes a request of this type back. Returns whether it still stood in the queue.

@@ -1,9 +1,12 @@
 // The agent's decisions, which are tables without a server or a camera.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <map>
 #include <sstream>
 
+#include "agent/camera.h"
 #include "agent/loop.h"
 #include "agent/settings.h"
 #include "agent/verdict.h"
@@ -66,6 +69,31 @@ TEST(Times, AreThoseOfTheSettingsAndTheServer) {
         uint32_t sleepS = 0, failures = 0, retryAfterS = 0, random = 0;
         row >> sleepS >> failures >> retryAfterS >> random;
         return std::to_string(delay_ms(sleepS, failures, retryAfterS, random));
+    });
+}
+
+// What this camera looks like to an agent of this user.
+std::string seen_by(uid_t user) {
+    const pid_t agent = fork();
+    if (agent == 0) {
+        const bool changed = setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0;
+        _exit(!changed ? 3 : upgrade_has_begun() + (service_is_busy(0) ? 10 : 0));
+    }
+    int status = 0;
+    waitpid(agent, &status, 0);
+    return std::to_string(WEXITSTATUS(status));
+}
+
+// A local user's pid file, or process under the service's name, is no upgrade.
+TEST(Camera, SeesAnUpgradeInRootsOwnFileAndProcessOnly) {
+    if (run("setpriv --reuid 990 true") != "0") {
+        GTEST_SKIP() << "no other users here";
+    }
+    expect_cases("agent_camera.txt", [](std::istream& row) {
+        const std::string command(std::istreambuf_iterator<char>(row), {});
+        const std::string said = run("camera; " + command);
+        return (said == "0" ? "" : said + " / ") + "root sees " + seen_by(0) + ", the agent " +
+               seen_by(990);
     });
 }
 

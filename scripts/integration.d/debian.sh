@@ -56,7 +56,7 @@ main_pid() { inside systemctl show --property MainPID --value "$1"; }
 is_active() { inside systemctl is-active --quiet "$@"; }
 has_queue() { inside ipcs -q | grep -q 666; }
 said() { inside grep -q "$1" /commands; }
-upgrade_is_running() { [ -n "$(inside find /tmp/corvo_upgrade.pid 2> /dev/null)" ]; }
+upgrade_is_running() { inside test -s /tmp/corvo_upgrade.pid; }
 state() { inside dpkg-query -W -f '${db:Status-Status}' corvo-upgrade; }
 
 check_installation() {

@@ -94,3 +94,25 @@ upgrade_arguments() { # TYPE NAME IMAGE STORAGE
     cat /dev/block/by-name/kernel
     sed -n 's/.* 4 /, /p' /tmp/said | tr -d '\n'
 }
+
+# Before each row of cases/agent_camera.txt: nothing runs, and there is no pid file.
+camera() {
+    cd /run
+    file=/tmp/corvo_upgrade.pid
+    [ ! -e started ] || kill "$(cat started)"
+    rm -rf started $file other
+    mkdir -p named
+    cp /usr/bin/sleep corvo_upgrade
+    cp /usr/bin/sleep raised
+    chmod 755 corvo_upgrade
+    chmod 6755 raised
+}
+
+# Starts what sleeps; sets pid.
+process() { # COMMAND...
+    "$@" 60 < /dev/null > /dev/null 2>&1 &
+    pid=$!
+    echo $pid > started
+    until [ "$(cat /proc/$pid/comm)" != sh ] && [ "$(cat /proc/$pid/comm)" != setpriv ]; do :; done
+}
+as_user() { exec setpriv --reuid 990 --regid 990 --clear-groups "$@"; }
