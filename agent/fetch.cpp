@@ -227,7 +227,11 @@ PackageStatus read_manifest(const Agent& agent, Manifest& manifest) {
 
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     std::string wrong;
-    if (!camera_is_fit(agent.settings.fitnessCommand, wrong)) {
+    const bool fit = camera_is_fit(agent.settings.fitnessCommand, wrong);
+    if (agent.stop) {
+        return agent_fault(AGENT_STOPPED, "");  // it may have ended the fitness command, too
+    }
+    if (!fit) {
         wait_for(agent, wrong);
         return {};
     }

@@ -35,13 +35,6 @@ bool has_begun(const ActionRecord& action) {
     return is_committed(action) || (action.stage == ACTION_WAITING && action.attempts > 0);
 }
 
-AgentStatus see_through_unasked(Agent& agent, bool& again) {
-    const DdiAction unasked = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
-    AgentStatus status = start_upgrade(agent, unasked);
-    again = status.ok() && agent.action.stage == ACTION_VERDICT;
-    return status;
-}
-
 // "11" of ".../deploymentBase/11?c=-2127183556".
 std::string id_of(const std::string& href) {
     const std::string path = href.substr(0, href.find('?'));
@@ -63,7 +56,7 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
     const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
     if (ours && has_begun(agent.action)) {
         if (agent.action.refusedCancellation == cancellation.id) {
-            return is_committed(agent.action) ? AgentStatus{} : see_through_unasked(agent, again);
+            return {};
         }
         say(agent, "cancelled too late: the upgrade has begun");
         status = agent.server.send_feedback(
@@ -94,7 +87,7 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
 
 AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& again) {
     if (has_begun(agent.action)) {
-        return is_committed(agent.action) ? AgentStatus{} : see_through_unasked(agent, again);
+        return {};
     }
     DdiAction offer;
     AgentStatus status = agent.server.get_action(href, offer);
@@ -147,7 +140,7 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
                              bool& again) {
     if (++agent.malformedOffers < MALFORMED_OFFERS_MAX) {
         again = pause(agent, MALFORMED_PAUSE_MS);
-        return {};
+        return again ? AgentStatus{} : agent_fault(AGENT_STOPPED, "");
     }
     if (id_of(href).empty()) {
         return why;
@@ -160,6 +153,9 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
 }
 
 AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
+    if (has_begun(agent.action)) {
+        return {};  // seen through first, whatever is offered
+    }
     DdiAction offer;
     AgentStatus status = agent.server.get_action(href, offer);
     if (status.result == AGENT_GONE) {
@@ -172,12 +168,6 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
         return status;
     }
     agent.malformedOffers = 0;
-    if (is_committed(agent.action)) {
-        return {};  // seen through first, whatever is offered
-    }
-    if (has_begun(agent.action) && agent.action.id != offer.id) {
-        return see_through_unasked(agent, again);
-    }
     if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
         !agent.action.downloadOnly) {
         status = drop(agent, "another one is offered instead");
@@ -221,18 +211,25 @@ AgentStatus ask(Agent& agent, bool& again) {
     if (!poll.deployment.empty()) {
         return carry_out(agent, poll.deployment, again);
     }
-    if (agent.action.stage == ACTION_NONE || agent.action.downloadOnly ||
-        is_committed(agent.action)) {
+    if (agent.action.stage == ACTION_NONE || agent.action.downloadOnly || has_begun(agent.action)) {
         return {};
     }
-    return has_begun(agent.action) ? see_through_unasked(agent, again)
-                                   : drop(agent, "the server does not offer it any more");
+    return drop(agent, "the server does not offer it any more");
 }
 
 // One question and what follows from the answer. `again`: another question is due at once.
 AgentStatus round(Agent& agent, bool& again) {
     if (is_committed(agent.action)) {
         AgentStatus status = see_through(agent);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    // Partitions may be half written: that they are written whole must not depend on a server that
+    // can be reached, nor wait for the time that it wants.
+    if (has_begun(agent.action) && !is_committed(agent.action)) {
+        const DdiAction begun = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
+        AgentStatus status = start_upgrade(agent, begun);
         if (!status.ok()) {
             return status;
         }

@@ -97,15 +97,44 @@ PackageStatus make_request(const Agent& agent, const Manifest& manifest, OtaMess
     return request_files(agent.folder, modules, request);
 }
 
-// Waits for a service that is still being started. Returns whether there is one.
-bool wait_for_service(const Agent& agent) {
+AgentStatus stopped() {
+    return agent_fault(AGENT_STOPPED, "");
+}
+
+// Early after a start the service, the boot environment, a device node or the card may not be there
+// yet: `look` is asked again for a while, until it returns whether it has seen what it wants.
+// Returns false when the agent is to end: what was not seen by then says nothing.
+bool look_patiently(const Agent& agent, const std::function<bool()>& look) {
     const uint64_t since = monotonic_ms();
-    while (queue_use(getpid()) == QueueUse::NO_QUEUE) {
-        if (monotonic_ms() - since >= PATIENCE_MS || !pause(agent, LOOK_MS)) {
+    while (!look()) {
+        if (agent.stop) {
+            return false;
+        }
+        if (monotonic_ms() - since >= PATIENCE_MS) {
+            return true;
+        }
+        if (!pause(agent, LOOK_MS)) {
             return false;
         }
     }
     return true;
+}
+
+// Whether what was read is not just missing for the moment.
+bool is_there(const PackageStatus& status) {
+    return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING;
+}
+
+// `slot` is '?' when it cannot be determined.
+bool wait_for_slot(const Agent& agent, char& slot) {
+    return look_patiently(agent, [&slot] { return (slot = boot_slot()) != '?'; });
+}
+
+// The service deletes images but never the manifest: with it in place the card is mounted, and an
+// image that is missing is not going to appear.
+bool wait_for_card(const Agent& agent) {
+    const std::string path = agent.folder + agent.action.manifestFile;
+    return look_patiently(agent, [&path] { return access(path.c_str(), F_OK) == 0; });
 }
 
 // No service is at work on the request any more, and the camera has not restarted.
@@ -116,10 +145,14 @@ AgentStatus end_without_restart(Agent& agent) {
     if (service_is_busy(agent.action.processId)) {
         return {};  // it was just about to take it
     }
-    const char slot = boot_slot();
-    if (is_other_slot(slot, agent.action.slotBefore)) {
-        // Whenever the camera starts next, the new system runs: that is when it is known.
-        wait_for(agent, "a restart: the slot is switched");
+    char slot = '?';
+    if (!wait_for_slot(agent, slot)) {
+        return stopped();
+    }
+    if (slot != agent.action.slotBefore) {
+        // Whenever the camera starts next, the new system may run: that is when it is known.
+        wait_for(agent, slot == '?' ? "a restart: the slot is unknown"
+                                    : "a restart: the slot is switched");
         return {};
     }
     return conclude(
@@ -133,7 +166,7 @@ AgentStatus watch_upgrade(Agent& agent) {
     uint64_t seenBusy = begin;
     while (monotonic_ms() - begin < WATCH_MS) {
         if (!pause(agent, LOOK_MS)) {
-            return agent_fault(AGENT_STOPPED, "");
+            return stopped();
         }
         const uint64_t now = monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
@@ -153,6 +186,9 @@ AgentStatus post(Agent& agent) {
     PackageStatus status = parse_manifest(agent.action.manifest, manifest);
     if (status.ok()) {
         // Another process may have committed, and time has gone by.
+        if (!wait_for_card(agent)) {
+            return stopped();
+        }
         status = check_content(agent, manifest);
     }
     if (status.ok()) {
@@ -180,25 +216,15 @@ AgentStatus post(Agent& agent) {
     return watch_upgrade(agent);
 }
 
-// Early after a start the boot environment or a device node may not be there yet: `look` is asked
-// again for a while, until it returns whether it has seen what it wants.
-void look_patiently(const Agent& agent, const std::function<bool()>& look) {
-    const uint64_t since = monotonic_ms();
-    while (!look() && monotonic_ms() - since < PATIENCE_MS && pause(agent, LOOK_MS)) {
-    }
-}
-
-char patient_boot_slot(const Agent& agent) {
-    char slot = '?';
-    look_patiently(agent, [&slot] { return (slot = boot_slot()) != '?'; });
-    return slot;
-}
-
 // Everything that the verdict needs comes onto the medium before the request is out. `mark` is the
 // queue's from before it was looked at.
 AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& mark) {
+    char slot = '?';
+    if (!wait_for_slot(agent, slot)) {
+        return stopped();
+    }
     agent.action.manifest = format_manifest(manifest);
-    agent.action.slotBefore = patient_boot_slot(agent);
+    agent.action.slotBefore = slot;
     agent.action.recordBefore = outcome_record();
     agent.action.bootId = agent.bootId;
     agent.action.processId = getpid();
@@ -237,13 +263,13 @@ PackageStatus find_disagreement(const Agent& agent, const Manifest& manifest) {
     return agent.settings.checkPartitions ? check_partitions(manifest) : PackageStatus{};
 }
 
-std::string patient_disagreement(const Agent& agent, const Manifest& manifest) {
-    PackageStatus found;
-    look_patiently(agent, [&] {
-        found = find_disagreement(agent, manifest);
-        return found.result != PACKAGE_UNREADABLE;
+// `wrong` is empty when nothing speaks against it. Returns as look_patiently() does.
+bool wait_for_disagreement(const Agent& agent, const Manifest& manifest, std::string& wrong) {
+    return look_patiently(agent, [&] {
+        const PackageStatus found = find_disagreement(agent, manifest);
+        wrong = found.text;
+        return is_there(found);
     });
-    return found.text;
 }
 
 AgentStatus judge_restart(Agent& agent) {
@@ -254,16 +280,24 @@ AgentStatus judge_restart(Agent& agent) {
     }
     AfterRestart seen = {.record = outcome_record(),
                          .recordBefore = agent.action.recordBefore,
-                         .slot = patient_boot_slot(agent),
+                         .slot = '?',
                          .slotBefore = agent.action.slotBefore,
                          .packageThere = false,
                          .partitionsRead = false,
                          .disagreement = "",
                          .attempts = agent.action.attempts};
+    if (!wait_for_slot(agent, seen.slot)) {
+        return stopped();
+    }
     if (is_other_slot(seen.slot, seen.slotBefore)) {
         seen.partitionsRead = agent.settings.checkPartitions;
-        seen.disagreement = patient_disagreement(agent, manifest);
+        if (!wait_for_disagreement(agent, manifest, seen.disagreement)) {
+            return stopped();
+        }
     } else {
+        if (!wait_for_card(agent)) {
+            return stopped();
+        }
         seen.packageThere = check_content(agent, manifest).ok();
     }
     std::string words;
@@ -275,9 +309,9 @@ AgentStatus judge_restart(Agent& agent) {
         case Judgement::AGAIN:
             break;
     }
-    // The server may have changed its mind, and the camera may not be fit any more.
+    // The camera may not be fit any more. The server learns of it when the request is posted: a
+    // server that does not answer must not delay that.
     say(agent, words + "; once more");
-    (void)tell(agent, DdiExecution::PROCEEDING, words + "; once more");
     agent.action.stage = ACTION_WAITING;
     return store(agent);
 }
@@ -294,21 +328,33 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     std::string reason = reason_to_wait(agent, offer);
+    if (agent.stop) {
+        return stopped();  // it may have ended the fitness command, too
+    }
     if (!reason.empty()) {
         wait_for(agent, reason);
         return {};
     }
     Manifest manifest;
-    PackageStatus taken = read_manifest(agent, manifest);
+    PackageStatus taken;
+    if (!look_patiently(agent, [&] { return is_there(taken = read_manifest(agent, manifest)); })) {
+        return stopped();
+    }
     if (taken.ok()) {
         taken = check_content(agent, manifest);
     }
     if (!taken.ok()) {
         return conclude(agent, false, taken.text);
     }
-    if (!upgrade_has_begun() && !wait_for_service(agent)) {
-        return agent.stop ? agent_fault(AGENT_STOPPED, "")
-                          : conclude(agent, false, "the upgrade service does not run");
+    bool serves = upgrade_has_begun();
+    const auto look = [&serves] {
+        return serves = serves || queue_use(getpid()) != QueueUse::NO_QUEUE;
+    };
+    if (!look_patiently(agent, look)) {
+        return stopped();
+    }
+    if (!serves) {
+        return conclude(agent, false, "the upgrade service does not run");
     }
     const std::string mark = queue_mark();
     reason = others_upgrade(agent) ? "the end of another upgrade, and the restart behind it" : "";
@@ -354,11 +400,15 @@ AgentStatus see_through(Agent& agent) {
 AgentStatus look_again(Agent& agent) {
     Manifest manifest;
     std::string wrong = parse_manifest(agent.action.manifest, manifest).text;
-    if (wrong.empty() && patient_boot_slot(agent) == agent.action.slotBefore) {
-        wrong = "the slot was switched back";
-    }
     if (wrong.empty()) {
-        wrong = patient_disagreement(agent, manifest);
+        char slot = '?';
+        if (!wait_for_slot(agent, slot)) {
+            return stopped();
+        }
+        wrong = slot == agent.action.slotBefore ? "the slot was switched back" : "";
+    }
+    if (wrong.empty() && !wait_for_disagreement(agent, manifest, wrong)) {
+        return stopped();
     }
     if (wrong.empty()) {
         return {};

@@ -26,6 +26,9 @@ constexpr char BOOT_ID[] = "/proc/sys/kernel/random/boot_id";
 constexpr char PLAYED_BOOT_ID[] = "/run/boot_id";
 constexpr char SLOT[] = "/run/slot";
 const std::string AGENT_FOLDER = "/media/mmcblk0p1/ota/agent/";
+// The package of a card that is mounted late, and how often an agent is looked at before it is.
+constexpr char UNMOUNTED[] = "/media/mmcblk0p1/ota/unmounted";
+constexpr int MOUNTED_AFTER_LOOKS = 50;
 const std::string STATE_FOLDER = "/config/agent/";
 const std::string KERNEL = pattern_bytes(70000, 1);
 const std::string ROOTFS = pattern_bytes(16384, 2);
@@ -122,6 +125,12 @@ class World {
         if (contains(mode_, "switched-back")) {
             write_file(SLOT, "A\n");
         }
+        if (contains(mode_, "stopped")) {
+            write_file("/run/stop", "");
+        }
+        if (contains(mode_, "late-card")) {
+            rename(AGENT_FOLDER.c_str(), UNMOUNTED);
+        }
         if (contains(mode_, "by-hand") || (contains(mode_, "later") && boots_ > 1)) {
             write_file("/dev/block/by-name/kernel", std::string(Camera::PARTITION_SIZE, 'h'));
         }
@@ -164,8 +173,12 @@ class World {
         start_agent(cutAt);
         int status = 0;
         bool restarts = false;
+        int looks = 0;
         EXPECT_TRUE(eventually(30000, [&] {
             count_requests();
+            if (++looks == MOUNTED_AFTER_LOOKS) {
+                rename(UNMOUNTED, AGENT_FOLDER.c_str());
+            }
             if (act_ && server_.requests().size() >= actAt_) {
                 std::exchange(act_, nullptr)(server_);
             }
@@ -214,6 +227,7 @@ class World {
     void start_agent(int cutAt) {
         agent_ = fork();
         if (agent_ == 0) {
+            write_file("/run/agent.pid", std::to_string(getpid()) + "\n");
             setenv("CORVO_CUT", std::to_string(cutAt).c_str(), 1);
             const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(log, STDOUT_FILENO);

@@ -2,7 +2,7 @@
 # settings. Arguments: the row's first word, the server's URL, the camera's name there.
 set -e
 folder=/media/mmcblk0p1/ota
-rm -rf /config/agent $folder/agent
+rm -rf /config/agent $folder/agent /run/stop /run/once
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
@@ -10,7 +10,12 @@ case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/fil
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
 echo 1.9 > /etc/version
-printf '#!/bin/sh\ncat /run/slot\n' > /camera/bin/fw_printenv
+# /run/stop: the agent is asked to end, and what it asks for is not there yet.
+cat > /camera/bin/fw_printenv << 'end'
+#!/bin/sh
+[ ! -e /run/stop ] || { rm /run/stop && kill -TERM "$(cat /run/agent.pid)" && exit 1; }
+cat /run/slot
+end
 chmod 755 /camera/bin/fw_printenv
 boot_id=/proc/sys/kernel/random/boot_id
 echo 0 > /run/boot_id
@@ -27,6 +32,7 @@ chmod 600 /etc/corvo/token
         asks | agrees | denies) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
+        stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;
         # The server has been told so much already that it takes hardly more.
         talked) echo "fitness-command = 'sed -i s/statuses.*/statuses\\\":\ 900,/ /config/agent/action.json'" ;;
         # Not in UTF-8, as the server wants it.
