@@ -1,7 +1,10 @@
 // corvo_agent: brings what an update server has for this camera to the upgrade service, and tells
 // the server what became of it.
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "agent/loop.h"
 #include "agent/settings.h"
@@ -14,9 +17,36 @@ constexpr uint32_t SLEEP_IN_TROUBLE_MS = 300000;
 
 struct Arguments {
     AgentSettings settings;
+    std::string emptySetting;  // the name of one that was given without a value
     std::string checkPartitions = "on";
     bool json = false;
 };
+
+// The file, in which the parser takes an empty value for none: a check would be off unnoticed.
+class SettingsFile : public CLI::ConfigBase {
+  public:
+    explicit SettingsFile(std::string& emptySetting) : emptySetting_(emptySetting) {}
+    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+        std::vector<CLI::ConfigItem> settings = CLI::ConfigBase::from_config(input);
+        for (const CLI::ConfigItem& item : settings) {
+            if (item.inputs.empty() || std::ranges::count(item.inputs, "") > 0) {
+                emptySetting_ = item.fullname();
+            }
+        }
+        return settings;
+    }
+
+  private:
+    std::string& emptySetting_;
+};
+
+void find_empty_option(const CLI::App& app, std::string& name) {
+    for (const CLI::Option* option : app.get_options()) {
+        if (std::ranges::count(option->results(), "") > 0) {
+            name = option->get_lnames().front();
+        }
+    }
+}
 
 void add_settings(CLI::App& app, Arguments& arguments) {
     AgentSettings& settings = arguments.settings;
@@ -25,6 +55,7 @@ void add_settings(CLI::App& app, Arguments& arguments) {
         app.add_option(name, value, help)->capture_default_str();
     };
     app.set_config("--config", AGENT_SETTINGS_PATH, "The settings' file");
+    app.config_formatter(std::make_shared<SettingsFile>(arguments.emptySetting));
     app.allow_config_extras(CLI::config_extras_mode::error);
     text("--server", server.url, "URL of the update server");
     text("--tenant", server.tenant, "The server's tenant");
@@ -36,8 +67,8 @@ void add_settings(CLI::App& app, Arguments& arguments) {
     text("--ca", server.ca, "Who may vouch for the server (PEM; the system's authorities)");
     text("--keyring", settings.keyring, "Root certificates of whose packages are taken (PEM)");
     text("--crl", settings.crl, "Certificate revocation lists (PEM)");
-    text("--compatible", settings.compatible, "The kind of this camera");
-    text("--version-file", settings.versionFile, "Says which version runs");
+    text("--compatible", settings.compatible, "This camera's hardware type");
+    text("--version-file", settings.versionFile, "Says which version runs; none: not compared");
     text("--check-partitions", arguments.checkPartitions,
          "Hash the partitions after the restart: on or off");
     text("--download-folder", settings.downloadFolder, "Where packages go");
@@ -63,8 +94,14 @@ int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
                                                   arguments.checkPartitions + "\"");
     }
     settings.checkPartitions = arguments.checkPartitions == "on";
+    find_empty_option(app, arguments.emptySetting);
+    if (!arguments.emptySetting.empty()) {
+        status = agent_fault(AGENT_MALFORMED, arguments.emptySetting + ": must not be empty");
+    }
+    const bool isLocal =
+        app.got_subcommand("status") || app.got_subcommand("confirm") || app.got_subcommand("deny");
     if (status.ok()) {
-        status = complete_settings(settings, keyring);
+        status = isLocal ? complete_local_settings(settings) : complete_settings(settings, keyring);
     }
     if (!status.ok()) {
         print_error(AGENT, status.text);

@@ -4,6 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "agent/folder.h"
 #include "ota/ota_message.h"
 #include "package/files.h"
 #include "package/manifest.h"
@@ -19,14 +24,52 @@ AgentStatus wrong(const char* setting, const std::string& what) {
     return agent_fault(AGENT_MALFORMED, std::string(setting) + ": " + what);
 }
 
+// One way only to write a path, so that two can be compared.
 AgentStatus need_folder(const char* setting, std::string& folder) {
     if (!folder.starts_with('/')) {
         return wrong(setting, "an absolute path, please, not \"" + folder + "\"");
     }
-    if (!folder.ends_with('/')) {
-        folder += '/';
+    std::string plain = "/";
+    for (size_t begin = 1, end = 0; begin < folder.size(); begin = end + 1) {
+        end = std::min(folder.find('/', begin), folder.size());
+        const std::string name = folder.substr(begin, end - begin);
+        if (name == "..") {
+            return wrong(setting, "a path without \"..\", please, not \"" + folder + "\"");
+        }
+        plain += name.empty() || name == "." ? "" : name + '/';
     }
+    folder = plain;
     return {};
+}
+
+// Whoever can write to a folder can replace what lies in it.
+AgentStatus need_safe_place(const char* setting, const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string open = path.empty() ? ""
+                             : slash == std::string::npos
+                                 ? folder_open_to_others(".")
+                                 : folder_open_to_others(path.substr(0, slash + 1));
+    return open.empty() ? AgentStatus{} : wrong(setting, "others can write to " + open);
+}
+
+AgentStatus check_folders(AgentSettings& settings) {
+    AgentStatus status = need_folder("download-folder", settings.downloadFolder);
+    if (status.ok()) {
+        status = need_folder("state-folder", settings.stateFolder);
+    }
+    // The request has room for so much of a path.
+    constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
+    if (status.ok() && settings.downloadFolder.size() > LONGEST) {
+        status = wrong("download-folder", "longer than " + std::to_string(LONGEST) + " characters");
+    }
+    // What the action does not name is removed from one of them, and the action lies in the other.
+    if (status.ok() &&
+        (folders_overlap(settings.downloadFolder, settings.stateFolder) ||
+         folders_overlap(settings.downloadFolder + AGENT_FOLDER, settings.stateFolder))) {
+        status = wrong("state-folder", settings.stateFolder + " and the download folder " +
+                                           settings.downloadFolder + " must be apart");
+    }
+    return status;
 }
 
 // The secret that "SCHEME SECRET" of the header is made of.
@@ -49,17 +92,20 @@ AgentStatus read_token(const char* setting, const std::string& path, const char*
     return {};
 }
 
+void name_camera(ServerSettings& server) {
+    char host[CONTROLLER_ID_SIZE_MAX + 1] = {};
+    if (server.controllerId.empty() && gethostname(host, sizeof(host) - 1) == 0) {
+        server.controllerId = host;
+    }
+}
+
 AgentStatus check_server(ServerSettings& server) {
     if (!server.url.starts_with("https://") && !server.url.starts_with("http://")) {
         return wrong("server", "a URL such as https://updates.example:8443 is needed");
     }
     server.url.erase(server.url.find_last_not_of('/') + 1);
     if (server.controllerId.empty()) {
-        char host[CONTROLLER_ID_SIZE_MAX + 1] = {};
-        if (gethostname(host, sizeof(host) - 1) != 0 || host[0] == '\0') {
-            return wrong("controller-id", "not set, and this camera has no host name");
-        }
-        server.controllerId = host;
+        return wrong("controller-id", "not set, and this camera has no host name");
     }
     if (server.controllerId.size() > CONTROLLER_ID_SIZE_MAX) {
         return wrong("controller-id", "at most 255 characters");
@@ -92,6 +138,24 @@ AgentStatus read_tokens(AgentSettings& settings) {
     return {};
 }
 
+AgentStatus check_places(const AgentSettings& settings) {
+    const std::string key = settings.server.key.starts_with("pkcs11:") ? "" : settings.server.key;
+    const std::array<std::pair<const char*, std::string>, 6> files = {
+        {{"target-token-file", settings.targetTokenFile},
+         {"gateway-token-file", settings.gatewayTokenFile},
+         {"key", key},
+         {"ca", settings.server.ca},
+         {"keyring", settings.keyring},
+         {"crl", settings.crl}}};
+    for (const auto& [setting, path] : files) {
+        AgentStatus status = need_safe_place(setting, path);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    return {};
+}
+
 AgentStatus check_consent(const AgentSettings& settings) {
     DayWindow window;
     if (!settings.window.empty() && !parse_window(settings.window, window)) {
@@ -116,7 +180,10 @@ AgentStatus check_package(AgentSettings& settings, Keyring& keyring) {
     if (!loaded.ok()) {
         return wrong("keyring", loaded.text);
     }
-    if (!settings.compatible.empty() && !is_camera_kind(settings.compatible)) {
+    if (settings.compatible.empty()) {
+        return wrong("compatible", "is needed: it keeps other cameras' packages out");
+    }
+    if (!is_camera_kind(settings.compatible)) {
         return wrong("compatible", "\"" + settings.compatible + "\" is no kind of camera");
     }
     return {};
@@ -150,26 +217,37 @@ bool is_inside(const DayWindow& window, int32_t minuteOfDay) {
     return minuteOfDay >= window.from || minuteOfDay < window.until;
 }
 
+AgentStatus complete_local_settings(AgentSettings& settings) {
+    name_camera(settings.server);
+    if (settings.versionFile == NO_VERSION_FILE) {
+        settings.versionFile.clear();
+    }
+    return check_folders(settings);
+}
+
 AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
-    AgentStatus status = check_server(settings.server);
+    const bool versionFileIsSet = !settings.versionFile.empty();
+    AgentStatus status = complete_local_settings(settings);
+    if (status.ok()) {
+        status = check_server(settings.server);
+    }
     if (status.ok()) {
         status = read_tokens(settings);
     }
     if (status.ok()) {
-        status = need_folder("download-folder", settings.downloadFolder);
-    }
-    // The request has room for so much of a path.
-    constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
-    if (status.ok() && settings.downloadFolder.size() > LONGEST) {
-        status = wrong("download-folder", "longer than " + std::to_string(LONGEST) + " characters");
-    }
-    if (status.ok()) {
-        status = need_folder("state-folder", settings.stateFolder);
+        status = check_places(settings);
     }
     if (status.ok()) {
         status = check_consent(settings);
     }
-    return status.ok() ? check_package(settings, keyring) : status;
+    if (status.ok()) {
+        status = check_package(settings, keyring);
+    }
+    if (status.ok() && !versionFileIsSet) {
+        status =
+            wrong("version-file", "is needed: it keeps older packages out; \"none\" does without");
+    }
+    return status;
 }
 
 DdiAttributes set_attributes(const AgentSettings& settings) {

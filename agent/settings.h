@@ -18,6 +18,9 @@ constexpr char AGENT[] = "corvo_agent";
 constexpr char AGENT_FOLDER[] = "agent/";
 constexpr char AGENT_SETTINGS_PATH[] = "/etc/corvo/agent.conf";
 
+// Instead of a version file: older packages are accepted, too.
+constexpr char NO_VERSION_FILE[] = "none";
+
 // As they were said; names with "-" instead of capitals ("controller-id").
 struct AgentSettings {
     ServerSettings server;  // "server", "tenant", "controller-id", "certificate", "key", "ca",
@@ -25,10 +28,11 @@ struct AgentSettings {
     std::string targetTokenFile;
     std::string gatewayTokenFile;
 
-    std::string keyring;      // PEM file of root certificates
-    std::string crl;          // PEM file of revocation lists, or empty
-    std::string compatible;   // the kind of this camera; empty: not asked
-    std::string versionFile;  // of the running system, or empty
+    std::string keyring;     // PEM file of root certificates
+    std::string crl;         // PEM file of revocation lists, or empty
+    std::string compatible;  // this camera's hardware type
+    std::string
+        versionFile;  // of the running system, or NO_VERSION_FILE; empty when it is complete
     bool checkPartitions = true;
 
     std::string downloadFolder = "/media/mmcblk0p1/ota/";
@@ -51,9 +55,12 @@ bool parse_window(const std::string& text, DayWindow& window);
 
 bool is_inside(const DayWindow& window, int32_t minuteOfDay);
 
-// Checks the settings against each other, puts in what they leave open (the host's name, a "/" at a
-// folder's end) and reads the token and the keyring. Returns AGENT_OK, or AGENT_MALFORMED with a
-// line that names the setting.
+// Checks the folders and completes them (a "/" at the end) and the controller id (the host's name):
+// all that is needed without a server and without a package. Returns AGENT_OK, or AGENT_MALFORMED
+// with a line that names the setting.
+AgentStatus complete_local_settings(AgentSettings& settings);
+
+// The same of all settings; reads the token and the keyring.
 AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring);
 
 // The attributes that were set, taken apart.

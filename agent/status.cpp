@@ -62,7 +62,8 @@ Json history_json(const std::vector<HistoryEntry>& history) {
 }
 
 void print_words(const AgentSettings& settings, const Json& status) {
-    printf("server     %s, as %s\n", settings.server.url.c_str(),
+    printf("server     %s, as %s\n",
+           settings.server.url.empty() ? "not set" : settings.server.url.c_str(),
            settings.server.controllerId.c_str());
     for (const auto& [name, value] : status["running"].items()) {
         printf("%-10s %s\n", name.c_str(), value.get<std::string>().c_str());

@@ -2,7 +2,7 @@ if(NOT CORVO_BUILD_AGENT)
   return()
 endif()
 
-corvo_test(agent_test SOURCES agent_test.cpp support/session.cpp LINK agent_parts)
+corvo_test(agent_test SOURCES agent_test.cpp support/session.cpp LINK agent_parts WRAP syscall)
 target_compile_definitions(agent_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:corvo_agent>")
 add_dependencies(agent_test corvo_agent)
 if(CMAKE_CROSSCOMPILING)

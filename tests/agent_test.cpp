@@ -1,8 +1,11 @@
 // The agent's decisions, which are tables without a server or a camera.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <sstream>
 
@@ -10,8 +13,26 @@
 #include "agent/loop.h"
 #include "agent/settings.h"
 #include "agent/verdict.h"
+#include "base/open_without_links.h"
 #include "files.h"
 #include "session.h"
+
+namespace {
+
+bool g_oldKernel = false;
+
+}  // namespace
+
+extern "C" {
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
+    if (g_oldKernel && number == SYS_openat2) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return __real_syscall(number, a, b, c, d, e, f);
+}
+}
 
 namespace {
 
@@ -50,7 +71,8 @@ TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
         "agent_settings.txt",
         "cd /run; [ -d pki ] || \"$TEXTS/../scripts/make_pki\" pki; echo secret > token; "
         "chmod 600 token; printf 'server = https://localhost:1\\ncontroller-id = cam\\n"
-        "keyring = pki/root.pem\\nstate-folder = /run/state\\n' > conf; "
+        "keyring = pki/root.pem\\nstate-folder = /run/state\\ncompatible = R5C20\\n"
+        "version-file = none\\n' > conf; "
         "agent() { corvo_agent --config conf \"$@\"; }; ");
 }
 
@@ -95,6 +117,37 @@ TEST(Camera, SeesAnUpgradeInRootsOwnFileAndProcessOnly) {
         return (said == "0" ? "" : said + " / ") + "root sees " + seen_by(0) + ", the agent " +
                seen_by(990);
     });
+}
+
+// As the kernel does it, and as it is done for a kernel that cannot.
+TEST(Folders, LinksAreNotFollowed) {
+    std::filesystem::create_directories("/run/links/folder");
+    write_file("/run/links/folder/file", "text");
+    std::filesystem::create_symlink("folder", "/run/links/link");
+    std::filesystem::create_symlink("file", "/run/links/folder/link");
+    const std::map<std::string, int> results = {{"/", 0},
+                                                {"//run//links/folder/", 0},
+                                                {"/run/links/folder/file", 0},
+                                                {"/run/links/folder/file/", ENOTDIR},
+                                                {"/run/links/folder/none", ENOENT},
+                                                {"/run/links/folder/link", ELOOP},
+                                                {"/run/links/link", ELOOP},
+                                                {"/run/links/link/", ELOOP},
+                                                {"/run/links/link/file", ELOOP},
+                                                {"/" + std::string(300, 'x'), ENAMETOOLONG}};
+    for (g_oldKernel = false;; g_oldKernel = true) {
+        for (const auto& [path, error] : results) {
+            for (const int flags : {O_RDONLY, O_PATH, O_RDONLY | O_DIRECTORY}) {
+                const corvo::UniqueFd file(corvo::open_without_links(path.c_str(), flags));
+                const bool isFile = path.ends_with("file") && error == 0;
+                const int expected = isFile && (flags & O_DIRECTORY) != 0 ? ENOTDIR : error;
+                EXPECT_EQ(expected, file.valid() ? 0 : errno) << path << " " << flags;
+            }
+        }
+        if (g_oldKernel) {
+            break;
+        }
+    }
 }
 
 }  // namespace

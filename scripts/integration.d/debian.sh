@@ -82,7 +82,8 @@ check_agent() {
     check "systemd-analyze verify is silent about it" no_output inside "${verify[@]}"
     check "its exposure is at most 2.5" exposure_at_most corvo-agent 25
     inside sh -c "mkdir -p /etc/corvo && cp $work/pki/root.pem /etc/corvo/keyring.pem
-        printf 'server = https://127.0.0.1:1\nkeyring = /etc/corvo/keyring.pem\n' > /etc/corvo/agent.conf"
+        printf 'server = https://127.0.0.1:1\nkeyring = /etc/corvo/keyring.pem\n' > /etc/corvo/agent.conf
+        printf 'compatible = R5C20\nversion-file = none\n' >> /etc/corvo/agent.conf"
     check "with settings it starts" inside systemctl start corvo-agent
     check "it polls" await 10 inside test -e /run/corvo-agent/status.json
     check "as a user of its own" owned_by corvo-agent "/proc/$(main_pid corvo-agent)" /run/corvo-agent /config/agent \

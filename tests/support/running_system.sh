@@ -29,6 +29,7 @@ until ! kill -0 $service 2> /dev/null; do sleep 0.2; done
 made
 
 "$(dirname "$0")/../../scripts/make_pki" /run/pki > /run/pki.txt 2>&1
-corvo_agent --server https://localhost:1 --controller-id camera --keyring /run/pki/root.pem once \
+corvo_agent --server https://localhost:1 --controller-id camera --keyring /run/pki/root.pem \
+    --compatible R5C20 --version-file none once \
     2> /run/agent.txt || [ $? = 69 ]
 made
