@@ -1,15 +1,14 @@
 #include "agent/action.h"
 
-#include <errno.h>
-#include <stdio.h>
-#include <string.h>
+#include <stdlib.h>
 
 #include <array>
 #include <string_view>
 
 #include "agent/json_text.h"
+#include "agent/settings.h"
 #include "agent/stored_file.h"
-#include "package/files.h"
+#include "error_line.h"
 
 namespace {
 
@@ -135,12 +134,9 @@ AgentStatus load_action(const std::string& stateFolder, ActionRecord& action) {
     action = {};
     const std::string path = stateFolder + ACTION_FILE;
     std::string text;
-    const PackageStatus read = read_small_file(path, STATE_SIZE_MAX, FileKind::REGULAR, text);
-    if (read.result == PACKAGE_MISSING) {
-        return {};
-    }
-    if (!read.ok()) {
-        return agent_fault(AGENT_MEDIUM, read.text);
+    AgentStatus status = load_file(path, STATE_SIZE_MAX, text);
+    if (!status.ok()) {
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     if (!parse_action_text(text, action)) {
         action = {};
@@ -150,11 +146,7 @@ AgentStatus load_action(const std::string& stateFolder, ActionRecord& action) {
 }
 
 AgentStatus put_action_aside(const std::string& stateFolder) {
-    const std::string path = stateFolder + ACTION_FILE;
-    if (rename(path.c_str(), (path + ".bad").c_str()) != 0) {
-        return agent_fault(AGENT_MEDIUM, "cannot rename " + path + ": " + strerror(errno));
-    }
-    return flush_folder_of(path);
+    return put_aside(stateFolder + ACTION_FILE);
 }
 
 AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action) {
@@ -165,16 +157,17 @@ AgentStatus remove_action(const std::string& stateFolder) {
     return remove_stored_file(stateFolder + ACTION_FILE);
 }
 
-std::vector<HistoryEntry> load_history(const std::string& stateFolder) {
-    std::vector<HistoryEntry> history;
+AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntry>& history) {
+    history.clear();
+    const std::string path = stateFolder + HISTORY_FILE;
     std::string text;
-    if (!read_small_file(stateFolder + HISTORY_FILE, STATE_SIZE_MAX, FileKind::REGULAR, text)
-             .ok()) {
-        return history;
+    AgentStatus status = load_file(path, STATE_SIZE_MAX, text);
+    if (!status.ok()) {
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     const Json json = json_from(text);
     if (!json.is_array()) {
-        return history;
+        return agent_fault(AGENT_MALFORMED, path + " is not what this agent writes");
     }
     for (const Json& line : json) {
         HistoryEntry entry;
@@ -188,11 +181,19 @@ std::vector<HistoryEntry> load_history(const std::string& stateFolder) {
             history.push_back(std::move(entry));
         }
     }
-    return history;
+    return {};
 }
 
 AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry) {
-    std::vector<HistoryEntry> history = load_history(stateFolder);
+    std::vector<HistoryEntry> history;
+    AgentStatus status = load_history(stateFolder, history);
+    if (status.result == AGENT_MALFORMED) {
+        print_error(AGENT, status.text + "; it is put aside");
+        status = put_aside(stateFolder + HISTORY_FILE);
+    }
+    if (!status.ok()) {
+        return status;
+    }
     // A cut between this and the record's removal adds the same again.
     std::erase_if(history, [&](const HistoryEntry& old) { return old.id == entry.id; });
     history.push_back(entry);

@@ -47,11 +47,11 @@ struct ActionRecord {
     std::string words;
 };
 
-// Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, AGENT_MEDIUM when there is one
-// that cannot be read, or AGENT_MALFORMED when it is not what an agent has written.
+// Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, AGENT_MEDIUM when nobody can tell
+// whether there is one, or AGENT_MALFORMED when it is not what an agent has written.
 AgentStatus load_action(const std::string& stateFolder, ActionRecord& action);
 
-// Renames a record that is malformed to `action.json.bad`. Returns AGENT_OK or AGENT_MEDIUM.
+// Renames a record that is malformed, as put_aside() does. Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus put_action_aside(const std::string& stateFolder);
 
 // Returns AGENT_OK or AGENT_MEDIUM.
@@ -71,8 +71,13 @@ struct HistoryEntry {
     int64_t time = 0;  // seconds since 1970, by the camera's clock
 };
 
-// Adds to `history.json`, which keeps the last 20. A history that cannot be read starts anew.
+// Reads `history.json`; empty when there is none. Returns AGENT_OK, AGENT_MEDIUM when nobody can
+// tell what it holds, or AGENT_MALFORMED when it is not what an agent has written.
+AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntry>& history);
+
+// Adds to `history.json`, which keeps the last 20. One that is malformed is put aside, which is
+// reported on standard error; one that cannot be read stays as it is. Returns AGENT_OK or
+// AGENT_MEDIUM.
 AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry);
-std::vector<HistoryEntry> load_history(const std::string& stateFolder);
 
 #endif  // AGENT_ACTION_H

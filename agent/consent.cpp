@@ -2,7 +2,6 @@
 
 #include "agent/json_text.h"
 #include "agent/stored_file.h"
-#include "package/files.h"
 
 namespace {
 
@@ -16,19 +15,27 @@ AgentStatus store_consent(const std::string& stateFolder, const std::string& id,
                       text_of_json({{"id", id}, {"confirmed", confirmed}}) + '\n');
 }
 
-bool find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed) {
+AgentStatus find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed) {
+    const std::string path = stateFolder + CONSENT_FILE;
     std::string text;
-    if (!read_small_file(stateFolder + CONSENT_FILE, CONSENT_SIZE_MAX, FileKind::REGULAR, text)
-             .ok()) {
-        return false;
+    AgentStatus status = load_file(path, CONSENT_SIZE_MAX, text);
+    if (!status.ok()) {
+        return status;
     }
     const Json json = json_from(text);
-    if (!json.is_object() || !json.contains("id") || json["id"] != id ||
-        !json.contains("confirmed") || !json["confirmed"].is_boolean()) {
-        return false;
+    if (!json.is_object() || !json.contains("id") || !json.contains("confirmed") ||
+        !json["confirmed"].is_boolean()) {
+        return agent_fault(AGENT_MALFORMED, path + " is not what this agent writes");
+    }
+    if (json["id"] != id) {
+        return agent_fault(AGENT_GONE, path + " answers for another action");
     }
     confirmed = json["confirmed"].get<bool>();
-    return true;
+    return {};
+}
+
+AgentStatus put_consent_aside(const std::string& stateFolder) {
+    return put_aside(stateFolder + CONSENT_FILE);
 }
 
 AgentStatus remove_consent(const std::string& stateFolder) {

@@ -10,9 +10,15 @@
 // AGENT_MEDIUM.
 AgentStatus store_consent(const std::string& stateFolder, const std::string& id, bool confirmed);
 
-// Returns whether there is an answer for this action.
-bool find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed);
+// Reads the answer for this action. Returns AGENT_OK; AGENT_GONE when there is none, or one for
+// another action; AGENT_MALFORMED when what lies there is not what store_consent() writes; or
+// AGENT_MEDIUM when nobody can tell.
+AgentStatus find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed);
 
+// Renames an answer that is malformed, as put_aside() does. Returns AGENT_OK or AGENT_MEDIUM.
+AgentStatus put_consent_aside(const std::string& stateFolder);
+
+// Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus remove_consent(const std::string& stateFolder);
 
 #endif  // AGENT_CONSENT_H

@@ -85,6 +85,22 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
     return status.result == AGENT_GONE ? AgentStatus{} : status;
 }
 
+// What was answered on the camera. AGENT_GONE: nobody has answered yet.
+AgentStatus consent_given(const Agent& agent, const std::string& id, bool& confirmed) {
+    if (agent.settings.confirm != "ask") {
+        confirmed = true;
+        return {};
+    }
+    AgentStatus status = find_consent(agent.settings.stateFolder, id, confirmed);
+    if (status.result != AGENT_MALFORMED) {
+        return status;
+    }
+    print_error(AGENT, status.text + "; it is put aside");
+    const AgentStatus aside = put_consent_aside(agent.settings.stateFolder);
+    status.result = AGENT_GONE;
+    return aside.ok() ? status : aside;
+}
+
 AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& again) {
     if (has_begun(agent.action)) {
         return {};
@@ -94,13 +110,16 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
     if (!status.ok()) {
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
-    bool confirmed = true;
-    if (agent.settings.confirm == "ask") {
-        if (!find_consent(agent.settings.stateFolder, offer.id, confirmed)) {
-            agent.waitingFor = WAITS_FOR_CONSENT;
-            agent.waitingId = offer.id;
-            return {};
+    bool confirmed = false;
+    status = consent_given(agent, offer.id, confirmed);
+    if (!status.ok()) {
+        agent.waitingFor = WAITS_FOR_CONSENT;
+        agent.waitingId = offer.id;
+        if (agent.consentLogged != offer.id) {
+            agent.consentLogged = offer.id;
+            log_action(offer.id, "waits for consent: corvo_agent confirm or deny");
         }
+        return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     status = agent.server.send_confirmation(href, confirmed,
                                             confirmed ? "confirmed" : "denied on the camera");
@@ -305,7 +324,11 @@ namespace {
 std::string running_version(const AgentSettings& settings) {
     std::string version;
     if (settings.versionFile.empty()) {
-        for (const HistoryEntry& entry : load_history(settings.stateFolder)) {
+        std::vector<HistoryEntry> history;
+        if (!load_history(settings.stateFolder, history).ok()) {
+            return "unknown";
+        }
+        for (const HistoryEntry& entry : history) {
             version = entry.succeeded ? entry.version : version;
         }
         return version.empty() ? "unknown" : version;

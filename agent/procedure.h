@@ -50,7 +50,10 @@ struct Agent {
     std::string waitingFor;        // why an update that is there does not start; empty: none waits
     std::string waitingId;         // which one
     std::string waitingTold;       // that, as the server knows it
+    std::string consentLogged;     // the action whose wait for consent is in the log
     bool verdictUnstored = false;  // the medium did not take it
+    bool verdictSent = false;      // and the record of it not removed yet
+    bool verdictTaken = false;     // of the one that was sent: the server had not ended the action
     bool lastFailed = false;       // the last action of this process did
     uint64_t othersSinceMs = 0;    // somebody else's request was seen in the queue; 0: not
     uint32_t malformedOffers = 0;  // in a row

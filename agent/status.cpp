@@ -131,7 +131,9 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     }
     status.erase("pid");
     status["action"] = action_json(action);
-    status["last"] = history_json(load_history(settings.stateFolder));
+    std::vector<HistoryEntry> history;
+    AgentStatus read = load_history(settings.stateFolder, history);
+    status["last"] = history_json(history);
     status["running"] = Json::object();
     for (const auto& [name, value] : camera_attributes(settings)) {
         status["running"][name] = value;
@@ -141,7 +143,7 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     } else {
         print_words(settings, status);
     }
-    return {};
+    return read;
 }
 
 AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {

@@ -12,6 +12,7 @@
 #include "agent/stored_file.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
+#include "error_line.h"
 
 namespace {
 
@@ -42,7 +43,11 @@ AgentStatus remember(Agent& agent, bool told) {
 }  // namespace
 
 void say(const Agent& agent, const std::string& text) {
-    std::string line = agent.action.id.empty() ? text : "action " + agent.action.id + ": " + text;
+    log_action(agent.action.id, text);
+}
+
+void log_action(const std::string& id, const std::string& text) {
+    std::string line = id.empty() ? text : "action " + id + ": " + text;
     std::replace_if(
         line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
     printf("%s\n", line.c_str());
@@ -92,6 +97,7 @@ AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
     say(agent, (succeeded ? "success: " : "failure: ") + words);
     AgentStatus status = store(agent);
     agent.verdictUnstored = !status.ok();
+    agent.verdictSent = false;
     if (status.ok()) {
         remove_needless_files(agent);
     }
@@ -128,6 +134,28 @@ AgentStatus drop(Agent& agent, const std::string& why) {
     return status;
 }
 
+namespace {
+
+AgentStatus send_verdict(Agent& agent) {
+    AgentStatus status = agent.server.send_feedback(
+        agent.server.action_href(agent.action.id),
+        {.id = agent.action.id,
+         .execution = DdiExecution::CLOSED,
+         .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
+         .details = {agent.action.words}});
+    if (!status.ok() && status.result != AGENT_GONE) {
+        return status;
+    }
+    if (status.result == AGENT_GONE) {
+        say(agent, "the server has ended it already");
+    }
+    agent.verdictSent = true;
+    agent.verdictTaken = status.ok();
+    return {};
+}
+
+}  // namespace
+
 AgentStatus deliver_verdict(Agent& agent) {
     // What is said must be on the medium, or a power cut could make it another one.
     if (agent.verdictUnstored) {
@@ -145,24 +173,23 @@ AgentStatus deliver_verdict(Agent& agent) {
         }
     }
     agent.lastFailed = !agent.action.succeeded;
-    AgentStatus status = agent.server.send_feedback(
-        agent.server.action_href(agent.action.id),
-        {.id = agent.action.id,
-         .execution = DdiExecution::CLOSED,
-         .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
-         .details = {agent.action.words}});
-    if (!status.ok() && status.result != AGENT_GONE) {
-        return status;
+    // A state folder that takes no changes must not make this process tell it again and again.
+    const bool due = !agent.verdictSent;
+    if (due) {
+        AgentStatus status = send_verdict(agent);
+        if (!status.ok()) {
+            return status;
+        }
     }
-    if (status.result == AGENT_GONE) {
-        say(agent, "the server has ended it already");
+    // An action that the history lacks has ended all the same.
+    AgentStatus status = remember(agent, agent.verdictTaken);
+    if (!status.ok() && due) {
+        print_error(AGENT, status.text + "; the history lacks action " + agent.action.id);
     }
-    status = remember(agent, status.ok());
-    if (status.ok()) {
-        status = remove_action(agent.settings.stateFolder);
-    }
+    status = remove_action(agent.settings.stateFolder);
     if (status.ok()) {
         agent.action = {};
+        agent.verdictSent = false;
         agent.attributesDue = true;
     }
     return status;

@@ -10,6 +10,9 @@
 // are replaced.
 void say(const Agent& agent, const std::string& text);
 
+// The same for an action that is not the current one.
+void log_action(const std::string& id, const std::string& text);
+
 // The record onto the medium.
 AgentStatus store(Agent& agent);
 

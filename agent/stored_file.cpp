@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
+#include "package/files.h"
 
 namespace {
 
 constexpr mode_t MODE = 0644;
 constexpr mode_t FOLDER_MODE = 0700;
+constexpr int ASIDE_MAX = 9;  // of each file
 
 bool write_all(int file, std::string_view content) {
     while (!content.empty()) {
@@ -45,6 +47,36 @@ AgentStatus flush_folder_of(const std::string& path) {
     return {};
 }
 
+AgentStatus load_file(const std::string& path, size_t limit, std::string& content) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        AgentStatus fault = medium_fault("read", path);
+        fault.result = errno == ENOENT ? AGENT_GONE : AGENT_MEDIUM;
+        return fault;
+    }
+    if (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) > limit) {
+        return agent_fault(AGENT_MALFORMED, path + (S_ISREG(status.st_mode)
+                                                        ? " is too large for what this agent writes"
+                                                        : " is not a file"));
+    }
+    const PackageStatus read = read_small_file(path, limit, FileKind::REGULAR, content);
+    return read.ok() ? AgentStatus{} : agent_fault(AGENT_MEDIUM, read.text);
+}
+
+AgentStatus put_aside(const std::string& path) {
+    for (int number = 1; number <= ASIDE_MAX; ++number) {
+        const std::string aside = path + ".bad" + (number == 1 ? "" : std::to_string(number));
+        if (rename(path.c_str(), aside.c_str()) == 0) {
+            return flush_folder_of(path);
+        }
+        // A folder that is not empty, or one that a file cannot replace, or the other way round.
+        if (errno != ENOTEMPTY && errno != EEXIST && errno != EISDIR && errno != ENOTDIR) {
+            break;
+        }
+    }
+    return medium_fault("rename", path);
+}
+
 AgentStatus make_folder(const std::string& path) {
     for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
@@ -62,7 +94,10 @@ AgentStatus make_folder(const std::string& path) {
 
 AgentStatus store_file(const std::string& path, std::string_view content) {
     const std::string fresh = fresh_path(path);
-    (void)unlink(fresh.c_str());  // of a cut; nothing that lies there is written into
+    // Of a power cut; nothing that lies there is written into.
+    if (unlink(fresh.c_str()) != 0 && errno == EISDIR) {
+        (void)put_aside(fresh);
+    }
     {
         const corvo::UniqueFd file(
             open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));
@@ -70,7 +105,15 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
             return medium_fault("write", fresh);
         }
     }
-    if (rename(fresh.c_str(), path.c_str()) != 0) {
+    bool replaced = rename(fresh.c_str(), path.c_str()) == 0;
+    if (!replaced && errno == EISDIR) {
+        const AgentStatus aside = put_aside(path);
+        if (!aside.ok()) {
+            return aside;
+        }
+        replaced = rename(fresh.c_str(), path.c_str()) == 0;
+    }
+    if (!replaced) {
         return medium_fault("replace", path);
     }
     return flush_folder_of(path);
@@ -78,6 +121,9 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
 
 AgentStatus remove_stored_file(const std::string& path) {
     if (unlink(path.c_str()) != 0) {
+        if (errno == EISDIR) {
+            return put_aside(path);
+        }
         return errno == ENOENT ? AgentStatus{} : medium_fault("remove", path);
     }
     return flush_folder_of(path);

@@ -109,6 +109,7 @@ class World {
         stop_service();
         umount(BOOT_ID);
         umount("/media/mmcblk0p1/ota");
+        umount((STATE_FOLDER + "history.json").c_str());
     }
 
     PlayedServer& server() { return server_; }
@@ -295,9 +296,9 @@ std::string played(const std::string& camera, const std::string& action,
     if (action == "cancelled" || action == "quit") {
         action == "quit" ? world.server().force_quit(ID) : world.server().cancel(ID);
     }
-    if (camera == "agrees" || camera == "denies") {
+    if (camera.starts_with("agrees") || camera == "denies") {
         EXPECT_EQ(0, world.live());
-        EXPECT_EQ(0, shell(camera == "agrees" ? "corvo_agent confirm" : "corvo_agent deny"));
+        EXPECT_EQ(0, shell(camera != "denies" ? "corvo_agent confirm" : "corvo_agent deny"));
     }
     if (camera == "stuck") {  // and the agent does not know any more what it has posted
         EXPECT_EQ(-1, world.live(-1));
@@ -313,7 +314,11 @@ std::string played(const std::string& camera, const std::string& action,
         world.live_to_the_end();
     }
     const std::string story = world.server().story(ID);
-    const std::string left = names_in(AGENT_FOLDER);
+    std::string left = names_in(AGENT_FOLDER);
+    if (contains(camera, "state ")) {
+        left += names_in(STATE_FOLDER) + ", closed " +
+                std::to_string(world.server().count("feedback", "closed")) + " times,";
+    }
     msqid_ds queue = {};
     const bool queued = msgctl(Camera::queue(), IPC_STAT, &queue) == 0 && queue.msg_qnum > 0;
     return std::to_string(world.posted()) + (queued ? " in the queue" : "") +
@@ -402,6 +407,65 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
     }
 }
 
+// `corvo_agent run` until its end.
+class RunningAgent {
+  public:
+    RunningAgent() : pid_(fork()) {
+        if (pid_ == 0) {
+            execl(PROGRAMS "/corvo_agent", "corvo_agent", "run", nullptr);
+            _exit(127);
+        }
+    }
+    ~RunningAgent() { (void)end(SIGKILL); }
+    RunningAgent(const RunningAgent&) = delete;
+    RunningAgent& operator=(const RunningAgent&) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    void signal(int number) const { kill(pid_, number); }
+
+    // Returns its exit status; -1: it did not end in time, or by a signal.
+    int end(int number, int patienceMs = 10000) {
+        int status = -1;
+        if (pid_ > 0) {
+            kill(pid_, number);
+            const bool ended =
+                eventually(patienceMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+            pid_ = ended ? -1 : pid_;
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+// A state folder that takes no changes any more does not make the camera report the end of an
+// action for ever.
+TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
+    World world("good", "unsigned");
+    world.server().misbehave("feedback status 500");
+    {
+        RunningAgent agent;
+        EXPECT_TRUE(
+            eventually(5000, [&] { return world.server().count("feedback", "closed") > 0; }));
+        EXPECT_EQ(0, shell("cd " + STATE_FOLDER +
+                           " && mount --bind . $PWD && mount -o remount,bind,ro $PWD"));
+        world.server().misbehave("");
+        const auto ended = [&] { return world.server().story(ID).starts_with("failure"); };
+        const auto wakeUntil = [&](int patienceMs, const std::function<bool()>& done) {
+            return eventually(patienceMs, [&] {
+                agent.signal(SIGHUP);
+                return done();
+            });
+        };
+        EXPECT_TRUE(wakeUntil(5000, ended));
+        const size_t reported = world.server().count("feedback", "closed");
+        EXPECT_FALSE(
+            wakeUntil(1000, [&] { return world.server().count("feedback", "closed") > reported; }));
+    }
+    umount(STATE_FOLDER.c_str());
+}
+
 // With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal
 // comes or the time is over; what becomes of its settings meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
@@ -410,22 +474,14 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     server.misbehave(R"(poll say {"config": {"polling": {"sleep": "00:05:00"}}})");
     ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
                        PlayedServer::CONTROLLER + "'"));
-    const pid_t agent = fork();
-    if (agent == 0) {
-        execl(PROGRAMS "/corvo_agent", "corvo_agent", "run", nullptr);
-        _exit(127);
-    }
-    const std::string process = "/proc/" + std::to_string(agent) + "/";
-    const auto asked = [&server](const char* what) {
-        const std::vector<PlayedRequest> requests = server.requests();
-        return std::count_if(requests.begin(), requests.end(),
-                             [what](const PlayedRequest& request) { return request.what == what; });
-    };
-    const auto sleeps_after = [&](int64_t polls) {
+    RunningAgent agent;
+    const std::string process = "/proc/" + std::to_string(agent.pid()) + "/";
+    const auto sleeps_after = [&](size_t polls) {
         return eventually(10000, [&] {
             std::error_code ended;
             const auto program = std::filesystem::read_symlink(process + "exe", ended);
-            return asked("poll") == polls && read_file(process + "comm") == "corvo_agent\n" &&
+            return server.count("poll") == polls &&
+                   read_file(process + "comm") == "corvo_agent\n" &&
                    program == PROGRAMS "/corvo_agent_sleeper";
         });
     };
@@ -437,27 +493,24 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     EXPECT_EQ(1, shell("corvo_agent once 2> /run/said"));
     EXPECT_TRUE(contains(read_file("/run/said"), "another agent works on " + STATE_FOLDER));
 
-    kill(agent, SIGHUP);
+    agent.signal(SIGHUP);
     EXPECT_TRUE(sleeps_after(2));
     const std::string settings = read_file("/etc/corvo/agent.conf");
     write_file("/etc/corvo/agent.conf", settings + "half-written");
-    kill(agent, SIGHUP);
+    agent.signal(SIGHUP);
     usleep(200000);
     EXPECT_TRUE(sleeps_after(2));
     write_file("/etc/corvo/agent.conf", settings);
-    kill(agent, SIGHUP);
+    agent.signal(SIGHUP);
     EXPECT_TRUE(sleeps_after(3));
-    EXPECT_EQ(1, asked("attributes"));
+    EXPECT_EQ(1U, server.count("attributes"));
 
     // Whichever of the two programs it is just becoming.
     for (int i = 0; i < 60; ++i) {
-        kill(agent, SIGHUP);
+        agent.signal(SIGHUP);
         usleep(7000);
     }
-    kill(agent, SIGTERM);
-    int status = -1;
-    EXPECT_TRUE(eventually(10000, [&] { return waitpid(agent, &status, WNOHANG) == agent; }));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, agent.end(SIGTERM));
 }
 
 }  // namespace

@@ -7,6 +7,22 @@ mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
 case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/file && ln -s /run/elsewhere $folder/agent ;; esac
+# "state NAME KIND": what lies in the state folder instead of a file that the agent has written.
+case $1 in
+    *state\ *)
+        mkdir -p /config/agent
+        name=${1#*state }
+        file=/config/agent/${name% *}
+        case $1 in
+            *folder) mkdir -p "$file/in" ;;
+            *pipe) mkfifo "$file" ;;
+            *large) head -c 1048577 /dev/zero > "$file" ;;
+            *text) echo "no JSON" > "$file" ;;
+            # A regular file whose first byte gives EIO, and that cannot be replaced.
+            *unreadable) : > "$file" && mount --bind /proc/1/mem "$file" ;;
+        esac
+        ;;
+esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
 echo 1.9 > /etc/version
@@ -29,7 +45,7 @@ chmod 600 /etc/corvo/token
         "keyring = /run/pki/root.pem" "compatible = R5C20" "version-file = /etc/version"
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
-        asks | agrees | denies) echo "confirm = ask" ;;
+        asks* | agrees* | denies*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
         stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;

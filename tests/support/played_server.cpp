@@ -273,6 +273,13 @@ std::vector<PlayedRequest> PlayedServer::requests() const {
     return impl_->requests;
 }
 
+size_t PlayedServer::count(const std::string& what, const std::string& text) const {
+    const std::vector<PlayedRequest> all = requests();
+    return static_cast<size_t>(std::ranges::count_if(all, [&](const PlayedRequest& request) {
+        return request.what == what && request.body.find(text) != std::string::npos;
+    }));
+}
+
 std::map<std::string, std::string> PlayedServer::attributes() const {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->hawkbit.attributes;

@@ -86,6 +86,8 @@ class PlayedServer {
 
     // What the server has seen.
     [[nodiscard]] std::vector<PlayedRequest> requests() const;
+    // Requests of this kind with this in their body.
+    [[nodiscard]] size_t count(const std::string& what, const std::string& text = "") const;
     [[nodiscard]] std::map<std::string, std::string> attributes() const;
     // Where an action stands ("offered", "waiting", "cancelling", "success", "failure", "canceled",
     // "downloaded", "quit"), and " | " before each status that came: "EXECUTION FINISHED: DETAIL,
