@@ -14,14 +14,12 @@
 #include <array>
 #include <vector>
 
-#include "base/unique_fd.h"
-#include "hal/flash_mmc.h"
-#include "hal/flash_mtd.h"
 #include "ota/ota_data.h"
 #include "ota/ota_message.h"
 #include "package/content.h"
 #include "package/files.h"
 #include "package/modules.h"
+#include "package/partition.h"
 #include "package/request.h"
 #include "system_call_daemon/command_runner.h"
 
@@ -98,10 +96,7 @@ PackageStatus check_partition(const ManifestModule& module) {
     if (entry == nullptr) {
         return package_fault(PACKAGE_DIFFERENT, "there is no partition " + module.name);
     }
-    const int flags = O_RDONLY | O_CLOEXEC;
-    const corvo::UniqueFd partition(entry->flashType == OTA_FLASH_TYPE_MTD
-                                        ? flash_mtd_open(entry->partitionName, flags)
-                                        : flash_mmc_open(entry->partitionName, flags));
+    const corvo::UniqueFd partition = open_partition(*entry);
     std::vector<char> chunk(CHUNK_SIZE);
     Sha256Stream digest;
     uint64_t left = partition.valid() ? module.size : 0;

@@ -1,17 +1,11 @@
 #include "package/camera.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <mtd/mtd-user.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
-#include "base/unique_fd.h"
-#include "hal/flash_mmc.h"
-#include "hal/flash_mtd.h"
 #include "package/files.h"
 #include "package/modules.h"
+#include "package/partition.h"
 #include "package/version.h"
 
 namespace {
@@ -22,22 +16,8 @@ PackageStatus unsuitable(const std::string& text) {
     return package_fault(PACKAGE_UNSUITABLE, text);
 }
 
-// -1 with errno set when it cannot be told.
-int64_t partition_size(int partition, bool rawFlash) {
-    if (!rawFlash) {
-        return lseek(partition, 0, SEEK_END);
-    }
-    mtd_info_user geometry = {};
-    return ioctl(partition, MEMGETINFO, &geometry) == 0 ? geometry.size : -1;
-}
-
 PackageStatus check_partition(const OtaPackageEntry& entry, const ManifestModule& module) {
-    const bool rawFlash = entry.flashType == OTA_FLASH_TYPE_MTD;
-    const int flags = O_RDONLY | O_CLOEXEC;
-    errno = ENOENT;
-    const corvo::UniqueFd partition(rawFlash ? flash_mtd_open(entry.partitionName, flags)
-                                             : flash_mmc_open(entry.partitionName, flags));
-    const int64_t size = partition.valid() ? partition_size(partition.get(), rawFlash) : -1;
+    const int64_t size = partition_size(entry, open_partition(entry));
     if (size < 0) {
         return errno == ENOENT
                    ? unsuitable("module " + module.name + ": this camera has no such partition")
