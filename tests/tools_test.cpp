@@ -155,6 +155,7 @@ TEST(HalTool, ErasesABlockDevice) {
 
 TEST_F(Otactl, FollowsToTheVerdict) {
     write_file("/run/images/kernel.bin", "image");
+    write_file("/dev/block/by-name/kernel", "old");
     const std::string send = "otactl send files --dir /run/images --follow kernel";
     EXPECT_EQ('2', run(send)[0]) << "nobody publishes";
     EXPECT_EQ("", posted(IPC_NOWAIT));
@@ -174,6 +175,11 @@ TEST_F(Otactl, FollowsToTheVerdict) {
         EXPECT_TRUE(contains(followed, "  kernel: writing / ")) << followed;
     }
     auto follower = std::async(std::launch::async, run, send);
+    posted(0);
+    UPGRADE_LOG("ota kernel failed");
+    UPGRADE_LOG("Restart the system");
+    EXPECT_TRUE(contains(follower.get(), "kernel: failed (image 5 bytes, partition 3 bytes)"));
+    follower = std::async(std::launch::async, run, send);
     posted(0);
     UPGRADE_LOG("UPGRADE_LUMO_UGRADE_SUCCESS");
     Corvo_LogProducerUnInit();

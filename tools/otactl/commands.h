@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ota/ota_message.h"
 #include "ota/ota_package.h"
 #include "otactl/log_stream.h"
 #include "otactl/trust.h"
@@ -58,10 +59,11 @@ int verify(const InspectOptions& options);
 // Says what a package is, who signed it, and whether this camera would take it; reads no images.
 int info(const InspectOptions& options);
 
-// Shows the upgrade's stages until the service restarts the camera. `queue` and `messageType` name
-// the request, which is taken back if the service does not pick it up. Blocks.
+// Shows the upgrade's stages until the service restarts the camera, and for a module that failed
+// whether its image is larger than its partition. `request` was posted to `queue` with
+// `messageType`; it is taken back if the service does not pick it up. Blocks.
 int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& modules,
-                   bool readsBack, int queue, long messageType);
+                   const OtaMessage& request, int queue, long messageType);
 
 struct PackOptions {
     std::string output;                // the combined package

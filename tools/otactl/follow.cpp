@@ -1,6 +1,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/msg.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"
 #include "otactl/progress.h"
+#include "package/partition.h"
 
 namespace {
 
@@ -48,6 +50,42 @@ void show(const Progress& progress, const std::string& time, const std::string& 
     fflush(stdout);
 }
 
+std::string size_text(uint64_t bytes) {
+    constexpr uint64_t KIB = 1024;
+    constexpr uint64_t MIB = KIB * KIB;
+    if (bytes % MIB == 0) {
+        return std::to_string(bytes / MIB) + " MiB";
+    }
+    return bytes % KIB == 0 ? std::to_string(bytes / KIB) + " KiB"
+                            : std::to_string(bytes) + " bytes";
+}
+
+// Bytes of a module in the request's package; 0 when that cannot be read.
+uint64_t image_size(const OtaPackageEntry& entry, const OtaMessage& request) {
+    if (request.packageType == OTA_PACKAGE_TYPE_FILES) {
+        struct stat status = {};
+        const std::string path = request.packageDir + std::string(entry.fileName);
+        return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    }
+    for (int32_t i = 0; i < request.moduleCount; ++i) {
+        if (request.moduleTypes[i] == entry.moduleType) {
+            return request.moduleInfo[i].size;
+        }
+    }
+    return 0;
+}
+
+// The service logs only that a module failed. The most frequent reason can be read from here.
+std::string failure_reason(const OtaPackageEntry& entry, const OtaMessage& request) {
+    const uint64_t image = image_size(entry, request);
+    const int64_t partition = partition_size(entry, open_partition(entry));
+    if (partition < 0 || image <= static_cast<uint64_t>(partition)) {
+        return "";
+    }
+    return " (image " + size_text(image) + ", partition " +
+           size_text(static_cast<uint64_t>(partition)) + ")";
+}
+
 // Whether the request still stood in the queue, and is out of it now.
 bool take_back(int queue, long messageType) {
     OtaQueueMessage message = {};
@@ -68,9 +106,9 @@ int exit_of(const Progress& progress) {
 }  // namespace
 
 int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& modules,
-                   bool readsBack, int queue, long messageType) {
+                   const OtaMessage& request, int queue, long messageType) {
     const bool terminal = isatty(STDOUT_FILENO) == 1;
-    Progress progress = start_progress(modules, readsBack);
+    Progress progress = start_progress(modules, request.packageType == OTA_PACKAGE_TYPE_FILES);
     const int64_t posted = monotonic_ms();
     int64_t lastSeen = posted;
     std::string message;
@@ -82,8 +120,12 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
             PublishedLine published = {};
             LogLine line = {};
             if (parse_log_message(message, published) && parse_log_line(published.line, line)) {
-                show(progress, time_of_day(line.stamp), advance_progress(progress, line.text),
-                     terminal);
+                const bool failedBefore = progress.failed != nullptr;
+                std::string words = advance_progress(progress, line.text);
+                if (progress.failed != nullptr && !failedBefore) {
+                    words += failure_reason(*progress.failed, request);
+                }
+                show(progress, time_of_day(line.stamp), words, terminal);
             }
             continue;
         }

@@ -78,6 +78,9 @@ std::string advance_module(Progress& progress, std::string_view text) {
                               (module->stage == ModuleStage::WRITING && line.words != "writing" &&
                                line.stage == ModuleStage::WRITING);
         module->stage = line.stage;
+        if (line.stage == ModuleStage::FAILED) {
+            progress.failed = module->entry;
+        }
         if (repeated) {
             return "";
         }

@@ -26,7 +26,8 @@ struct Progress {
     bool taken;                           // the service has the request
     bool applicationsStopped;
     Verdict verdict;
-    bool restarting;  // the last line of an upgrade was seen
+    bool restarting;                // the last line of an upgrade was seen
+    const OtaPackageEntry* failed;  // the module that could not be written; null: none so far
 };
 
 // The state before a request of these modules is posted.

@@ -165,9 +165,7 @@ int send_request(const Request& request, const SendOptions& options) {
     if (result != OTACTL_OK) {
         return result;
     }
-    return follow_upgrade(log, request.modules,
-                          request.message.packageType == OTA_PACKAGE_TYPE_FILES, queue,
-                          messageType);
+    return follow_upgrade(log, request.modules, request.message, queue, messageType);
 }
 
 // Images of which nothing is known but that they are there.
