@@ -19,21 +19,37 @@ constexpr bool is_word_character(char c) {
            c == '_';
 }
 
+// Whether more than DEPTH_MAX arrays and objects are open at one place of a JSON text. In one pass,
+// before the text is parsed: a callback of the parser's would scan all members of an object at the
+// end of each of them, which takes minutes for an answer of a megabyte.
+bool is_too_deep(std::string_view text) {
+    int depth = 0;
+    bool inString = false;
+    for (size_t i = 0; i < text.size() && depth <= DEPTH_MAX; ++i) {
+        const char c = text[i];
+        if (c == '"') {
+            inString = !inString;
+        } else if (inString) {
+            i += c == '\\' ? 1 : 0;  // the next character does not end the string
+        } else if (c == '[' || c == '{') {
+            ++depth;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return depth > DEPTH_MAX;
+}
+
 // Reads a text into a value whose outermost is an object; what nests deeper than any answer does is
-// not even built. Returns what is wrong, or "".
+// not even built. Takes time in proportion to the text's size. Returns what is wrong, or "".
 std::string read_object(std::string_view text, Json& value) {
     if (text.size() > DDI_TEXT_SIZE_MAX) {
         return "longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes";
     }
-    bool tooDeep = false;
-    const auto keep = [&tooDeep](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
-        tooDeep = tooDeep || depth > DEPTH_MAX;
-        return !tooDeep;
-    };
-    value = Json::parse(text, keep, false);
-    if (tooDeep) {
+    if (is_too_deep(text)) {
         return "nested deeper than " + std::to_string(DEPTH_MAX) + " levels";
     }
+    value = Json::parse(text, nullptr, false);
     if (value.is_discarded()) {
         return "not JSON";
     }
@@ -88,20 +104,15 @@ std::string take_link(const Json& links, const char* name, std::string& href) {
     return fault.empty() ? fault : std::string("link \"") + name + "\": " + fault;
 }
 
-// "HH:MM:SS".
-std::string take_sleep(const Json& root, uint32_t& seconds) {
+// "HH:MM:SS". The server's interval is a wish: one that cannot be read is as good as none, and what
+// else is in the answer counts.
+uint32_t sleep_of(const Json& root) {
     const Json* const config = find(root, "config");
     const Json* const polling =
-        config == nullptr || !config->is_object() ? config : find(*config, "polling");
-    if (polling == nullptr) {
-        return "";
-    }
+        config == nullptr || !config->is_object() ? nullptr : find(*config, "polling");
     std::string text;
-    if (polling->is_object()) {
-        if (find(*polling, "sleep") == nullptr) {
-            return "";
-        }
-        // What is no text stays empty.
+    if (polling != nullptr && polling->is_object()) {
+        // What is not a text stays empty.
         (void)take_text(*polling, "sleep", NAME_SIZE_MAX, text);
     }
     constexpr std::string_view FORM = "00:00:00";
@@ -115,10 +126,9 @@ std::string take_sleep(const Json& root, uint32_t& seconds) {
         }
     }
     if (!fits || fields[1] > 59 || fields[2] > 59) {
-        return "expected HH:MM:SS as \"sleep\" in \"config\", \"polling\"";
+        return 0;
     }
-    seconds = std::clamp(fields[0] * 3600 + fields[1] * 60 + fields[2], 1U, SLEEP_MAX_S);
-    return "";
+    return std::clamp(fields[0] * 3600 + fields[1] * 60 + fields[2], 1U, SLEEP_MAX_S);
 }
 
 std::string take_handling(const Json& deployment, const char* name, DdiHandling& handling) {
@@ -293,7 +303,7 @@ AgentStatus parse_poll(std::string_view text, DdiPoll& poll) {
     Json root;
     std::string fault = read_object(text, root);
     if (fault.empty()) {
-        fault = take_sleep(root, poll.sleepS);
+        poll.sleepS = sleep_of(root);
     }
     const Json* const links = fault.empty() ? find(root, "_links") : nullptr;
     if (links == nullptr) {

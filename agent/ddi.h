@@ -24,7 +24,7 @@ constexpr size_t DDI_ATTRIBUTE_SIZE_MAX = 128;  // bytes of a value: a longer on
 
 // The answer to a poll. A link is the URL to follow as it stands, empty when it was not given.
 struct DdiPoll {
-    uint32_t sleepS = 0;  // until the next poll, 1 to 86400; 0: the server does not say
+    uint32_t sleepS = 0;  // until the next poll, 1 to 86400; 0: not said, or not readable
     std::string configData;
     std::string deployment;
     std::string confirmation;

@@ -1,12 +1,25 @@
 // A text of any bytes as each answer of the update server: refused with a line that says why, or
 // read as a record that keeps what the header promises. What is then said back is UTF-8 and within
-// bounds.
+// bounds. The time that all of it takes grows with the text's size and not faster.
 #include <ctype.h>
+#include <time.h>
 
 #include "agent/ddi.h"
 #include "fuzz_input.h"
 
 namespace {
+
+// Under the sanitizers a text takes a few hundred nanoseconds for each byte, in all of the readers.
+constexpr uint64_t NS_PER_BYTE_MAX = 10000;
+constexpr uint64_t NS_MAX = 20000000;  // besides, for what does not depend on the size
+constexpr uint64_t NS_PER_S = 1000000000;
+
+// Of the processor, not of the clock on the wall: the machine may be busy.
+uint64_t cpu_time_ns() {
+    timespec time = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<uint64_t>(time.tv_sec) * NS_PER_S + static_cast<uint64_t>(time.tv_nsec);
+}
 
 bool is_id(const std::string& id) {
     return !id.empty() && id.size() <= 64 && std::all_of(id.begin(), id.end(), [](unsigned char c) {
@@ -37,6 +50,7 @@ void expect_action(const DdiAction& action) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const uint64_t start = cpu_time_ns();
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     DdiPoll poll;
     if (read(parse_poll(input, poll))) {
@@ -59,5 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz_expect(said.size() <= 6 * (size + 2 * DDI_DETAIL_SIZE_MAX) + 256);
     fuzz_expect(confirmation_text(false, input).size() <= 6 * DDI_DETAIL_SIZE_MAX + 256);
     (void)attributes_text({{text, text}});
+    fuzz_expect(cpu_time_ns() - start <= NS_MAX + size * NS_PER_BYTE_MAX);
     return 0;
 }

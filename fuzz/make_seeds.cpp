@@ -93,6 +93,12 @@ int main(int argc, char** argv) {
              digest + R"("},"_links":{"download":)" + link + R"(,"download-http":)" + link +
              "}}]}]}}");
     seed("fuzz_ddi", "cancellation", R"({"id":"12","cancelAction":{"stopId":"11"}})");
+    // Large enough that work which grows faster than the text is seen; too large to begin with.
+    std::string wide = R"({"a":[{})";
+    while (wide.size() < 65536) {
+        wide += ",{}";
+    }
+    seed("fuzz_ddi_large", "wide", wide + "]}");
     seed("fuzz_ddi", "error", R"({"errorCode":"hawkbit.server.error","message":"no"})");
     return 0;
 }

@@ -2,6 +2,7 @@
 // files that are others. Cases are data.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <future>
@@ -240,6 +241,31 @@ TEST(AgentTransport, AnswersAreReadOrRefused) {
         }
         return read_answer(kind, text.dump()).substr(0, 200);
     });
+}
+
+std::string repeated(const std::string& piece) {
+    std::string text;
+    while (text.size() + piece.size() < DDI_TEXT_SIZE_MAX - 16) {
+        text += piece;
+    }
+    return text;
+}
+
+// An answer as large as any costs a moment, whatever it is made of: a signal could not end it.
+TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
+    for (const std::string& text :
+         {R"({"a":[)" + repeated("{},") + "{}]}", R"({"a":[)" + repeated("[],") + "[]]}",
+          "{" + repeated("\"a\":["), R"({"a":")" + repeated("\\\"[") + "\"}"}) {
+        EXPECT_EXIT(
+            {
+                alarm(10);
+                DdiPoll poll;
+                (void)parse_poll(text, poll);
+                _exit(0);
+            },
+            testing::ExitedWithCode(0), "")
+            << text.substr(0, 16);
+    }
 }
 
 TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
