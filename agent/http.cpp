@@ -1,6 +1,7 @@
 #include "agent/http.h"
 
 #include <curl/curl.h>
+#include <time.h>
 
 #include <algorithm>
 #include <new>
@@ -13,7 +14,11 @@ namespace {
 
 constexpr int REDIRECTS_MAX = 5;
 constexpr size_t ENTITY_TAG_SIZE_MAX = 256;
-constexpr curl_off_t RETRY_AFTER_MAX_S = 86400;
+constexpr int64_t RETRY_AFTER_MAX_S = 86400;
+// For a date of which only this camera's clock, which may not be set, says how far off it is.
+constexpr int64_t RETRY_AFTER_UNDATED_MAX_S = 600;
+// Bytes of the page that comes with a redirect. What is longer ends the connection.
+constexpr size_t REDIRECT_CONTENT_MAX = 65536;
 // Bytes a second: slower than this for the stall time-out is as good as nothing, so that a server
 // that drips cannot hold a camera for ever.
 constexpr long SPEED_MIN = 64;
@@ -78,7 +83,7 @@ bool is_success(const HttpHead& head) {
 }
 
 bool is_redirect(const HttpHead& head) {
-    return head.code >= 300 && head.code < 400 && !head.location.empty();
+    return !head.location.empty();
 }
 
 std::string header(CURL* handle, const char* name) {
@@ -87,18 +92,37 @@ std::string header(CURL* handle, const char* name) {
                                                                                     : "";
 }
 
-HttpHead head_of(CURL* handle) {
+// "Retry-After", a number of seconds or a date. A date counts from the server's own time, "Date":
+// this camera's clock may be decades behind.
+uint32_t retry_after_s(CURL* handle) {
+    const std::string text = header(handle, "Retry-After");
+    const bool number = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    if (number) {
+        const bool fits = text.size() <= 5;
+        return static_cast<uint32_t>(
+            std::min<int64_t>(fits ? std::stol(text) : RETRY_AFTER_MAX_S, RETRY_AFTER_MAX_S));
+    }
+    const int64_t until = text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
+    if (until < 0) {
+        return 0;
+    }
+    const int64_t sent = curl_getdate(header(handle, "Date").c_str(), nullptr);
+    const int64_t seconds = until - (sent < 0 ? time(nullptr) : sent);
+    const int64_t most = sent < 0 ? RETRY_AFTER_UNDATED_MAX_S : RETRY_AFTER_MAX_S;
+    return static_cast<uint32_t>(std::clamp<int64_t>(seconds, 0, most));
+}
+
+HttpHead head_of(CURL* handle, const std::string& url) {
     HttpHead head;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &head.code);
-    const char* location = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_REDIRECT_URL, &location);
-    head.location = location == nullptr ? "" : location;
+    // libcurl says where a redirect leads only when all of its content has come.
+    const std::string location = header(handle, "Location");
+    const bool redirect = head.code >= 300 && head.code < 400 && !location.empty();
+    head.location = redirect ? resolved_url(url, location) : "";
     curl_off_t number = -1;
     curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &number);
     head.length = number;
-    number = 0;
-    curl_easy_getinfo(handle, CURLINFO_RETRY_AFTER, &number);
-    head.retryAfterS = static_cast<uint32_t>(std::clamp<curl_off_t>(number, 0, RETRY_AFTER_MAX_S));
+    head.retryAfterS = retry_after_s(handle);
     head.contentRange = header(handle, "Content-Range");
     head.entityTag = header(handle, "ETag");
     const auto unprintable = [](char c) { return c < ' ' || c > '~'; };
@@ -135,6 +159,7 @@ bool add(OwnedList& list, const std::string& line) {
 // What libcurl hands to its call-backs.
 struct Exchange {
     CURL* handle;
+    const std::string& url;
     HttpHead& head;
     const HttpContent& content;
     AgentStatus status;
@@ -143,7 +168,7 @@ struct Exchange {
 size_t take_content(const char* bytes, size_t /*one*/, size_t size, void* user) noexcept {
     Exchange& exchange = *static_cast<Exchange*>(user);
     if (exchange.head.code == 0) {
-        exchange.head = head_of(exchange.handle);
+        exchange.head = head_of(exchange.handle, exchange.url);
     }
     if (size > 0) {
         exchange.status = exchange.content(exchange.head, {bytes, size});
@@ -260,7 +285,7 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
         there = there && add(headers, "Authorization: " + settings_.authorization);
     }
     char reason[CURL_ERROR_SIZE] = "";
-    Exchange exchange = {handle, head, content, {}};
+    Exchange exchange = {handle, request.url, head, content, {}};
     Options options = {handle, there ? CURLE_OK : CURLE_OUT_OF_MEMORY};
     options.set(CURLOPT_URL, request.url.c_str());
     options.set(CURLOPT_CUSTOMREQUEST, request.method);
@@ -283,7 +308,7 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
     }
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
     if (head.code == 0 && options.fault == CURLE_OK) {
-        head = head_of(handle);
+        head = head_of(handle, request.url);
     }
     if (!exchange.status.ok()) {
         return exchange.status;
@@ -352,9 +377,13 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
                         HttpHead& head, const HttpContent& content) {
     const UrlParts server = url_parts(settings_.url);
     std::string message;
+    size_t skipped = 0;  // bytes that came with redirects
     const auto file_content = [&](const HttpHead& of, std::span<const char> bytes) {
         if (of.code == 200 || of.code == 206) {
             return content(of, bytes);
+        }
+        if (is_redirect(of) && (skipped += bytes.size()) <= REDIRECT_CONTENT_MAX) {
+            return AgentStatus{};
         }
         message = explanation({bytes.data(), bytes.size()});
         return malformed("no file");

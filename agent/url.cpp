@@ -52,6 +52,16 @@ UrlParts url_parts(const std::string& text) {
             .port = part_of(url.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT)};
 }
 
+std::string resolved_url(const std::string& base, const std::string& location) {
+    const OwnedUrl url = parse(base);
+    // Schemes and users' names are the callers' to refuse; spaces are encoded, as browsers do.
+    const unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE;
+    const bool known =
+        url && curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) == CURLUE_OK;
+    const std::string resolved = known ? part_of(url.get(), CURLUPART_URL, 0) : "";
+    return resolved.empty() ? location : resolved;
+}
+
 std::string shown_url(const std::string& text) {
     const OwnedUrl url = parse(text);
     if (!url) {

@@ -103,6 +103,8 @@ static void apply(const Fault& fault, const PlayedHawkbit& hawkbit, PlayedAnswer
         words >> answer.status >> place;
         response.set_header("Location",
                             place.starts_with("here") ? hawkbit.url + place.substr(4) : place);
+    } else if (fault.kind == "date") {
+        response.set_header("Date", fault.argument);
     } else if (fault.kind == "say") {
         answer.body = fault.argument;
     } else if (fault.kind == "cut") {

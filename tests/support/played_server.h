@@ -73,6 +73,7 @@ class PlayedServer {
     // the Nth such request from now on, "+": and all behind it; else all. Kinds:
     //   status CODE [SECONDS]   that answer, with "Retry-After"
     //   redirect CODE URL       "here" in it stands for url()
+    //   date TEXT               "Date"
     //   say TEXT                that content, with status 200
     //   cut BYTES               the connection ends behind so many bytes of the content
     //   drip                    the content comes as a byte each tenth of a second
