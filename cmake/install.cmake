@@ -32,6 +32,7 @@ endif()
 if(TARGET corvo_agent)
   corvo_install(corvo_agent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
   corvo_install(corvo_agent_sleeper RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
+  corvo_install(corvo_agent_prepare RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 endif()
 # The maker's library comes with the maker's system; only the stand-in is ours to install.
 if(NOT CORVO_PLATFORM_LIBRARY)
@@ -68,4 +69,6 @@ if(TARGET corvo_agent)
           COMPONENT agent_systemd EXCLUDE_FROM_ALL)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/sysusers.conf DESTINATION lib/sysusers.d
           RENAME corvo-agent.conf COMPONENT agent_systemd EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/udev.rules DESTINATION lib/udev/rules.d
+          RENAME 60-corvo-flash.rules COMPONENT agent_systemd EXCLUDE_FROM_ALL)
 endif()

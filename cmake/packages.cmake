@@ -83,6 +83,7 @@ install(FILES ${CORVO_DEBIAN_PAPERS}/hal_tool.8.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_bringup EXCLUDE_FROM_ALL)
 if(TARGET corvo_agent)
   install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_agent.8.gz ${CORVO_DEBIAN_PAPERS}/corvo_agent_sleeper.8.gz
+                ${CORVO_DEBIAN_PAPERS}/corvo_agent_prepare.8.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_agent EXCLUDE_FROM_ALL)
 endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/lintian-overrides

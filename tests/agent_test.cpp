@@ -150,4 +150,15 @@ TEST(Folders, LinksAreNotFollowed) {
     }
 }
 
+// It runs as root where others may write: no other file or folder changes its owner or its mode.
+TEST(Prepare, ChangesNothingButWhatIsTheAgents) {
+    if (run("setpriv --reuid 990 true") != "0") {
+        GTEST_SKIP() << "no other users here";
+    }
+    expect_cases("agent_prepare.txt", [](std::istream& row) {
+        const std::string command(std::istreambuf_iterator<char>(row), {});
+        return run("prepare '" + command + "'").substr(4);
+    });
+}
+
 }  // namespace

@@ -119,7 +119,7 @@ make_initramfs() { # COMPONENT...: of what is installed, besides what every boar
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"
     printf '%s\n' 'root:x:0:0::/:/bin/sh' 'corvo-agent:x:990:990::/:/bin/false' > "$root/etc/passwd"
-    printf '%s\n' 'root:x:0:' 'disk:x:6:corvo-agent' 'corvo-agent:x:990:' > "$root/etc/group"
+    printf '%s\n' 'root:x:0:' 'corvo-flash:x:991:corvo-agent' 'corvo-agent:x:990:' > "$root/etc/group"
     card_partitions | wc -l > "$root/last_partition"
     echo "${sent_modules[*]}" > "$root/sent_modules"
     echo "${sent_files[*]}" > "$root/sent_files"

@@ -27,7 +27,7 @@ run_buildroot() {
         "-DCORVO_BUILD_AGENT=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl libcurl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "its unit" makefile_says "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
-    check "its user" makefile_says "$checkout" "corvo-agent -1 corvo-agent -1 * - - disk " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "its user" makefile_says "$checkout" "corvo-agent -1 corvo-agent -1 * - - corvo-flash " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "nothing of the agent without it" fails makefile_says "$checkout" corvo-agent BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
     check "what the kernel gets" makefile_says "$checkout" "enable CONFIG_SYSVIPC"
     check "the tree's rules that are easy to state" follows_rules "$package"

@@ -101,11 +101,10 @@ camera() {
     file=/tmp/corvo_upgrade.pid
     [ ! -e started ] || kill "$(cat started)"
     rm -rf started $file other
-    mkdir -p named
-    cp /usr/bin/sleep corvo_upgrade
-    cp /usr/bin/sleep raised
-    chmod 755 corvo_upgrade
-    chmod 6755 raised
+    [ ! -e raised ] || return 0
+    mkdir named
+    install -m 755 /usr/bin/sleep corvo_upgrade
+    install -m 6755 /usr/bin/sleep raised
 }
 
 # Starts what sleeps; sets pid.
@@ -116,3 +115,44 @@ process() { # COMMAND...
     until [ "$(cat /proc/$pid/comm)" != sh ] && [ "$(cat /proc/$pid/comm)" != setpriv ]; do :; done
 }
 as_user() { exec setpriv --reuid 990 --regid 990 --clear-groups "$@"; }
+
+# One row of cases/agent_prepare.txt: the command, then the program, then what is there.
+prepare() { # COMMAND
+    rm -rf /run/new /run/victim /var/lock/fw_printenv.lock
+    mkdir -p /run/victim/folder
+    echo secret > /run/victim/file
+    : > /run/victim/empty
+    chmod 600 /run/victim/*
+    times=1
+    eval "$1"
+    while [ $times -gt 0 ]; do
+        corvo_agent_prepare nobody /run/new/agent > /run/said 2>&1
+        status=$?
+        times=$((times - 1))
+    done
+    if [ -n "$swapping" ]; then
+        kill $swapping
+        wait $swapping 2> /dev/null
+        swapping=
+    else
+        echo $status
+        cat /run/said
+        stat -c '%U %G %a %F' /run/new/agent /run/new/agent/lock /var/lock/fw_printenv.lock 2>&1 |
+            sed 's/.*No such.*/-/'
+    fi
+    stat -c '%U %G %a' /run/victim /run/victim/* | sort | uniq -c | tr -s ' '
+    ls /run/victim | wc -l
+}
+
+# Puts a link under the name, and what may stand there, by turns, while the program runs often.
+swap() { # NAME TARGET
+    times=1000
+    mkdir -p /run/new
+    while :; do
+        ln -sfn "$2" "$1.new" && mv -fT "$1.new" "$1"
+        sleep 0.005
+        rm -f "$1"
+        case $1 in */agent) mkdir "$1" && sleep 0.002 && rmdir "$1" ;; esac
+    done 2> /dev/null &
+    swapping=$!
+}

@@ -43,17 +43,27 @@ CORVO_UPGRADE_DEPENDENCIES += libcurl
 CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_AGENT=ON
 
 define CORVO_UPGRADE_USERS
-	corvo-agent -1 corvo-agent -1 * - - disk Agent of the update server
+	corvo-agent -1 corvo-agent -1 * - - corvo-flash Agent of the update server
 endef
+
+# Without udev the script does it, unless mdev has.
+ifeq ($(BR2_PACKAGE_HAS_UDEV),y)
+define CORVO_UPGRADE_INSTALL_AGENT_RULES
+	$(INSTALL) -D -m 644 $(@D)/packaging/udev.rules \
+		$(TARGET_DIR)/lib/udev/rules.d/60-corvo-flash.rules
+endef
+endif
 
 define CORVO_UPGRADE_INSTALL_AGENT_SCRIPT
 	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S94corvo_agent \
 		$(TARGET_DIR)/etc/init.d/S94corvo_agent
+	$(CORVO_UPGRADE_INSTALL_AGENT_RULES)
 endef
 
 define CORVO_UPGRADE_INSTALL_AGENT_UNIT
 	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-agent.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/corvo-agent.service
+	$(CORVO_UPGRADE_INSTALL_AGENT_RULES)
 endef
 else
 CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_AGENT=OFF
