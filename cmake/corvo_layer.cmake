@@ -6,16 +6,19 @@
 set(CORVO_SERVICE_OPTIONS -fno-exceptions -fno-rtti -fno-threadsafe-statics -ffunction-sections
                           -fdata-sections -fno-asynchronous-unwind-tables -fno-unwind-tables)
 
-# corvo_layer(NAME SOURCES file... [PUBLIC target...] [PRIVATE target...])
+# corvo_layer(NAME SOURCES file... [INCLUDE folder] [PUBLIC target...] [PRIVATE target...])
 #
-# One layer as a static library. Its include/ folder is what other layers may include, and only
+# One layer as a static library. Its INCLUDE folder, include/ by default, is what other layers may include, and only
 # layers that name it as a dependency see it; headers beside the sources stay private. PUBLIC
 # dependencies show through the layer's own headers, PRIVATE ones do not.
 function(corvo_layer name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC;PRIVATE")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE" "SOURCES;PUBLIC;PRIVATE")
+  if(NOT arg_INCLUDE)
+    set(arg_INCLUDE include)
+  endif()
   add_library(${name} STATIC ${arg_SOURCES})
   set_property(GLOBAL APPEND PROPERTY CORVO_LAYERS ${name})
-  target_include_directories(${name} PUBLIC include)
+  target_include_directories(${name} PUBLIC ${arg_INCLUDE})
   target_compile_options(${name} PRIVATE ${CORVO_SERVICE_OPTIONS})
   target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
 endfunction()

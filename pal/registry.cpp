@@ -1,21 +1,13 @@
 #include "registry.h"
 
-#include "hal/axera_ota.h"
-#include "hal/nv.h"
-#include "hal/t31_led.h"
+#define REGISTRY_LOOKUP(kind, Interface, table)                  \
+    const Interface* HAL_##kind##_GetInterface(uint32_t index) { \
+        return index == 0 ? &(table) : nullptr;                  \
+    }
+HAL_MODULES(REGISTRY_LOOKUP)
 
-const HalOtaInterface* HAL_OTA_GetInterface(uint32_t index) {
-    return index == 0 ? &AXERA_OTA_INTERFACE : nullptr;
-}
-
-const HalLedInterface* HAL_LED_GetInterface(uint32_t index) {
-    return index == 0 ? &T31_LED_INTERFACE : nullptr;
-}
-
-const HalNvInterface* HAL_NV_GetInterface(uint32_t index) {
-    return index == 0 ? &NV_INTERFACE : nullptr;
-}
-
-const HalPmuInterface* HAL_PMU_GetInterface(uint32_t /*index*/) {
-    return nullptr;
-}
+#define REGISTRY_NO_LOOKUP(kind, Interface)                          \
+    const Interface* HAL_##kind##_GetInterface(uint32_t /*index*/) { \
+        return nullptr;                                              \
+    }
+HAL_MISSING_MODULES(REGISTRY_NO_LOOKUP)

@@ -4,14 +4,15 @@
 
 #include <stdint.h>
 
+#include "board/modules.h"
 #include "hal/hal_interfaces.h"
 
-// Each kind has one instance: the table for index 0, null for any other index.
-const HalOtaInterface* HAL_OTA_GetInterface(uint32_t index);
-const HalLedInterface* HAL_LED_GetInterface(uint32_t index);
-const HalNvInterface* HAL_NV_GetInterface(uint32_t index);
-
-// Null for every index: the camera has no power management module.
-const HalPmuInterface* HAL_PMU_GetInterface(uint32_t index);
+// HAL_LED_GetInterface and so on, for the kinds in board/modules.h. Each kind has one instance: its
+// table for index 0, null for any other index, and null for a kind that this camera does not have.
+#define REGISTRY_LOOKUP(kind, Interface, ...) \
+    const Interface* HAL_##kind##_GetInterface(uint32_t index);
+HAL_MODULES(REGISTRY_LOOKUP)
+HAL_MISSING_MODULES(REGISTRY_LOOKUP)
+#undef REGISTRY_LOOKUP
 
 #endif  // PAL_REGISTRY_H

@@ -17,7 +17,6 @@
 #include "hal/axera_ota.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
-#include "hal/nv.h"
 #include "hal/t31_led.h"
 #include "mtd_table.h"
 #include "nv_factory_cache.h"

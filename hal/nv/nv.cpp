@@ -1,5 +1,3 @@
-#include "hal/nv.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,7 +7,9 @@
 
 #include "base/unique_fd.h"
 #include "hal/flash_mmc.h"
+#include "hal/hal_interfaces.h"
 
+// Non-volatile data in small eMMC partitions. The module keeps no state and takes no lock.
 namespace {
 
 constexpr int32_t NV_OK = 0;  // reads and writes return the driver's count, or -1

@@ -20,7 +20,6 @@
 #include "hal/axera_ota.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
-#include "hal/nv.h"
 #include "hal/t31_led.h"
 #include "pal/pal_led.h"
 #include "pal/pal_nv.h"

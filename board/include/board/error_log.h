@@ -5,28 +5,24 @@
 
 #include <stdint.h>
 
+#include "board/modules.h"
+
 // Printed with each report, never used to filter.
 enum ReportLevel : int32_t {
     REPORT_LEVEL_INFO = 2,   // progress and information
     REPORT_LEVEL_ERROR = 4,  // a failure
 };
 
-// Who reports: a tag for people and a number for programs that read the output. A new one takes a
-// number that no line below has.
+// Who reports: a tag for people and a number for programs that read the output.
 struct ReportSource {
     const char* tag;
     int32_t id;
 };
 
-constexpr ReportSource REPORT_FLASH_MMC{"FLASH_MMC", 1};
-constexpr ReportSource REPORT_FLASH_MTD{"FLASH_MTD", 2};
-constexpr ReportSource REPORT_PAL_LED{"PAL_LED", 7};
-constexpr ReportSource REPORT_PAL_OTA{"PAL_OTA", 10};
-constexpr ReportSource REPORT_PAL_NV{"PAL_NV", 20};
-constexpr ReportSource REPORT_PAL_PMU{"PAL_PMU", 21};
-constexpr ReportSource REPORT_HAL_LED{"HAL_LED", 46};
-constexpr ReportSource REPORT_HAL_OTA{"BATTERY_CAM_OTA", 48};
-constexpr ReportSource REPORT_HAL_GPIO{"HAL_GPIO", 77};
+// REPORT_FLASH_MMC and so on, from the table in board/modules.h.
+#define REPORT_SOURCE_CONSTANT(name, tag, number) constexpr ReportSource REPORT_##name{tag, number};
+REPORT_SOURCES(REPORT_SOURCE_CONSTANT)
+#undef REPORT_SOURCE_CONSTANT
 
 // Prints "PAL error function,line,tag id level message" and a line feed. The message is cut to 508
 // characters; one that ends in a line feed is followed by an empty line. Takes no lock but that of

@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include "board/modules.h"
+
 // What an LED request is about. Values that are not named select nothing.
 enum LedType : uint32_t {
     LED_TYPE_RED = 0,
@@ -115,5 +117,10 @@ struct HalPmuInterface {
     // Slot 0. Prepares the module. Returns 0 or a non-zero code.
     int32_t (*init)(uint32_t index);
 };
+
+// The modules' tables, by the names in board/modules.h.
+#define HAL_MODULE_TABLE(kind, Interface, table) extern const Interface table;
+HAL_MODULES(HAL_MODULE_TABLE)
+#undef HAL_MODULE_TABLE
 
 #endif  // HAL_HAL_INTERFACES_H

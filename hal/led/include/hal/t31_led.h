@@ -7,6 +7,4 @@
 
 #include "hal/hal_interfaces.h"
 
-extern const HalLedInterface T31_LED_INTERFACE;
-
 #endif  // HAL_T31_LED_H

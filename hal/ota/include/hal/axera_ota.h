@@ -25,6 +25,4 @@ enum HalOtaResult : int32_t {
     HAL_OTA_WRITE_FAILED = 17,         // the flash did not take the data; eMMC: or reading failed
 };
 
-extern const HalOtaInterface AXERA_OTA_INTERFACE;
-
 #endif  // HAL_AXERA_OTA_H
