@@ -9,8 +9,8 @@
 
 enum AgentResult : int32_t {
     AGENT_OK = 0,
-    AGENT_UNREACHABLE = 1,  // network, TLS, 429 or 5xx: the same may work later
-    AGENT_REFUSED = 2,      // 401, 403 or 407: the server refuses this camera
+    AGENT_UNREACHABLE = 1,  // network, TLS, proxy (407), 429 or 5xx: the same may work later
+    AGENT_REFUSED = 2,      // 401 or 403: the server refuses this camera
     AGENT_GONE = 3,         // 404 or 410: what was asked for is not there (any more)
     AGENT_MALFORMED = 4,    // another refusal (4xx), or an answer that is not what it must be
     AGENT_DIFFERENT = 5,    // the bytes that came are not those that were announced

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "agent/ddi.h"
+#include "agent/token.h"
 #include "agent/url.h"
 #include "base/version.h"
 
@@ -45,11 +46,11 @@ AgentResult result_of(long code) {
     switch (code) {
         case 401:
         case 403:
-        case 407:
             return AGENT_REFUSED;
         case 404:
         case 410:
             return AGENT_GONE;
+        case 407:  // a proxy's: the server was not asked
         case 408:
         case 425:
         case 429:
@@ -71,9 +72,10 @@ AgentStatus refusal(const std::string& method, const std::string& url, const Htt
                     const std::string& message) {
     const std::string code = std::to_string(head.code) +
                              (head.location.empty() ? "" : " to " + shown_url(head.location));
-    AgentStatus status =
-        agent_fault(result_of(head.code), method + " " + shown_url(url) + ": the server answers " +
-                                              code + (message.empty() ? "" : ", ") + message);
+    AgentStatus status = agent_fault(
+        result_of(head.code), method + " " + shown_url(url) + ": the " +
+                                  (head.code == 407 ? "proxy" : "server") + " answers " + code +
+                                  (message.empty() ? "" : ", ") + message);
     status.retryAfterS = head.retryAfterS;
     return status;
 }
@@ -203,6 +205,22 @@ void set_trust(Options& options, const ServerSettings& settings, bool proven) {
     options.set(CURLOPT_KEYPASSWD, "");
 }
 
+// An empty text is none, whatever environment variables say.
+void set_proxy(Options& options, const std::string& proxy) {
+    options.set(CURLOPT_PROXY, proxy.c_str());
+    options.set(CURLOPT_NOPROXY, "");
+}
+
+// Why an exchange has failed, for people.
+std::string reason_of(CURL* handle, CURLcode fault, const char* text) {
+    long proxyCode = 0;
+    curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &proxyCode);
+    if (proxyCode >= 300) {
+        return "the proxy answers " + std::to_string(proxyCode);
+    }
+    return text[0] == '\0' ? curl_easy_strerror(fault) : text;
+}
+
 void set_limits(Options& options, const ServerSettings& settings, uint32_t limitS,
                 uint64_t bytesPerS) {
     options.set(CURLOPT_NOSIGNAL, 1L);
@@ -303,6 +321,7 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
     options.set(CURLOPT_ERRORBUFFER, reason);
     set_limits(options, settings_, request.limitS, request.bytesPerS);
     set_trust(options, settings_, request.proven);
+    set_proxy(options, settings_.proxy);
     if (options.fault == CURLE_OK) {
         options.fault = curl_easy_perform(handle);
     }
@@ -318,8 +337,26 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
     }
     return options.fault == CURLE_OK
                ? AgentStatus{}
-               : unreachable(request.url,
-                             reason[0] == '\0' ? curl_easy_strerror(options.fault) : reason);
+               : unreachable(request.url, reason_of(handle, options.fault, reason));
+}
+
+AgentStatus Http::reload_token() {
+    if (settings_.tokenFile.empty()) {
+        return {};
+    }
+    std::string token;
+    AgentStatus status = read_token(settings_.tokenFile, token);
+    if (status.ok()) {
+        const size_t scheme = settings_.authorization.find(' ');
+        settings_.authorization = settings_.authorization.substr(0, scheme) + ' ' + token;
+    }
+    return status;
+}
+
+// Whether the token's file holds another token than the one that was refused.
+bool Http::has_new_token() {
+    const std::string refused = settings_.authorization;
+    return reload_token().ok() && settings_.authorization != refused;
 }
 
 AgentStatus Http::call(const char* method, const std::string& url, const std::string& body,
@@ -354,6 +391,9 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
                      head, content);
         if (status.result == AGENT_STOPPED || head.code == 0) {
             return status;
+        }
+        if (head.code == 401 && has_new_token()) {
+            continue;
         }
         // The others ask for a GET instead.
         const bool same = body.empty() || head.code == 307 || head.code == 308;
@@ -395,15 +435,20 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
             return malformed(shown_url(place) + ": expected a link by https");
         }
         message.clear();
+        const bool proven = redirects == 0 && server.same_origin(parts);
         AgentStatus status = exchange({.method = "GET",
                                        .url = place,
                                        .headers = headers,
                                        .body = "",
-                                       .proven = redirects == 0 && server.same_origin(parts),
+                                       .proven = proven,
                                        .bytesPerS = settings_.rateLimit},
                                       head, file_content);
         if (status.result == AGENT_STOPPED || head.code == 0) {
             return status;
+        }
+        if (head.code == 401 && proven && has_new_token()) {
+            --redirects;  // the same place, proven as before
+            continue;
         }
         if (is_redirect(head)) {
             place = head.location;

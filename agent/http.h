@@ -3,7 +3,11 @@
 //
 // What proves who the camera is, the authorization header and the client certificate, goes to the
 // origin (scheme, host and port) of the configured server only, and with files not along a
-// redirect. A server that is reached by https leads nowhere to http.
+// redirect. A server that is reached by https leads nowhere to http. A request that is refused with
+// 401 is made once more when the token's file has another token by now.
+//
+// Everything goes through the proxy of the settings, or through none: environment variables have no
+// effect. What a proxy refuses (407) is AGENT_UNREACHABLE: the server was not asked.
 #ifndef AGENT_HTTP_H
 #define AGENT_HTTP_H
 
@@ -62,6 +66,9 @@ class Http {
     AgentStatus fetch(const std::string& url, const std::vector<std::string>& headers,
                       HttpHead& head, const HttpContent& content);
 
+    // See server.h.
+    AgentStatus reload_token();
+
     [[nodiscard]] const ServerSettings& settings() const { return settings_; }
     [[nodiscard]] const std::atomic<bool>& stop() const { return stop_; }
 
@@ -71,6 +78,7 @@ class Http {
   private:
     struct Request;
     AgentStatus exchange(const Request& request, HttpHead& head, const HttpContent& content);
+    bool has_new_token();
 
     ServerSettings settings_;
     const std::atomic<bool>& stop_;

@@ -95,6 +95,18 @@ int start(Agent& agent, corvo::UniqueFd& lock) {
     return AGENT_EXIT_OK;
 }
 
+// Somebody has sent SIGHUP, as after a change of the settings. Of them the token alone is read
+// again awake; a refusal does the same.
+void reload_token(Agent& agent) {
+    AgentStatus status = agent.server.reload_token();
+    if (status.ok()) {
+        status = agent.files.reload_token();
+    }
+    if (!status.ok()) {
+        print_error(AGENT, "the token that is known stays: " + status.text);
+    }
+}
+
 // What is in hand is partly in memory, and so is what has gone wrong how often.
 bool has_nothing_to_remember(const Agent& agent, const AgentStatus& status) {
     return status.ok() && agent.action.stage == ACTION_NONE && agent.waitingFor.empty() &&
@@ -136,8 +148,8 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_nothing_to_remember(agent, status)) {
             sleep_outside(process, delay);
         }
-        if (!stop) {
-            sleep_inside(delay);
+        if (!stop && sleep_inside(delay) && !stop) {
+            reload_token(agent);
         }
     }
     return AGENT_EXIT_OK;

@@ -19,6 +19,7 @@ struct Arguments {
     AgentSettings settings;
     std::string emptySetting;  // the name of one that was given without a value
     std::string checkPartitions = "on";
+    std::string allowUnencryptedToken = "off";
     bool json = false;
 };
 
@@ -62,9 +63,12 @@ void add_settings(CLI::App& app, Arguments& arguments) {
     text("--controller-id", server.controllerId, "This camera's name there (the host name)");
     text("--target-token-file", settings.targetTokenFile, "Holds this camera's token; mode 600");
     text("--gateway-token-file", settings.gatewayTokenFile, "Holds the tenant's token; mode 600");
+    text("--allow-unencrypted-token", arguments.allowUnencryptedToken,
+         "Send the token over http, too: on or off");
     text("--certificate", server.certificate, "This camera's certificate (PEM)");
     text("--key", server.key, "Its key: a file or a PKCS#11 URI");
     text("--ca", server.ca, "Who may vouch for the server (PEM; the system's authorities)");
+    text("--proxy", server.proxy, "HTTP proxy for all requests: http://HOST:PORT (none)");
     text("--keyring", settings.keyring, "Root certificates of whose packages are taken (PEM)");
     text("--crl", settings.crl, "Certificate revocation lists (PEM)");
     text("--compatible", settings.compatible, "This camera's hardware type");
@@ -85,15 +89,23 @@ void add_settings(CLI::App& app, Arguments& arguments) {
          "Its exit status says whether the camera may be upgraded now");
 }
 
+AgentStatus read_switch(const char* setting, const std::string& text, bool& isOn) {
+    isOn = text == "on";
+    return isOn || text == "off"
+               ? AgentStatus{}
+               : agent_fault(AGENT_MALFORMED,
+                             std::string(setting) + ": on or off, not \"" + text + "\"");
+}
+
 int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
     AgentSettings& settings = arguments.settings;
     Keyring keyring;
-    AgentStatus status;
-    if (arguments.checkPartitions != "on" && arguments.checkPartitions != "off") {
-        status = agent_fault(AGENT_MALFORMED, "check-partitions: on or off, not \"" +
-                                                  arguments.checkPartitions + "\"");
+    AgentStatus status =
+        read_switch("check-partitions", arguments.checkPartitions, settings.checkPartitions);
+    if (status.ok()) {
+        status = read_switch("allow-unencrypted-token", arguments.allowUnencryptedToken,
+                             settings.allowUnencryptedToken);
     }
-    settings.checkPartitions = arguments.checkPartitions == "on";
     find_empty_option(app, arguments.emptySetting);
     if (!arguments.emptySetting.empty()) {
         status = agent_fault(AGENT_MALFORMED, arguments.emptySetting + ": must not be empty");

@@ -55,6 +55,10 @@ AgentStatus Server::get_cancellation(const std::string& href, DdiCancellation& c
     return get(*http_, href, parse_cancellation, cancellation);
 }
 
+AgentStatus Server::reload_token() {
+    return http_->reload_token();
+}
+
 std::string Server::action_href(const std::string& id) const {
     return controller_place(*http_) + "/deploymentBase/" + http_->path_part(id);
 }

@@ -23,7 +23,9 @@ struct ServerSettings {
     std::string url = {};  // "https://host:port", without a path's last "/"
     std::string tenant = "DEFAULT";
     std::string controllerId = {};   // any text of 1 to 255 characters
-    std::string authorization = {};  // value of that header ("TargetToken ..."), or empty
+    std::string authorization = {};  // value of that header ("TargetToken SECRET"), or empty
+    std::string tokenFile = {};      // where its SECRET is from, to be read again; or empty
+    std::string proxy = {};          // "http://host:port" of an HTTP proxy, or empty: none
     std::string certificate = {};    // PEM file of the camera's certificate, or empty
     std::string key = {};            // its key: a PEM file or a PKCS#11 URI
     std::string ca = {};            // PEM file of who may vouch for the server; empty: the system's
@@ -53,6 +55,10 @@ class Server {
                                   const std::string& detail);
     // The attributes' place is the controller's own when `href` is empty.
     AgentStatus send_attributes(const std::string& href, const DdiAttributes& attributes);
+
+    // Reads the token's file again, as each refusal (401) does. Returns AGENT_OK, or
+    // AGENT_MALFORMED when it cannot be used; the token that is known stays then.
+    AgentStatus reload_token();
 
     // For files: see download.h, whose procedure is the only caller.
     [[nodiscard]] Http& http() { return *http_; }

@@ -1,7 +1,6 @@
 #include "agent/settings.h"
 
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,13 +8,13 @@
 #include <utility>
 
 #include "agent/folder.h"
+#include "agent/token.h"
+#include "agent/url.h"
 #include "ota/ota_message.h"
-#include "package/files.h"
 #include "package/manifest.h"
 
 namespace {
 
-constexpr size_t TOKEN_SIZE_MAX = 4096;
 constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int32_t HOURS_PER_DAY = 24;
 constexpr size_t CONTROLLER_ID_SIZE_MAX = 255;
@@ -72,26 +71,6 @@ AgentStatus check_folders(AgentSettings& settings) {
     return status;
 }
 
-// The secret that "SCHEME SECRET" of the header is made of.
-AgentStatus read_token(const char* setting, const std::string& path, const char* scheme,
-                       std::string& authorization) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return wrong(setting, "others can read " + path + " (chmod 600)");
-    }
-    std::string token;
-    const PackageStatus read = read_small_file(path, TOKEN_SIZE_MAX, FileKind::REGULAR, token);
-    if (!read.ok()) {
-        return wrong(setting, read.text);
-    }
-    token.erase(token.find_last_not_of(" \t\r\n") + 1);
-    if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
-        return wrong(setting, path + " holds no token");
-    }
-    authorization = std::string(scheme) + ' ' + token;
-    return {};
-}
-
 void name_camera(ServerSettings& server) {
     char host[CONTROLLER_ID_SIZE_MAX + 1] = {};
     if (server.controllerId.empty() && gethostname(host, sizeof(host) - 1) == 0) {
@@ -110,6 +89,11 @@ AgentStatus check_server(ServerSettings& server) {
     if (server.controllerId.size() > CONTROLLER_ID_SIZE_MAX) {
         return wrong("controller-id", "at most 255 characters");
     }
+    if (!server.proxy.empty() && url_parts(server.proxy).scheme != "http") {
+        return wrong("proxy",
+                     "none, or a URL such as http://proxy.example:3128, without a user's "
+                     "name");
+    }
     if (server.tenant.empty()) {
         return wrong("tenant", "must not be empty");
     }
@@ -123,19 +107,35 @@ AgentStatus check_server(ServerSettings& server) {
     return {};
 }
 
+AgentStatus use_token(const char* setting, const std::string& path, const char* scheme,
+                      ServerSettings& server) {
+    std::string token;
+    AgentStatus status = read_token(path, token);
+    if (!status.ok()) {
+        return wrong(setting, status.text);
+    }
+    server.tokenFile = path;
+    server.authorization = std::string(scheme) + ' ' + token;
+    return {};
+}
+
 AgentStatus read_tokens(AgentSettings& settings) {
-    if (!settings.targetTokenFile.empty() && !settings.gatewayTokenFile.empty()) {
+    const bool target = !settings.targetTokenFile.empty();
+    if (!target && settings.gatewayTokenFile.empty()) {
+        return {};
+    }
+    if (target && !settings.gatewayTokenFile.empty()) {
         return wrong("gateway-token-file", "not together with target-token-file");
     }
-    if (!settings.targetTokenFile.empty()) {
-        return read_token("target-token-file", settings.targetTokenFile, "TargetToken",
-                          settings.server.authorization);
+    if (!settings.server.url.starts_with("https://") && !settings.allowUnencryptedToken) {
+        return wrong("server",
+                     "over http anybody on the way can read the token: https, or "
+                     "allow-unencrypted-token = on");
     }
-    if (!settings.gatewayTokenFile.empty()) {
-        return read_token("gateway-token-file", settings.gatewayTokenFile, "GatewayToken",
-                          settings.server.authorization);
-    }
-    return {};
+    return target ? use_token("target-token-file", settings.targetTokenFile, "TargetToken",
+                              settings.server)
+                  : use_token("gateway-token-file", settings.gatewayTokenFile, "GatewayToken",
+                              settings.server);
 }
 
 AgentStatus check_places(const AgentSettings& settings) {
@@ -221,6 +221,9 @@ AgentStatus complete_local_settings(AgentSettings& settings) {
     name_camera(settings.server);
     if (settings.versionFile == NO_VERSION_FILE) {
         settings.versionFile.clear();
+    }
+    if (settings.server.proxy == NO_PROXY) {
+        settings.server.proxy.clear();
     }
     return check_folders(settings);
 }

@@ -18,15 +18,19 @@ constexpr char AGENT[] = "corvo_agent";
 constexpr char AGENT_FOLDER[] = "agent/";
 constexpr char AGENT_SETTINGS_PATH[] = "/etc/corvo/agent.conf";
 
+// Instead of a proxy.
+constexpr char NO_PROXY[] = "none";
+
 // Instead of a version file: older packages are accepted, too.
 constexpr char NO_VERSION_FILE[] = "none";
 
 // As they were said; names with "-" instead of capitals ("controller-id").
 struct AgentSettings {
     ServerSettings server;  // "server", "tenant", "controller-id", "certificate", "key", "ca",
-                            // "rate-limit", "connect-timeout", "stall-timeout"
+                            // "proxy", "rate-limit", "connect-timeout", "stall-timeout"
     std::string targetTokenFile;
     std::string gatewayTokenFile;
+    bool allowUnencryptedToken = false;  // over http
 
     std::string keyring;     // PEM file of root certificates
     std::string crl;         // PEM file of revocation lists, or empty

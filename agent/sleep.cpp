@@ -69,12 +69,12 @@ std::atomic<bool>& catch_signals() {
     return g_stop;
 }
 
-void sleep_inside(uint32_t milliseconds) {
+bool sleep_inside(uint32_t milliseconds) {
     pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
-    if (poll(&woken, 1, static_cast<int>(milliseconds)) > 0) {
-        uint64_t count = 0;
-        corvo::ignore_result(read(g_wake.get(), &count, sizeof(count)));
-    }
+    // A signal that interrupts the call has made the descriptor readable.
+    corvo::ignore_result(poll(&woken, 1, static_cast<int>(milliseconds)));
+    uint64_t count = 0;
+    return read(g_wake.get(), &count, sizeof(count)) > 0;
 }
 
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {

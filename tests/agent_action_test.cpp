@@ -466,6 +466,20 @@ TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
     umount(STATE_FOLDER.c_str());
 }
 
+TEST(Action, TokenIsReadAgainAtSighup) {
+    make_packages();
+    PlayedServer server({});
+    ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
+                       PlayedServer::CONTROLLER + "'; echo old > /etc/corvo/token"));
+    RunningAgent agent;
+    EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 1; }));
+    write_file("/etc/corvo/token", "secret\n");
+    agent.signal(SIGHUP);
+    EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 2; }));
+    EXPECT_EQ("TargetToken old", server.requests()[0].authorization);
+    EXPECT_EQ(PlayedServer::AUTHORIZATION, server.requests()[1].authorization);
+}
+
 // With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal
 // comes or the time is over; what becomes of its settings meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {

@@ -2,6 +2,7 @@
 // files that are others. Cases are data.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -327,6 +328,55 @@ TEST(AgentTransport, BothProveWhoTheyAre) {
         const std::string outcome = world.run_until_decided("poll");
         return outcome + "; asked " + asked(world.server, "poll");
     });
+}
+
+// A proxy is the one of the settings, whatever the environment says, and what it refuses is not the
+// server's word.
+TEST(AgentTransport, ProxyIsTheOneOfTheSettings) {
+    World world;
+    setenv("http_proxy", "http://localhost:1", 1);
+    EXPECT_EQ("", world.run("poll").text);
+    unsetenv("http_proxy");
+
+    world.settings.proxy = world.server.url();
+    world.settings.url = "http://updates.example";
+    setenv("no_proxy", "*", 1);
+    EXPECT_EQ("", world.run("poll").text);
+    unsetenv("no_proxy");
+    const std::string url = world.settings.url + "/DEFAULT/controller/v1/cam%201";
+    EXPECT_EQ("GET " + url, world.server.requests().back().line);
+    world.server.misbehave("poll status 407");
+    AgentStatus status = world.run("poll");
+    EXPECT_EQ("UNREACHABLE GET " + url + ": the proxy answers 407, as told",
+              name_of(status) + " " + status.text);
+    world.settings.url = "https://updates.example";
+    status = world.run("poll");
+    EXPECT_EQ(
+        "UNREACHABLE cannot reach https://updates.example/DEFAULT/controller/v1/cam%201: "
+        "the proxy answers 407",
+        name_of(status) + " " + status.text);
+}
+
+TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
+    for (const std::string step : {"poll", "feedback"}) {
+        World world({}, step);
+        world.settings.tokenFile = "/run/token";
+        world.settings.authorization = "TargetToken rotated";
+        write_file("/run/token", "secret\n");
+        EXPECT_EQ(0, chmod("/run/token", 0640));
+        EXPECT_EQ("REFUSED", name_of(world.run(step)));  // others can read it
+        EXPECT_EQ(0, chmod("/run/token", 0600));
+        EXPECT_EQ("", world.run(step).text);
+        EXPECT_EQ(3U, world.server.requests().size());
+    }
+    World world;
+    world.settings.tokenFile = "/run/token";
+    world.server.misbehave("file status 401");
+    EXPECT_EQ("REFUSED", name_of(world.run("file")));
+    EXPECT_EQ("all", asked(world.server, "file"));  // it is the same one
+    write_file("/run/token", "secret2\n");
+    EXPECT_EQ("REFUSED", name_of(world.run("file")));
+    EXPECT_EQ("all, all, all", asked(world.server, "file"));
 }
 
 // Files may lie elsewhere: nothing proves to that host who the camera is, and nothing is fetched

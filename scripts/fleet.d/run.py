@@ -95,6 +95,8 @@ class Fleet:
             who = {"certificate": certificate, "key": key}
         else:
             who = {"target-token-file": "/config/token"}
+            if self.url.startswith("http://"):  # a server that was there already
+                who["allow-unencrypted-token"] = "on"
         if self.ca:
             who["ca"] = self.ca
         return {"server": self.url, "controller-id": name, **who, "keyring": self.package.keyring,

@@ -42,6 +42,7 @@ echo secret > /etc/corvo/token
 chmod 600 /etc/corvo/token
 {
     printf '%s\n' "server = $2" "controller-id = \"$3\"" "target-token-file = /etc/corvo/token" \
+        "allow-unencrypted-token = on" \
         "keyring = /run/pki/root.pem" "compatible = R5C20" "version-file = /etc/version"
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;

@@ -168,7 +168,8 @@ void PlayedServer::Impl::serve(httplib::Request& request, httplib::Response& res
                           .body = request.body};
     // Or the library would cut ranges out of what is answered.
     request.ranges.clear();
-    classify(seen, request.path);
+    const std::string& path = request.path;
+    classify(seen, path.starts_with("http://") ? path.substr(path.find('/', 7)) : path);
     const std::lock_guard<std::mutex> lock(mutex);
     const std::vector<Fault> wanted = faults_of(seen);
     const auto meets = [&wanted](const char* kind) {
@@ -222,6 +223,12 @@ PlayedServer::PlayedServer(const Setup& setup) : impl_(new Impl{.setup = setup})
         impl_->serve(const_cast<httplib::Request&>(request), response);
     };
     http.Get(".*", serve).Post(".*", serve).Put(".*", serve);
+    http.set_pre_routing_handler([](const auto& request, auto& response) {
+        const bool tunnel = request.method == "CONNECT";
+        response.status = tunnel ? 407 : response.status;
+        return tunnel ? httplib::Server::HandlerResponse::Handled
+                      : httplib::Server::HandlerResponse::Unhandled;
+    });
     http.set_keep_alive_timeout(1);
     http.set_tcp_nodelay(true);
     impl_->hawkbit.old = setup.old;

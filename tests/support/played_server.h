@@ -2,6 +2,9 @@
 // either generation, that can misbehave. It listens on a port of its own at the loopback address
 // from construction to destruction. Its procedures may be called from any thread.
 //
+// It also answers as a plain proxy does: a request for any host by http as one of its own, and
+// CONNECT with 407.
+//
 // As the real one does: a newer action makes the older one be cancelled; an action takes 1000
 // statuses; what has ended is 410 for feedback and 404 for the rest.
 #ifndef TESTS_SUPPORT_PLAYED_SERVER_H
