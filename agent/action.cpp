@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -71,13 +72,24 @@ bool find_stage(const std::string& word, ActionStage& stage) {
     return false;
 }
 
+char slot_of(const Json& json) {
+    std::string slot;
+    take(json, "slotBefore", slot);
+    return slot.size() == 1 ? slot[0] : '?';
+}
+
 std::string action_text(const ActionRecord& action) {
+    Json files = Json::array();
+    for (const OfferedFile& file : action.files) {
+        files.push_back({{"name", file.name}, {"size", file.size}, {"sha256", file.sha256}});
+    }
     const Json json = {{"stage", stage_word(action.stage)},
                        {"id", action.id},
-                       {"files", action.files},
+                       {"files", files},
                        {"manifestFile", action.manifestFile},
                        {"downloadOnly", action.downloadOnly},
                        {"statuses", action.statuses},
+                       {"malformedOffers", action.malformedOffers},
                        {"refusedCancellation", action.refusedCancellation},
                        {"manifest", action.manifest},
                        {"attempts", action.attempts},
@@ -86,7 +98,8 @@ std::string action_text(const ActionRecord& action) {
                        {"bootId", action.bootId},
                        {"processId", action.processId},
                        {"succeeded", action.succeeded},
-                       {"words", action.words}};
+                       {"words", action.words},
+                       {"refusedResults", action.refusedResults}};
     return text_of_json(json, 1) + '\n';
 }
 
@@ -100,20 +113,27 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     take(json, "id", action.id);
     if (const auto files = json.find("files"); files != json.end() && files->is_array()) {
         for (const Json& file : *files) {
+            OfferedFile offered;
             if (file.is_string()) {
-                action.files.push_back(file.get<std::string>());
+                offered.name = file.get<std::string>();
+            } else if (file.is_object()) {
+                take(file, "name", offered.name);
+                take(file, "size", offered.size);
+                take(file, "sha256", offered.sha256);
+            }
+            if (!offered.name.empty()) {
+                action.files.push_back(std::move(offered));
             }
         }
     }
     take(json, "manifestFile", action.manifestFile);
     take(json, "downloadOnly", action.downloadOnly);
     take(json, "statuses", action.statuses);
+    take(json, "malformedOffers", action.malformedOffers);
     take(json, "refusedCancellation", action.refusedCancellation);
     take(json, "manifest", action.manifest);
     take(json, "attempts", action.attempts);
-    std::string slot;
-    take(json, "slotBefore", slot);
-    action.slotBefore = slot.size() == 1 ? slot[0] : '?';
+    action.slotBefore = slot_of(json);
     std::string record;
     take(json, "recordBefore", record);
     action.recordBefore = digits_to_bytes(record);
@@ -121,6 +141,7 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     take(json, "processId", action.processId);
     take(json, "succeeded", action.succeeded);
     take(json, "words", action.words);
+    take(json, "refusedResults", action.refusedResults);
     return find_stage(stage, action.stage) && !action.id.empty();
 }
 
@@ -128,6 +149,11 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
 
 const char* stage_word(ActionStage stage) {
     return STAGE_WORDS[static_cast<size_t>(stage)];
+}
+
+std::string manifest_digest(const ActionRecord& action) {
+    const auto file = std::ranges::find(action.files, action.manifestFile, &OfferedFile::name);
+    return file == action.files.end() ? "" : file->sha256;
 }
 
 AgentStatus load_action(const std::string& stateFolder, ActionRecord& action) {
@@ -173,10 +199,13 @@ AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntr
         HistoryEntry entry;
         if (line.is_object()) {
             take(line, "id", entry.id);
+            take(line, "manifestDigest", entry.manifestDigest);
             take(line, "version", entry.version);
             take(line, "succeeded", entry.succeeded);
             take(line, "told", entry.told);
             take(line, "words", entry.words);
+            take(line, "manifest", entry.manifest);
+            entry.slotBefore = slot_of(line);
             take(line, "time", entry.time);
             history.push_back(std::move(entry));
         }
@@ -194,19 +223,37 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
     if (!status.ok()) {
         return status;
     }
-    // A cut between this and the record's removal adds the same again.
-    std::erase_if(history, [&](const HistoryEntry& old) { return old.id == entry.id; });
+    // A power cut between this and the record's removal adds the same again.
+    std::erase_if(history, [&](const HistoryEntry& old) {
+        return old.id == entry.id && old.manifestDigest == entry.manifestDigest;
+    });
     history.push_back(entry);
     Json json = Json::array();
     const size_t skipped = history.size() > HISTORY_ENTRIES ? history.size() - HISTORY_ENTRIES : 0;
     for (size_t i = skipped; i < history.size(); ++i) {
         const HistoryEntry& line = history[i];
         json.push_back({{"id", line.id},
+                        {"manifestDigest", line.manifestDigest},
                         {"version", line.version},
                         {"succeeded", line.succeeded},
                         {"told", line.told},
                         {"words", line.words},
+                        {"manifest", line.manifest},
+                        {"slotBefore", std::string(1, line.slotBefore)},
                         {"time", line.time}});
     }
     return store_file(stateFolder + HISTORY_FILE, text_of_json(json, 1) + '\n');
+}
+
+bool find_in_history(const std::string& stateFolder, const std::string& id,
+                     const std::string& manifestDigest, HistoryEntry& entry) {
+    std::vector<HistoryEntry> history;
+    (void)load_history(stateFolder, history);  // one that cannot be read has none
+    for (HistoryEntry& line : history) {
+        if (line.id == id && line.manifestDigest == manifestDigest && !manifestDigest.empty()) {
+            entry = std::move(line);
+            return true;
+        }
+    }
+    return false;
 }

@@ -25,13 +25,22 @@ enum ActionStage : int32_t {
 // The word for a stage: "downloading".
 const char* stage_word(ActionStage stage);
 
+// A file of an action as the server offered it.
+struct OfferedFile {
+    std::string name;  // in the download folder
+    uint64_t size = 0;
+    std::string
+        sha256;  // 64 hexadecimal digits; empty in a record of an agent that kept names only
+};
+
 struct ActionRecord {
     ActionStage stage = ACTION_NONE;
     std::string id;                  // the server's
-    std::vector<std::string> files;  // the action's, in the download folder
-    std::string manifestFile;        // one of them; from the download on
+    std::vector<OfferedFile> files;  // with other ones under the same id it is another action
+    std::string manifestFile;        // one of them; empty when the offer does not show which
     bool downloadOnly = false;       // the server wanted no more; the files wait for another action
     uint32_t statuses = 0;  // that the server keeps of this action, requests for files included
+    uint32_t malformedOffers = 0;     // in a row that could not be read; `files` is empty then
     std::string refusedCancellation;  // the last one that was answered
 
     // From the commit on. `manifest` is its text as package/manifest.h reads it.
@@ -45,7 +54,11 @@ struct ActionRecord {
     // The verdict.
     bool succeeded = false;
     std::string words;
+    uint32_t refusedResults = 0;  // times that the server did not take it
 };
+
+// The SHA-256 of the action's manifest, as in OfferedFile; empty when it is not known.
+std::string manifest_digest(const ActionRecord& action);
 
 // Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, AGENT_MEDIUM when nobody can tell
 // whether there is one, or AGENT_MALFORMED when it is not what an agent has written.
@@ -58,16 +71,21 @@ AgentStatus put_action_aside(const std::string& stateFolder);
 AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action);
 AgentStatus remove_action(const std::string& stateFolder);
 
-// A line of the local history: how an action ended, for `status` and for whoever looks at a camera
-// that the server has forgotten.
+// A line of the local history: how an action ended, for `status`, for whoever examines a camera
+// that the server has forgotten, and for a server that offers the same action again because it has
+// lost the result. The digest tells it from another server's action with the same id.
 struct HistoryEntry {
     std::string id;
+    std::string manifestDigest;  // as manifest_digest() returns it
     std::string version;
     bool succeeded = false;
-    // The server took the verdict. Not known when it said that the action has ended: somebody may
-    // have quit it, or the answer to the same verdict was lost.
+    // The server took the result. Else it did not know the action any more (somebody may have quit
+    // it, or the answer to the same result was lost), or it refused the result each time.
     bool told = false;
     std::string words;
+    // Of a success, what is needed to check that the same system still runs: as in ActionRecord.
+    std::string manifest;
+    char slotBefore = '?';
     int64_t time = 0;  // seconds since 1970, by the camera's clock
 };
 
@@ -79,5 +97,9 @@ AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntr
 // reported on standard error; one that cannot be read stays as it is. Returns AGENT_OK or
 // AGENT_MEDIUM.
 AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry);
+
+// Returns whether the history has this action. It has none whose digest is not known.
+bool find_in_history(const std::string& stateFolder, const std::string& id,
+                     const std::string& manifestDigest, HistoryEntry& entry);
 
 #endif  // AGENT_ACTION_H

@@ -35,21 +35,6 @@ const DdiFile* find_file(const DdiAction& offer, const std::string& name) {
     return found == offer.files.end() ? nullptr : &*found;
 }
 
-// The one manifest that has its signature beside it. Null when there is none, or more than one.
-const DdiFile* find_manifest(const DdiAction& offer) {
-    const DdiFile* manifest = nullptr;
-    for (const DdiFile& file : offer.files) {
-        if (find_file(offer, file.name + SIGNATURE_SUFFIX) == nullptr) {
-            continue;
-        }
-        if (manifest != nullptr) {
-            return nullptr;
-        }
-        manifest = &file;
-    }
-    return manifest;
-}
-
 std::string names_of(const DdiAction& offer) {
     std::string names;
     for (const DdiFile& file : offer.files) {
@@ -197,7 +182,6 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
     if (file->size > MANIFEST_SIZE_MAX || signature->size > SIGNATURE_SIZE_MAX) {
         return conclude(agent, false, file->name + " or its signature is too large to be one");
     }
-    agent.action.manifestFile = file->name;
     for (const DdiFile* small : {file, signature}) {
         const AgentStatus status = fetch_file(agent, fetching, *small, nullptr);
         if (!status.ok()) {
@@ -209,6 +193,20 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
 }
 
 }  // namespace
+
+const DdiFile* find_manifest(const DdiAction& offer) {
+    const DdiFile* manifest = nullptr;
+    for (const DdiFile& file : offer.files) {
+        if (find_file(offer, file.name + SIGNATURE_SUFFIX) == nullptr) {
+            continue;
+        }
+        if (manifest != nullptr) {
+            return nullptr;
+        }
+        manifest = &file;
+    }
+    return manifest;
+}
 
 PackageStatus read_manifest(const Agent& agent, Manifest& manifest) {
     Signer signer;

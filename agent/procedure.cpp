@@ -23,7 +23,6 @@ constexpr int ROUNDS_MAX = 12;
 
 // An offer that cannot be read may be a proxy's bad moment; one that stays so is refused.
 constexpr uint32_t MALFORMED_OFFERS_MAX = 3;
-constexpr uint32_t MALFORMED_PAUSE_MS = 2000;
 
 bool is_committed(const ActionRecord& action) {
     return action.stage == ACTION_COMMITTED || action.stage == ACTION_POSTED;
@@ -41,6 +40,57 @@ std::string id_of(const std::string& href) {
     return path.substr(path.rfind('/') + 1);
 }
 
+bool is_answered(const Agent& agent, const std::string& what) {
+    return std::ranges::find(agent.answered, what) != agent.answered.end();
+}
+
+// Whether this was not answered yet in this poll. A server on which the answer has no effect would
+// get it over and over.
+bool is_first_answer(Agent& agent, const std::string& what) {
+    if (is_answered(agent, what)) {
+        return false;
+    }
+    agent.answered.push_back(what);
+    return true;
+}
+
+// The action that a link of the poll leads to. AGENT_MALFORMED also when it is another one: its
+// feedback would go to a place that does not exist, and never end.
+AgentStatus get_offer(Agent& agent, const std::string& href, DdiAction& offer) {
+    AgentStatus status = agent.server.get_action(href, offer);
+    if (status.ok() && offer.id != id_of(href)) {
+        status = agent_fault(AGENT_MALFORMED, "the action of the server: the id \"" + offer.id +
+                                                  "\" differs from its link's");
+    }
+    return status;
+}
+
+bool has_known_digests(const ActionRecord& action) {
+    return std::ranges::none_of(action.files,
+                                [](const OfferedFile& file) { return file.sha256.empty(); });
+}
+
+// Whether the offer is still the one that was taken: the same files, in any order.
+bool is_same_offer(const ActionRecord& action, const DdiAction& offer) {
+    const auto was_offered = [&action](const DdiFile& file) {
+        const auto found = std::ranges::find(action.files, file.name, &OfferedFile::name);
+        return found != action.files.end() && found->size == file.size &&
+               found->sha256 == digest_text(file.sha256);
+    };
+    return action.id == offer.id && action.files.size() == offer.files.size() &&
+           std::ranges::all_of(offer.files, was_offered);
+}
+
+void take_files(ActionRecord& action, const DdiAction& offer) {
+    action.id = offer.id;
+    for (const DdiFile& file : offer.files) {
+        action.files.push_back(
+            {.name = file.name, .size = file.size, .sha256 = digest_text(file.sha256)});
+    }
+    const DdiFile* const manifest = find_manifest(offer);
+    action.manifestFile = manifest == nullptr ? "" : manifest->name;
+}
+
 AgentStatus send_attributes(Agent& agent, const std::string& href) {
     AgentStatus status = agent.server.send_attributes(href, camera_attributes(agent.settings));
     agent.attributesDue = agent.attributesDue && !status.ok();
@@ -48,21 +98,26 @@ AgentStatus send_attributes(Agent& agent, const std::string& href) {
 }
 
 AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& again) {
+    if (!is_first_answer(agent, href)) {
+        return {};
+    }
     DdiCancellation cancellation;
     AgentStatus status = agent.server.get_cancellation(href, cancellation);
     if (!status.ok()) {
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
-    if (ours && has_begun(agent.action)) {
+    const bool decided = agent.action.stage == ACTION_VERDICT;
+    if (ours && (decided || has_begun(agent.action))) {
         if (agent.action.refusedCancellation == cancellation.id) {
+            again = decided;  // the result is still to be sent
             return {};
         }
-        say(agent, "cancelled too late: the upgrade has begun");
-        status = agent.server.send_feedback(
-            href, {.id = cancellation.id,
-                   .execution = DdiExecution::REJECTED,
-                   .details = {"the upgrade has begun, its verdict follows"}});
+        const std::string why = decided ? "the result is known" : "the upgrade has begun";
+        say(agent, "cancelled too late: " + why);
+        status = agent.server.send_feedback(href, {.id = cancellation.id,
+                                                   .execution = DdiExecution::REJECTED,
+                                                   .details = {why + ", it is not cancelled"}});
         // Whatever the answer, a second one would not be taken.
         if (status.result != AGENT_UNREACHABLE && status.result != AGENT_STOPPED) {
             agent.action.refusedCancellation = cancellation.id;
@@ -76,10 +131,12 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         status = drop(agent, "cancelled");
     }
     if (status.ok()) {
-        status = agent.server.send_feedback(href, {.id = cancellation.id,
-                                                   .execution = DdiExecution::CLOSED,
-                                                   .finished = DdiFinished::SUCCESS,
-                                                   .details = {"cancelled before the upgrade"}});
+        status = agent.server.send_feedback(
+            href, {.id = cancellation.id,
+                   .execution = DdiExecution::CLOSED,
+                   .finished = DdiFinished::SUCCESS,
+                   .details = {ours ? "cancelled before the upgrade"
+                                    : "this action is not pending here"}});
     }
     again = status.ok();
     return status.result == AGENT_GONE ? AgentStatus{} : status;
@@ -102,11 +159,11 @@ AgentStatus consent_given(const Agent& agent, const std::string& id, bool& confi
 }
 
 AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& again) {
-    if (has_begun(agent.action)) {
+    if (has_begun(agent.action) || !is_first_answer(agent, href)) {
         return {};
     }
     DdiAction offer;
-    AgentStatus status = agent.server.get_action(href, offer);
+    AgentStatus status = get_offer(agent, href, offer);
     if (!status.ok()) {
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
@@ -130,13 +187,41 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
     return status;
 }
 
-AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
+// The server has lost the result, or was asked before it had stored it: it gets the same again. An
+// action that has its result is never carried out a second time.
+AgentStatus answer_again(Agent& agent, const DdiAction& offer, const HistoryEntry& entry) {
     agent.action = {};
-    agent.action.stage = ACTION_DOWNLOADING;
-    agent.action.id = offer.id;
-    for (const DdiFile& file : offer.files) {
-        agent.action.files.push_back(file.name);
+    take_files(agent.action, offer);
+    agent.action.stage = ACTION_VERDICT;
+    agent.action.manifest = entry.manifest;
+    agent.action.slotBefore = entry.slotBefore;
+    agent.action.succeeded = entry.succeeded;
+    agent.action.words = entry.words;
+    // Of no start of the camera: whether the system still runs is checked before it is sent.
+    agent.action.bootId =
+        agent.runningManifest == entry.manifestDigest ? agent.bootId : std::string();
+    agent.checked.clear();
+    say(agent, "offered again, but it has its result");
+    AgentStatus status = store(agent);
+    if (status.ok()) {
+        remove_needless_files(agent);
     }
+    return status;
+}
+
+AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
+    const DdiFile* const manifest = find_manifest(offer);
+    HistoryEntry entry;
+    if (manifest != nullptr && find_in_history(agent.settings.stateFolder, offer.id,
+                                               digest_text(manifest->sha256), entry)) {
+        return answer_again(agent, offer, entry);
+    }
+    // The server goes on counting when it changes what it offers.
+    const uint32_t statuses = agent.action.id == offer.id ? agent.action.statuses : 0;
+    agent.action = {};
+    take_files(agent.action, offer);
+    agent.action.stage = ACTION_DOWNLOADING;
+    agent.action.statuses = statuses;
     agent.checked.clear();
     agent.goneOffers = 0;
     agent.waitingTold.clear();
@@ -157,17 +242,20 @@ AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
 // What the server offers cannot be read: there is nothing to go by but its address.
 AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentStatus& why,
                              bool& again) {
-    if (++agent.malformedOffers < MALFORMED_OFFERS_MAX) {
-        again = pause(agent, MALFORMED_PAUSE_MS);
-        return again ? AgentStatus{} : agent_fault(AGENT_STOPPED, "");
-    }
-    if (id_of(href).empty()) {
+    const std::string id = id_of(href);
+    if (id.empty()) {
         return why;
     }
-    agent.malformedOffers = 0;
+    if (agent.action.id != id) {
+        agent.action = {};
+        agent.action.id = id;
+        agent.action.stage = ACTION_DOWNLOADING;
+    }
+    if (++agent.action.malformedOffers < MALFORMED_OFFERS_MAX) {
+        AgentStatus stored = store(agent);
+        return stored.ok() ? why : stored;
+    }
     again = true;
-    agent.action = {};
-    agent.action.id = id_of(href);
     return conclude(agent, false, why.text);
 }
 
@@ -176,22 +264,24 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
         return {};  // seen through first, whatever is offered
     }
     DdiAction offer;
-    AgentStatus status = agent.server.get_action(href, offer);
+    AgentStatus status = get_offer(agent, href, offer);
     if (status.result == AGENT_GONE) {
         return {};
     }
-    if (status.result == AGENT_MALFORMED && agent.action.stage == ACTION_NONE) {
+    if (status.result == AGENT_MALFORMED && agent.action.files.empty()) {
         return refuse_malformed(agent, href, status, again);
     }
     if (!status.ok()) {
         return status;
     }
-    agent.malformedOffers = 0;
     if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
         !agent.action.downloadOnly) {
         status = drop(agent, "another one is offered instead");
     }
-    if (status.ok() && agent.action.id != offer.id) {
+    if (status.ok() && !is_same_offer(agent.action, offer)) {
+        if (agent.action.id == offer.id) {
+            say(agent, "the server offers other files now");
+        }
         status = take_offer(agent, offer);
     }
     if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
@@ -210,6 +300,42 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
     return status;
 }
 
+// A result is there, and the server was asked what it offers: only a result of that very offer may
+// reach it.
+AgentStatus settle(Agent& agent, const DdiPoll& poll, bool& again) {
+    if (agent.verdictSent) {
+        AgentStatus status = forget_verdict(agent, agent.verdictTaken);
+        again = status.ok();
+        return status;
+    }
+    if (!poll.cancellation.empty() && !is_answered(agent, poll.cancellation)) {
+        return answer_cancellation(agent, poll.cancellation, again);
+    }
+    const bool offered = id_of(poll.deployment) == agent.action.id;
+    if (offered) {
+        DdiAction offer;
+        AgentStatus status = get_offer(agent, poll.deployment, offer);
+        if (status.result == AGENT_GONE) {
+            return {};
+        }
+        const bool unread = status.result == AGENT_MALFORMED && !agent.action.succeeded;
+        if (!status.ok() && !unread) {
+            return status;
+        }
+        if (status.ok() && has_known_digests(agent.action) && !is_same_offer(agent.action, offer)) {
+            say(agent, "the server offers other files now, the result is not sent");
+            again = true;
+            return forget_verdict(agent, false);
+        }
+    }
+    if (!is_first_answer(agent, "result " + agent.action.id)) {
+        return {};
+    }
+    AgentStatus status = deliver_verdict(agent, offered || !poll.cancellation.empty());
+    again = status.ok();
+    return status;
+}
+
 AgentStatus ask(Agent& agent, bool& again) {
     DdiPoll poll;
     AgentStatus status = agent.server.poll(poll);
@@ -220,6 +346,9 @@ AgentStatus ask(Agent& agent, bool& again) {
     if (agent.attributesDue || !poll.configData.empty()) {
         // No action waits for that; it is tried again with the next poll.
         (void)send_attributes(agent, poll.configData);
+    }
+    if (agent.action.stage == ACTION_VERDICT) {
+        return settle(agent, poll, again);
     }
     if (!poll.cancellation.empty()) {
         return answer_cancellation(agent, poll.cancellation, again);
@@ -249,12 +378,6 @@ AgentStatus round(Agent& agent, bool& again) {
     if (has_begun(agent.action) && !is_committed(agent.action)) {
         const DdiAction begun = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
         AgentStatus status = start_upgrade(agent, begun);
-        if (!status.ok()) {
-            return status;
-        }
-    }
-    if (agent.action.stage == ACTION_VERDICT) {
-        AgentStatus status = deliver_verdict(agent);
         if (!status.ok()) {
             return status;
         }
@@ -305,6 +428,7 @@ AgentStatus agent_start(Agent& agent) {
 AgentStatus agent_poll(Agent& agent) {
     agent.waitingFor.clear();
     agent.waitingId.clear();
+    agent.answered.clear();
     AgentStatus status;
     bool again = true;
     for (int i = 0; i < ROUNDS_MAX && again && status.ok(); ++i) {

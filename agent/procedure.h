@@ -23,6 +23,10 @@ constexpr uint32_t STATUSES_MAX = 900;
 // Of them, before what an update waits for is told no more.
 constexpr uint32_t WAITING_STATUSES_MAX = 100;
 
+// Times that a result is sent that the server refuses. After that it is in the local history only,
+// and is sent again when the server offers the action again.
+constexpr uint32_t REFUSED_RESULTS_MAX = 5;
+
 // What an update waits for until somebody on the camera has answered.
 constexpr char WAITS_FOR_CONSENT[] = "consent";
 
@@ -47,17 +51,18 @@ struct Agent {
     std::vector<CheckedFile> checked;  // of this process: files of the action that need no check
     bool attributesDue = true;         // of this start or the last verdict; not after a sleep
     uint32_t sleepS = 0;               // what the server wants between two polls; 0: unknown
-    std::string waitingFor;        // why an update that is there does not start; empty: none waits
-    std::string waitingId;         // which one
-    std::string waitingTold;       // that, as the server knows it
-    std::string consentLogged;     // the action whose wait for consent is in the log
-    bool verdictUnstored = false;  // the medium did not take it
-    bool verdictSent = false;      // and the record of it not removed yet
-    bool verdictTaken = false;     // of the one that was sent: the server had not ended the action
-    bool lastFailed = false;       // the last action of this process did
-    uint64_t othersSinceMs = 0;    // somebody else's request was seen in the queue; 0: not
-    uint32_t malformedOffers = 0;  // in a row
-    uint32_t goneOffers = 0;       // a file of the action was not there, in a row
+    std::string waitingFor;     // why an update that is there does not start; empty: none waits
+    std::string waitingId;      // which one
+    std::string waitingTold;    // that, as the server knows it
+    std::string consentLogged;  // the action whose wait for consent is in the log
+    std::vector<std::string> answered;  // in this poll: not repeated before the next one
+    std::string runningManifest;        // digest of the one that was found to run since the start
+    bool verdictUnstored = false;       // the medium did not take it
+    bool verdictSent = false;           // and the record of it not removed yet
+    bool verdictTaken = false;          // of the one that was sent: the server has stored it
+    bool lastFailed = false;            // the last action of this process did
+    uint64_t othersSinceMs = 0;         // somebody else's request was seen in the queue; 0: not
+    uint32_t goneOffers = 0;            // a file of the action was not there, in a row
 };
 
 // Loads what is in hand and removes files that nothing needs. Returns AGENT_OK, or AGENT_MEDIUM

@@ -93,7 +93,7 @@ void print_words(const AgentSettings& settings, const Json& status) {
                text_of(last, "version").c_str(),
                last["succeeded"].get<bool>() ? "success" : "failure",
                text_of(last, "words").c_str(),
-               last["told"].get<bool>() ? "" : " (the server had ended it already)");
+               last["told"].get<bool>() ? "" : " (not delivered to the server)");
     }
 }
 

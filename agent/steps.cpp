@@ -13,6 +13,8 @@
 #include "base/owned.h"
 #include "base/unique_fd.h"
 #include "error_line.h"
+#include "package/content.h"
+#include "package/files.h"
 
 namespace {
 
@@ -20,9 +22,9 @@ constexpr uint64_t MS_PER_S = 1000;
 constexpr long NS_PER_MS = 1000000;
 
 // What a download of NAME leaves beside it begins with NAME and ".part".
-bool belongs_to(const std::string& entry, const std::vector<std::string>& files) {
-    return std::ranges::any_of(files, [&](const std::string& name) {
-        return entry == name || (entry.starts_with(name + ".part"));
+bool belongs_to(const std::string& entry, const std::vector<OfferedFile>& files) {
+    return std::ranges::any_of(files, [&](const OfferedFile& file) {
+        return entry == file.name || (entry.starts_with(file.name + ".part"));
     });
 }
 
@@ -31,13 +33,33 @@ std::string version_of(const ActionRecord& action) {
     return parse_manifest(action.manifest, manifest).ok() ? manifest.version : "";
 }
 
-AgentStatus remember(Agent& agent, bool told) {
-    return add_history(agent.settings.stateFolder, {.id = agent.action.id,
-                                                    .version = version_of(agent.action),
-                                                    .succeeded = agent.action.succeeded,
-                                                    .told = told,
-                                                    .words = agent.action.words,
-                                                    .time = time(nullptr)});
+AgentStatus remember(const Agent& agent, bool told) {
+    const ActionRecord& action = agent.action;
+    return add_history(agent.settings.stateFolder,
+                       {.id = action.id,
+                        .manifestDigest = manifest_digest(action),
+                        .version = version_of(action),
+                        .succeeded = action.succeeded,
+                        .told = told,
+                        .words = action.words,
+                        .manifest = action.succeeded ? action.manifest : "",
+                        .slotBefore = action.slotBefore,
+                        .time = time(nullptr)});
+}
+
+// An agent that kept names only has left a record without digests. It may be the one that has just
+// been replaced by this upgrade.
+void find_manifest_digest(Agent& agent) {
+    const auto file =
+        std::ranges::find(agent.action.files, agent.action.manifestFile, &OfferedFile::name);
+    std::string text;
+    if (file != agent.action.files.end() && file->sha256.empty() &&
+        read_small_file(agent.folder + file->name, MANIFEST_SIZE_MAX, FileKind::REGULAR, text)
+            .ok()) {
+        Sha256Stream digest;
+        digest.update(text);
+        file->sha256 = digest_text(digest.take());
+    }
 }
 
 }  // namespace
@@ -94,6 +116,8 @@ AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
     // A success holds for this start of the camera: who delivers it after another looks again.
     agent.action.bootId = agent.bootId;
     agent.lastFailed = !succeeded;
+    find_manifest_digest(agent);
+    agent.runningManifest = succeeded ? manifest_digest(agent.action) : "";
     say(agent, (succeeded ? "success: " : "failure: ") + words);
     AgentStatus status = store(agent);
     agent.verdictUnstored = !status.ok();
@@ -114,7 +138,7 @@ void remove_needless_files(const Agent& agent) {
     }
     const int descriptor = folder.release();  // the directory closes it
     const bool none = agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
-    const std::vector<std::string> needed = none ? std::vector<std::string>() : agent.action.files;
+    const std::vector<OfferedFile> needed = none ? std::vector<OfferedFile>() : agent.action.files;
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         if (name != "." && name != ".." && !belongs_to(name, needed)) {
@@ -134,29 +158,26 @@ AgentStatus drop(Agent& agent, const std::string& why) {
     return status;
 }
 
-namespace {
-
-AgentStatus send_verdict(Agent& agent) {
-    AgentStatus status = agent.server.send_feedback(
-        agent.server.action_href(agent.action.id),
-        {.id = agent.action.id,
-         .execution = DdiExecution::CLOSED,
-         .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
-         .details = {agent.action.words}});
-    if (!status.ok() && status.result != AGENT_GONE) {
-        return status;
-    }
-    if (status.result == AGENT_GONE) {
-        say(agent, "the server has ended it already");
-    }
+AgentStatus forget_verdict(Agent& agent, bool taken) {
+    // A state folder that takes no changes must not make this process send it again and again.
+    const bool first = !agent.verdictSent;
     agent.verdictSent = true;
-    agent.verdictTaken = status.ok();
-    return {};
+    agent.verdictTaken = taken;
+    // An action that the history lacks has ended all the same.
+    AgentStatus status = remember(agent, taken);
+    if (!status.ok() && first) {
+        print_error(AGENT, status.text + "; the history lacks action " + agent.action.id);
+    }
+    status = remove_action(agent.settings.stateFolder);
+    if (status.ok()) {
+        agent.action = {};
+        agent.verdictSent = false;
+        agent.attributesDue = true;
+    }
+    return status;
 }
 
-}  // namespace
-
-AgentStatus deliver_verdict(Agent& agent) {
+AgentStatus deliver_verdict(Agent& agent, bool offered) {
     // What is said must be on the medium, or a power cut could make it another one.
     if (agent.verdictUnstored) {
         AgentStatus status = store(agent);
@@ -171,28 +192,35 @@ AgentStatus deliver_verdict(Agent& agent) {
         if (!status.ok()) {
             return status;
         }
-    }
-    agent.lastFailed = !agent.action.succeeded;
-    // A state folder that takes no changes must not make this process tell it again and again.
-    const bool due = !agent.verdictSent;
-    if (due) {
-        AgentStatus status = send_verdict(agent);
-        if (!status.ok()) {
-            return status;
+        if (agent.action.succeeded) {
+            agent.action.bootId = agent.bootId;
+            agent.runningManifest = manifest_digest(agent.action);
         }
     }
-    // An action that the history lacks has ended all the same.
-    AgentStatus status = remember(agent, agent.verdictTaken);
-    if (!status.ok() && due) {
-        print_error(AGENT, status.text + "; the history lacks action " + agent.action.id);
-    }
-    status = remove_action(agent.settings.stateFolder);
+    agent.lastFailed = !agent.action.succeeded;
+    AgentStatus status = agent.server.send_feedback(
+        agent.server.action_href(agent.action.id),
+        {.id = agent.action.id,
+         .execution = DdiExecution::CLOSED,
+         .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
+         .details = {agent.action.words}});
     if (status.ok()) {
-        agent.action = {};
-        agent.verdictSent = false;
-        agent.attributesDue = true;
+        return forget_verdict(agent, true);
     }
-    return status;
+    if (status.result == AGENT_UNREACHABLE || status.result == AGENT_STOPPED) {
+        return status;
+    }
+    if (status.result == AGENT_GONE && !offered) {
+        say(agent, "the server has ended it already");
+        return forget_verdict(agent, false);
+    }
+    // Something between may have answered, or the server does not take it and never will.
+    if (++agent.action.refusedResults >= REFUSED_RESULTS_MAX) {
+        say(agent, "the result is not delivered, the server does not take it: " + status.text);
+        return forget_verdict(agent, false);
+    }
+    AgentStatus stored = store(agent);
+    return stored.ok() ? status : stored;
 }
 
 uint64_t monotonic_ms() {

@@ -36,6 +36,10 @@ void remove_needless_files(const Agent& agent);
 // Forgets an action that the server does not know any more, and its files.
 AgentStatus drop(Agent& agent, const std::string& why);
 
+// The one manifest of an offer that has its signature beside it. Null when there is none, or more
+// than one.
+const DdiFile* find_manifest(const DdiAction& offer);
+
 // ACTION_DOWNLOADING: fetches what is not there yet; ends in ACTION_WAITING or in a verdict.
 // Returns AGENT_OK, or why it could not go on now; AGENT_GONE: ask the server again.
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
@@ -53,12 +57,20 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
 // AGENT_STOPPED.
 AgentStatus see_through(Agent& agent);
 
-// A success that was found before the last restart of the camera: looks whether the new system
-// still runs. The verdict becomes a failure when not. Returns AGENT_OK or AGENT_MEDIUM.
+// A success that was found before the last restart of the camera: checks whether the new system
+// still runs. The result becomes a failure when it does not. Returns AGENT_OK, AGENT_MEDIUM or
+// AGENT_STOPPED.
 AgentStatus look_again(Agent& agent);
 
-// ACTION_VERDICT: tells the server; then the record goes.
-AgentStatus deliver_verdict(Agent& agent);
+// ACTION_VERDICT: sends the result to the server, once; then it goes to the history and the record
+// is removed. The record stays when the server does not take the result, a few times: "not found"
+// is believed only when `offered` is false, which says that the server does not offer the action
+// any more. Returns AGENT_OK, AGENT_MEDIUM, AGENT_STOPPED, or what the server answered.
+AgentStatus deliver_verdict(Agent& agent, bool offered);
+
+// Puts the result into the history, as taken by the server or not, and removes the record. Returns
+// AGENT_OK or AGENT_MEDIUM.
+AgentStatus forget_verdict(Agent& agent, bool taken);
 
 // What the server may filter cameras by.
 DdiAttributes camera_attributes(const AgentSettings& settings);

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "camera.h"
@@ -79,9 +80,10 @@ PlayedAction make_action(const std::string& kind) {
     } else if (kind == "too-much") {
         names.emplace_back("all.pkg");
     }
-    const bool waits = kind == "download-only" || kind == "outside-window";
+    const bool waits =
+        kind == "download-only" || kind == "outside-window" || kind == "changed-early";
     action.update = waits ? "skip" : kind == "attempt" ? "attempt" : "forced";
-    action.window = kind == "outside-window" ? "unavailable" : "";
+    action.window = waits && kind != "download-only" ? "unavailable" : "";
     action.consent = kind == "consent";
     const std::string folder =
         PACKAGES + (kind == "older" || kind == "foreign" ? kind : "files") + "/";
@@ -92,6 +94,17 @@ PlayedAction make_action(const std::string& kind) {
         action.files.back().bytes[100] ^= 1;
     }
     return action;
+}
+
+using nlohmann::json;
+
+// The record as agents wrote it that kept the names of files only.
+void make_record_old() {
+    json record = json::parse(read_file(STATE_FOLDER + "action.json"));
+    for (json& file : record["files"]) {
+        file = json(file["name"]);
+    }
+    write_file(STATE_FOLDER + "action.json", record.dump());
 }
 
 class World {
@@ -128,6 +141,9 @@ class World {
         }
         if (contains(mode_, "stopped")) {
             write_file("/run/stop", "");
+        }
+        if (contains(mode_, "old-record") && boots_ == 1) {
+            make_record_old();
         }
         if (contains(mode_, "late-card")) {
             rename(AGENT_FOLDER.c_str(), UNMOUNTED);
@@ -307,13 +323,31 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(-1, world.live());
         world.server().cancel(ID);
     }
+    if (action == "changed-early" || action == "changed-late") {
+        EXPECT_EQ(action == "changed-early" ? 0 : -1, world.live());
+        world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
+    }
+    // One answer, or one offer that cannot be read, in each poll.
+    const std::string repeated = faults.substr(0, faults.find(' '));
+    if (repeated == "answer" || repeated == "word" || repeated == "action") {
+        world.live();
+        EXPECT_EQ(1U, world.server().count(repeated));
+    }
     world.live_to_the_end();
     if (camera == "later") {  // the verdict has not been heard, and somebody upgrades by hand
         world.restart();
         world.server().misbehave("");
         world.live_to_the_end();
     }
+    if (action == "offered-again" || action == "id-reused") {
+        world.server().reinstall();
+        world.server().offer(make_action(action == "id-reused" ? "older" : "files"));
+        world.live_to_the_end();
+    }
     const std::string story = world.server().story(ID);
+    const std::string history = STATE_FOLDER + "history.json";
+    const bool lost = std::filesystem::exists(history) && !contains(camera, "state ") &&
+                      !json::parse(read_file(history)).back()["told"].get<bool>();
     std::string left = names_in(AGENT_FOLDER);
     if (contains(camera, "state ")) {
         left += names_in(STATE_FOLDER) + ", closed " +
@@ -322,7 +356,8 @@ std::string played(const std::string& camera, const std::string& action,
     msqid_ds queue = {};
     const bool queued = msgctl(Camera::queue(), IPC_STAT, &queue) == 0 && queue.msg_qnum > 0;
     return std::to_string(world.posted()) + (queued ? " in the queue" : "") +
-           (left.empty() ? "" : " left" + left) + " " + story.substr(0, story.find(" | ")) +
+           (lost ? " not delivered" : "") + (left.empty() ? "" : " left" + left) + " " +
+           story.substr(0, story.find(" | ")) +
            (contains(story, " | ")
                 ? replaced(story.substr(story.rfind(" | ")), "[0-9]{2}:[0-9]{2}|:[0-9]{5}", "#")
                 : "");

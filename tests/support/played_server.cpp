@@ -75,10 +75,17 @@ struct PlayedServer::Impl {
 };
 
 std::vector<Fault> PlayedServer::Impl::faults_of(const PlayedRequest& request) {
-    const int count = ++counts[request.what];
+    std::vector<std::string> names = {request.what, "any"};
+    if (request.what == "feedback" && request.body.find("\"closed\"") != std::string::npos) {
+        names.emplace_back("closed");
+    }
+    for (const std::string& name : names) {
+        ++counts[name];
+    }
     std::vector<Fault> wanted;
     for (const Fault& fault : faults) {
-        if ((fault.what == request.what || fault.what == "any") && count >= fault.from &&
+        const int count = counts[fault.what];
+        if (std::ranges::find(names, fault.what) != names.end() && count >= fault.from &&
             count <= fault.to) {
             wanted.push_back(fault);
         }
@@ -107,6 +114,10 @@ static void apply(const Fault& fault, const PlayedHawkbit& hawkbit, PlayedAnswer
         response.set_header("Date", fault.argument);
     } else if (fault.kind == "say") {
         answer.body = fault.argument;
+    } else if (fault.kind == "swap") {
+        std::string old, fresh;
+        words >> old >> fresh;
+        answer.body.replace(answer.body.find(old), old.size(), fresh);
     } else if (fault.kind == "cut") {
         words >> manner.cut;
     } else if (fault.kind == "drip") {
@@ -257,6 +268,11 @@ void PlayedServer::offer(const PlayedAction& action) {
     }
     const bool waits = action.consent && !impl_->setup.old;
     impl_->hawkbit.actions.push_back({.offered = action, .state = waits ? "waiting" : "offered"});
+}
+
+void PlayedServer::reinstall() {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->hawkbit.actions.clear();
 }
 
 void PlayedServer::set_state(const std::string& id, const char* state) {

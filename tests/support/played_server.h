@@ -68,16 +68,19 @@ class PlayedServer {
     // What the operator does.
     void offer(const PlayedAction& action);
     void cancel(const std::string& id) { set_state(id, "cancelling"); }
+    void reinstall();  // another server under the same address, which knows of no action
     void force_quit(const std::string& id) { set_state(id, "quit"); }
     void change(const std::string& id, const std::function<void(PlayedAction& action)>& how);
 
     // How the server misbehaves from now on, instead of what was said before: faults with ";"
-    // between them, each WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is as above or "any"; N, from 1, is
-    // the Nth such request from now on, "+": and all behind it; else all. Kinds:
+    // between them, each WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is as above or "any" or, of
+    // "feedback" the one that ends an action, "closed"; N, from 1, is the Nth such request from now
+    // on, "+": and all behind it; else all. Kinds:
     //   status CODE [SECONDS]   that answer, with "Retry-After"
     //   redirect CODE URL       "here" in it stands for url()
     //   date TEXT               "Date"
     //   say TEXT                that content, with status 200
+    //   swap OLD NEW            the first OLD in the content is NEW
     //   cut BYTES               the connection ends behind so many bytes of the content
     //   drip                    the content comes as a byte each tenth of a second
     //   flip AT                 the byte there is another one
