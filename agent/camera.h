@@ -12,7 +12,7 @@
 #include "package/status.h"
 
 // Which system the boot environment starts, as `fw_printenv` says: 'A', 'B', or '?' when it cannot
-// be told. Starts a command; blocks for at most 10 s.
+// be told, or the agent is to end. Starts a command; blocks for at most 10 s.
 char boot_slot();
 
 // Of the outcome record, byte for byte; empty when there is none.
@@ -53,7 +53,8 @@ bool take_request_back(long messageType);
 PackageStatus check_partitions(const Manifest& manifest);
 
 // Runs the fitness command; blocks for at most a minute. Returns whether the camera may be upgraded
-// now; else `words` has its first line of output or its exit status.
+// now; else `words` has its first line of output or its exit status. One that was killed because
+// the agent is to end says nothing: the caller looks at that first.
 bool camera_is_fit(const std::string& command, std::string& words);
 
 // Bytes that an ordinary process may still write to the folder's file system; 0 when it cannot be

@@ -15,6 +15,7 @@
 #include "base/ignore_result.h"
 #include "base/owned.h"
 #include "base/signal_set.h"
+#include "system_call_daemon/command_runner.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ void wake(int signal) {
     const int error = errno;
     if (signal != SIGHUP) {
         g_stop = true;
+        stop_commands(0);  // a fitness command may hang for a minute
     }
     const uint64_t one = 1;
     corvo::ignore_result(write(g_wake.get(), &one, sizeof(one)));

@@ -15,7 +15,8 @@ struct AgentProcess {
     bool slept = false;          // the sleeper has started this program
 };
 
-// Catches the three signals from now on. The flag says that the agent is to end. For one thread, as
+// Catches the three signals from now on. The flag says that the agent is to end; commands that run
+// then are killed. For one thread, as
 // all of this.
 std::atomic<bool>& catch_signals();
 

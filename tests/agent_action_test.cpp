@@ -442,11 +442,17 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
     }
 }
 
-// `corvo_agent run` until its end.
+constexpr char LOG[] = "/run/running-agent.log";
+
+// `corvo_agent run` until its end, with its output in LOG.
 class RunningAgent {
   public:
     RunningAgent() : pid_(fork()) {
         if (pid_ == 0) {
+            const int log = open(LOG, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
+            dup2(log, STDOUT_FILENO);
+            dup2(log, STDERR_FILENO);
+            close(log);
             execl(PROGRAMS "/corvo_agent", "corvo_agent", "run", nullptr);
             _exit(127);
         }
@@ -473,6 +479,28 @@ class RunningAgent {
   private:
     pid_t pid_;
 };
+
+// Nothing is concluded from that, nor is the server told that the camera is not fit.
+TEST(Action, SignalEndsAFitnessCommandThatHangs) {
+    for (const auto& [camera, stage] :
+         {std::pair("hangs", "downloading"), std::pair("hangs-later", "waiting")}) {
+        World world(camera, "files");
+        world.start_service();
+        RunningAgent agent;
+        EXPECT_TRUE(eventually(5000, [] {
+            return std::filesystem::exists("/run/fitness.pid") &&
+                   !read_file("/run/fitness.pid").empty();
+        }));
+        const std::string command =
+            "/proc/" + std::to_string(std::stoi(read_file("/run/fitness.pid")));
+        EXPECT_EQ(0, agent.end(SIGTERM, 1500)) << camera;
+        // What is dead and not reaped has no command line.
+        EXPECT_EQ(0, shell("! grep -q . " + command + "/cmdline 2> /dev/null")) << camera;
+        EXPECT_EQ("offered", world.server().story(ID).substr(0, 7));
+        EXPECT_FALSE(contains(read_file(LOG), "waits for")) << read_file(LOG);
+        EXPECT_TRUE(contains(read_file(STATE_FOLDER + "action.json"), stage));
+    }
+}
 
 // A state folder that takes no changes any more does not make the camera report the end of an
 // action for ever.

@@ -2,7 +2,7 @@
 # settings. Arguments: the row's first word, the server's URL, the camera's name there.
 set -e
 folder=/media/mmcblk0p1/ota
-rm -rf /config/agent $folder/agent /run/stop /run/once
+rm -rf /config/agent $folder/agent /run/stop /run/once /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
@@ -49,6 +49,8 @@ chmod 600 /etc/corvo/token
         asks* | agrees* | denies*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
+        hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;
+        hangs-later) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || { echo \$\$ > /run/fitness.pid; exec sleep 600; }'" ;;
         stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;
         # The server has been told so much already that it takes hardly more.
         talked) echo "fitness-command = 'sed -i s/statuses.*/statuses\\\":\ 900,/ /config/agent/action.json'" ;;

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -23,13 +24,13 @@
 
 namespace {
 
-constexpr int STOP_GRACE_MS = 2000;
 constexpr int KILL_GRACE_MS = 2000;  // for a process that is stuck in the kernel
 constexpr int EXIT_CANNOT_RUN = 127;
 constexpr int EXIT_SIGNAL_BASE = 128;
 
 // Readable for good once stop_commands() ran.
 const int g_stop_event = eventfd(0, EFD_CLOEXEC);
+std::atomic<int> g_stop_grace_ms{0};
 
 // One command, shared by the thread that asked for it and the one that waits for its end.
 struct Running {
@@ -158,7 +159,7 @@ CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char>
             readable.fd = -1;
         }
         if (stopping.revents != 0) {
-            deadline = std::min(deadline, monotonic_ms() + STOP_GRACE_MS);
+            deadline = std::min(deadline, monotonic_ms() + g_stop_grace_ms);
             stopping.fd = -1;
         }
     }
@@ -215,6 +216,7 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
     return supervise(*running, limitMs, readEnd.get(), output);
 }
 
-void stop_commands() {
+void stop_commands(int graceMs) {
+    g_stop_grace_ms = graceMs;
     eventfd_write(g_stop_event, 1);
 }

@@ -20,7 +20,8 @@ struct CommandResult {
 // dropped; with an empty one it stays this process's. Any number of threads may call at once.
 CommandResult run_command(const char* command, int limitMs, std::span<char> output);
 
-// Gives every running and every later command two more seconds. For a process that is to end.
-void stop_commands();
+// Gives every running and every later command so many milliseconds more. For a process that is to
+// end; a signal handler may call it.
+void stop_commands(int graceMs);
 
 #endif  // TOOLS_SYSTEM_CALL_DAEMON_COMMAND_RUNNER_H

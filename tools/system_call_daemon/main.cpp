@@ -29,6 +29,7 @@ namespace {
 
 constexpr const char* PROGRAM = "system_call_daemon";
 constexpr int LIMIT_MAX_MS = 3600000;
+constexpr int STOP_GRACE_MS = 2000;  // of commands that run when the daemon ends
 constexpr int PROBES = 100;
 constexpr int PROBE_MS = 1000;
 
@@ -116,7 +117,7 @@ int serve(const sigset_t& endSignals) {
     int signal = 0;
     sigwait(&endSignals, &signal);
     printf("%s: ends on signal %d\n", PROGRAM, signal);
-    stop_commands();
+    stop_commands(STOP_GRACE_MS);
     SystemCall_Dbus_UnRegister(endpoint);
     SystemCall_DbusInfo_Free(endpoint);
     return EXIT_SUCCESS;
