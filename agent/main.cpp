@@ -77,7 +77,8 @@ void add_settings(CLI::App& app, Arguments& arguments) {
          "Hash the partitions after the restart: on or off");
     text("--download-folder", settings.downloadFolder, "Where packages go");
     text("--state-folder", settings.stateFolder, "What a power cut must not take");
-    app.add_option("--rate-limit", server.rateLimit, "Bytes a second of downloads (0: no limit)");
+    app.add_option("--rate-limit", server.rateLimit,
+                   "Bytes a second of downloads, at least 1024 (0: no limit)");
     app.add_option("--connect-timeout", server.connectTimeoutS, "Seconds")->capture_default_str();
     app.add_option("--stall-timeout", server.stallTimeoutS, "Seconds without a byte")
         ->capture_default_str();

@@ -18,6 +18,7 @@ namespace {
 constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int32_t HOURS_PER_DAY = 24;
 constexpr size_t CONTROLLER_ID_SIZE_MAX = 255;
+constexpr uint64_t RATE_LIMIT_MIN = 1024;  // bytes a second; below that every server seems to stall
 
 AgentStatus wrong(const char* setting, const std::string& what) {
     return agent_fault(AGENT_MALFORMED, std::string(setting) + ": " + what);
@@ -99,6 +100,12 @@ AgentStatus check_server(ServerSettings& server) {
     }
     if (server.certificate.empty() != server.key.empty()) {
         return wrong(server.key.empty() ? "key" : "certificate", "certificate and key go together");
+    }
+    // libcurl's limit is a signed number.
+    if (server.rateLimit != 0 &&
+        (server.rateLimit < RATE_LIMIT_MIN || server.rateLimit > INT64_MAX)) {
+        return wrong("rate-limit",
+                     "0, or at least " + std::to_string(RATE_LIMIT_MIN) + " bytes a second");
     }
     if (server.connectTimeoutS == 0 || server.stallTimeoutS == 0) {
         return wrong(server.connectTimeoutS == 0 ? "connect-timeout" : "stall-timeout",
