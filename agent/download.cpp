@@ -5,13 +5,10 @@
 
 namespace {
 
-constexpr uint64_t PROGRESS_STEP = 65536;
-
 struct Download {
     Http& http;
     const DownloadProgress& progress;
     PartFile part;
-    uint64_t told = 0;  // bytes
 };
 
 // One request for what is missing, from the head of its answer on.
@@ -27,15 +24,8 @@ AgentStatus different(const Download& download, const std::string& how) {
 }
 
 AgentStatus tell(Download& download) {
-    const uint64_t position = download.part.position;
-    if (position < download.told || position - download.told >= PROGRESS_STEP ||
-        position == download.part.file.size) {
-        download.told = position;
-        if (!download.progress(position)) {
-            return agent_fault(AGENT_STOPPED, "asked to end");
-        }
-    }
-    return {};
+    return download.progress(download.part.position) ? AgentStatus{}
+                                                     : agent_fault(AGENT_STOPPED, "asked to end");
 }
 
 AgentStatus begin_part(Fetch& fetch, const HttpHead& head) {
@@ -122,7 +112,7 @@ AgentStatus complete(Download& download) {
 AgentStatus fetch_file(Download& download) {
     PartFile& part = download.part;
     AgentStatus status = open_part(part);
-    status = status.ok() ? tell(download) : status;
+    status = status.ok() && part.position > 0 ? tell(download) : status;
     if (!status.ok()) {
         return status;
     }

@@ -20,9 +20,9 @@
 #include "agent/server.h"
 #include "package/content.h"
 
-// Told the bytes of the file that are there, after every 64 KiB or so; begins again when the file
-// does. The download ends as AGENT_STOPPED, what came so far kept, when it returns false. May block
-// and use another Server.
+// Told the bytes of the file that are there, whenever some come; begins again when the file does.
+// The download ends as AGENT_STOPPED, what came so far kept, when it returns false. May block and
+// use another Server.
 using DownloadProgress = std::function<bool(uint64_t bytes)>;
 
 constexpr char PART_SUFFIX[] = ".part";

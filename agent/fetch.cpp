@@ -17,8 +17,9 @@ namespace {
 // Left free on the card beside the package, for whatever else lies there.
 constexpr uint64_t SPACE_LEFT = 1048576;
 constexpr uint32_t PROGRESS_STEPS = 10;
-constexpr uint64_t MS_PER_S = 1000;
-constexpr uint32_t SHORTEST_LOOK_S = 10;
+// A download may take hours on a slow line, or be pointless on one that is paid by the byte. A poll
+// every ten seconds is little beside what the download itself costs the server, and ends with it.
+constexpr uint64_t LOOK_MS = 10000;
 constexpr uint32_t GONE_OFFERS_MAX = 2;
 
 // The state of one package's download.
@@ -89,7 +90,7 @@ bool has_room(const Agent& agent, const std::vector<PackageFile>& files, std::st
 // Whether the server still wants this action to go on, asked now and then.
 bool still_wanted(Agent& agent, Fetching& fetching) {
     const uint64_t now = monotonic_ms();
-    if (now - fetching.lookedAtMs < std::max(agent.sleepS, SHORTEST_LOOK_S) * MS_PER_S) {
+    if (now - fetching.lookedAtMs < LOOK_MS) {
         return true;
     }
     fetching.lookedAtMs = now;
@@ -233,6 +234,7 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
         wait_for(agent, wrong);
         return {};
     }
+    end_wait(agent);
     Fetching fetching = {.lookedAtMs = monotonic_ms()};
     Manifest manifest;
     AgentStatus status = fetch_manifest(agent, fetching, offer, manifest);

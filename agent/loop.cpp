@@ -109,8 +109,8 @@ void reload_token(Agent& agent) {
 
 // What is in hand is partly in memory, and so is what has gone wrong how often.
 bool has_nothing_to_remember(const Agent& agent, const AgentStatus& status) {
-    return status.ok() && agent.action.stage == ACTION_NONE && agent.waitingFor.empty() &&
-           !agent.attributesDue;
+    const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
+    return status.ok() && !pending && agent.waitingFor.empty() && !agent.attributesDue;
 }
 
 }  // namespace

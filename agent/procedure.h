@@ -51,10 +51,11 @@ struct Agent {
     std::vector<CheckedFile> checked;  // of this process: files of the action that need no check
     bool attributesDue = true;         // of this start or the last verdict; not after a sleep
     uint32_t sleepS = 0;               // what the server wants between two polls; 0: unknown
-    std::string waitingFor;     // why an update that is there does not start; empty: none waits
-    std::string waitingId;      // which one
-    std::string waitingTold;    // that, as the server knows it
-    std::string consentLogged;  // the action whose wait for consent is in the log
+    std::string waitingFor;      // why an update that is there does not start; empty: none waits
+    std::string waitingId;       // which one
+    std::string waitingTold;     // that, as the server knows it
+    bool awaitsRestart = false;  // the upgrade is over, nothing but a restart is left
+    std::string consentLogged;   // the action whose wait for consent is in the log
     std::vector<std::string> answered;  // in this poll: not repeated before the next one
     std::string runningManifest;        // digest of the one that was found to run since the start
     bool verdictUnstored = false;       // the medium did not take it

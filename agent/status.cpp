@@ -43,7 +43,7 @@ Json published() {
 }
 
 Json action_json(const ActionRecord& action) {
-    if (action.stage == ACTION_NONE) {
+    if (action.stage == ACTION_NONE || action.downloadOnly) {
         return nullptr;
     }
     return {{"id", action.id},
@@ -75,6 +75,10 @@ void print_words(const AgentSettings& settings, const Json& status) {
         printf("in hand    action %s, %s%s\n", text_of(action, "id").c_str(),
                text_of(action, "stage").c_str(),
                number_of(action, "attempts") > 1 ? ", not the first request" : "");
+    }
+    const std::string downloaded = text_of(status, "downloaded");
+    if (!downloaded.empty()) {
+        printf("downloaded action %s, not to be installed yet\n", downloaded.c_str());
     }
     const std::string waits = text_of(status["waits"], "for");
     if (!waits.empty()) {
@@ -131,6 +135,8 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     }
     status.erase("pid");
     status["action"] = action_json(action);
+    // It has ended, and its files are kept for an action that installs them.
+    status["downloaded"] = action.downloadOnly ? Json(action.id) : Json(nullptr);
     std::vector<HistoryEntry> history;
     AgentStatus read = load_history(settings.stateFolder, history);
     status["last"] = history_json(history);

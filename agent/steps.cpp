@@ -109,6 +109,13 @@ void wait_for(Agent& agent, const std::string& what) {
     agent.waitingId = agent.action.id;
 }
 
+void end_wait(Agent& agent) {
+    if (!agent.waitingTold.empty()) {
+        say(agent, "waits no longer for " + agent.waitingTold);
+        agent.waitingTold.clear();
+    }
+}
+
 AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
     agent.action.stage = ACTION_VERDICT;
     agent.action.succeeded = succeeded;

@@ -25,6 +25,9 @@ AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail
 // What the update waits for: for `status`, and for the server, once.
 void wait_for(Agent& agent, const std::string& what);
 
+// The update waits no longer: for the log.
+void end_wait(Agent& agent);
+
 // Ends the action: the verdict onto the medium, then its files away. It is delivered by
 // deliver_verdict(). Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words);

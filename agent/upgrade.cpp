@@ -24,6 +24,7 @@ constexpr uint64_t WATCH_MS = 600 * MS_PER_S;
 // So long a request of somebody else's is respected that nobody is seen to work on.
 constexpr uint64_t OTHERS_PATIENCE_MS = 600 * MS_PER_S;
 constexpr int32_t MINUTES_PER_HOUR = 60;
+constexpr int64_t NOBODY = 0;  // in the place of a process id
 
 bool is_inside_window(const std::string& text) {
     DayWindow window;
@@ -38,19 +39,22 @@ bool is_inside_window(const std::string& text) {
 
 // Somebody else's request stands in the queue or was taken from it: slot and record may be those
 // of an upgrade under way. A service that threw an empty request away looks the same for ever.
-bool others_upgrade(Agent& agent) {
+// Returns what is to be waited for, or "".
+std::string others_upgrade(Agent& agent) {
+    constexpr char UNDER_WAY[] = "the end of another upgrade, and the restart after it";
     // Since the camera's last start: slot and record may not be those of what runs.
     if (upgrade_has_begun()) {
-        return true;
+        return service_is_busy(NOBODY) ? UNDER_WAY
+                                       : "a restart: another upgrade has ended without one";
     }
     if (queue_use(getpid()) != QueueUse::BY_OTHERS) {
         agent.othersSinceMs = 0;
-        return false;
+        return "";
     }
     if (agent.othersSinceMs == 0) {
         agent.othersSinceMs = monotonic_ms();
     }
-    return monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS;
+    return monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS ? UNDER_WAY : "";
 }
 
 std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
@@ -151,6 +155,7 @@ AgentStatus end_without_restart(Agent& agent) {
     }
     if (slot != agent.action.slotBefore) {
         // Whenever the camera starts next, the new system may run: that is when it is known.
+        agent.awaitsRestart = true;
         wait_for(agent, slot == '?' ? "a restart: the slot is unknown"
                                     : "a restart: the slot is switched");
         return {};
@@ -165,13 +170,15 @@ AgentStatus watch_upgrade(Agent& agent) {
     const uint64_t begin = monotonic_ms();
     uint64_t seenBusy = begin;
     while (monotonic_ms() - begin < WATCH_MS) {
-        if (!pause(agent, LOOK_MS)) {
+        // A restart may take days, while the server is asked as usual: one look is enough then.
+        if (!agent.awaitsRestart && !pause(agent, LOOK_MS)) {
             return stopped();
         }
         const uint64_t now = monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
+            agent.awaitsRestart = false;
             seenBusy = now;
-        } else if (now - seenBusy >= PATIENCE_MS) {
+        } else if (agent.awaitsRestart || now - seenBusy >= PATIENCE_MS) {
             return end_without_restart(agent);
         }
     }
@@ -278,6 +285,7 @@ AgentStatus judge_restart(Agent& agent) {
     if (!parsed.ok()) {
         return conclude(agent, false, parsed.text);
     }
+    say(agent, "the camera has restarted: what runs now decides");
     AfterRestart seen = {.record = outcome_record(),
                          .recordBefore = agent.action.recordBefore,
                          .slot = '?',
@@ -357,11 +365,12 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return conclude(agent, false, "the upgrade service does not run");
     }
     const std::string mark = queue_mark();
-    reason = others_upgrade(agent) ? "the end of another upgrade, and the restart behind it" : "";
+    reason = others_upgrade(agent);
     if (!reason.empty()) {
         wait_for(agent, reason);
         return {};
     }
+    end_wait(agent);
     return commit(agent, manifest, mark);
 }
 

@@ -110,7 +110,9 @@ void make_record_old() {
 class World {
   public:
     World(const std::string& camera, const std::string& action)
-        : server_({.old = contains(camera, "0.3")}), mode_(camera) {
+        : server_({.old = contains(camera, "0.3"),
+                   .sleep = camera == "slow" || camera == "rarely" ? "01:00:00" : "00:00:02"}),
+          mode_(camera) {
         make_packages();
         g_switches = !contains(camera, "no-switch");
         EXPECT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh '" + camera + "' " + server_.url() +
@@ -246,6 +248,9 @@ class World {
         if (agent_ == 0) {
             write_file("/run/agent.pid", std::to_string(getpid()) + "\n");
             setenv("CORVO_CUT", std::to_string(cutAt).c_str(), 1);
+            if (contains(mode_, "slow")) {
+                setenv("CORVO_SLOW", "2000", 1);
+            }
             const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(log, STDOUT_FILENO);
             dup2(log, STDERR_FILENO);
@@ -447,13 +452,15 @@ constexpr char LOG[] = "/run/running-agent.log";
 // `corvo_agent run` until its end, with its output in LOG.
 class RunningAgent {
   public:
-    RunningAgent() : pid_(fork()) {
+    explicit RunningAgent(const char* program = PROGRAMS "/corvo_agent") {
+        write_file(LOG, "");
+        pid_ = fork();
         if (pid_ == 0) {
-            const int log = open(LOG, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
+            const int log = open(LOG, O_WRONLY | O_APPEND);
             dup2(log, STDOUT_FILENO);
             dup2(log, STDERR_FILENO);
             close(log);
-            execl(PROGRAMS "/corvo_agent", "corvo_agent", "run", nullptr);
+            execl(program, "corvo_agent", "run", nullptr);
             _exit(127);
         }
     }
@@ -463,6 +470,12 @@ class RunningAgent {
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const { kill(pid_, number); }
+    // Has it poll. Whether it does so in time.
+    [[nodiscard]] bool polls(PlayedServer& server, int patienceMs) const {
+        const size_t polls = server.count("poll");
+        signal(SIGHUP);
+        return eventually(patienceMs, [&] { return server.count("poll") > polls; });
+    }
 
     // Returns its exit status; -1: it did not end in time, or by a signal.
     int end(int number, int patienceMs = 10000) {
@@ -477,8 +490,69 @@ class RunningAgent {
     }
 
   private:
-    pid_t pid_;
+    pid_t pid_ = -1;
 };
+
+// Once for each action, not at each poll.
+TEST(Action, WaitForConsentIsLogged) {
+    World world("asks", "consent");
+    RunningAgent agent;
+    EXPECT_TRUE(eventually(5000, [&] { return world.server().count("poll") > 0; }));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(agent.polls(world.server(), 5000));
+    }
+    PlayedAction newer = make_action("consent");
+    newer.id = "12";
+    world.server().offer(newer);
+    const char* const last = "action 12: waits for consent: corvo_agent confirm or deny\n";
+    EXPECT_TRUE(agent.polls(world.server(), 5000));
+    EXPECT_TRUE(eventually(5000, [&] { return contains(read_file(LOG), last); }));
+    EXPECT_EQ(2U, lines_of(replaced(read_file(LOG), "waits for consent.*|[^\n]", "")).size())
+        << read_file(LOG);
+}
+
+// The upgrade is done, the slot switched, and nobody restarts the camera. The server is asked as
+// usual, and the restart is what ends the wait.
+TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
+    World world("good", "files");
+    world.start_service();
+    {
+        RunningAgent agent(AGENT_WITH_CUTS);
+        EXPECT_TRUE(eventually(20000, [] {
+            return contains(read_file(LOG),
+                            "action 11: waits for a restart: the slot is switched\n");
+        })) << read_file(LOG);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(agent.polls(world.server(), 900));  // a look for 60 s takes 1200 ms here
+        }
+        EXPECT_EQ(0, agent.end(SIGTERM));
+    }
+    world.restart();
+    world.live_to_the_end();
+    world.expect_promise();
+    EXPECT_TRUE(contains(read_file("/run/agent.log"), "action 11: the camera has restarted"));
+}
+
+// The package takes 43 s, the server's interval is an hour. A cancellation while the first image
+// comes spares the second one; without it there is a poll every ten seconds at the most.
+TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
+    constexpr char GATE[] = "/run/gate";  // the fitness command waits for its removal
+    for (const bool cancelled : {true, false}) {
+        World world("slow", "files");
+        world.start_service();
+        world.when_asked(3, [&](PlayedServer& server) {
+            EXPECT_TRUE(eventually(5000, [&] { return std::filesystem::exists(GATE); }));
+            if (cancelled) {
+                server.cancel(ID);
+            }
+            remove(GATE);
+        });
+        EXPECT_EQ(cancelled ? 0 : -1, world.live());
+        EXPECT_EQ(cancelled ? 3U : 4U, world.server().count("file"));
+        EXPECT_EQ(cancelled, world.server().story(ID).starts_with("canceled"));
+        EXPECT_LE(world.server().count("poll"), 1U + 4U + 1U);
+    }
+}
 
 // Nothing is concluded from that, nor is the server told that the camera is not fit.
 TEST(Action, SignalEndsAFitnessCommandThatHangs) {
@@ -543,14 +617,12 @@ TEST(Action, TokenIsReadAgainAtSighup) {
     EXPECT_EQ(PlayedServer::AUTHORIZATION, server.requests()[1].authorization);
 }
 
-// With nothing in hand it is the sleeper, which holds the lock and nothing else, until a signal
-// comes or the time is over; what becomes of its settings meanwhile does not end it.
+// With nothing in hand, or files that wait for another action, it is the sleeper, which holds the
+// lock and nothing else, until a signal comes or the time is over; what becomes of its settings
+// meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
-    make_packages();
-    PlayedServer server({});
-    server.misbehave(R"(poll say {"config": {"polling": {"sleep": "00:05:00"}}})");
-    ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
-                       PlayedServer::CONTROLLER + "'"));
+    World world("rarely", "download-only");
+    PlayedServer& server = world.server();
     RunningAgent agent;
     const std::string process = "/proc/" + std::to_string(agent.pid()) + "/";
     const auto sleeps_after = [&](size_t polls) {
@@ -562,7 +634,7 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
                    program == PROGRAMS "/corvo_agent_sleeper";
         });
     };
-    EXPECT_TRUE(sleeps_after(1));
+    EXPECT_TRUE(sleeps_after(2));
     for (const auto& entry : std::filesystem::directory_iterator(process + "fd")) {
         const std::string file = std::filesystem::read_symlink(entry.path());
         EXPECT_TRUE(entry.path().filename() <= "2" || file == STATE_FOLDER + "lock") << file;
@@ -570,16 +642,19 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     EXPECT_EQ(1, shell("corvo_agent once 2> /run/said"));
     EXPECT_TRUE(contains(read_file("/run/said"), "another agent works on " + STATE_FOLDER));
 
+    EXPECT_EQ(0, shell("corvo_agent status | grep -c -e 'in hand    nothing' -e 'downloaded action "
+                       "11,' | grep -q 2"));
+
     agent.signal(SIGHUP);
-    EXPECT_TRUE(sleeps_after(2));
+    EXPECT_TRUE(sleeps_after(3));
     const std::string settings = read_file("/etc/corvo/agent.conf");
     write_file("/etc/corvo/agent.conf", settings + "half-written");
     agent.signal(SIGHUP);
     usleep(200000);
-    EXPECT_TRUE(sleeps_after(2));
+    EXPECT_TRUE(sleeps_after(3));
     write_file("/etc/corvo/agent.conf", settings);
     agent.signal(SIGHUP);
-    EXPECT_TRUE(sleeps_after(3));
+    EXPECT_TRUE(sleeps_after(4));
     EXPECT_EQ(1U, server.count("attributes"));
 
     // Whichever of the two programs it is just becoming.

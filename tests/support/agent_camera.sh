@@ -17,12 +17,15 @@ case $1 in
             *folder) mkdir -p "$file/in" ;;
             *pipe) mkfifo "$file" ;;
             *large) head -c 1048577 /dev/zero > "$file" ;;
+            *old) echo '{"id":"10","confirmed":true}' > "$file" ;;
             *text) echo "no JSON" > "$file" ;;
             # A regular file whose first byte gives EIO, and that cannot be replaced.
             *unreadable) : > "$file" && mount --bind /proc/1/mem "$file" ;;
         esac
         ;;
 esac
+# The service of an upgrade that somebody else has asked for has ended.
+case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
 echo 1.9 > /etc/version
@@ -49,6 +52,7 @@ chmod 600 /etc/corvo/token
         asks* | agrees* | denies*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
+        slow) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/gate; while [ -e /run/gate ]; do sleep 0.02; done"' ;;
         hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;
         hangs-later) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || { echo \$\$ > /run/fitness.pid; exec sleep 600; }'" ;;
         stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;

@@ -55,7 +55,16 @@ CHANGING(int, ftruncate64, (int fd, off_t size), (fd, size))
 CHANGING(int, fsync, (int fd), (fd))
 CHANGING(int, fdatasync, (int fd), (fd))
 CHANGING(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-CHANGING(ssize_t, pwrite64, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
+// CORVO_SLOW in the environment: a download takes a second of the agent's clock for so many bytes.
+ssize_t __real_pwrite64(int fd, const void* data, size_t size, off_t at);
+ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off_t at) {
+    change();
+    if (const char* const bytesPerS = getenv("CORVO_SLOW")) {
+        g_skippedNs += static_cast<long>(size) * NS_PER_S / atol(bytesPerS);
+    }
+    return __real_pwrite64(fd, data, size, at);
+}
+
 int __real_msgsnd(int id, const void* data, size_t size, int flags);
 int __wrap_msgsnd(int id, const void* data, size_t size, int flags) {
     change();

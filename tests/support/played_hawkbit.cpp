@@ -94,7 +94,7 @@ PlayedAnswer PlayedHawkbit::answer(const PlayedRequest& request) {
 }
 
 PlayedAnswer PlayedHawkbit::poll() const {
-    json root = {{"config", {{"polling", {{"sleep", "00:00:02"}}}}}};
+    json root = {{"config", {{"polling", {{"sleep", sleep}}}}}};
     if (attributesWanted) {
         root["_links"]["configData"]["href"] = url + CONTROLLER_PATH + "/configData";
     }

@@ -26,6 +26,7 @@ struct PlayedHawkbit {
 
     bool old = false;
     std::string url;
+    std::string sleep;
     std::vector<Action> actions = {};
     std::map<std::string, std::string> attributes = {};
     bool attributesWanted = true;

@@ -243,6 +243,7 @@ PlayedServer::PlayedServer(const Setup& setup) : impl_(new Impl{.setup = setup})
     http.set_keep_alive_timeout(1);
     http.set_tcp_nodelay(true);
     impl_->hawkbit.old = setup.old;
+    impl_->hawkbit.sleep = setup.sleep;
     impl_->hawkbit.url = (setup.certificate.empty() ? "http://localhost:" : "https://localhost:") +
                          std::to_string(http.bind_to_any_port("127.0.0.1"));
     impl_->thread = std::thread([&http] { http.listen_after_bind(); });

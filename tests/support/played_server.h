@@ -50,8 +50,9 @@ struct PlayedRequest {
 class PlayedServer {
   public:
     struct Setup {
-        bool old = false;              // as 0.3 is, else as 1.0
-        std::string certificate = {};  // PEM files: the server speaks https, else http
+        bool old = false;                // as 0.3 is, else as 1.0
+        std::string sleep = "00:00:02";  // between two polls
+        std::string certificate = {};    // PEM files: the server speaks https, else http
         std::string key = {};
         std::string clients = {};  // PEM file of who vouches for clients; empty: they are not asked
         bool onlyFiles = false;    // serves files of offered actions to anybody, and nothing else
