@@ -45,9 +45,10 @@ AgentStatus begin_part(Fetch& fetch, const HttpHead& head) {
 AgentStatus begin_whole(Fetch& fetch, const HttpHead& head) {
     PartFile& part = fetch.download.part;
     if (head.length >= 0 && static_cast<uint64_t>(head.length) != part.file.size) {
-        return different(fetch.download, "has " + std::to_string(head.length) +
-                                             " bytes, announced were " +
-                                             std::to_string(part.file.size));
+        // Not a byte is taken: it may be somebody else's page. What came before stays.
+        return agent_fault(AGENT_MALFORMED, part.file.name + " has " + std::to_string(head.length) +
+                                                " bytes, announced were " +
+                                                std::to_string(part.file.size));
     }
     return start_part(part, head.entityTag);
 }

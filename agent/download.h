@@ -38,7 +38,9 @@ constexpr char PART_SUFFIX[] = ".part";
 //   AGENT_OK           NAME is there and is what was announced
 //   AGENT_UNREACHABLE  interrupted; what came so far is kept: call again, later when nothing came
 //   AGENT_DIFFERENT    other bytes than announced, twice; nothing is left of them
-//   AGENT_GONE, AGENT_REFUSED, AGENT_MALFORMED, AGENT_STOPPED
+//   AGENT_MALFORMED    an answer that is not this file, by its code or its length; what came before
+//                      stays
+//   AGENT_GONE, AGENT_REFUSED, AGENT_STOPPED
 //   AGENT_MEDIUM       the folder takes no more
 AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile* content,
                           const std::string& folder, const DownloadProgress& progress);

@@ -21,6 +21,10 @@ constexpr uint32_t PROGRESS_STEPS = 10;
 // every ten seconds is little beside what the download itself costs the server, and ends with it.
 constexpr uint64_t LOOK_MS = 10000;
 constexpr uint32_t GONE_OFFERS_MAX = 2;
+// An answer that is neither the file nor a known refusal may be a proxy's bad moment, as for
+// offers.
+constexpr int UNEXPECTED_ANSWERS_MAX = 3;
+constexpr uint32_t UNEXPECTED_PAUSE_MS = 2000;
 
 // The state of one package's download.
 struct Fetching {
@@ -74,11 +78,15 @@ uint64_t bytes_there(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
 }
 
+uint64_t bytes_fetched(const std::string& path) {
+    return std::max(bytes_there(path), bytes_there(path + PART_SUFFIX));
+}
+
 bool has_room(const Agent& agent, const std::vector<PackageFile>& files, std::string& wrong) {
     uint64_t needed = SPACE_LEFT;
     for (const PackageFile& file : files) {
         const std::string path = agent.folder + file.name;
-        const uint64_t there = std::max(bytes_there(path), bytes_there(path + PART_SUFFIX));
+        const uint64_t there = bytes_fetched(path);
         needed += file.size - std::min(file.size, there);
     }
     const uint64_t room = free_space(agent.folder);
@@ -123,8 +131,8 @@ void remember_file(Agent& agent, const std::string& path) {
     }
 }
 
-AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
-                       const PackageFile* content) {
+AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
+                         const PackageFile* content) {
     // The server may count every request for a file as a status.
     if (++agent.action.statuses >= STATUSES_MAX) {
         return agent_fault(AGENT_DIFFERENT, "given up: too many interrupted downloads");
@@ -135,10 +143,26 @@ AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
         line.show(bytes);
         return content == nullptr || show_progress(agent, fetching, file, bytes);
     };
+    const std::string path = agent.folder + file.name;
+    const uint64_t fetched = bytes_fetched(path);
     AgentStatus status = download_file(agent.files, file, content, agent.folder, progress);
+    agent.progressed = agent.progressed || bytes_fetched(path) > fetched;
     if (status.ok()) {
-        remember_file(agent, agent.folder + file.name);
+        remember_file(agent, path);
         fetching.before += content == nullptr ? 0 : file.size;
+    }
+    return status;
+}
+
+AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
+                       const PackageFile* content) {
+    AgentStatus status = request_file(agent, fetching, file, content);
+    for (int answers = 1; status.result == AGENT_MALFORMED && answers < UNEXPECTED_ANSWERS_MAX;
+         ++answers) {
+        if (!pause(agent, UNEXPECTED_PAUSE_MS)) {
+            return agent_fault(AGENT_STOPPED, "asked to end");
+        }
+        status = request_file(agent, fetching, file, content);
     }
     return status;
 }

@@ -139,10 +139,13 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     std::string said;
     uint32_t failures = 0;
     while (!stop) {
+        agent.progressed = false;
         const AgentStatus status = agent_poll(agent);
         report_trouble(status, said);
         publish_status(agent, status);
-        failures = status.ok() ? 0 : failures + 1;
+        // A download that is interrupted again and again comes to its end at the pace of the first
+        // interruption.
+        failures = status.ok() ? 0 : agent.progressed ? 1 : failures + 1;
         const uint32_t delay =
             delay_ms(agent.sleepS, failures, status.retryAfterS, random_number());
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_nothing_to_remember(agent, status)) {

@@ -26,9 +26,9 @@ int run_once(const AgentSettings& settings, Keyring keyring);
 // Tells the server what runs on this camera, and no more. Returns the exit status.
 int report(const AgentSettings& settings, Keyring keyring);
 
-// Milliseconds to the next poll. After trouble, `failures` in a row, the time grows up to an hour,
-// and is not below what the server asked for; `random` is any number, so that no fleet polls in
-// step.
+// Milliseconds to the next poll. After trouble, `failures` in a row without a new byte of a file
+// between them, the time grows up to an hour, and is not below what the server asked for; `random`
+// is any number, so that no fleet polls in step.
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random);
 
 #endif  // AGENT_LOOP_H

@@ -64,6 +64,7 @@ struct Agent {
     bool lastFailed = false;            // the last action of this process did
     uint64_t othersSinceMs = 0;         // somebody else's request was seen in the queue; 0: not
     uint32_t goneOffers = 0;            // a file of the action was not there, in a row
+    bool progressed = false;            // bytes of a file came that were not there before
 };
 
 // Loads what is in hand and removes files that nothing needs. Returns AGENT_OK, or AGENT_MEDIUM

@@ -603,6 +603,25 @@ TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
     umount(STATE_FOLDER.c_str());
 }
 
+// A line that breaks off again and again brings a package to its end; the pauses do not grow while
+// bytes come.
+TEST(Action, BytesThatCameResetThePause) {
+    World world("good", "files");
+    world.server().misbehave("file status 500");
+    RunningAgent agent;
+    size_t requests = 0;
+    for (; requests < 7; ++requests) {
+        EXPECT_TRUE(eventually(5000, [&] { return world.server().count("file") > requests; }));
+        agent.signal(SIGHUP);
+    }
+    EXPECT_TRUE(eventually(5000, [&] { return world.server().count("file") > requests; }));
+    world.server().misbehave("file:3 cut 9000");
+    agent.signal(SIGHUP);
+    // The manifest, its signature, a piece of an image; then what is missing, soon.
+    EXPECT_TRUE(eventually(5000, [&] { return world.server().count("file") >= requests + 4; }));
+    EXPECT_TRUE(eventually(9000, [&] { return world.server().count("file") >= requests + 5; }));
+}
+
 TEST(Action, TokenIsReadAgainAtSighup) {
     make_packages();
     PlayedServer server({});
