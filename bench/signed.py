@@ -34,7 +34,8 @@ def verifier(programs: Programs, folder: Path) -> list:
 def manifest_verifier(_: Programs, folder: Path) -> list:
     manifest = folder / "package.manifest"
     return ["openssl", "cms", "-verify", "-binary", "-content", manifest, "-inform", "DER", "-in",
-            f"{manifest}.sig", "-CAfile", PKI / "root.pem", "-purpose", "any", "-out", "/dev/null"]
+            f"{manifest}.sig", "-CAfile", PKI / "root.pem", "-no-CApath", "-no-CAstore", "-purpose", "any",
+            "-out", "/dev/null"]
 
 
 def hasher(_: Programs, folder: Path) -> list:

@@ -1,4 +1,4 @@
-// Owners of what OpenSSL's libcrypto hands out, and its reason for a failure.
+// Owners of what OpenSSL's libcrypto hands out, its reason for a failure, and a name as text.
 #ifndef PACKAGE_OPENSSL_OWNED_H
 #define PACKAGE_OPENSSL_OWNED_H
 
@@ -8,6 +8,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 #include <string.h>
 
 #include <memory>
@@ -29,6 +30,7 @@ inline void release_certificates(STACK_OF(X509) * certificates) {
 using OwnedBio = std::unique_ptr<BIO, Releaser<BIO_free>>;
 using OwnedCms = std::unique_ptr<CMS_ContentInfo, Releaser<CMS_ContentInfo_free>>;
 using OwnedCertificate = std::unique_ptr<X509, Releaser<X509_free>>;
+using OwnedKeyIdentifier = std::unique_ptr<AUTHORITY_KEYID, Releaser<AUTHORITY_KEYID_free>>;
 using OwnedRevocations = std::unique_ptr<X509_CRL, Releaser<X509_CRL_free>>;
 using OwnedCertificates = std::unique_ptr<STACK_OF(X509), Releaser<release_certificates>>;
 using OwnedStoreContext = std::unique_ptr<X509_STORE_CTX, Releaser<X509_STORE_CTX_free>>;
@@ -46,6 +48,17 @@ inline std::string openssl_reason() {
         ERR_SYSTEM_ERROR(error) ? strerror(ERR_GET_REASON(error)) : ERR_reason_error_string(error);
     ERR_clear_error();
     return reason != nullptr ? reason : "no reason given";
+}
+
+// As RFC 2253 has it; empty when memory is short.
+inline std::string name_text(const X509_NAME* name) {
+    const OwnedBio text(BIO_new(BIO_s_mem()));
+    char* data = nullptr;
+    if (!text || X509_NAME_print_ex(text.get(), name, 0, XN_FLAG_RFC2253) < 0) {
+        return "";
+    }
+    const long size = BIO_get_mem_data(text.get(), &data);
+    return data == nullptr ? "" : std::string(data, static_cast<size_t>(size));
 }
 
 #endif  // PACKAGE_OPENSSL_OWNED_H

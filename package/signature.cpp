@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <time.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <limits>
@@ -21,16 +22,6 @@ PackageStatus refused(const std::string& reason) {
 
 PackageStatus short_of_memory() {
     return package_fault(PACKAGE_UNREADABLE, "cannot check the signature: " + openssl_reason());
-}
-
-std::string name_text(const X509_NAME* name) {
-    const OwnedBio text(BIO_new(BIO_s_mem()));
-    char* data = nullptr;
-    if (!text || X509_NAME_print_ex(text.get(), name, 0, XN_FLAG_RFC2253) < 0) {
-        return "";
-    }
-    const long size = BIO_get_mem_data(text.get(), &data);
-    return data == nullptr ? "" : std::string(data, static_cast<size_t>(size));
 }
 
 // A machine's own time_t may end in 2038.
@@ -125,16 +116,43 @@ void describe(const ReadSignature& signature, Signer& signer) {
               .signedAt = signing_time(signature.info)};
 }
 
-// What load_keyring() says of lists.
-int forgive_lists(int fine, X509_STORE_CTX* context) {
-    switch (X509_STORE_CTX_get_error(context)) {
-        case X509_V_ERR_UNABLE_TO_GET_CRL:
-        case X509_V_ERR_CRL_NOT_YET_VALID:
-        case X509_V_ERR_CRL_HAS_EXPIRED:
-            return 1;
-        default:
-            return fine;
+PackageStatus not_trusted(const X509* certificate, const char* reason) {
+    return refused("the certificate \"" + name_text(X509_get_subject_name(certificate)) +
+                   "\" is not trusted: " + reason);
+}
+
+// Whether the list is of this authority: the name is not enough, since an authority may be renewed
+// with another key.
+bool is_list_of(X509_CRL* list, X509* issuer) {
+    if (X509_NAME_cmp(X509_CRL_get_issuer(list), X509_get_subject_name(issuer)) != 0) {
+        return false;
     }
+    const OwnedKeyIdentifier key(static_cast<AUTHORITY_KEYID*>(
+        X509_CRL_get_ext_d2i(list, NID_authority_key_identifier, nullptr, nullptr)));
+    return !key || X509_check_akid(issuer, key.get()) == X509_V_OK;
+}
+
+// Looks for the certificate in every list of its issuer. Libcrypto would choose one list by its
+// dates, and refuse where none is valid now.
+PackageStatus check_revocation(X509* certificate, X509* issuer, const Keyring& keyring) {
+    const STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(keyring.store.get());
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+        X509_CRL* const list = X509_OBJECT_get0_X509_CRL(sk_X509_OBJECT_value(objects, i));
+        if (list == nullptr || !is_list_of(list, issuer)) {
+            continue;
+        }
+        if (X509_CRL_verify(list, X509_get0_pubkey(issuer)) != 1) {
+            ERR_clear_error();
+            return not_trusted(
+                certificate,
+                "the revocation list of its issuer is not signed with the issuer's key");
+        }
+        X509_REVOKED* entry = nullptr;
+        if (X509_CRL_get0_by_cert(list, &entry, certificate) == 1) {
+            return not_trusted(certificate, X509_verify_cert_error_string(X509_V_ERR_CERT_REVOKED));
+        }
+    }
+    return {};
 }
 
 PackageStatus check_chain(const ReadSignature& signature, const Keyring& keyring, int64_t time) {
@@ -147,27 +165,47 @@ PackageStatus check_chain(const ReadSignature& signature, const Keyring& keyring
     X509_VERIFY_PARAM_set_auth_level(rules, SECURITY_LEVEL);
     X509_VERIFY_PARAM_set_depth(rules, DEPTH_MAX);
     X509_VERIFY_PARAM_set_time(rules, static_cast<time_t>(time));
-    if (keyring.hasRevocations) {
-        X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
-        X509_STORE_CTX_set_verify_cb(context.get(), forgive_lists);
-    }
     if (X509_verify_cert(context.get()) != 1) {
         const int error = X509_STORE_CTX_get_error(context.get());
         const X509* const current = X509_STORE_CTX_get_current_cert(context.get());
         ERR_clear_error();
-        return refused(
-            "the certificate \"" +
-            name_text(X509_get_subject_name(current != nullptr ? current : signature.certificate)) +
-            "\" is not trusted: " + X509_verify_cert_error_string(error));
+        return not_trusted(current != nullptr ? current : signature.certificate,
+                           X509_verify_cert_error_string(error));
     }
-    // libcrypto knows the purpose only from 3.2 on.
     STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
-    for (int i = 1; i + 1 < sk_X509_num(chain); ++i) {
+    const int last = sk_X509_num(chain) - 1;
+    for (int i = 0; i <= last; ++i) {
+        PackageStatus status = check_revocation(
+            sk_X509_value(chain, i), sk_X509_value(chain, std::min(i + 1, last)), keyring);
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    // Libcrypto knows the purpose only from 3.2 on.
+    for (int i = 1; i < last; ++i) {
         X509* const authority = sk_X509_value(chain, i);
         if (!may_issue_signers(authority)) {
             return refused("the certificate \"" + name_text(X509_get_subject_name(authority)) +
                            "\" is not for those who sign code");
         }
+    }
+    return {};
+}
+
+// The attributes bind the signature to the digest of the content and its type. Without them the
+// signature would be over the content alone, and bytes that somebody signed as attributes would
+// count as content.
+PackageStatus check_attributes(CMS_ContentInfo* cms, const CMS_SignerInfo* info) {
+    const auto* type = static_cast<const ASN1_OBJECT*>(
+        CMS_signed_get0_data_by_OBJ(info, OBJ_nid2obj(NID_pkcs9_contentType), -3, V_ASN1_OBJECT));
+    const void* const digest = CMS_signed_get0_data_by_OBJ(
+        info, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING);
+    if (type == nullptr || digest == nullptr) {
+        return refused("the signature has no signed attributes with the content's type and digest");
+    }
+    if (OBJ_obj2nid(type) != NID_pkcs7_data ||
+        OBJ_obj2nid(CMS_get0_eContentType(cms)) != NID_pkcs7_data) {
+        return refused("the signature is over a content of another type, expected data");
     }
     return {};
 }
@@ -206,7 +244,10 @@ PackageStatus verify_signature(std::string_view content, std::string_view signat
         return refused("the signature was made at " + time_text(time) +
                        ", which is beyond this machine's time");
     }
-    status = check_algorithm(read.info);
+    status = check_attributes(read.cms.get(), read.info);
+    if (status.ok()) {
+        status = check_algorithm(read.info);
+    }
     if (status.ok()) {
         status = check_chain(read, keyring, time);
     }
@@ -215,6 +256,10 @@ PackageStatus verify_signature(std::string_view content, std::string_view signat
     }
     if (!may_sign_code(read.certificate)) {
         return refused("the certificate \"" + signer.subject + "\" is not for code signing");
+    }
+    if (!has_usable_key(read.certificate)) {
+        return refused("the certificate \"" + signer.subject + "\" has a key of the kind " +
+                       key_kind(read.certificate) + ", expected RSA or EC");
     }
     const OwnedBio bytes = view_of(content);
     if (!bytes) {

@@ -23,21 +23,26 @@ PackageStatus read_signature_of(const std::string& path, std::string& signature)
 
 }  // namespace
 
-PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyring, int64_t now,
-                                   Manifest& manifest, Signer& signer) {
-    std::string text;
+PackageStatus read_signed_file(const std::string& path, size_t limit, const Keyring& keyring,
+                               int64_t now, std::string& content, Signer& signer) {
     std::string signature;
-    PackageStatus status = read_small_file(path, MANIFEST_SIZE_MAX, FileKind::REGULAR, text);
+    signer = {};
+    PackageStatus status = read_small_file(path, limit, FileKind::REGULAR, content);
     if (status.ok()) {
         status = read_signature_of(path, signature);
     }
+    return status.ok() ? named(path, verify_signature(content, signature, keyring, now, signer))
+                       : status;
+}
+
+PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyring, int64_t now,
+                                   Manifest& manifest, Signer& signer) {
+    std::string text;
+    PackageStatus status = read_signed_file(path, MANIFEST_SIZE_MAX, keyring, now, text, signer);
     if (!status.ok()) {
         return status;
     }
-    status = verify_signature(text, signature, keyring, now, signer);
-    if (status.ok()) {
-        status = parse_manifest(text, manifest);
-    }
+    status = parse_manifest(text, manifest);
     if (status.ok() && manifest.format == 1) {
         status =
             package_fault(PACKAGE_NOT_TRUSTED,

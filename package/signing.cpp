@@ -1,3 +1,7 @@
+#include <time.h>
+
+#include <algorithm>
+
 #include "package/signature.h"
 #include "pem.h"
 #include "purpose.h"
@@ -39,6 +43,63 @@ PackageStatus make_signature(std::string_view content, X509* certificate, EVP_PK
     return i2d_CMS_ContentInfo(cms.get(), &to) == size ? PackageStatus{} : failed();
 }
 
+PackageStatus unusable(const std::string& text) {
+    return package_fault(PACKAGE_MALFORMED, text);
+}
+
+// A keyring that trusts these certificates, for a machine that does not have the root's.
+PackageStatus trust_given(const std::vector<X509*>& certificates, Keyring& keyring) {
+    keyring.store.reset(X509_STORE_new());
+    if (!keyring.store) {
+        return failed();
+    }
+    X509_STORE_set_flags(keyring.store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+    for (X509* certificate : certificates) {
+        if (X509_STORE_add_cert(keyring.store.get(), certificate) != 1) {
+            return failed();
+        }
+    }
+    return {};
+}
+
+// An authority that is of no use here is a mistake that every camera would find. `certificates` is
+// the signer's and those of the authorities.
+PackageStatus check_authorities(const std::vector<X509*>& certificates) {
+    for (size_t i = 1; i < certificates.size(); ++i) {
+        X509* const authority = certificates[i];
+        const std::string name =
+            "the authority \"" + name_text(X509_get_subject_name(authority)) + "\"";
+        if (!may_issue_signers(authority)) {
+            return unusable(name + " is not for those who sign code");
+        }
+        if (std::ranges::none_of(certificates, [authority](X509* certificate) {
+                return X509_cmp(authority, certificate) != 0 &&
+                       X509_check_issued(authority, certificate) == X509_V_OK;
+            })) {
+            return unusable(name + " has issued none of these certificates");
+        }
+    }
+    return {};
+}
+
+// Better here than on every camera.
+PackageStatus check_signature(std::string_view content, const std::string& signature,
+                              const SigningOptions& options,
+                              const std::vector<X509*>& certificates) {
+    Keyring keyring;
+    PackageStatus status = options.keyring.empty()
+                               ? trust_given(certificates, keyring)
+                               : load_keyring(options.keyring, options.revocations, keyring);
+    if (!status.ok()) {
+        return status;
+    }
+    Signer signer;
+    status = verify_signature(content, signature, keyring, time(nullptr), signer);
+    return status.result == PACKAGE_NOT_TRUSTED
+               ? unusable("no camera would take this signature: " + status.text)
+               : status;
+}
+
 }  // namespace
 
 PackageStatus sign(std::string_view content, const SigningOptions& options,
@@ -66,10 +127,20 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
         }
         (void)authority.release();
     }
-    // Better here than on every camera.
+    std::vector<X509*> certificates = {certificate.get()};
+    for (int i = 0; i < sk_X509_num(intermediates.get()); ++i) {
+        certificates.push_back(sk_X509_value(intermediates.get(), i));
+    }
     if (!may_sign_code(certificate.get())) {
-        return package_fault(PACKAGE_MALFORMED,
-                             "the certificate " + options.certificate + " is not for code signing");
+        return unusable("the certificate " + options.certificate + " is not for code signing");
+    }
+    if (!has_usable_key(certificate.get())) {
+        return unusable("the certificate " + options.certificate + " has a key of the kind " +
+                        key_kind(certificate.get()) + ", expected RSA or EC");
+    }
+    status = check_authorities(certificates);
+    if (!status.ok()) {
+        return status;
     }
     SigningKey key;
     status = load_signing_key(options.key, key);
@@ -78,9 +149,9 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
     }
     if (X509_check_private_key(certificate.get(), key.key.get()) != 1) {
         ERR_clear_error();
-        return package_fault(PACKAGE_MALFORMED,
-                             "the key is not the one of the certificate " + options.certificate);
+        return unusable("the key is not the one of the certificate " + options.certificate);
     }
-    return make_signature(content, certificate.get(), key.key.get(), intermediates.get(),
-                          signature);
+    status =
+        make_signature(content, certificate.get(), key.key.get(), intermediates.get(), signature);
+    return status.ok() ? check_signature(content, signature, options, certificates) : status;
 }

@@ -27,6 +27,24 @@ extendedKeyUsage = codeSigning'
     issue thief "$signer"
     openssl ca -config pki.cnf -revoke thief.pem
     openssl ca -config pki.cnf -gencrl -crldays 1 -out revoked.pem
+    # Keys that cameras do not take.
+    for kind in rsa-pss ed25519; do
+        openssl genpkey -algorithm $kind -out $kind.key
+        openssl req -config pki.cnf -new -key $kind.key -subj /CN=$kind -out $kind.csr
+        openssl ca -config pki.cnf -batch -notext -extensions signer -in $kind.csr -out $kind.pem
+    done
+    # A web server, of an authority that the host trusts.
+    openssl req -config pki.cnf -x509 -extensions root -newkey ec -pkeyopt ec_paramgen_curve:P-256 \
+        -nodes -keyout public.key -subj "/CN=Public root" -out public.pem
+    printf 'subjectAltName = DNS:web.example\nextendedKeyUsage = serverAuth\n' > web.cnf
+    openssl req -config pki.cnf -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout web.key \
+        -subj /CN=web.example -out web.csr
+    openssl x509 -req -in web.csr -CA public.pem -CAkey public.key -extfile web.cnf -out web.pem
+    mkdir /run/trusted
+    cp public.pem "/run/trusted/$(openssl x509 -in public.pem -noout -hash).0"
+    # An authority that has expired.
+    openssl ca -config pki.cnf -cert root.pem -keyfile root.key -batch -notext -extensions authority \
+        -startdate 200101000000Z -enddate 210101000000Z -in authority.csr -out old.pem
     # Far too short a key, and an authority that is for mail alone.
     openssl req -config pki.cnf -newkey rsa:1024 -nodes -keyout weak.key -subj /CN=weak -out weak.csr
     openssl ca -config pki.cnf -batch -notext -extensions signer -in weak.csr -out weak.pem
@@ -64,6 +82,56 @@ as() { # NAME [ARGUMENTS...]
         -certfile $pki/authority.pem -outform DER -out package.manifest.sig "$@"
 }
 
+# The commands of a page, by number of their block, or one command, by words in its first line.
+block_of() { # PAGE NUMBER
+    awk -v wanted="$2" '/^ *```/ { inside = /sh$/ && ++n == wanted; next } inside' "$TEXTS/../docs/$1.md"
+}
+command_of() { # PAGE WORDS
+    awk -v words="$2" 'index($0, words) { inside = 1 } inside { print } !/(\\|&&|\|)$/ { inside = 0 }' \
+        "$TEXTS/../docs/$1.md"
+}
+
+# Types them, and locks no key and always agrees. Ends the shell where one fails.
+type_in() { # COMMANDS
+    openssl() {
+        case $1 in
+            req) set -- "$@" -nodes ;;
+            ca) set -- "$@" -batch ;;
+        esac
+        command openssl "$@" 2> /tmp/openssl.txt
+    }
+    set -e
+    eval "$1" > /dev/null
+    set +e
+    unset -f openssl
+}
+
+# What docs/signing.md makes here: keys, a signature of the manifest, and a list that revokes its signer.
+by_page() {
+    cp $pki/pki.cnf .
+    type_in "$(block_of signing 1)"
+}
+
+# What the pages and the script find out about who signed, where the host trusts the public root; and as
+# a control the first page's command without what it needs for that.
+check_by_page() { # ARGUMENTS OF as...
+    export SSL_CERT_DIR=/run/trusted
+    cp $pki/root.pem $pki/revoked.pem .
+    sha256sum kernel.bin > package.manifest
+    as "$@"
+    cp package.manifest SHA256SUMS
+    cp package.manifest.sig SHA256SUMS.sig
+    for page in signing releasing; do
+        (type_in "$(command_of $page 'cms -verify')")
+        echo "$page.md $?"
+    done
+    (type_in "$(command_of releasing 'otactl verify-file')")
+    echo "verify-file $?"
+    "$TEXTS/../scripts/release" --check . --keyring root.pem | sed 's/OpenSSL.*/.../'
+    (type_in "$(command_of signing 'cms -verify' | sed 's/-no-CA[a-z]*//g; s/-signer.*//; /x509/d')")
+    echo "control $?"
+}
+
 send() { otactl send files --dir . "$@"; }
 send_all() { otactl send combined --package all.pkg --manifest all.manifest "$@"; }
 
@@ -96,6 +164,12 @@ token() { # COMMAND...
 spoil() { # FILE OFFSET
     byte=$(tail -c +$(($2 + 1)) "$1" | head -c 1 | tr '\0-\376\377' '\1-\377\0')
     printf %s "${byte:-z}" | dd of="$1" bs=1 seek="$2" conv=notrunc 2> /dev/null
+}
+
+# In a signature the content's type, outside of what is signed, becomes the next one.
+retype() { # LAST BYTE OF THE TYPE
+    at=$(grep -obUaP "\x2a\x86\x48\x86\xf7\x0d\x01\x07\x$1" package.manifest.sig | head -n 1)
+    spoil package.manifest.sig $((${at%%:*} + 8))
 }
 
 # An otactl whose calls fail; afterwards nothing is open that was not open before.

@@ -85,6 +85,10 @@ int pack_files(const PackOptions& options);
 // Signs a file of up to 1 MiB; the signature lies beside it as that of a manifest does.
 int sign_file(const std::string& path, const SigningOptions& options);
 
+// Checks such a signature by the rules for packages, and reports who has signed. Of the options the
+// keyring and the lists count. Returns as verify() does.
+int verify_file(const std::string& path, TrustOptions options);
+
 struct LogsOptions {
     std::string address;
     uint32_t level;  // lines below it are not shown

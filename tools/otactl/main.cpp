@@ -16,6 +16,7 @@ struct Arguments {
     SendOptions send;
     PackOptions pack;
     std::string signedFile;
+    TrustOptions fileTrust;
     SigningOptions signing;
     InspectOptions inspect;
     LogsOptions logs;
@@ -27,18 +28,24 @@ std::string not_empty(const std::string& value) {
     return value.empty() ? "needs a value" : "";
 }
 
+CLI::Option* add_value(CLI::App* command, const char* name, std::string& value, const char* help) {
+    return command->add_option(name, value, help)->check(not_empty, "");
+}
+
+void add_roots(CLI::App* command, TrustOptions& trust) {
+    add_value(command, "--keyring", trust.keyring,
+              "Take only what one of these root certificates vouches for (PEM)");
+    add_value(command, "--crl", trust.revocations, "Certificate revocation lists (PEM)");
+    command->footer(std::string("What is not said is taken from ") + SETTINGS_PATH + ".");
+}
+
 void add_trust(CLI::App* command, TrustOptions& trust) {
-    const auto add = [command](const char* name, std::string& value, const char* help) {
-        command->add_option(name, value, help)->check(not_empty, "");
-    };
-    add("--keyring", trust.keyring,
-        "Take only what one of these root certificates vouches for (PEM)");
-    add("--crl", trust.revocations, "Certificate revocation lists (PEM)");
-    add("--compatible", trust.compatible, "The kind of this camera");
-    add("--version-file", trust.versionFile, "Says which version runs; lower ones are refused");
+    add_roots(command, trust);
+    add_value(command, "--compatible", trust.compatible, "The kind of this camera");
+    add_value(command, "--version-file", trust.versionFile,
+              "Says which version runs; lower ones are refused");
     command->add_flag("--allow-downgrade", trust.allowDowngrade, "Take lower versions too");
     command->add_flag("--unsigned", trust.unsignedToo, "Ask for no signature");
-    command->footer(std::string("What is not said is taken from ") + SETTINGS_PATH + ".");
 }
 
 void add_send(CLI::App& app, Arguments& arguments) {
@@ -69,12 +76,17 @@ void add_send(CLI::App& app, Arguments& arguments) {
 }
 
 void add_signing(CLI::App* command, SigningOptions& signing) {
-    command->add_option("--key", signing.key, "Sign with this key: a file or a PKCS#11 URI");
-    command->add_option("--certificate", signing.certificate, "The key's certificate (PEM)");
+    add_value(command, "--key", signing.key, "Sign with this key: a file or a PKCS#11 URI");
+    add_value(command, "--certificate", signing.certificate, "The key's certificate (PEM)");
     command
         ->add_option("--intermediate", signing.intermediates,
                      "An authority between it and the root (PEM); once for each")
         ->allow_extra_args(false);
+    CLI::Option* keyring =
+        add_value(command, "--keyring", signing.keyring,
+                  "Check the signature as a camera with these root certificates does (PEM)");
+    add_value(command, "--crl", signing.revocations, "And with these revocation lists (PEM)")
+        ->needs(keyring);
 }
 
 void add_sign(CLI::App& app, std::string& file, SigningOptions& signing) {
@@ -83,6 +95,13 @@ void add_sign(CLI::App& app, std::string& file, SigningOptions& signing) {
     add_signing(command, signing);
     command->get_option("--key")->required();
     command->get_option("--certificate")->required();
+}
+
+void add_verify_file(CLI::App& app, std::string& file, TrustOptions& trust) {
+    CLI::App* command =
+        app.add_subcommand("verify-file", "Check the signature of a file that sign has signed");
+    command->add_option("FILE", file, "The file; its signature is FILE.sig")->required();
+    add_roots(command, trust);
 }
 
 void add_pack(CLI::App& app, PackOptions& options) {
@@ -95,10 +114,10 @@ void add_pack(CLI::App& app, PackOptions& options) {
     files->add_option("MODULE", options.modules, "Names of the modules (all that are there)")
         ->option_text("...");
     for (CLI::App* command : {pack, files}) {
-        command->add_option("--manifest", options.manifest, "The manifest");
-        command->add_option("--compatible", options.compatible,
-                            "The kind of camera that the package is for");
-        command->add_option("--version", options.version, "The package's version: 2.7.1");
+        add_value(command, "--manifest", options.manifest, "The manifest");
+        add_value(command, "--compatible", options.compatible,
+                  "The kind of camera that the package is for");
+        add_value(command, "--version", options.version, "The package's version: 2.7.1");
         command->add_option("--description", options.description, "What is new, in one line");
         add_signing(command, options.signing);
     }
@@ -146,6 +165,9 @@ int run(const CLI::App& app, const Arguments& arguments) {
     if (app.got_subcommand("sign")) {
         return sign_file(arguments.signedFile, arguments.signing);
     }
+    if (app.got_subcommand("verify-file")) {
+        return verify_file(arguments.signedFile, arguments.fileTrust);
+    }
     if (app.got_subcommand("verify")) {
         return verify(arguments.inspect);
     }
@@ -183,6 +205,7 @@ static int program(int argc, char** argv) {
     add_send(app, arguments);
     add_pack(app, arguments.pack);
     add_sign(app, arguments.signedFile, arguments.signing);
+    add_verify_file(app, arguments.signedFile, arguments.fileTrust);
     add_inspect(app, arguments.inspect);
     add_others(app, arguments);
     if (const auto status = parse_command_line(app, argc, argv)) {

@@ -1,12 +1,14 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include <array>
 
 #include "base/owned.h"
 #include "error_line.h"
 #include "otactl/commands.h"
+#include "otactl/log_line.h"
 #include "otactl/output_files.h"
 #include "package/signed_manifest.h"
 
@@ -51,4 +53,28 @@ int sign_file(const std::string& path, const SigningOptions& options) {
     OutputFiles files;
     const int written = files.write(path + SIGNATURE_SUFFIX, signature);
     return written == OTACTL_OK ? files.put_in_place("") : written;
+}
+
+int verify_file(const std::string& path, TrustOptions options) {
+    const int result = read_settings(options);
+    if (result != OTACTL_OK) {
+        return result;
+    }
+    if (options.keyring.empty()) {
+        print_error(OTACTL,
+                    std::string("no keyring: name one with --keyring or in ") + SETTINGS_PATH);
+        return OTACTL_WRONG_USE;
+    }
+    Keyring keyring;
+    PackageStatus status = load_keyring(options.keyring, options.revocations, keyring);
+    std::string content;
+    Signer signer;
+    if (status.ok()) {
+        status = read_signed_file(path, SIGNED_FILE_MAX, keyring, time(nullptr), content, signer);
+    }
+    if (!status.ok()) {
+        return refuse(status, true);
+    }
+    printf("%s: signed by %s\n", printable(path).c_str(), printable(signer.subject).c_str());
+    return fflush(stdout) == 0 ? OTACTL_OK : OTACTL_FAILED;
 }

@@ -14,16 +14,18 @@ struct CertificateStoreDeleter {
 };
 
 struct Keyring {
+    // Roots and lists.
     std::unique_ptr<x509_store_st, CertificateStoreDeleter> store;
-    bool hasRevocations = false;
 };
 
 // Reads a keyring, a PEM file of root certificates, and a PEM file of certificate revocation lists;
 // `revocations` may be empty: nothing is revoked. What a list names is revoked whatever the list's
 // own dates say: a camera that gets no newer one must not stop at the old one, and one whose clock
-// is wrong must not pass it over. An issuer without a list revokes nothing. Returns PACKAGE_OK,
-// PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED for a file without a certificate (a
-// list) in it, with a broken one, or with two lists of one issuer.
+// is wrong must not ignore it. Of several lists of one issuer each counts. An issuer without a list
+// revokes nothing. A list with an authority key identifier is of the authority that has this key,
+// and not of another one with the same name. Returns PACKAGE_OK, PACKAGE_MISSING,
+// PACKAGE_UNREADABLE, or PACKAGE_MALFORMED for a file without a certificate (a list) in it, or with
+// a broken one.
 PackageStatus load_keyring(const std::string& roots, const std::string& revocations,
                            Keyring& keyring);
 

@@ -1,10 +1,12 @@
 // Signatures of manifests: CMS (RFC 5652), detached, DER, SHA-256, as OpenSSL's libcrypto and its
 // command "openssl cms" make and check them.
 //
-// A signature is taken when its one signer's certificate leads over the certificates that come with
+// A signature is taken when it has signed attributes, which name the content's type ("data") and
+// digest, and its one signer's certificate leads over the certificates that come with
 // it to a root of the keyring, none of them is revoked, and the signer's is for code signing (the
 // extended key usage of RFC 5280; an authority on the way that is limited to usages must be allowed
-// it too). Keys and digests below 112 bits of strength are refused.
+// it too) and has an RSA key or one on an elliptic curve. Keys and digests below 112 bits of
+// strength are refused.
 //
 // Cameras start in 1970. A clock that says less than the time at which this library was built has
 // not been set: then certificates must have been valid when the signature was made, which is what
@@ -47,11 +49,14 @@ struct SigningOptions {
     std::string key;          // a file, or a PKCS#11 URI (RFC 7512) of a key in a token
     std::string certificate;  // PEM file of the signer's certificate
     std::vector<std::string> intermediates;  // PEM files of authorities between it and the root
+    std::string keyring;                     // as for load_keyring(); may be empty
+    std::string revocations;                 // likewise
 };
 
-// Signs. Asks at the terminal for what a key is locked with. Returns PACKAGE_OK,
-// PACKAGE_UNREADABLE (a file or a token), or PACKAGE_MALFORMED (not a certificate, not its key, not
-// for code signing).
+// Signs, and checks the signature as a camera does that has this keyring. Without one the
+// certificates that are given count as trusted. Asks at the terminal for what a key is locked with.
+// Returns PACKAGE_OK, PACKAGE_MISSING, PACKAGE_UNREADABLE (a file or a token), or PACKAGE_MALFORMED
+// (not a certificate, not its key, or no camera would take the signature).
 PackageStatus sign(std::string_view content, const SigningOptions& options, std::string& signature);
 
 // "2026-11-25 23:14:05 UTC".

@@ -1,7 +1,8 @@
-// A manifest and the signature beside it, from their files.
+// A manifest or another file, and the signature beside it.
 #ifndef PACKAGE_SIGNED_MANIFEST_H
 #define PACKAGE_SIGNED_MANIFEST_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -11,7 +12,7 @@
 #include "package/signature.h"
 #include "package/status.h"
 
-// The signature of a manifest stands beside it under its name and this.
+// The signature of a file is beside it under its name and this.
 constexpr char SIGNATURE_SUFFIX[] = ".sig";
 // The manifest of a folder of images.
 constexpr char FOLDER_MANIFEST[] = "package.manifest";
@@ -23,6 +24,10 @@ constexpr char FOLDER_MANIFEST[] = "package.manifest";
 // PACKAGE_MALFORMED.
 PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyring, int64_t now,
                                    Manifest& manifest, Signer& signer);
+
+// Reads another file of at most `limit` bytes, by the same rules. Returns likewise.
+PackageStatus read_signed_file(const std::string& path, size_t limit, const Keyring& keyring,
+                               int64_t now, std::string& content, Signer& signer);
 
 // Reads a manifest whoever made it. Returns PACKAGE_OK, PACKAGE_MISSING, PACKAGE_UNREADABLE or
 // PACKAGE_MALFORMED.
