@@ -16,6 +16,7 @@ enum AgentResult : int32_t {
     AGENT_DIFFERENT = 5,    // the bytes that came are not those that were announced
     AGENT_MEDIUM = 6,       // a file of this camera: not readable, not writable, no room
     AGENT_STOPPED = 7,      // a signal asks the agent to end
+    AGENT_NO_CARD = 8,      // nothing is mounted where packages lie
 };
 
 struct [[nodiscard]] AgentStatus {

@@ -208,7 +208,7 @@ bool camera_is_fit(const std::string& command, std::string& words) {
     return false;
 }
 
-uint64_t free_space(const std::string& folder) {
+uint64_t free_space(int folder) {
     struct statvfs status = {};
-    return statvfs(folder.c_str(), &status) == 0 ? uint64_t{status.f_bavail} * status.f_frsize : 0;
+    return fstatvfs(folder, &status) == 0 ? uint64_t{status.f_bavail} * status.f_frsize : 0;
 }

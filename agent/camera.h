@@ -57,8 +57,8 @@ PackageStatus check_partitions(const Manifest& manifest);
 // the agent is to end says nothing: the caller looks at that first.
 bool camera_is_fit(const std::string& command, std::string& words);
 
-// Bytes that an ordinary process may still write to the folder's file system; 0 when it cannot be
-// told.
-uint64_t free_space(const std::string& folder);
+// Bytes that an ordinary process may still write to the open folder's file system; 0 when it cannot
+// be told.
+uint64_t free_space(int folder);
 
 #endif  // AGENT_CAMERA_H

@@ -149,7 +149,7 @@ bool is_one_module(const PackageFile& content) {
 }  // namespace
 
 AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile* content,
-                          const std::string& folder, const DownloadProgress& progress) {
+                          const OpenFolder& folder, const DownloadProgress& progress) {
     if (content != nullptr && is_one_module(*content)) {
         if (*content->modules[0].sha256 != file.sha256 || content->size != file.size) {
             return agent_fault(AGENT_DIFFERENT,

@@ -17,6 +17,7 @@
 
 #include "agent/agent_result.h"
 #include "agent/ddi.h"
+#include "agent/folder.h"
 #include "agent/server.h"
 #include "package/content.h"
 
@@ -27,7 +28,7 @@ using DownloadProgress = std::function<bool(uint64_t bytes)>;
 
 constexpr char PART_SUFFIX[] = ".part";
 
-// Fetches a file into the folder, which ends in "/". `content`, when not null, is what the manifest
+// Fetches a file into the folder. `content`, when not null, is what the manifest
 // says of the file and is checked as the bytes arrive, beside the server's digest and size. A NAME
 // that is there is not fetched again, but read and checked. Memory does not grow with the size.
 //
@@ -43,6 +44,6 @@ constexpr char PART_SUFFIX[] = ".part";
 //   AGENT_GONE, AGENT_REFUSED, AGENT_STOPPED
 //   AGENT_MEDIUM       the folder takes no more
 AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile* content,
-                          const std::string& folder, const DownloadProgress& progress);
+                          const OpenFolder& folder, const DownloadProgress& progress);
 
 #endif  // AGENT_DOWNLOAD_H

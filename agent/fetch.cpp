@@ -28,6 +28,7 @@ constexpr uint32_t UNEXPECTED_PAUSE_MS = 2000;
 
 // The state of one package's download.
 struct Fetching {
+    OpenFolder folder = {};
     uint64_t all = 0;     // bytes of the images
     uint64_t before = 0;  // bytes of those that are complete
     uint32_t step = 0;    // of PROGRESS_STEPS, that was told last
@@ -73,24 +74,25 @@ bool is_complete(const DdiAction& offer, const std::string& manifestName,
     return true;
 }
 
-uint64_t bytes_there(const std::string& path) {
+uint64_t bytes_there(const OpenFolder& folder, const std::string& name) {
     struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    return find_entry(folder, name, status) && S_ISREG(status.st_mode)
+               ? static_cast<uint64_t>(status.st_size)
+               : 0;
 }
 
-uint64_t bytes_fetched(const std::string& path) {
-    return std::max(bytes_there(path), bytes_there(path + PART_SUFFIX));
+uint64_t bytes_fetched(const OpenFolder& folder, const std::string& name) {
+    return std::max(bytes_there(folder, name), bytes_there(folder, name + PART_SUFFIX));
 }
 
-bool has_room(const Agent& agent, const std::vector<PackageFile>& files, std::string& wrong) {
+bool has_room(const OpenFolder& folder, const std::vector<PackageFile>& files, std::string& wrong) {
     uint64_t needed = SPACE_LEFT;
     for (const PackageFile& file : files) {
-        const std::string path = agent.folder + file.name;
-        const uint64_t there = bytes_fetched(path);
+        const uint64_t there = bytes_fetched(folder, file.name);
         needed += file.size - std::min(file.size, there);
     }
-    const uint64_t room = free_space(agent.folder);
-    wrong = "the package needs " + std::to_string(needed) + " more bytes, " + agent.folder +
+    const uint64_t room = free_space(folder.get());
+    wrong = "the package needs " + std::to_string(needed) + " more bytes, " + folder.path +
             " has room for " + std::to_string(room);
     return room >= needed;
 }
@@ -124,10 +126,10 @@ bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64
 }
 
 // A file that was just fetched is what it must be; who changes it after that is found.
-void remember_file(Agent& agent, const std::string& path) {
+void remember_file(Agent& agent, const OpenFolder& folder, const std::string& name) {
     struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        agent.checked.push_back(stamp_of(path, status));
+    if (find_entry(folder, name, status)) {
+        agent.checked.push_back(stamp_of(folder.path + name, Links::REFUSED, status));
     }
 }
 
@@ -143,12 +145,11 @@ AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
         line.show(bytes);
         return content == nullptr || show_progress(agent, fetching, file, bytes);
     };
-    const std::string path = agent.folder + file.name;
-    const uint64_t fetched = bytes_fetched(path);
-    AgentStatus status = download_file(agent.files, file, content, agent.folder, progress);
-    agent.progressed = agent.progressed || bytes_fetched(path) > fetched;
+    const uint64_t fetched = bytes_fetched(fetching.folder, file.name);
+    AgentStatus status = download_file(agent.files, file, content, fetching.folder, progress);
+    agent.progressed = agent.progressed || bytes_fetched(fetching.folder, file.name) > fetched;
     if (status.ok()) {
-        remember_file(agent, path);
+        remember_file(agent, fetching.folder, file.name);
         fetching.before += content == nullptr ? 0 : file.size;
     }
     return status;
@@ -183,9 +184,14 @@ AgentStatus cannot_fetch(Agent& agent, const Fetching& fetching, AgentStatus sta
                 return status;
             }
             return conclude(agent, false, status.text);
+        case AGENT_MEDIUM:
+            // Whoever takes the card out may put it back.
+            if (waits_for_card(agent)) {
+                return agent_fault(AGENT_NO_CARD, status.text);
+            }
+            return conclude(agent, false, status.text);
         case AGENT_DIFFERENT:
         case AGENT_MALFORMED:
-        case AGENT_MEDIUM:
             return conclude(agent, false, status.text);
         default:
             return status;
@@ -217,6 +223,32 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
     return taken.ok() ? AgentStatus{} : conclude(agent, false, taken.text);
 }
 
+AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer) {
+    std::string wrong;
+    Manifest manifest;
+    AgentStatus status = fetch_manifest(agent, fetching, offer, manifest);
+    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
+        return status;
+    }
+    const std::vector<PackageFile> files = package_files(manifest);
+    if (!is_complete(offer, agent.action.manifestFile, files, wrong) ||
+        !has_room(fetching.folder, files, wrong)) {
+        return conclude(agent, false, wrong);
+    }
+    for (const PackageFile& file : files) {
+        fetching.all += file.size;
+    }
+    for (const PackageFile& file : files) {
+        status = fetch_file(agent, fetching, *find_file(offer, file.name), &file);
+        if (!status.ok()) {
+            return cannot_fetch(agent, fetching, status);
+        }
+    }
+    say(agent, manifest.version + " is here, and is what was signed");
+    agent.action.stage = ACTION_WAITING;
+    return store(agent);
+}
+
 }  // namespace
 
 const DdiFile* find_manifest(const DdiAction& offer) {
@@ -235,8 +267,9 @@ const DdiFile* find_manifest(const DdiAction& offer) {
 
 PackageStatus read_manifest(const Agent& agent, Manifest& manifest) {
     Signer signer;
-    PackageStatus status = read_signed_manifest(agent.folder + agent.action.manifestFile,
-                                                agent.keyring, time(nullptr), manifest, signer);
+    PackageStatus status =
+        read_signed_manifest(agent.folder + agent.action.manifestFile, agent.keyring, time(nullptr),
+                             manifest, signer, FileKind::NO_LINK);
     CameraRules rules = {.compatible = agent.settings.compatible, .runningVersion = ""};
     if (status.ok() && !agent.settings.versionFile.empty()) {
         status = read_running_version(agent.settings.versionFile, rules.runningVersion);
@@ -260,26 +293,10 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     }
     end_wait(agent);
     Fetching fetching = {.lookedAtMs = monotonic_ms()};
-    Manifest manifest;
-    AgentStatus status = fetch_manifest(agent, fetching, offer, manifest);
-    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
-        return status;
+    AgentStatus status = make_folder(agent.place, fetching.folder);
+    if (!status.ok()) {
+        return waits_for_card(agent) ? AgentStatus{} : conclude(agent, false, status.text);
     }
-    const std::vector<PackageFile> files = package_files(manifest);
-    if (!is_complete(offer, agent.action.manifestFile, files, wrong) ||
-        !has_room(agent, files, wrong)) {
-        return conclude(agent, false, wrong);
-    }
-    for (const PackageFile& file : files) {
-        fetching.all += file.size;
-    }
-    for (const PackageFile& file : files) {
-        status = fetch_file(agent, fetching, *find_file(offer, file.name), &file);
-        if (!status.ok()) {
-            return cannot_fetch(agent, fetching, status);
-        }
-    }
-    say(agent, manifest.version + " is here, and is what was signed");
-    agent.action.stage = ACTION_WAITING;
-    return store(agent);
+    status = fetch_files(agent, fetching, offer);
+    return status.result == AGENT_NO_CARD ? AgentStatus{} : status;
 }

@@ -1,17 +1,26 @@
 #include "agent/folder.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
+#include "agent/stored_file.h"
 #include "base/open_without_links.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
 
 namespace {
+
+constexpr mode_t FILE_MODE = 0644;
+constexpr mode_t FOLDER_MODE = 0700;
+constexpr int DEPTH_MAX = 8;  // of folders in folders that are removed
 
 std::string real_path(const std::string& path) {
     const corvo::OwnedBlock<char> real(realpath(path.c_str(), nullptr));
@@ -29,7 +38,8 @@ bool others_can_write(const struct stat& status) {
         return false;
     }
     return (status.st_mode & S_IWOTH) != 0 ||
-           ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_gid != getegid());
+           ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_gid != getegid() &&
+            geteuid() != 0);
 }
 
 bool is_same(const struct stat& left, const struct stat& right) {
@@ -86,4 +96,159 @@ bool folders_overlap(const std::string& packageFolder, const std::string& stateF
         return true;
     }
     return stat(stateFolder.c_str(), &status) == 0 && lies_without_links_in(packageFolder, status);
+}
+
+namespace {
+
+AgentStatus folder_fault(const char* what, const std::string& path) {
+    return errno == ELOOP ? agent_fault(AGENT_MEDIUM, path + " is reached by a symbolic link")
+                          : medium_fault(what, path);
+}
+
+bool is_on_a_card(const PackageFolder& place, int folder) {
+    struct stat status = {};
+    return fstat(folder, &status) == 0 &&
+           std::ranges::none_of(place.notOn, [&status](const std::string& other) {
+               struct stat otherStatus = {};
+               return stat(other.c_str(), &otherStatus) == 0 && otherStatus.st_dev == status.st_dev;
+           });
+}
+
+// The same for a folder that does not exist: where it would be. Of what cannot be opened for another
+// reason that reason is reported, not the card.
+bool is_below_a_card(const PackageFolder& place) {
+    for (std::string path = parent_of(place.path); !path.empty(); path = parent_of(path)) {
+        const corvo::UniqueFd folder(corvo::open_without_links(path.c_str(), O_PATH));
+        if (folder.valid()) {
+            return is_on_a_card(place, folder.get());
+        }
+        if (errno != ENOENT) {
+            break;
+        }
+    }
+    return true;
+}
+
+AgentStatus no_card(const PackageFolder& place) {
+    return agent_fault(AGENT_NO_CARD, "no card is mounted for " + place.path);
+}
+
+// Makes the folder of this path in one that is there.
+AgentStatus make_one(const PackageFolder& place, const std::string& path) {
+    const std::string above = parent_of(path);
+    const corvo::UniqueFd parent(corvo::open_without_links(above.c_str(), O_PATH | O_DIRECTORY));
+    if (!parent.valid()) {
+        return folder_fault("open", above);
+    }
+    if (!is_on_a_card(place, parent.get())) {
+        return no_card(place);
+    }
+    const char* const name = path.c_str() + path.rfind('/') + 1;
+    return mkdirat(parent.get(), name, FOLDER_MODE) == 0 || errno == EEXIST
+               ? AgentStatus{}
+               : medium_fault("make", path);
+}
+
+bool remove_tree(int folder, const char* name, int depth) {
+    if (unlinkat(folder, name, 0) == 0 || errno == ENOENT) {
+        return true;
+    }
+    if (errno != EISDIR) {
+        return false;
+    }
+    struct stat inside = {};
+    struct stat outside = {};
+    corvo::UniqueFd inner(openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!inner.valid() || fstat(inner.get(), &inside) != 0 || fstat(folder, &outside) != 0) {
+        return false;
+    }
+    if (depth == 0 || inside.st_dev != outside.st_dev) {
+        errno = ENOTEMPTY;
+        return false;
+    }
+    const corvo::OwnedDirectory directory(fdopendir(inner.get()));
+    if (!directory) {
+        return false;
+    }
+    const int descriptor = inner.release();  // the directory closes it
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::string_view entryName = entry->d_name;
+        if (entryName != "." && entryName != ".." &&
+            !remove_tree(descriptor, entry->d_name, depth - 1)) {
+            return false;
+        }
+    }
+    return unlinkat(folder, name, AT_REMOVEDIR) == 0;
+}
+
+}  // namespace
+
+AgentStatus open_folder(const PackageFolder& place, OpenFolder& folder) {
+    const int flags = O_RDONLY | O_DIRECTORY;
+    folder.path = place.path;
+    folder.descriptor.reset(corvo::open_without_links(place.path.c_str(), flags));
+    if (!folder.descriptor.valid()) {
+        AgentStatus status = folder_fault("open", place.path);
+        return is_below_a_card(place) ? status : no_card(place);
+    }
+    if (!is_on_a_card(place, folder.get())) {
+        return no_card(place);
+    }
+    const std::string open = folder_open_to_others(place.path);
+    return open.empty() ? AgentStatus{}
+                        : agent_fault(AGENT_MEDIUM, place.path + ": others can write to " + open);
+}
+
+AgentStatus make_folder(const PackageFolder& place, OpenFolder& folder) {
+    for (size_t end = place.path.find('/', 1); end != std::string::npos;
+         end = place.path.find('/', end + 1)) {
+        const std::string path = place.path.substr(0, end);
+        const corvo::UniqueFd there(corvo::open_without_links(path.c_str(), O_PATH));
+        AgentStatus status;
+        if (!there.valid()) {
+            status = errno == ENOENT ? make_one(place, path) : folder_fault("open", path);
+        }
+        if (!status.ok()) {
+            return status;
+        }
+    }
+    return open_folder(place, folder);
+}
+
+bool find_entry(const OpenFolder& folder, const std::string& name, struct stat& status) {
+    return fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+AgentStatus remove_entry(const OpenFolder& folder, const std::string& name) {
+    return remove_tree(folder.get(), name.c_str(), DEPTH_MAX)
+               ? AgentStatus{}
+               : medium_fault("remove", folder.path + name);
+}
+
+AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
+                            std::string_view content) {
+    const std::string fresh = fresh_path(name);
+    AgentStatus status = remove_entry(folder, fresh);
+    if (!status.ok()) {
+        return status;
+    }
+    {
+        const corvo::UniqueFd file(openat(folder.get(), fresh.c_str(),
+                                          O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
+        if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
+            return medium_fault("write", folder.path + fresh);
+        }
+    }
+    struct stat old = {};
+    if (find_entry(folder, name, old) && S_ISDIR(old.st_mode)) {
+        status = remove_entry(folder, name);
+    }
+    if (status.ok() && renameat(folder.get(), fresh.c_str(), folder.get(), name.c_str()) != 0) {
+        status = medium_fault("replace", folder.path + name);
+    }
+    return status.ok() ? flush_folder(folder) : status;
+}
+
+AgentStatus flush_folder(const OpenFolder& folder) {
+    return fsync(folder.get()) == 0 ? AgentStatus{} : medium_fault("flush", folder.path);
 }

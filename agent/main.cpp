@@ -76,6 +76,8 @@ void add_settings(CLI::App& app, Arguments& arguments) {
     text("--check-partitions", arguments.checkPartitions,
          "Hash the partitions after the restart: on or off");
     text("--download-folder", settings.downloadFolder, "Where packages go");
+    text("--require-mount", settings.requireMount,
+         "The download folder must be on a mounted card: yes, no, or auto: below /media and /mnt");
     text("--state-folder", settings.stateFolder, "What a power cut must not take");
     app.add_option("--rate-limit", server.rateLimit,
                    "Bytes a second of downloads, at least 1024 (0: no limit)");

@@ -20,17 +20,35 @@ namespace {
 constexpr uint64_t FLUSH_STEP = 1048576;
 constexpr size_t READ_SIZE = 65536;
 constexpr char RECORD_SUFFIX[] = ".from";
+constexpr mode_t PART_MODE = 0600;
 
+std::string part_name(const PartFile& part) {
+    return part.file.name + PART_SUFFIX;
+}
+
+std::string record_name(const PartFile& part) {
+    return part_name(part) + RECORD_SUFFIX;
+}
+
+// For messages.
 std::string whole_path(const PartFile& part) {
-    return part.folder + part.file.name;
+    return part.folder.path + part.file.name;
 }
 
 std::string part_path(const PartFile& part) {
-    return whole_path(part) + PART_SUFFIX;
+    return part.folder.path + part_name(part);
 }
 
-std::string record_path(const PartFile& part) {
-    return part_path(part) + RECORD_SUFFIX;
+int open_part_file(const PartFile& part, int more) {
+    // What is no file may be one that the call would wait for.
+    return openat(part.folder.get(), part_name(part).c_str(),
+                  O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | more, PART_MODE);
+}
+
+// A file that is under another name as well is somebody's: nothing is written into that.
+bool is_own_file(int file, struct stat& status) {
+    return file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_nlink == 1;
 }
 
 AgentStatus different(const std::string& text) {
@@ -94,7 +112,8 @@ uint64_t reliable_bytes(const PartRecord& record, uint64_t size) {
 
 AgentStatus check_whole_file(PartFile& part) {
     const std::string path = whole_path(part);
-    const corvo::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const corvo::UniqueFd file(openat(part.folder.get(), part.file.name.c_str(),
+                                      O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status = {};
     AgentStatus result = different(path + " is not there");
     if (file.valid() && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
@@ -104,22 +123,30 @@ AgentStatus check_whole_file(PartFile& part) {
             result = check_sums(part);
         }
     }
-    if (result.result == AGENT_DIFFERENT && unlink(path.c_str()) != 0 && errno != ENOENT) {
-        return medium_fault("remove", path);
+    if (result.result == AGENT_DIFFERENT) {
+        AgentStatus removed = remove_entry(part.folder, part.file.name);
+        return removed.ok() ? result : removed;
     }
     return result;
 }
 
 AgentStatus open_part(PartFile& part) {
     const std::string path = part_path(part);
-    part.descriptor.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     struct stat status = {};
-    if (!part.descriptor.valid() || fstat(part.descriptor.get(), &status) != 0) {
+    part.descriptor.reset(open_part_file(part, 0));
+    if (!is_own_file(part.descriptor.get(), status)) {
+        AgentStatus removed = remove_entry(part.folder, part_name(part));
+        if (!removed.ok()) {
+            return removed;
+        }
+        part.descriptor.reset(open_part_file(part, O_EXCL));
+    }
+    if (!is_own_file(part.descriptor.get(), status)) {
         return medium_fault("write", path);
     }
     PartRecord& record = part.record;
-    if (!load_part_record(record_path(part), record) || record.size != part.file.size ||
-        record.sha256 != part.file.sha256) {
+    if (!load_part_record(part.folder, record_name(part), record) ||
+        record.size != part.file.size || record.sha256 != part.file.sha256) {
         record = {};
     }
     const uint64_t size = reliable_bytes(record, static_cast<uint64_t>(status.st_size));
@@ -155,7 +182,7 @@ AgentStatus start_part(PartFile& part, const std::string& entityTag) {
         return medium_fault("empty", part_path(part));
     }
     part.record.entityTag = entityTag;
-    return store_part_record(record_path(part), part.record);
+    return store_part_record(part.folder, record_name(part), part.record);
 }
 
 AgentStatus append_part(PartFile& part, std::span<const char> bytes) {
@@ -189,7 +216,7 @@ AgentStatus keep_part(PartFile& part) {
         return medium_fault("flush", part_path(part));
     }
     part.record.kept = part.position;
-    return store_part_record(record_path(part), part.record);
+    return store_part_record(part.folder, record_name(part), part.record);
 }
 
 AgentStatus check_sums(PartFile& part) {
@@ -207,17 +234,19 @@ AgentStatus put_in_place(PartFile& part) {
     if (fsync(part.descriptor.get()) != 0) {
         return medium_fault("flush", path);
     }
-    if (rename(path.c_str(), whole_path(part).c_str()) != 0) {
+    if (renameat(part.folder.get(), part_name(part).c_str(), part.folder.get(),
+                 part.file.name.c_str()) != 0) {
         return medium_fault("rename", path);
     }
     remove_part(part);
-    return flush_folder_of(part.folder);
+    return flush_folder(part.folder);
 }
 
 void remove_part(const PartFile& part) {
-    // First, so that a record never speaks of another file's bytes.
-    unlink(part_path(part).c_str());
-    const std::string record = record_path(part);
-    unlink(record.c_str());
-    unlink(fresh_path(record).c_str());
+    // The part first, so that a record never speaks of another file's bytes. What cannot be removed
+    // is no fault of the file that is complete.
+    for (const std::string& name :
+         {part_name(part), record_name(part), fresh_path(record_name(part))}) {
+        (void)remove_entry(part.folder, name);
+    }
 }

@@ -12,6 +12,7 @@
 
 #include "agent/agent_result.h"
 #include "agent/ddi.h"
+#include "agent/folder.h"
 #include "agent/part_record.h"
 #include "base/unique_fd.h"
 #include "package/content.h"
@@ -19,7 +20,7 @@
 struct PartFile {
     const DdiFile& file;         // what is to come
     const PackageFile* content;  // what the manifest says of it; null: nothing beside the digest
-    std::string folder;          // ends in "/"
+    const OpenFolder& folder;
     const std::atomic<bool>& stop;
 
     corvo::UniqueFd descriptor = {};
@@ -36,7 +37,8 @@ struct PartFile {
 AgentStatus check_whole_file(PartFile& part);
 
 // Opens NAME.part, made when it is not there, and sums up what of it can be relied on; cuts the
-// rest off. AGENT_STOPPED.
+// rest off. Removed and made anew when it is something else, or a file that this user cannot open:
+// one of root's. AGENT_STOPPED.
 AgentStatus open_part(PartFile& part);
 
 // Forgets what has come so far.

@@ -3,7 +3,6 @@
 #include <inttypes.h>
 #include <stdio.h>
 
-#include "agent/stored_file.h"
 #include "package/files.h"
 
 namespace {
@@ -19,9 +18,9 @@ std::string record_text(const PartRecord& record) {
 
 }  // namespace
 
-bool load_part_record(const std::string& path, PartRecord& record) {
+bool load_part_record(const OpenFolder& folder, const std::string& name, PartRecord& record) {
     std::string text;
-    if (!read_small_file(path, RECORD_SIZE_MAX, FileKind::REGULAR, text).ok()) {
+    if (!read_small_file(folder.path + name, RECORD_SIZE_MAX, FileKind::NO_LINK, text).ok()) {
         return false;
     }
     record = {};
@@ -47,6 +46,7 @@ bool load_part_record(const std::string& path, PartRecord& record) {
     return record_text(record) == text;
 }
 
-AgentStatus store_part_record(const std::string& path, const PartRecord& record) {
-    return store_file(path, record_text(record));
+AgentStatus store_part_record(const OpenFolder& folder, const std::string& name,
+                              const PartRecord& record) {
+    return store_in_folder(folder, name, record_text(record));
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "agent/agent_result.h"
+#include "agent/folder.h"
 #include "package/manifest.h"
 
 struct PartRecord {
@@ -17,11 +18,12 @@ struct PartRecord {
     bool cameDifferent = false;  // the whole file has come once already, and was another one
 };
 
-// Reads a record. Returns false when there is none, or none that was written here.
-bool load_part_record(const std::string& path, PartRecord& record);
+// Reads the record of this name. Returns false when there is none, or none that was written here.
+bool load_part_record(const OpenFolder& folder, const std::string& name, PartRecord& record);
 
 // Replaces the record, on the medium when the call returns: an interruption leaves the old one or
 // the new one. Returns AGENT_OK or AGENT_MEDIUM.
-AgentStatus store_part_record(const std::string& path, const PartRecord& record);
+AgentStatus store_part_record(const OpenFolder& folder, const std::string& name,
+                              const PartRecord& record);
 
 #endif  // AGENT_PART_RECORD_H

@@ -227,16 +227,10 @@ AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
     agent.waitingTold.clear();
     say(agent, "offered, " + std::to_string(offer.files.size()) + " files");
     AgentStatus status = store(agent);
-    if (!status.ok()) {
-        return status;
+    if (status.ok()) {
+        remove_needless_files(agent);
     }
-    // The card may have come after the agent's start.
-    status = make_folder(agent.folder);
-    if (!status.ok()) {
-        return conclude(agent, false, status.text);
-    }
-    remove_needless_files(agent);
-    return {};
+    return status;
 }
 
 // What the server offers cannot be read: there is nothing to go by but its address.
@@ -296,7 +290,8 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     status = start_upgrade(agent, offer);
-    again = status.ok() && agent.action.stage == ACTION_VERDICT;
+    again = status.ok() &&
+            (agent.action.stage == ACTION_VERDICT || agent.action.stage == ACTION_DOWNLOADING);
     return status;
 }
 
@@ -389,7 +384,8 @@ AgentStatus round(Agent& agent, bool& again) {
 
 Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFlag)
     : settings(given),
-      folder(given.downloadFolder + AGENT_FOLDER),
+      place(package_folder(given)),
+      folder(place.path),
       keyring(std::move(keys)),
       stop(stopFlag),
       server(given.server, stopFlag),
@@ -413,13 +409,11 @@ AgentStatus agent_start(Agent& agent) {
     if (!status.ok()) {
         return status;
     }
-    // The card may be missing: then an offer fails, but the server can be told.
-    const AgentStatus made = make_folder(agent.folder);
-    if (!made.ok()) {
-        if (agent.attributesDue) {
-            say(agent, made.text);
-        }
-        return {};
+    // The card may be missing, which is no reason not to ask the server.
+    OpenFolder folder;
+    const AgentStatus made = make_folder(agent.place, folder);
+    if (!made.ok() && agent.attributesDue) {
+        say(agent, made.text);
     }
     remove_needless_files(agent);
     return {};

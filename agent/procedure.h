@@ -40,7 +40,8 @@ struct Agent {
     Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFlag);
 
     const AgentSettings& settings;
-    std::string folder;  // where packages lie, with AGENT_FOLDER
+    PackageFolder place;  // of the packages
+    std::string folder;   // its path
     Keyring keyring;
     std::atomic<bool>& stop;
     Server server;

@@ -19,6 +19,8 @@ constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int32_t HOURS_PER_DAY = 24;
 constexpr size_t CONTROLLER_ID_SIZE_MAX = 255;
 constexpr uint64_t RATE_LIMIT_MIN = 1024;  // bytes a second; below that every server seems to stall
+// Below these cards are mounted; in the last one, which is often a mount point itself, one is.
+constexpr std::array<const char*, 3> MOUNT_PARENTS = {"/media", "/run/media", "/mnt"};
 
 AgentStatus wrong(const char* setting, const std::string& what) {
     return agent_fault(AGENT_MALFORMED, std::string(setting) + ": " + what);
@@ -56,6 +58,10 @@ AgentStatus check_folders(AgentSettings& settings) {
     AgentStatus status = need_folder("download-folder", settings.downloadFolder);
     if (status.ok()) {
         status = need_folder("state-folder", settings.stateFolder);
+    }
+    if (status.ok() && settings.requireMount != "auto" && settings.requireMount != "yes" &&
+        settings.requireMount != "no") {
+        status = wrong("require-mount", "auto, yes or no, not \"" + settings.requireMount + "\"");
     }
     // The request has room for so much of a path.
     constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
@@ -258,6 +264,21 @@ AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
             wrong("version-file", "is needed: it keeps older packages out; \"none\" does without");
     }
     return status;
+}
+
+PackageFolder package_folder(const AgentSettings& settings) {
+    PackageFolder place = {.path = settings.downloadFolder + AGENT_FOLDER};
+    const auto parent = std::ranges::find_if(MOUNT_PARENTS, [&settings](const char* folder) {
+        return settings.downloadFolder.starts_with(std::string(folder) + '/');
+    });
+    const bool isBelow = parent != MOUNT_PARENTS.end();
+    if (settings.requireMount == "yes" || (settings.requireMount == "auto" && isBelow)) {
+        place.notOn.emplace_back("/");
+    }
+    if (!place.notOn.empty() && isBelow && std::next(parent) != MOUNT_PARENTS.end()) {
+        place.notOn.emplace_back(*parent);
+    }
+    return place;
 }
 
 DdiAttributes set_attributes(const AgentSettings& settings) {

@@ -9,6 +9,7 @@
 
 #include "agent/agent_result.h"
 #include "agent/ddi.h"
+#include "agent/folder.h"
 #include "agent/server.h"
 #include "package/certificates.h"
 
@@ -40,6 +41,7 @@ struct AgentSettings {
     bool checkPartitions = true;
 
     std::string downloadFolder = "/media/mmcblk0p1/ota/";
+    std::string requireMount = "auto";  // or "yes", "no"
     std::string stateFolder = "/config/agent/";
     std::vector<std::string> attributes;  // "name=value"
 
@@ -66,6 +68,10 @@ AgentStatus complete_local_settings(AgentSettings& settings);
 
 // The same of all settings; reads the token and the keyring.
 AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring);
+
+// Where the agent's own part of the download folder is, and on which file systems it must not be:
+// on the root's, where a mount is required, and on that of the folder that cards are mounted in.
+PackageFolder package_folder(const AgentSettings& settings);
 
 // The attributes that were set, taken apart.
 DdiAttributes set_attributes(const AgentSettings& settings);

@@ -80,6 +80,10 @@ void print_words(const AgentSettings& settings, const Json& status) {
     if (!downloaded.empty()) {
         printf("downloaded action %s, not to be installed yet\n", downloaded.c_str());
     }
+    const std::string card = text_of(status, "card");
+    if (!card.empty()) {
+        printf("card       %s\n", card.c_str());
+    }
     const std::string waits = text_of(status["waits"], "for");
     if (!waits.empty()) {
         printf("waits      action %s, for %s\n", text_of(status["waits"], "id").c_str(),
@@ -144,6 +148,9 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     for (const auto& [name, value] : camera_attributes(settings)) {
         status["running"][name] = value;
     }
+    OpenFolder folder;
+    const AgentStatus card = open_folder(package_folder(settings), folder);
+    status["card"] = card.result == AGENT_NO_CARD ? card.text : "";
     if (json) {
         printf("%s\n", text_of_json(status, 2).c_str());
     } else {

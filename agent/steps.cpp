@@ -136,15 +136,19 @@ AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
 }
 
 void remove_needless_files(const Agent& agent) {
-    // A card may hold a link under this name: what it leads to is not ours to empty.
-    const std::string path = agent.folder.substr(0, agent.folder.size() - 1);
-    corvo::UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const corvo::OwnedDirectory directory(folder.valid() ? fdopendir(folder.get()) : nullptr);
+    OpenFolder folder;
+    AgentStatus status = open_folder(agent.place, folder);
+    const bool none =
+        !status.ok() || agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
+    // What lies under the mount point, where no card is, has got there by mistake.
+    if (status.result == AGENT_NO_CARD) {
+        status = open_folder({.path = agent.place.path}, folder);
+    }
+    const corvo::OwnedDirectory directory(status.ok() ? fdopendir(folder.get()) : nullptr);
     if (!directory) {
         return;
     }
-    const int descriptor = folder.release();  // the directory closes it
-    const bool none = agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
+    const int descriptor = folder.descriptor.release();  // the directory closes it
     const std::vector<OfferedFile> needed = none ? std::vector<OfferedFile>() : agent.action.files;
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
@@ -152,6 +156,16 @@ void remove_needless_files(const Agent& agent) {
             unlinkat(descriptor, name.c_str(), 0);
         }
     }
+}
+
+bool waits_for_card(Agent& agent) {
+    OpenFolder folder;
+    const AgentStatus status = open_folder(agent.place, folder);
+    if (status.result != AGENT_NO_CARD) {
+        return false;
+    }
+    wait_for(agent, "a card: " + status.text);
+    return true;
 }
 
 AgentStatus drop(Agent& agent, const std::string& why) {

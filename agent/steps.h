@@ -32,9 +32,13 @@ void end_wait(Agent& agent);
 // deliver_verdict(). Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words);
 
-// Removes what lies in the agent's folder and the action does not name; of an action with a verdict
-// everything goes.
+// Removes files that lie in the agent's folder and that the action does not name; of an action with
+// a verdict all of them.
 void remove_needless_files(const Agent& agent);
+
+// Whether the card is not mounted that packages must lie on; what the update waits for is that
+// then.
+bool waits_for_card(Agent& agent);
 
 // Forgets an action that the server does not know any more, and its files.
 AgentStatus drop(Agent& agent, const std::string& why);
@@ -51,7 +55,9 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
 // Returns PACKAGE_OK or what is wrong.
 PackageStatus read_manifest(const Agent& agent, Manifest& manifest);
 
-// ACTION_WAITING: looks whether the upgrade may start, and starts it.
+// ACTION_WAITING: looks whether the upgrade may start, and starts it. Goes back to
+// ACTION_DOWNLOADING when the package is not there, and nothing of it is on partitions yet: there
+// is another card in the camera, or it was fetched to where none was.
 AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
 
 // ACTION_COMMITTED and ACTION_POSTED: finds out what has become of the request, waits for the

@@ -16,6 +16,8 @@ constexpr mode_t MODE = 0644;
 constexpr mode_t FOLDER_MODE = 0700;
 constexpr int ASIDE_MAX = 9;  // of each file
 
+}  // namespace
+
 bool write_all(int file, std::string_view content) {
     while (!content.empty()) {
         const ssize_t written = write(file, content.data(), content.size());
@@ -26,8 +28,6 @@ bool write_all(int file, std::string_view content) {
     }
     return true;
 }
-
-}  // namespace
 
 AgentStatus medium_fault(const char* what, const std::string& path) {
     return agent_fault(AGENT_MEDIUM,

@@ -24,6 +24,9 @@ AgentStatus load_file(const std::string& path, size_t limit, std::string& conten
 // files with these names are replaced. Returns AGENT_OK or AGENT_MEDIUM.
 AgentStatus put_aside(const std::string& path);
 
+// Writes all of it. Returns false with errno set when it could not.
+bool write_all(int file, std::string_view content);
+
 // Puts `content` into the file: writes beside it (fresh_path()), flushes, renames, flushes the
 // folder. Whoever opens PATH finds the old content or the new one, whole. Mode 644. Folders with
 // either name are put aside. Blocks for the medium. Returns AGENT_OK or AGENT_MEDIUM.

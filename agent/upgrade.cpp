@@ -81,7 +81,7 @@ PackageStatus check_content(Agent& agent, const Manifest& manifest) {
         }
         CheckedFile checked;
         PackageStatus status = check_file(
-            path, file, [](uint64_t) {}, checked);
+            path, file, [](uint64_t) {}, checked, Links::REFUSED);
         if (!status.ok()) {
             return status;
         }
@@ -137,8 +137,21 @@ bool wait_for_slot(const Agent& agent, char& slot) {
 // The service deletes images but never the manifest: with it in place the card is mounted, and an
 // image that is missing is not going to appear.
 bool wait_for_card(const Agent& agent) {
-    const std::string path = agent.folder + agent.action.manifestFile;
-    return look_patiently(agent, [&path] { return access(path.c_str(), F_OK) == 0; });
+    return look_patiently(agent, [&agent] {
+        OpenFolder folder;
+        struct stat status = {};
+        return open_folder(agent.place, folder).ok() &&
+               find_entry(folder, agent.action.manifestFile, status);
+    });
+}
+
+bool lacks_files(const Agent& agent) {
+    OpenFolder folder;
+    struct stat status = {};
+    return open_folder(agent.place, folder).ok() &&
+           std::ranges::any_of(agent.action.files, [&](const OfferedFile& file) {
+               return !find_entry(folder, file.name, status);
+           });
 }
 
 // No service is at work on the request any more, and the camera has not restarted.
@@ -195,6 +208,9 @@ AgentStatus post(Agent& agent) {
         // Another process may have committed, and time has gone by.
         if (!wait_for_card(agent)) {
             return stopped();
+        }
+        if (waits_for_card(agent)) {
+            return {};
         }
         status = check_content(agent, manifest);
     }
@@ -309,6 +325,12 @@ AgentStatus judge_restart(Agent& agent) {
         seen.packageThere = check_content(agent, manifest).ok();
     }
     std::string words;
+    // Nothing is concluded from a package that may lie on a card which is not in the camera.
+    AfterRestart withCard = seen;
+    withCard.packageThere = true;
+    if (judge(withCard, words) == Judgement::AGAIN && waits_for_card(agent)) {
+        return {};
+    }
     switch (judge(seen, words)) {
         case Judgement::SUCCESS:
             return conclude(agent, true, words);
@@ -343,10 +365,19 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         wait_for(agent, reason);
         return {};
     }
+    if (waits_for_card(agent)) {
+        return {};
+    }
     Manifest manifest;
     PackageStatus taken;
     if (!look_patiently(agent, [&] { return is_there(taken = read_manifest(agent, manifest)); })) {
         return stopped();
+    }
+    if (agent.action.attempts == 0 && lacks_files(agent)) {
+        say(agent, "the package is not in " + agent.folder + " any more");
+        agent.action.stage = ACTION_DOWNLOADING;
+        agent.checked.clear();
+        return store(agent);
     }
     if (taken.ok()) {
         taken = check_content(agent, manifest);

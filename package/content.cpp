@@ -11,6 +11,7 @@
 #include <new>
 
 #include "base/crc32.h"
+#include "base/open_without_links.h"
 #include "base/unique_fd.h"
 #include "openssl_owned.h"
 
@@ -53,8 +54,9 @@ bool same_file(const CheckedFile& left, const CheckedFile& right) {
 
 }  // namespace
 
-CheckedFile stamp_of(const std::string& path, const struct stat& status) {
+CheckedFile stamp_of(const std::string& path, Links links, const struct stat& status) {
     return {.path = path,
+            .links = links,
             .device = status.st_dev,
             .inode = status.st_ino,
             .size = status.st_size,
@@ -174,9 +176,12 @@ PackageStatus unreadable(const std::string& path) {
     return package_fault(PACKAGE_UNREADABLE, "cannot read " + path + ": " + strerror(errno));
 }
 
-// Opens without waiting for anybody and without following a link.
-PackageStatus open_file(const std::string& path, corvo::UniqueFd& file, struct stat& status) {
-    file.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+// Opens without waiting for anybody and without following a link to the file itself.
+PackageStatus open_file(const std::string& path, Links links, corvo::UniqueFd& file,
+                        struct stat& status) {
+    file.reset(links == Links::REFUSED
+                   ? corvo::open_without_links(path.c_str(), O_RDONLY | O_NONBLOCK)
+                   : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file.valid()) {
         if (errno == ELOOP || errno == ENXIO) {
             return differs(path + " is not a file");
@@ -219,10 +224,10 @@ PackageStatus check_bytes(int file, const std::string& path, ContentCheck& check
 }  // namespace
 
 PackageStatus check_file(const std::string& path, const PackageFile& file,
-                         const ContentProgress& progress, CheckedFile& checked) {
+                         const ContentProgress& progress, CheckedFile& checked, Links links) {
     corvo::UniqueFd descriptor;
     struct stat status = {};
-    PackageStatus result = open_file(path, descriptor, status);
+    PackageStatus result = open_file(path, links, descriptor, status);
     if (!result.ok()) {
         return result;
     }
@@ -236,14 +241,20 @@ PackageStatus check_file(const std::string& path, const PackageFile& file,
     result = check.checkedSize() == 0
                  ? PackageStatus{}
                  : check_bytes(descriptor.get(), path, check, file.size, progress);
-    checked = stamp_of(path, status);
+    checked = stamp_of(path, links, status);
     return result;
 }
 
 PackageStatus check_unchanged(const CheckedFile& checked) {
     struct stat status = {};
-    if (lstat(checked.path.c_str(), &status) != 0 ||
-        !same_file(stamp_of(checked.path, status), checked)) {
+    bool isThere = false;
+    if (checked.links == Links::REFUSED) {
+        const corvo::UniqueFd file(corvo::open_without_links(checked.path.c_str(), O_PATH));
+        isThere = file.valid() && fstat(file.get(), &status) == 0;
+    } else {
+        isThere = lstat(checked.path.c_str(), &status) == 0;
+    }
+    if (!isThere || !same_file(stamp_of(checked.path, checked.links, status), checked)) {
         return differs(checked.path + " was exchanged or changed after it was checked");
     }
     return {};

@@ -8,11 +8,26 @@
 
 #include <array>
 
+#include "base/open_without_links.h"
 #include "base/unique_fd.h"
 
 namespace {
 
 constexpr size_t CHUNK_SIZE = 4096;
+
+int open_file(const char* path, FileKind kind) {
+    switch (kind) {
+        case FileKind::ANY:
+            return open(path, O_RDONLY | O_CLOEXEC);
+        case FileKind::REGULAR:
+            return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        case FileKind::NOT_A_LINK:
+            return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+        case FileKind::NO_LINK:
+            break;
+    }
+    return corvo::open_without_links(path, O_RDONLY | O_NONBLOCK);
+}
 
 PackageStatus cannot_read(const std::string& path, int error) {
     const bool missing = error == ENOENT || error == ENOTDIR || error == EISDIR;
@@ -24,8 +39,7 @@ PackageStatus cannot_read(const std::string& path, int error) {
 
 PackageStatus read_small_file(const std::string& path, size_t limit, FileKind kind,
                               std::string& content) {
-    const int nonblocking = kind == FileKind::REGULAR ? O_NONBLOCK : 0;
-    const corvo::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | nonblocking));
+    const corvo::UniqueFd file(open_file(path.c_str(), kind));
     if (!file.valid()) {
         return cannot_read(path, errno);
     }
@@ -33,7 +47,7 @@ PackageStatus read_small_file(const std::string& path, size_t limit, FileKind ki
     if (fstat(file.get(), &status) != 0) {
         return cannot_read(path, errno);
     }
-    if (kind == FileKind::REGULAR && !S_ISREG(status.st_mode)) {
+    if (kind != FileKind::ANY && !S_ISREG(status.st_mode)) {
         return package_fault(PACKAGE_MISSING, "cannot read " + path + ": not a file");
     }
     content.clear();

@@ -11,9 +11,9 @@ PackageStatus named(const std::string& path, PackageStatus status) {
     return status;
 }
 
-PackageStatus read_signature_of(const std::string& path, std::string& signature) {
+PackageStatus read_signature_of(const std::string& path, FileKind kind, std::string& signature) {
     PackageStatus status =
-        read_small_file(path + SIGNATURE_SUFFIX, SIGNATURE_SIZE_MAX, FileKind::REGULAR, signature);
+        read_small_file(path + SIGNATURE_SUFFIX, SIGNATURE_SIZE_MAX, kind, signature);
     if (status.result == PACKAGE_MISSING) {
         status.result = PACKAGE_NOT_TRUSTED;
         status.text = path + " is not signed: " + status.text;
@@ -24,21 +24,23 @@ PackageStatus read_signature_of(const std::string& path, std::string& signature)
 }  // namespace
 
 PackageStatus read_signed_file(const std::string& path, size_t limit, const Keyring& keyring,
-                               int64_t now, std::string& content, Signer& signer) {
+                               int64_t now, std::string& content, Signer& signer,
+                               FileKind kind) {
     std::string signature;
     signer = {};
-    PackageStatus status = read_small_file(path, limit, FileKind::REGULAR, content);
+    PackageStatus status = read_small_file(path, limit, kind, content);
     if (status.ok()) {
-        status = read_signature_of(path, signature);
+        status = read_signature_of(path, kind, signature);
     }
     return status.ok() ? named(path, verify_signature(content, signature, keyring, now, signer))
                        : status;
 }
 
 PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyring, int64_t now,
-                                   Manifest& manifest, Signer& signer) {
+                                   Manifest& manifest, Signer& signer, FileKind kind) {
     std::string text;
-    PackageStatus status = read_signed_file(path, MANIFEST_SIZE_MAX, keyring, now, text, signer);
+    PackageStatus status =
+        read_signed_file(path, MANIFEST_SIZE_MAX, keyring, now, text, signer, kind);
     if (!status.ok()) {
         return status;
     }
@@ -59,6 +61,6 @@ PackageStatus read_unsigned_manifest(const std::string& path, Manifest& manifest
 
 PackageStatus read_claimed_signer(const std::string& path, Signer& signer) {
     std::string signature;
-    PackageStatus status = read_signature_of(path, signature);
+    PackageStatus status = read_signature_of(path, FileKind::REGULAR, signature);
     return status.ok() ? named(path, read_signer(signature, signer)) : status;
 }

@@ -124,6 +124,7 @@ class World {
         stop_service();
         umount(BOOT_ID);
         umount("/media/mmcblk0p1/ota");
+        umount("/media/mmcblk0p1");
         umount((STATE_FOLDER + "history.json").c_str());
     }
 
@@ -320,6 +321,12 @@ std::string played(const std::string& camera, const std::string& action,
     if (camera.starts_with("agrees") || camera == "denies") {
         EXPECT_EQ(0, world.live());
         EXPECT_EQ(0, shell(camera != "denies" ? "corvo_agent confirm" : "corvo_agent deny"));
+    }
+    if (contains(camera, "mounted")) {
+        EXPECT_EQ(0, world.live());
+        EXPECT_EQ(0, shell("mount -t tmpfs -o mode=755 none /media/mmcblk0p1"));
+        world.server().change(
+            ID, [](PlayedAction& offer) { offer.update = "forced", offer.window = ""; });
     }
     if (camera == "stuck") {  // and the agent does not know any more what it has posted
         EXPECT_EQ(-1, world.live(-1));

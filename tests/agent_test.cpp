@@ -72,7 +72,7 @@ TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
         "cd /run; [ -d pki ] || \"$TEXTS/../scripts/make_pki\" pki; echo secret > token; "
         "chmod 600 token; printf 'server = https://localhost:1\\ncontroller-id = cam\\n"
         "keyring = pki/root.pem\\nstate-folder = /run/state\\ncompatible = R5C20\\n"
-        "version-file = none\\n' > conf; "
+        "version-file = none\\nrequire-mount = no\\n' > conf; "
         "agent() { corvo_agent --config conf \"$@\"; }; ");
 }
 

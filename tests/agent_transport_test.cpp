@@ -68,7 +68,9 @@ struct World {
     AgentStatus fetch(Server& camera) {
         DdiAction action;
         AgentStatus status = camera.get_action(server.url() + PLACE + "deploymentBase/11", action);
-        return status.ok() ? download_file(camera, action.files[0], content, FOLDER,
+        OpenFolder folder;
+        status = status.ok() ? open_folder({.path = FOLDER}, folder) : status;
+        return status.ok() ? download_file(camera, action.files[0], content, folder,
                                            [this](uint64_t bytes) { return (told = bytes) > 0; })
                            : status;
     }
@@ -311,6 +313,29 @@ TEST(AgentTransport, MediumThatIsFullIsNotTheServersFault) {
     EXPECT_EQ(0, system(("umount " + FOLDER).c_str()));
     std::filesystem::remove(FOLDER);
     EXPECT_EQ(AGENT_MEDIUM, world.run("file").result);
+}
+
+// As root's `once` leaves a part file, or whoever fills a card: NAME.part is something that the
+// agent's user cannot write to, or must not.
+TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
+    World world;
+    const std::string part = FOLDER + "kernel.bin.part";
+    write_file("/run/theirs", "theirs");
+    for (const char* make : {"install -m 600 /run/theirs ", "mkfifo ", "ln /run/theirs ",
+                             "ln -s /run/theirs ", "mkdir ", "mknod -m 666 "}) {
+        SCOPED_TRACE(make);
+        const std::string what = std::string(make).starts_with("mknod") ? " c 1 3" : "";
+        ASSERT_EQ(0, system((make + part + what + " && chown 990 " + FOLDER).c_str()));
+        if (seteuid(990) != 0) {
+            GTEST_SKIP() << "no other users here";
+        }
+        EXPECT_EQ("", world.run("file").text);
+        EXPECT_EQ(0, seteuid(0));
+        EXPECT_EQ(" kernel.bin", names_in(FOLDER));
+        EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
+        std::filesystem::remove(FOLDER + "kernel.bin");
+    }
+    EXPECT_EQ("theirs", read_file("/run/theirs"));
 }
 
 // Who is who: what the server shows, whom the camera believes, what it shows itself.

@@ -2,10 +2,23 @@
 # settings. Arguments: the row's first word, the server's URL, the camera's name there.
 set -e
 folder=/media/mmcblk0p1/ota
+[ ! -L $folder ] || rm $folder
 rm -rf /config/agent $folder/agent /run/stop /run/once /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
+case $1 in *leads-to-state*) rm -r $folder && ln -s /config $folder ;; esac
+# Folders where files are to be.
+case $1 in
+    *blocked*)
+        for name in kernel.bin.part kernel.bin.part.from kernel.bin.part.from.new rootfs.img; do
+            mkdir -p $folder/agent/$name/in/side
+            : > $folder/agent/$name/in/file
+        done
+        ;;
+    *open-folder*) mkdir -p $folder/agent && chmod 777 $folder/agent ;;
+    *open-state*) mkdir -p /config/agent && chmod 770 /config/agent && chgrp 990 /config/agent ;;
+esac
 case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/file && ln -s /run/elsewhere $folder/agent ;; esac
 # "state NAME KIND": what lies in the state folder instead of a file that the agent has written.
 case $1 in
@@ -47,6 +60,8 @@ chmod 600 /etc/corvo/token
     printf '%s\n' "server = $2" "controller-id = \"$3\"" "target-token-file = /etc/corvo/token" \
         "allow-unencrypted-token = on" \
         "keyring = /run/pki/root.pem" "compatible = R5C20" "version-file = /etc/version"
+    # The folder is the host's, but for a card that is mounted later.
+    case $1 in *cardless*) ;; *) echo "require-mount = no" ;; esac
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
         asks* | agrees* | denies*) echo "confirm = ask" ;;

@@ -48,9 +48,12 @@ void change() {
 extern "C" {
 
 CHANGING(int, rename, (const char* from, const char* to), (from, to))
+CHANGING(int, renameat, (int old, const char* from, int folder, const char* to),
+         (old, from, folder, to))
 CHANGING(int, unlink, (const char* path), (path))
 CHANGING(int, unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
 CHANGING(int, mkdir, (const char* path, mode_t mode), (path, mode))
+CHANGING(int, mkdirat, (int folder, const char* path, mode_t mode), (folder, path, mode))
 CHANGING(int, ftruncate64, (int fd, off_t size), (fd, size))
 CHANGING(int, fsync, (int fd), (fd))
 CHANGING(int, fdatasync, (int fd), (fd))

@@ -75,9 +75,13 @@ class ContentCheck {
     uint32_t crc_ = 0;
 };
 
+// What becomes of a symbolic link in a folder on the way to a file.
+enum class Links { FOLLOWED, REFUSED };
+
 // A file that was checked, as it was then.
 struct CheckedFile {
     std::string path;
+    Links links;
     dev_t device;
     ino_t inode;
     off_t size;
@@ -86,16 +90,17 @@ struct CheckedFile {
 };
 
 // The same of a file that was checked in another way, by what stat(2) says of it.
-CheckedFile stamp_of(const std::string& path, const struct stat& status);
+CheckedFile stamp_of(const std::string& path, Links links, const struct stat& status);
 
 // Told the bytes of a file that have been checked, after every megabyte or so.
 using ContentProgress = std::function<void(uint64_t bytes)>;
 
 // Reads a file from its start to its end and checks it. What is not a regular file itself, a link
 // to one included, is refused, and not waited for. Returns PACKAGE_OK, PACKAGE_UNREADABLE, or
-// PACKAGE_DIFFERENT, for a file that is missing too.
+// PACKAGE_DIFFERENT, for a file that is missing too. With Links::REFUSED the path is absolute.
 PackageStatus check_file(const std::string& path, const PackageFile& file,
-                         const ContentProgress& progress, CheckedFile& checked);
+                         const ContentProgress& progress, CheckedFile& checked,
+                         Links links = Links::FOLLOWED);
 
 // Whether the path still leads to the file that was checked and nobody has changed it since.
 // Returns PACKAGE_OK, or PACKAGE_DIFFERENT.

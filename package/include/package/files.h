@@ -11,6 +11,10 @@
 enum class FileKind {
     ANY,      // a pipe serves too; waits for its other end
     REGULAR,  // whatever lies there, the call does not wait
+    // The same; a symbolic link is not followed, in NOT_A_LINK as the file itself, in NO_LINK also
+    // as a folder on the way to it. That path is absolute.
+    NOT_A_LINK,
+    NO_LINK,
 };
 
 // Reads a file of at most `limit` bytes. Returns PACKAGE_OK, PACKAGE_MISSING when no such file is
