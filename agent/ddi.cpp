@@ -6,7 +6,8 @@
 
 namespace {
 
-constexpr int DEPTH_MAX = 64;
+constexpr size_t DEPTH_MAX = 64;
+constexpr size_t VALUES_MAX = 65536;
 constexpr size_t ID_SIZE_MAX = 64;
 constexpr size_t NAME_SIZE_MAX = 128;
 constexpr size_t LINK_SIZE_MAX = 4096;
@@ -19,13 +20,14 @@ constexpr bool is_word_character(char c) {
            c == '_';
 }
 
-// Whether more than DEPTH_MAX arrays and objects are open at one place of a JSON text. In one pass,
-// before the text is parsed: a callback of the parser's would scan all members of an object at the
-// end of each of them, which takes minutes for an answer of a megabyte.
-bool is_too_deep(std::string_view text) {
-    int depth = 0;
+// What in a text's structure no answer has, or "". In one pass, before the text is parsed: a
+// callback of the parser's would scan all members of an object at the end of each of them, which
+// takes minutes for an answer of a megabyte, and what is built of it is forty times as large.
+std::string structure_fault(std::string_view text) {
+    size_t depth = 0;
+    size_t values = 0;  // objects, arrays, and all but the first of what is in them
     bool inString = false;
-    for (size_t i = 0; i < text.size() && depth <= DEPTH_MAX; ++i) {
+    for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '"') {
             inString = !inString;
@@ -33,21 +35,32 @@ bool is_too_deep(std::string_view text) {
             i += c == '\\' ? 1 : 0;  // the next character does not end the string
         } else if (c == '[' || c == '{') {
             ++depth;
-        } else if (c == ']' || c == '}') {
+            ++values;
+        } else if ((c == ']' || c == '}') && depth > 0) {
             --depth;
+        } else if (c == ',') {
+            ++values;
+        }
+        if (depth > DEPTH_MAX) {
+            return "nested deeper than " + std::to_string(DEPTH_MAX) + " levels";
+        }
+        if (values > VALUES_MAX) {
+            return "more than " + std::to_string(VALUES_MAX) + " values";
         }
     }
-    return depth > DEPTH_MAX;
+    return "";
 }
 
-// Reads a text into a value whose outermost is an object; what nests deeper than any answer does is
-// not even built. Takes time in proportion to the text's size. Returns what is wrong, or "".
+// Reads a text into a value whose outermost is an object; what nests deeper, or holds more, than
+// any answer does is not even built. Takes time in proportion to the text's size. Returns what is
+// wrong, or "".
 std::string read_object(std::string_view text, Json& value) {
     if (text.size() > DDI_TEXT_SIZE_MAX) {
         return "longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes";
     }
-    if (is_too_deep(text)) {
-        return "nested deeper than " + std::to_string(DEPTH_MAX) + " levels";
+    std::string fault = structure_fault(text);
+    if (!fault.empty()) {
+        return fault;
     }
     value = Json::parse(text, nullptr, false);
     if (value.is_discarded()) {

@@ -269,6 +269,10 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
             testing::ExitedWithCode(0), "")
             << text.substr(0, 16);
     }
+    // Nor does it cost the memory of all that it could be made into.
+    DdiPoll poll;
+    EXPECT_EQ("the poll's answer of the server: more than 65536 values",
+              parse_poll(R"({"a":[)" + repeated("1,") + "1]}", poll).text);
 }
 
 TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
