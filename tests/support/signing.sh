@@ -115,9 +115,10 @@ by_page() {
 # What the pages and the script find out about who signed, where the host trusts the public root; and as
 # a control the first page's command without what it needs for that.
 check_by_page() { # ARGUMENTS OF as...
-    export SSL_CERT_DIR=/run/trusted
+    export SSL_CERT_DIR=/run/trusted SSL_CERT_FILE=$pki/public.pem
     cp $pki/root.pem $pki/revoked.pem .
     sha256sum kernel.bin > package.manifest
+    ln -s kernel.bin a-link
     as "$@"
     cp package.manifest SHA256SUMS
     cp package.manifest.sig SHA256SUMS.sig
