@@ -273,7 +273,11 @@ void dbus_client_close(SystemCallDbusInfo* info) {
 
 int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destination,
                                     const char* method, const void* data, uint32_t dataLen,
-                                    void* result, uint32_t resultCapacity, int32_t timeoutMs) {
+                                    void* result, uint32_t resultCapacity, int32_t timeoutMs,
+                                    bool* sent) {
+    if (sent != nullptr) {
+        *sent = false;
+    }
     if (!may_send(__func__, info, destination, method, dataLen)) {
         return DBUS_INVALID_ARGUMENT;
     }
@@ -288,6 +292,9 @@ int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destin
     }
     SystemCallDbusMsg reply = {};
     const ssize_t written = write_record(info, call);
+    if (sent != nullptr) {
+        *sent = written > 0;
+    }
     if (written == 0) {
         DBUS_ERROR("write 0 buffer");
     }

@@ -21,9 +21,12 @@
 #define DBUS_WARN_AS(operation, text, ...) \
     DBUS_PRINT_AS(operation, "33", "WARN", text __VA_OPT__(, ) __VA_ARGS__)
 
+#define DBUS_INFO_AS(operation, text, ...) \
+    DBUS_PRINT_AS(operation, "32", "INFO", text __VA_OPT__(, ) __VA_ARGS__)
+
 #define DBUS_ERROR(text, ...) DBUS_ERROR_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
 #define DBUS_WARN(text, ...) DBUS_WARN_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
-#define DBUS_INFO(text, ...) DBUS_PRINT_AS(__func__, "32", "INFO", text __VA_OPT__(, ) __VA_ARGS__)
+#define DBUS_INFO(text, ...) DBUS_INFO_AS(__func__, text __VA_OPT__(, ) __VA_ARGS__)
 #define DBUS_DEBUG(text, ...) \
     DBUS_PRINT_AS(__func__, "36", "DEBUG", text __VA_OPT__(, ) __VA_ARGS__)
 

@@ -1,5 +1,6 @@
 #include "dbus/system_call.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,12 +29,30 @@ constexpr useconds_t SETTLE_US = 10000;
 constexpr size_t COMMAND_MAX = SYSTEM_CALL_DBUS_DATA_SIZE - 1;  // the data's end is its terminator
 constexpr size_t OWNER_NAME_SIZE = 256;
 
-constexpr char REBOOT_COMMAND[] = "reboot";
+#define REBOOT_COMMAND "reboot"
 
 pthread_mutex_t g_client_mutex = PTHREAD_MUTEX_INITIALIZER;
 SystemCallDbusInfo* g_endpoint = nullptr;
 // Read by callers without the mutex; set only when the endpoint is whole.
 std::atomic<int> g_initialised{0};
+
+// The record of system_call_reboot_unlocked(). Formatting and rand() are not safe in a signal
+// handler, so name_client() adds the id and the sender beforehand.
+SystemCallDbusMsg g_reboot_call = {.head = SYSTEM_CALL_DBUS_HEAD,
+                                   .id = 0,
+                                   .sender = "",
+                                   .destination = SYSTEM_CALL_DAEMON_NAME,
+                                   .type = SYSTEM_CALL_DBUS_TYPE_METHOD,
+                                   .method = SYSTEM_CALL_METHOD,
+                                   .ret = 0,
+                                   .len = sizeof(REBOOT_COMMAND) - 1,
+                                   .data = REBOOT_COMMAND};
+
+// Chooses the endpoint's name, which a client that never finds the daemon has too.
+void name_client() {
+    snprintf(g_reboot_call.sender, sizeof(g_reboot_call.sender), "system.call.%d", rand());
+    g_reboot_call.id = rand();
+}
 
 bool wait_for_daemon() {
     for (int check = 0; check < DAEMON_CHECKS; ++check) {
@@ -46,7 +65,7 @@ bool wait_for_daemon() {
 }
 
 int32_t open_client(const char* operation, SystemCallDbusInfo* endpoint) {
-    snprintf(endpoint->name, sizeof(endpoint->name), "system.call.%d", rand());
+    memcpy(endpoint->name, g_reboot_call.sender, sizeof(endpoint->name));
     snprintf(endpoint->serverName, sizeof(endpoint->serverName), "%s", SYSTEM_CALL_DAEMON_NAME);
     if (!wait_for_daemon()) {
         DBUS_ERROR_AS(operation, "Please run system_call_daemon first");
@@ -92,6 +111,43 @@ int32_t leading_integer(const char* text) {
     return static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
 }
 
+// system_call(), in whose name it prints; `sent` as in SystemCall_Dbus_Call_Method().
+int32_t run_command(const char* cmd, int32_t timeoutMs, bool* sent) {
+    constexpr const char* OPERATION = "system_call";
+    if (is_reboot(cmd)) {
+        announce_reboot(OPERATION);
+    }
+    char text[SYSTEM_CALL_DBUS_DATA_SIZE + 1] = {};
+    int32_t result = call_dbus_method(SYSTEM_CALL_METHOD, cmd, text, SYSTEM_CALL_DBUS_DATA_SIZE,
+                                      timeoutMs, sent);
+    if (result >= 0) {
+        result = leading_integer(text);
+    }
+    DBUS_INFO_AS(OPERATION, "SystemCall_Dbus_Call_Method systemcall ret:%d cmd:%s", result,
+                 cmd == nullptr ? "(null)" : cmd);
+    return result;
+}
+
+// Connects to the daemon, in a signal handler too. A full backlog is emptied by a daemon that is
+// busy; everything else that fails would fail again.
+bool connect_unlocked(int fd) {
+    // Formatting is not safe in a signal handler, so the path is put together by the compiler.
+    constexpr char PATH[] = "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, PATH, sizeof(PATH));
+    for (int32_t attempt = 0; attempt < DBUS_CONNECT_ATTEMPTS; ++attempt) {
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            return true;
+        }
+        if (errno != EAGAIN) {
+            return false;
+        }
+        usleep(DBUS_CONNECT_PAUSE_MS * 1000);
+    }
+    return false;
+}
+
 }  // namespace
 
 int32_t systemCall_Check_DbusDaemon() {
@@ -114,6 +170,7 @@ int32_t system_call_init() {
     if (g_initialised.load() != 0) {
         return DBUS_OK;
     }
+    name_client();
     SystemCallDbusInfo* const endpoint = SystemCall_DbusInfo_Alloc(0);
     if (endpoint == nullptr) {
         DBUS_ERROR("SystemCall_DbusInfo_Alloc error");
@@ -142,7 +199,10 @@ int32_t system_call_exit() {
 }
 
 int32_t call_dbus_method(const char* method, const char* input, void* output,
-                         uint32_t outputCapacity, int32_t timeoutMs) {
+                         uint32_t outputCapacity, int32_t timeoutMs, bool* sent) {
+    if (sent != nullptr) {
+        *sent = false;
+    }
     if (g_initialised.load() == 0) {
         DBUS_ERROR("please run system_call_init first");
         return DBUS_CALL_FAILED;
@@ -156,7 +216,7 @@ int32_t call_dbus_method(const char* method, const char* input, void* output,
     }
     const int32_t result = SystemCall_Dbus_Call_Method(g_endpoint, SYSTEM_CALL_DAEMON_NAME, method,
                                                        input, static_cast<uint32_t>(length), output,
-                                                       outputCapacity, timeoutMs);
+                                                       outputCapacity, timeoutMs, sent);
     if (result < 0) {
         struct sysinfo system = {};
         sysinfo(&system);
@@ -170,18 +230,7 @@ int32_t call_dbus_method(const char* method, const char* input, void* output,
 }
 
 int32_t system_call(const char* cmd, int32_t timeoutMs) {
-    if (is_reboot(cmd)) {
-        announce_reboot(__func__);
-    }
-    char text[SYSTEM_CALL_DBUS_DATA_SIZE + 1] = {};
-    int32_t result =
-        call_dbus_method(SYSTEM_CALL_METHOD, cmd, text, SYSTEM_CALL_DBUS_DATA_SIZE, timeoutMs);
-    if (result >= 0) {
-        result = leading_integer(text);
-    }
-    DBUS_INFO("SystemCall_Dbus_Call_Method systemcall ret:%d cmd:%s", result,
-              cmd == nullptr ? "(null)" : cmd);
-    return result;
+    return run_command(cmd, timeoutMs, nullptr);
 }
 
 int32_t popen_call(const char* cmd, void* output, int32_t outputSize, int32_t timeoutMs) {
@@ -195,28 +244,21 @@ int32_t popen_call(const char* cmd, void* output, int32_t outputSize, int32_t ti
     return result;
 }
 
+bool system_call_reboot(int32_t timeoutMs) {
+    bool sent = false;
+    run_command(REBOOT_COMMAND, timeoutMs, &sent);
+    return sent;
+}
+
 int32_t system_call_reboot_unlocked() {
-    SystemCallDbusMsg call = {};
-    call.head = SYSTEM_CALL_DBUS_HEAD;
-    call.type = SYSTEM_CALL_DBUS_TYPE_METHOD;
-    memcpy(call.destination, SYSTEM_CALL_DAEMON_NAME, sizeof(SYSTEM_CALL_DAEMON_NAME));
-    memcpy(call.method, SYSTEM_CALL_METHOD, sizeof(SYSTEM_CALL_METHOD));
-    memcpy(call.data, REBOOT_COMMAND, sizeof(REBOOT_COMMAND));
-    call.len = sizeof(REBOOT_COMMAND) - 1;
-
-    // Formatting is not safe in a signal handler, so the path is put together by the compiler.
-    constexpr char PATH[] = "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX;
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, PATH, sizeof(PATH));
-
     const corvo::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid()) {
         return DBUS_SOCKET_FAILED;
     }
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!connect_unlocked(fd.get())) {
         return DBUS_CONNECT_FAILED;
     }
-    const ssize_t sent = send(fd.get(), &call, sizeof(call), MSG_NOSIGNAL | MSG_DONTWAIT);
-    return sent == static_cast<ssize_t>(sizeof(call)) ? DBUS_OK : DBUS_WRITE_FAILED;
+    const ssize_t sent =
+        send(fd.get(), &g_reboot_call, sizeof(g_reboot_call), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return sent == static_cast<ssize_t>(sizeof(g_reboot_call)) ? DBUS_OK : DBUS_WRITE_FAILED;
 }

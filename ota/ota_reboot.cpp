@@ -3,10 +3,10 @@
 #include "dbus/system_call.h"
 
 void ota_reboot() {
-    // The daemon may be there although the client has never found it, has given its connection up
-    // or has lost the command with it; and without the restart a camera stays as it is. A second
-    // request does no harm.
-    if (system_call("reboot", OTA_REBOOT_TIMEOUT_MS) < 0) {
+    // The daemon may be there although the client has never found it or has given its connection
+    // up, and without the restart a camera stays as it is. What may have reached the daemon is not
+    // repeated: one that is only slow would run it twice.
+    if (!system_call_reboot(OTA_REBOOT_TIMEOUT_MS)) {
         system_call_reboot_unlocked();
     }
 }

@@ -125,12 +125,23 @@ TEST_F(Dbus, CallsYieldWhatTheHandlerWrote) {
 
 TEST_F(Dbus, ConcurrentCallersGetTheirOwnReplies) {
     std::vector<std::thread> callers;
+    std::atomic<int> ended = 0;
+    const auto limit = steady_clock::now() + milliseconds(10000);
     for (int c = 0; c < 8; ++c) {
-        callers.emplace_back([c] {
-            for (int number = c * 1000; number < c * 1000 + 20; ++number) {
-                EXPECT_EQ(system_call(std::to_string(number).c_str(), 20000), number);
+        callers.emplace_back([c, limit, &ended] {
+            // One wait is enough to see that replies do not come, or wake nobody.
+            bool own = true;
+            for (int number = c * 1000; own && number < c * 1000 + 20; ++number) {
+                own = system_call(std::to_string(number).c_str(), 10000) == number &&
+                      steady_clock::now() < limit;
             }
+            EXPECT_TRUE(own);
+            ++ended;
         });
+    }
+    if (!eventually(20000, [&ended] { return ended == 8; })) {
+        ADD_FAILURE() << "a caller hangs, which cannot be waited for";
+        abort();
     }
     for (std::thread& caller : callers) {
         caller.join();
@@ -256,6 +267,44 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     }
     EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);
+}
+
+// A daemon that accepts nobody yet, with room for two that wait.
+TEST_F(Dbus, RebootReachesABusyDaemonAsAnyCommandDoes) {
+    EXPECT_TRUE(system_call_reboot(5000));
+    system_call_exit();
+    EXPECT_FALSE(system_call_reboot(5000));
+    server.reset();
+    const corvo::UniqueFd listener = listening_as_daemon();
+    ASSERT_EQ(system_call_init(), DBUS_OK);
+    g_longest_send = SIZE_MAX;
+    EXPECT_TRUE(system_call_reboot(10)) << "not answered in time, but sent";
+    EXPECT_EQ(system_call_reboot_unlocked(), DBUS_OK);
+    devices.hurry = 1000;
+    const int before = Faults::calls("usleep");
+    EXPECT_EQ(system_call_reboot_unlocked(), DBUS_CONNECT_FAILED);
+    EXPECT_EQ(Faults::calls("usleep") - before, SYSTEM_CALL_DBUS_CONNECT_MS * 1000);
+    devices.hurry = 1;
+    constexpr timeval PATIENCE = {.tv_sec = 5, .tv_usec = 0};
+    setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof(PATIENCE));
+    SystemCallDbusMsg calls[3] = {};
+    corvo::UniqueFd connections[3];
+    std::thread daemon([&listener, &calls, &connections] {
+        std::this_thread::sleep_for(milliseconds(200));
+        for (int i = 0; i < 3; ++i) {
+            connections[i].reset(accept4(listener.get(), nullptr, nullptr, 0));
+            EXPECT_EQ(recv(connections[i].get(), &calls[i], WHOLE, MSG_WAITALL), WHOLE);
+        }
+    });
+    EXPECT_EQ(system_call_reboot_unlocked(), DBUS_OK);
+    daemon.join();
+    remove(SOCKET);
+    for (SystemCallDbusMsg& call : calls) {
+        EXPECT_TRUE(std::string(call.sender).starts_with("system.call."));
+        EXPECT_NE(call.id, 0);
+        call.id = calls[0].id;
+        EXPECT_EQ(memcmp(&call, calls, sizeof(call)), 0);
+    }
 }
 
 TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {

@@ -146,12 +146,14 @@ int32_t SystemCall_Dbus_UnRegister(SystemCallDbusInfo* info);
 // SYSTEM_CALL_DBUS_CONNECT_MS more for each reconnection that it falls into, at its begin (it is
 // written to the server that the endpoint reaches then) and at its end. data may be null; dataLen
 // at most 1024. When result is not null, the reply's data, at most resultCapacity bytes of it, is
-// copied there. Any number of threads may call at once. Takes the endpoint lock. Returns the
-// reply's ret, or DBUS_CALL_FAILED, DBUS_WRITE_FAILED, DBUS_NO_MEMORY or DBUS_INVALID_ARGUMENT (no
-// endpoint, one without a client role, or data too long).
+// copied there. When sent is not null, it receives whether the record was written whole: a call
+// that was not is one that no server has. Any number of threads may call at once. Takes the
+// endpoint lock. Returns the reply's ret, or DBUS_CALL_FAILED, DBUS_WRITE_FAILED, DBUS_NO_MEMORY or
+// DBUS_INVALID_ARGUMENT (no endpoint, one without a client role, or data too long).
 int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destination,
                                     const char* method, const void* data, uint32_t dataLen,
-                                    void* result, uint32_t resultCapacity, int32_t timeoutMs);
+                                    void* result, uint32_t resultCapacity, int32_t timeoutMs,
+                                    bool* sent = nullptr);
 
 // Sends a signal, at most 1024 bytes of data; nothing comes back. Takes the endpoint lock.
 // Returns the bytes written, DBUS_WRITE_FAILED or DBUS_INVALID_ARGUMENT.

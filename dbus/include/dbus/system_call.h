@@ -12,8 +12,8 @@
 #define POPEN_CALL_METHOD "popen_call"
 #define SYSTEM_CALL_DAEMON_SOCKET_PREFIX "dbus-" SYSTEM_CALL_DAEMON_NAME
 
-// Waits up to about 10 s for the daemon's socket file, then connects (about 5 s more at the most).
-// Takes the client mutex for the whole run.
+// Names the client, waits up to about 10 s for the daemon's socket file, then connects (about 5 s
+// more at the most). Takes the client mutex for the whole run.
 // Returns DBUS_OK (also when already initialised), DBUS_CALL_FAILED (no daemon), DBUS_NO_MEMORY,
 // DBUS_SOCKET_FAILED or DBUS_CONNECT_FAILED.
 int32_t system_call_init();
@@ -26,10 +26,10 @@ int32_t system_call_exit();
 int32_t systemCall_Check_DbusDaemon();
 
 // One call to the daemon with input (at most 1023 characters) as its data; see
-// SystemCall_Dbus_Call_Method for output, outputCapacity, timeoutMs, blocking and results.
+// SystemCall_Dbus_Call_Method for output, outputCapacity, timeoutMs, sent, blocking and results.
 // DBUS_CALL_FAILED also when not initialised; DBUS_INVALID_ARGUMENT when input is null or too long.
 int32_t call_dbus_method(const char* method, const char* input, void* output,
-                         uint32_t outputCapacity, int32_t timeoutMs);
+                         uint32_t outputCapacity, int32_t timeoutMs, bool* sent = nullptr);
 
 // Runs cmd through the daemon (timeoutMs in milliseconds, 0 or less: 10000) and returns the leading
 // decimal integer of its reply, which is the command's exit status, or a negative transport code. A
@@ -41,10 +41,15 @@ int32_t system_call(const char* cmd, int32_t timeoutMs);
 // negative transport code, output then being untouched.
 int32_t popen_call(const char* cmd, void* output, int32_t outputSize, int32_t timeoutMs);
 
-// The last resort of a crashing process: asks the daemon for "reboot" over a connection of its own,
-// with system calls alone, so that it serves in a signal handler whatever locks are held. Does not
-// wait for the reply. Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_CONNECT_FAILED or
-// DBUS_WRITE_FAILED.
+// system_call() of "reboot". Returns whether the command was sent, whatever became of it then:
+// false means that the daemon certainly does not have it.
+bool system_call_reboot(int32_t timeoutMs);
+
+// Sends "reboot" to the daemon over a separate connection, with system calls alone, so that it can
+// be used in a signal handler whatever locks are held. The record is prepared by
+// system_call_init(), whether that succeeds or not. A full backlog is retried, for
+// SYSTEM_CALL_DBUS_CONNECT_MS at the most; does not wait for the reply. Returns DBUS_OK,
+// DBUS_SOCKET_FAILED, DBUS_CONNECT_FAILED or DBUS_WRITE_FAILED.
 int32_t system_call_reboot_unlocked();
 
 #endif  // DBUS_SYSTEM_CALL_H
