@@ -8,10 +8,11 @@ corvo_test(tools_test SOURCES tools_test.cpp support/session.cpp LINK otactl_par
 target_compile_definitions(
   tools_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:hal_tool_with_faults>:$<TARGET_FILE_DIR:otactl>"
                      SYSTEM_CALL_DAEMON="$<TARGET_FILE:system_call_daemon>")
-add_dependencies(tools_test otactl hal_tool_with_faults system_call_daemon)
+add_dependencies(tools_test otactl otactl_with_faults hal_tool_with_faults system_call_daemon)
 
-# otactl once more, with faults behind its calls.
-add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main>)
+# otactl once more, with faults and a faster clock behind its calls.
+add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main> support/fast_clock.cpp)
+target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime)
 target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 

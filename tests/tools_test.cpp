@@ -160,6 +160,12 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     EXPECT_EQ('2', run(send)[0]) << "nobody publishes";
     EXPECT_EQ("", posted(IPC_NOWAIT));
     ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ("2 / otactl: the service did not take the request, which is taken back",
+              run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));
+    // It waits for 15 s, a tenth of which it is given here.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+    EXPECT_EQ("", posted(IPC_NOWAIT));
     for (const auto& [verdict, status] : {std::pair("UPGRADE_LUMO_UGRADE_SUCCESS", '0'),
                                           {"UPGRADE_LUMO_UGRADE_FAILED", '1'},
                                           {"moduleType 255 no find", '1'}}) {
