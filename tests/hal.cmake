@@ -1,7 +1,8 @@
 # Faults behind the system calls of a test's own program: see support/faults.h.
 set(calls_with_faults
     open open64 __open_2 __open64_2 fopen fopen64 read __read_chk write lseek lseek64 fstat fstat64 fsync fdatasync sync remove ioctl select
-    msgrcv msgctl msgget ftok socket bind listen accept4 connect send opendir calloc pthread_create pthread_cond_timedwait sleep usleep _exit)
+    msgrcv msgctl msgget ftok socket bind listen accept4 connect send opendir calloc pthread_create pthread_cond_timedwait sleep usleep _exit
+    posix_fadvise posix_fadvise64)
 list(TRANSFORM calls_with_faults PREPEND -Wl,--wrap=)
 add_library(test_faults STATIC support/faults.cpp)
 target_link_libraries(test_faults PUBLIC test_support)
@@ -13,7 +14,7 @@ corvo_program(corvo_upgrade_with_faults SOURCES ${PROJECT_SOURCE_DIR}/ota/main.c
               LINK ota dbus log platform base)
 set_target_properties(corvo_upgrade_with_faults PROPERTIES OUTPUT_NAME corvo_upgrade
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
-target_link_options(corvo_upgrade_with_faults PRIVATE ${calls_with_faults}
+target_link_options(corvo_upgrade_with_faults PRIVATE ${calls_with_faults} -Wl,--wrap=nanosleep
                     -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
 
 corvo_test(led_gpio_test SOURCES led_gpio_test.cpp LINK test_faults hal_led hal_gpio)

@@ -21,6 +21,14 @@ REFUSABLE(void*, nn_allocmsg, nullptr, (size_t size, int type), (size, type))
 REFUSABLE(int, nn_send, -1, (int socket, const void* data, size_t size, int flags),
           (socket, data, size, flags))
 
+static unsigned g_slept_us = 0;  // by the last call
+
+extern "C" int __real_usleep(unsigned microseconds);
+extern "C" int __wrap_usleep(unsigned microseconds) {
+    g_slept_us = microseconds;
+    return __real_usleep(microseconds);
+}
+
 static const timeval* g_clock_reads = nullptr;  // what the wall clock says; null: the time
 
 extern "C" int __real_gettimeofday(timeval* now, void* zone);
@@ -80,6 +88,7 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     EXPECT_EQ(Corvo_LogProducerInit(0), LOG_PRODUCER_MISSING_ARGUMENT);
     // Several bits: the highest counts, 768 is module 10 as 512 is.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
+    EXPECT_EQ(g_slept_us, 100000U) << "subscribers connect meanwhile";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
     LogStream subscriber;
     std::string record;

@@ -52,6 +52,9 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
     EXPECT_TRUE(output.take().ends_with("PAL_OTA 10 4 Param invalid\n"));
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, nullptr), 2);
+    for (const uint32_t storageType : {STORAGE_TYPE_MIN - 1, STORAGE_TYPE_MAX + 1}) {
+        EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, storageType, &fd), 2);
+    }
     EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, nullptr, "/none", STORAGE_TYPE_MMC), 2);
     EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, "kernel", nullptr, STORAGE_TYPE_MMC), 2);
     EXPECT_EQ(PAL_OTA_UpgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC), 2);
@@ -104,7 +107,7 @@ TEST(Ota, OperationsWaitForEachOther) {
 
 TEST(Nv, FactoryCacheIsFilledOnceTheNodeIsThere) {
     const std::string data = pattern_bytes(4096, 7);
-    for (const size_t size : {4096U, 100U}) {
+    for (const size_t size : {4096U, 100U, 0U}) {
         write_file(BY_NAME + "nv_factory", data.substr(0, size));
         const Faults faults({{"open", 1, ENOENT}, {"open", 2, ENOENT}});
         EXPECT_EQ(PAL_NV_Init(), 0);

@@ -82,7 +82,7 @@ TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
         SCOPED_TRACE(fault.call);
         write_file(Camera::PACKAGE_DIR + "kernel.bin", "image");
         Camera::take_commands();
-        camera.start({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
+        camera.start({fault, {"pthread_cond_timedwait", -1, SHORT, 10}});
         camera.wait_for("ota wait for ota message");
         if (strcmp(fault.call, "send") == 0) {
             EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);
@@ -96,15 +96,15 @@ TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
     }
 }
 
-// 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to ask
-// again.
+// Almost 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to ask
+// again. All times are a tenth.
 TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
-    camera.start({}, true);
+    camera.start({{"pthread_cond_timedwait", -1, SHORT, 1200}});
     camera.wait_for("ota wait for ota message");
     camera.daemon.reset();
     EXPECT_EQ(kill(camera.pid(), SIGABRT), 0);
-    std::this_thread::sleep_for(std::chrono::seconds(4));
-    camera.daemon = Camera::fake_daemon(9500);
+    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    camera.daemon = Camera::fake_daemon(950);
     EXPECT_TRUE(contains(camera.finish().text, "ret:0 cmd:reboot"));
     EXPECT_EQ(Camera::take_commands(), std::vector<std::string>{"reboot"});
 }

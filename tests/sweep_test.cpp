@@ -176,7 +176,7 @@ TEST_P(Disturbed, EndsWithTheVerdictItDeserves) {
                              .ordinal = howOften == "once" ? place : -place,
                              .effect = error_number(effect),
                              .count = static_cast<size_t>(atoi(effect.c_str()))};
-        const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 0}});
+        const Outcome outcome = world.run({fault, {"pthread_cond_timedwait", -1, SHORT, 10}});
         EXPECT_TRUE(outcome.ended);
         struck = reported(0) >= place && ONLY == 0;
         const bool verdict = contains(outcome.text, SUCCESS);

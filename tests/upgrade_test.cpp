@@ -1,6 +1,8 @@
 // Whole upgrades by the real program: console, commands, record, partitions and files, exactly.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -177,6 +179,41 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
         get_partition_info_by_msg(OTA_LumoFindModuleByMoudleType(3), &nothing, &offset, &offset),
         OTA_FAILED);
     EXPECT_EQ(get_partition_info_by_msg(nullptr, nullptr, nullptr, nullptr), OTA_FAILED);
+}
+
+// A daemon that takes commands and never answers: each is waited for as long as it may take, and
+// the restart, which it may still carry out, is not asked for again.
+TEST_F(Upgrade, SlowDaemonHasItsTimeAndIsAskedForTheRebootOnce) {
+    camera.daemon.reset();
+    const corvo::UniqueFd listener = listening_as_daemon();
+    EXPECT_TRUE(
+        camera.run(Camera::request(0, {}), {{"pthread_cond_timedwait", -1, SHORT, 10}}).ended);
+    std::string tenths;
+    for (int command = 0; command < 18; ++command) {  // up to /proc/meminfo
+        tenths += " 10";
+    }
+    const std::string report = read_file(FAULTS_REPORT);
+    EXPECT_TRUE(report.ends_with(tenths + " 20 100 100")) << report;  // slot, umount, reboot
+    const corvo::UniqueFd connection(accept4(listener.get(), nullptr, nullptr, 0));
+    SystemCallDbusMsg command = {};
+    int count = 0;
+    while (recv(connection.get(), &command, sizeof(command), MSG_WAITALL) == sizeof(command)) {
+        ++count;
+    }
+    EXPECT_EQ(count, 21);
+    EXPECT_STREQ(reinterpret_cast<const char*>(command.data), "reboot");
+    pollfd another = {.fd = listener.get(), .events = POLLIN, .revents = 0};
+    EXPECT_EQ(poll(&another, 1, 0), 0);
+}
+
+// The power is cut at the end of a pause, which is named by the seconds that were slept by then.
+TEST_F(Upgrade, ApplicationsHaveTimeToEndAndLogsToBeReadBeforeTheRestart) {
+    for (const auto& [second, last] : {std::pair(2, "killall -15 lumo_daemon.sh"),
+                                       {7, "/etc/init.d/S99checkboot systemB"},
+                                       {8, "umount /media/mmcblk0p1"}}) {
+        EXPECT_FALSE(camera.run(Camera::request(0, {}), {{"sleep", second, CUT}}).ended);
+        EXPECT_EQ(Camera::take_commands().back(), last);
+    }
 }
 
 TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {

@@ -12,17 +12,21 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 
+#include "base/ignore_result.h"
 #include "base/scoped_lock.h"
+#include "base/unique_fd.h"
 
 Devices devices = {};
 
 extern "C" FILE* __real_fopen64(const char* path, const char* mode);
+extern "C" int __real_open64(const char* path, int flags, unsigned mode);
 extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                      void* (*body)(void*), void* given);
 
@@ -39,6 +43,16 @@ pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards all of these
 Fault g_faults[MOST_FAULTS] = {};
 Counter g_counters[32];
 char g_opened[4096];
+char g_waits[512];
+
+// A byte that the storage does not hold. Reads show that only when the page cache has been dropped.
+struct WeakByte {
+    char path[64];
+    off_t at;
+};
+WeakByte g_weak_bytes[16];
+
+thread_local bool g_record_unflushed = false;
 
 Counter& counter_of(const char* call) {
     Counter* counter = g_counters;
@@ -93,6 +107,10 @@ bool fails(const char* call) {
 }
 
 void change() {
+    if (g_record_unflushed) {
+        fputs("the outcome record is not flushed\n", stderr);
+        abort();
+    }
     if (next("change").effect == CUT) {
         cut_power();
     }
@@ -105,21 +123,62 @@ const char* real_path(const char* path) {
     return strcmp(path, "/proc/mtd") == 0 ? "/tmp/proc_mtd" : path;
 }
 
-// Whether these are image data for a partition; they must not be left in a cache.
-bool is_image(int fd, const char* data, size_t size) {
+// The descriptor's file, and its position there.
+WeakByte place_of(int fd) {
+    WeakByte place = {};
     char link[32];
-    char path[64] = {};
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    const bool named = readlink(link, path, sizeof(path) - 1) > 0;
+    corvo::ignore_result(readlink(link, place.path, sizeof(place.path) - 1));
+    place.at = syscall(SYS_lseek, fd, 0, SEEK_CUR);  // not a call of the program's
+    return place;
+}
+
+bool is_record(int fd) {
+    return strcmp(place_of(fd).path, "/config/ota_data.dat") == 0;
+}
+
+// Whether these are image data for a partition. Neither they nor the outcome record may be left in
+// a cache.
+bool is_image(int fd, const char* data, size_t size) {
+    const WeakByte target = place_of(fd);
     // Erasing writes zeros.
-    const bool image = named &&
-                       (strstr(path, "/dev/block/") == path || strstr(path, "/dev/mtd") == path) &&
+    const bool image = (strstr(target.path, "/dev/block/") == target.path ||
+                        strstr(target.path, "/dev/mtd") == target.path) &&
                        std::any_of(data, data + size, [](char c) { return c != 0; });
-    if (image && (fcntl(fd, F_GETFL) & O_DSYNC) == 0) {
-        fputs("image data are not written synchronously\n", stderr);
+    if ((image || is_record(fd)) && (fcntl(fd, F_GETFL) & O_DSYNC) == 0) {
+        fprintf(stderr, "%s is not written synchronously\n", target.path);
         abort();
     }
     return image;
+}
+
+// The storage will not hold the last of the bytes that are about to be written.
+void add_weak_byte(int fd, size_t size) {
+    WeakByte* const unused = std::find_if(std::begin(g_weak_bytes), std::end(g_weak_bytes) - 1,
+                                          [](const WeakByte& each) { return each.path[0] == 0; });
+    *unused = place_of(fd);
+    unused->at += static_cast<off_t>(size) - 1;
+}
+
+// From now on, reads of the descriptor's file show what the storage holds.
+void drop_cache(int fd) {
+    const WeakByte dropped = place_of(fd);
+    for (WeakByte& weak : g_weak_bytes) {
+        if (strcmp(weak.path, dropped.path) == 0) {
+            const corvo::UniqueFd file(__real_open64(weak.path, O_RDWR | O_CLOEXEC, 0));
+            char byte = 0;
+            corvo::ignore_result(pread(file.get(), &byte, 1, weak.at));
+            byte = static_cast<char>(byte ^ 1);
+            corvo::ignore_result(pwrite(file.get(), &byte, 1, weak.at));
+            weak = {};
+        }
+    }
+}
+
+void note_wait(int64_t ms) {
+    const corvo::ScopedLock lock(g_mutex);
+    const size_t length = strlen(g_waits);
+    snprintf(g_waits + length, sizeof(g_waits) - length, " %d", static_cast<int>((ms + 99) / 100));
 }
 
 void* wait_for_ever(void* /*argument*/) {
@@ -156,7 +215,7 @@ __attribute__((destructor)) void report() {
     }
     const int calls = g_faults[0].call == nullptr ? 0 : Faults::calls(g_faults[0].call);
     FILE* const file = __real_fopen64(FAULTS_REPORT, "w");
-    fprintf(file, "%d %d", calls, descriptors);
+    fprintf(file, "%d %d%s", calls, descriptors, g_waits);
     fclose(file);
 }
 
@@ -167,6 +226,7 @@ Faults::Faults(std::initializer_list<Fault> wanted) {
     std::copy(wanted.begin(), wanted.end(), g_faults);
     std::fill(std::begin(g_counters), std::end(g_counters), Counter{});
     g_opened[0] = '\0';
+    g_waits[0] = '\0';
 }
 
 Faults::~Faults() {
@@ -209,7 +269,12 @@ CALL_BOTH(FILE*, fopen, nullptr, false, (const char* path, const char* mode),
           (real_path(path), mode))
 CALL_BOTH(off_t, lseek, -1, false, (int fd, off_t offset, int from), (fd, offset, from))
 CALL_BOTH(int, fstat, -1, false, (int fd, struct stat* status), (fd, status))
-CALL(int, fsync, "fsync", -1, true, (int fd), (fd))
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    g_record_unflushed = g_record_unflushed && !is_record(fd);
+    change();
+    return fails("fsync") ? -1 : __real_fsync(fd);
+}
 CALL(int, fdatasync, "fdatasync", -1, true, (int fd), (fd))
 CALL(int, remove, "remove", -1, true, (const char* path), (path))
 CALL(int, msgctl, "msgctl", -1, true, (int id, int command, msqid_ds* data), (id, command, data))
@@ -290,8 +355,9 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
     const size_t moved = met.effect == SHORT ? std::min(met.count, size) : size;
     memcpy(stored, data, moved);
     if (is_image(fd, stored, moved) && next("image").effect == FLIP) {
-        stored[moved - 1] = static_cast<char>(stored[moved - 1] ^ 1);
+        add_weak_byte(fd, moved);
     }
+    g_record_unflushed = g_record_unflushed || is_record(fd);
     if (devices.write != nullptr) {
         devices.write(fd, stored, moved);
     }
@@ -315,9 +381,29 @@ int __wrap_usleep(unsigned microseconds) {
 }
 
 unsigned __wrap_sleep(unsigned seconds) {
+    if (next("sleep", static_cast<int>(seconds)).effect == CUT) {
+        cut_power();
+    }
     __real_usleep(seconds * 1000);
     return 0;
 }
+
+int __wrap_nanosleep(const timespec* wanted, timespec* /*left*/) {
+    const auto microseconds =
+        static_cast<unsigned>(wanted->tv_sec * 1000000 + wanted->tv_nsec / 1000);
+    return __real_usleep(microseconds / devices.hurry);
+}
+
+#define ADVISE(symbol)                                                  \
+    int __real_##symbol(int fd, off_t offset, off_t size, int advice);  \
+    int __wrap_##symbol(int fd, off_t offset, off_t size, int advice) { \
+        if (advice == POSIX_FADV_DONTNEED) {                            \
+            drop_cache(fd);                                             \
+        }                                                               \
+        return __real_##symbol(fd, offset, size, advice);               \
+    }
+ADVISE(posix_fadvise)
+ADVISE(posix_fadvise64)
 
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout);
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout) {
@@ -329,13 +415,18 @@ int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* deadline);
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline) {
-    timespec soon = {};
-    clock_gettime(CLOCK_MONOTONIC, &soon);
-    soon.tv_nsec += 50000000;
-    soon.tv_sec += soon.tv_nsec / 1000000000;
-    soon.tv_nsec %= 1000000000;
-    const bool hurry = next("pthread_cond_timedwait").effect == SHORT;
-    return __real_pthread_cond_timedwait(condition, mutex, hurry ? &soon : deadline);
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t nowMs = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    int64_t endMs = int64_t{deadline->tv_sec} * 1000 + deadline->tv_nsec / 1000000;
+    note_wait(endMs - nowMs);
+    const Fault met = next("pthread_cond_timedwait");
+    if (met.effect == SHORT) {
+        endMs = std::min(endMs, nowMs + static_cast<int64_t>(met.count));
+    }
+    const timespec end = {.tv_sec = static_cast<time_t>(endMs / 1000),
+                          .tv_nsec = static_cast<long>(endMs % 1000 * 1000000)};
+    return __real_pthread_cond_timedwait(condition, mutex, met.effect == SHORT ? &end : deadline);
 }
 
 // A program that is measured for coverage leaves its counts however it ends.

@@ -1,8 +1,9 @@
 // Faults as data, behind the system calls of the program that is linked with them: a test's own, or
 // the whole service, which finds them in its environment. Meanwhile time is short: sleep() takes a
-// thousandth, usleep() a tenth or less, select() a millisecond. Needs no C++ run-time library, as
-// little as the service. tests/hal.cmake lists the calls; they are named here without the "64" of
-// large files.
+// thousandth, usleep() and the service's nanosleep() a tenth or less, select() a millisecond. Image
+// data and the outcome record must be written synchronously and flushed, or the program is aborted.
+// Needs no C++ run-time library, as little as the service. tests/hal.cmake lists the calls; they
+// are named here without the "64" of large files.
 #ifndef TESTS_SUPPORT_FAULTS_H
 #define TESTS_SUPPORT_FAULTS_H
 
@@ -12,10 +13,12 @@
 
 // What happens to a call; above 0: it fails with this errno.
 enum Effect {
-    SHORT = 0,   // read, write and send move `count` bytes at the most; a timed wait ends at once
-    CUT = -1,    // "change" and "sync": the power is cut before it
+    SHORT = 0,   // read, write and send move `count` bytes at the most; a timed wait takes `count`
+                 // milliseconds at the most
+    CUT = -1,    // "change", "sync" and "sleep": the power is cut before it
     TEAR = -2,   // "write": the power is cut in the middle of it
-    FLIP = -3,   // "image", a write of image data to a partition: it stores a wrong bit
+    FLIP = -3,   // "image", a write of image data to a partition: a wrong bit is stored, which is
+                 // read when the page cache has been dropped
     CRASH = -4,  // abort()
     NONE = -5,
     OVERFLOW = -6,  // the stack of the calling thread is used up
@@ -24,7 +27,8 @@ enum Effect {
 struct Fault {
     // "open", "read", ..., or a kind: "image", or "change" for all that changes the world outside.
     const char* call;
-    int ordinal;  // which call meets it, from 1; negative: that one and all that follow
+    int ordinal;  // which call meets it, from 1 ("sleep": which second, as the last of a call);
+                  // negative: that one and all that follow
     int effect;
     size_t count = 0;
 };
@@ -50,8 +54,9 @@ class Faults {
 };
 
 // The service takes "CALL:ORDINAL:EFFECT:COUNT ..." from the first of these in its environment, and
-// leaves the number of calls that the first fault's name had, and of its open descriptors, in a
-// file. It has a thread of another library then, with every signal open.
+// leaves the number of calls that the first fault's name had, that of its open descriptors, and how
+// long each timed wait was to take, in tenths of a second, in a file. It has a thread of another
+// library then, with every signal open.
 constexpr char FAULTS_VARIABLE[] = "CORVO_FAULTS";
 constexpr char FAULTS_REPORT[] = "/tmp/faults_report";
 
