@@ -353,10 +353,13 @@ AgentStatus Http::reload_token() {
     return status;
 }
 
-// Whether the token's file holds another token than the one that was refused.
-bool Http::has_new_token() {
+// Whether the token's file holds another token than the one that was refused. `fault` is what is
+// wrong with the file, to be added to the refusal's text.
+bool Http::has_new_token(std::string& fault) {
     const std::string refused = settings_.authorization;
-    return reload_token().ok() && settings_.authorization != refused;
+    const AgentStatus status = reload_token();
+    fault = status.ok() ? "" : "; the token: " + status.text;
+    return status.ok() && settings_.authorization != refused;
 }
 
 AgentStatus Http::call(const char* method, const std::string& url, const std::string& body,
@@ -374,6 +377,7 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
         return AgentStatus{};
     };
     std::string place = url;
+    std::string tokenFault;
     for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
         if (!server.same_origin(url_parts(place))) {
             return malformed(shown_url(place) + " is not of the server " +
@@ -392,7 +396,7 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
         if (status.result == AGENT_STOPPED || head.code == 0) {
             return status;
         }
-        if (head.code == 401 && has_new_token()) {
+        if (head.code == 401 && has_new_token(tokenFault)) {
             continue;
         }
         // The others ask for a GET instead.
@@ -402,7 +406,9 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
             continue;
         }
         if (!is_success(head)) {
-            return refusal(method, place, head, explanation(answer));
+            status = refusal(method, place, head, explanation(answer));
+            status.text += tokenFault;
+            return status;
         }
         if (!status.ok() && status.result != AGENT_UNREACHABLE) {
             status.text = shown_url(place) + ": " + status.text;
@@ -429,6 +435,7 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
         return malformed("no file");
     };
     std::string place = url;
+    std::string tokenFault;
     for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
         const UrlParts parts = url_parts(place);
         if (parts.scheme != "https" && (parts.scheme != "http" || server.scheme != "http")) {
@@ -446,7 +453,7 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
         if (status.result == AGENT_STOPPED || head.code == 0) {
             return status;
         }
-        if (head.code == 401 && proven && has_new_token()) {
+        if (head.code == 401 && proven && has_new_token(tokenFault)) {
             --redirects;  // the same place, proven as before
             continue;
         }
@@ -454,7 +461,11 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
             place = head.location;
             continue;
         }
-        return head.code == 200 || head.code == 206 ? status : refusal("GET", place, head, message);
+        if (head.code != 200 && head.code != 206) {
+            status = refusal("GET", place, head, message);
+            status.text += tokenFault;
+        }
+        return status;
     }
     return malformed(shown_url(url) + " is redirected more than " + std::to_string(REDIRECTS_MAX) +
                      " times");

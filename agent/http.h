@@ -78,7 +78,7 @@ class Http {
   private:
     struct Request;
     AgentStatus exchange(const Request& request, HttpHead& head, const HttpContent& content);
-    bool has_new_token();
+    bool has_new_token(std::string& fault);
 
     ServerSettings settings_;
     const std::atomic<bool>& stop_;

@@ -393,7 +393,9 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
         world.settings.authorization = "TargetToken rotated";
         write_file("/run/token", "secret\n");
         EXPECT_EQ(0, chmod("/run/token", 0640));
-        EXPECT_EQ("REFUSED", name_of(world.run(step)));  // others can read it
+        const AgentStatus refused = world.run(step);
+        EXPECT_EQ("REFUSED", name_of(refused));
+        EXPECT_TRUE(contains(refused.text, "401; the token: others can read /run/token"));
         EXPECT_EQ(0, chmod("/run/token", 0600));
         EXPECT_EQ("", world.run(step).text);
         EXPECT_EQ(3U, world.server.requests().size());
