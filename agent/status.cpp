@@ -1,5 +1,6 @@
 #include "agent/status.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include "agent/steps.h"
 #include "agent/stored_file.h"
 #include "base/owned.h"
+#include "base/unique_fd.h"
 #include "package/files.h"
 #include "package/signature.h"
 
@@ -20,6 +22,7 @@ constexpr char RUN_FOLDER[] = "/run/corvo-agent/";
 constexpr char RUN_FILE[] = "/run/corvo-agent/status.json";
 constexpr char RUN_FILE_NEW[] = "/run/corvo-agent/status.json.new";
 constexpr mode_t RUN_FOLDER_MODE = 0755;
+constexpr mode_t RUN_FILE_MODE = 0644;
 constexpr size_t RUN_FILE_SIZE_MAX = 65536;  // bytes
 
 std::string text_of(const Json& json, const char* name) {
@@ -118,10 +121,14 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
     // The folder is the agent's user's, and this may be root: nothing that lies there is followed.
     (void)unlink(RUN_FILE_NEW);
     {
-        const corvo::OwnedFile file(fopen(RUN_FILE_NEW, "wxe"));
+        // Read by all, whatever the umask, and written by nobody else.
+        corvo::UniqueFd fd(
+            open(RUN_FILE_NEW, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, RUN_FILE_MODE));
+        const corvo::OwnedFile file(fdopen(fd.get(), "w"));
         if (!file) {
             return;
         }
+        (void)fd.release();
         fputs(text_of_json(json, 1).c_str(), file.get());
     }
     (void)rename(RUN_FILE_NEW, RUN_FILE);

@@ -88,6 +88,7 @@ check_agent() {
     check "it polls" await 10 inside test -e /run/corvo-agent/status.json
     check "as a user of its own" owned_by corvo-agent "/proc/$(main_pid corvo-agent)" /run/corvo-agent /config/agent \
         /media/mmcblk0p1/ota/agent
+    check "who reads flash, as its rule for udev says, and writes none" reads_flash
     check "the lock of the boot environment stays root's" owned_by root /var/lock/fw_printenv.lock
     check "and can be written by both" lock_is_shared
     check "a package that is installed again restarts it" inside dpkg -i "$agent_package"
@@ -124,6 +125,11 @@ says_twice() { # PATTERN FILE
 
 owned_by() { # USER PATH...
     [ "$(inside stat -c %U "${@:2}" | sort -u)" = "$1" ]
+}
+
+reads_flash() {
+    [ "$(inside id -nG corvo-agent)" = "corvo-agent corvo-flash" ] &&
+        [ "$(inside grep -c 'GROUP="corvo-flash", MODE="0640"' /usr/lib/udev/rules.d/60-corvo-flash.rules)" = 2 ]
 }
 
 lock_is_shared() {
@@ -232,6 +238,11 @@ has_all_options() { # PAGE PROGRAM [COMMAND...]
 check_shutdown_idle() {
     start_system && make_camera && inside dpkg -i "${packages[@]}" > /dev/null 2>&1
     await 5 has_queue || :
+    # Another user's pid file, and a request without a byte, are no upgrade.
+    inside sh -c "echo $(main_pid corvo-upgrade) > /tmp/corvo_upgrade.pid && chown nobody /tmp/corvo_upgrade.pid"
+    inside perl -e 'msgsnd($ARGV[0], pack("l!", 1), 0) or die' "$(inside ipcs -q | awk '/666/ { print $2 }')" || :
+    await 5 inside grep -q " $(main_pid corvo-upgrade) " /proc/sysvipc/msg || :
+    sleep 6
     inside systemctl --no-block start poweroff.target
     check "an idle system shuts down within 15 s" await 15 is_over
     check "the service asked for no reboot then" fails grep -q reboot "$kept/commands"
