@@ -4,9 +4,10 @@
 // it in "NAME.part.from", for a moment in "NAME.part.from.new". A download that was interrupted in
 // any way goes on behind the bytes that are there, which are read once to be hashed, when the
 // server still has the same file (Range and If-Range, RFC 9110 chapters 14 and 13.1.5), else it
-// starts anew. Bytes are flushed at each MiB, and when the call returns: a loss of power costs one
-// MiB at most. The finished file is flushed, renamed to NAME and the rename flushed too: a NAME is
-// whole and has the announced digest.
+// starts anew. Bytes are flushed at each MiB, and when the call returns: a power cut costs less
+// than two MiB, the last whole one of which may have been flushed or not. The finished file is
+// flushed, renamed to NAME and the rename flushed too: a NAME is whole and has the announced
+// digest.
 #ifndef AGENT_DOWNLOAD_H
 #define AGENT_DOWNLOAD_H
 

@@ -136,7 +136,7 @@ AgentStatus no_card(const PackageFolder& place) {
 // Makes the folder of this path in one that is there.
 AgentStatus make_one(const PackageFolder& place, const std::string& path) {
     const std::string above = parent_of(path);
-    const corvo::UniqueFd parent(corvo::open_without_links(above.c_str(), O_PATH | O_DIRECTORY));
+    const corvo::UniqueFd parent(corvo::open_without_links(above.c_str(), O_RDONLY | O_DIRECTORY));
     if (!parent.valid()) {
         return folder_fault("open", above);
     }
@@ -144,9 +144,11 @@ AgentStatus make_one(const PackageFolder& place, const std::string& path) {
         return no_card(place);
     }
     const char* const name = path.c_str() + path.rfind('/') + 1;
-    return mkdirat(parent.get(), name, FOLDER_MODE) == 0 || errno == EEXIST
-               ? AgentStatus{}
-               : medium_fault("make", path);
+    if (mkdirat(parent.get(), name, FOLDER_MODE) != 0) {
+        return errno == EEXIST ? AgentStatus{} : medium_fault("make", path);
+    }
+    // What will be flushed in it is lost with its name.
+    return fsync(parent.get()) == 0 ? AgentStatus{} : medium_fault("flush", above);
 }
 
 bool remove_tree(int folder, const char* name, int depth) {

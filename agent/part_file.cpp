@@ -238,8 +238,13 @@ AgentStatus put_in_place(PartFile& part) {
                  part.file.name.c_str()) != 0) {
         return medium_fault("rename", path);
     }
-    remove_part(part);
-    return flush_folder(part.folder);
+    // The record goes last: a power cut that undoes the rename must find it, or every byte is
+    // fetched again.
+    AgentStatus status = flush_folder(part.folder);
+    if (status.ok()) {
+        remove_part(part);
+    }
+    return status;
 }
 
 void remove_part(const PartFile& part) {

@@ -80,8 +80,16 @@ AgentStatus put_aside(const std::string& path) {
 AgentStatus make_folder(const std::string& path) {
     for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (mkdir(folder.c_str(), FOLDER_MODE) != 0 && errno != EEXIST) {
-            return medium_fault("make", folder);
+        if (mkdir(folder.c_str(), FOLDER_MODE) != 0) {
+            if (errno != EEXIST) {
+                return medium_fault("make", folder);
+            }
+            continue;
+        }
+        // What will be flushed in it is lost with its name.
+        AgentStatus status = flush_folder_of(folder);
+        if (!status.ok()) {
+            return status;
         }
     }
     struct stat status = {};

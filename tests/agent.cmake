@@ -20,7 +20,8 @@ foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync f
   target_link_options(corvo_agent_with_cuts PRIVATE -Wl,--wrap=${symbol})
 endforeach()
 
-corvo_test(agent_action_test SOURCES agent_action_test.cpp LINK test_camera played_server TIMEOUT 600)
+corvo_test(agent_action_test SOURCES agent_action_test.cpp support/forgetful_storage.cpp
+           LINK agent_parts test_camera played_server TIMEOUT 600)
 target_compile_definitions(agent_action_test PRIVATE
   AGENT_WITH_CUTS="$<TARGET_FILE:corvo_agent_with_cuts>"
   PROGRAMS="$<TARGET_FILE_DIR:otactl>")

@@ -13,10 +13,15 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
+#include "agent/action.h"
+#include "agent/consent.h"
+#include "agent/part_file.h"
 #include "camera.h"
 #include "files.h"
+#include "forgetful_storage.h"
 #include "ota/ota_data.h"
 #include "played_server.h"
 #include "stride.h"
@@ -37,6 +42,9 @@ const std::string PACKAGES = "/run/packages/";
 const std::vector<std::string> FILES = {"package.manifest", "package.manifest.sig", "kernel.bin",
                                         "rootfs.img"};
 constexpr char ID[] = "11";
+constexpr char OLD_TAG[] = "\"old\"";
+constexpr char TRACE[] = "/run/storage.trace";
+const std::vector<std::string> FOLDERS = {STATE_FOLDER, AGENT_FOLDER};
 
 bool g_switches = true;  // whether the boot environment does what it is told
 
@@ -62,6 +70,7 @@ int shell(const std::string& command) {
 // Keys, and one package in every form that a row names: made once.
 void make_packages() {
     write_file("/run/images/kernel.bin", KERNEL);
+    write_file("/run/large/kernel.bin", pattern_bytes(2500000, 3));
     write_file("/run/images/rootfs.img", ROOTFS);
     ASSERT_EQ(0, shell("sh " TEXTS "support/agent_packages.sh " TEXTS "../scripts/make_pki"));
 }
@@ -73,20 +82,20 @@ PlayedAction make_action(const std::string& kind) {
         names = {"all.manifest", "all.manifest.sig", "all.pkg"};
     } else if (kind == "unsigned") {
         names.erase(names.begin() + 1);
-    } else if (kind == "too-little") {
+    } else if (kind == "too-little" || kind == "large") {
         names.pop_back();
     } else if (kind == "two-manifests") {
         names.insert(names.end(), {"all.manifest", "all.manifest.sig"});
     } else if (kind == "too-much") {
         names.emplace_back("all.pkg");
     }
-    const bool waits =
-        kind == "download-only" || kind == "outside-window" || kind == "changed-early";
+    const bool waits = kind == "download-only" || kind == "large" || kind == "outside-window" ||
+                       kind == "changed-early";
     action.update = waits ? "skip" : kind == "attempt" ? "attempt" : "forced";
-    action.window = waits && kind != "download-only" ? "unavailable" : "";
+    action.window = waits && kind != "download-only" && kind != "large" ? "unavailable" : "";
     action.consent = kind == "consent";
     const std::string folder =
-        PACKAGES + (kind == "older" || kind == "foreign" ? kind : "files") + "/";
+        PACKAGES + (kind == "older" || kind == "foreign" || kind == "large" ? kind : "files") + "/";
     for (const std::string& name : names) {
         action.files.push_back({name, read_file(folder + name)});
     }
@@ -135,9 +144,16 @@ class World {
     [[nodiscard]] bool agent_was_cut() const { return cut_; }
 
     // Power off and on.
-    void restart() {
+    void restart(int lostAt = -1) {
         stop_agent();
         stop_service();
+        observe_storage();
+        if (storage_) {
+            if (lostAt >= 0) {
+                lose_power(static_cast<size_t>(lostAt));
+            }
+            storage_.emplace(FOLDERS);
+        }
         write_file(PLAYED_BOOT_ID, std::to_string(++boots_) + "\n");
         if (contains(mode_, "switched-back")) {
             write_file(SLOT, "A\n");
@@ -181,6 +197,14 @@ class World {
         }
     }
 
+    // From now on a power cut takes what the agent has not flushed. `observer` is called before
+    // each operation of the agent, after each life.
+    void watch_storage(ForgetfulStorage::Observer observer) {
+        observer_ = std::move(observer);
+        storage_.emplace(FOLDERS);
+    }
+    [[nodiscard]] const ForgetfulStorage& storage() const { return *storage_; }
+
     // What the operator does when the server has been asked so often.
     void when_asked(size_t requests, std::function<void(PlayedServer&)> act) {
         actAt_ = requests;
@@ -208,9 +232,10 @@ class World {
         cut_ = !restarts && WIFSIGNALED(status);
         if (!restarts) {
             agent_ = -1;
+            observe_storage();
         }
         if (restarts || (cut_ && powerGoesToo)) {
-            restart();
+            restart(cut_ ? cutAt : -1);
             return -1;
         }
         EXPECT_NE(64, WIFEXITED(status) ? WEXITSTATUS(status) : -1) << "settings";
@@ -255,7 +280,9 @@ class World {
             const int log = open("/run/agent.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(log, STDOUT_FILENO);
             dup2(log, STDERR_FILENO);
-            execl(AGENT_WITH_CUTS, AGENT_WITH_CUTS, "once", nullptr);
+            const std::string before = storage_ ? ForgetfulStorage::tracer(TRACE) : "";
+            execl("/bin/sh", "sh", "-c", ("exec " + before + AGENT_WITH_CUTS " once").c_str(),
+                  nullptr);
             _exit(127);
         }
     }
@@ -266,6 +293,28 @@ class World {
             waitpid(agent_, nullptr, 0);
             agent_ = -1;
         }
+    }
+
+    void observe_storage() {
+        if (std::filesystem::exists(TRACE)) {
+            storage_->replay(TRACE, observer_);
+        }
+    }
+
+    // Leaves of the agent's folders what a power cut can leave: every second time only what was
+    // flushed, else one of the other states.
+    void lose_power(size_t choice) {
+        const std::vector<ForgetfulStorage::State> states = storage_->states();
+        ForgetfulStorage::State left = states[choice % 2 == 0 ? 0 : choice / 2 % states.size()];
+        for (const auto& [path, content] : states.back()) {
+            if (!std::filesystem::exists(path)) {
+                left.erase(path);  // the service has removed it
+            }
+        }
+        for (const std::string& folder : FOLDERS) {
+            std::filesystem::remove_all(folder);
+        }
+        put_state(left, "");
     }
 
     [[nodiscard]] bool service_has_ended() const {
@@ -306,6 +355,8 @@ class World {
     bool cut_ = false;
     int boots_ = 0;
     int posted_ = 0;
+    std::optional<ForgetfulStorage> storage_;
+    ForgetfulStorage::Observer observer_;
     size_t actAt_ = 0;
     std::function<void(PlayedServer&)> act_;
 };
@@ -396,18 +447,203 @@ void sweep(const std::function<bool(World& world, int place)>& cut_at) {
         SCOPED_TRACE(place);
         World world("good", "files");
         cut = cut_at(world, place);
+        const bool decided = world.server().story(ID).starts_with("success");
+        const int posted = world.posted();
         world.live_to_the_end();
+        EXPECT_TRUE(!decided || posted == world.posted()) << "flashed twice";
         cut = cut || world.boots() > 1;  // one of them is the upgrade's own
         world.expect_promise();
         EXPECT_TRUE(world.server().story(ID).starts_with("success"));
     }
 }
 
+// What must hold at every power cut, and whenever the service or the server learns of something.
+class Promise {
+  public:
+    Promise(World& world, const std::string& kernel) : bytes_(kernel), world_(world) {
+        Sha256Stream sha256;
+        sha256.update(bytes_);
+        kernel_ = {.name = NAME, .size = bytes_.size(), .sha256 = sha256.take(), .href = {}};
+        world.watch_storage([this](const std::string& call, const std::string& sent) {
+            if (call == "msgsnd") {
+                expect_flushed_request();
+            } else if (!sent.empty()) {
+                expect_flushed_report(sent);
+            } else {
+                expect_states();
+            }
+        });
+    }
+    [[nodiscard]] const std::string& told() const { return told_; }
+    void expect_cancellation() { begun_ = false; }
+
+  private:
+    static constexpr uint64_t COST_MAX = 2097152;  // bytes
+    static constexpr char NAME[] = "kernel.bin";
+    static constexpr char ROOT[] = "/run/after_power_cut";
+
+    using State = ForgetfulStorage::State;
+
+    static State begins_with(const std::string& folder, State state) {
+        std::erase_if(state, [&](const auto& file) { return !file.first.starts_with(folder); });
+        state.erase(STATE_FOLDER + "lock");
+        return state;
+    }
+
+    ActionRecord flushed_action() {
+        const std::vector<State> states = world_.storage().states();
+        EXPECT_EQ(begins_with(STATE_FOLDER, states.front()),
+                  begins_with(STATE_FOLDER, states.back()));
+        return load(states.front());
+    }
+
+    // Everything that can be loaded is what was stored.
+    ActionRecord load(const State& state) {
+        std::filesystem::remove_all(ROOT);
+        put_state(state, ROOT);
+        ActionRecord action;
+        EXPECT_EQ("", load_action(ROOT + STATE_FOLDER, action).text);
+        history_.clear();
+        confirmed_ = false;
+        EXPECT_EQ("", load_history(ROOT + STATE_FOLDER, history_).text);
+        const AgentStatus consent = find_consent(ROOT + STATE_FOLDER, ID, confirmed_);
+        EXPECT_TRUE(consent.ok() || consent.result == AGENT_GONE) << consent.text;
+        return action;
+    }
+
+    void expect_flushed_request() {
+        const ActionRecord action = flushed_action();
+        EXPECT_EQ(ACTION_COMMITTED, action.stage);
+        const std::vector<State> states = world_.storage().states();
+        for (const OfferedFile& file : action.files) {
+            const std::string path = AGENT_FOLDER + file.name;
+            EXPECT_TRUE(states.front().contains(path) &&
+                        states.front().at(path) == states.back().at(path))
+                << path << " is not flushed";
+        }
+        told_ += " post";
+    }
+
+    void expect_flushed_report(const std::string& request) {
+        if (!request.starts_with("POST ")) {
+            return;
+        }
+        const ActionRecord action = flushed_action();
+        told_ += contains(request, "\"closed\"") ? " closed" : "";
+        EXPECT_TRUE(confirmed_ || !contains(request, "/confirmationBase/"));
+        if (!contains(request, "/deploymentBase/")) {
+            return;
+        }
+        EXPECT_TRUE(contains(request, "/deploymentBase/" + action.id + "/")) << request;
+        EXPECT_EQ(contains(request, "\"closed\""), action.stage == ACTION_VERDICT) << request;
+        EXPECT_EQ(contains(request, "\"success\""), action.succeeded) << request;
+        EXPECT_EQ(contains(request, "\"downloaded\""), action.downloadOnly) << request;
+        begun_ = true;
+    }
+
+    void expect_states() {
+        const std::vector<State> states = world_.storage().states();
+        if (std::exchange(boots_, world_.boots()) != world_.boots()) {
+            there_.clear();  // the service may have removed what it has written
+        }
+        there_.insert(states.back().begin(), states.back().end());
+        for (const State& state : states) {
+            if (!testing::Test::HasFailure()) {
+                expect_recovery(state, states.back());
+            }
+        }
+    }
+
+    void expect_recovery(const State& state, const State& written) {
+        const ActionRecord action = load(state);
+        EXPECT_TRUE(!begun_ || action.id == ID ||
+                    std::ranges::find(history_, ID, &HistoryEntry::id) != history_.end())
+            << "the action is forgotten";
+        if (action.stage > ACTION_DOWNLOADING && action.stage < ACTION_VERDICT) {
+            for (const OfferedFile& file : action.files) {
+                const std::string path = AGENT_FOLDER + file.name;
+                EXPECT_TRUE(state.contains(path) || !there_.contains(path)) << path << " is lost";
+            }
+        }
+        if (const auto whole = state.find(AGENT_FOLDER + NAME); whole != state.end()) {
+            EXPECT_TRUE(whole->second == bytes_) << NAME << " is not whole";
+        } else if (state.contains(AGENT_FOLDER)) {
+            expect_part(written);
+        }
+    }
+
+    // Whatever NAME.part vouches for came with its entity tag, and less than two MiB come again.
+    void expect_part(const State& written) {
+        OpenFolder folder;
+        EXPECT_EQ("", open_folder({.path = ROOT + AGENT_FOLDER}, folder).text);
+        PartFile part = {.file = kernel_, .content = nullptr, .folder = folder, .stop = stop_};
+        EXPECT_EQ("", open_part(part).text);
+        std::string expected = bytes_.substr(0, part.position);
+        if (part.record.entityTag == OLD_TAG && part.position > 0) {
+            expected[0] ^= 1;
+        }
+        const std::string path = AGENT_FOLDER + NAME + ".part";
+        EXPECT_TRUE(expected == read_file(ROOT + path)) << "other bytes of " << part.position;
+        for (const std::string& name : {path, AGENT_FOLDER + NAME}) {
+            if (written.contains(name)) {
+                EXPECT_GE(part.position + COST_MAX, written.at(name).size()) << "are fetched again";
+            }
+        }
+    }
+
+    const std::string bytes_;
+    DdiFile kernel_;
+    std::atomic<bool> stop_ = false;
+    World& world_;
+    State there_;
+    std::vector<HistoryEntry> history_;
+    bool confirmed_ = false;
+    int boots_ = 0;
+    bool begun_ = false;
+    std::string told_;
+};
+
 // The agent dies, or the power goes, at every change that it makes outside of itself.
 bool cut_agent(World& world, int place, bool powerGoesToo) {
+    if (powerGoesToo) {
+        world.watch_storage([](const std::string& /*call*/, const std::string& /*sent*/) {});
+    }
     world.start_service();
     world.live(place, powerGoesToo);
     return world.agent_was_cut();
+}
+
+// Every state that a power cut can leave at each step of the agent.
+TEST(Action, IsKeptWhateverAPowerCutForgets) {
+    struct Row {
+        std::string camera, action, faults, told;
+    };
+    const std::string old = std::string("; file:3 tag ") + OLD_TAG;
+    for (const auto& [camera, action, faults, told] : std::vector<Row>{
+             {"good", "files", "", " post closed"},
+             {"service-dies", "files", "", " post post post closed"},
+             {"agrees", "consent", "", " post closed"},
+             {"good", "outside-window", "", " closed"},  // the cancellation is
+             // The second answer is another one, and comes in two parts.
+             {"good", "large", "file:3 flip 0; file:3 cut 1500000; file:4 cut 2200000" + old, ""},
+         }) {
+        SCOPED_TRACE(camera + " " + action);
+        World world(camera, action);
+        Promise promise(world,
+                        action == "large" ? read_file(PACKAGES + "large/kernel.bin") : KERNEL);
+        std::filesystem::resize_file("/dev/block/by-name/kernel", 3000000);
+        world.server().misbehave(faults);
+        world.start_service();
+        if (action == "consent") {
+            EXPECT_EQ(0, world.live());
+            EXPECT_EQ(0, shell(ForgetfulStorage::tracer(TRACE) + "corvo_agent confirm"));
+        }
+        world.live_to_the_end();
+        promise.expect_cancellation();
+        world.server().cancel(ID);
+        world.live();
+        EXPECT_EQ(told, promise.told()) << world.server().story(ID);
+    }
 }
 
 TEST(Action, SurvivesTheAgentsDeathAtEveryStep) {

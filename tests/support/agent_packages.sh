@@ -4,8 +4,8 @@ set -e
 [ ! -d /run/packages ] || exit 0
 "$1" /run/pki > /dev/null
 "$1" /run/foreign > /dev/null
-pack() { # NAME VERSION KEYS
-    cp -r /run/images /run/packages/$1
+pack() { # NAME VERSION KEYS [IMAGES]
+    cp -r ${4:-/run/images} /run/packages/$1
     set -- /run/packages/$1 --compatible R5C20 --version $2 --key $3/signer.key \
         --certificate $3/signer.pem --intermediate $3/authority.pem
     otactl pack files --dir "$@" > /dev/null
@@ -18,3 +18,4 @@ mkdir /run/packages
 pack files 2.0 /run/pki
 pack older 1.8 /run/pki
 pack foreign 2.0 /run/foreign
+pack large 2.0 /run/pki /run/large
