@@ -27,3 +27,9 @@ if(NOT CORVO_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_dependencies(package_test otactl_short_of_memory)
 endif()
 add_dependencies(package_test otactl otactl_with_faults)
+
+if(NOT CMAKE_CROSSCOMPILING)  # nothing emulated can be traced
+  corvo_test(otactl_storage_test SOURCES otactl_storage_test.cpp support/forgetful_storage.cpp LINK)
+  target_compile_definitions(otactl_storage_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:otactl>")
+  add_dependencies(otactl_storage_test otactl)
+endif()
