@@ -114,8 +114,8 @@ bool is_on_a_card(const PackageFolder& place, int folder) {
            });
 }
 
-// The same for a folder that does not exist: where it would be. Of what cannot be opened for another
-// reason that reason is reported, not the card.
+// The same for a folder that does not exist: where it would be. Of what cannot be opened for
+// another reason that reason is reported, not the card.
 bool is_below_a_card(const PackageFolder& place) {
     for (std::string path = parent_of(place.path); !path.empty(); path = parent_of(path)) {
         const corvo::UniqueFd folder(corvo::open_without_links(path.c_str(), O_PATH));

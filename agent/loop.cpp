@@ -62,16 +62,25 @@ int exit_status(const AgentStatus& status, bool actionFailed) {
 // One that was held through a sleep may be another folder's: settings change.
 bool is_open_file(const corvo::UniqueFd& file, const std::string& path) {
     struct stat open = {}, named = {};
-    return file.valid() && fstat(file.get(), &open) == 0 && stat(path.c_str(), &named) == 0 &&
+    return file.valid() && fstat(file.get(), &open) == 0 && lstat(path.c_str(), &named) == 0 &&
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 AgentStatus lock_state(const std::string& folder, corvo::UniqueFd& lock) {
     AgentStatus status = make_folder(folder);
-    if (!status.ok() || is_open_file(lock, folder + LOCK_FILE)) {
+    if (!status.ok()) {
         return status;
     }
-    lock.reset(open((folder + LOCK_FILE).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, LOCK_MODE));
+    const std::string others = folder_open_to_others(folder);
+    if (!others.empty()) {
+        return agent_fault(AGENT_MEDIUM, folder + ": others can write to " + others);
+    }
+    if (!is_open_file(lock, folder + LOCK_FILE)) {
+        // This may be root, and the folder another user's.
+        lock.reset(open((folder + LOCK_FILE).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                        LOCK_MODE));
+    }
+    // One that is held already stays so.
     if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;
         lock.reset();

@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 
@@ -21,7 +22,8 @@ namespace {
 
 constexpr char SELF[] = "/proc/self/exe";
 constexpr char OWN_DESCRIPTORS[] = "/proc/self/fd";
-// The number of the lock's descriptor, for the program that the sleeper starts; -1: none is held.
+// "PROCESS DESCRIPTOR" of the lock, for the program that the sleeper starts; -1: none is held. The
+// process is the same, so that a variable that somebody else's shell has speaks of another one.
 constexpr char LOCK_VARIABLE[] = "CORVO_AGENT_LOCK";
 
 std::atomic<bool> g_stop;
@@ -102,7 +104,9 @@ void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
         if (process.lock.valid()) {
             fcntl(process.lock.get(), F_SETFD, 0);
         }
-        setenv(LOCK_VARIABLE, std::to_string(process.lock.get()).c_str(), 1);
+        const std::string lock =
+            std::to_string(getpid()) + ' ' + std::to_string(process.lock.get());
+        setenv(LOCK_VARIABLE, lock.c_str(), 1);
         execv(sleeper.c_str(), arguments.data());
         unsetenv(LOCK_VARIABLE);
         if (process.lock.valid()) {
@@ -115,14 +119,15 @@ void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
 AgentProcess wake_up(char** arguments) {
     AgentProcess process = {.arguments = arguments, .lock = {}, .slept = false};
     const char* const lock = getenv(LOCK_VARIABLE);
-    if (lock != nullptr) {
+    int sleeper = 0;
+    int fd = -1;
+    if (lock != nullptr && sscanf(lock, "%d %d", &sleeper, &fd) == 2 && sleeper == getpid()) {
         process.slept = true;
         // A number that is not an open descriptor's holds nothing.
-        const int fd = atoi(lock);
         if (fd > STDERR_FILENO && fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
             process.lock.reset(fd);
         }
-        unsetenv(LOCK_VARIABLE);
     }
+    unsetenv(LOCK_VARIABLE);
     return process;
 }

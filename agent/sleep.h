@@ -31,7 +31,8 @@ bool sleep_inside(uint32_t milliseconds);
 // there is no such program or it cannot be started, or when the agent is to end.
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds);
 
-// Looks once, at the program's start, whether the sleeper has started it.
+// Looks once, at the program's start, whether the sleeper has started it. What the environment says
+// of a sleep of another process is ignored, and so is the descriptor that it names.
 AgentProcess wake_up(char** arguments);
 
 #endif  // AGENT_SLEEP_H

@@ -7,12 +7,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <sstream>
+
 #include "agent/consent.h"
 #include "agent/json_text.h"
 #include "agent/steps.h"
 #include "agent/stored_file.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
+#include "error_line.h"
 #include "package/files.h"
 #include "package/signature.h"
 
@@ -38,7 +41,7 @@ int64_t number_of(const Json& json, const char* name) {
 // What the last agent published; an empty object when there is nothing.
 Json published() {
     std::string text;
-    if (!read_small_file(RUN_FILE, RUN_FILE_SIZE_MAX, FileKind::REGULAR, text).ok()) {
+    if (!read_small_file(RUN_FILE, RUN_FILE_SIZE_MAX, FileKind::NOT_A_LINK, text).ok()) {
         return Json::object();
     }
     Json json = json_from(text);
@@ -64,47 +67,56 @@ Json history_json(const std::vector<HistoryEntry>& history) {
             {"told", last.told}, {"words", last.words},     {"time", last.time}};
 }
 
+// Whoever wrote a record, a terminal gets text and nothing else.
+void print_line(const std::string& name, const std::string& text) {
+    printf("%-10s %s\n", printable(name).c_str(), printable(text).c_str());
+}
+
+void print_json(const Json& status) {
+    std::istringstream lines(text_of_json(status, 2));
+    for (std::string line; std::getline(lines, line);) {
+        printf("%s\n", printable(line).c_str());
+    }
+}
+
 void print_words(const AgentSettings& settings, const Json& status) {
-    printf("server     %s, as %s\n",
-           settings.server.url.empty() ? "not set" : settings.server.url.c_str(),
-           settings.server.controllerId.c_str());
+    const ServerSettings& server = settings.server;
+    print_line("server",
+               (server.url.empty() ? "not set" : server.url) + ", as " + server.controllerId);
     for (const auto& [name, value] : status["running"].items()) {
-        printf("%-10s %s\n", name.c_str(), value.get<std::string>().c_str());
+        print_line(name, value.get<std::string>());
     }
     const Json& action = status["action"];
-    if (action.is_null()) {
-        printf("in hand    nothing\n");
-    } else {
-        printf("in hand    action %s, %s%s\n", text_of(action, "id").c_str(),
-               text_of(action, "stage").c_str(),
-               number_of(action, "attempts") > 1 ? ", not the first request" : "");
-    }
+    print_line("in hand",
+               action.is_null()
+                   ? "nothing"
+                   : "action " + text_of(action, "id") + ", " + text_of(action, "stage") +
+                         (number_of(action, "attempts") > 1 ? ", not the first request" : ""));
     const std::string downloaded = text_of(status, "downloaded");
     if (!downloaded.empty()) {
-        printf("downloaded action %s, not to be installed yet\n", downloaded.c_str());
+        print_line("downloaded", "action " + downloaded + ", not to be installed yet");
     }
     const std::string card = text_of(status, "card");
     if (!card.empty()) {
-        printf("card       %s\n", card.c_str());
+        print_line("card", card);
     }
     const std::string waits = text_of(status["waits"], "for");
     if (!waits.empty()) {
-        printf("waits      action %s, for %s\n", text_of(status["waits"], "id").c_str(),
-               waits.c_str());
+        print_line("waits", "action " + text_of(status["waits"], "id") + ", for " + waits);
     }
     const Json& poll = status["poll"];
     if (number_of(poll, "time") != 0) {
         const std::string trouble = text_of(poll, "trouble");
-        printf("last poll  %s, %s\n", time_text(number_of(poll, "time")).c_str(),
-               trouble.empty() ? "well" : trouble.c_str());
+        print_line("last poll", time_text(number_of(poll, "time")) + ", " +
+                                    (trouble.empty() ? "well" : trouble));
     }
     const Json& last = status["last"];
     if (!last.is_null()) {
-        printf("last       action %s, version %s, %s: %s%s\n", text_of(last, "id").c_str(),
-               text_of(last, "version").c_str(),
-               last["succeeded"].get<bool>() ? "success" : "failure",
-               text_of(last, "words").c_str(),
-               last["told"].get<bool>() ? "" : " (not delivered to the server)");
+        print_line("last", "action " + text_of(last, "id") + ", version " +
+                               text_of(last, "version") +
+                               (last["succeeded"].get<bool>() ? ", success: " : ", failure: ") +
+                               text_of(last, "words") +
+                               (last["told"].get<bool>() ? "" : " (not delivered to the server)"));
     }
 }
 
@@ -140,11 +152,15 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     if (!loaded.ok()) {
         return loaded;
     }
-    Json status = published();
-    if (!status["waits"].is_object() || !status["poll"].is_object()) {
-        status = {{"waits", Json::object()}, {"poll", Json::object()}};
-    }
-    status.erase("pid");
+    // What is known of the agent's file, whoever wrote it, and no more.
+    const Json file = published();
+    const Json waits = file.value("waits", Json());
+    const Json poll = file.value("poll", Json());
+    Json status = {{"waits", {{"id", text_of(waits, "id")}, {"for", text_of(waits, "for")}}},
+                   {"poll",
+                    {{"time", number_of(poll, "time")},
+                     {"result", number_of(poll, "result")},
+                     {"trouble", text_of(poll, "trouble")}}}};
     status["action"] = action_json(action);
     // It has ended, and its files are kept for an action that installs them.
     status["downloaded"] = action.downloadOnly ? Json(action.id) : Json(nullptr);
@@ -159,7 +175,7 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     const AgentStatus card = open_folder(package_folder(settings), folder);
     status["card"] = card.result == AGENT_NO_CARD ? card.text : "";
     if (json) {
-        printf("%s\n", text_of_json(status, 2).c_str());
+        print_json(status);
     } else {
         print_words(settings, status);
     }

@@ -69,10 +69,7 @@ void say(const Agent& agent, const std::string& text) {
 }
 
 void log_action(const std::string& id, const std::string& text) {
-    std::string line = id.empty() ? text : "action " + id + ": " + text;
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    printf("%s\n", line.c_str());
+    printf("%s\n", printable(id.empty() ? text : "action " + id + ": " + text).c_str());
     fflush(stdout);
 }
 

@@ -59,7 +59,7 @@ AgentStatus load_file(const std::string& path, size_t limit, std::string& conten
                                                         ? " is too large for what this agent writes"
                                                         : " is not a file"));
     }
-    const PackageStatus read = read_small_file(path, limit, FileKind::REGULAR, content);
+    const PackageStatus read = read_small_file(path, limit, FileKind::NOT_A_LINK, content);
     return read.ok() ? AgentStatus{} : agent_fault(AGENT_MEDIUM, read.text);
 }
 

@@ -1,12 +1,48 @@
 #include "error_line.h"
 
+#include <stddef.h>
 #include <stdio.h>
 
 #include <algorithm>
 
-void print_error(const char* program, std::string message) {
-    std::replace_if(
-        message.begin(), message.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    message.erase(message.find_last_not_of(' ') + 1);
-    fprintf(stderr, "%s: %s\n", program, message.c_str());
+namespace {
+
+// Bytes of the UTF-8 character that begins there; 0: none does.
+size_t character_size(const std::string& text, size_t begin) {
+    const auto lead = static_cast<unsigned char>(text[begin]);
+    const size_t size = lead < 0x80   ? 1
+                        : lead < 0xc2 ? 0
+                        : lead < 0xe0 ? 2
+                        : lead < 0xf0 ? 3
+                        : lead < 0xf5 ? 4
+                                      : 0;
+    const std::string rest = text.substr(begin, size);
+    const bool whole = rest.size() == size && std::all_of(rest.begin() + 1, rest.end(), [](char c) {
+                           return (static_cast<unsigned char>(c) & 0xc0U) == 0x80;
+                       });
+    return size > 0 && whole ? size : 0;
+}
+
+bool is_control(const std::string& text, size_t begin) {
+    const auto lead = static_cast<unsigned char>(text[begin]);
+    return lead < 0x20 || lead == 0x7f ||
+           (lead == 0xc2 && static_cast<unsigned char>(text[begin + 1]) < 0xa0);
+}
+
+}  // namespace
+
+std::string printable(const std::string& text) {
+    std::string line;
+    for (size_t begin = 0; begin < text.size();) {
+        const size_t size = character_size(text, begin);
+        line += size == 0 ? "?" : is_control(text, begin) ? " " : text.substr(begin, size);
+        begin += std::max<size_t>(size, 1);
+    }
+    return line;
+}
+
+void print_error(const char* program, const std::string& message) {
+    std::string line = printable(message);
+    line.erase(line.find_last_not_of(' ') + 1);
+    fprintf(stderr, "%s: %s\n", program, line.c_str());
 }

@@ -17,7 +17,6 @@ case $1 in
         done
         ;;
     *open-folder*) mkdir -p $folder/agent && chmod 777 $folder/agent ;;
-    *open-state*) mkdir -p /config/agent && chmod 770 /config/agent && chgrp 990 /config/agent ;;
 esac
 case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/file && ln -s /run/elsewhere $folder/agent ;; esac
 # "state NAME KIND": what lies in the state folder instead of a file that the agent has written.
