@@ -2,6 +2,7 @@
 // files that are others. Cases are data.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -256,12 +257,13 @@ std::string repeated(const std::string& piece) {
 
 // An answer as large as any costs a moment, whatever it is made of: a signal could not end it.
 TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
+    constexpr rlimit CPU_LIMIT = {.rlim_cur = 10, .rlim_max = 10};  // seconds
     for (const std::string& text :
          {R"({"a":[)" + repeated("{},") + "{}]}", R"({"a":[)" + repeated("[],") + "[]]}",
           "{" + repeated("\"a\":["), R"({"a":")" + repeated("\\\"[") + "\"}"}) {
         EXPECT_EXIT(
             {
-                alarm(10);
+                setrlimit(RLIMIT_CPU, &CPU_LIMIT);
                 DdiPoll poll;
                 (void)parse_poll(text, poll);
                 _exit(0);
