@@ -40,7 +40,7 @@ cmake_path(GET otactl_script PARENT_PATH otactl_folder)
 cmake_path(GET otactl_with_faults_script PARENT_PATH otactl_with_faults_folder)
 cmake_path(GET hal_tool_script PARENT_PATH hal_tool_folder)
 set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
-  "PROGRAMS=\"${hal_tool_folder}:${otactl_folder}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
+  "PROGRAMS=\"${hal_tool_folder}:${otactl_folder}:${otactl_with_faults_folder}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
 if(CORVO_BUILD_AGENT)
   emulated_script(corvo_agent agent_script)
   cmake_path(GET agent_script PARENT_PATH agent_folder)
