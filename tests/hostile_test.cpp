@@ -81,6 +81,9 @@ TEST_F(Hostile, MessageTooLongForARequestIsNotTaken) {
     ASSERT_EQ(msgsnd(Camera::queue(), &tooLong, sizeof(tooLong.text), 0), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     ASSERT_EQ(msgrcv(Camera::queue(), &tooLong, sizeof(tooLong.text), 0, 0), 521);
+    msqid_ds status = {};
+    EXPECT_EQ(msgctl(Camera::queue(), IPC_STAT, &status), 0);
+    EXPECT_EQ(status.msg_perm.mode, 0666) << "others post";
     upgrade([] {});
 }
 

@@ -96,8 +96,8 @@ TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
     }
 }
 
-// Almost 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to ask
-// again. All times are a tenth.
+// Almost 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to
+// ask again. All times are a tenth.
 TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
     camera.start({{"pthread_cond_timedwait", -1, SHORT, 1200}});
     camera.wait_for("ota wait for ota message");

@@ -5,6 +5,7 @@
 #include <sys/msg.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +31,9 @@ struct SystemCallDaemon : testing::Test {
         if (pid_ == 0) {
             const rlimit none = {};
             setrlimit(RLIMIT_CORE, &none);
+            // As a parent may hand them down.
+            signal(SIGCHLD, SIG_IGN);
+            umask(0);
             execl(SYSTEM_CALL_DAEMON, "system_call_daemon", "--system-limit", limitMs,
                   "--popen-limit", limitMs, nullptr);
             _exit(127);
@@ -42,7 +46,7 @@ struct SystemCallDaemon : testing::Test {
         const auto told = std::chrono::steady_clock::now();
         kill(pid_, SIGTERM);
         waitpid(pid_, &status, 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - told, std::chrono::seconds(30));
+        EXPECT_LT(std::chrono::steady_clock::now() - told, std::chrono::seconds(10));
         EXPECT_EQ(0, status);
         EXPECT_NE(0, access("/tmp/dbus-system.call.daemon", F_OK));
     }
@@ -63,6 +67,7 @@ TEST_F(SystemCallDaemon, RepliesWithExitStatusAndOutputAndCommandsInheritNothing
     EXPECT_EQ(std::string(1024, 'x'), output_of("head -c 300000 /dev/zero | tr '\\0' x"));
     EXPECT_EQ(std::string(1018, 'y') + "\n", output_of("echo " + std::string(1018, 'y')));
     EXPECT_EQ("", output_of("ls -l /proc/self/fd | grep socket"));
+    EXPECT_EQ("0022\n", output_of("umask"));
     EXPECT_EQ("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n",
               output_of("grep -E 'SigBlk|SigIgn' /proc/self/status"));
 }
@@ -185,11 +190,15 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     UPGRADE_LOG("ota kernel failed");
     UPGRADE_LOG("Restart the system");
     EXPECT_TRUE(contains(follower.get(), "kernel: failed (image 5 bytes, partition 3 bytes)"));
-    follower = std::async(std::launch::async, run, send);
+    follower = std::async(std::launch::async, run, "timeout 20 " + send);
     posted(0);
+    UPGRADE_LOG("UPGRADE_LUMO_RECV_MSG");
     UPGRADE_LOG("UPGRADE_LUMO_UGRADE_SUCCESS");
     Corvo_LogProducerUnInit();
+    const auto died = std::chrono::steady_clock::now();
     EXPECT_EQ('2', follower.get()[0]) << "the service died";
+    const auto patience = std::chrono::steady_clock::now() - died;
+    EXPECT_TRUE(patience > std::chrono::seconds(2) && patience < std::chrono::seconds(10));
     msgctl(queue_, IPC_RMID, nullptr);
     EXPECT_EQ('2', run(send)[0]) << "no queue";
 }

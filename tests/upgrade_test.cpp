@@ -1,4 +1,5 @@
 // Whole upgrades by the real program: console, commands, record, partitions and files, exactly.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string.h>
@@ -126,6 +127,8 @@ struct Upgrade : testing::Test {
         expect_console(name, values, outcome.lines);
         EXPECT_EQ(Camera::take_commands(), commands_of(console_lines(name, values)));
 
+        const auto mode = std::filesystem::status(OTA_DATA_PATH).permissions();
+        EXPECT_EQ(mode, std::filesystem::perms(0644)) << "others read the record";
         std::ostringstream text;
         for (const char key :
              std::filesystem::exists(OTA_DATA_PATH) ? read_file(OTA_DATA_PATH) : "") {
@@ -214,6 +217,8 @@ TEST_F(Upgrade, ApplicationsHaveTimeToEndAndLogsToBeReadBeforeTheRestart) {
         EXPECT_FALSE(camera.run(Camera::request(0, {}), {{"sleep", second, CUT}}).ended);
         EXPECT_EQ(Camera::take_commands().back(), last);
     }
+    EXPECT_FALSE(
+        camera.run(Camera::request(0, {}), {{"msgrcv", 1, EINTR}, {"sleep", 5, CUT}}).ended);
 }
 
 TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
