@@ -390,6 +390,13 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(action == "changed-early" ? 0 : -1, world.live());
         world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
     }
+    if (action == "unreachable-later") {
+        EXPECT_EQ(-1, world.live());
+        if (!faults.empty()) {  // it meets the result
+            EXPECT_EQ(1, world.live());
+        }
+        world.server().misbehave("poll status 503");
+    }
     // One answer, or one offer that cannot be read, in each poll.
     const std::string repeated = faults.substr(0, faults.find(' '));
     if (repeated == "answer" || repeated == "word" || repeated == "action") {
