@@ -115,7 +115,7 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
     }
     bool replaced = rename(fresh.c_str(), path.c_str()) == 0;
     if (!replaced && errno == EISDIR) {
-        const AgentStatus aside = put_aside(path);
+        AgentStatus aside = put_aside(path);
         if (!aside.ok()) {
             return aside;
         }
