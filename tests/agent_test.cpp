@@ -44,6 +44,8 @@ const std::map<std::string, std::string> RECORDS = {
     {"begun", std::string("\0\2\0\0\0\3\0", 7)},
     {"half", std::string("\0\1\0\0\0\4\0", 7)},
     {"empty", ""},
+    {"6-bytes", std::string("\0\1\0\0\0\3", 6)},
+    {"8-bytes", std::string("\0\1\0\0\0\3\0\0", 8)},
     {"short", std::string("\0\1\0\0\0", 5)},
 };
 

@@ -166,6 +166,20 @@ TEST_F(SignedPackage, FileThatIsExchangedAfterItsCheckIsFound) {
     }
 }
 
+TEST_F(SignedPackage, FileThatIsChangedDuringItsCheckIsFound) {
+    Manifest manifest;
+    ASSERT_EQ("", read_unsigned_manifest(MANIFEST, manifest).text);
+    bool changed = false;
+    const auto change = [&changed](uint64_t) {
+        changed = run("printf x | dd of=/run/w/kernel.bin conv=notrunc 2> /dev/null") == "0";
+    };
+    CheckedFile checked;
+    EXPECT_EQ("",
+              check_file("/run/w/kernel.bin", package_files(manifest)[0], change, checked).text);
+    EXPECT_TRUE(changed);
+    EXPECT_EQ(PACKAGE_DIFFERENT, check_unchanged(checked).result);
+}
+
 // Between the check and the request otactl waits for somebody who publishes.
 TEST_F(SignedPackage, IsNotPostedWhenAFileWasExchangedMeanwhile) {
     auto sender =
