@@ -15,7 +15,7 @@ add_executable(corvo_agent_with_cuts $<TARGET_OBJECTS:corvo_agent_main> support/
 target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts agent_transport command_line CURL::libcurl)
 set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_cuts)
-foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync fdatasync write pwrite64 msgsnd curl_easy_perform
+foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync fdatasync write pwrite64 msgrcv msgsnd curl_easy_perform
                nanosleep clock_gettime)
   target_link_options(corvo_agent_with_cuts PRIVATE -Wl,--wrap=${symbol})
 endforeach()

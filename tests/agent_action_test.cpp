@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -46,11 +47,13 @@ constexpr char OLD_TAG[] = "\"old\"";
 constexpr char TRACE[] = "/run/storage.trace";
 const std::vector<std::string> FOLDERS = {STATE_FOLDER, AGENT_FOLDER};
 
-bool g_switches = true;  // whether the boot environment does what it is told
+std::atomic<bool> g_delays{false};  // the service's next command, for half a second
+bool g_switches = true;             // whether the boot environment does what it is told
 
 // What the service has the system-call daemon run, as far as this camera has it.
 int32_t run_command(const void* command, uint32_t length, void* out, uint32_t outSize) {
     const std::string text(static_cast<const char*>(command), length);
+    usleep(g_delays.exchange(false) ? 500000 : 0);
     if (text.starts_with("/etc/init.d/S99checkboot system") && g_switches) {
         write_file(SLOT, text.substr(31, 1) + "\n");
     } else if (text.starts_with("echo ")) {
@@ -120,7 +123,7 @@ class World {
   public:
     World(const std::string& camera, const std::string& action)
         : server_({.old = contains(camera, "0.3"),
-                   .sleep = camera == "slow" || camera == "rarely" ? "01:00:00" : "00:00:02"}),
+                   .sleep = camera == "slow" ? "01:00:00" : "00:00:02"}),
           mode_(camera) {
         make_packages();
         g_switches = !contains(camera, "no-switch");
@@ -223,6 +226,7 @@ class World {
             if (++looks == MOUNTED_AFTER_LOOKS) {
                 rename(UNMOUNTED, AGENT_FOLDER.c_str());
             }
+            interfere();
             if (act_ && server_.requests().size() >= actAt_) {
                 std::exchange(act_, nullptr)(server_);
             }
@@ -264,6 +268,10 @@ class World {
                           (read_file(SLOT) == "B\n" || id != ID);
         EXPECT_TRUE(id.empty() || runs == story.starts_with("success")) << story;
         EXPECT_FALSE(std::filesystem::exists(STATE_FOLDER + "action.json")) << story;
+        if (!id.empty() && !story.starts_with("canceled")) {
+            EXPECT_TRUE(
+                contains(read_file(STATE_FOLDER + "history.json"), "\"id\": \"" + id + "\""));
+        }
         EXPECT_EQ("", names_in(AGENT_FOLDER));
         EXPECT_LE(posted_, 3);
     }
@@ -337,6 +345,30 @@ class World {
         counted_ = false;
     }
 
+    // What somebody else does while the agent or its command waits for it.
+    void interfere() {
+        if (std::filesystem::exists("/run/withdraws")) {
+            // The service takes the request, and nothing but the queue says so for a moment.
+            g_delays = true;
+            kill(camera_.pid(), SIGCONT);
+            EXPECT_TRUE(eventually(5000, [] {
+                msqid_ds status = {};
+                return msgctl(Camera::queue(), IPC_STAT, &status) != 0 || status.msg_qnum == 0;
+            }));
+            remove("/run/withdraws");
+        }
+        if (std::filesystem::exists("/run/overtake")) {
+            if (contains(mode_, "begun")) {
+                write_file("/tmp/corvo_upgrade.pid", "999999\n");
+            } else {
+                OtaMessage empty = {};
+                empty.mtype = 1;
+                Camera::post(empty, 0);
+            }
+            remove("/run/overtake");
+        }
+    }
+
     // A queue takes one request; who sent last is how it is known.
     void count_requests() {
         msqid_ds status = {};
@@ -379,7 +411,10 @@ std::string played(const std::string& camera, const std::string& action,
         world.server().change(
             ID, [](PlayedAction& offer) { offer.update = "forced", offer.window = ""; });
     }
-    if (camera == "stuck") {  // and the agent does not know any more what it has posted
+    if (contains(camera, "twice")) {  // before the request, and behind it
+        EXPECT_EQ(-1, world.live(-2));
+    }
+    if (camera.starts_with("stuck")) {  // and the agent does not know any more what it has posted
         EXPECT_EQ(-1, world.live(-1));
     }
     if (action == "cancelled-late") {
@@ -661,6 +696,15 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheAgent) {
     sweep([](World& world, int place) { return cut_agent(world, place, true); });
 }
 
+TEST(Action, SurvivesAPowerCutAtEveryStepAfterTheRestart) {
+    sweep([](World& world, int place) {
+        world.start_service();
+        EXPECT_EQ(-1, world.live());
+        world.live(place, true);
+        return world.agent_was_cut();
+    });
+}
+
 TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
     sweep([](World& world, int place) {
         world.start_service({{.call = "change", .ordinal = place, .effect = CUT}});
@@ -697,6 +741,7 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
     }
 }
 
+constexpr char GATE[] = "/run/gate";  // whose removal a fitness command waits for
 constexpr char LOG[] = "/run/running-agent.log";
 
 // `corvo_agent run` until its end, with its output in LOG.
@@ -743,6 +788,15 @@ class RunningAgent {
     pid_t pid_ = -1;
 };
 
+// Or a power cut in between would have it found out once more, without the files.
+TEST(Action, ResultIsStoredBeforeTheFilesGo) {
+    World world("good", "foreign");
+    EXPECT_EQ(-1, world.live(-3));
+    EXPECT_TRUE(world.agent_was_cut());
+    EXPECT_TRUE(contains(names_in(AGENT_FOLDER), "package.manifest"));
+    EXPECT_TRUE(contains(read_file(STATE_FOLDER + "action.json"), "\"stage\": \"verdict\""));
+}
+
 // Once for each action, not at each poll.
 TEST(Action, WaitForConsentIsLogged) {
     World world("asks", "consent");
@@ -786,7 +840,6 @@ TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
 // The package takes 43 s, the server's interval is an hour. A cancellation while the first image
 // comes spares the second one; without it there is a poll every ten seconds at the most.
 TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
-    constexpr char GATE[] = "/run/gate";  // the fitness command waits for its removal
     for (const bool cancelled : {true, false}) {
         World world("slow", "files");
         world.start_service();
@@ -890,7 +943,7 @@ TEST(Action, TokenIsReadAgainAtSighup) {
 // lock and nothing else, until a signal comes or the time is over; what becomes of its settings
 // meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
-    World world("rarely", "download-only");
+    World world("slow", "download-only");
     PlayedServer& server = world.server();
     RunningAgent agent;
     const std::string process = "/proc/" + std::to_string(agent.pid()) + "/";
@@ -903,7 +956,11 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
                    program == PROGRAMS "/corvo_agent_sleeper";
         });
     };
-    EXPECT_TRUE(sleeps_after(2));
+    // SIGHUP comes before the sleep: it is none, and there is a third poll.
+    EXPECT_TRUE(eventually(5000, [] { return std::filesystem::exists(GATE); }));
+    agent.signal(SIGHUP);
+    remove(GATE);
+    EXPECT_TRUE(sleeps_after(3));
     for (const auto& entry : std::filesystem::directory_iterator(process + "fd")) {
         const std::string file = std::filesystem::read_symlink(entry.path());
         EXPECT_TRUE(entry.path().filename() <= "2" || file == STATE_FOLDER + "lock") << file;
@@ -915,15 +972,15 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
                        "11,' | grep -q 2"));
 
     agent.signal(SIGHUP);
-    EXPECT_TRUE(sleeps_after(3));
+    EXPECT_TRUE(sleeps_after(4));
     const std::string settings = read_file("/etc/corvo/agent.conf");
     write_file("/etc/corvo/agent.conf", settings + "half-written");
     agent.signal(SIGHUP);
     usleep(200000);
-    EXPECT_TRUE(sleeps_after(3));
+    EXPECT_TRUE(sleeps_after(4));
     write_file("/etc/corvo/agent.conf", settings);
     agent.signal(SIGHUP);
-    EXPECT_TRUE(sleeps_after(4));
+    EXPECT_TRUE(sleeps_after(5));
     EXPECT_EQ(1U, server.count("attributes"));
 
     // Whichever of the two programs it is just becoming.

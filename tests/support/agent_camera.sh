@@ -3,7 +3,7 @@
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
-rm -rf /config/agent $folder/agent /run/stop /run/once /run/fitness.pid
+rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/late /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
@@ -37,6 +37,7 @@ case $1 in
         ;;
 esac
 # The service of an upgrade that somebody else has asked for has ended.
+case $1 in stuck*late) touch /run/late ;; esac
 case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
@@ -45,6 +46,7 @@ echo 1.9 > /etc/version
 cat > /camera/bin/fw_printenv << 'end'
 #!/bin/sh
 [ ! -e /run/stop ] || { rm /run/stop && kill -TERM "$(cat /run/agent.pid)" && exit 1; }
+while [ -e /run/overtake ]; do sleep 0.02; done
 cat /run/slot
 end
 chmod 755 /camera/bin/fw_printenv
@@ -66,6 +68,7 @@ chmod 600 /etc/corvo/token
         asks* | agrees* | denies*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
+        overtaken*) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || [ -e /run/once ] || touch /run/once /run/overtake'" ;;
         slow) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/gate; while [ -e /run/gate ]; do sleep 0.02; done"' ;;
         hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;
         hangs-later) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || { echo \$\$ > /run/fitness.pid; exec sleep 600; }'" ;;

@@ -1,12 +1,14 @@
 // Behind the calls of the agent with which it changes the world outside: at the one that CORVO_CUT
 // in the environment counts to, the power goes, before it happens; with -1, right behind the
-// request to the service. A request to the server counts
-// twice, before it is sent and when its answer is there. Waiting costs no time: the clock that
-// nobody sets goes on by itself.
+// request to the service; with -2, right before it; with -3, before a package's manifest is
+// removed. A request to the server counts twice, before it is sent and when its answer is there.
+// Waiting costs no time: the clock that nobody sets goes on by itself.
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/msg.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -24,6 +26,12 @@ std::atomic<long> g_skippedNs{0};
 
 const char* const g_cut = getenv("CORVO_CUT");
 constexpr int BEHIND_THE_REQUEST = -1;
+constexpr int BEFORE_THE_REQUEST = -2;
+constexpr int BEFORE_FILES_GO = -3;
+// While the request is about to be taken back: the first file becomes the second one, whose removal
+// is waited for.
+constexpr char WITHDRAWS_LATE[] = "/run/late";
+constexpr char WITHDRAWS[] = "/run/withdraws";
 
 void pass(int place) {
     if (g_cut != nullptr && place == atoi(g_cut)) {
@@ -51,7 +59,6 @@ CHANGING(int, rename, (const char* from, const char* to), (from, to))
 CHANGING(int, renameat, (int old, const char* from, int folder, const char* to),
          (old, from, folder, to))
 CHANGING(int, unlink, (const char* path), (path))
-CHANGING(int, unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
 CHANGING(int, mkdir, (const char* path, mode_t mode), (path, mode))
 CHANGING(int, mkdirat, (int folder, const char* path, mode_t mode), (folder, path, mode))
 CHANGING(int, ftruncate64, (int fd, off_t size), (fd, size))
@@ -68,9 +75,31 @@ ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off_t at) {
     return __real_pwrite64(fd, data, size, at);
 }
 
+int __real_unlinkat(int folder, const char* path, int flags);
+int __wrap_unlinkat(int folder, const char* path, int flags) {
+    change();
+    if (strcmp(path, "package.manifest") == 0 && faccessat(folder, path, F_OK, 0) == 0) {
+        pass(BEFORE_FILES_GO);
+    }
+    return __real_unlinkat(folder, path, flags);
+}
+
+int __real_nanosleep(const timespec* span, timespec* left);
+ssize_t __real_msgrcv(int id, void* data, size_t size, long type, int flags);
+ssize_t __wrap_msgrcv(int id, void* data, size_t size, long type, int flags) {
+    const timespec span = {.tv_sec = 0, .tv_nsec = NS_PER_S / 100};
+    if (__real_rename(WITHDRAWS_LATE, WITHDRAWS) == 0) {
+        while (access(WITHDRAWS, F_OK) == 0) {
+            __real_nanosleep(&span, nullptr);
+        }
+    }
+    return __real_msgrcv(id, data, size, type, flags);
+}
+
 int __real_msgsnd(int id, const void* data, size_t size, int flags);
 int __wrap_msgsnd(int id, const void* data, size_t size, int flags) {
     change();
+    pass(BEFORE_THE_REQUEST);
     const int result = __real_msgsnd(id, data, size, flags);
     pass(BEHIND_THE_REQUEST);
     return result;
@@ -84,7 +113,6 @@ CURLcode __wrap_curl_easy_perform(CURL* handle) {
     return code;
 }
 
-int __real_nanosleep(const timespec* span, timespec* left);
 int __wrap_nanosleep(const timespec* span, timespec* left) {
     const long all = span->tv_sec * NS_PER_S + span->tv_nsec;
     const timespec hurried = {.tv_sec = 0, .tv_nsec = all / HURRY};
