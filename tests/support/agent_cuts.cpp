@@ -16,7 +16,23 @@
 
 #include <atomic>
 
+#ifdef CORVO_COVERAGE
+extern "C" {
+void __gcov_dump();
+void __gcov_reset();
+}
+#endif
+
 namespace {
+
+// The kernel, or a test, ends this program without its leave: what it has counted until now is
+// kept.
+void keep_counts() {
+#ifdef CORVO_COVERAGE
+    __gcov_dump();
+    __gcov_reset();
+#endif
+}
 
 constexpr long NS_PER_S = 1000000000;
 constexpr long HURRY = 50;
@@ -35,6 +51,7 @@ constexpr char WITHDRAWS[] = "/run/withdraws";
 
 void pass(int place) {
     if (g_cut != nullptr && place == atoi(g_cut)) {
+        keep_counts();
         kill(getpid(), SIGKILL);
         abort();
     }
@@ -117,6 +134,7 @@ int __wrap_nanosleep(const timespec* span, timespec* left) {
     const long all = span->tv_sec * NS_PER_S + span->tv_nsec;
     const timespec hurried = {.tv_sec = 0, .tv_nsec = all / HURRY};
     g_skippedNs += all - hurried.tv_nsec;
+    keep_counts();
     return __real_nanosleep(&hurried, left);
 }
 
