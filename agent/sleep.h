@@ -20,8 +20,8 @@ struct AgentProcess {
 // all of this.
 std::atomic<bool>& catch_signals();
 
-// Sleeps in this process, in one call and without a wake-up before its end but for a signal. Returns
-// whether there was one, since the last sleep or in this one.
+// Sleeps in this process, in one call and without a wake-up before its end but for a signal.
+// Returns whether there was one, since the last sleep or in this one.
 bool sleep_inside(uint32_t milliseconds);
 
 // Sleeps as corvo_agent_sleeper, which lies beside the agent: the same process, that holds no more

@@ -18,8 +18,8 @@ struct UrlParts {
 
 UrlParts url_parts(const std::string& text);
 
-// Where a "Location" leads that came with an answer of `base`, which it may be relative to (RFC 3986
-// chapter 5). What cannot be read as one is returned as it stands, for url_parts() to refuse.
+// Where a "Location" leads that came with an answer of `base`, which it may be relative to (RFC
+// 3986 chapter 5). What cannot be read as one is returned as it stands, for url_parts() to refuse.
 std::string resolved_url(const std::string& base, const std::string& location);
 
 // The URL for people: without the query, which makes a signed link a secret.

@@ -24,8 +24,7 @@ PackageStatus read_signature_of(const std::string& path, FileKind kind, std::str
 }  // namespace
 
 PackageStatus read_signed_file(const std::string& path, size_t limit, const Keyring& keyring,
-                               int64_t now, std::string& content, Signer& signer,
-                               FileKind kind) {
+                               int64_t now, std::string& content, Signer& signer, FileKind kind) {
     std::string signature;
     signer = {};
     PackageStatus status = read_small_file(path, limit, kind, content);

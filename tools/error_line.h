@@ -7,8 +7,8 @@
 
 constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
 
-// The text as one line for a terminal: control characters, those of Unicode's second half too, become
-// spaces, and bytes that are no UTF-8 question marks.
+// The text as one line for a terminal: control characters, those of Unicode's second half too,
+// become spaces, and bytes that are no UTF-8 question marks.
 std::string printable(const std::string& text);
 
 // Prints "PROGRAM: MESSAGE" as one line on standard error, whatever the message contains.
