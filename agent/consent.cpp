@@ -10,12 +10,15 @@ constexpr size_t CONSENT_SIZE_MAX = 4096;  // bytes
 
 }  // namespace
 
-AgentStatus store_consent(const std::string& stateFolder, const std::string& id, bool confirmed) {
-    return store_file(stateFolder + CONSENT_FILE,
-                      text_of_json({{"id", id}, {"confirmed", confirmed}}) + '\n');
+AgentStatus store_consent(const std::string& stateFolder, const std::string& id,
+                          const std::string& offer, bool confirmed) {
+    return store_file(
+        stateFolder + CONSENT_FILE,
+        text_of_json({{"id", id}, {"offer", offer}, {"confirmed", confirmed}}) + '\n');
 }
 
-AgentStatus find_consent(const std::string& stateFolder, const std::string& id, bool& confirmed) {
+AgentStatus find_consent(const std::string& stateFolder, const std::string& id,
+                         const std::string& offer, bool& confirmed) {
     const std::string path = stateFolder + CONSENT_FILE;
     std::string text;
     AgentStatus status = load_file(path, CONSENT_SIZE_MAX, text);
@@ -27,7 +30,7 @@ AgentStatus find_consent(const std::string& stateFolder, const std::string& id, 
         !json["confirmed"].is_boolean()) {
         return agent_fault(AGENT_MALFORMED, path + " is not what this agent writes");
     }
-    if (json["id"] != id) {
+    if (json["id"] != id || json.value("offer", Json()) != offer) {
         return agent_fault(AGENT_GONE, path + " answers for another action");
     }
     confirmed = json["confirmed"].get<bool>();

@@ -81,6 +81,16 @@ bool is_same_offer(const ActionRecord& action, const DdiAction& offer) {
            std::ranges::all_of(offer.files, was_offered);
 }
 
+// Of what a person agrees to: names, sizes and digests of the files, in the server's order.
+std::string offer_digest(const DdiAction& offer) {
+    Sha256Stream stream;
+    for (const DdiFile& file : offer.files) {
+        stream.update(file.name + ' ' + std::to_string(file.size) + ' ' + digest_text(file.sha256) +
+                      '\n');
+    }
+    return digest_text(stream.take());
+}
+
 void take_files(ActionRecord& action, const DdiAction& offer) {
     action.id = offer.id;
     for (const DdiFile& file : offer.files) {
@@ -143,12 +153,13 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
 }
 
 // What was answered on the camera. AGENT_GONE: nobody has answered yet.
-AgentStatus consent_given(const Agent& agent, const std::string& id, bool& confirmed) {
+AgentStatus consent_given(const Agent& agent, const std::string& id, const std::string& digest,
+                          bool& confirmed) {
     if (agent.settings.confirm != "ask") {
         confirmed = true;
         return {};
     }
-    AgentStatus status = find_consent(agent.settings.stateFolder, id, confirmed);
+    AgentStatus status = find_consent(agent.settings.stateFolder, id, digest, confirmed);
     if (status.result != AGENT_MALFORMED) {
         return status;
     }
@@ -168,12 +179,14 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     bool confirmed = false;
-    status = consent_given(agent, offer.id, confirmed);
+    const std::string digest = offer_digest(offer);
+    status = consent_given(agent, offer.id, digest, confirmed);
     if (!status.ok()) {
         agent.waitingFor = WAITS_FOR_CONSENT;
         agent.waitingId = offer.id;
-        if (agent.consentLogged != offer.id) {
-            agent.consentLogged = offer.id;
+        agent.waitingOffer = digest;
+        if (agent.consentLogged != offer.id + digest) {
+            agent.consentLogged = offer.id + digest;
             log_action(offer.id, "waits for consent: corvo_agent confirm or deny");
         }
         return status.result == AGENT_GONE ? AgentStatus{} : status;
@@ -422,6 +435,7 @@ AgentStatus agent_start(Agent& agent) {
 AgentStatus agent_poll(Agent& agent) {
     agent.waitingFor.clear();
     agent.waitingId.clear();
+    agent.waitingOffer.clear();
     agent.answered.clear();
     AgentStatus status;
     bool again = true;

@@ -54,6 +54,7 @@ struct Agent {
     uint32_t sleepS = 0;               // what the server wants between two polls; 0: unknown
     std::string waitingFor;      // why an update that is there does not start; empty: none waits
     std::string waitingId;       // which one
+    std::string waitingOffer;    // digest of what a consent is given to
     std::string waitingTold;     // that, as the server knows it
     bool awaitsRestart = false;  // the upgrade is over, nothing but a restart is left
     std::string consentLogged;   // the action whose wait for consent is in the log

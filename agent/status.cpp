@@ -123,12 +123,14 @@ void print_words(const AgentSettings& settings, const Json& status) {
 }  // namespace
 
 void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
-    const Json json = {{"pid", getpid()},
-                       {"poll",
-                        {{"time", time(nullptr)},
-                         {"result", static_cast<int32_t>(lastPoll.result)},
-                         {"trouble", lastPoll.text}}},
-                       {"waits", {{"id", agent.waitingId}, {"for", agent.waitingFor}}}};
+    const Json json = {
+        {"pid", getpid()},
+        {"poll",
+         {{"time", time(nullptr)},
+          {"result", static_cast<int32_t>(lastPoll.result)},
+          {"trouble", lastPoll.text}}},
+        {"waits",
+         {{"id", agent.waitingId}, {"for", agent.waitingFor}, {"offer", agent.waitingOffer}}}};
     (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
     // The folder is the agent's user's, and this may be root: nothing that lies there is followed.
     (void)unlink(RUN_FILE_NEW);
@@ -189,7 +191,8 @@ AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
     if (id.empty() || text_of(waits, "for") != WAITS_FOR_CONSENT) {
         return agent_fault(AGENT_GONE, "no update waits for consent");
     }
-    AgentStatus stored = store_consent(settings.stateFolder, id, confirmed);
+    AgentStatus stored =
+        store_consent(settings.stateFolder, id, text_of(waits, "offer"), confirmed);
     const auto agent = static_cast<pid_t>(number_of(status, "pid"));
     // It may have ended, and the number be another process's: then the next agent finds the answer.
     std::string name;

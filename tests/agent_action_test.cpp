@@ -96,7 +96,7 @@ PlayedAction make_action(const std::string& kind) {
                        kind == "changed-early";
     action.update = waits ? "skip" : kind == "attempt" ? "attempt" : "forced";
     action.window = waits && kind != "download-only" && kind != "large" ? "unavailable" : "";
-    action.consent = kind == "consent";
+    action.consent = kind.starts_with("consent");
     const std::string folder =
         PACKAGES + (kind == "older" || kind == "foreign" || kind == "large" ? kind : "files") + "/";
     for (const std::string& name : names) {
@@ -425,6 +425,9 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(action == "changed-early" ? 0 : -1, world.live());
         world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
     }
+    if (action == "consent, then changed") {
+        world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
+    }
     if (action == "unreachable-later") {
         EXPECT_EQ(-1, world.live());
         if (!faults.empty()) {  // it meets the result
@@ -548,7 +551,10 @@ class Promise {
         history_.clear();
         confirmed_ = false;
         EXPECT_EQ("", load_history(ROOT + STATE_FOLDER, history_).text);
-        const AgentStatus consent = find_consent(ROOT + STATE_FOLDER, ID, confirmed_);
+        const std::string path = ROOT + STATE_FOLDER + "consent.json";
+        const std::string offer =
+            std::filesystem::exists(path) ? json::parse(read_file(path))["offer"] : json("");
+        const AgentStatus consent = find_consent(ROOT + STATE_FOLDER, ID, offer, confirmed_);
         EXPECT_TRUE(consent.ok() || consent.result == AGENT_GONE) << consent.text;
         return action;
     }
