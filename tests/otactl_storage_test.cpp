@@ -9,13 +9,16 @@
 
 namespace {
 
-constexpr char PATH[] = "PATH=" PROGRAMS ":$PATH; ";
+constexpr char BEFORE[] =
+    "PATH=" PROGRAMS
+    ":$PATH; head='--compatible R5C20 --version 2.1'; key='--key /run/pki/signer.key "
+    "--certificate /run/pki/signer.pem --intermediate /run/pki/authority.pem'; ";
 constexpr char LOG[] = "/run/storage.trace";
-const std::string FOLDER = "/run/w/";
-const std::string HEAD = " --compatible R5C20 --version 2.1";
-const std::string KEY =
-    " --key /run/pki/signer.key --certificate /run/pki/signer.pem --intermediate "
-    "/run/pki/authority.pem";
+constexpr char FOLDER[] = "/run/w/";
+
+int shell(const std::string& command) {
+    return system((BEFORE + command).c_str());
+}
 
 // Each file is the old one or the new one, whole, and when the command has ended it is the new one.
 TEST(Otactl, LeavesOldOrNewFilesAtEveryPowerCut) {
@@ -23,20 +26,18 @@ TEST(Otactl, LeavesOldOrNewFilesAtEveryPowerCut) {
         write_file(std::string("/run/images/") + image, pattern_bytes(20000, 1));
         write_file(std::string("/run/large/") + image, pattern_bytes(20000, 2));
     }
-    ASSERT_EQ(0, system((PATH + std::string("sh " TEXTS "support/agent_packages.sh " TEXTS
-                                            "../scripts/make_pki"))
-                            .c_str()));
-    for (const std::string& command :
-         {"pack files --dir " + FOLDER + HEAD + KEY, "pack files --dir " + FOLDER + HEAD,
-          "pack --output " + FOLDER + "all.pkg --manifest " + FOLDER +
-              "all.manifest kernel=/run/large/kernel.bin" + HEAD + KEY,
-          "sign " + FOLDER + "package.manifest" + KEY}) {
+    ASSERT_EQ(0, shell("sh " TEXTS "support/agent_packages.sh " TEXTS "../scripts/make_pki"));
+    for (const char* command :
+         {"otactl pack files --dir /run/w $head $key", "otactl pack files --dir /run/w $head",
+          "otactl pack --output /run/w/all.pkg --manifest /run/w/all.manifest $head $key "
+          "kernel=/run/large/kernel.bin",
+          "otactl sign /run/w/package.manifest $key"}) {
         SCOPED_TRACE(command);
         std::filesystem::remove_all(FOLDER);
         std::filesystem::copy("/run/packages/files", FOLDER);
         ForgetfulStorage storage({FOLDER});
         const ForgetfulStorage::State old = storage.states().back();
-        EXPECT_EQ(0, system((PATH + ForgetfulStorage::tracer(LOG) + "otactl " + command).c_str()));
+        EXPECT_EQ(0, shell(ForgetfulStorage::tracer(LOG) + command));
         std::vector<ForgetfulStorage::State> states;
         storage.replay(LOG, [&](const std::string& /*call*/, const std::string& /*sent*/) {
             const auto now = storage.states();
