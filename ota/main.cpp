@@ -1,5 +1,5 @@
-// The camera's upgrade service: brings its surroundings up, waits for one upgrade request and hands
-// it to the upgrade procedure, which does not come back.
+// The camera's upgrade service: initialises the libraries that it uses, waits for one upgrade
+// request and passes it to the upgrade procedure, which does not return.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,7 +25,8 @@ namespace {
 constexpr long ANY_TYPE = 0;
 constexpr unsigned RECEIVE_RETRY_S = 5;
 
-// Blocks until a request arrives. Returns whether one did; its missing bytes are zero.
+// Blocks until a request arrives. Returns false when msgrcv(2) fails or the message is empty. Bytes
+// that a short request lacks are set to zero.
 bool receive_request(int queueId, OtaMessage* message) {
     OtaQueueMessage received = {};
     const ssize_t length = msgrcv(queueId, &received, sizeof(received.text), ANY_TYPE, 0);
@@ -42,7 +43,7 @@ bool receive_request(int queueId, OtaMessage* message) {
 int main() {
     const corvo::AlternateStack crashStack;
     corvo::occupy_standard_descriptors();
-    // A line that is only in the buffer when the process is ended is a line nobody sees.
+    // Lines that are still in the buffer would be lost when the process is killed.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     UPGRADE_LOG("upgrade version:%s", CORVO_VERSION);
     UPGRADE_LOG("ota evn_init start");

@@ -13,7 +13,7 @@ namespace {
 
 constexpr mode_t RECORD_MODE = 0644;
 
-// The authority once it is loaded: the file is not read again.
+// Once loaded, this copy is authoritative and the file is not read again.
 OtaDataRecord g_record;
 bool g_loaded = false;
 
@@ -24,7 +24,7 @@ void write_record(const char* operation) {
         UPGRADE_LOG_AS(operation, "open %s failed", OTA_DATA_PATH);
         return;
     }
-    // A record that could not be written must not stop an upgrade whose images can be.
+    // An upgrade must not stop because the record cannot be written: the images may still be.
     corvo::ignore_result(write(fd.get(), &g_record, sizeof(g_record)));
     fsync(fd.get());
 }

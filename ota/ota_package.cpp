@@ -9,11 +9,12 @@
 
 namespace {
 
-// Rows are written in this order. A row is all that a new partition needs, with a module type from
-// 27 to 254 that no other has: below, some have a kind of their own on the platform already. Where
-// a new one is to have such a kind, it has a line in OTA_GetHalModuleType() too. That kind must be
-// one of ACCEPTED_MODULE_TYPES in hal/ota/axera_ota.cpp and lie between MODULE_TYPE_MIN and
-// MODULE_TYPE_MAX of board/ota_types.h, or the platform refuses to write it.
+// Modules are written in the order of these rows. A new partition needs only a row, with an unused
+// module type from 27 to 254; the platform already has its own types for some of the numbers below
+// 27. If a new partition needs its own platform type, add the mapping to OTA_GetHalModuleType().
+// The platform refuses to write a module unless its platform type is one of ACCEPTED_MODULE_TYPES
+// in hal/ota/axera_ota.cpp and lies between MODULE_TYPE_MIN and MODULE_TYPE_MAX in
+// board/ota_types.h.
 constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
     {.moduleType = 23,
      .partitionName = "spl",
@@ -52,8 +53,9 @@ constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
      .reserved = 0},
 };
 
-// A request names a row by the low 8 bits of its module type, and gets the first that fits.
-constexpr bool names_each_row_alone(const OtaPackageEntry* first, const OtaPackageEntry* last) {
+// A request selects a row by the low 8 bits of a module type, and the first matching row is used.
+// Every row must therefore have a module type that is unique and fits in 8 bits.
+constexpr bool module_types_are_unique(const OtaPackageEntry* first, const OtaPackageEntry* last) {
     return std::all_of(first, last, [=](const OtaPackageEntry& row) {
         return row.moduleType <= UINT8_MAX &&
                std::count_if(first, last, [&row](const OtaPackageEntry& other) {
@@ -61,7 +63,7 @@ constexpr bool names_each_row_alone(const OtaPackageEntry* first, const OtaPacka
                }) == 1;
     });
 }
-static_assert(names_each_row_alone(std::begin(PACKAGE_ENTRIES), std::end(PACKAGE_ENTRIES)));
+static_assert(module_types_are_unique(std::begin(PACKAGE_ENTRIES), std::end(PACKAGE_ENTRIES)));
 
 constexpr OtaPackageTable PACKAGE_TABLES[] = {
     {.name = "R5C20_ota",
@@ -73,8 +75,8 @@ constexpr uint32_t NO_STORAGE_TYPE = 0;
 constexpr uint32_t MODULE_TYPE_SECOND_SYSTEM = 26;
 constexpr uint32_t HAL_MODULE_TYPE_SECOND_SYSTEM = 14;
 
-// The request's first entry of the row's module type, or -1. Never beyond the record, whatever
-// count the request claims.
+// Returns the index of the request's first entry with the row's module type, or -1. Never reads
+// beyond the arrays of the message, whatever its moduleCount is.
 int32_t find_requested(const OtaPackageEntry& entry, const OtaMessage& message) {
     for (int32_t i = 0; i < message.moduleCount && i < OTA_MSG_MAX_MODULES; ++i) {
         if (message.moduleTypes[i] == entry.moduleType) {

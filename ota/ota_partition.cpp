@@ -23,12 +23,12 @@ corvo::UniqueFd open_partition(const char* partitionName, uint32_t storageType) 
     return corvo::UniqueFd(fd);
 }
 
-// Compares the next chunk of both. Returns its length, or a negative value, reported, when they
-// differ or one cannot be read.
+// Compares the next chunk of the file and of the partition. Returns the chunk's length in bytes.
+// When they differ or one cannot be read, logs that and returns a negative value.
 ssize_t compare_chunk(const char* operation, int partition, const char* partitionName, int file,
                       const char* filePath, off_t compared, off_t fileSize) {
     const ssize_t length = read(file, g_file_chunk, sizeof(g_file_chunk));
-    // Nothing where the file's status promised more: it was cut while being compared.
+    // A length of 0 means that the file was truncated during the comparison.
     if (length <= 0) {
         UPGRADE_LOG_AS(operation, "failed to read from %s", filePath);
         return -1;
@@ -58,8 +58,9 @@ int32_t upgrade_verifyPartition(const char* partitionName, const char* filePath,
         UPGRADE_LOG("Could not open mtd device:%s for write.", partitionName);
         return OTA_FAILED;
     }
-    // Pages that another process keeps alive by holding the node would be compared instead of the
-    // medium. A character device has none; the call then fails and nothing is lost.
+    // Drop the page cache, or the comparison could read cached pages instead of the flash; they
+    // stay cached while another process has the device open. A character device has no page cache,
+    // and the call then fails without harm.
     posix_fadvise(partition.get(), 0, 0, POSIX_FADV_DONTNEED);
 
     const corvo::UniqueFd file(open(filePath, O_RDONLY | O_CLOEXEC));
@@ -113,7 +114,8 @@ int32_t UPGRADE_UpgradePartitionByOffset(uint32_t halModuleType, const char* par
               "moduleType: %d, partition: %s, file: %s, offset: %llu, size: %llu",
               static_cast<int>(halModuleType), partitionName, packagePath,
               static_cast<unsigned long long>(offset), static_cast<unsigned long long>(size));
-    // Cut to 32 bits they would name another range, and a wrong image would be written.
+    // Truncated to 32 bits, a larger value would select a different range, and a wrong image would
+    // be written.
     const bool fits = offset <= UINT32_MAX && size <= UINT32_MAX;
     if (!fits || PAL_OTA_UpgradeByOffset(halModuleType, partitionName, packagePath,
                                          static_cast<uint32_t>(offset), static_cast<uint32_t>(size),

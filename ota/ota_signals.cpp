@@ -21,8 +21,8 @@ constexpr int WAITED_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT};
 
 pthread_t g_signal_thread;
-// The first crash signal, 0 while there was none: what the signal thread is woken for.
-std::atomic<int> g_crash{0};
+// The first crash signal, or 0 before any crash. The signal thread reads it when it wakes up.
+std::atomic<int> g_crash_signal{0};
 
 void* signal_thread(void* /*argument*/) {
     const corvo::AlternateStack crashStack;
@@ -30,25 +30,26 @@ void* signal_thread(void* /*argument*/) {
     while (true) {
         int signo = 0;
         if (sigwait(&waited, &signo) == 0) {
-            const int crash = g_crash.load();
+            const int crash = g_crash_signal.load();
             sig_quit(crash != 0 ? crash : signo);
         }
     }
 }
 
-// For a thread that another library has started without blocking these signals.
-void pass_on(int signo) {
+// Forwards a signal to the signal thread. Only runs on threads that a library has started without
+// blocking these signals; all threads of the service block them.
+void forward_signal(int signo) {
     pthread_kill(g_signal_thread, signo);
 }
 
-// Runs on the thread that crashed, which may hold any lock, so all work is the signal thread's,
-// which is woken by a signal that it waits for. It ends the process; if it cannot, because it needs
-// a lock that this thread holds, or is itself the one that crashed, the reboot is asked for without
-// locks.
+// Runs on the thread that crashed. That thread may hold any lock, so this handler wakes the signal
+// thread with a signal that it waits for, and the signal thread requests the reboot and ends the
+// process. If the signal thread is blocked by a lock of the crashed thread, or has itself crashed,
+// this handler requests the reboot without taking locks.
 void crash_handler(int signo) {
     if (pthread_equal(pthread_self(), g_signal_thread) == 0) {
-        int none = 0;
-        g_crash.compare_exchange_strong(none, signo);
+        int noCrash = 0;
+        g_crash_signal.compare_exchange_strong(noCrash, signo);
         pthread_kill(g_signal_thread, SIGQUIT);
         constexpr timespec wait = {.tv_sec = OTA_REBOOT_LONGEST_MS / 1000, .tv_nsec = 0};
         nanosleep(&wait, nullptr);
@@ -57,7 +58,8 @@ void crash_handler(int signo) {
     _exit(EXIT_SUCCESS);
 }
 
-// None of the waited signals may cut the wait of a crash short.
+// The handler runs with the waited signals blocked, so that none of them interrupts the wait in
+// crash_handler().
 void install(int signo, void (*handler)(int), int flags) {
     struct sigaction action = {};
     action.sa_handler = handler;
@@ -70,8 +72,8 @@ void install(int signo, void (*handler)(int), int flags) {
 
 void ota_signals_start() {
     signal(SIGPIPE, SIG_IGN);
-    // Blocked on this thread from now on, and on each that it starts: a system call of an upgrade
-    // that is interrupted may leave a partition half written.
+    // Block these signals on this thread and on every thread that it starts: a signal that
+    // interrupts a system call during an upgrade may leave a partition half written.
     const sigset_t waited = corvo::signal_set(WAITED_SIGNALS);
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &waited, &before);
@@ -83,7 +85,7 @@ void ota_signals_start() {
     }
     pthread_detach(g_signal_thread);
     for (const int signo : WAITED_SIGNALS) {
-        install(signo, pass_on, SA_RESTART);
+        install(signo, forward_signal, SA_RESTART);
     }
     for (const int signo : CRASH_SIGNALS) {
         install(signo, crash_handler, SA_ONSTACK);

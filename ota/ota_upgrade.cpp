@@ -22,7 +22,7 @@
 
 namespace {
 
-// Every step logs in the name of the procedure that it is a step of.
+// The log lines of every step carry the name of the whole procedure.
 constexpr const char* HANDLER = "upgrade_handler";
 
 constexpr const char* AUTO_FLASH_FLAG_PATH = "/tmp/autoflash";
@@ -30,15 +30,15 @@ constexpr const char* PID_FILE_PATH = "/tmp/corvo_upgrade.pid";
 constexpr const char* PACKAGE_DISK_PATH = "/media/mmcblk0p1";
 
 constexpr int32_t COMMAND_TIMEOUT_MS = 1000;
-constexpr int32_t DEFAULT_TIMEOUT = -1;    // the system-call client's own
-constexpr unsigned TERMINATE_PAUSE_S = 2;  // for applications to end by themselves
+constexpr int32_t DEFAULT_TIMEOUT = -1;    // the system-call client's default
+constexpr unsigned TERMINATE_PAUSE_S = 2;  // time for applications to exit after SIGTERM
 constexpr unsigned SHUTDOWN_PAUSE_S = 5;
 constexpr unsigned REBOOT_PAUSE_S = 1;
-constexpr int32_t OTHER_SLOT = -1;  // than the one that runs
+constexpr int32_t OTHER_SLOT = -1;  // the boot slot that is not running
 
 constexpr size_t COMMAND_SIZE = 128;         // bytes
 constexpr size_t UNMOUNT_COMMAND_SIZE = 64;  // bytes
-constexpr size_t PATH_SIZE = 128;            // bytes; a longer path is cut
+constexpr size_t PATH_SIZE = 128;            // bytes; a longer path is truncated
 
 constexpr const char* APPLICATIONS[] = {
     "corvo_lumo", "record_lumo", "ai_lumo",    "push_muxer_corvo",
@@ -49,14 +49,14 @@ struct Path {
     char text[PATH_SIZE];
 };
 
-// What became of one row of the table.
+// The result of one row of the package table.
 enum class RowResult {
-    SKIPPED,  // the request does not name it, or its image is not there
+    SKIPPED,  // the request does not name the row, or its image file does not exist
     WRITTEN,
     FAILED,
 };
 
-// The state of one run.
+// The state of one upgrade.
 struct UpgradeRun {
     const OtaMessage& message;
     bool autoFlash;
@@ -66,7 +66,7 @@ struct UpgradeRun {
     uint32_t tableCount;
 };
 
-// A field of the request that lacks its terminator ends at its width.
+// The precision of "%.*s" keeps the copy inside a field of the request that is not NUL-terminated.
 Path package_path(const OtaMessage& message, const char* fileName, size_t fileNameSize,
                   const char* suffix) {
     Path path = {};
@@ -111,7 +111,7 @@ void stop_applications() {
     kill_applications(SIGTERM);
     sleep(TERMINATE_PAUSE_S);
     kill_applications(SIGKILL);
-    // For the log of the daemon: how much memory the flashing will have.
+    // Writes the amount of memory that is available for flashing to the daemon's output.
     system_call("cat /proc/meminfo", COMMAND_TIMEOUT_MS);
     UPGRADE_LOG_AS(HANDLER, "ota kill process end");
 }
@@ -123,21 +123,22 @@ void prepare(UpgradeRun* run) {
         run->autoFlash = true;
     }
     UPGRADE_LOG_AS(HANDLER, "ota hal init start");
-    // From here to the success verdict, whatever cuts the run short leaves "not succeeded" behind.
+    // Recorded before any image is written, so that an upgrade that is interrupted before its end,
+    // for example by a power cut, counts as not succeeded.
     OTA_SetDataNv(OTA_DATA_KEY_RESULT, OTA_RESULT_NOT_SUCCEEDED);
     PAL_OTA_Init();
     PAL_LED_Init();
     PAL_NV_Init();
     UPGRADE_LOG_AS(HANDLER, "ota hal init end");
     PAL_Pmu_Init(0);
-    // This device has no watchdog to arm; what reads the log waits for the two lines.
+    // This device has no watchdog to arm, but programs that read the log expect these two lines.
     UPGRADE_LOG_AS(HANDLER, "watchdog init start");
     UPGRADE_LOG_AS(HANDLER, "watchdog init end");
     OTA_GetPackageTables(0, &run->tables, &run->tableCount);
     UPGRADE_LOG_AS(HANDLER, "package type:%d", run->message.packageType);
 }
 
-// Returns OTA_FAILED when the request is one that nothing must be written for.
+// Returns OTA_FAILED when the request is invalid and nothing must be written.
 int32_t check_request(const UpgradeRun& run) {
     const OtaMessage& message = run.message;
     if (message.moduleCount > OTA_MSG_MAX_MODULES) {
@@ -168,13 +169,13 @@ int32_t check_request(const UpgradeRun& run) {
     return OTA_OK;
 }
 
-// A row's codes as the platform knows them.
+// The platform's codes for a row.
 struct HalTarget {
     uint32_t moduleType;
     uint32_t storageType;
 };
 
-// Says that a row is about to be written from a source.
+// Logs that a row is about to be written from `source`. Returns the platform's codes for the row.
 HalTarget announce(const OtaPackageEntry& entry, const char* source) {
     const HalTarget target = {.moduleType = OTA_GetHalModuleType(entry.moduleType),
                               .storageType = OTA_GetHalStorageType(entry.flashType)};
@@ -187,7 +188,7 @@ RowResult row_result(int32_t written) {
     return written == OTA_OK ? RowResult::WRITTEN : RowResult::FAILED;
 }
 
-// Writes a row's image file, if it is there and the request names the row.
+// Writes a row's image file, if the file exists and the request names the row.
 RowResult write_from_file(const OtaMessage& message, const OtaPackageEntry& entry) {
     const Path path = image_path(message, entry);
     if (!exists(path.text) || OTA_CheckNeedUpgrade(&entry, &message) != OTA_OK) {
@@ -212,7 +213,7 @@ RowResult write_from_package(const OtaMessage& message, const OtaPackageEntry& e
         target.moduleType, entry.partitionName, target.storageType, path.text, offset, size));
 }
 
-// Writes the table's rows in order, up to the first that fails.
+// Writes the table's rows in order and stops at the first one that fails.
 void write_table(UpgradeRun* run, const OtaPackageTable& table) {
     UPGRADE_LOG_AS(HANDLER, "upgrade module length %d", table.entryCount);
     const bool files = run->message.packageType == OTA_PACKAGE_TYPE_FILES;

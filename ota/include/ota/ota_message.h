@@ -1,11 +1,12 @@
-// The upgrade request as it travels on the System V message queue.
+// The upgrade request as it is sent over the System V message queue.
 #ifndef OTA_OTA_MESSAGE_H
 #define OTA_OTA_MESSAGE_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-// The queue's key is ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), its mode OTA_MSG_QUEUE_MODE.
+// The queue has the key ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT) and the access mode
+// OTA_MSG_QUEUE_MODE.
 constexpr const char* OTA_MSG_QUEUE_PATH = "/tmp";
 constexpr int OTA_MSG_QUEUE_PROJECT = 64;
 constexpr int OTA_MSG_QUEUE_MODE = 0666;
@@ -24,16 +25,17 @@ struct __attribute__((packed)) OtaModuleInfo {
     uint64_t offset;  // bytes from the start of the package file
 };
 
-// Little-endian and packed, so that it is the same 524 bytes on every machine. Its first word is
-// the message type, which the kernel keeps as a `long`: the rest is what is sent and received.
+// Little-endian and packed, so that a request has the same 524 bytes on every machine. msgsnd(2)
+// and msgrcv(2) pass the message type separately, as a `long`; the text of the message on the queue
+// is everything after mtype (see OtaQueueMessage).
 struct __attribute__((packed)) OtaMessage {
     int32_t mtype;                                  // any value is accepted
     int32_t packageType;                            // OtaPackageType
-    char packageDir[OTA_MSG_DIR_SIZE];              // prefix of the package files; ends in "/"
-    int32_t moduleCount;                            // entries that count below; at most 16
+    char packageDir[OTA_MSG_DIR_SIZE];              // path prefix of package files, ends in "/"
+    int32_t moduleCount;                            // used entries of the arrays below; at most 16
     uint32_t moduleTypes[OTA_MSG_MAX_MODULES];      // module types of the package table
     char packageFile[OTA_MSG_FILE_SIZE];            // name of the combined package in packageDir
-    OtaModuleInfo moduleInfo[OTA_MSG_MAX_MODULES];  // of the module type of the same index
+    OtaModuleInfo moduleInfo[OTA_MSG_MAX_MODULES];  // entry i belongs to moduleTypes[i]
 };
 static_assert(sizeof(OtaMessage) == 524);
 static_assert(offsetof(OtaMessage, packageType) == 4);
@@ -46,7 +48,7 @@ static_assert(offsetof(OtaMessage, moduleInfo) == 268);
 constexpr size_t OTA_MSG_TEXT_SIZE = sizeof(OtaMessage) - sizeof(int32_t);
 static_assert(OTA_MSG_TEXT_SIZE == 520);
 
-// The same message in the kernel's form, which msgsnd(2) and msgrcv(2) take.
+// The same message in the layout that msgsnd(2) and msgrcv(2) require.
 struct OtaQueueMessage {
     long mtype;
     char text[OTA_MSG_TEXT_SIZE];

@@ -1,12 +1,13 @@
-// The upgrade procedure: carries one request out to the end.
+// The upgrade procedure: processes one upgrade request from start to end.
 #ifndef OTA_OTA_UPGRADE_H
 #define OTA_OTA_UPGRADE_H
 
 #include "ota/ota_message.h"
 
-// Stops the camera's applications, writes the requested modules, records the outcome, switches the
-// boot slot and deletes the package after a success, removes the message queue queueId, asks for a
-// reboot and ends the process with 0. Main thread only; takes as long as flash and daemon do.
+// Stops the camera's applications, writes the requested modules and records the outcome. After a
+// success, also switches the boot slot and deletes the package. Then removes the message queue
+// queueId, requests a reboot and ends the process with status 0. Call on the main thread only;
+// blocks for as long as the flash and the system-call daemon need.
 [[noreturn]] void upgrade_handler(int queueId, const OtaMessage& message);
 
 #endif  // OTA_OTA_UPGRADE_H
