@@ -1,5 +1,6 @@
-// What every operation of the platform does behind the check of its arguments: hold its module's
-// mutex, look the module's table up, call a slot, report a failure once.
+// The common part of every platform operation. After the operation has checked its arguments, it
+// locks the mutex of its module, looks up the module's operation table, calls a slot and reports a
+// failure once.
 #ifndef PAL_CALL_FRAME_H
 #define PAL_CALL_FRAME_H
 
@@ -11,23 +12,23 @@
 #include "hal/hal_interfaces.h"
 #include "pal/pal_result.h"
 
-// What is fixed for one module of the platform.
+// The constants of one platform module.
 template <typename Interface>
 struct PalModule {
     pthread_mutex_t& mutex;
-    // Its lookup in the registry; null when there is no table of that index.
+    // Looks up the module's table in the registry; returns null when no table has that index.
     const Interface* (*interface)(uint32_t index);
     ReportSource source;
-    int32_t noInterface;  // the result when there is no table, or its slot is empty
-    // What becomes of a slot's result: PAL_OK, or what the operation returns for the failure.
+    int32_t noInterface;  // the result when the table is missing or its slot is null
+    // Converts a slot's result to the operation's: PAL_OK, or the code to return for a failure.
     int32_t (*result)(int32_t slotResult);
-    // Reports, and what ends the text of a report.
+    // The function that reports failures, and the text appended to each report.
     decltype(&PAL_ErrorLog) report = PAL_ErrorLog;
     const char* textEnd = "";
 };
 
-// For an operation whose arguments are missing or out of range: reports it and returns
-// PAL_PARAM_INVALID. Takes no lock.
+// Reports that an argument of the operation is missing or out of range. Returns PAL_PARAM_INVALID.
+// Takes no lock.
 template <typename Interface>
 int32_t pal_param_invalid(const PalModule<Interface>& module, const char* operation) {
     module.report(operation, __LINE__, module.source.tag, module.source.id, REPORT_LEVEL_ERROR,
@@ -35,14 +36,15 @@ int32_t pal_param_invalid(const PalModule<Interface>& module, const char* operat
     return PAL_PARAM_INVALID;
 }
 
-// A slot's non-zero result passes unchanged.
+// For PalModule::result: returns a slot's result, zero or not, as it is.
 inline int32_t unchanged(int32_t slotResult) {
     return slotResult;
 }
 
-// Calls `call` with the slot, in the name of the operation; what else the slot yields than success
-// or failure, such as a count of bytes, `call` keeps for the operation. Blocks as long as another
-// call of the module and the slot do; the module's mutex must not be held.
+// Calls `call` with the slot and converts its result by PalModule::result. Failures are reported
+// under the name `operation`. If a slot has further outputs, such as a descriptor, `call` stores
+// them for the operation. Takes the module's mutex, which the caller must not hold; blocks until
+// other calls of the module have ended and the slot returns.
 template <typename Interface, typename Slot, typename Call>
 int32_t pal_call(const PalModule<Interface>& module, const char* operation, uint32_t index,
                  Slot Interface::*slot, const Call& call) {

@@ -1,4 +1,4 @@
-// The first bytes of the factory data, as the last PAL_NV_Init() found them.
+// The first bytes of the factory data, as read by the last PAL_NV_Init().
 #ifndef PAL_NV_FACTORY_CACHE_H
 #define PAL_NV_FACTORY_CACHE_H
 
@@ -6,7 +6,7 @@
 
 #include <array>
 
-// Written under the NV mutex.
+// Written while the NV mutex is held.
 extern std::array<uint8_t, 1792> PalNvFactoryCache;
 
 #endif  // PAL_NV_FACTORY_CACHE_H

@@ -15,7 +15,7 @@ constexpr PalModule<HalNvInterface> NV = {
     .interface = HAL_NV_GetInterface,
     .source = REPORT_PAL_NV,
     .noInterface = PAL_NO_INTERFACE,
-    // Slots return a count of bytes; one that is short is none of a failure.
+    // Slots return a count of bytes or a negative value; a short count is not a failure.
     .result = [](int32_t count) -> int32_t { return count < 0 ? PAL_NV_READ_FAILED : PAL_OK; }};
 
 }  // namespace

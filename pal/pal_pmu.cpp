@@ -6,8 +6,8 @@
 namespace {
 
 pthread_mutex_t g_pmu_mutex = PTHREAD_MUTEX_INITIALIZER;
-// The one module here that reports in the form of the hardware modules, and with a line feed of its
-// own: those who read the console know these lines so.
+// Unlike the other platform modules, this one reports in the format of the hardware modules and
+// ends its text with a line feed: programs that read the output expect this format.
 constexpr PalModule<HalPmuInterface> PMU = {.mutex = g_pmu_mutex,
                                             .interface = HAL_PMU_GetInterface,
                                             .source = REPORT_PAL_PMU,

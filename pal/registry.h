@@ -1,4 +1,5 @@
-// Which hardware module's table stands behind each kind. Built in: nothing registers at run time.
+// Maps each kind of hardware module to the operation table of the module that this camera has. The
+// mapping is fixed at build time.
 #ifndef PAL_REGISTRY_H
 #define PAL_REGISTRY_H
 
@@ -7,8 +8,9 @@
 #include "board/modules.h"
 #include "hal/hal_interfaces.h"
 
-// HAL_LED_GetInterface and so on, for the kinds in board/modules.h. Each kind has one instance: its
-// table for index 0, null for any other index, and null for a kind that this camera does not have.
+// Declares HAL_LED_GetInterface and so on, for the kinds in board/modules.h. Each kind has one
+// instance: the lookup returns its table for index 0 and null for any other index. For a kind that
+// this camera does not have, the lookup always returns null.
 #define REGISTRY_LOOKUP(kind, Interface, ...) \
     const Interface* HAL_##kind##_GetInterface(uint32_t index);
 HAL_MODULES(REGISTRY_LOOKUP)
