@@ -25,44 +25,44 @@ using Chunk = std::array<char, FLASH_CHUNK_SIZE>;
 
 constexpr size_t DEVICE_PATH_SIZE = 64;  // bytes, terminator included
 
-// Synchronous data writes: a chunk is on the device before the next one is read, so that power loss
-// never finds a later chunk stored without an earlier one, and a write error shows at its chunk.
+// O_DSYNC: each chunk is stored on the device before the next one is read. A power cut then never
+// leaves a later chunk stored without an earlier one, and a write error is reported at its chunk.
 constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
 
 constexpr int64_t WHOLE_FILE = std::numeric_limits<int64_t>::max();
 
-// The partition's size in bytes, or -1.
+// Returns the size of the partition in bytes, or -1.
 int64_t partition_size(const corvo::UniqueFd& device) {
     return lseek(device.get(), 0, SEEK_END);
 }
 
-// Sizes are reported as "0x%x" was meant for 32 bits: larger ones show all their digits, and a
-// failed query shows as 0xffffffff.
+// The size to print in a report. The reports were designed for 32-bit sizes: a failed query (-1)
+// prints as 0xffffffff, and larger sizes print all their digits.
 unsigned long long shown_size(int64_t size) {
     return size < 0 ? UINT32_MAX : static_cast<unsigned long long>(size);
 }
 
 struct Copy {
-    const char* operation;  // reports are made in its name
+    const char* operation;  // function name in reports
     int source;             // positioned at the first byte to copy
     int target;             // positioned at the partition's start
-    int64_t limit;          // bytes to copy at the most
-    int64_t expected;       // bytes that make 100 percent; not negative
+    int64_t limit;          // maximum number of bytes to copy
+    int64_t expected;       // number of bytes that counts as 100 percent; not negative
 };
 
-int failed_read(const Copy& copy, ssize_t result) {
+int report_failed_read(const Copy& copy, ssize_t result) {
     HAL_ERROR_AS(copy.operation, "read file failed!readSize = 0x%x", static_cast<unsigned>(result));
     return FLASH_MMC_PACKAGE_UNREAD;
 }
 
-int failed_write(const Copy& copy, ssize_t written, ssize_t wanted) {
+int report_failed_write(const Copy& copy, ssize_t written, ssize_t wanted) {
     HAL_ERROR_AS(copy.operation, "write flash failed!writeSize = 0x%x,readSize=0x%x",
                  static_cast<unsigned>(written), static_cast<unsigned>(wanted));
     return FLASH_SHORT_WRITE;
 }
 
-// Copies chunk by chunk until the limit or the source's end. Returns FLASH_OK, FLASH_SHORT_WRITE or
-// FLASH_MMC_PACKAGE_UNREAD.
+// Copies in chunks up to the limit or to the end of the source. Returns FLASH_OK, FLASH_SHORT_WRITE
+// or FLASH_MMC_PACKAGE_UNREAD.
 int copy_chunks(const Copy& copy, Chunk& chunk) {
     int64_t copied = 0;
     int64_t printedTenth = 0;
@@ -70,17 +70,17 @@ int copy_chunks(const Copy& copy, Chunk& chunk) {
         const auto wanted = std::min<int64_t>(copy.limit - copied, FLASH_CHUNK_SIZE);
         const ssize_t count = read(copy.source, chunk.data(), static_cast<size_t>(wanted));
         if (count < 0) {
-            return failed_read(copy, count);
+            return report_failed_read(copy, count);
         }
         if (count == 0) {
             break;
         }
         const ssize_t written = write(copy.target, chunk.data(), static_cast<size_t>(count));
         if (written != count) {
-            return failed_write(copy, written, count);
+            return report_failed_write(copy, written, count);
         }
         copied += count;
-        // An image that grows while it is copied may be expected to be empty.
+        // Avoids a division by zero: an image that was empty at first may grow during the copy.
         const int64_t tenth = copied * 10 / std::max<int64_t>(copy.expected, 1);
         if (tenth != printedTenth) {
             printedTenth = tenth;
@@ -93,19 +93,20 @@ int copy_chunks(const Copy& copy, Chunk& chunk) {
     return FLASH_OK;
 }
 
-// Positions both descriptors and copies. A position that cannot be taken counts as a failed read or
-// write: copying from or to any other place would be worse.
+// Positions both descriptors and copies. A failed lseek() counts as a failed read or write, because
+// copying from or to a wrong position would be worse.
 int copy_from(const Copy& copy, int64_t offset, Chunk& chunk) {
     if (lseek(copy.source, offset, SEEK_SET) < 0) {
-        return failed_read(copy, -1);
+        return report_failed_read(copy, -1);
     }
     if (lseek(copy.target, 0, SEEK_SET) < 0) {
-        return failed_write(copy, -1, 0);
+        return report_failed_write(copy, -1, 0);
     }
     return copy_chunks(copy, chunk);
 }
 
-// The device zeroes the range by itself; false when it does not know how, as no regular file does.
+// Lets the kernel fill the range with zeros. Returns false when the device does not support that; a
+// regular file never does.
 bool zero_by_device(const corvo::UniqueFd& device, int64_t size) {
     uint64_t range[2] = {0, static_cast<uint64_t>(size)};  // start and length: linux/fs.h
     if (ioctl(device.get(), BLKZEROOUT, range) != 0) {
@@ -125,7 +126,7 @@ void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
     corvo::ignore_result(write(device.get(), zeros.data(), static_cast<size_t>(remaining)));
 }
 
-// Opens the partition to erase it. Reports a failure in the name of the operation that erases.
+// Opens the partition in order to erase it. Reports a failure as flash_mmc_erase_partition.
 corvo::UniqueFd open_to_erase(const char* part) {
     corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
     if (!device.valid()) {
@@ -134,9 +135,8 @@ corvo::UniqueFd open_to_erase(const char* part) {
     return device;
 }
 
-// Zeros the whole partition. The copy that follows writes synchronously in 16 KiB chunks, and zeros
-// written the same way would double the time of an upgrade: the kernel is asked first, in one
-// request.
+// Fills the whole partition with zeros. Synchronous writes of 16 KiB chunks, as the following copy
+// makes them, would double the time of an upgrade. So this asks the kernel first, in one request.
 void zero(const corvo::UniqueFd& device) {
     const int64_t size = partition_size(device);
     if (size >= 0 && !zero_by_device(device, size)) {
@@ -144,8 +144,8 @@ void zero(const corvo::UniqueFd& device) {
     }
 }
 
-// Whether a copy of `length` bytes from `offset` of the file on, or of the WHOLE_FILE, gets as far
-// as its first byte.
+// Returns whether a copy from byte `offset` of the file can begin: the file can be opened, is
+// longer than `offset`, and `length` bytes (the file's size if WHOLE_FILE) fit into the partition.
 bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t offset,
                     int64_t length) {
     const corvo::UniqueFd file(open(path, WRITE_FLAGS));
@@ -156,9 +156,10 @@ bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t off
     return (length == WHOLE_FILE ? status.st_size : length) <= partition_size(device);
 }
 
-// Erases the partition for a copy, and leaves it alone for one that cannot begin, which the copy
-// itself reports: the partition may hold the only boot loader. Returns FLASH_OK in both cases, or
-// FLASH_FAILED, reported, when there is no such partition.
+// Erases the partition before a copy. If the copy cannot begin, does not erase, because the
+// partition may contain the only boot loader; the copy itself then reports the failure. Returns
+// FLASH_OK in both cases. When the partition cannot be opened, reports that and returns
+// FLASH_FAILED.
 int erase_for_copy(const char* part, const char* path, int64_t offset, int64_t length) {
     const corvo::UniqueFd device = open_to_erase(part);
     if (!device.valid()) {
@@ -202,7 +203,7 @@ int flash_mmc_write_sector_partition(const char* part, const void* buf, int offs
         HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
-    // Wider than both, so that no length can wrap the sum round; a negative offset is a large one.
+    // The 64-bit sum cannot overflow. A negative offset becomes a large one and is rejected.
     if (uint64_t{static_cast<unsigned>(offset)} + len > FLASH_MMC_SECTOR_LIMIT) {
         HAL_ERROR("too much data!!!");
         return FLASH_FAILED;
@@ -235,8 +236,9 @@ int flash_mmc_write_partition(const char* part, const char* image) {
         HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
-    // Read-write though it is only read: packages are deleted after an upgrade, so one on media
-    // that have become read-only is refused; it would be found, and flashed, again and again.
+    // Opened read-write although it is only read. A package is deleted after its upgrade; on
+    // storage that has become read-only it could not be deleted and would be installed again and
+    // again.
     const corvo::UniqueFd file(open(image, WRITE_FLAGS));
     if (!file.valid()) {
         HAL_ERROR("failed to open %s.", image);
@@ -308,7 +310,8 @@ int flash_mmc_erase_write_partion_by_offset(const char* part, const char* packag
                                             int end) {
     HAL_INFO("part %s file %s start 0x%x - end 0x%x", part, package, static_cast<unsigned>(start),
              static_cast<unsigned>(end));
-    // Callers keep positions as 32-bit numbers; those from 2 GiB on arrive here as negative ones.
+    // Callers convert 32-bit unsigned positions to int, so positions from 2 GiB on are negative
+    // here.
     if (start < 0 || end <= start) {
         HAL_ERROR("file %s offset invalid start 0x%x - end 0x%x", package,
                   static_cast<unsigned>(start), static_cast<unsigned>(end));

@@ -22,7 +22,7 @@ namespace {
 
 constexpr ReportSource REPORT_SOURCE = REPORT_FLASH_MTD;
 
-// The requests as the kernel knows them, whatever the machine's word.
+// The ioctl numbers and structure sizes of the kernel are the same on 32-bit and 64-bit machines.
 static_assert(sizeof(mtd_info_user) == 32 && MEMGETINFO == 0x80204d01);
 static_assert(sizeof(erase_info_user) == 8 && MEMERASE == 0x40084d02);
 
@@ -30,14 +30,14 @@ using Chunk = std::array<char, FLASH_CHUNK_SIZE>;
 
 constexpr size_t LINE_SIZE = 64;  // bytes, terminator included; also enough for a device's path
 
-// As the eMMC driver: each chunk is stored before the next one is read.
+// O_DSYNC as in the eMMC driver: each chunk is stored before the next one is read.
 constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
 
-// One data buffer serves both copies, which never run at once.
+// Whole-image copies and range copies share this buffer; they never run concurrently.
 Chunk g_data_chunk;
 Chunk g_read_back_chunk;
 
-// The number of the device that holds the partition.
+// Returns the number of the MTD device that holds the partition.
 std::optional<int> find_device_number(std::string_view part) {
     const corvo::OwnedFile table(fopen("/proc/mtd", "r"));
     if (!table) {
@@ -47,8 +47,8 @@ std::optional<int> find_device_number(std::string_view part) {
     bool startsLine = true;
     while (fgets(buffer, sizeof(buffer), table.get()) != nullptr) {
         const std::string_view text(buffer);
-        // What lies behind the buffer's end of a long line is not a line: a name in it must not be
-        // taken for a whole one.
+        // fgets() returns a long line in pieces. Only the first piece is parsed, because quoted
+        // text in a later piece is not a whole partition name.
         const auto entry = startsLine ? parse_mtd_table_line(text) : std::nullopt;
         if (entry && entry->name == part) {
             return entry->number;
@@ -86,7 +86,7 @@ int copy_image(const char* operation, int file, int device, uint64_t imageSize) 
             return FLASH_FAILED;
         }
         copied += static_cast<uint64_t>(count);
-        // An image that grows while it is copied may be expected to be empty.
+        // Avoids a division by zero: an image that was empty at first may grow during the copy.
         const uint64_t tenth = copied * 10 / std::max<uint64_t>(imageSize, 1);
         if (tenth != loggedTenth) {
             loggedTenth = tenth;
@@ -95,8 +95,8 @@ int copy_image(const char* operation, int file, int device, uint64_t imageSize) 
     }
 }
 
-// Writes the count bytes of g_data_chunk at the device's position, which is `position`, and reads
-// them back. Flash that is worn out takes a write without an error and holds something else.
+// Writes the first count bytes of g_data_chunk at `position`, the current position of the device,
+// and reads them back: a write to worn-out flash may succeed although the data is not stored.
 int write_and_check(const char* operation, int device, uint64_t position, ssize_t count) {
     const auto size = static_cast<size_t>(count);
     const ssize_t written = write(device, g_data_chunk.data(), size);
@@ -179,7 +179,7 @@ int flash_mtd_erase_partition(const char* part) {
         return FLASH_ERASE_NO_GEOMETRY;
     }
     HAL_INFO("mtd size = 0x%x", *size);
-    // One request: the kernel walks the erase blocks.
+    // One request is enough: the kernel erases all erase blocks of the range.
     erase_info_user range = {.start = 0, .length = *size};
     if (ioctl(device.get(), MEMERASE, &range) < 0) {
         HAL_ERROR("failed to erase MTD.");
@@ -201,7 +201,7 @@ int flash_mtd_write_partition(const char* part, const char* image) {
         HAL_ERROR("Could not get mtd device info.");
         return FLASH_FAILED;
     }
-    // Read-write for the reason that the eMMC driver gives.
+    // Opened read-write although it is only read, see flash_mmc_write_partition().
     const corvo::UniqueFd file(open(image, WRITE_FLAGS));
     if (!file.valid()) {
         HAL_ERROR("failed to open %s.", image);
@@ -218,7 +218,7 @@ int flash_mtd_write_partition(const char* part, const char* image) {
         HAL_ERROR("file size is too big!!!");
         return FLASH_FAILED;
     }
-    // Both were opened just now and stand at their start.
+    // Both descriptors have just been opened, so both are at position 0.
     return copy_image(__func__, file.get(), device.get(), imageSize);
 }
 

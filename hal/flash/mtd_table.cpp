@@ -4,7 +4,7 @@
 
 namespace {
 
-// The decimal number between the line's first 'd' and its first ':'.
+// Returns the decimal number between the first 'd' and the first ':' of the line, or 0.
 int device_number(std::string_view line) {
     const size_t letter = line.find('d');
     const size_t colon = line.find(':');

@@ -1,5 +1,5 @@
-// The kernel's list of raw-flash partitions, "/proc/mtd" (drivers/mtd/mtdcore.c of the Linux
-// sources): a heading, then lines such as
+// Parses the kernel's list of raw-flash partitions, "/proc/mtd" (drivers/mtd/mtdcore.c of the Linux
+// sources). The list is a heading, followed by lines such as
 //     mtd3: 00080000 00020000 "kernel"
 #ifndef HAL_FLASH_MTD_TABLE_H
 #define HAL_FLASH_MTD_TABLE_H
@@ -8,12 +8,11 @@
 #include <string_view>
 
 struct MtdTableEntry {
-    std::string_view
-        name;    // what stands between the line's first and last quote; a view of the line
-    int number;  // the device's number; 0 when the line has none
+    std::string_view name;  // text between the first and last quote of the line; refers to the line
+    int number;             // the device's number; 0 when the line has no number
 };
 
-// Takes any text. Returns the entry, or nothing when the line holds no quoted name.
+// Accepts any text. Returns the entry, or std::nullopt when the line contains no quoted name.
 std::optional<MtdTableEntry> parse_mtd_table_line(std::string_view line);
 
 #endif  // HAL_FLASH_MTD_TABLE_H

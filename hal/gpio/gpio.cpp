@@ -26,7 +26,7 @@ int32_t hal_gpio_export(int32_t gpio) {
     }
     char number[16] = {};
     snprintf(number, sizeof(number), "%d", gpio);
-    // The kernel refuses a line that is exported already, which serves as well.
+    // The write fails if the line is already exported, which is not a failure of this function.
     corvo::ignore_result(write(file.get(), number, strlen(number)));
     return GPIO_OK;
 }
@@ -39,7 +39,7 @@ int32_t hal_gpio_set_dir(int32_t gpio, uint8_t out) {
         HAL_ERROR("open: %s failed for %s", path, strerror(errno));
         return GPIO_FAILED;
     }
-    // With its terminator, which the kernel takes as an end of the word.
+    // The terminating NUL is written too; the kernel accepts it as the end of the string.
     if (out != 0) {
         corvo::ignore_result(write(file.get(), "out", sizeof("out")));
     } else {

@@ -14,8 +14,8 @@ constexpr ReportSource REPORT_SOURCE = REPORT_HAL_LED;
 
 constexpr int32_t NO_GPIO = -1;
 
-// The descriptors are no UniqueFd: its destructor would close them when the process exits, under
-// the hands of the worker, which plays on until the very end. close_led_lines() owns them.
+// The descriptors are plain integers, not UniqueFd: a static UniqueFd would be destroyed when the
+// process exits, while the worker thread still writes to it. close_led_lines() closes them.
 struct LedLine {
     const char* name;
     int32_t gpio;

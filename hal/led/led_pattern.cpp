@@ -21,12 +21,12 @@ constexpr LedValues GREEN_LINE_OFF{KEEP, OFF, KEEP};
 constexpr LedValues BLUE_LINE_ON{KEEP, KEEP, ON};
 constexpr LedValues BLUE_LINE_OFF{KEEP, KEEP, OFF};
 
-// Steps with a counter n below firstTicks show the first phase and raise it; the others show the
-// second phase and raise it modulo `period`. Counters that another act has left behind run into
-// the rule from wherever they are.
+// The timing of a pattern. While the counter is below firstTicks, a tick shows the first phase and
+// increments the counter. Otherwise a tick shows the second phase and increments the counter modulo
+// `period`. A new act starts with the counter value of the previous act.
 struct Rule {
     int32_t firstTicks;
-    int32_t period;  // 0: steady
+    int32_t period;  // ticks; 0: steady
 };
 constexpr Rule STEADY{0, 0};
 constexpr Rule SLOW{2, 4};
@@ -42,7 +42,7 @@ struct Pattern {
     LedValues second;
 };
 
-// By LedAct. A fast blink begins with its dark phase.
+// Indexed by LedAct. A fast blink begins with its off phase.
 constexpr Pattern PATTERNS[] = {
     {"LED_ALL_ON", STEADY, ALL_ON, ALL_ON},
     {"LED_ALL_OFF", STEADY, ALL_OFF, ALL_OFF},

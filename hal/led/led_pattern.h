@@ -1,11 +1,12 @@
-// What the status LED shows for each act, tick by tick, as a pure function: no clock, no lines.
+// The patterns of the status LED: what it shows at each tick of each act. These are pure functions,
+// which use neither a clock nor the GPIO lines.
 #ifndef HAL_LED_LED_PATTERN_H
 #define HAL_LED_LED_PATTERN_H
 
 #include <stdint.h>
 
-// What the LED is asked to show. A slow blink is on for 2 ticks and off for 2, a fast one off and
-// on for one each.
+// The requested pattern of the LED. A slow blink is on for 2 ticks and off for 2 ticks; a fast
+// blink is off for 1 tick and on for 1 tick.
 enum LedAct : int32_t {
     LED_ALL_ON = 0,
     LED_ALL_OFF = 1,
@@ -25,14 +26,14 @@ enum LedAct : int32_t {
     LED_ROBUST_INIT_BLINK = 15,    // red for 8 ticks, blue for 8
     LED_ROBUST_ING_BLINK = 16,     // red for 20 ticks, blue for 20
     LED_ROBUST_FINISH_BLINK = 17,  // red for 2 ticks, blue for 1
-    LED_ACT_BUTT = 18,             // nothing asked yet: the lines keep their state
+    LED_ACT_BUTT = 18,             // nothing requested yet: the lines keep their state
 };
 
-// One line's value: written, or left alone.
+// The value to write to one line.
 enum LedValue : int32_t {
     LED_VALUE_OFF = 0,
     LED_VALUE_ON = 1,
-    LED_VALUE_KEEP = 2,
+    LED_VALUE_KEEP = 2,  // write nothing
 };
 
 struct LedValues {
@@ -41,10 +42,10 @@ struct LedValues {
     LedValue blue;
 };
 
-// What a worker carries from tick to tick.
+// The state that the worker thread keeps from one tick to the next.
 struct LedState {
     int32_t applied = LED_ACT_BUTT;  // the act that the lines show
-    int32_t counter = 0;             // place within the blink; kept when the act changes
+    int32_t counter = 0;             // position within the blink; kept when the act changes
 };
 
 struct LedStep {
@@ -53,13 +54,14 @@ struct LedStep {
     LedState next;
 };
 
-// One tick of the act. An unchanged steady act, LED_ACT_BUTT and unknown acts write nothing.
+// Computes one tick of the act. For an unchanged steady act, LED_ACT_BUTT and an unknown act the
+// result writes nothing.
 LedStep led_pattern_step(int32_t act, const LedState& state);
 
-// Whether the act is one of LedAct.
+// Returns whether the act is one of LedAct.
 bool is_led_act(int32_t act);
 
-// The act's name, as in the enumeration, or "Unknow LED status!".
+// Returns the name of the act, as in LedAct, or "Unknow LED status!".
 const char* led_act_name(int32_t act);
 
 #endif  // HAL_LED_LED_PATTERN_H

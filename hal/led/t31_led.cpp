@@ -17,31 +17,31 @@ namespace {
 
 constexpr ReportSource REPORT_SOURCE = REPORT_HAL_LED;
 
-// The worker's reports carry its name, whichever of its steps makes them.
+// The reports of all functions that run on the worker thread carry this name.
 constexpr const char* WORKER = "led_process_thread";
 
 enum LedResult : int32_t {
     LED_OK = 0,
-    LED_NOT_STARTED = 1,  // init: runs already, or the worker cannot be made
+    LED_NOT_STARTED = 1,  // init: already running, or the worker thread cannot be created
     LED_NO_CONFIG = 1,    // blink: no configuration
 };
 
 constexpr int32_t TICK_US = 250000;
 constexpr uint32_t SLOW_PERIOD_MS = 1000;  // blinks from this period on are slow
 
-// Requests leave the act here; the worker looks at it once per tick.
+// Requests store the act here; the worker thread reads it once per tick.
 std::atomic<int32_t> g_led_act{LED_ACT_BUTT};
 std::atomic<bool> g_running{false};
 pthread_t g_worker;  // valid while running
 
-// False when the wait failed.
+// Waits for one tick. Returns false when the wait failed.
 bool wait_for_tick() {
     timeval tick = {.tv_sec = 0, .tv_usec = TICK_US};
     if (select(0, nullptr, nullptr, nullptr, &tick) >= 0) {
         return true;
     }
     HAL_ERROR_AS(WORKER, "select Error!");
-    // Should the wait keep failing, this keeps the worker from spinning and from flooding the log.
+    // If select() keeps failing, this pause prevents a busy loop that floods the log.
     usleep(TICK_US);
     return false;
 }
@@ -58,7 +58,7 @@ void write_values(const LedValues& values) {
     }
 }
 
-void play_tick(LedState& state) {
+void show_tick(LedState& state) {
     const int32_t act = g_led_act.load(std::memory_order_relaxed);
     if (act != state.applied) {
         HAL_INFO_AS(WORKER, "Led act change %s to %s.", led_act_name(state.applied),
@@ -83,7 +83,7 @@ void* led_process_thread(void* /*unused*/) {
     LedState state;
     while (g_running.load(std::memory_order_relaxed)) {
         if (wait_for_tick()) {
-            play_tick(state);
+            show_tick(state);
         }
     }
     printf("led process thread exit.\n");
@@ -106,7 +106,8 @@ int32_t t31_led_init(uint32_t /*index*/) {
 
 int32_t t31_led_deinit(uint32_t /*index*/) {
     if (g_running.exchange(false, std::memory_order_relaxed)) {
-        // The worker may be about to write a line, or to open it: close only behind its end.
+        // The worker may be about to open a line or to write to it, so close only after it has
+        // ended.
         pthread_join(g_worker, nullptr);
     }
     close_led_lines();
@@ -143,8 +144,8 @@ int32_t t31_led_enable(uint32_t type, int32_t enable, uint32_t /*index*/) {
     return LED_OK;
 }
 
-// What a blink request selects: the act of that period, or of any period from minPeriodMs to
-// maxPeriodMs, milliseconds.
+// A blink request of this type with a period from minPeriodMs to maxPeriodMs (inclusive) selects
+// this act.
 struct BlinkChoice {
     uint32_t type;
     uint32_t minPeriodMs;

@@ -9,23 +9,24 @@
 #include "hal/flash_mmc.h"
 #include "hal/hal_interfaces.h"
 
-// Non-volatile data in small eMMC partitions. The module keeps no state and takes no lock.
+// The module for non-volatile data, which is stored in small eMMC partitions. The module keeps no
+// state and takes no lock.
 namespace {
 
-constexpr int32_t NV_OK = 0;  // reads and writes return the driver's count, or -1
+constexpr int32_t NV_OK = 0;  // reads and writes return the driver's byte count, or -1
 
 constexpr const char* USER_PARTITION = "nv_user";
 constexpr const char* FACTORY_PARTITION = "nv_factory";
 constexpr const char* RECORD_PARTITION = "rec_data";
 constexpr const char* BOOT_PARTITION = "misc";
 
-// Where the boot loader looks for its command in BOOT_PARTITION, bytes.
+// The boot loader reads its command at this byte offset of BOOT_PARTITION.
 constexpr int32_t BOOT_COMMAND_OFFSET = 16384;
 using BootCommand = std::array<char, 32>;
 constexpr std::string_view RECOVERY_COMMAND = "boot-recovery";
 static_assert(RECOVERY_COMMAND.size() < sizeof(BootCommand));
 
-// The node can appear later than the service starts: 5 s in all.
+// The partition's device node may appear only after the service has started, so wait up to 5 s.
 constexpr int FACTORY_ATTEMPTS = 1000;
 constexpr useconds_t FACTORY_PAUSE_US = 5000;
 
@@ -52,7 +53,7 @@ int32_t nv_factory_read(void* buffer, int32_t offset, uint32_t length) {
         }
         usleep(FACTORY_PAUSE_US);
     }
-    // Without a node too: the driver then reports what is missing.
+    // Called even if the node did not appear: the driver then reports the failure.
     return flash_mmc_read_sector(FACTORY_PARTITION, buffer, offset, length);
 }
 

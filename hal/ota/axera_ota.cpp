@@ -18,8 +18,8 @@ constexpr ReportSource REPORT_SOURCE = REPORT_HAL_OTA;
 constexpr auto ACCEPTED_MODULE_TYPES =
     std::to_array<uint32_t>({2, 3, 4, 5, 6, 11, 12, 13, 14, 15, 16, 17, 20, 21});
 
-// What a driver's code becomes in an upgrade by offset, per storage. A code that a driver does not
-// have, or that is not listed, passes unchanged.
+// Converts the result code of a flash driver to the result code of an upgrade by offset. There is
+// one column for each type of storage. A code that is not listed is passed on unchanged.
 struct ResultMapping {
     int flash;
     int32_t mmc;
@@ -37,7 +37,7 @@ constexpr ResultMapping RESULT_MAPPINGS[] = {
     {FLASH_PARTITION_TOO_SMALL, HAL_OTA_PARTITION_TOO_SMALL, HAL_OTA_PARTITION_TOO_SMALL},
     {FLASH_MTD_PACKAGE_UNREAD, HAL_OTA_MTD_PACKAGE_UNREAD, HAL_OTA_MTD_PACKAGE_UNREAD},
     {FLASH_SHORT_WRITE, HAL_OTA_WRITE_FAILED, HAL_OTA_WRITE_FAILED},
-    // One number for both drivers' meanings: the eMMC package unread, the MTD read-back short.
+    // The same number as FLASH_MMC_PACKAGE_UNREAD, so this row covers both codes.
     {FLASH_SHORT_READ_BACK, HAL_OTA_WRITE_FAILED, HAL_OTA_WRITE_FAILED},
     {FLASH_DATA_DIFFER, HAL_OTA_WRITE_FAILED, HAL_OTA_WRITE_FAILED},
 };
@@ -51,7 +51,8 @@ bool accepts_module_type(uint32_t moduleType) {
     return std::ranges::find(ACCEPTED_MODULE_TYPES, moduleType) != ACCEPTED_MODULE_TYPES.end();
 }
 
-// The boot environment's answer is a letter and a line feed; the rest of the buffer stays zero.
+// The query of the running slot returns a letter and a line feed; the rest of the buffer stays
+// zero.
 constexpr size_t SLOT_BUFFER_SIZE = 128;
 constexpr int32_t SLOT_ANSWER_SIZE = 16;
 constexpr int32_t SLOT_QUERY_TIMEOUT_MS = 2000;
@@ -152,8 +153,8 @@ int32_t axera_ota_write_partition_by_offset(uint32_t moduleType, const char* par
                                    &ResultMapping::mtd);
             break;
         case STORAGE_TYPE_MMC: {
-            // A range that ends beyond 2 GiB becomes one with a negative or a smaller end, which
-            // the driver refuses before it erases anything.
+            // If the range ends at or beyond 2 GiB, these conversions make a position negative or
+            // the end smaller than the start. The driver rejects that before it erases anything.
             const int start = static_cast<int>(offset);
             const int end = static_cast<int>(offset + size);
             result = mapped_result(

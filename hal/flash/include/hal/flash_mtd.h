@@ -1,11 +1,11 @@
 // Raw-flash driver: partitions are MTD character devices, found by name in "/proc/mtd".
 //
-// Every operation opens what it needs and closes it before it returns. All of them block until the
-// flash has done its work. No lock is taken; the copies keep their chunks in static buffers, so two
-// of them must not run at once (the platform abstraction's mutex of the upgrade module sees to it).
-// Partition names and paths are NUL-terminated and must not be null, but for those of
-// flash_mtd_erase_write_partition_by_offset(). Failures are reported; the codes are FlashResult's
-// unless said otherwise.
+// Every operation opens the files that it needs and closes them before it returns. All operations
+// block until the flash has finished. No lock is taken. The copies use static buffers, so two of
+// them must not run concurrently; the upgrade mutex of the platform abstraction prevents that.
+// Partition names and paths are NUL-terminated and must not be null, except for
+// flash_mtd_erase_write_partition_by_offset(). Failures are reported. The result codes are
+// FlashResult unless stated otherwise.
 #ifndef HAL_FLASH_MTD_H
 #define HAL_FLASH_MTD_H
 
@@ -13,32 +13,34 @@
 
 #include "hal/flash_result.h"
 
-// Opens the device of the partition of exactly this name, with flags as open(2) takes them. Reports
-// nothing. Returns a descriptor, which the caller closes, or a negative value.
+// Opens the device of the partition with exactly this name; flags as for open(2). Failures are not
+// reported. Returns a descriptor, which the caller closes, or a negative value.
 int flash_mtd_open(const char* part, int flags);
 
-// Erases the whole partition in one request. Returns FLASH_OK, FLASH_FAILED (device not opened),
-// FLASH_ERASE_NO_GEOMETRY or FLASH_ERASE_FAILED.
+// Erases the whole partition in one request. Returns FLASH_OK, FLASH_FAILED (cannot open the
+// device), FLASH_ERASE_NO_GEOMETRY or FLASH_ERASE_FAILED.
 int flash_mtd_erase_partition(const char* part);
 
 // Copies the whole image file to the start of the partition, which must be erased. The image must
 // not be larger than the partition and must be writable. Returns FLASH_OK or FLASH_FAILED.
 int flash_mtd_write_partition(const char* part, const char* image);
 
-// flash_mtd_erase_partition(), then flash_mtd_write_partition(). Returns FLASH_OK, the erase's
-// code, or FLASH_FAILED when the copy fails.
+// Calls flash_mtd_erase_partition(), then flash_mtd_write_partition(). Returns FLASH_OK, the code
+// of a failed erase, or FLASH_FAILED when the copy fails.
 int flash_mtd_erase_write_partion(const char* part, const char* image);
 
-// Copies `length` bytes of the package file, from byte `offset` on, to the start of the partition,
-// which must be erased, and reads every chunk back. A length of 0 and a package that ends early are
-// no failures. Returns FLASH_OK, FLASH_NO_DEVICE, FLASH_NO_GEOMETRY, FLASH_NO_PACKAGE,
-// FLASH_NO_PACKAGE_STATUS, FLASH_BAD_LENGTH, FLASH_PARTITION_TOO_SMALL, FLASH_MTD_PACKAGE_UNREAD,
-// FLASH_SHORT_WRITE, FLASH_SHORT_READ_BACK or FLASH_DATA_DIFFER.
+// Copies `length` bytes of the package file, starting at byte `offset`, to the start of the
+// partition, which must be erased, and reads every chunk back. A length of 0 is not a failure, and
+// neither is a package that ends early. Returns FLASH_OK, FLASH_NO_DEVICE, FLASH_NO_GEOMETRY,
+// FLASH_NO_PACKAGE, FLASH_NO_PACKAGE_STATUS, FLASH_BAD_LENGTH, FLASH_PARTITION_TOO_SMALL,
+// FLASH_MTD_PACKAGE_UNREAD, FLASH_SHORT_WRITE, FLASH_SHORT_READ_BACK or FLASH_DATA_DIFFER.
 int flash_mtd_write_partition_by_offset(const char* part, const char* package, uint64_t offset,
                                         uint64_t length);
 
-// Erases the partition, then copies as above; either is left out when its argument is null, but a
-// package needs a partition. Returns the erase's code when it fails, else the copy's.
+// Erases the partition, then copies as flash_mtd_write_partition_by_offset() does. If `package` is
+// null, only erases. If both `part` and `package` are null, does nothing and returns FLASH_OK; if
+// only `part` is null, returns FLASH_NO_DEVICE. Otherwise returns the code of the erase when it
+// fails, else the code of the copy.
 int flash_mtd_erase_write_partition_by_offset(const char* part, const char* package,
                                               uint64_t offset, uint64_t length);
 

@@ -1,7 +1,7 @@
-// The LED module: a worker thread plays the requested pattern on the camera's status LED.
+// The LED module: a worker thread shows the requested pattern on the camera's status LED.
 //
-// init and deinit must not run at the same time as each other (the platform abstraction's LED mutex
-// sees to it); enable and blink may be called from any thread at any time.
+// init and deinit must not run concurrently; the LED mutex of the platform abstraction prevents
+// that. enable and blink may be called from any thread at any time.
 #ifndef HAL_T31_LED_H
 #define HAL_T31_LED_H
 
