@@ -9,7 +9,7 @@
 
 namespace {
 
-// The buffers keep room behind the longest message for the line feed that is added to it.
+// Each buffer has room for the line feed that is appended to the longest message.
 constexpr size_t PAL_BUFFER_SIZE = 512;
 constexpr size_t PAL_MESSAGE_LIMIT = 509;  // terminator included
 constexpr size_t HAL_BUFFER_SIZE = 1024;
@@ -18,11 +18,11 @@ constexpr size_t HAL_MESSAGE_LIMIT = 1021;
 #define REPORT_SOURCE_NUMBER(name, tag, number) number,
 constexpr int32_t NUMBERS[] = {REPORT_SOURCES(REPORT_SOURCE_NUMBER)};
 #undef REPORT_SOURCE_NUMBER
-constexpr bool differ(const int32_t* first, const int32_t* last) {
+constexpr bool are_unique(const int32_t* first, const int32_t* last) {
     return std::all_of(first, last,
                        [=](int32_t number) { return std::count(first, last, number) == 1; });
 }
-static_assert(differ(std::begin(NUMBERS), std::end(NUMBERS)),
+static_assert(are_unique(std::begin(NUMBERS), std::end(NUMBERS)),
               "two sources report under one number");
 
 static_assert(PAL_MESSAGE_LIMIT < PAL_BUFFER_SIZE && HAL_MESSAGE_LIMIT < HAL_BUFFER_SIZE);

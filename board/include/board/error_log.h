@@ -1,5 +1,5 @@
-// The two reporters of the platform abstraction and of the hardware modules below it. Each prints
-// one line per report on standard output; whoever meets a failure reports it, once.
+// The error reporting of the platform abstraction and of the hardware modules below it. Each report
+// is one line on standard output. A function that detects a failure reports it once.
 #ifndef BOARD_ERROR_LOG_H
 #define BOARD_ERROR_LOG_H
 
@@ -13,30 +13,30 @@ enum ReportLevel : int32_t {
     REPORT_LEVEL_ERROR = 4,  // a failure
 };
 
-// Who reports: a tag for people and a number for programs that read the output.
+// The origin of a report: a tag for people and a number for programs that read the output.
 struct ReportSource {
     const char* tag;
     int32_t id;
 };
 
-// REPORT_FLASH_MMC and so on, from the table in board/modules.h.
+// Defines REPORT_FLASH_MMC and so on, from the table in board/modules.h.
 #define REPORT_SOURCE_CONSTANT(name, tag, number) constexpr ReportSource REPORT_##name{tag, number};
 REPORT_SOURCES(REPORT_SOURCE_CONSTANT)
 #undef REPORT_SOURCE_CONSTANT
 
-// Prints "PAL error function,line,tag id level message" and a line feed. The message is cut to 508
-// characters; one that ends in a line feed is followed by an empty line. Takes no lock but that of
-// the output stream and is safe from any thread. No pointer may be null.
+// Prints "PAL error function,line,tag id level message" and a line feed. The message is truncated
+// to 508 characters; if it ends in a line feed, an empty line follows. Takes only the lock of the
+// output stream; may be called from any thread. No pointer may be null.
 void PAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
                   const char* format, ...) __attribute__((format(printf, 6, 7)));
 
-// As PAL_ErrorLog, but prints "hal error ..." and cuts the message to 1020 characters.
+// As PAL_ErrorLog, but prints "hal error ..." and truncates the message to 1020 characters.
 void HAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
                   const char* format, ...) __attribute__((format(printf, 6, 7)));
 
-// How a hardware module reports: format and values, from the current line, as the REPORT_SOURCE
-// that its file defines. In the name of the current function, or of the operation that a helper
-// works for.
+// The macros with which a hardware module reports: a printf() format and its values. A report names
+// the current source line and the REPORT_SOURCE that the file defines. It also names the current
+// function, or with ..._AS the operation that calls the current helper function.
 #define HAL_ERROR(...) HAL_ERROR_AS(__func__, __VA_ARGS__)
 #define HAL_INFO(...) HAL_INFO_AS(__func__, __VA_ARGS__)
 #define HAL_ERROR_AS(operation, ...) HAL_REPORT_AS(operation, REPORT_LEVEL_ERROR, __VA_ARGS__)

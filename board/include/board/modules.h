@@ -1,22 +1,23 @@
-// The hardware modules of this camera and who reports in whose name: two tables, from which the
-// registry, the constants REPORT_... and the tables' declarations follow. A new module is a row in
-// each; its libraries are a row in hal/CMakeLists.txt.
+// Two tables: the hardware modules of this camera, and the sources of reports. They generate the
+// registry, the declarations of the operation tables and the REPORT_... constants. A new module
+// needs a row in each table and a row in hal/CMakeLists.txt.
 #ifndef BOARD_MODULES_H
 #define BOARD_MODULES_H
 
 #include <stdint.h>
 
-// MODULE(kind, record of operations, the constant that fills it): the registry's lookup of a kind
-// is HAL_<kind>_GetInterface. The records are in hal/hal_interfaces.h.
+// MODULE(kind, type of the operation table, name of the operation table). HAL_<kind>_GetInterface
+// looks the table up in the registry. The types are declared in hal/hal_interfaces.h.
 #define HAL_MODULES(MODULE)                         \
     MODULE(LED, HalLedInterface, T31_LED_INTERFACE) \
     MODULE(NV, HalNvInterface, NV_INTERFACE)        \
     MODULE(OTA, HalOtaInterface, AXERA_OTA_INTERFACE)
 
-// Kinds that the platform knows and this camera does not have: their lookup returns null.
+// Kinds of module that the platform supports but this camera does not have: their lookup returns
+// null.
 #define HAL_MISSING_MODULES(MODULE) MODULE(PMU, HalPmuInterface)
 
-// SOURCE(name, tag for people, number for programs that read the output). No two have one number.
+// SOURCE(name, tag for people, number for programs that read the output). Numbers must be unique.
 #define REPORT_SOURCES(SOURCE)             \
     SOURCE(FLASH_MMC, "FLASH_MMC", 1)      \
     SOURCE(FLASH_MTD, "FLASH_MTD", 2)      \
