@@ -1,5 +1,5 @@
-// The stack on which a signal handler runs (sigaltstack(2)), so that a thread whose own stack is
-// used up can still say so.
+// A separate stack for signal handlers (sigaltstack(2)), so that the crash handler can still run on
+// a thread that has overflowed its own stack.
 #ifndef BASE_ALTERNATE_STACK_H
 #define BASE_ALTERNATE_STACK_H
 
@@ -8,8 +8,9 @@
 
 namespace corvo {
 
-// Serves the thread that made it, and only that one, as long as it lives. To be a local object of
-// the thread's first procedure: the bytes then lie at the stack's begin, out of the way of its use.
+// Applies only to the thread that creates the object, until the object is destroyed. Declare it as
+// a local variable of the thread's first function: its bytes are then at the beginning of the
+// thread's stack, away from the end that overflows.
 class AlternateStack {
   public:
     AlternateStack() {
@@ -22,7 +23,8 @@ class AlternateStack {
     AlternateStack& operator=(const AlternateStack&) = delete;
 
   private:
-    // What the kernel saves of the widest processors takes 11 KiB, a record of the transport 1.
+    // The kernel saves up to 11 KiB of processor registers on this stack; a transport record on it
+    // needs 1 KiB.
     static constexpr size_t SIZE = size_t{24} * 1024;  // bytes
 
     alignas(16) char bytes_[SIZE];

@@ -21,7 +21,8 @@ constexpr std::array<uint32_t, 256> CRC32_TABLE = [] {
     return table;
 }();
 
-// The checksum of what was summed up in `crc` (0 at first) with these bytes behind it.
+// Returns the CRC of the data so far followed by these bytes. `crc` is the CRC of the data so far,
+// 0 at the start.
 constexpr uint32_t crc32(uint32_t crc, std::span<const char> bytes) {
     crc = ~crc;
     for (const char byte : bytes) {

@@ -1,5 +1,5 @@
-// The one way in which a result that decides nothing is passed over, where it must not be forgotten
-// by mistake: compilers warn of a write(2) whose result nobody looks at, also behind a cast.
+// Marks a result as ignored on purpose. Compilers warn when the result of functions such as
+// write(2) is not used, and a cast to void does not silence that warning.
 #ifndef BASE_IGNORE_RESULT_H
 #define BASE_IGNORE_RESULT_H
 

@@ -1,5 +1,6 @@
-// Opens what lies behind no symbolic link, not even in a folder on the way to it: for places that
-// somebody else may have filled. A memory card can lead with a link to any file of the camera.
+// Opens a file and refuses symbolic links in every component of its path. For directories that
+// other parties can write to: a symbolic link on a memory card could point to any file of the
+// camera.
 #ifndef BASE_OPEN_WITHOUT_LINKS_H
 #define BASE_OPEN_WITHOUT_LINKS_H
 
@@ -16,7 +17,7 @@
 
 namespace corvo {
 
-// One component. A link fails with ELOOP, whatever the flags make of it.
+// Opens one component of a path. Fails with ELOOP if it is a symbolic link, whatever the flags are.
 inline int open_component(int folder, const char* name, int flags, mode_t mode) {
     UniqueFd file(openat(folder, name, flags | O_NOFOLLOW | O_CLOEXEC, mode));
     const int error = errno;
@@ -30,14 +31,14 @@ inline int open_component(int folder, const char* name, int flags, mode_t mode) 
     return isLink ? -1 : file.release();
 }
 
-// For kernels without openat2(2): one folder after the other.
+// For kernels without openat2(2): opens the path one directory after the other.
 inline int open_step_by_step(const char* path, int flags, mode_t mode) {
     UniqueFd folder(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
     path += strspn(path, "/");
     while (folder.valid()) {
         const size_t size = strcspn(path, "/");
         const char* const rest = path + size + strspn(path + size, "/");
-        char name[NAME_MAX + 1] = ".";  // of the root itself
+        char name[NAME_MAX + 1] = ".";  // stays "." when the path is "/"
         if (size >= sizeof(name)) {
             errno = ENAMETOOLONG;
             return -1;
@@ -56,18 +57,18 @@ inline int open_step_by_step(const char* path, int flags, mode_t mode) {
     return -1;
 }
 
-// As open(2), for an absolute path; the descriptor is closed at exec. Fails with ELOOP when any
-// component of the path is a link, the last one included.
+// As open(2), for an absolute path; sets O_CLOEXEC. Fails with ELOOP when any component of the
+// path, including the last one, is a symbolic link.
 inline int open_without_links(const char* path, int flags, mode_t mode = 0) {
 #ifdef SYS_openat2
-    // As <linux/openat2.h> declares it; the headers of an older kernel lack that.
+    // Same layout as struct open_how of <linux/openat2.h>, which older kernel headers do not have.
     struct {
         uint64_t flags;
         uint64_t mode;
         uint64_t resolve;
     } how = {static_cast<uint64_t>(flags | O_CLOEXEC), mode, 0x04};  // RESOLVE_NO_SYMLINKS
     const long fd = syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how));
-    // EPERM is how a filter answers that does not know the call.
+    // A system-call filter that does not know openat2(2) returns EPERM.
     if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) {
         return static_cast<int>(fd);
     }

@@ -1,4 +1,4 @@
-// Owners for what the C library hands out: heap blocks, streams and directory handles.
+// Owners for resources of the C library: heap blocks, streams and directory handles.
 #ifndef BASE_OWNED_H
 #define BASE_OWNED_H
 
@@ -27,7 +27,7 @@ using OwnedBlock = std::unique_ptr<T, FreeDeleter>;
 using OwnedFile = std::unique_ptr<FILE, FileCloser>;
 using OwnedDirectory = std::unique_ptr<DIR, DirectoryCloser>;
 
-// A zero-filled record on the heap, or null when memory is short.
+// Allocates a zero-filled record on the heap. Returns null when no memory is available.
 template <typename T>
 OwnedBlock<T> allocate_zeroed() {
     static_assert(std::is_trivially_destructible_v<T>, "free() runs no destructor");

@@ -1,4 +1,4 @@
-// Holds a POSIX mutex for the length of a scope.
+// Locks a POSIX mutex until the end of a scope.
 #ifndef BASE_SCOPED_LOCK_H
 #define BASE_SCOPED_LOCK_H
 

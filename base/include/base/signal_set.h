@@ -1,4 +1,4 @@
-// A set of signals from a table of them, for masks and waits.
+// Converts an array of signal numbers to a sigset_t.
 #ifndef BASE_SIGNAL_SET_H
 #define BASE_SIGNAL_SET_H
 

@@ -1,5 +1,4 @@
-// Owner of one file descriptor: whoever opens something keeps it in one of these, so that every
-// path out of a procedure closes it, exactly once.
+// Owner of one file descriptor. Closes it exactly once, on every path out of a function.
 #ifndef BASE_UNIQUE_FD_H
 #define BASE_UNIQUE_FD_H
 
@@ -10,7 +9,7 @@ namespace corvo {
 class UniqueFd {
   public:
     UniqueFd() = default;
-    // Takes over fd; a negative value owns nothing.
+    // Takes ownership of fd; with a negative value the object owns no descriptor.
     explicit UniqueFd(int fd) : fd_(fd) {}
     ~UniqueFd() { reset(); }
 
@@ -25,15 +24,15 @@ class UniqueFd {
     [[nodiscard]] int get() const { return fd_; }
     [[nodiscard]] bool valid() const { return fd_ >= 0; }
 
-    // Hands the descriptor out; the caller closes it.
+    // Gives up ownership and returns the descriptor; the caller must close it.
     [[nodiscard]] int release() {
         const int fd = fd_;
         fd_ = -1;
         return fd;
     }
 
-    // Closes what is owned and takes over fd instead. close() is not repeated after EINTR: Linux
-    // has released the descriptor by then, and another thread may already hold its number.
+    // Closes the owned descriptor and takes ownership of fd. close() is not repeated after EINTR:
+    // Linux has already released the descriptor, and another thread may have been given its number.
     void reset(int fd = -1) {
         if (fd_ >= 0) {
             ::close(fd_);
