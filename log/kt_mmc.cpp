@@ -13,8 +13,9 @@
 
 namespace {
 
-// nanomsg ends the whole process when it finds a directory under the socket's name, and removes a
-// file that it finds there. Only a socket, which an earlier run left, is its to replace.
+// Returns whether nanomsg may bind to the address. If the path of the socket is a directory,
+// nanomsg would abort the process; if it is a file, nanomsg would delete it. Only a socket, left by
+// an earlier run, may be replaced.
 bool may_bind(const char* url) {
     constexpr char IPC_SCHEME[] = "ipc://";
     constexpr size_t SCHEME_LENGTH = sizeof(IPC_SCHEME) - 1;
@@ -80,7 +81,7 @@ uint32_t KT_mmcPutTopic(const char* topic, char* buffer, uint32_t capacity) {
         return LOG_PRODUCER_BUFFER_TOO_SMALL;
     }
     char* const separator = std::copy_n(topic, topicLength, buffer);
-    // The separator's own NUL goes along where there is room.
+    // Also copies the separator's terminating NUL if the buffer has room for it.
     std::copy_n(CORVO_LOG_TOPIC_SEPARATOR,
                 std::min<size_t>(capacity - topicLength, sizeof(CORVO_LOG_TOPIC_SEPARATOR)),
                 separator);

@@ -16,7 +16,7 @@ std::atomic<uint32_t> g_log_level{LOG_LEVEL_ORDINARY};
 std::atomic<uint8_t> g_output_force_init{0};
 std::atomic<uint8_t> g_log_centre_working{0};
 
-// strftime() and snprintf() would take several times as long for these few digits.
+// Formats the digits without strftime() or snprintf(), which would take several times as long.
 char* put_digits(char* to, int value, int digits) {
     for (int i = digits - 1; i >= 0; --i) {
         to[i] = static_cast<char>('0' + value % 10);
@@ -25,7 +25,8 @@ char* put_digits(char* to, int value, int digits) {
     return to + digits;
 }
 
-// Writes the stamp without a NUL and returns its end. buf has LOG_STAMP_MIN_CAPACITY bytes.
+// Writes the time stamp without a terminating NUL and returns a pointer to its end. buf must have
+// at least LOG_STAMP_MIN_CAPACITY bytes.
 char* put_stamp(char* buf) {
     timeval now = {};
     gettimeofday(&now, nullptr);

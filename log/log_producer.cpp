@@ -14,10 +14,10 @@ namespace {
 
 constexpr int32_t NO_SOCKET = -1;
 constexpr size_t NAME_SIZE = 64;                       // bytes, terminator included
-constexpr useconds_t SUBSCRIBERS_CONNECT_US = 100000;  // what is published earlier reaches nobody
+constexpr useconds_t SUBSCRIBERS_CONNECT_US = 100000;  // earlier lines would reach no subscriber
 
-// The signal thread may log while main still opens the producer, so the socket is shown to senders
-// only when the topic stands behind it.
+// The signal thread may log while the main thread is still opening the producer. The socket is
+// therefore stored only after the topic has been written.
 std::atomic<int32_t> g_producer_socket{NO_SOCKET};
 char g_log_topic[NAME_SIZE];
 
