@@ -1,5 +1,5 @@
-// Stand-in for the maker's platform library: the three calls that the service makes, over the C
-// library. A device carries the real one.
+// Replacement for the manufacturer's platform library on a host: implements the three functions
+// that the service calls with the C library. A camera has the real library.
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
