@@ -25,12 +25,12 @@ namespace {
 
 constexpr useconds_t REPLACE_PAUSE_US = 1000;
 
-// What the reader thread knows of its connection.
+// The reader thread's state of its connection.
 struct Connection {
     RecordReader reader;
-    int64_t madeAtMs;        // on the monotonic clock
-    bool answered;           // a record has come over it
-    int32_t failedAttempts;  // to reach a server, since the last connection that lived
+    int64_t madeAtMs;        // time of connecting, on the monotonic clock
+    bool answered;           // a whole record has been received
+    int32_t failedAttempts;  // attempts to connect that failed since the last usable connection
 };
 
 int64_t monotonic_ms() {
@@ -39,10 +39,10 @@ int64_t monotonic_ms() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-// Tries until all but the attempts that have failed already are spent. Returns whether the server
-// was reached; gives up early when the endpoint is being closed. The socket comes non-blocking, or
-// a server that accepts nobody would hold an attempt for ever once its backlog is full; connected,
-// it blocks.
+// Tries to connect until DBUS_CONNECT_ATTEMPTS attempts have failed, including the *failedAttempts
+// earlier ones, or until the endpoint is being closed. Returns whether the socket is connected. The
+// socket must be non-blocking, because connect(2) would otherwise block forever when the backlog of
+// a server that does not accept is full. Once connected, it is made blocking.
 bool connect_with_retries(const SystemCallDbusInfo& info, int fd, int32_t* failedAttempts) {
     const sockaddr_un address = dbus_server_address(info.serverName);
     for (; *failedAttempts < DBUS_CONNECT_ATTEMPTS && !info.stopping; ++*failedAttempts) {
@@ -55,16 +55,17 @@ bool connect_with_retries(const SystemCallDbusInfo& info, int fd, int32_t* faile
     return false;
 }
 
-// Callers wait on the endpoint lock meanwhile: a record written to a dead connection would be lost.
+// Holds the endpoint lock, so that callers wait for the new connection: a record written to the
+// dead one would be lost.
 int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info, Connection* connection) {
     DBUS_INFO("server socket is closed, reconnect daemon");
     const corvo::ScopedLock lock(info->lock);
     if (info->serverName[0] == '\0') {
         return DBUS_OK;
     }
-    // A server that dies takes connections until its very end. One that is lost at once,
-    // unanswered, reached such a server: it is an attempt that failed, and there may be no better
-    // one for a while.
+    // A server that is terminating still accepts connections until it ends. A connection that is
+    // lost soon and without a reply probably reached such a server. It counts as a failed attempt,
+    // and the pause gives a new server time to start.
     if (!connection->answered && monotonic_ms() - connection->madeAtMs < DBUS_CONNECT_PAUSE_MS) {
         ++connection->failedAttempts;
         usleep(DBUS_CONNECT_PAUSE_MS * 1000);
@@ -92,14 +93,15 @@ int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info, Connec
     return DBUS_OK;
 }
 
-void hand_to_caller(SystemCallDbusInfo* info, const SystemCallDbusMsg& reply) {
+void pass_to_caller(SystemCallDbusInfo* info, const SystemCallDbusMsg& reply) {
     SystemCall_Dbus_Method_Msg_Result(info, &reply);
     SystemCall_Dbus_Method_Wakeup(info, &reply);
 }
 
-// Deals with a read that brought no byte. Returns whether the reader goes on.
-bool go_on_after_empty_read(const char* operation, SystemCallDbusInfo* info, Connection* connection,
-                            ssize_t byteCount) {
+// Handles a read that returned no bytes: reconnects if the connection is lost. Returns whether the
+// reader thread continues.
+bool handle_empty_read(const char* operation, SystemCallDbusInfo* info, Connection* connection,
+                       ssize_t byteCount) {
     const int reason = errno;
     if (info->stopping) {
         return false;
@@ -109,8 +111,8 @@ bool go_on_after_empty_read(const char* operation, SystemCallDbusInfo* info, Con
                      reason, strerror(reason));
         return true;
     }
-    // A server that is killed, or dies with a record unread or a connection not yet accepted,
-    // leaves a reset where one that closes leaves an end.
+    // ECONNRESET is a lost connection as well: it replaces the end of file when the server ends
+    // with unread records or before it has accepted the connection.
     if (byteCount < 0 && reason != ECONNRESET) {
         DBUS_ERROR_AS(operation, "read socket data failed exit this thread, ret:%zd errno:%d (%s)",
                       byteCount, reason, strerror(reason));
@@ -118,7 +120,7 @@ bool go_on_after_empty_read(const char* operation, SystemCallDbusInfo* info, Con
     }
     DBUS_ERROR_AS(operation, "disconnect with server, reconnect, ret:%zd errno:%d (%s)", byteCount,
                   reason, strerror(reason));
-    // What was gathered of a record belongs to the connection that is gone.
+    // Discard the part of a record that was read from the lost connection.
     connection->reader = {};
     return SystemCall_Dbus_Method_Reconnect_Daemon(info, connection) == DBUS_OK;
 }
@@ -129,14 +131,14 @@ void* SystemCall_Dbus_Method_Thread(void* argument) {
     dbus_name_thread("DbusProcess");
     Connection connection = {};
     connection.madeAtMs = monotonic_ms();
-    bool goOn = true;
-    while (goOn) {
+    bool keepReading = true;
+    while (keepReading) {
         // Only this thread replaces the socket, so it may read it without the lock.
         ssize_t byteCount = 0;
         switch (record_read(&connection.reader, info->connectionSocket, &byteCount)) {
             case RECORD_COMPLETE:
                 connection.answered = true;
-                hand_to_caller(info, connection.reader.record);
+                pass_to_caller(info, connection.reader.record);
                 break;
             case RECORD_INCOMPLETE:
                 break;
@@ -146,7 +148,7 @@ void* SystemCall_Dbus_Method_Thread(void* argument) {
                 break;
             case RECORD_END:
             case RECORD_FAILED:
-                goOn = go_on_after_empty_read(__func__, info, &connection, byteCount);
+                keepReading = handle_empty_read(__func__, info, &connection, byteCount);
                 break;
         }
     }
@@ -170,7 +172,8 @@ SystemCallDbusMsg new_record(const SystemCallDbusInfo& info, const char* destina
     return record;
 }
 
-// Whether the endpoint and the data's length are fit to be sent; says so when not.
+// Returns whether the endpoint has a client role and the data is short enough to be sent. If not,
+// prints the reason.
 bool may_send(const char* operation, const SystemCallDbusInfo* info, const char* destination,
               const char* method, uint32_t dataLen) {
     if (info == nullptr) {
@@ -190,15 +193,17 @@ bool may_send(const char* operation, const SystemCallDbusInfo* info, const char*
     return true;
 }
 
-// Whether nobody is left at the other end. -1 is not: writing to it fails at once.
+// Returns whether the peer has closed the connection. False for a descriptor of -1, because writing
+// to it fails immediately.
 bool hung_up(int fd) {
     pollfd connection = {.fd = fd, .events = 0, .revents = 0};
     return poll(&connection, 1, 0) > 0 && (connection.revents & (POLLHUP | POLLERR)) != 0;
 }
 
-// Writes the record, under the endpoint lock. The reader may not have noticed yet that the server
-// has gone: what was written to it would be lost though a new one listens already, so the reader is
-// given its time to connect anew. Returns what record_write() does.
+// Writes the record while holding the endpoint lock. If the server has closed the connection but
+// the reader thread has not noticed yet, waits for the reader to reconnect, at most
+// SYSTEM_CALL_DBUS_CONNECT_MS. Otherwise the record would be lost although a new server may already
+// be listening. Returns the result of record_write().
 ssize_t write_record(SystemCallDbusInfo* info, const SystemCallDbusMsg& record) {
     const int64_t deadline = monotonic_ms() + SYSTEM_CALL_DBUS_CONNECT_MS;
     while (true) {
@@ -212,9 +217,8 @@ ssize_t write_record(SystemCallDbusInfo* info, const SystemCallDbusMsg& record) 
     }
 }
 
-// Starts the reader with every signal blocked that can be: what they do to the process is not
-// decided here, and a thread that takes one may end it. Faults stay open; they are the thread's
-// own.
+// Starts the reader thread with all signals blocked, so that the process's other threads handle
+// them. Signals for faults stay unblocked, because they are raised by the thread itself.
 int start_reader(SystemCallDbusInfo* info) {
     sigset_t blocked;
     sigset_t before;
@@ -257,12 +261,13 @@ int32_t dbus_client_open(SystemCallDbusInfo* info) {
 
 void dbus_client_close(SystemCallDbusInfo* info) {
     {
-        // Taken behind a reconnection, which ends early, so that it is the new socket that is shut.
+        // The lock waits for a reconnection in progress, which ends early because `stopping` is
+        // set. So this shuts down the newest socket.
         const corvo::ScopedLock lock(info->lock);
         if (info->connectionSocket == 0) {
-            return;  // no client role, or it never opened
+            return;  // no client role, or opening it failed
         }
-        shutdown(info->connectionSocket, SHUT_RDWR);  // ends the reader's read
+        shutdown(info->connectionSocket, SHUT_RDWR);  // makes the reader's read(2) return
     }
     pthread_join(info->methodThread, nullptr);
     if (info->connectionSocket > 0) {
@@ -284,7 +289,7 @@ int32_t SystemCall_Dbus_Call_Method(SystemCallDbusInfo* info, const char* destin
     SystemCallDbusMsg call =
         new_record(*info, destination, SYSTEM_CALL_DBUS_TYPE_METHOD, method, data, dataLen);
     call.id = rand();
-    // The entry is there before the record goes out, or a quick reply would find nobody.
+    // Add the entry before writing the record, or a quick reply would find no entry.
     const int32_t pushed = SystemCall_Dbus_Method_Msg_Push(info, &call);
     if (pushed != DBUS_OK) {
         DBUS_ERROR("SystemCall_Dbus_Method_Msg_Push failed, ret = %d", pushed);

@@ -1,15 +1,16 @@
-// The transport's diagnostic lines: one coloured line each on standard output, printed in one call
-// so that lines of different threads do not mix.
+// The transport's diagnostic messages. Each is one coloured line on standard output, printed with
+// one call so that lines of different threads do not mix.
 //
-// A source file defines DBUS_SOURCE, the name that its lines carry, before it includes this. Lines
-// name the operation that a caller knows: a helper prints in the name of the one that it works for.
+// Before a source file includes this header, it defines DBUS_SOURCE, the source name in its lines.
+// A line also names an operation of the public interface; a helper function passes the name of the
+// operation that called it.
 #ifndef DBUS_DBUS_PRINT_H
 #define DBUS_DBUS_PRINT_H
 
 #include <stdio.h>
 
-// The transport is one thing to those who read its lines, in however many files it is written. A
-// source line number is therefore one of the file that holds the operation.
+// All files of the transport print this one source name. The line number in a message belongs to
+// the file that contains the named operation.
 #define DBUS_TRANSPORT "dbus/dbus_socket_common"
 
 #define DBUS_PRINT_AS(operation, colour, kind, text, ...)                                          \

@@ -1,5 +1,5 @@
-// The server role: a thread that accepts, a thread per connection that reads records, and a thread
-// per record that runs its handler and replies.
+// The server role: one thread accepts connections, one thread per connection reads records, and one
+// thread per record runs the handler and replies.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,11 +22,12 @@
 #define DBUS_SOURCE DBUS_TRANSPORT
 #include "dbus_print.h"
 
-// One accepted connection. Its socket is closed by the last of its threads: closed any earlier, the
-// number could belong to another client by the time a slow handler writes its reply.
+// One accepted connection. The last thread that uses the connection closes its socket. If the
+// socket were closed earlier, its descriptor could be reused for another client before a slow
+// handler writes its reply.
 struct DbusConnection {
     int fd;
-    int32_t references;    // guarded by the endpoint lock
+    int32_t references;    // number of threads that use it; guarded by the endpoint lock
     DbusConnection* next;  // guarded by the endpoint lock
 };
 
@@ -36,28 +37,28 @@ constexpr int LISTEN_BACKLOG = 5;
 constexpr useconds_t REPLY_PAUSE_US = 1000;
 constexpr int32_t NO_HANDLER_RESULT = -1;
 
-// What a connection thread starts with.
+// The argument of a connection thread.
 struct ListenArgs {
     SystemCallDbusInfo* info;
     DbusConnection* connection;
 };
 
-// What a message thread starts with.
+// The argument of a message thread.
 struct RWProcessArgs {
     SystemCallDbusInfo* info;
     DbusConnection* connection;
     SystemCallDbusMsg record;
 };
 
-// Adds a thread of the endpoint that uses the connection. The endpoint lock must be held.
-void take_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+// Counts one more thread that uses the connection and the endpoint. The endpoint lock must be held.
+void retain_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
     ++connection->references;
     ++info->serverThreads;
 }
 
-// Undoes take_connection(); the last user closes and frees the connection. Takes the endpoint lock.
-// A thread calls this as the last thing it does with the endpoint, which may be gone after it.
-void leave_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
+// Reverses retain_connection(). The last thread closes and frees the connection. Takes the endpoint
+// lock. After this call a thread must not use the endpoint, which may have been freed.
+void release_connection(SystemCallDbusInfo* info, DbusConnection* connection) {
     const corvo::ScopedLock lock(info->lock);
     if (--connection->references == 0) {
         DbusConnection** link = &info->connections;
@@ -147,21 +148,21 @@ void* SystemCall_Dbus_ReadWrite_Process(void* argument) {
             entry->signalHandler(args->record.data, args->record.len);
         }
     }
-    leave_connection(args->info, args->connection);
+    release_connection(args->info, args->connection);
     return nullptr;
 }
 
-// Gives a record to a thread of its own, or drops it when none can be had.
+// Starts a thread that handles the record. If the thread cannot be started, drops the record.
 void start_message_thread(const char* operation, corvo::OwnedBlock<RWProcessArgs> args) {
     SystemCallDbusInfo* const info = args->info;
     DbusConnection* const connection = args->connection;
     {
         const corvo::ScopedLock lock(info->lock);
-        take_connection(info, connection);
+        retain_connection(info, connection);
     }
     const int started = start_detached(SystemCall_Dbus_ReadWrite_Process, args.get());
     if (started == 0) {
-        corvo::ignore_result(args.release());  // the thread's now
+        corvo::ignore_result(args.release());  // now owned by the thread
         return;
     }
     struct sysinfo system = {};
@@ -172,10 +173,10 @@ void start_message_thread(const char* operation, corvo::OwnedBlock<RWProcessArgs
         "Process count : %d",
         strerror(started), static_cast<long>(system.uptime), static_cast<long>(system.freeram),
         static_cast<long>(system.totalram), system.procs);
-    leave_connection(info, connection);
+    release_connection(info, connection);
 }
 
-// Reads the connection until its end; each whole record goes to a message thread.
+// Reads the connection until it ends, and starts a message thread for each whole record.
 void serve_connection(const char* operation, SystemCallDbusInfo* info, DbusConnection* connection) {
     RecordReader reader = {};
     while (true) {
@@ -222,12 +223,12 @@ void* SystemCall_Dbus_ReadWrite_Thread(void* argument) {
     }
     dbus_name_thread(args.info->name);
     serve_connection(__func__, args.info, args.connection);
-    leave_connection(args.info, args.connection);
+    release_connection(args.info, args.connection);
     return nullptr;
 }
 
-// Starts the thread of an accepted connection. Returns whether memory sufficed; a connection whose
-// thread cannot be started is dropped.
+// Starts the thread of an accepted connection. If the thread cannot be started, closes the
+// connection. Returns false only when no memory is available.
 bool start_connection_thread(const char* operation, SystemCallDbusInfo* info, corvo::UniqueFd fd) {
     auto args = corvo::allocate_zeroed<ListenArgs>();
     auto connection = corvo::allocate_zeroed<DbusConnection>();
@@ -242,44 +243,45 @@ bool start_connection_thread(const char* operation, SystemCallDbusInfo* info, co
         const corvo::ScopedLock lock(info->lock);
         connection->next = info->connections;
         info->connections = connection.get();
-        take_connection(info, connection.get());
+        retain_connection(info, connection.get());
         if (info->stopping) {
-            shutdown(connection->fd, SHUT_RDWR);  // accepted behind the back of a close
+            shutdown(connection->fd, SHUT_RDWR);  // accepted while the endpoint is being closed
         }
     }
     DbusConnection* const shared = connection.release();
     const int started = start_detached(SystemCall_Dbus_ReadWrite_Thread, args.get());
     if (started != 0) {
         DBUS_ERROR_AS(operation, "connection thread not started: %s", strerror(started));
-        leave_connection(info, shared);
+        release_connection(info, shared);
         return true;
     }
-    corvo::ignore_result(args.release());  // the thread's now
+    corvo::ignore_result(args.release());  // now owned by the thread
     return true;
 }
 
 void* SystemCall_Dbus_Listen_Thread(void* argument) {
     SystemCallDbusInfo* const info = static_cast<SystemCallDbusInfo*>(argument);
     dbus_name_thread(info->name);
-    bool goOn = true;
-    while (goOn) {
+    bool keepAccepting = true;
+    while (keepAccepting) {
         corvo::UniqueFd fd(accept4(info->listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
         if (fd.valid()) {
-            goOn = start_connection_thread(__func__, info, std::move(fd));
+            keepAccepting = start_connection_thread(__func__, info, std::move(fd));
             continue;
         }
         if (!info->stopping) {
             DBUS_ERROR("Cannot accept client connect request");
         }
-        goOn = false;
+        keepAccepting = false;
     }
-    // Refused, a client tries again or tells; queued, it would wait for ever.
+    // Refuse further clients: a refused client retries or reports a failure, but a client in the
+    // backlog would wait forever.
     shutdown(info->listenSocket, SHUT_RDWR);
     return nullptr;
 }
 
-// Removes the file at the endpoint's path if it is a socket: whatever else was put under the name
-// belongs to somebody else.
+// Removes the file at the endpoint's path, but only if it is a socket: another type of file was not
+// created by this endpoint.
 void remove_socket_file(const char* path) {
     struct stat status = {};
     if (lstat(path, &status) == 0 && S_ISSOCK(status.st_mode)) {
@@ -296,10 +298,11 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
         return DBUS_SOCKET_FAILED;
     }
     const sockaddr_un address = dbus_server_address(info->name);
-    // A file that an earlier run left would fail the bind. unlink() takes a link itself, never what
-    // it points to, and no directory.
+    // bind(2) fails if an earlier run has left its socket file. unlink(2) removes a symbolic link
+    // but never its target, and it does not remove a directory.
     unlink(address.sun_path);
-    // The file is made with the socket's own mode: only its owner may connect, whatever the umask.
+    // bind(2) creates the file with this mode, so that only the owner can connect, whatever the
+    // umask is.
     corvo::ignore_result(fchmod(fd.get(), S_IRUSR | S_IWUSR));
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         DBUS_ERROR_AS(DBUS_REGISTER, "Cannot bind server socket (%s)", address.sun_path);
@@ -319,16 +322,16 @@ int32_t dbus_server_open(SystemCallDbusInfo* info) {
         remove_socket_file(address.sun_path);
         return DBUS_NO_MEMORY;
     }
-    corvo::ignore_result(fd.release());  // the endpoint's now
+    corvo::ignore_result(fd.release());  // now owned by the endpoint
     snprintf(info->socketPath, sizeof(info->socketPath), "%s", address.sun_path);
     return DBUS_OK;
 }
 
 void dbus_server_close(SystemCallDbusInfo* info) {
     if (info->listenSocket == 0) {
-        return;  // no server role, or it never opened
+        return;  // no server role, or opening it failed
     }
-    shutdown(info->listenSocket, SHUT_RDWR);  // ends the accept
+    shutdown(info->listenSocket, SHUT_RDWR);  // makes accept4(2) return
     pthread_join(info->listenThread, nullptr);
     {
         const corvo::ScopedLock lock(info->lock);

@@ -1,4 +1,5 @@
-// What the files of the transport share of an endpoint's two roles.
+// Declarations that the source files of the transport share: opening and closing an endpoint's two
+// roles, and their constants.
 #ifndef DBUS_ENDPOINT_H
 #define DBUS_ENDPOINT_H
 
@@ -6,22 +7,23 @@
 
 #include "dbus/dbus_socket_common.h"
 
-// Attempts to reach a server and the pause after each failed one.
+// Number of attempts to connect to a server, and the pause after each failed attempt.
 constexpr int32_t DBUS_CONNECT_ATTEMPTS = 100;
 constexpr int32_t DBUS_CONNECT_PAUSE_MS = SYSTEM_CALL_DBUS_CONNECT_MS / DBUS_CONNECT_ATTEMPTS;
 
-// In whose name the opening of either role prints.
+// The operation name in messages about opening either role.
 constexpr const char* DBUS_REGISTER = "SystemCall_Dbus_Register";
 
 constexpr size_t THREAD_NAME_SIZE = 16;  // bytes, terminator included: prctl(2), PR_SET_NAME
 
-// The address of the server with this name; a path beyond the address's width is cut.
+// Returns the socket address of the server with this name. A path that is too long for sun_path is
+// truncated.
 sockaddr_un dbus_server_address(const char* serverName);
 
-// Names the calling thread, cut to 15 characters.
+// Sets the name of the calling thread, truncated to 15 characters.
 void dbus_name_thread(const char* name);
 
-// The client role: connects and starts the reader thread.
+// Opens the client role: connects and starts the reader thread.
 // Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_CONNECT_FAILED or DBUS_NO_MEMORY; nothing stays open
 // after a failure.
 int32_t dbus_client_open(SystemCallDbusInfo* info);
@@ -29,13 +31,13 @@ int32_t dbus_client_open(SystemCallDbusInfo* info);
 // Ends the reader thread, waits for it and closes the connection. info->stopping must be set.
 void dbus_client_close(SystemCallDbusInfo* info);
 
-// The server role: binds, listens and starts the listen thread.
+// Opens the server role: binds, listens and starts the listen thread.
 // Returns DBUS_OK, DBUS_SOCKET_FAILED, DBUS_BIND_FAILED, DBUS_LISTEN_FAILED or DBUS_NO_MEMORY;
 // nothing stays open after a failure.
 int32_t dbus_server_open(SystemCallDbusInfo* info);
 
-// Ends the listen thread and every connection, waits for all threads of the role, running handlers
-// included, and removes the socket file. info->stopping must be set.
+// Ends the listen thread and every connection, waits for all threads of the role, including running
+// handlers, and removes the socket file. info->stopping must be set.
 void dbus_server_close(SystemCallDbusInfo* info);
 
 #endif  // DBUS_ENDPOINT_H

@@ -16,8 +16,8 @@ constexpr long MS_PER_S = 1000;
 constexpr long NS_PER_MS = 1000000;
 constexpr long NS_PER_S = 1000000000;
 
-// The link that points to the message's entry, so that the entry can be unlinked; it points to null
-// when there is none.
+// Returns the link that points to the entry of the message, so that the caller can unlink the
+// entry. If the message has no entry, returns the last link of the list, which is null.
 SystemCallDbusMethodMsgNode** find_link(SystemCallDbusInfo* info, const SystemCallDbusMsg& msg) {
     SystemCallDbusMethodMsgNode** link = &info->pendingCalls;
     while (*link != nullptr) {
@@ -144,8 +144,8 @@ int32_t SystemCall_Dbus_Method_Wait(SystemCallDbusInfo* info, const SystemCallDb
     if (node == nullptr) {
         return DBUS_NOT_PENDING;
     }
-    // The entry stays: only this thread takes it out. A reply attached before this lock is seen
-    // here, one attached later wakes the wait.
+    // The entry cannot disappear, because only this thread removes it. A reply that was attached
+    // before this lock is found by the loop's first check; a later reply wakes the wait.
     const corvo::ScopedLock nodeLock(node->mutex);
     int waited = 0;
     while (node->reply == nullptr && waited == 0) {

@@ -1,6 +1,6 @@
-// The calls of a client endpoint that wait for their replies. An entry is found by the message id
-// and the method name together. Every operation takes the endpoint lock; an entry's own mutex is
-// only ever taken after it, or alone by the waiter.
+// The list of calls of a client endpoint that wait for their replies. An entry is identified by the
+// message id together with the method name. Every operation takes the endpoint lock. The mutex of
+// an entry is locked after the endpoint lock, or without it by the waiting thread; never before it.
 #ifndef DBUS_PENDING_CALLS_H
 #define DBUS_PENDING_CALLS_H
 
@@ -16,28 +16,30 @@ enum MethodPopResult : int32_t {
     METHOD_POP_REPLIED = 1,
 };
 
-// Appends an entry that holds a copy of msg.
+// Appends an entry that contains a copy of msg.
 // Returns DBUS_OK, DBUS_INVALID_ARGUMENT (null) or DBUS_NO_MEMORY.
 int32_t SystemCall_Dbus_Method_Msg_Push(SystemCallDbusInfo* info, const SystemCallDbusMsg* msg);
 
-// Attaches a copy of the reply to its entry.
-// Returns DBUS_OK; DBUS_INVALID_ARGUMENT (null, or no call is pending); DBUS_CALL_FAILED (nobody
-// waits for it, it has a reply already, or memory is short).
+// Attaches a copy of the reply to the entry of its call.
+// Returns DBUS_OK; DBUS_INVALID_ARGUMENT (reply is null, or no call is pending at all);
+// DBUS_CALL_FAILED (the reply's call is not pending or already has a reply, or no memory is
+// available).
 int32_t SystemCall_Dbus_Method_Msg_Result(SystemCallDbusInfo* info, const SystemCallDbusMsg* reply);
 
-// Wakes the caller that waits for this reply, if there is one.
+// Wakes the thread that waits for this reply, if its call is pending.
 void SystemCall_Dbus_Method_Wakeup(SystemCallDbusInfo* info, const SystemCallDbusMsg* reply);
 
-// Blocks until the call has its reply or timeoutMs (0 or less: 10000) have passed on the monotonic
-// clock, so that a clock set meanwhile neither cuts nor stretches the wait. The endpoint lock is
-// not held while waiting. Only the thread that pushed the call may wait for it and pop it.
-// Returns a MethodWaitResult, DBUS_INVALID_ARGUMENT (no call is pending) or DBUS_NOT_PENDING.
+// Blocks until the call has its reply or timeoutMs milliseconds (0 or less: 10000) have passed. The
+// time is measured on the monotonic clock, so setting the system clock does not change it. The
+// endpoint lock is not held while waiting. Only the thread that pushed the call may wait for it and
+// pop it. Returns a MethodWaitResult, DBUS_INVALID_ARGUMENT (no call is pending at all) or
+// DBUS_NOT_PENDING.
 int32_t SystemCall_Dbus_Method_Wait(SystemCallDbusInfo* info, const SystemCallDbusMsg* call,
                                     int32_t timeoutMs);
 
-// Takes the call's entry out and frees it; a reply is copied to `reply`.
-// Returns a MethodPopResult, DBUS_INVALID_ARGUMENT (null, or no call is pending) or
-// DBUS_NOT_PENDING.
+// Removes the entry of the call and frees it. If the entry has a reply, copies it to `reply`.
+// Returns a MethodPopResult, DBUS_INVALID_ARGUMENT (an argument is null, or no call is pending at
+// all) or DBUS_NOT_PENDING.
 int32_t SystemCall_Dbus_Method_Msg_Pop(SystemCallDbusInfo* info, const SystemCallDbusMsg* call,
                                        SystemCallDbusMsg* reply);
 

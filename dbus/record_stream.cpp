@@ -12,7 +12,8 @@ namespace {
 
 constexpr uint32_t HEAD_SIZE = sizeof(SYSTEM_CALL_DBUS_HEAD);
 
-// Whether the bytes from `at` on are a record's head, or the beginning of one as far as they go.
+// Returns whether the bytes at index `at` can begin a record: they match the head, or as much of it
+// as has been read.
 bool may_begin_record(const RecordReader& reader, uint32_t at) {
     const uint32_t head = SYSTEM_CALL_DBUS_HEAD;
     const uint32_t known = std::min(HEAD_SIZE, reader.filled - at);
@@ -28,14 +29,15 @@ void drop_until_next_head(RecordReader* reader) {
     memmove(reader->bytes, reader->bytes + at, reader->filled);
 }
 
-void make_trustworthy(SystemCallDbusMsg* record) {
+void limit_record_fields(SystemCallDbusMsg* record) {
     record->sender[SYSTEM_CALL_DBUS_NAME_SIZE - 1] = '\0';
     record->destination[SYSTEM_CALL_DBUS_NAME_SIZE - 1] = '\0';
     record->method[SYSTEM_CALL_DBUS_NAME_SIZE - 1] = '\0';
     record->len = std::min(record->len, SYSTEM_CALL_DBUS_DATA_SIZE);
 }
 
-// Waits until the peer takes bytes again. Returns 0, or -1 with errno set.
+// Waits until the socket accepts bytes again. Returns 0, also when a signal interrupts the wait, or
+// -1 with errno set.
 int wait_writable(int fd) {
     pollfd writable = {.fd = fd, .events = POLLOUT, .revents = 0};
     const int ready = poll(&writable, 1, RECORD_WRITE_STALL_MS);
@@ -59,7 +61,7 @@ RecordReadResult record_accept(RecordReader* reader, uint32_t byteCount) {
     if (reader->filled < sizeof(reader->bytes)) {
         return RECORD_INCOMPLETE;
     }
-    make_trustworthy(&reader->record);
+    limit_record_fields(&reader->record);
     reader->complete = true;
     return RECORD_COMPLETE;
 }
@@ -68,7 +70,7 @@ RecordReadResult record_read(RecordReader* reader, int fd, ssize_t* byteCount) {
     if (reader->complete) {
         *reader = {};
     }
-    // A read that returns 0 sets no errno, and callers tell an interruption by it.
+    // Callers check errno for EINTR, also after a read that returns 0 and does not set errno.
     errno = 0;
     *byteCount = read(fd, reader->bytes + reader->filled, sizeof(reader->bytes) - reader->filled);
     if (*byteCount < 0) {
@@ -93,12 +95,12 @@ ssize_t record_write(int fd, const SystemCallDbusMsg& record) {
         if (n == 0) {
             if (written == 0) {
                 errno = 0;
-                return 0;  // the stream is as it was; whoever waits for an answer has a time-out
+                return 0;  // the stream is still intact, and a call that gets no reply times out
             }
             errno = EPIPE;
         }
-        const bool goOn = errno == EAGAIN ? wait_writable(fd) == 0 : errno == EINTR;
-        if (!goOn) {
+        const bool retry = errno == EAGAIN ? wait_writable(fd) == 0 : errno == EINTR;
+        if (!retry) {
             const int reason = errno;
             shutdown(fd, SHUT_RDWR);
             errno = reason;

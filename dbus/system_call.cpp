@@ -26,18 +26,18 @@ namespace {
 constexpr int DAEMON_CHECKS = 1000;
 constexpr useconds_t DAEMON_CHECK_PAUSE_US = 10000;  // about 10 s for all checks
 constexpr useconds_t SETTLE_US = 10000;
-constexpr size_t COMMAND_MAX = SYSTEM_CALL_DBUS_DATA_SIZE - 1;  // the data's end is its terminator
+constexpr size_t COMMAND_MAX = SYSTEM_CALL_DBUS_DATA_SIZE - 1;  // leaves one byte for the NUL
 constexpr size_t OWNER_NAME_SIZE = 256;
 
 #define REBOOT_COMMAND "reboot"
 
 pthread_mutex_t g_client_mutex = PTHREAD_MUTEX_INITIALIZER;
 SystemCallDbusInfo* g_endpoint = nullptr;
-// Read by callers without the mutex; set only when the endpoint is whole.
+// Callers read this flag without the mutex; it is set only after the endpoint is registered.
 std::atomic<int> g_initialised{0};
 
-// The record of system_call_reboot_unlocked(). Formatting and rand() are not safe in a signal
-// handler, so name_client() adds the id and the sender beforehand.
+// The record that system_call_reboot_unlocked() sends. snprintf() and rand() are not safe in a
+// signal handler, so name_client() fills in the id and the sender in advance.
 SystemCallDbusMsg g_reboot_call = {.head = SYSTEM_CALL_DBUS_HEAD,
                                    .id = 0,
                                    .sender = "",
@@ -48,7 +48,8 @@ SystemCallDbusMsg g_reboot_call = {.head = SYSTEM_CALL_DBUS_HEAD,
                                    .len = sizeof(REBOOT_COMMAND) - 1,
                                    .data = REBOOT_COMMAND};
 
-// Chooses the endpoint's name, which a client that never finds the daemon has too.
+// Chooses the name of the client's endpoint. Called even if the daemon is not found later, so that
+// g_reboot_call is complete in any case.
 void name_client() {
     snprintf(g_reboot_call.sender, sizeof(g_reboot_call.sender), "system.call.%d", rand());
     g_reboot_call.id = rand();
@@ -79,7 +80,7 @@ int32_t open_client(const char* operation, SystemCallDbusInfo* endpoint) {
     return result;
 }
 
-// Whether the command's first word, without its directory, is "reboot".
+// Returns whether the first word of the command, without its directory, is "reboot".
 bool is_reboot(const char* cmd) {
     if (cmd == nullptr) {
         return false;
@@ -111,7 +112,7 @@ int32_t leading_integer(const char* text) {
     return static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
 }
 
-// system_call(), in whose name it prints; `sent` as in SystemCall_Dbus_Call_Method().
+// Implements system_call() and prints under its name. `sent` as in SystemCall_Dbus_Call_Method().
 int32_t run_command(const char* cmd, int32_t timeoutMs, bool* sent) {
     constexpr const char* OPERATION = "system_call";
     if (is_reboot(cmd)) {
@@ -128,10 +129,11 @@ int32_t run_command(const char* cmd, int32_t timeoutMs, bool* sent) {
     return result;
 }
 
-// Connects to the daemon, in a signal handler too. A full backlog is emptied by a daemon that is
-// busy; everything else that fails would fail again.
+// Connects to the daemon; safe in a signal handler. Retries only while the daemon's backlog is
+// full, because a busy daemon will accept those connections. Any other failure would only be
+// repeated.
 bool connect_unlocked(int fd) {
-    // Formatting is not safe in a signal handler, so the path is put together by the compiler.
+    // snprintf() is not safe in a signal handler, so the path is a compile-time constant.
     constexpr char PATH[] = "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX;
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -209,7 +211,7 @@ int32_t call_dbus_method(const char* method, const char* input, void* output,
     }
     const size_t length = input == nullptr ? 0 : strlen(input);
     if (input == nullptr || length > COMMAND_MAX) {
-        // A command cut to fit would be another command.
+        // A truncated command would be a different command, so it is rejected instead.
         DBUS_ERROR("%s command of %zu characters refused, at most %zu are possible", method, length,
                    COMMAND_MAX);
         return DBUS_INVALID_ARGUMENT;
