@@ -25,7 +25,7 @@ namespace {
 
 constexpr useconds_t REPLACE_PAUSE_US = 1000;
 
-// The reader thread's state of its connection.
+// The state of the connection, used only by the reader thread.
 struct Connection {
     RecordReader reader;
     int64_t madeAtMs;        // time of connecting, on the monotonic clock
@@ -55,8 +55,8 @@ bool connect_with_retries(const SystemCallDbusInfo& info, int fd, int32_t* faile
     return false;
 }
 
-// Holds the endpoint lock, so that callers wait for the new connection: a record written to the
-// dead one would be lost.
+// Reconnects to the server. Holds the endpoint lock meanwhile, so that callers wait for the new
+// connection: a record written to the lost one would never arrive.
 int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info, Connection* connection) {
     DBUS_INFO("server socket is closed, reconnect daemon");
     const corvo::ScopedLock lock(info->lock);

@@ -1,5 +1,5 @@
-// The transport's diagnostic messages. Each is one coloured line on standard output, printed with
-// one call so that lines of different threads do not mix.
+// The transport's diagnostic messages. Each is one coloured line on standard output, printed by one
+// printf() call so that lines of different threads do not mix.
 //
 // Before a source file includes this header, it defines DBUS_SOURCE, the source name in its lines.
 // A line also names an operation of the public interface; a helper function passes the name of the

@@ -70,7 +70,7 @@ RecordReadResult record_read(RecordReader* reader, int fd, ssize_t* byteCount) {
     if (reader->complete) {
         *reader = {};
     }
-    // Callers check errno for EINTR, also after a read that returns 0 and does not set errno.
+    // read(2) does not set errno when it returns 0, but callers then still check errno for EINTR.
     errno = 0;
     *byteCount = read(fd, reader->bytes + reader->filled, sizeof(reader->bytes) - reader->filled);
     if (*byteCount < 0) {

@@ -58,9 +58,9 @@ int32_t upgrade_verifyPartition(const char* partitionName, const char* filePath,
         UPGRADE_LOG("Could not open mtd device:%s for write.", partitionName);
         return OTA_FAILED;
     }
-    // Drop the page cache, or the comparison could read cached pages instead of the flash; they
-    // stay cached while another process has the device open. A character device has no page cache,
-    // and the call then fails without harm.
+    // Drop the cached pages of the partition, which stay in memory while another process has the
+    // device open. Otherwise the comparison could read the cache instead of the flash. A character
+    // device has no page cache; the call then fails, which does no harm.
     posix_fadvise(partition.get(), 0, 0, POSIX_FADV_DONTNEED);
 
     const corvo::UniqueFd file(open(filePath, O_RDONLY | O_CLOEXEC));

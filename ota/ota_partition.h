@@ -7,8 +7,7 @@
 #include <stdint.h>
 
 constexpr uint32_t OTA_VERIFY_CHUNK = 16384;  // bytes compared at a time
-constexpr int32_t OTA_REUPGRADE_MAX =
-    2;  // how often a module is written again if read-back differs
+constexpr int32_t OTA_REUPGRADE_MAX = 2;      // rewrites of a module whose read-back differs
 
 // Writes the whole file into the partition, reads the partition back and compares it with the file.
 // If they differ, writes and compares again, at most OTA_REUPGRADE_MAX times. A failed write is not

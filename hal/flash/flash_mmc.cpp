@@ -135,8 +135,9 @@ corvo::UniqueFd open_to_erase(const char* part) {
     return device;
 }
 
-// Fills the whole partition with zeros. Synchronous writes of 16 KiB chunks, as the following copy
-// makes them, would double the time of an upgrade. So this asks the kernel first, in one request.
+// Fills the whole partition with zeros. First asks the kernel to do so in one request, because
+// writing zeros in synchronous 16 KiB chunks, like the copy that follows, would double the time of
+// an upgrade.
 void zero(const corvo::UniqueFd& device) {
     const int64_t size = partition_size(device);
     if (size >= 0 && !zero_by_device(device, size)) {

@@ -21,8 +21,8 @@ constexpr std::array<uint32_t, 256> CRC32_TABLE = [] {
     return table;
 }();
 
-// Returns the CRC of the data so far followed by these bytes. `crc` is the CRC of the data so far,
-// 0 at the start.
+// Continues a CRC with more bytes. `crc` is the CRC of the preceding data, 0 if there is no such
+// data. Returns the CRC of the preceding data followed by `bytes`.
 constexpr uint32_t crc32(uint32_t crc, std::span<const char> bytes) {
     crc = ~crc;
     for (const char byte : bytes) {

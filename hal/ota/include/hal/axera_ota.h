@@ -22,8 +22,8 @@ enum HalOtaResult : int32_t {
     HAL_OTA_BAD_LENGTH = 14,         // the range's length is invalid, see FLASH_BAD_LENGTH
     HAL_OTA_PARTITION_TOO_SMALL = 15,  // the range is longer than the partition
     HAL_OTA_MTD_PACKAGE_UNREAD = 16,   // MTD: reading the package failed
-    HAL_OTA_WRITE_FAILED = 17,  // writing failed; MTD: or read-back differs; eMMC: or reading the
-                                // package failed
+    HAL_OTA_WRITE_FAILED = 17,  // writing failed, the MTD read-back differs, or reading the package
+                                // for eMMC failed
 };
 
 #endif  // HAL_AXERA_OTA_H
