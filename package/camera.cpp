@@ -23,7 +23,7 @@ PackageStatus check_partition(const OtaPackageEntry& entry, const ManifestModule
                    ? unsuitable("module " + module.name + ": this camera has no such partition")
                    : package_fault(PACKAGE_UNREADABLE,
                                    "module " + module.name +
-                                       ": cannot look at the partition: " + strerror(errno));
+                                       ": cannot get the partition's size: " + strerror(errno));
     }
     if (module.size > static_cast<uint64_t>(size)) {
         return unsuitable("module " + module.name + " has " + std::to_string(module.size) +
@@ -34,9 +34,9 @@ PackageStatus check_partition(const OtaPackageEntry& entry, const ManifestModule
 
 PackageStatus check_module(const Manifest& manifest, const ManifestModule& module) {
     const OtaPackageEntry* const entry = find_module(module.name);
-    // A name that is a number would find a row by its type.
+    // find_module() also accepts a module type in decimal, which is not a valid name here.
     if (entry == nullptr || module.name != entry->partitionName) {
-        return unsuitable("module " + module.name + " is not known here (there are " +
+        return unsuitable("this camera has no module " + module.name + " (there are " +
                           module_names() + ")");
     }
     if (manifest.format == 1) {
@@ -44,7 +44,7 @@ PackageStatus check_module(const Manifest& manifest, const ManifestModule& modul
     }
     if (!manifest.combined() && module.file != entry->fileName) {
         return unsuitable("module " + module.name + " is in " + module.file +
-                          ", this camera looks for " + entry->fileName);
+                          ", this camera expects " + entry->fileName);
     }
     return check_partition(*entry, module);
 }

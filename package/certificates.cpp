@@ -11,7 +11,7 @@ PackageStatus load_keyring(const std::string& roots, const std::string& revocati
     keyring.store.reset(X509_STORE_new());
     X509_STORE* const store = keyring.store.get();
     if (store == nullptr) {
-        return package_fault(PACKAGE_UNREADABLE, "cannot keep a keyring: " + openssl_reason());
+        return package_fault(PACKAGE_UNREADABLE, "cannot create a keyring: " + openssl_reason());
     }
     PackageStatus status = read_pem<OwnedCertificate, PEM_read_bio_X509>(
         roots, "CERTIFICATE", "certificate", [store](const OwnedCertificate& root) {

@@ -176,7 +176,8 @@ PackageStatus unreadable(const std::string& path) {
     return package_fault(PACKAGE_UNREADABLE, "cannot read " + path + ": " + strerror(errno));
 }
 
-// Opens without waiting for anybody and without following a link to the file itself.
+// Opens a regular file. Does not wait on a FIFO, and does not follow a symbolic link in the last
+// component of the path.
 PackageStatus open_file(const std::string& path, Links links, corvo::UniqueFd& file,
                         struct stat& status) {
     file.reset(links == Links::REFUSED
@@ -198,7 +199,7 @@ PackageStatus open_file(const std::string& path, Links links, corvo::UniqueFd& f
 PackageStatus check_bytes(int file, const std::string& path, ContentCheck& check, uint64_t size,
                           const ContentProgress& progress) {
     std::vector<char> chunk(CHUNK_SIZE);
-    uint64_t told = 0;
+    uint64_t reported = 0;
     for (uint64_t done = 0; done < size;) {
         const auto wanted = static_cast<size_t>(std::min<uint64_t>(chunk.size(), size - done));
         const ssize_t taken = read(file, chunk.data(), wanted);
@@ -213,8 +214,8 @@ PackageStatus check_bytes(int file, const std::string& path, ContentCheck& check
             return status;
         }
         done += static_cast<uint64_t>(taken);
-        if (done - told >= PROGRESS_STEP || done == size) {
-            told = done;
+        if (done - reported >= PROGRESS_STEP || done == size) {
+            reported = done;
             progress(done);
         }
     }
@@ -231,7 +232,7 @@ PackageStatus check_file(const std::string& path, const PackageFile& file,
     if (!result.ok()) {
         return result;
     }
-    // A wrong size needs no reading to be found.
+    // Report a wrong size at once instead of after reading the whole file.
     result = check_size(path, file, static_cast<uint64_t>(status.st_size));
     if (!result.ok()) {
         return result;
@@ -247,15 +248,15 @@ PackageStatus check_file(const std::string& path, const PackageFile& file,
 
 PackageStatus check_unchanged(const CheckedFile& checked) {
     struct stat status = {};
-    bool isThere = false;
+    bool exists = false;
     if (checked.links == Links::REFUSED) {
         const corvo::UniqueFd file(corvo::open_without_links(checked.path.c_str(), O_PATH));
-        isThere = file.valid() && fstat(file.get(), &status) == 0;
+        exists = file.valid() && fstat(file.get(), &status) == 0;
     } else {
-        isThere = lstat(checked.path.c_str(), &status) == 0;
+        exists = lstat(checked.path.c_str(), &status) == 0;
     }
-    if (!isThere || !same_file(stamp_of(checked.path, checked.links, status), checked)) {
-        return differs(checked.path + " was exchanged or changed after it was checked");
+    if (!exists || !same_file(stamp_of(checked.path, checked.links, status), checked)) {
+        return differs(checked.path + " was replaced or changed after it was checked");
     }
     return {};
 }

@@ -18,7 +18,7 @@ constexpr size_t KIND_MAX = 64;
 constexpr size_t DESCRIPTION_MAX = 200;
 constexpr size_t FIELDS = 4;
 
-// Letters, digits and what stands between them: safe in a path, a link and a shell.
+// Accepts letters, digits, ".", "_" and "-" only, which are safe in a path, a URL and a shell.
 bool is_name(std::string_view text, size_t most) {
     return !text.empty() && text.size() <= most && text.front() != '.' && text.front() != '-' &&
            std::all_of(text.begin(), text.end(), [](char c) {
@@ -35,10 +35,10 @@ struct HeadLine {
     const char* expected;
 };
 
-// In the order in which they stand.
+// The lines of the head, in the order in which they must appear.
 constexpr std::array HEAD = {
     HeadLine{"compatible", true, is_camera_kind, &Manifest::compatible,
-             "expected \"compatible NAME\", the kind of camera"},
+             "expected \"compatible NAME\", the hardware type"},
     HeadLine{"version", true, is_version, &Manifest::version,
              "expected \"version NUMBER.NUMBER...\""},
     HeadLine{"description", false, is_description, &Manifest::description,
@@ -47,7 +47,7 @@ constexpr std::array HEAD = {
              "expected \"package FILE\", the combined package without a folder"},
 };
 
-// Takes the value of a head line. Returns false when the line is another one.
+// Sets `value` to the value of a head line. Returns false when the line has another key.
 bool has_key(std::string_view line, std::string_view key, std::string_view& value) {
     if (!line.starts_with(key) || line.substr(key.size(), 1) != " ") {
         return false;
@@ -56,7 +56,7 @@ bool has_key(std::string_view line, std::string_view key, std::string_view& valu
     return true;
 }
 
-// The only way to write this number.
+// Rejects leading zeros, so that each number can be written in one way only.
 bool parse_decimal(std::string_view field, uint64_t& value) {
     return parse_number(field, value, 10) && (field.size() == 1 || field.front() != '0');
 }
@@ -92,7 +92,7 @@ std::string take_module(std::string_view line, Manifest& manifest) {
     }
     ManifestModule module = {};
     if (!is_name(fields[0], MODULE_NAME_MAX)) {
-        return "the module's name is none";
+        return "the module's name is not valid";
     }
     module.name = fields[0];
     if (manifest.combined()) {
@@ -102,7 +102,7 @@ std::string take_module(std::string_view line, Manifest& manifest) {
     } else if (is_file_name(fields[1])) {
         module.file = fields[1];
     } else {
-        return "the image's name is not that of a file without a folder";
+        return "the image's name is not a file name without a folder";
     }
     if (!parse_decimal(fields[2], module.size)) {
         return "the size is not a number of bytes";
@@ -114,7 +114,8 @@ std::string take_module(std::string_view line, Manifest& manifest) {
     return fault.empty() ? add_module(manifest, module) : fault;
 }
 
-// `next` is the first line of HEAD that may still come; it ends behind them at the first module.
+// `next` is the index of the first line of HEAD that may still follow. At the first module it
+// becomes HEAD.size().
 std::string take_line(std::string_view line, Manifest& manifest, size_t& next) {
     while (next < HEAD.size()) {
         const HeadLine& head = HEAD[next];
@@ -200,7 +201,7 @@ PackageStatus parse_manifest(std::string_view text, Manifest& manifest) {
         } else if (manifest.format == 1) {
             fault = take_line_v1(line, manifest);
         } else if (end == text.size()) {
-            fault = "the line has no end";
+            fault = "the line does not end with a line feed";
         } else if (number > 1) {
             fault = take_line(line, manifest, next);
         } else if (line != FIRST_LINE) {
@@ -211,7 +212,7 @@ PackageStatus parse_manifest(std::string_view text, Manifest& manifest) {
         }
         text.remove_prefix(std::min(end + 1, text.size()));
     }
-    return manifest.modules.empty() ? malformed(0, "no module in it") : PackageStatus{};
+    return manifest.modules.empty() ? malformed(0, "the manifest has no modules") : PackageStatus{};
 }
 
 std::string format_manifest(const Manifest& manifest) {

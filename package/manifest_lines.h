@@ -1,5 +1,4 @@
-// What both versions of the manifest share: lines, fields, numbers, and what no two modules may
-// have in common.
+// Procedures that the parsers of both manifest versions share.
 #ifndef PACKAGE_MANIFEST_LINES_H
 #define PACKAGE_MANIFEST_LINES_H
 
@@ -9,7 +8,7 @@
 
 #include "package/manifest.h"
 
-// The whole field must be a number: no sign, no blank, nothing behind it.
+// Parses a field that consists of a number only: no sign, no spaces, nothing after it.
 template <typename T>
 bool parse_number(std::string_view field, T& value, int base) {
     const char* const end = field.data() + field.size();
@@ -17,11 +16,14 @@ bool parse_number(std::string_view field, T& value, int base) {
     return fault == std::errc() && stop == end;
 }
 
-// Each of these returns what is wrong, or "".
+// Each of the next three returns the error as text, or "" on success.
+
+// Checks that the module is not empty and ends below 2 GiB.
 std::string check_range(const ManifestModule& module);
-// Adds a module whose fields are as they must be, each for itself.
+// Adds a module whose fields are valid. Fails if it conflicts with a module that was added before,
+// or if the manifest has too many modules.
 std::string add_module(Manifest& manifest, const ManifestModule& module);
-// Takes one line of version 1, without its line feed.
+// Parses one line of version 1, without its line feed, and adds its module.
 std::string take_line_v1(std::string_view line, Manifest& manifest);
 
 std::string format_manifest_v1(const Manifest& manifest);

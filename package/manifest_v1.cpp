@@ -57,7 +57,7 @@ std::string parse_line(std::string_view line, ManifestModule& module) {
 
 std::string take_line_v1(std::string_view line, Manifest& manifest) {
     if (!is_text(line)) {
-        return "the line holds bytes that are no text";
+        return "the line contains control characters";
     }
     if (line.empty() || line.front() == '#') {
         return "";

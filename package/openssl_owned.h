@@ -1,4 +1,4 @@
-// Owners of what OpenSSL's libcrypto hands out, its reason for a failure, and a name as text.
+// Owning pointers for OpenSSL's objects, the reason for an OpenSSL failure, and names as text.
 #ifndef PACKAGE_OPENSSL_OWNED_H
 #define PACKAGE_OPENSSL_OWNED_H
 
@@ -36,12 +36,12 @@ using OwnedCertificates = std::unique_ptr<STACK_OF(X509), Releaser<release_certi
 using OwnedStoreContext = std::unique_ptr<X509_STORE_CTX, Releaser<X509_STORE_CTX_free>>;
 using OwnedPkey = std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>>;
 
-// A view of bytes, which must outlive it.
+// A BIO that reads from these bytes without copying them; the bytes must outlive it.
 inline OwnedBio view_of(std::string_view bytes) {
     return OwnedBio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
 }
 
-// Why the last call failed; forgets all that has failed so far.
+// Returns the most recent error in OpenSSL's error queue as text, and clears the queue.
 inline std::string openssl_reason() {
     const unsigned long error = ERR_peek_last_error();
     const char* const reason =
@@ -50,7 +50,7 @@ inline std::string openssl_reason() {
     return reason != nullptr ? reason : "no reason given";
 }
 
-// As RFC 2253 has it; empty when memory is short.
+// Returns a name in the format of RFC 2253; empty when memory is short.
 inline std::string name_text(const X509_NAME* name) {
     const OwnedBio text(BIO_new(BIO_s_mem()));
     char* data = nullptr;

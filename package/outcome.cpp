@@ -45,7 +45,7 @@ Outcome read_outcome(std::string_view content) {
     if (whole && result == 0) {
         return Outcome::NONE;
     }
-    // The two bytes are written one after the other: between them they do not fit together.
+    // The service writes the two bytes one after the other, so they may contradict each other.
     if (whole && result == OTA_RESULT_SUCCEEDED &&
         (state == OTA_STATE_SUCCESS || state == OTA_STATE_AUTO_FLASH_SUCCESS)) {
         return Outcome::SUCCEEDED;

@@ -11,7 +11,7 @@
 
 corvo::UniqueFd open_partition(const OtaPackageEntry& entry) {
     const int flags = O_RDONLY | O_CLOEXEC;
-    // The drivers set it only when they get as far as the device.
+    // The drivers set errno only when they find the device and fail to open it.
     errno = ENOENT;
     return corvo::UniqueFd(entry.flashType == OTA_FLASH_TYPE_MTD
                                ? flash_mtd_open(entry.partitionName, flags)

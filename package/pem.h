@@ -1,4 +1,4 @@
-// PEM files of several things.
+// Reads PEM files that contain several certificates or revocation lists.
 #ifndef PACKAGE_PEM_H
 #define PACKAGE_PEM_H
 
@@ -9,7 +9,8 @@
 
 constexpr size_t PEM_SIZE_MAX = 1048576;  // bytes
 
-// The last lines in a PEM text of what has such a label; "CERTIFICATE" has "X509 CERTIFICATE" too.
+// Counts the "-----END LABEL-----" lines in a PEM text. The label "CERTIFICATE" also matches
+// "X509 CERTIFICATE".
 inline size_t count_ends(const std::string& text, const std::string& label) {
     size_t count = 0;
     for (size_t at = 0; (at = text.find(label + "-----", at)) != std::string::npos; ++at) {
@@ -19,9 +20,10 @@ inline size_t count_ends(const std::string& text, const std::string& label) {
     return count;
 }
 
-// Reads everything of one kind in a PEM file, of which there must be at least one, and hands each
-// to `take`, which says whether it could. READ is PEM_read_bio_X509() or its like; `label` is
-// what its first and last lines name, `kind` the word for messages. Returns as load_keyring() does.
+// Reads all items of one kind from a PEM file, which must contain at least one, and passes each to
+// `take`, which returns false on failure. READ is PEM_read_bio_X509() or a similar function,
+// `label` the label in the item's BEGIN and END lines, and `kind` its name in messages. Returns as
+// load_keyring() does.
 template <typename Owned, auto READ, typename Take>
 PackageStatus read_pem(const std::string& path, const char* label, const char* kind, Take take) {
     std::string text;
@@ -29,7 +31,7 @@ PackageStatus read_pem(const std::string& path, const char* label, const char* k
     if (!status.ok()) {
         return status;
     }
-    // One whose first line is damaged would be passed over: its last line still tells of it.
+    // READ silently skips an item with a damaged BEGIN line. Its END line still reveals it.
     const size_t ended = count_ends(text, label);
     const OwnedBio source = view_of(text);
     for (size_t found = 0;; ++found) {
@@ -37,7 +39,7 @@ PackageStatus read_pem(const std::string& path, const char* label, const char* k
         if (item && take(std::move(item))) {
             continue;
         }
-        // The end of the file shows as one more that does not begin.
+        // READ reports the end of the file as "no start line".
         if (found > 0 && found >= ended &&
             ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE) {
             ERR_clear_error();

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t SERVICE_PATH_MAX = 127;  // characters of a path that the service builds
+constexpr size_t SERVICE_PATH_MAX = 127;  // characters; the longest path that the service can build
 
 PackageStatus set_directory(OtaMessage& message, const std::string& directory) {
     if (directory.size() >= OTA_MSG_DIR_SIZE) {

@@ -24,7 +24,7 @@ PackageStatus short_of_memory() {
     return package_fault(PACKAGE_UNREADABLE, "cannot check the signature: " + openssl_reason());
 }
 
-// A machine's own time_t may end in 2038.
+// Not mktime() or timegm(): time_t ends in 2038 where it has 32 bits.
 int64_t seconds_of(const ASN1_TIME* time) {
     using namespace std::chrono;
     tm parts = {};
@@ -62,12 +62,12 @@ int64_t signing_time(const CMS_SignerInfo* info) {
     return seconds_of(value->value.asn1_string);
 }
 
-// A signature taken apart.
+// A parsed signature.
 struct ReadSignature {
     OwnedCms cms;
     OwnedCertificates certificates;
-    CMS_SignerInfo* info = nullptr;  // the cms's
-    X509* certificate = nullptr;     // the signer's, of the certificates
+    CMS_SignerInfo* info = nullptr;  // owned by cms
+    X509* certificate = nullptr;     // the signer's; owned by certificates
 };
 
 PackageStatus read_signature(std::string_view bytes, ReadSignature& signature) {
@@ -80,13 +80,13 @@ PackageStatus read_signature(std::string_view bytes, ReadSignature& signature) {
     const unsigned char* const end = at + bytes.size();
     signature.cms.reset(d2i_CMS_ContentInfo(nullptr, &at, static_cast<long>(bytes.size())));
     if (!signature.cms || OBJ_obj2nid(CMS_get0_type(signature.cms.get())) != NID_pkcs7_signed) {
-        return refused("the signature is not one in CMS: " + openssl_reason());
+        return refused("the signature is not in CMS format: " + openssl_reason());
     }
     if (at != end) {
-        return refused("the signature has " + std::to_string(end - at) + " bytes behind its end");
+        return refused("the signature has " + std::to_string(end - at) + " bytes after its end");
     }
     if (CMS_is_detached(signature.cms.get()) != 1) {
-        return refused("the signature is not a detached one");
+        return refused("the signature is not a detached signature");
     }
     STACK_OF(CMS_SignerInfo)* const infos = CMS_get0_SignerInfos(signature.cms.get());
     if (sk_CMS_SignerInfo_num(infos) != 1) {
@@ -103,7 +103,7 @@ PackageStatus read_signature(std::string_view bytes, ReadSignature& signature) {
             return {};
         }
     }
-    return refused("the signature comes without its signer's certificate");
+    return refused("the signature does not contain its signer's certificate");
 }
 
 void describe(const ReadSignature& signature, Signer& signer) {
@@ -121,8 +121,8 @@ PackageStatus not_trusted(const X509* certificate, const char* reason) {
                    "\" is not trusted: " + reason);
 }
 
-// Whether the list is of this authority: the name is not enough, since an authority may be renewed
-// with another key.
+// Returns whether this authority issued the list. Comparing names is not enough, since an authority
+// may be renewed with the same name and a new key.
 bool is_list_of(X509_CRL* list, X509* issuer) {
     if (X509_NAME_cmp(X509_CRL_get_issuer(list), X509_get_subject_name(issuer)) != 0) {
         return false;
@@ -132,8 +132,8 @@ bool is_list_of(X509_CRL* list, X509* issuer) {
     return !key || X509_check_akid(issuer, key.get()) == X509_V_OK;
 }
 
-// Looks for the certificate in every list of its issuer. Libcrypto would choose one list by its
-// dates, and refuse where none is valid now.
+// Searches every list of the issuer for the certificate. OpenSSL's own check would use only one
+// list, selected by its dates, and would fail if no list is valid now.
 PackageStatus check_revocation(X509* certificate, X509* issuer, const Keyring& keyring) {
     const STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(keyring.store.get());
     for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
@@ -181,20 +181,20 @@ PackageStatus check_chain(const ReadSignature& signature, const Keyring& keyring
             return status;
         }
     }
-    // Libcrypto knows the purpose only from 3.2 on.
+    // OpenSSL itself can check for code signing only since release 3.2.
     for (int i = 1; i < last; ++i) {
         X509* const authority = sk_X509_value(chain, i);
         if (!may_issue_signers(authority)) {
             return refused("the certificate \"" + name_text(X509_get_subject_name(authority)) +
-                           "\" is not for those who sign code");
+                           "\" may not issue code signing certificates");
         }
     }
     return {};
 }
 
-// The attributes bind the signature to the digest of the content and its type. Without them the
-// signature would be over the content alone, and bytes that somebody signed as attributes would
-// count as content.
+// The signed attributes bind the signature to the content's type and digest. Without attributes the
+// signature covers the content directly, so an attacker could present the encoded attributes of
+// another signature as signed content.
 PackageStatus check_attributes(CMS_ContentInfo* cms, const CMS_SignerInfo* info) {
     const auto* type = static_cast<const ASN1_OBJECT*>(
         CMS_signed_get0_data_by_OBJ(info, OBJ_nid2obj(NID_pkcs9_contentType), -3, V_ASN1_OBJECT));
@@ -205,7 +205,7 @@ PackageStatus check_attributes(CMS_ContentInfo* cms, const CMS_SignerInfo* info)
     }
     if (OBJ_obj2nid(type) != NID_pkcs7_data ||
         OBJ_obj2nid(CMS_get0_eContentType(cms)) != NID_pkcs7_data) {
-        return refused("the signature is over a content of another type, expected data");
+        return refused("the signature is for content of another type, expected data");
     }
     return {};
 }
@@ -218,8 +218,8 @@ PackageStatus check_algorithm(CMS_SignerInfo* info) {
     const int found = OBJ_obj2nid(algorithm);
     return found == NID_sha256
                ? PackageStatus{}
-               : refused(std::string("the signature is over a digest of ") +
-                         (found == NID_undef ? "an unknown kind" : OBJ_nid2sn(found)) +
+               : refused(std::string("the signature's digest is ") +
+                         (found == NID_undef ? "of an unknown type" : OBJ_nid2sn(found)) +
                          ", expected SHA256");
 }
 
@@ -258,18 +258,19 @@ PackageStatus verify_signature(std::string_view content, std::string_view signat
         return refused("the certificate \"" + signer.subject + "\" is not for code signing");
     }
     if (!has_usable_key(read.certificate)) {
-        return refused("the certificate \"" + signer.subject + "\" has a key of the kind " +
+        return refused("the certificate \"" + signer.subject + "\" has a key of type " +
                        key_kind(read.certificate) + ", expected RSA or EC");
     }
     const OwnedBio bytes = view_of(content);
     if (!bytes) {
         return short_of_memory();
     }
-    // The certificate that was checked is the one that counts.
+    // Make CMS_verify() use the certificate that was checked above, and no other.
     CMS_SignerInfo_set1_signer_cert(read.info, read.certificate);
     if (CMS_verify(read.cms.get(), nullptr, nullptr, bytes.get(), nullptr,
                    CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
-        return refused("this is not what \"" + signer.subject + "\" signed: " + openssl_reason());
+        return refused("the content is not what \"" + signer.subject +
+                       "\" signed: " + openssl_reason());
     }
     return {};
 }

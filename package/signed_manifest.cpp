@@ -45,9 +45,9 @@ PackageStatus read_signed_manifest(const std::string& path, const Keyring& keyri
     }
     status = parse_manifest(text, manifest);
     if (status.ok() && manifest.format == 1) {
-        status =
-            package_fault(PACKAGE_NOT_TRUSTED,
-                          "a manifest of version 1 has no digests, so its signature says nothing");
+        status = package_fault(
+            PACKAGE_NOT_TRUSTED,
+            "a manifest of version 1 has no digests, so its signature proves nothing");
     }
     return named(path, std::move(status));
 }

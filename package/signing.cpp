@@ -14,7 +14,7 @@ constexpr unsigned SIGNING_FLAGS = CMS_BINARY | CMS_DETACHED | CMS_NOSMIMECAP;
 PackageStatus load_certificates(const std::string& path, STACK_OF(X509) * certificates) {
     return read_pem<OwnedCertificate, PEM_read_bio_X509>(
         path, "CERTIFICATE", "certificate", [certificates](OwnedCertificate certificate) {
-            // The stack owns what it holds.
+            // The stack owns the certificate from now on.
             return sk_X509_push(certificates, certificate.get()) > 0 &&
                    certificate.release() != nullptr;
         });
@@ -47,7 +47,7 @@ PackageStatus unusable(const std::string& text) {
     return package_fault(PACKAGE_MALFORMED, text);
 }
 
-// A keyring that trusts these certificates, for a machine that does not have the root's.
+// Makes a keyring that trusts the given certificates, for a host without the root certificate.
 PackageStatus trust_given(const std::vector<X509*>& certificates, Keyring& keyring) {
     keyring.store.reset(X509_STORE_new());
     if (!keyring.store) {
@@ -62,27 +62,28 @@ PackageStatus trust_given(const std::vector<X509*>& certificates, Keyring& keyri
     return {};
 }
 
-// An authority that is of no use here is a mistake that every camera would find. `certificates` is
-// the signer's and those of the authorities.
+// Checks that each given authority may issue code signing certificates and issued one of
+// `certificates`. Otherwise the user passed a wrong file, and cameras would reject the signature.
+// The first of `certificates` is the signer's; the others are the authorities'.
 PackageStatus check_authorities(const std::vector<X509*>& certificates) {
     for (size_t i = 1; i < certificates.size(); ++i) {
         X509* const authority = certificates[i];
         const std::string name =
             "the authority \"" + name_text(X509_get_subject_name(authority)) + "\"";
         if (!may_issue_signers(authority)) {
-            return unusable(name + " is not for those who sign code");
+            return unusable(name + " may not issue code signing certificates");
         }
         if (std::ranges::none_of(certificates, [authority](X509* certificate) {
                 return X509_cmp(authority, certificate) != 0 &&
                        X509_check_issued(authority, certificate) == X509_V_OK;
             })) {
-            return unusable(name + " has issued none of these certificates");
+            return unusable(name + " did not issue any of these certificates");
         }
     }
     return {};
 }
 
-// Better here than on every camera.
+// Checks a new signature by the camera's rules, so that no unusable signature is released.
 PackageStatus check_signature(std::string_view content, const std::string& signature,
                               const SigningOptions& options,
                               const std::vector<X509*>& certificates) {
@@ -96,7 +97,7 @@ PackageStatus check_signature(std::string_view content, const std::string& signa
     Signer signer;
     status = verify_signature(content, signature, keyring, time(nullptr), signer);
     return status.result == PACKAGE_NOT_TRUSTED
-               ? unusable("no camera would take this signature: " + status.text)
+               ? unusable("no camera would accept this signature: " + status.text)
                : status;
 }
 
@@ -119,7 +120,7 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
         return status;
     }
     const OwnedCertificate certificate(sk_X509_shift(signers.get()));
-    // A chain in one file goes on with the authorities.
+    // If the signer's file contains a chain, the other certificates are the authorities'.
     while (sk_X509_num(signers.get()) > 0) {
         OwnedCertificate authority(sk_X509_shift(signers.get()));
         if (sk_X509_push(intermediates.get(), authority.get()) <= 0) {
@@ -135,7 +136,7 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
         return unusable("the certificate " + options.certificate + " is not for code signing");
     }
     if (!has_usable_key(certificate.get())) {
-        return unusable("the certificate " + options.certificate + " has a key of the kind " +
+        return unusable("the certificate " + options.certificate + " has a key of type " +
                         key_kind(certificate.get()) + ", expected RSA or EC");
     }
     status = check_authorities(certificates);
@@ -149,7 +150,7 @@ PackageStatus sign(std::string_view content, const SigningOptions& options,
     }
     if (X509_check_private_key(certificate.get(), key.key.get()) != 1) {
         ERR_clear_error();
-        return unusable("the key is not the one of the certificate " + options.certificate);
+        return unusable("the key does not belong to the certificate " + options.certificate);
     }
     status =
         make_signature(content, certificate.get(), key.key.get(), intermediates.get(), signature);

@@ -1,4 +1,4 @@
-// Engines are on their way out of OpenSSL, but distributions with 3.0 have nothing else for tokens.
+// OpenSSL deprecates engines, but distributions with release 3.0 offer no other access to tokens.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include "signing_key.h"
@@ -45,7 +45,7 @@ OwnedPkey key_of_engine(const std::string& location, SigningKey& key) {
     if (engine == nullptr) {
         return nullptr;
     }
-    // What is wrong is said once, by us.
+    // Our own message reports the failure; the engine's would repeat it.
     ENGINE_ctrl_cmd_string(engine, "QUIET", nullptr, 1);
     const bool works = ENGINE_init(engine) == 1;
     ENGINE_free(engine);
@@ -61,7 +61,7 @@ OwnedPkey key_of_engine(const std::string& /*location*/, SigningKey& /*key*/) {
 }
 #endif
 
-// A URI may hold the token's PIN.
+// Removes the token's PIN, which a PKCS#11 URI may contain, for use in messages.
 std::string without_secrets(const std::string& location) {
     return location.starts_with(TOKEN_SCHEME) ? location.substr(0, location.find("pin-"))
                                               : location;
@@ -83,7 +83,7 @@ PackageStatus load_signing_key(const std::string& location, SigningKey& key) {
     std::string reason = openssl_reason();
     if (!key.key && location.starts_with(TOKEN_SCHEME)) {
         key.key = key_of_engine(location, key);
-        reason = openssl_reason() + " (neither a provider nor an engine for PKCS#11 has it)";
+        reason = openssl_reason() + " (no PKCS#11 provider or engine can open it)";
     }
     if (!key.key) {
         return package_fault(PACKAGE_UNREADABLE,

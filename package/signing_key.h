@@ -1,4 +1,4 @@
-// The key that signs: in a file, or in a token that never gives it out.
+// Opens the private key for signing, in a file or in a hardware token.
 #ifndef PACKAGE_SIGNING_KEY_H
 #define PACKAGE_SIGNING_KEY_H
 
@@ -14,14 +14,13 @@ struct EngineDeleter {
 };
 
 struct SigningKey {
-    std::unique_ptr<engine_st, EngineDeleter> engine;  // outlives the key
+    std::unique_ptr<engine_st, EngineDeleter> engine;  // must outlive the key
     OwnedPkey key;
 };
 
-// Opens a key: whatever OpenSSL's stores know (a PEM, DER or PKCS#12 file, a URI of a provider that
-// its configuration names). Where no provider knows "pkcs11:", the engine "pkcs11" of OpenSSL 1.1
-// and 3 is tried. Asks at the terminal for what it is locked with. Returns PACKAGE_OK or
-// PACKAGE_UNREADABLE.
+// Opens a key: a PEM, DER or PKCS#12 file, or a URI that a configured OpenSSL provider supports. If
+// no provider supports "pkcs11:", the OpenSSL engine "pkcs11" is tried. Asks at the terminal for
+// the password or PIN. Returns PACKAGE_OK or PACKAGE_UNREADABLE.
 PackageStatus load_signing_key(const std::string& location, SigningKey& key);
 
 #endif  // PACKAGE_SIGNING_KEY_H

@@ -68,7 +68,7 @@ TEST_F(SignedPackage, SignatureIsWholeAndOfThisManifest) {
                   verify_at(text, signature.substr(0, size), keyring, now).result)
             << size;
     }
-    EXPECT_EQ("the signature has 1 bytes behind its end",
+    EXPECT_EQ("the signature has 1 bytes after its end",
               verify_at(text, signature + '\0', keyring, now).text);
     for (size_t i = 0; i < text.size(); ++i) {
         std::string other = text;
@@ -160,7 +160,7 @@ TEST_F(SignedPackage, FileThatIsExchangedAfterItsCheckIsFound) {
         ASSERT_EQ("", check_file("/run/w/kernel.bin", file, nothing, checked).text);
         EXPECT_EQ("", check_unchanged(checked).text);
         run(std::string("cd /run/w; ") + exchange);
-        EXPECT_EQ("/run/w/kernel.bin was exchanged or changed after it was checked",
+        EXPECT_EQ("/run/w/kernel.bin was replaced or changed after it was checked",
                   check_unchanged(checked).text)
             << exchange;
     }
@@ -189,7 +189,7 @@ TEST_F(SignedPackage, IsNotPostedWhenAFileWasExchangedMeanwhile) {
     }));
     run("cd /run/w; cp kernel.bin k; mv k kernel.bin");
     ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
-    EXPECT_EQ("3 / otactl: /run/w/kernel.bin was exchanged or changed after it was checked",
+    EXPECT_EQ("3 / otactl: /run/w/kernel.bin was replaced or changed after it was checked",
               sender.get());
     Corvo_LogProducerUnInit();
     EXPECT_EQ("", posted());

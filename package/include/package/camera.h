@@ -1,4 +1,4 @@
-// Whether this camera takes a package.
+// Decides whether a package is suitable for this camera.
 #ifndef PACKAGE_CAMERA_H
 #define PACKAGE_CAMERA_H
 
@@ -9,21 +9,25 @@
 #include "package/status.h"
 
 struct CameraRules {
-    std::string compatible;      // the kind of this camera; empty: not asked
-    std::string runningVersion;  // as package/version.h has it; empty: not asked
+    std::string compatible;      // the hardware type of this camera; empty: not checked
+    std::string runningVersion;  // format as in package/version.h; empty: not checked
     bool allowDowngrade = false;
 };
 
-// Why this camera does not take the package: each is a PACKAGE_UNSUITABLE, or PACKAGE_UNREADABLE
-// for a partition that cannot be looked at. Empty when it does: it is of the manifest's kind; the
-// package's version is not below the running one (the same again is fine), unless downgrades are
-// allowed; every module is in the package table, under the image name that stands there; its
-// partition is there and at least as large as the image. Manifests of version 1 are asked about
-// modules only. Opens the partitions, reads nothing from them.
+// Returns every reason why this camera does not accept the package: PACKAGE_UNSUITABLE, or
+// PACKAGE_UNREADABLE for a partition whose size cannot be determined. The list is empty when the
+// camera accepts the package, that is, when all of this holds:
+// - the camera has the hardware type that the manifest names;
+// - the package's version is not lower than the running version (an equal version is accepted), or
+//   downgrades are allowed;
+// - every module is in the package table and has the image name of that row;
+// - the module's partition exists and is at least as large as the image.
+// For a manifest of version 1 only the module names are checked. Opens the partitions, but reads
+// nothing from them.
 std::vector<PackageStatus> camera_objections(const Manifest& manifest, const CameraRules& rules);
 
 // Reads the version of the running system: the first line of its version file. Returns PACKAGE_OK,
-// PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED when it is no version.
+// PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED when that line is not a version.
 PackageStatus read_running_version(const std::string& path, std::string& version);
 
 #endif  // PACKAGE_CAMERA_H

@@ -1,4 +1,4 @@
-// Whom a camera trusts: root certificates and what their owners have revoked.
+// The root certificates that a camera trusts, and the revocation lists of certificate authorities.
 #ifndef PACKAGE_CERTIFICATES_H
 #define PACKAGE_CERTIFICATES_H
 
@@ -14,18 +14,21 @@ struct CertificateStoreDeleter {
 };
 
 struct Keyring {
-    // Roots and lists.
+    // Root certificates and revocation lists.
     std::unique_ptr<x509_store_st, CertificateStoreDeleter> store;
 };
 
-// Reads a keyring, a PEM file of root certificates, and a PEM file of certificate revocation lists;
-// `revocations` may be empty: nothing is revoked. What a list names is revoked whatever the list's
-// own dates say: a camera that gets no newer one must not stop at the old one, and one whose clock
-// is wrong must not ignore it. Of several lists of one issuer each counts. An issuer without a list
-// revokes nothing. A list with an authority key identifier is of the authority that has this key,
-// and not of another one with the same name. Returns PACKAGE_OK, PACKAGE_MISSING,
-// PACKAGE_UNREADABLE, or PACKAGE_MALFORMED for a file without a certificate (a list) in it, or with
-// a broken one.
+// Reads the keyring: `roots` is a PEM file of root certificates, `revocations` a PEM file of
+// certificate revocation lists. `revocations` may be empty; then nothing is revoked.
+//
+// A certificate that a list names is revoked even if the list has expired or is not yet valid: a
+// camera that receives no newer list must still accept packages, and a camera whose clock is wrong
+// must not ignore the list. If an issuer has several lists, all of them apply; an issuer without a
+// list revokes nothing. A list with an authority key identifier applies only to the authority that
+// has this key, not to another authority of the same name.
+//
+// Returns PACKAGE_OK, PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED when a file
+// contains no certificate (or no list) or a damaged one.
 PackageStatus load_keyring(const std::string& roots, const std::string& revocations,
                            Keyring& keyring);
 

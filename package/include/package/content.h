@@ -1,5 +1,5 @@
-// Whether files hold what a manifest says. Bytes are taken as they come, from a file or from the
-// network, once and in memory of a fixed size.
+// Checks files against a manifest. The bytes may come from a file or from the network. They are
+// processed once, in order, with a fixed amount of memory.
 #ifndef PACKAGE_CONTENT_H
 #define PACKAGE_CONTENT_H
 
@@ -23,12 +23,12 @@ struct DigestDeleter {
     void operator()(evp_md_ctx_st* digest) const;
 };
 
-// The SHA-256 of bytes that come in pieces. Throws std::bad_alloc when memory is short.
+// Computes the SHA-256 of bytes that arrive in pieces. Throws std::bad_alloc when memory is short.
 class Sha256Stream {
   public:
     Sha256Stream();
     void update(std::span<const char> bytes);
-    // What has come so far; the stream then starts anew.
+    // Returns the digest of the bytes so far, and resets the stream.
     Sha256 take();
 
   private:
@@ -38,29 +38,32 @@ class Sha256Stream {
 
 // One file of a package: an image, or the combined file with all modules.
 struct PackageFile {
-    std::string name;                     // as the manifest has it; empty in version 1
-    uint64_t size;                        // bytes: where its last module ends
-    bool mayBeLonger;                     // version 1 says nothing of what lies behind
-    std::vector<ManifestModule> modules;  // in the order of their offsets
+    std::string name;                     // from the manifest; empty in version 1
+    uint64_t size;                        // bytes, up to the end of the last module
+    bool mayBeLonger;                     // version 1 allows more bytes after the last module
+    std::vector<ManifestModule> modules;  // ordered by offset
 };
 
-// The files of the package: what is to be fetched, and what each must be.
+// Lists the files of the package, each with the modules that it must contain.
 std::vector<PackageFile> package_files(const Manifest& manifest);
 
-// Checks one file as its bytes arrive, from its first to its last.
+// Checks one file while its bytes arrive, in order from the first to the last.
 class ContentCheck {
   public:
-    // `path` is what messages call the file.
+    // `path` is the name of the file in messages.
     ContentCheck(PackageFile file, std::string path);
 
-    // Takes the next bytes. Returns PACKAGE_OK; PACKAGE_DIFFERENT once a module that has ended is
-    // another one, or the file is longer than it may be. After that only a new check goes on.
+    // Adds the next bytes. Returns PACKAGE_OK, or PACKAGE_DIFFERENT when a module that is now
+    // complete has another digest than in the manifest, or when the file is longer than allowed.
+    // After PACKAGE_DIFFERENT this object must not be used again.
     PackageStatus feed(std::span<const char> bytes);
 
-    // To be called at the file's end. Returns PACKAGE_OK, or PACKAGE_DIFFERENT when it came early.
+    // Must be called at the end of the file. Returns PACKAGE_OK, or PACKAGE_DIFFERENT when the file
+    // is too short.
     PackageStatus finish() const;
 
-    // Bytes from the start on behind which nothing is checked any more.
+    // The offset in bytes of the end of the last module that has a digest or checksum. Bytes after
+    // it are not checked. 0: no module has one.
     [[nodiscard]] uint64_t checkedSize() const { return checkedSize_; }
 
   private:
@@ -68,17 +71,17 @@ class ContentCheck {
 
     PackageFile file_;
     std::string path_;
-    size_t module_ = 0;      // the one that the next byte belongs to, or that begins behind it
-    uint64_t position_ = 0;  // of the next byte
+    size_t module_ = 0;      // the first module that ends after position_
+    uint64_t position_ = 0;  // offset of the next byte in the file
     uint64_t checkedSize_ = 0;
     Sha256Stream sha256_;
     uint32_t crc_ = 0;
 };
 
-// What becomes of a symbolic link in a folder on the way to a file.
+// How to treat a symbolic link in the folder part of a path.
 enum class Links { FOLLOWED, REFUSED };
 
-// A file that was checked, as it was then.
+// The identity and state of a file at the time it was checked.
 struct CheckedFile {
     std::string path;
     Links links;
@@ -89,21 +92,21 @@ struct CheckedFile {
     timespec changed;
 };
 
-// The same of a file that was checked in another way, by what stat(2) says of it.
+// Makes such a record, from the result of stat(2), for a file that was checked in another way.
 CheckedFile stamp_of(const std::string& path, Links links, const struct stat& status);
 
-// Told the bytes of a file that have been checked, after every megabyte or so.
+// Called about once per megabyte with the number of bytes of the file that have been checked.
 using ContentProgress = std::function<void(uint64_t bytes)>;
 
-// Reads a file from its start to its end and checks it. What is not a regular file itself, a link
-// to one included, is refused, and not waited for. Returns PACKAGE_OK, PACKAGE_UNREADABLE, or
-// PACKAGE_DIFFERENT, for a file that is missing too. With Links::REFUSED the path is absolute.
+// Reads the whole file and checks it. Refuses anything but a regular file, including a symbolic
+// link to one, and does not wait on a FIFO. Returns PACKAGE_OK, PACKAGE_UNREADABLE, or
+// PACKAGE_DIFFERENT, which also means a missing file. With Links::REFUSED `path` must be absolute.
 PackageStatus check_file(const std::string& path, const PackageFile& file,
                          const ContentProgress& progress, CheckedFile& checked,
                          Links links = Links::FOLLOWED);
 
-// Whether the path still leads to the file that was checked and nobody has changed it since.
-// Returns PACKAGE_OK, or PACKAGE_DIFFERENT.
+// Checks that the path still names the same file and that the file was not changed since it was
+// checked. Returns PACKAGE_OK, or PACKAGE_DIFFERENT.
 PackageStatus check_unchanged(const CheckedFile& checked);
 
 #endif  // PACKAGE_CONTENT_H

@@ -1,8 +1,9 @@
-// The manifest of a package: what it is, and each module's place, size and digest. Text, in lines
-// that end with a line feed.
+// The manifest of a package: what the package is, and the location, size and digest of each module.
+// It is a text file whose lines end with a line feed.
 //
-// Version 2 says whom the package is for and can be signed; it has one form only: nothing may be
-// added, left out or put elsewhere, and numbers and digests have one way to be written.
+// Version 2 names the hardware type that the package is for, and can be signed. Its form is
+// canonical: no line or field may be added, omitted or moved, and every number and digest can be
+// written in one way only.
 //
 //     corvo-manifest 2
 //     compatible R5C20
@@ -11,14 +12,14 @@
 //     kernel kernel.bin 4999174 6d0c...
 //     rootfs rootfs.img 9001007 91ab...
 //
-// "description" may be missing. A module's line is NAME FILE SIZE SHA256: its partition, its image
-// in the package's folder, bytes in decimal, 64 hexadecimal digits in lower case. With a line
-// "package FILE" at the end of the head all modules lie in that one file, and their lines are NAME
-// OFFSET SIZE SHA256.
+// The line "description" is optional. A module's line is NAME FILE SIZE SHA256: the name of its
+// partition, the name of its image in the package's folder, its size in bytes in decimal, and 64
+// lower-case hexadecimal digits. If the head ends with a line "package FILE", that one file
+// contains all modules, and their lines are NAME OFFSET SIZE SHA256.
 //
-// Version 1 knows combined packages only. It has no head; a line is NAME OFFSET SIZE [CRC32], with
-// spaces or tabs between: NAME may be a module type in decimal, CRC32 is eight hexadecimal digits
-// as gzip has it. Lines that are empty or begin with "#" say nothing.
+// Version 1 describes combined packages only. It has no head. A line is NAME OFFSET SIZE [CRC32],
+// separated by spaces or tabs. NAME may also be a module type in decimal; CRC32 is the checksum of
+// gzip as eight hexadecimal digits. Empty lines and lines that begin with "#" are ignored.
 #ifndef PACKAGE_MANIFEST_H
 #define PACKAGE_MANIFEST_H
 
@@ -40,35 +41,39 @@ constexpr size_t SHA256_SIZE = 32;
 using Sha256 = std::array<unsigned char, SHA256_SIZE>;
 
 struct ManifestModule {
-    std::string name;  // partition; of the package table in version 1, else perhaps of another one
-    std::string file;  // image, without a folder; empty in a combined package
-    uint64_t offset;   // bytes, in a combined package; else 0
-    uint64_t size;     // bytes, at least 1; offset + size is at most IMAGE_SIZE_MAX
+    // The partition. In version 1 it is in the package table; in version 2 it need not be.
+    std::string name;
+    std::string file;             // name of the image without a folder; empty in a combined package
+    uint64_t offset;              // bytes from the start of a combined package; otherwise 0
+    uint64_t size;                // bytes, at least 1; offset + size is at most IMAGE_SIZE_MAX
     std::optional<uint32_t> crc;  // version 1 only
     std::optional<Sha256> sha256;
 };
 
 struct Manifest {
-    int format = 0;           // version of the manifest: 1 or 2
-    std::string compatible;   // the kind of camera; this and what follows is empty in version 1
-    std::string version;      // as package/version.h has it
+    int format = 0;  // version of the manifest: 1 or 2
+    // The next four are empty in version 1.
+    std::string compatible;   // the hardware type of the cameras that the package is for
+    std::string version;      // format as in package/version.h
     std::string description;  // printable ASCII
-    std::string package;      // the file that holds all modules, or empty: each has a file
-    // At least one, at most as many as a request holds; no two of one name or one file, no two that
-    // share a byte of the combined file.
+    std::string package;      // the combined package file; empty: each module has its own file
+    // At least one, and at most as many as a request can hold. Names and files are unique; modules
+    // in a combined package do not overlap.
     std::vector<ManifestModule> modules;
 
     [[nodiscard]] bool combined() const { return format == 1 || !package.empty(); }
 };
 
-// Reads a manifest, which may be any bytes at all. Returns PACKAGE_OK, or PACKAGE_MALFORMED with
-// what is wrong ("line 3: ...") for anything that the format does not allow.
+// Parses a manifest. `text` is untrusted and may contain any bytes. Returns PACKAGE_OK, or
+// PACKAGE_MALFORMED with the error ("line 3: ...") for anything that the format does not allow.
 PackageStatus parse_manifest(std::string_view text, Manifest& manifest);
 
-// The text of a manifest; parse_manifest() reads the same back. For version 2 it is the only one.
+// Returns the text of a manifest, from which parse_manifest() restores the same record. In version
+// 2 no other text has the same meaning.
 std::string format_manifest(const Manifest& manifest);
 
-// Whether these are fit for a manifest: a file name without a folder, a kind of camera, a sentence.
+// Return whether a text is valid in a manifest: as a file name without a folder, as a hardware
+// type, as a description.
 bool is_file_name(std::string_view text);
 bool is_camera_kind(std::string_view text);
 bool is_description(std::string_view text);

@@ -1,4 +1,4 @@
-// The rows of the package table, as a person names them.
+// Looks up rows of the package table by the names that users type.
 #ifndef PACKAGE_MODULES_H
 #define PACKAGE_MODULES_H
 
@@ -8,20 +8,21 @@
 
 #include "ota/ota_package.h"
 
-// What the flash driver keeps sizes and positions in: images and packages stay below 2 GiB.
+// The flash driver stores sizes and positions in int32_t, so images and packages are below 2 GiB.
 constexpr uint64_t IMAGE_SIZE_MAX = INT32_MAX;
 
 // The package table's rows, in the order in which the service writes them.
 std::span<const OtaPackageEntry> package_entries();
 
-// The row of this partition name ("kernel") or module type in decimal ("3"), or null.
+// Finds a row by its partition name ("kernel") or its module type in decimal ("3"). Returns null
+// when there is no such row.
 const OtaPackageEntry* find_module(std::string_view nameOrNumber);
 
-// The names to choose from, for messages: "spl, uboot, ...".
+// Returns all module names for use in messages: "spl, uboot, ...".
 std::string module_names();
 
-// The rows as text, a line each, in words that are set apart by spaces: the number, the partition,
-// the image's file, the kind of flash ("emmc" or "mtd").
+// Returns the table as text, one line per row. The columns, separated by spaces, are the module
+// type in decimal, the partition, the file name of the image, and "emmc" or "mtd".
 std::string describe_modules();
 
 #endif  // PACKAGE_MODULES_H

@@ -1,4 +1,4 @@
-// The outcome record in words.
+// Reads the outcome record, in which the service stores the result of the last upgrade.
 #ifndef PACKAGE_OUTCOME_H
 #define PACKAGE_OUTCOME_H
 
@@ -7,11 +7,11 @@
 
 #include "ota/ota_data.h"
 
-// What a record says of the last upgrade.
+// The result of the last upgrade according to the record.
 enum class Outcome {
-    NONE,  // there was none
-    // Begun without a verdict, or the record makes no sense or is cut short, to nothing at all too:
-    // it is rewritten in place.
+    NONE,  // no upgrade yet
+    // The upgrade has started but has no verdict; or the record is inconsistent, too short or
+    // empty, which happens because the service rewrites it in place.
     UNFINISHED,
     FAILED,
     SUCCEEDED,
@@ -19,11 +19,11 @@ enum class Outcome {
 
 Outcome read_outcome(std::string_view content);
 
-// The same in one line: "the last upgrade succeeded, state success".
+// Describes the record in one line: "the last upgrade succeeded, state success".
 std::string outcome_words(std::string_view content);
 
-// The record's content as text of a few lines. The file may be short, as it is for a moment while
-// it is rewritten: the keys that are missing then read as 0, and the text says so.
+// Describes every key of the record, in a few lines. While the service rewrites the file it is too
+// short for a moment: missing keys are shown as 0, and the text reports the file's size.
 std::string describe_outcome(std::string_view content);
 
 #endif  // PACKAGE_OUTCOME_H

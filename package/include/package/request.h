@@ -1,4 +1,4 @@
-// The request for a package, and its way into the service's queue.
+// Builds the upgrade request for a package and posts it to the service's queue.
 #ifndef PACKAGE_REQUEST_H
 #define PACKAGE_REQUEST_H
 
@@ -10,24 +10,25 @@
 #include "package/manifest.h"
 #include "package/status.h"
 
-// Fills in a request for images that come as files of their own. `directory` is absolute and ends
-// in "/". Returns PACKAGE_OK, or PACKAGE_MALFORMED when the directory is too long for a request or
-// the modules are too many.
+// Fills in a request for a package with one file per image. `directory` is absolute and ends in
+// "/". Returns PACKAGE_OK, or PACKAGE_MALFORMED when the directory is too long for a request or
+// there are too many modules.
 PackageStatus request_files(const std::string& directory,
                             const std::vector<const OtaPackageEntry*>& modules,
                             OtaMessage& message);
 
-// Fills in a request for all modules of a combined package, the file of this name in the directory.
-// They must be in the package table. Returns PACKAGE_OK, or PACKAGE_MALFORMED when the path is too
-// long for a request.
+// Fills in a request for all modules of the combined package `file` in `directory`, which is
+// absolute and ends in "/". All modules must be in the package table. Returns PACKAGE_OK, or
+// PACKAGE_MALFORMED when the path is too long for a request.
 PackageStatus request_combined(const std::string& directory, const std::string& file,
                                const Manifest& manifest, OtaMessage& message);
 
 // Finds the service's queue. Returns PACKAGE_OK or PACKAGE_NO_SERVICE.
 PackageStatus open_request_queue(int& queue);
 
-// Posts a request without waiting. The service takes any message type above 0. Returns PACKAGE_OK,
-// PACKAGE_NO_SERVICE when the queue has just gone, or PACKAGE_UNREADABLE when it takes no more.
+// Posts a request without blocking. The service accepts any message type above 0. Returns
+// PACKAGE_OK, PACKAGE_NO_SERVICE when the queue no longer exists, or PACKAGE_UNREADABLE when it is
+// full or cannot be written.
 PackageStatus post_request(int queue, const OtaMessage& message, long messageType);
 
 #endif  // PACKAGE_REQUEST_H
