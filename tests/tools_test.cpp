@@ -166,7 +166,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     EXPECT_EQ("", posted(IPC_NOWAIT));
     ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ("2 / otactl: the service did not take the request, which is taken back",
+    EXPECT_EQ("2 / otactl: the service did not receive the request, which is withdrawn",
               run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));
     // It waits for 15 s, a tenth of which it is given here.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));

@@ -1,6 +1,6 @@
-// How the companion programs read their arguments: whatever is wrong with them is one line on
-// standard error and one exit status. For a program's main.cpp alone, which gets it precompiled:
-// the parser's header takes longer to compile than most programs.
+// Parses the arguments of the companion programs. Every wrong argument is reported as one line on
+// standard error, with one exit status. Include this header in a program's main.cpp only, which
+// gets it precompiled: the parser's header takes longer to compile than most programs.
 #ifndef TOOLS_COMMAND_LINE_H
 #define TOOLS_COMMAND_LINE_H
 
@@ -17,8 +17,8 @@
 #include "base/version.h"
 #include "error_line.h"
 
-// Runs the parser, which also knows "--version". Returns the status to leave with when the program
-// is to end here (help or version was asked for, or the arguments are wrong), else nothing.
+// Parses the arguments, and adds the option "--version". Returns the exit status if the program
+// must exit now (help or version was requested, or the arguments are wrong), otherwise nothing.
 inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** argv) {
     app.set_version_flag("--version", app.get_name() + " " CORVO_VERSION,
                          "Print the version and exit");
@@ -34,8 +34,8 @@ inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** arg
     return std::nullopt;
 }
 
-// Runs a program's body, with its standard descriptors open; what it throws (memory or threads ran
-// out) is one line as well.
+// Runs a program's body with all three standard descriptors open. An exception, which means that
+// memory or threads ran out, is also reported as one line.
 template <typename Body>
 int run_guarded(const char* program, Body body) {
     corvo::occupy_standard_descriptors();

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Bytes of the UTF-8 character that begins there; 0: none does.
+// Returns the size in bytes of the UTF-8 character at `begin`; 0: there is no valid character.
 size_t character_size(const std::string& text, size_t begin) {
     const auto lead = static_cast<unsigned char>(text[begin]);
     const size_t size = lead < 0x80   ? 1

@@ -1,5 +1,5 @@
-// How the companion programs say what is wrong: one line on standard error, and one exit status for
-// wrong use.
+// Error messages of the companion programs: one line on standard error, and one exit status for
+// wrong arguments.
 #ifndef TOOLS_ERROR_LINE_H
 #define TOOLS_ERROR_LINE_H
 
@@ -7,11 +7,12 @@
 
 constexpr int EXIT_WRONG_USE = 64;  // EX_USAGE of sysexits.h
 
-// The text as one line for a terminal: control characters, those of Unicode's second half too,
-// become spaces, and bytes that are no UTF-8 question marks.
+// Makes a text safe to print as one line on a terminal: control characters, including U+0080 to
+// U+009F, become spaces, and bytes that are not valid UTF-8 become question marks.
 std::string printable(const std::string& text);
 
-// Prints "PROGRAM: MESSAGE" as one line on standard error, whatever the message contains.
+// Prints "PROGRAM: MESSAGE" on standard error, always as one line: the message is passed through
+// printable().
 void print_error(const char* program, const std::string& message);
 
 #endif  // TOOLS_ERROR_LINE_H

@@ -1,4 +1,4 @@
-// How far a long reading has come.
+// Shows the progress of reading a large file.
 #ifndef TOOLS_PROGRESS_LINE_H
 #define TOOLS_PROGRESS_LINE_H
 
@@ -9,10 +9,10 @@
 #include <string>
 #include <utility>
 
-// One line that is drawn over while work goes on, and taken away at its end. Only on a terminal.
+// A line that is redrawn while work continues, and erased at the end. Shown on a terminal only.
 class ProgressLine {
   public:
-    // Reads "42% of WHAT"; `size` is in bytes, at least 1.
+    // The line is "42% of WHAT". `size` is in bytes, at least 1.
     ProgressLine(bool wanted, std::string what, uint64_t size)
         : shown_(wanted && isatty(STDOUT_FILENO) == 1), what_(std::move(what)), size_(size) {}
     ~ProgressLine() {

@@ -1,4 +1,4 @@
-// hal_tool: calls one operation of the hardware modules, for whoever brings up a new board.
+// hal_tool: calls one operation of the hardware modules, for bringing up a new board.
 #include <stdio.h>
 #include <unistd.h>
 
@@ -29,33 +29,34 @@ namespace {
 
 constexpr char HAL_TOOL[] = "hal_tool";
 
-using Words = std::vector<std::string>;  // what is typed behind the operation
+using Words = std::vector<std::string>;  // the arguments after the operation's name
 
 const std::map<std::string, LedType> COLOURS{
     {"red", LED_TYPE_RED},           {"green", LED_TYPE_GREEN},   {"blue", LED_TYPE_BLUE},
     {"red-blue", LED_TYPE_RED_BLUE}, {"robust", LED_TYPE_ROBUST}, {"all", LED_TYPE_ALL}};
 
-// A word as the type of the operation's parameter.
+// Converts an argument to the type of the operation's parameter.
 template <typename Parameter>
 Parameter argument(const std::string& word) {
     if constexpr (std::is_same_v<Parameter, const char*>) {
         return word.c_str();
     } else if constexpr (std::is_same_v<Parameter, LedType>) {
         if (!COLOURS.contains(word)) {
-            throw CLI::ValidationError(word, "no colour (red, green, blue, red-blue, robust, all)");
+            throw CLI::ValidationError(word,
+                                       "not a colour (red, green, blue, red-blue, robust, all)");
         }
         return COLOURS.at(word);
     } else {
         static_assert(std::is_integral_v<Parameter>, "words are numbers, names or colours");
         Parameter value = 0;
         if (!CLI::detail::lexical_cast(word, value)) {
-            throw CLI::ValidationError(word, "not a number of the operation's range");
+            throw CLI::ValidationError(word, "not a number in the operation's range");
         }
         return value;
     }
 }
 
-// There are as many words as parameters.
+// Calls the operation with the words as arguments. The parser has checked their number.
 template <typename... Parameters>
 int call_with(int (*operation)(Parameters...), const Words& words) {
     [[maybe_unused]] auto word = words.begin();
@@ -72,7 +73,7 @@ constexpr size_t parameters_of(int (* /*operation*/)(Parameters...)) {
     return sizeof...(Parameters);
 }
 
-// A copy of flash that is not whole must not look like one.
+// Throws on a write error, so that an incomplete copy of flash is not mistaken for a complete one.
 void print_bytes(const char* bytes, size_t count) {
     if (fwrite(bytes, 1, count, stdout) != count || fflush(stdout) != 0) {
         throw std::runtime_error("cannot write what was read to standard output");
@@ -98,9 +99,10 @@ int nv_ask() {
     return (NV_INTERFACE.*SLOT)();
 }
 
-// Lets the LED module do something for a while; the lines keep what it leaves.
+// Runs one operation of the LED module for some time, and then stops the module. The GPIO lines
+// keep their last state.
 template <typename Slot, typename... Arguments>
-int led_play(uint32_t milliseconds, Slot slot, Arguments... arguments) {
+int run_led(uint32_t milliseconds, Slot slot, Arguments... arguments) {
     int result = PAL_LED_Init();
     if (result == PAL_OK) {
         result = slot(arguments...);
@@ -112,16 +114,16 @@ int led_play(uint32_t milliseconds, Slot slot, Arguments... arguments) {
 
 template <int32_t ENABLE>
 int led_enable(LedType type, uint32_t milliseconds) {
-    return led_play(milliseconds, T31_LED_INTERFACE.enable, type, ENABLE, 0);
+    return run_led(milliseconds, T31_LED_INTERFACE.enable, type, ENABLE, 0);
 }
 
 int led_blink(LedType type, uint32_t periodMs, uint32_t milliseconds) {
     const LedBlinkCfg config = {.periodMs = periodMs};
-    return led_play(milliseconds, T31_LED_INTERFACE.blink, type, &config, 0);
+    return run_led(milliseconds, T31_LED_INTERFACE.blink, type, &config, 0);
 }
 
-// Prints what the partition holds, as the upgrade compares it with an image. -1: it was opened but
-// cannot be read to its end.
+// Prints the content of a partition, read in the same way as for the comparison after an upgrade.
+// Returns -1 if the partition was opened but cannot be read to its end.
 int pal_ota_read(const char* part, uint32_t storageType) {
     int fd = -1;
     const int32_t result = PAL_OTA_OpenPartition(part, 0, storageType, &fd);
@@ -143,7 +145,7 @@ int ota_erase(const char* part, uint32_t storageType) {
 
 struct Command {
     const char* name;
-    const char* words;  // one for each parameter
+    const char* words;  // a name for each parameter, separated by spaces
     const char* help;
     size_t parameters;
     int (*call)(const Words& words);
@@ -184,11 +186,13 @@ constexpr Command COMMANDS[] = {
     command<nv_read<&Nv::recordRead>>("nv-read-record", "OFFSET SIZE", "Read record data"),
     command<nv_write<&Nv::recordWrite>>("nv-write-record", "OFFSET", "Write record data"),
     command<nv_ask<&Nv::enterRecovery>>("nv-enter-recovery", "",
-                                        "Tell the boot loader to start the recovery system"),
-    command<nv_ask<&Nv::exitRecovery>>("nv-exit-recovery", "", "Take that back"),
+                                        "Make the boot loader start the recovery system"),
+    command<nv_ask<&Nv::exitRecovery>>("nv-exit-recovery", "",
+                                       "Make the boot loader start the ordinary system"),
     command<led_enable<1>>("led-on", "COLOUR MS", "Light the LED steadily"),
-    command<led_enable<0>>("led-off", "COLOUR MS", "Darken the LED (all; a single colour is lit)"),
-    command<led_blink>("led-blink", "COLOUR PERIOD MS", "Let the LED blink"),
+    command<led_enable<0>>("led-off", "COLOUR MS",
+                           "Switch the LED off (with \"all\"; a single colour is switched on)"),
+    command<led_blink>("led-blink", "COLOUR PERIOD MS", "Make the LED blink"),
     command<ota_erase>("ota-erase", "NAME STORAGE", "Erase a partition through the upgrade module"),
     command<PAL_NV_Init>("pal-nv-init", "", "Read the factory data as the service does"),
     command<PAL_OTA_Init>("pal-ota-init", "", "Start the upgrade module"),
@@ -203,7 +207,8 @@ constexpr Command COMMANDS[] = {
 constexpr size_t count_words(std::string_view words) {
     return words.empty() ? 0 : 1 + static_cast<size_t>(std::count(words.begin(), words.end(), ' '));
 }
-// A word too few would be read from behind the last.
+// call_with() reads as many words as there are parameters, so too few names would read past the
+// end.
 static_assert(std::ranges::all_of(COMMANDS,
                                   [](const Command& row) {
                                       return count_words(row.words) == row.parameters;
@@ -232,7 +237,7 @@ int program(int argc, char** argv) {
                 ->required()
                 ->expected(static_cast<int>(row.parameters));
         }
-        // Within the parser, so that a word that does not suit the operation is wrong use as well.
+        // Called by the parser, so that an argument of the wrong type is reported as wrong use.
         command->callback([&typed, &row] {
             const int result = row.call(typed);
             fflush(stdout);

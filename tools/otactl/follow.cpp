@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int QUIET_MS = 200;
-constexpr int64_t TAKE_LIMIT_MS = 15000;  // the service retries a failed receive after 5 s
+constexpr int64_t RECEIVE_LIMIT_MS = 15000;  // the service retries a failed receive after 5 s
 constexpr int64_t LOST_LIMIT_MS = 2000;
 constexpr int BAR_WIDTH = 30;
 
@@ -35,12 +35,12 @@ void draw_bar(const Progress& progress) {
     fflush(stdout);
 }
 
-void show(const Progress& progress, const std::string& time, const std::string& words,
+void show(const Progress& progress, const std::string& time, const std::string& text,
           bool terminal) {
-    if (words.empty()) {
+    if (text.empty()) {
         return;
     }
-    std::istringstream lines(words);
+    std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         printf("%s%s  %s\n", terminal ? "\r\033[K" : "", time.c_str(), printable(line).c_str());
     }
@@ -60,7 +60,7 @@ std::string size_text(uint64_t bytes) {
                             : std::to_string(bytes) + " bytes";
 }
 
-// Bytes of a module in the request's package; 0 when that cannot be read.
+// Returns the size of a module's image in bytes; 0 when it cannot be read.
 uint64_t image_size(const OtaPackageEntry& entry, const OtaMessage& request) {
     if (request.packageType == OTA_PACKAGE_TYPE_FILES) {
         struct stat status = {};
@@ -75,7 +75,8 @@ uint64_t image_size(const OtaPackageEntry& entry, const OtaMessage& request) {
     return 0;
 }
 
-// The service logs only that a module failed. The most frequent reason can be read from here.
+// The service logs that a module failed, but no reason. The most frequent reason, an image larger
+// than its partition, can be determined here.
 std::string failure_reason(const OtaPackageEntry& entry, const OtaMessage& request) {
     const uint64_t image = image_size(entry, request);
     const int64_t partition = partition_size(entry, open_partition(entry));
@@ -86,15 +87,15 @@ std::string failure_reason(const OtaPackageEntry& entry, const OtaMessage& reque
            size_text(static_cast<uint64_t>(partition)) + ")";
 }
 
-// Whether the request still stood in the queue, and is out of it now.
-bool take_back(int queue, long messageType) {
+// Removes the request from the queue. Returns whether it was still there.
+bool withdraw_request(int queue, long messageType) {
     OtaQueueMessage message = {};
     return msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
 }
 
 int exit_of(const Progress& progress) {
     if (!progress.restarting) {
-        print_error(OTACTL, "the service went away before the upgrade's end");
+        print_error(OTACTL, "the service disappeared before the end of the upgrade");
         return OTACTL_NO_SERVICE;
     }
     if (progress.verdict == Verdict::NONE) {
@@ -121,11 +122,11 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
             LogLine line = {};
             if (parse_log_message(message, published) && parse_log_line(published.line, line)) {
                 const bool failedBefore = progress.failed != nullptr;
-                std::string words = advance_progress(progress, line.text);
+                std::string text = advance_progress(progress, line.text);
                 if (progress.failed != nullptr && !failedBefore) {
-                    words += failure_reason(*progress.failed, request);
+                    text += failure_reason(*progress.failed, request);
                 }
-                show(progress, time_of_day(line.stamp), words, terminal);
+                show(progress, time_of_day(line.stamp), text, terminal);
             }
             continue;
         }
@@ -135,7 +136,7 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
         if (event == StreamEvent::BROKEN || now - lastSeen > LOST_LIMIT_MS) {
             break;
         }
-        if (!progress.taken && now - posted > TAKE_LIMIT_MS) {
+        if (!progress.taken && now - posted > RECEIVE_LIMIT_MS) {
             break;
         }
     }
@@ -143,8 +144,8 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
         printf("\n");
         fflush(stdout);
     }
-    if (!progress.taken && take_back(queue, messageType)) {
-        print_error(OTACTL, "the service did not take the request, which is taken back");
+    if (!progress.taken && withdraw_request(queue, messageType)) {
+        print_error(OTACTL, "the service did not receive the request, which is withdrawn");
         return OTACTL_NO_SERVICE;
     }
     return exit_of(progress);

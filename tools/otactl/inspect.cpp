@@ -10,18 +10,18 @@
 
 namespace {
 
-// What is known of a package. A status that is not okay says why.
+// The results of all checks of a package.
 struct Findings {
     Manifest manifest;
-    bool isSigned = false;  // the signer is known, trusted or not
+    bool isSigned = false;  // `signer` could be read; it need not be trusted
     Signer signer;
     PackageStatus trust;
     PackageStatus content;
     std::vector<PackageStatus> objections;
 };
 
-// The first reason not to take the package.
-PackageStatus verdict(const Findings& findings) {
+// Returns the first reason to refuse the package, or PACKAGE_OK.
+PackageStatus first_objection(const Findings& findings) {
     if (!findings.trust.ok()) {
         return findings.trust;
     }
@@ -43,8 +43,9 @@ std::string directory_of(const std::string& manifest) {
     return slash == std::string::npos ? "./" : manifest.substr(0, slash + 1);
 }
 
-// Reads the manifest, trusted or not. Returns an error only when nothing can be said of it.
-PackageStatus read_all(const std::string& path, const Trust& trust, Findings& findings) {
+// Reads the manifest and its signer, even if the signature is not trusted. Returns an error only
+// when the manifest cannot be read at all.
+PackageStatus read_findings(const std::string& path, const Trust& trust, Findings& findings) {
     findings.trust = read_manifest(path, trust, findings.manifest, findings.signer);
     if (findings.trust.result != PACKAGE_NOT_TRUSTED) {
         findings.isSigned = trust.needsSignature;
@@ -93,10 +94,10 @@ void print_json(const Findings& findings, const Trust& trust, bool contentRead) 
                          {"fingerprint", signer.fingerprint}, {"valid_from", signer.validFrom},
                          {"valid_until", signer.validUntil},  {"signed_at", signer.signedAt}};
     }
-    // Without a keyring nobody can tell.
+    // Without a keyring, trust is unknown: null.
     all["trusted"] = trust.needsSignature ? nlohmann::ordered_json(findings.trust.ok()) : nullptr;
     all["content_matches"] = contentRead ? nlohmann::ordered_json(findings.content.ok()) : nullptr;
-    const bool accepted = verdict(findings).ok();
+    const bool accepted = first_objection(findings).ok();
     all["accepted"] = accepted;
     all["reasons"] = nlohmann::ordered_json::array();
     for (const PackageStatus* status : {&findings.trust, &findings.content}) {
@@ -117,18 +118,18 @@ void print_line(const char* what, const std::string& words) {
 
 void print_signer(const Findings& findings, const Trust& trust) {
     if (!findings.isSigned) {
-        print_line("signed by", trust.needsSignature ? "nobody" : "nobody that could be read");
+        print_line("signed by", trust.needsSignature ? "not signed" : "no readable signature");
     } else {
         const Signer& signer = findings.signer;
         print_line("signed by", signer.subject);
         print_line("  issuer", signer.issuer);
         print_line("  SHA-256", signer.fingerprint);
         print_line("  valid", time_text(signer.validFrom) + " to " + time_text(signer.validUntil));
-        print_line("  signed", signer.signedAt == 0 ? "at a time that the signature does not say"
+        print_line("  signed", signer.signedAt == 0 ? "the signature has no signing time"
                                                     : time_text(signer.signedAt));
     }
     if (!trust.needsSignature) {
-        print_line("trusted", "not known: no keyring");
+        print_line("trusted", "unknown: no keyring");
         return;
     }
     print_line("trusted", findings.trust.ok() ? "yes" : "no: " + findings.trust.text);
@@ -154,13 +155,13 @@ void print_text(const Findings& findings, const Trust& trust, bool contentRead, 
     }
     print_signer(findings, trust);
     if (contentRead) {
-        print_line("content", "as the manifest says");
+        print_line("content", "matches the manifest");
     }
     if (findings.trust.ok() && findings.objections.empty() && !anyCamera) {
-        print_line("this camera", "would take it");
+        print_line("this camera", "would accept it");
     }
     for (const PackageStatus& status : findings.objections) {
-        print_line("this camera", "would not take it: " + status.text);
+        print_line("this camera", "would not accept it: " + status.text);
     }
 }
 
@@ -176,7 +177,7 @@ PackageStatus check_content(const Manifest& manifest, const std::string& path,
     }
     if (manifest.combined() && manifest.package.empty() && package.empty()) {
         return package_fault(PACKAGE_MALFORMED,
-                             path + " does not name its package: say which with --package");
+                             path + " does not name its package: name it with --package");
     }
     std::vector<CheckedFile> checked;
     return check_files(manifest, directory, package, !options.json, checked);
@@ -190,12 +191,12 @@ int inspect(const InspectOptions& options, bool readsContent) {
     }
     if (readsContent && !trust.needsSignature && !options.trust.unsignedToo) {
         print_error(OTACTL, std::string("no keyring: name one with --keyring or in ") +
-                                SETTINGS_PATH + ", or say --unsigned");
+                                SETTINGS_PATH + ", or use --unsigned");
         return OTACTL_WRONG_USE;
     }
     const std::string path = manifest_path(options.manifest);
     Findings findings;
-    const PackageStatus status = read_all(path, trust, findings);
+    const PackageStatus status = read_findings(path, trust, findings);
     if (!status.ok()) {
         return refuse(findings.trust, true);
     }
@@ -203,15 +204,15 @@ int inspect(const InspectOptions& options, bool readsContent) {
         findings.objections = camera_objections(findings.manifest, trust.rules);
     }
     bool contentRead = false;
-    if (readsContent && verdict(findings).ok()) {
+    if (readsContent && first_objection(findings).ok()) {
         findings.content = check_content(findings.manifest, path, options);
         contentRead = true;
     }
     if (options.json) {
         print_json(findings, trust, contentRead);
     }
-    if (readsContent && !verdict(findings).ok()) {
-        return refuse(verdict(findings), true);
+    if (readsContent && !first_objection(findings).ok()) {
+        return refuse(first_objection(findings), true);
     }
     if (!options.json) {
         print_text(findings, trust, contentRead, options.anyCamera);

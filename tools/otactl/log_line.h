@@ -1,4 +1,4 @@
-// What the log centre gets: the published message and the line in it.
+// Parses the messages that the service publishes for the log centre.
 #ifndef TOOLS_OTACTL_LOG_LINE_H
 #define TOOLS_OTACTL_LOG_LINE_H
 
@@ -7,30 +7,31 @@
 #include <string>
 #include <string_view>
 
-// The line of one published message, without its newline and NUL, and its level.
+// The log line of one published message, without the trailing newline and NUL, and its level.
 struct PublishedLine {
     uint32_t level;
     std::string_view line;
 };
 
-// Takes a message apart; `published` points into it. Returns false when it is not topic, "|", head
-// and as many bytes as the head says.
+// Parses a message; `published` points into it. Returns false unless the message consists of the
+// topic, "|", a record header, and as many bytes as the header says.
 bool parse_log_message(std::string_view message, PublishedLine& published);
 
 // The fields of a line: "stamp;function;source line;module;level;text".
 struct LogLine {
     std::string_view stamp;     // month, day, hour, minute, second, ".", milliseconds
-    std::string_view function;  // that logged it
+    std::string_view function;  // name of the function that logged the line
     std::string_view text;
 };
 
-// Takes a line apart; the fields point into it. Returns false when one is missing.
+// Splits a line; the fields point into it. Returns false when a field is missing.
 bool parse_log_line(std::string_view line, LogLine& fields);
 
-// "0523081502.417" as "08:15:02.417"; a stamp of any other form as it is.
+// Formats the stamp "0523081502.417" as "08:15:02.417". A stamp of another length is returned
+// without its control characters, but otherwise unchanged.
 std::string time_of_day(std::string_view stamp);
 
-// Fit for a terminal: control characters replaced, so that no line can play with it.
+// Replaces control characters by "?", so that a log line cannot send commands to the terminal.
 std::string printable(std::string_view text);
 
 #endif  // TOOLS_OTACTL_LOG_LINE_H

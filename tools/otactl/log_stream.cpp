@@ -10,10 +10,11 @@
 
 namespace {
 
-constexpr int RECONNECT_MS = 10;  // the service logs 100 ms after it began to publish
+constexpr int RECONNECT_MS =
+    10;  // the service logs its first line 100 ms after it starts to publish
 constexpr useconds_t CONNECT_POLL_US = 10000;
-// Each side takes the connection as made when the other's greeting is there; this is for the
-// service's half.
+// Each side considers the connection established when it has received the other side's greeting.
+// This is the time allowed for our greeting to reach the service.
 constexpr useconds_t SETTLE_US = 50000;
 
 bool set_option(int socket, int level, int option, int value) {

@@ -5,9 +5,9 @@
 #include <string>
 
 enum class StreamEvent {
-    MESSAGE,  // one was received
-    QUIET,    // none came within the time
-    BROKEN,   // nanomsg refuses to go on
+    MESSAGE,  // a message was received
+    QUIET,    // no message was received within the time limit
+    BROKEN,   // nanomsg reported an error; the stream is unusable
 };
 
 class LogStream {
@@ -17,18 +17,18 @@ class LogStream {
     LogStream(const LogStream&) = delete;
     LogStream& operator=(const LogStream&) = delete;
 
-    // Subscribes at the address. Does not wait for the service: nanomsg connects, and connects
-    // again, by itself. Returns false, with the reason in error, when the address is none.
+    // Subscribes at the address. Does not wait for the service: nanomsg connects and reconnects in
+    // the background. Returns false, with the reason in `error`, when the address is not valid.
     bool open(const std::string& address, std::string& error);
 
-    // Whether the service is at the other end now.
+    // Returns whether the service is connected now.
     [[nodiscard]] bool connected() const;
 
-    // Blocks until the service is at the other end, at most timeoutMs milliseconds. What is
-    // published after that is received. Returns whether it is.
+    // Blocks until the service is connected, at most timeoutMs milliseconds. All messages that are
+    // published after that are received. Returns whether the service is connected.
     [[nodiscard]] bool wait_connected(int timeoutMs) const;
 
-    // Blocks for the next message, at most timeoutMs milliseconds (negative: for ever).
+    // Waits for the next message, at most timeoutMs milliseconds (negative: without limit).
     StreamEvent receive(std::string& message, int timeoutMs) const;
 
   private:

@@ -34,7 +34,7 @@ int logs(const LogsOptions& options) {
     for (;;) {
         switch (stream.receive(message, -1)) {
             case StreamEvent::BROKEN:
-                print_error(OTACTL, "the subscription broke");
+                print_error(OTACTL, "the subscription to the log failed");
                 return OTACTL_FAILED;
             case StreamEvent::QUIET:
                 continue;
@@ -43,7 +43,7 @@ int logs(const LogsOptions& options) {
         }
         PublishedLine published = {};
         if (!parse_log_message(message, published)) {
-            print_error(OTACTL, "a message that is no log record, dropped");
+            print_error(OTACTL, "ignored a message that is not a log record");
             continue;
         }
         if (published.level < options.level) {

@@ -1,4 +1,4 @@
-// otactl: posts upgrade requests and shows what becomes of them.
+// otactl: posts upgrade requests, shows their progress, and creates and checks packages.
 #include <stdio.h>
 
 #include <string>
@@ -23,7 +23,7 @@ struct Arguments {
     std::string recordPath = OTA_DATA_PATH;
 };
 
-// An empty value is a variable of a script that was never set, and must not switch a check off.
+// An empty value usually comes from an unset variable in a script. It must not disable a check.
 std::string not_empty(const std::string& value) {
     return value.empty() ? "needs a value" : "";
 }
@@ -34,18 +34,18 @@ CLI::Option* add_value(CLI::App* command, const char* name, std::string& value, 
 
 void add_roots(CLI::App* command, TrustOptions& trust) {
     add_value(command, "--keyring", trust.keyring,
-              "Take only what one of these root certificates vouches for (PEM)");
+              "Accept only packages whose signer one of these root certificates vouches for (PEM)");
     add_value(command, "--crl", trust.revocations, "Certificate revocation lists (PEM)");
-    command->footer(std::string("What is not said is taken from ") + SETTINGS_PATH + ".");
+    command->footer(std::string("Options that are not given are read from ") + SETTINGS_PATH + ".");
 }
 
 void add_trust(CLI::App* command, TrustOptions& trust) {
     add_roots(command, trust);
-    add_value(command, "--compatible", trust.compatible, "The kind of this camera");
+    add_value(command, "--compatible", trust.compatible, "The hardware type of this camera");
     add_value(command, "--version-file", trust.versionFile,
-              "Says which version runs; lower ones are refused");
-    command->add_flag("--allow-downgrade", trust.allowDowngrade, "Take lower versions too");
-    command->add_flag("--unsigned", trust.unsignedToo, "Ask for no signature");
+              "File with the running version; packages with a lower one are refused");
+    command->add_flag("--allow-downgrade", trust.allowDowngrade, "Accept lower versions too");
+    command->add_flag("--unsigned", trust.unsignedToo, "Require no signature");
 }
 
 void add_send(CLI::App& app, Arguments& arguments) {
@@ -53,19 +53,19 @@ void add_send(CLI::App& app, Arguments& arguments) {
     send->require_subcommand(1);
     const auto common = [&](CLI::App* command) {
         command->add_flag("--follow", arguments.send.follow,
-                          "Wait and show the stages; exit 0 on success, 1 on failure");
+                          "Wait and show the upgrade's stages; exit 0 on success, 1 on failure");
         command->add_option("--address", arguments.send.logAddress,
-                            "Where the service publishes its log lines");
+                            "Address at which the service publishes its log lines");
         add_trust(command, arguments.send.trust);
     };
     CLI::App* files = send->add_subcommand("files", "One image file per module in a directory");
     files->add_option("--dir", arguments.send.directory, "Directory of the images")->required();
-    files->add_option(
-        "--manifest", arguments.send.manifest,
-        std::string("Their manifest (with a keyring: ") + FOLDER_MANIFEST + " in the directory)");
+    files->add_option("--manifest", arguments.send.manifest,
+                      std::string("Their manifest (default with a keyring: ") + FOLDER_MANIFEST +
+                          " in the directory)");
     files
         ->add_option("MODULE", arguments.send.modules,
-                     "Names or numbers of the modules (all of the manifest)")
+                     "Names or numbers of the modules (default: all of the manifest)")
         ->option_text("...");
     common(files);
     CLI::App* combined =
@@ -80,17 +80,18 @@ void add_signing(CLI::App* command, SigningOptions& signing) {
     add_value(command, "--certificate", signing.certificate, "The key's certificate (PEM)");
     command
         ->add_option("--intermediate", signing.intermediates,
-                     "An authority between it and the root (PEM); once for each")
+                     "An authority between signer and root (PEM); may be repeated")
         ->allow_extra_args(false);
     CLI::Option* keyring =
         add_value(command, "--keyring", signing.keyring,
                   "Check the signature as a camera with these root certificates does (PEM)");
-    add_value(command, "--crl", signing.revocations, "And with these revocation lists (PEM)")
+    add_value(command, "--crl", signing.revocations, "Revocation lists of that camera (PEM)")
         ->needs(keyring);
 }
 
 void add_sign(CLI::App& app, std::string& file, SigningOptions& signing) {
-    CLI::App* command = app.add_subcommand("sign", "Sign another file, as a list of checksums");
+    CLI::App* command =
+        app.add_subcommand("sign", "Sign any other file, for example a list of checksums");
     command->add_option("FILE", file, "The file; its signature becomes FILE.sig")->required();
     add_signing(command, signing);
     command->get_option("--key")->required();
@@ -99,25 +100,26 @@ void add_sign(CLI::App& app, std::string& file, SigningOptions& signing) {
 
 void add_verify_file(CLI::App& app, std::string& file, TrustOptions& trust) {
     CLI::App* command =
-        app.add_subcommand("verify-file", "Check the signature of a file that sign has signed");
+        app.add_subcommand("verify-file", "Check a signature that was made with sign");
     command->add_option("FILE", file, "The file; its signature is FILE.sig")->required();
     add_roots(command, trust);
 }
 
 void add_pack(CLI::App& app, PackOptions& options) {
-    CLI::App* pack = app.add_subcommand("pack", "Make a combined package and its manifest");
+    CLI::App* pack = app.add_subcommand("pack", "Create a combined package and its manifest");
     pack->add_option("--output", options.output, "The package file");
     pack->add_option("IMAGE", options.modules, "NAME=PATH of each image")->option_text("...");
     CLI::App* files =
-        pack->add_subcommand("files", "Make the manifest of images that lie in a directory");
+        pack->add_subcommand("files", "Create the manifest for the images in a directory");
     files->add_option("--dir", options.directory, "Directory of the images")->required();
-    files->add_option("MODULE", options.modules, "Names of the modules (all that are there)")
+    files
+        ->add_option("MODULE", options.modules, "Names of the modules (default: every image in it)")
         ->option_text("...");
     for (CLI::App* command : {pack, files}) {
         add_value(command, "--manifest", options.manifest, "The manifest");
         add_value(command, "--compatible", options.compatible,
-                  "The kind of camera that the package is for");
-        add_value(command, "--version", options.version, "The package's version: 2.7.1");
+                  "The hardware type that the package is for");
+        add_value(command, "--version", options.version, "The package's version, such as 2.7.1");
         command->add_option("--description", options.description, "What is new, in one line");
         add_signing(command, options.signing);
     }
@@ -126,31 +128,35 @@ void add_pack(CLI::App& app, PackOptions& options) {
 void add_inspect(CLI::App& app, InspectOptions& options) {
     for (CLI::App* command :
          {app.add_subcommand("verify", "Check a package as send does; exit 3: not trusted"),
-          app.add_subcommand("info", "Show what a package is and who signed it")}) {
-        command->add_option("MANIFEST", options.manifest, "Its manifest, or the directory of one")
+          app.add_subcommand("info", "Show what a package contains and who signed it")}) {
+        command
+            ->add_option("MANIFEST", options.manifest,
+                         "Its manifest, or the directory of the manifest")
             ->required();
-        command->add_option("--dir", options.directory, "Where the images or the package lie");
+        command->add_option("--dir", options.directory, "Directory of the images or the package");
         command->add_option("--package", options.package, "The package file");
         command->add_flag("--any-camera", options.anyCamera,
-                          "Do not ask whether this camera takes it");
+                          "Do not check whether the package is for this camera");
         command->add_flag("--json", options.json, "Print JSON");
         add_trust(command, options.trust);
     }
 }
 
 void add_others(CLI::App& app, Arguments& arguments) {
-    CLI::App* logs = app.add_subcommand("logs", "Print the service's log lines as they come");
+    CLI::App* logs =
+        app.add_subcommand("logs", "Print the service's log lines as they are published");
     logs->add_option("--level", arguments.logs.level,
-                     "Leave out lines below this level (2 detail, 3 ordinary, 4 key events)")
+                     "Omit lines below this level (2 detail, 3 ordinary, 4 key events)")
         ->option_text("LEVEL")
         ->check(CLI::Range(LOG_LEVEL_DETAIL, LOG_LEVEL_KEY_EVENT));
     logs->add_option("--address", arguments.logs.address,
-                     "Where the service publishes its log lines");
+                     "Address at which the service publishes its log lines");
 
-    app.add_subcommand("modules", "List the modules that a package may hold, in table order");
+    app.add_subcommand("modules", "List the modules that a package may contain, in table order");
 
-    CLI::App* record = app.add_subcommand("record", "Print the outcome record in words");
-    record->add_option("FILE", arguments.recordPath, "The record (" OTA_DATA_PATH ")");
+    CLI::App* record = app.add_subcommand("record", "Print the outcome of the last upgrade");
+    record->add_option("FILE", arguments.recordPath,
+                       "The file of the outcome record (default: " OTA_DATA_PATH ")");
 }
 
 int run(const CLI::App& app, const Arguments& arguments) {
@@ -197,8 +203,8 @@ static int program(int argc, char** argv) {
     arguments.send.logAddress = default_log_address();
     arguments.logs = {.address = default_log_address(), .level = 0};
     CLI::App app(
-        "Posts upgrade requests to the camera's upgrade service and shows what becomes of "
-        "them.",
+        "Posts upgrade requests to the camera's upgrade service and shows their progress; "
+        "creates and checks packages.",
         OTACTL);
     app.require_subcommand(1);
     app.footer("Modules: " + module_names());

@@ -27,7 +27,7 @@ std::string directory_of(const std::string& path) {
 // Without this a rename or a removal may not survive a power cut.
 int flush_directory(const std::string& directory) {
     const corvo::UniqueFd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // Some network file systems cannot flush a directory, and say so.
+    // Some network file systems cannot flush a directory and report EINVAL.
     return opened.valid() && (fsync(opened.get()) == 0 || errno == EINVAL)
                ? static_cast<int>(OTACTL_OK)
                : failed("flush", directory);

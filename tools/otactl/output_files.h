@@ -1,4 +1,4 @@
-// Files that otactl writes: a power cut or a failure leaves of each the old content or the new one.
+// Writes files so that each has either its old or its new content after a failure or power cut.
 #ifndef TOOLS_OTACTL_OUTPUT_FILES_H
 #define TOOLS_OTACTL_OUTPUT_FILES_H
 
@@ -8,10 +8,11 @@
 
 #include "base/owned.h"
 
-// Each file is written beside its final path, with ".part" at the end of its name. Nothing is
-// replaced before all of them are flushed, since a file system may store a rename before the data.
-// What has not replaced a file when this record goes out of scope is removed. Every procedure
-// prints why it failed and returns OTACTL_OK or OTACTL_FAILED; all of them wait for the storage.
+// Each file is first written to a part file, which has the name of the final file and ".part". No
+// file is replaced before all part files are flushed, since a file system may store a rename before
+// the data. The destructor removes the part files that have not replaced their file. On failure
+// every procedure prints the reason and returns OTACTL_FAILED, otherwise OTACTL_OK. All procedures
+// may block on the storage.
 class OutputFiles {
   public:
     OutputFiles() = default;
@@ -19,16 +20,18 @@ class OutputFiles {
     OutputFiles(const OutputFiles&) = delete;
     OutputFiles& operator=(const OutputFiles&) = delete;
 
-    // Where what becomes `path` is written.
+    // Returns the path of the part file of `path`.
     static std::string part_of(const std::string& path);
-    // Creates what becomes `path`, empty. A part file that an earlier run left behind is removed.
+    // Creates an empty part file of `path`. Removes the part file that an earlier run may have
+    // left.
     int create(const std::string& path, corvo::OwnedFile& file);
-    // Flushes and closes what becomes `path`.
+    // Flushes and closes the part file of `path`.
     static int close(const std::string& path, corvo::OwnedFile file);
-    // All three for a text.
+    // Creates the part file of `path`, writes the text, flushes and closes it.
     int write(const std::string& path, std::string_view text);
-    // Replaces the files in the order in which they were created, removes `stale`, which may be
-    // empty or missing, and flushes the directories.
+    // Renames the part files to their final names, in the order in which they were created. Then
+    // removes the file `stale` (which may be empty, or name a missing file), and flushes the
+    // directories.
     int put_in_place(const std::string& stale);
 
   private:

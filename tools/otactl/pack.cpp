@@ -36,7 +36,7 @@ int failed(const std::string& what, const std::string& path) {
     return OTACTL_FAILED;
 }
 
-// Takes one more image, which must be a file with something in it.
+// Adds an image to the inputs. It must be a regular, non-empty file.
 int add_input(const std::string& name, const std::string& path, std::vector<Input>& inputs,
               uint64_t& total) {
     const OtaPackageEntry* entry = find_module(name);
@@ -53,7 +53,7 @@ int add_input(const std::string& name, const std::string& path, std::vector<Inpu
         return wrong_use("cannot use " + path + ": " + strerror(errno));
     }
     if (!S_ISREG(status.st_mode) || status.st_size == 0) {
-        return wrong_use("cannot use " + path + ": not a file with something in it");
+        return wrong_use("cannot use " + path + ": empty or not a file");
     }
     const auto size = static_cast<uint64_t>(status.st_size);
     total += size;
@@ -80,20 +80,21 @@ int read_arguments(const std::vector<std::string>& arguments, std::vector<Input>
     return OTACTL_OK;
 }
 
-// Refuses to write over an image at one of these paths.
-int keep_images(const std::vector<Input>& inputs, std::initializer_list<std::string> written) {
+// Refuses to overwrite one of the input images.
+int protect_images(const std::vector<Input>& inputs, std::initializer_list<std::string> written) {
     for (const Input& input : inputs) {
         for (const std::string& path : written) {
             std::error_code fault;
             if (std::filesystem::equivalent(input.path, path, fault)) {
-                return wrong_use("cannot use " + input.path + ": it is written over as " + path);
+                return wrong_use("cannot use " + input.path + ": it would be overwritten as " +
+                                 path);
             }
         }
     }
     return OTACTL_OK;
 }
 
-// The images of these modules in the directory; of all that are there when none is named.
+// Adds the images of the named modules in the directory to the inputs.
 int find_images(const PackOptions& options, std::vector<Input>& inputs) {
     for (const std::string& name : options.modules) {
         const OtaPackageEntry* entry = find_module(name);
@@ -110,7 +111,7 @@ int find_images(const PackOptions& options, std::vector<Input>& inputs) {
     return OTACTL_OK;
 }
 
-std::vector<std::string> images_there(const std::string& directory) {
+std::vector<std::string> list_images(const std::string& directory) {
     std::vector<std::string> names;
     for (const OtaPackageEntry& entry : package_entries()) {
         std::error_code fault;
@@ -121,8 +122,8 @@ std::vector<std::string> images_there(const std::string& directory) {
     return names;
 }
 
-// Sums an image up, and copies it to the end of the package if there is one.
-int take_image(const Input& input, FILE* package, bool version2, ManifestModule& module) {
+// Computes the size and digest of an image, and appends the image to the package if it is not null.
+int add_image(const Input& input, FILE* package, bool version2, ManifestModule& module) {
     const corvo::OwnedFile image(fopen(input.path.c_str(), "rbe"));
     if (!image) {
         return failed("cannot read", input.path);
@@ -167,7 +168,7 @@ int write_package(const std::vector<Input>& inputs, const std::string& path, Man
         ManifestModule module = {};
         module.name = input.entry->partitionName;
         module.offset = offset;
-        const int result = take_image(input, package.get(), manifest.format == 2, module);
+        const int result = add_image(input, package.get(), manifest.format == 2, module);
         if (result != OTACTL_OK) {
             return result;
         }
@@ -177,7 +178,8 @@ int write_package(const std::vector<Input>& inputs, const std::string& path, Man
     return OutputFiles::close(path, std::move(package));
 }
 
-// The head of a manifest of version 2, or one of version 1 where nothing is said for it.
+// Starts a manifest: of version 1 if no option requires version 2, otherwise of version 2 with the
+// values of its head.
 int start_manifest(const PackOptions& options, bool mustBeVersion2, Manifest& manifest) {
     const bool version2 = mustBeVersion2 || !options.compatible.empty() ||
                           !options.version.empty() || !options.description.empty() ||
@@ -187,16 +189,16 @@ int start_manifest(const PackOptions& options, bool mustBeVersion2, Manifest& ma
         return OTACTL_OK;
     }
     if (!is_camera_kind(options.compatible)) {
-        return wrong_use("--compatible must say which kind of camera the package is for");
+        return wrong_use("--compatible must name the hardware type that the package is for");
     }
     if (!is_version(options.version)) {
-        return wrong_use("--version must say the package's version, such as 2.7.1");
+        return wrong_use("--version must be the package's version, such as 2.7.1");
     }
     if (!options.description.empty() && !is_description(options.description)) {
         return wrong_use("--description is not up to 200 printable ASCII characters");
     }
     if (options.signing.key.empty() != options.signing.certificate.empty()) {
-        return wrong_use("--key and --certificate belong together");
+        return wrong_use("--key and --certificate must be given together");
     }
     manifest.compatible = options.compatible;
     manifest.version = options.version;
@@ -215,7 +217,8 @@ int finish(const Manifest& manifest, const std::string& path, const SigningOptio
             status.ok() ? files.write(path + SIGNATURE_SUFFIX, signature) : refuse(status, false);
     }
     if (result == OTACTL_OK) {
-        // The signature of an older manifest would speak for this one, and wrongly.
+        // If the new manifest is not signed, remove the signature of the manifest that it replaces:
+        // it would not match the new one.
         result = files.put_in_place(signing.key.empty() ? path + SIGNATURE_SUFFIX : "");
     }
     if (result != OTACTL_OK) {
@@ -250,9 +253,10 @@ int pack_combined(const PackOptions& options) {
         result = read_arguments(options.modules, inputs);
     }
     if (result == OTACTL_OK) {
-        // The output itself may be one: it is replaced after all images were read.
-        result = keep_images(inputs, {OutputFiles::part_of(options.output), options.manifest,
-                                      options.manifest + SIGNATURE_SUFFIX});
+        // The output file itself may be one of the images, since it is replaced only after all
+        // images were read.
+        result = protect_images(inputs, {OutputFiles::part_of(options.output), options.manifest,
+                                         options.manifest + SIGNATURE_SUFFIX});
     }
     if (result != OTACTL_OK) {
         return result;
@@ -278,7 +282,7 @@ int pack_files(const PackOptions& options) {
         all.manifest = all.directory + FOLDER_MANIFEST;
     }
     if (all.modules.empty()) {
-        all.modules = images_there(all.directory);
+        all.modules = list_images(all.directory);
     }
     Manifest manifest;
     std::vector<Input> inputs;
@@ -287,7 +291,7 @@ int pack_files(const PackOptions& options) {
         result = find_images(all, inputs);
     }
     if (result == OTACTL_OK) {
-        result = keep_images(inputs, {all.manifest, all.manifest + SIGNATURE_SUFFIX});
+        result = protect_images(inputs, {all.manifest, all.manifest + SIGNATURE_SUFFIX});
     }
     if (result == OTACTL_OK && inputs.empty()) {
         result = wrong_use("no image in " + all.directory);
@@ -297,7 +301,7 @@ int pack_files(const PackOptions& options) {
             ManifestModule& module = manifest.modules.emplace_back();
             module.name = input.entry->partitionName;
             module.file = input.entry->fileName;
-            result = take_image(input, nullptr, true, module);
+            result = add_image(input, nullptr, true, module);
         }
     }
     OutputFiles files;

@@ -4,10 +4,10 @@
 
 namespace {
 
-// A line that the service logs, apart from modules: what it means and what it sets.
+// A log line of the service that is not about a module: what to show for it, and its effect.
 struct KnownLine {
     std::string_view begin;
-    std::string_view words;  // "": the line itself is shown
+    std::string_view message;  // shown to the user; "": show the line itself
     void (*apply)(Progress& progress);
 };
 
@@ -32,12 +32,12 @@ constexpr std::array KNOWN_LINES = {
     KnownLine{"Restart the system", "restarting", [](Progress& p) { p.restarting = true; }},
 };
 
-// A line about one module: begin, the module's partition or path, end.
+// A log line about one module. It consists of `begin`, the module's partition or path, and `end`.
 struct ModuleLine {
     std::string_view begin;
     std::string_view end;
     ModuleStage stage;
-    std::string_view words;
+    std::string_view message;  // shown to the user after the module's name
 };
 
 constexpr std::array MODULE_LINES = {
@@ -73,9 +73,9 @@ std::string advance_module(Progress& progress, std::string_view text) {
         if (module == nullptr) {
             continue;
         }
-        // Two procedures report a mismatch, and two a failure; the user is told once.
+        // The service logs a mismatch twice, and a failure twice. Show each to the user once.
         const bool repeated = module->stage == ModuleStage::FAILED ||
-                              (module->stage == ModuleStage::WRITING && line.words != "writing" &&
+                              (module->stage == ModuleStage::WRITING && line.message != "writing" &&
                                line.stage == ModuleStage::WRITING);
         module->stage = line.stage;
         if (line.stage == ModuleStage::FAILED) {
@@ -84,7 +84,7 @@ std::string advance_module(Progress& progress, std::string_view text) {
         if (repeated) {
             return "";
         }
-        return std::string(module->entry->partitionName) + ": " + std::string(line.words);
+        return std::string(module->entry->partitionName) + ": " + std::string(line.message);
     }
     return "";
 }
@@ -117,16 +117,18 @@ std::string advance_progress(Progress& progress, std::string_view text) {
             continue;
         }
         line.apply(progress);
-        std::string words(line.words.empty() ? text : line.words);
-        // A success counts what was tried; an image that went missing was not.
+        std::string message(line.message.empty() ? text : line.message);
+        // The service reports success for the modules that it tried to write. It skips a module
+        // whose image has disappeared, which the user must know.
         if (line.begin == "UPGRADE_LUMO_UGRADE_SUCCESS") {
             for (const ModuleProgress& module : progress.modules) {
                 if (module.stage == ModuleStage::WAITING) {
-                    words += "\n" + std::string(module.entry->partitionName) + ": was not written";
+                    message +=
+                        "\n" + std::string(module.entry->partitionName) + ": was not written";
                 }
             }
         }
-        return words;
+        return message;
     }
     if (text.starts_with("re-upgrade, cnt")) {
         return "writing again (" + std::string(text) + ")";

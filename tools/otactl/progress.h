@@ -1,8 +1,8 @@
-// How far an upgrade has come, told from the lines that the service publishes.
+// Derives the progress of an upgrade from the log lines that the service publishes.
 //
-// The flash driver's percentages go to the service's standard output only, so what is counted here
-// is steps and not bytes: the request taken, the applications stopped, each module written and
-// (where images come as files) read back, the verdict, the restart.
+// The flash driver prints percentages to the service's standard output only, so progress is counted
+// in steps and not in bytes: request received, applications stopped, each module written and (if
+// each image is a separate file) read back, verdict, restart.
 #ifndef TOOLS_OTACTL_PROGRESS_H
 #define TOOLS_OTACTL_PROGRESS_H
 
@@ -22,25 +22,25 @@ struct ModuleProgress {
 
 struct Progress {
     bool readsBack;                       // modules are compared after they are written
-    std::vector<ModuleProgress> modules;  // as the request names them
-    bool taken;                           // the service has the request
+    std::vector<ModuleProgress> modules;  // in the order of the request
+    bool taken;                           // the service has received the request
     bool applicationsStopped;
     Verdict verdict;
-    bool restarting;                // the last line of an upgrade was seen
-    const OtaPackageEntry* failed;  // the module that could not be written; null: none so far
+    bool restarting;                // the last log line of an upgrade was received
+    const OtaPackageEntry* failed;  // the module that failed last; null: no module failed so far
 };
 
-// The state before a request of these modules is posted.
+// Returns the state before a request for these modules is posted.
 Progress start_progress(const std::vector<const OtaPackageEntry*>& modules, bool readsBack);
 
-// Takes one line's text. Returns what to tell the user, lines separated by "\n", or "" when the
-// line says nothing new about the upgrade.
+// Updates the progress from the text of one log line. Returns the text to show to the user, with
+// lines separated by "\n", or "" when the log line contains nothing new about the upgrade.
 std::string advance_progress(Progress& progress, std::string_view text);
 
-// Steps done, in percent.
+// Returns the completed steps in percent.
 int progress_percent(const Progress& progress);
 
-// What is being done now, in a few words.
+// Names the current step in a few words.
 std::string current_step(const Progress& progress);
 
 #endif  // TOOLS_OTACTL_PROGRESS_H

@@ -7,7 +7,7 @@
 
 namespace {
 
-// A little more than the record, so that a longer file is noticed.
+// More than the size of a record, so that describe_outcome() can report a file that is too long.
 constexpr size_t RECORD_SIZE_MAX = 4096;
 
 }  // namespace

@@ -20,12 +20,12 @@ constexpr int CONNECT_TIMEOUT_MS = 3000;
 
 using Modules = std::vector<const OtaPackageEntry*>;
 
-// A request, and what was checked for it.
+// A request and the files that were checked for it.
 struct Request {
     OtaMessage message = {};
     Modules modules;
     std::vector<CheckedFile> checked;
-    bool signedByMaker = false;
+    bool signatureChecked = false;
 };
 
 int wrong_use(const std::string& message) {
@@ -38,8 +38,8 @@ int no_service(const std::string& message) {
     return OTACTL_NO_SERVICE;
 }
 
-// The directory as the service needs it: its own working directory is another one, and it puts the
-// file name right behind this.
+// Converts the directory to an absolute path that ends in "/": the service has another working
+// directory, and appends the file name directly.
 std::string absolute_directory(const std::string& directory) {
     std::error_code fault;
     std::string path = std::filesystem::absolute(directory, fault).lexically_normal().string();
@@ -49,7 +49,7 @@ std::string absolute_directory(const std::string& directory) {
     return path;
 }
 
-// Whether a regular file is there that is not too large; a message and false when not.
+// Returns whether the path is a regular file of at most 2 GiB; prints a message if it is not.
 bool is_image(const std::string& path) {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
@@ -78,10 +78,11 @@ int find_modules(const std::vector<std::string>& names, Modules& modules) {
     return OTACTL_OK;
 }
 
-// Leaves in the manifest what was asked for.
-PackageStatus select_modules(const Modules& asked, const std::string& path, Manifest& manifest) {
+// Removes all modules from the manifest that were not requested. An empty request keeps all.
+PackageStatus select_modules(const Modules& requested, const std::string& path,
+                             Manifest& manifest) {
     std::vector<ManifestModule> selected;
-    for (const OtaPackageEntry* entry : asked) {
+    for (const OtaPackageEntry* entry : requested) {
         const auto found =
             std::ranges::find(manifest.modules, entry->partitionName, &ManifestModule::name);
         if (found == manifest.modules.end()) {
@@ -90,14 +91,14 @@ PackageStatus select_modules(const Modules& asked, const std::string& path, Mani
         }
         selected.push_back(*found);
     }
-    if (!asked.empty()) {
+    if (!requested.empty()) {
         manifest.modules = std::move(selected);
     }
     return {};
 }
 
-// Makes the request. Everything that can be wrong with the package is found here, before anything
-// is posted. `package` is the name of the combined file, if the manifest is of one.
+// Checks the package completely and fills in the request, which is posted later. `package` is the
+// file name of a combined package, and empty otherwise.
 PackageStatus check_package(const Manifest& manifest, const std::string& directory,
                             const std::string& package, const Trust& trust, Request& request) {
     std::vector<PackageStatus> objections = camera_objections(manifest, trust.rules);
@@ -108,7 +109,7 @@ PackageStatus check_package(const Manifest& manifest, const std::string& directo
     for (const ManifestModule& module : manifest.modules) {
         request.modules.push_back(find_module(module.name));
     }
-    request.signedByMaker = trust.needsSignature;
+    request.signatureChecked = trust.needsSignature;
     PackageStatus status = manifest.combined()
                                ? request_combined(directory, package, manifest, request.message)
                                : request_files(directory, request.modules, request.message);
@@ -123,7 +124,7 @@ void show_signer(const Manifest& manifest, const Signer& signer, const Trust& tr
     }
 }
 
-// The service reads the files again, some time later: what has changed by now is still found.
+// Posts the request, unless a file was changed since it was checked.
 int post(int queue, const Request& request, long messageType) {
     PackageStatus status;
     for (const CheckedFile& file : request.checked) {
@@ -134,7 +135,7 @@ int post(int queue, const Request& request, long messageType) {
     if (status.ok()) {
         status = post_request(queue, request.message, messageType);
     }
-    return status.ok() ? static_cast<int>(OTACTL_OK) : refuse(status, request.signedByMaker);
+    return status.ok() ? static_cast<int>(OTACTL_OK) : refuse(status, request.signatureChecked);
 }
 
 int send_request(const Request& request, const SendOptions& options) {
@@ -143,7 +144,8 @@ int send_request(const Request& request, const SendOptions& options) {
     if (!status.ok()) {
         return no_service(status.text);
     }
-    // The service takes any type; one of our own lets --follow take the request back.
+    // The service accepts any message type. With our own process id as the type, --follow can find
+    // this request in the queue and withdraw it.
     const long messageType = getpid();
     if (!options.follow) {
         const int result = post(queue, request, messageType);
@@ -152,14 +154,14 @@ int send_request(const Request& request, const SendOptions& options) {
         }
         return result;
     }
-    // Subscribed before it is posted: no line of the upgrade is missed.
+    // Subscribe before posting, so that no log line of the upgrade is missed.
     LogStream log;
     std::string error;
     if (!log.open(options.logAddress, error)) {
         return wrong_use("cannot subscribe at " + options.logAddress + ": " + error);
     }
     if (!log.wait_connected(CONNECT_TIMEOUT_MS)) {
-        return no_service("the service is not running: nobody publishes at " + options.logAddress);
+        return no_service("the service is not running: no publisher at " + options.logAddress);
     }
     const int result = post(queue, request, messageType);
     if (result != OTACTL_OK) {
@@ -168,8 +170,8 @@ int send_request(const Request& request, const SendOptions& options) {
     return follow_upgrade(log, request.modules, request.message, queue, messageType);
 }
 
-// Images of which nothing is known but that they are there.
-int take_bare_files(const std::string& directory, Request& request) {
+// Fills in a request for images without a manifest, of which only the existence is checked.
+int request_unlisted_files(const std::string& directory, Request& request) {
     if (request.modules.empty()) {
         return wrong_use("modules are required: " + module_names() + " (see --help)");
     }
@@ -185,8 +187,8 @@ int take_bare_files(const std::string& directory, Request& request) {
     return OTACTL_OK;
 }
 
-int take_listed_files(const std::string& directory, const std::string& manifestPath,
-                      const Trust& trust, Request& request) {
+int request_listed_files(const std::string& directory, const std::string& manifestPath,
+                         const Trust& trust, Request& request) {
     Manifest manifest;
     Signer signer;
     PackageStatus status = read_manifest(manifestPath, trust, manifest, signer);
@@ -217,13 +219,13 @@ int send_files(const SendOptions& options) {
         result = find_modules(options.modules, request.modules);
     }
     if (result == OTACTL_OK) {
-        // A manifest that needs no signature is read when it is named.
+        // If no signature is required, a manifest is read only when it is named explicitly.
         result = trust.needsSignature || !options.manifest.empty()
-                     ? take_listed_files(directory,
-                                         options.manifest.empty() ? directory + FOLDER_MANIFEST
-                                                                  : options.manifest,
-                                         trust, request)
-                     : take_bare_files(directory, request);
+                     ? request_listed_files(directory,
+                                            options.manifest.empty() ? directory + FOLDER_MANIFEST
+                                                                     : options.manifest,
+                                            trust, request)
+                     : request_unlisted_files(directory, request);
     }
     return result == OTACTL_OK ? send_request(request, options) : result;
 }
@@ -237,9 +239,10 @@ int send_combined(const SendOptions& options) {
     const std::string directory =
         absolute_directory(package.has_parent_path() ? package.parent_path().string() : ".");
     const std::string file = package.filename().string();
-    // Without a name the images that lie in the directory would be posted, not what was checked.
+    // Without a file name the service would look for separate images in the directory instead of
+    // the package that was checked.
     if (file.empty() || file == "." || file == "..") {
-        return wrong_use("\"" + options.package + "\" names no package file");
+        return wrong_use("\"" + options.package + "\" is not the name of a package file");
     }
     const int result = load_trust(options.trust, trust);
     if (result != OTACTL_OK) {
@@ -247,7 +250,7 @@ int send_combined(const SendOptions& options) {
     }
     PackageStatus status = read_manifest(options.manifest, trust, manifest, signer);
     if (status.ok() && !manifest.combined()) {
-        return wrong_use(options.manifest + " is the manifest of images in files of their own");
+        return wrong_use(options.manifest + " is not the manifest of a combined package");
     }
     if (status.ok() && !trust.needsSignature && !is_image(directory + file)) {
         return OTACTL_WRONG_USE;

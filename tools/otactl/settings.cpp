@@ -22,6 +22,7 @@ int wrong_setting(const std::string& what) {
 }
 
 int take_setting(const CLI::ConfigItem& item, TrustOptions& options) {
+    // An option of the command line has precedence, so only empty values are filled in below.
     const std::array<std::pair<const char*, std::string*>, 4> settings = {
         {{"keyring", &options.keyring},
          {"crl", &options.revocations},
@@ -39,7 +40,7 @@ int take_setting(const CLI::ConfigItem& item, TrustOptions& options) {
         }
         return OTACTL_OK;
     }
-    // A misspelt "keyring" must not let everything in.
+    // A misspelled "keyring" must not disable the signature check.
     return wrong_setting("unknown setting " + item.fullname());
 }
 
@@ -51,7 +52,7 @@ int read_settings(TrustOptions& options) {
     if (lstat(SETTINGS_PATH, &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
         return OTACTL_OK;
     }
-    // Settings that cannot be read may be those that keep others' packages out.
+    // Unreadable settings are an error: they may require signatures.
     const PackageStatus read =
         read_small_file(SETTINGS_PATH, SETTINGS_SIZE_MAX, FileKind::REGULAR, text);
     if (!read.ok()) {

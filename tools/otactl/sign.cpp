@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t SIGNED_FILE_MAX = 1 << 20;  // bytes; what is signed is a list, not an image
+constexpr size_t SIGNED_FILE_MAX = 1 << 20;  // bytes; enough for lists of checksums
 
 int failed(const std::string& what, const std::string& path, const char* reason) {
     print_error(OTACTL, what + " " + path + ": " + reason);

@@ -1,5 +1,5 @@
-// Which packages otactl takes: what the command line says, and for what it leaves open the
-// configuration of this camera.
+// Decides which packages otactl accepts, by the options of the command line and, for options that
+// are not given, by the settings of this camera.
 #ifndef TOOLS_OTACTL_TRUST_H
 #define TOOLS_OTACTL_TRUST_H
 
@@ -13,14 +13,15 @@
 
 constexpr char SETTINGS_PATH[] = "/etc/corvo/otactl.conf";
 
-// Empty: not said. All but the two flags can also stand in the configuration, under these names.
+// An empty value means: not given. All but the two flags may also be in the settings file, under
+// the names in quotes.
 struct TrustOptions {
     std::string keyring;      // "keyring": PEM file of root certificates
     std::string revocations;  // "crl": PEM file of certificate revocation lists
-    std::string compatible;   // "compatible": the kind of this camera
-    std::string versionFile;  // "version-file": says which version runs
+    std::string compatible;   // "compatible": the hardware type of this camera
+    std::string versionFile;  // "version-file": file with the running version
     bool allowDowngrade = false;
-    bool unsignedToo = false;  // takes the keyring back
+    bool unsignedToo = false;  // ignore the keyring and require no signature
 };
 
 struct Trust {
@@ -29,25 +30,27 @@ struct Trust {
     CameraRules rules;
 };
 
-// Fills in what is empty from the configuration, which may be missing. Returns OTACTL_OK, or
-// OTACTL_WRONG_USE after a line that says what is wrong with it.
+// Fills in empty values from the settings file, which may be missing. Returns OTACTL_OK, or prints
+// the error and returns OTACTL_WRONG_USE.
 int read_settings(TrustOptions& options);
 
-// Reads the configuration, and what it and the command line name. Returns OTACTL_OK, or another
-// exit status after a line that says what is wrong.
+// Reads the settings file, and then the keyring, the revocation lists and the version file that the
+// options or settings name. Returns OTACTL_OK, or prints the error and returns another exit status.
 int load_trust(TrustOptions options, Trust& trust);
 
-// Reads a manifest, signed if trust asks for it. `signer` is set then.
+// Reads a manifest. If `trust` requires a signature, verifies it and sets `signer`.
 PackageStatus read_manifest(const std::string& path, const Trust& trust, Manifest& manifest,
                             Signer& signer);
 
-// Reads all files of the package below the directory, which ends in "/", and checks them, with
-// progress where standard output is a terminal and `bar` is set. `package`, when not empty, is the
-// name of the combined file instead of the manifest's. `checked` lists what was read.
+// Reads and checks all files of the package in `directory`, which ends in "/". Shows the progress
+// if `bar` is set and standard output is a terminal. If `package` is not empty, it replaces the
+// name of the combined file in the manifest. Appends every file that was checked to `checked`.
 PackageStatus check_files(const Manifest& manifest, const std::string& directory,
                           const std::string& package, bool bar, std::vector<CheckedFile>& checked);
 
-// Prints why a package is not taken. Returns the exit status.
+// Prints why a package is refused. Returns the exit status for that reason; `needsSignature`
+// decides between OTACTL_NOT_TRUSTED and OTACTL_WRONG_USE for a package that is not for this camera
+// or does not match its manifest.
 int refuse(const PackageStatus& status, bool needsSignature);
 
 #endif  // TOOLS_OTACTL_TRUST_H

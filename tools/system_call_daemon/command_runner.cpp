@@ -28,11 +28,11 @@ constexpr int KILL_GRACE_MS = 2000;  // for a process that is stuck in the kerne
 constexpr int EXIT_CANNOT_RUN = 127;
 constexpr int EXIT_SIGNAL_BASE = 128;
 
-// Readable for good once stop_commands() ran.
+// Readable from the call of stop_commands() on; never reset.
 const int g_stop_event = eventfd(0, EFD_CLOEXEC);
 std::atomic<int> g_stop_grace_ms{0};
 
-// One command, shared by the thread that asked for it and the one that waits for its end.
+// One command, shared by the calling thread and the thread that waits for the command to end.
 struct Running {
     pid_t pid = 0;
     corvo::UniqueFd ended;  // an eventfd, readable when the shell has been reaped
@@ -47,8 +47,8 @@ int64_t monotonic_ms() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Everything from here to exec runs between fork() and exec() in a process of many threads, so it
-// is system calls only.
+// close_from() and become_command() run between fork() and exec() in a process with many threads,
+// so they may use system calls only.
 void close_from(unsigned first, unsigned descriptorLimit) {
 #ifdef SYS_close_range
     if (syscall(SYS_close_range, first, ~0U, 0) == 0) {
@@ -86,7 +86,8 @@ void wait_for_end(const std::shared_ptr<Running>& running) {
            errno == EINTR) {
     }
     {
-        // Reaped under the mutex, so that nobody kills a number that another process has by now.
+        // Reap under the mutex, so that kill_group() cannot signal a process id that the kernel has
+        // given to another process in the meantime.
         const std::lock_guard<std::mutex> lock(running->mutex);
         waitpid(running->pid, &running->waitStatus, 0);
         running->reaped = true;
@@ -101,8 +102,8 @@ void kill_group(Running& running) {
     }
 }
 
-// Moves what the pipe holds into output; what no longer fits is read and dropped, so that the
-// command is not held up. Returns false at the end of the stream.
+// Reads from the pipe and appends to output. Bytes that do not fit are discarded, so that the
+// command does not block on a full pipe. Returns false at the end of the stream.
 bool read_some(int pipe, std::span<char> output, size_t& length) {
     std::array<char, 4096> chunk;
     const ssize_t n = read(pipe, chunk.data(), chunk.size());
@@ -115,8 +116,8 @@ bool read_some(int pipe, std::span<char> output, size_t& length) {
     return n > 0;
 }
 
-// The rest of the output after the shell's end. A child in the background may go on writing for
-// ever, so this takes what fits and waits for nothing.
+// Reads the rest of the output after the shell has ended. A background child may write without end,
+// so this stops when output is full, and does not wait.
 void drain(int pipe, std::span<char> output, size_t& length) {
     while (length < output.size()) {
         const ssize_t n = read(pipe, output.data() + length, output.size() - length);
@@ -133,7 +134,7 @@ int status_of(int waitStatus) {
 }
 
 CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char> output) {
-    CommandResult result = {.started = true, .cut = false, .status = 0, .outputLength = 0};
+    CommandResult result = {.started = true, .killed = false, .status = 0, .outputLength = 0};
     int64_t deadline = monotonic_ms() + limitMs;
     std::array<pollfd, 3> events = {{{.fd = running.ended.get(), .events = POLLIN, .revents = 0},
                                      {.fd = pipe, .events = POLLIN, .revents = 0},
@@ -143,11 +144,11 @@ CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char>
     pollfd& stopping = events[2];
     while (ended.revents == 0) {
         const int64_t left = deadline - monotonic_ms();
-        if (left <= 0 && result.cut) {
-            break;  // not even a kill ends it; its status is that of one that was killed
+        if (left <= 0 && result.killed) {
+            break;  // stuck in the kernel even after SIGKILL; reported as killed
         }
         if (left <= 0) {
-            result.cut = true;
+            result.killed = true;
             kill_group(running);
             deadline = monotonic_ms() + KILL_GRACE_MS;
             continue;
@@ -203,7 +204,7 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
         become_command(command, nothing.get(), writeEnd.get(),
                        static_cast<unsigned>(std::min<rlim_t>(descriptors.rlim_cur, 65536)));
     }
-    // In both processes, so that the group is there whichever runs first.
+    // Both processes call setpgid(), so that the group exists whichever runs first.
     setpgid(running->pid, running->pid);
     writeEnd.reset();
     try {

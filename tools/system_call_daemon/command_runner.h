@@ -7,21 +7,22 @@
 #include <span>
 
 struct CommandResult {
-    bool started;         // false: no process, pipe or thread could be made; the rest is 0
-    bool cut;             // the time limit ended it
-    int status;           // exit status, or 128 + the signal's number, as a shell tells it
-    size_t outputLength;  // bytes put into output
+    bool started;         // false: a process, pipe or thread could not be created; the rest is 0
+    bool killed;          // the command was killed at the time limit
+    int status;           // exit status, or 128 plus the number of the signal that ended it
+    size_t outputLength;  // bytes written to output
 };
 
-// Runs `/bin/sh -c command` in a process group of its own, with standard input empty, no other
-// descriptor of this process and no signal blocked. Blocks until the shell ends; what it leaves
-// running in the background is not waited for. After limitMs milliseconds the whole group is
-// killed. With a non-empty output the command's standard output goes there, what does not fit is
-// dropped; with an empty one it stays this process's. Any number of threads may call at once.
+// Runs `/bin/sh -c command` in a new process group. Its standard input is empty; it inherits no
+// other descriptors than the standard ones, and no blocked signals. Blocks until the shell ends,
+// but does not wait for background processes of the command. After limitMs milliseconds the whole
+// group is killed. If `output` is not empty, it receives the command's standard output, and bytes
+// that do not fit are discarded; otherwise the command writes to this process's standard output.
+// Thread-safe.
 CommandResult run_command(const char* command, int limitMs, std::span<char> output);
 
-// Gives every running and every later command so many milliseconds more. For a process that is to
-// end; a signal handler may call it.
+// Limits the remaining time of every running and every later command to this many milliseconds.
+// Called when the process is about to end. Async-signal-safe.
 void stop_commands(int graceMs);
 
 #endif  // TOOLS_SYSTEM_CALL_DAEMON_COMMAND_RUNNER_H

@@ -1,9 +1,9 @@
 // The system-call daemon: runs shell commands on behalf of other processes of the camera, as the
 // server endpoint "system.call.daemon" of the socket transport.
 //
-// "system_call" replies with the command's exit status in decimal, "popen_call" with its output, at
-// most 1024 bytes. A command that hangs is killed, with everything it started in its process group,
-// at the method's time limit: the reply is then 137, or the output so far.
+// The method "system_call" replies with the command's exit status in decimal, "popen_call" with at
+// most 1024 bytes of its output. At the method's time limit a command is killed together with all
+// processes in its process group. The reply is then 137, or the output so far.
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
@@ -29,20 +29,21 @@ namespace {
 
 constexpr const char* PROGRAM = "system_call_daemon";
 constexpr int LIMIT_MAX_MS = 3600000;
-constexpr int STOP_GRACE_MS = 2000;  // of commands that run when the daemon ends
+constexpr int STOP_GRACE_MS = 2000;  // for commands that are running when the daemon ends
 constexpr int PROBES = 100;
 constexpr int PROBE_MS = 1000;
 
 struct Settings {
-    // Cutting a command short that writes the boot environment or unmounts a disk does more harm
-    // than a late reply, so this is far above the clients' time-outs.
+    // Killing a command that writes the boot environment or unmounts a disk does more harm than a
+    // late reply, so this is far above the clients' time-outs.
     int systemLimitMs = 60000;
-    // Below the clients' default time-out, so that they still get what a hanging command printed.
+    // Below the clients' default time-out, so that they still receive the output of a command that
+    // hangs.
     int popenLimitMs = SYSTEM_CALL_DBUS_DEFAULT_TIMEOUT_MS - 1000;
     bool verbose = false;
 };
 
-Settings g_settings;  // set before the first handler runs, constant from then on
+Settings g_settings;  // set before the first handler runs, never changed afterwards
 
 std::string command_of(const void* in, uint32_t inLen) {
     const auto* text = static_cast<const char*>(in);
@@ -52,9 +53,9 @@ std::string command_of(const void* in, uint32_t inLen) {
 void report(const char* method, const std::string& command, const CommandResult& result) {
     if (!result.started) {
         printf("%s: cannot start: %s\n", method, command.c_str());
-    } else if (g_settings.verbose || result.cut) {
+    } else if (g_settings.verbose || result.killed) {
         printf("%s: %s%d: %s\n", method,
-               result.cut ? "killed at the time limit, status " : "status ", result.status,
+               result.killed ? "killed at the time limit, status " : "status ", result.status,
                command.c_str());
     }
 }
@@ -77,9 +78,10 @@ int32_t handle_popen_call(const void* in, uint32_t inLen, void* out, uint32_t ou
     return result.started ? static_cast<int32_t>(result.outputLength) : DBUS_CALL_FAILED;
 }
 
-// A second daemon would take the first one's socket path away from it. One that is too busy to
-// accept is there as well; one that has died is not, though a command that it was just starting
-// keeps its sockets open for a moment, and then hangs up.
+// Checks for a running daemon, since a second one would replace the socket of the first. A full
+// backlog (EAGAIN) also means a running daemon. After the death of a daemon, a command that it was
+// just starting can keep the socket open for a moment and then closes it, hence the repeated
+// probes.
 bool daemon_is_running() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -96,7 +98,7 @@ bool daemon_is_running() {
             return true;
         }
     }
-    return true;  // somebody listens there who is no daemon
+    return true;  // another program listens on the socket and closes every connection
 }
 
 int serve(const sigset_t& endSignals) {
@@ -116,7 +118,7 @@ int serve(const sigset_t& endSignals) {
     printf("%s: ready\n", PROGRAM);
     int signal = 0;
     sigwait(&endSignals, &signal);
-    printf("%s: ends on signal %d\n", PROGRAM, signal);
+    printf("%s: stopping on signal %d\n", PROGRAM, signal);
     stop_commands(STOP_GRACE_MS);
     SystemCall_Dbus_UnRegister(endpoint);
     SystemCall_DbusInfo_Free(endpoint);
@@ -140,18 +142,18 @@ static int program(int argc, char** argv) {
         return *status;
     }
 
-    // What commands write, the upgrade's pid file among it, is for others to read only.
+    // Files that commands create, such as the upgrade's pid file, must not be writable by others.
     umask(umask(0) | S_IWGRP | S_IWOTH);
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    // Before any thread exists, so that all of them leave these signals to the wait in serve().
+    // Block the signals before any thread is created, so that only sigwait() in serve() gets them.
     const sigset_t endSignals = corvo::signal_set({SIGINT, SIGTERM, SIGHUP, SIGQUIT});
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
-    // A parent that ignored SIGCHLD hands that down, and every command's status would be lost.
+    // If the parent ignored SIGCHLD, this process would inherit that and lose every exit status.
     signal(SIGCHLD, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
 
     if (daemon_is_running()) {
-        print_error(PROGRAM, "another one is already running");
+        print_error(PROGRAM, "another daemon is already running");
         return EXIT_FAILURE;
     }
     return serve(endSignals);
