@@ -195,13 +195,13 @@ bool camera_is_fit(const std::string& command, std::string& words) {
     }
     std::array<char, 256> output = {};
     const CommandResult result = run_command(command.c_str(), FITNESS_LIMIT_MS, output);
-    if (result.started && !result.cut && result.status == 0) {
+    if (result.started && !result.killed && result.status == 0) {
         return true;
     }
     words.assign(output.data(), result.outputLength);
     words.resize(std::min(words.find('\n'), words.size()));
-    if (!result.started || result.cut) {
-        words = result.cut ? "the fitness command did not end" : "the fitness command cannot start";
+    if (!result.started || result.killed) {
+        words = result.killed ? "the fitness command did not end" : "the fitness command cannot start";
     } else if (words.empty()) {
         words = "the fitness command says no (exit status " + std::to_string(result.status) + ")";
     }
