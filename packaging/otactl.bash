@@ -1,9 +1,9 @@
-# Completion of otactl's commands and options for bash, from what its --help says.
+# bash completion for the commands and options of otactl, based on the output of --help.
 
 _otactl() {
     local word=$2 before=$3 commands=() candidate help i
     for ((i = 1; i < COMP_CWORD; i++)); do
-        # A command is what its parent's help lists under this title.
+        # Commands are the words that the parent's help lists under this title.
         candidate=${COMP_WORDS[i]}
         help=$(otactl "${commands[@]}" --help 2> /dev/null) || return
         [[ $candidate == [a-z]* ]] && sed -n '/^Subcommands:/,/^$/p' <<< "$help" |
@@ -14,7 +14,7 @@ _otactl() {
         --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --address | --level) ;;
         --*)
-            # What stands behind an option that takes one is a file.
+            # Complete the value of an option as a file name.
             if grep -q "^  $before [A-Z]" <<< "$help"; then
                 mapfile -t COMPREPLY < <(compgen -f -- "$word")
                 return

@@ -6,13 +6,13 @@
 
 CORVO_UPGRADE_VERSION = local
 CORVO_UPGRADE_SOURCE_DIR = $(patsubst %/,%,$(call qstrip,$(BR2_PACKAGE_CORVO_UPGRADE_SOURCE)))
-# Never empty: a local package without a site breaks the whole tree, also while
-# the package is off.
+# Must not be empty: buildroot fails if a local package has no site, even if the
+# package is disabled.
 CORVO_UPGRADE_SITE = $(or $(CORVO_UPGRADE_SOURCE_DIR),/BR2_PACKAGE_CORVO_UPGRADE_SOURCE-is-empty)
 CORVO_UPGRADE_SITE_METHOD = local
 CORVO_UPGRADE_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build
 CORVO_UPGRADE_DEPENDENCIES = host-pkgconf nanomsg
-# The tree has a compiler cache and options for hardening of its own.
+# buildroot has its own compiler cache and hardening options.
 CORVO_UPGRADE_CONF_OPTS = -DCORVO_BUILD_TESTS=OFF -DCCACHE=OFF -DCORVO_HARDENING=OFF
 
 ifeq ($(BR2_PACKAGE_CORVO_UPGRADE)$(BR_BUILDING),yy)
@@ -46,7 +46,7 @@ define CORVO_UPGRADE_USERS
 	corvo-agent -1 corvo-agent -1 * - - corvo-flash Agent of the update server
 endef
 
-# Without udev the script does it, unless mdev has.
+# Without udev, mdev or the init script sets the group of the partitions.
 ifeq ($(BR2_PACKAGE_HAS_UDEV),y)
 define CORVO_UPGRADE_INSTALL_AGENT_RULES
 	$(INSTALL) -D -m 644 $(@D)/packaging/udev.rules \
@@ -70,8 +70,8 @@ CORVO_UPGRADE_CONF_OPTS += -DCORVO_BUILD_AGENT=OFF
 endif
 
 ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_BRINGUP),y)
-# By CMake, which leaves out the build host's library folders that a copy of the
-# built program would name.
+# Installed by CMake, which removes the run path of the build folder from the
+# program. A copy of the built program would still contain it.
 define CORVO_UPGRADE_INSTALL_BRINGUP
 	$(TARGET_MAKE_ENV) DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) \
 		--install $(CORVO_UPGRADE_BUILDDIR) --component bringup
@@ -79,8 +79,7 @@ endef
 CORVO_UPGRADE_POST_INSTALL_TARGET_HOOKS += CORVO_UPGRADE_INSTALL_BRINGUP
 endif
 
-# buildroot starts these itself, from the skeleton of the init system that is
-# chosen.
+# buildroot calls one of these, depending on the selected init system.
 define CORVO_UPGRADE_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S80corvo_upgrade \
 		$(TARGET_DIR)/etc/init.d/S80corvo_upgrade
@@ -94,7 +93,7 @@ define CORVO_UPGRADE_INSTALL_INIT_SYSTEMD
 	$(CORVO_UPGRADE_INSTALL_AGENT_UNIT)
 endef
 
-# The queue of requests; the lines of the status LED.
+# For the request queue, and for the GPIO lines of the status LED.
 define CORVO_UPGRADE_LINUX_CONFIG_FIXUPS
 	$(call KCONFIG_ENABLE_OPT,CONFIG_SYSVIPC)
 	$(call KCONFIG_ENABLE_OPT,CONFIG_GPIOLIB)
