@@ -1,16 +1,17 @@
-# The rules that every layer of the service is built under, in one place.
+# Build rules for all layers of the service.
 
-# The service must build for C libraries that come with no C++ run-time library, so its code uses
-# no exceptions, no run-time types and no guarded statics; the C link of corvo_program() turns a
-# breach into an undefined reference. Nothing is unwound at run time; debuggers have their own tables.
+# The service must also run on systems without the C++ run-time library, so its code uses no
+# exceptions, no run-time type information and no guarded statics. corvo_program() links with the C
+# driver, so code that breaks this rule causes an undefined reference. Unwind tables are not needed at
+# run time; debuggers use the debug information.
 set(CORVO_SERVICE_OPTIONS -fno-exceptions -fno-rtti -fno-threadsafe-statics -ffunction-sections
                           -fdata-sections -fno-asynchronous-unwind-tables -fno-unwind-tables)
 
 # corvo_layer(NAME SOURCES file... [INCLUDE folder] [PUBLIC target...] [PRIVATE target...])
 #
-# One layer as a static library. Its INCLUDE folder, include/ by default, is what other layers may include, and only
-# layers that name it as a dependency see it; headers beside the sources stay private. PUBLIC
-# dependencies show through the layer's own headers, PRIVATE ones do not.
+# Defines one layer as a static library. Other layers can include the headers of its INCLUDE folder
+# (default: include/) only if they list the layer as a dependency. Headers in the folder of the
+# sources are private. PUBLIC dependencies are those that the layer's public headers include.
 function(corvo_layer name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE" "SOURCES;PUBLIC;PRIVATE")
   if(NOT arg_INCLUDE)
@@ -25,7 +26,7 @@ endfunction()
 
 # corvo_program(NAME SOURCES file... LINK target...)
 #
-# A program that needs no C++ run-time library, proved by linking it with the C driver.
+# Defines a program that needs no C++ run-time library. Linking with the C driver verifies that.
 function(corvo_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
   add_executable(${name} ${arg_SOURCES})

@@ -1,9 +1,10 @@
-# What makes a fault in a program hard to use. Each flag is taken only where the compiler, the linker
-# and the C library take it; one line at configure time says which are on.
+# Compiler and linker flags that make programming errors hard to exploit. Each flag is used only if
+# the compiler, the linker and the C library support it. A line at configure time lists the flags that
+# are used.
 #
-# The sysroots' static libraries are built by this file too, so it needs C alone and nothing else of
-# the project. A tree that has options of its own for this says -DCORVO_HARDENING=OFF.
-option(CORVO_HARDENING "Build with what makes faults hard to use" ON)
+# The static libraries of the sysroots are built with this file too, so it must need only C and no
+# other file of the project. A build system with its own hardening flags sets -DCORVO_HARDENING=OFF.
+option(CORVO_HARDENING "Build with flags that make programming errors hard to exploit" ON)
 if(NOT CORVO_HARDENING)
   message(STATUS "Hardening: off")
   return()
@@ -13,10 +14,10 @@ include(CheckCSourceCompiles)
 set(hardening_on)
 set(hardening_off)
 
-# hardening_try(NAME SOURCE FLAG...): whether compiler and linker take the flags, in "taken".
+# hardening_try(NAME SOURCE FLAG...): sets "taken" to whether the compiler and linker accept the flags.
 function(hardening_try name source)
   list(JOIN ARGN " " CMAKE_REQUIRED_FLAGS)
-  # clang warns of the linker's flags where it does not link; gcc knows no such warning and is silent.
+  # clang warns about linker flags when it only compiles. gcc silently ignores this unknown option.
   string(APPEND CMAKE_REQUIRED_FLAGS " -Werror -Wno-unused-command-line-argument")
   set(CMAKE_REQUIRED_QUIET ON)
   string(MAKE_C_IDENTIFIER "HARDENING_${name}" variable)
@@ -24,7 +25,7 @@ function(hardening_try name source)
   set(taken "${${variable}}" PARENT_SCOPE)
 endfunction()
 
-# The array calls for a canary, and so for what the C library has to do with it.
+# The array requires a stack canary, so the check fails if the C library does not support canaries.
 set(hardening_probe "#include <string.h>
 int main(int count, char** words) {
   char copy[64];
@@ -47,7 +48,7 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|i.86)$")
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   list(APPEND hardening_compiler branch-protection -mbranch-protection=standard)
 endif()
-# A sanitizer looks for the reading of what was never set.
+# Not with a sanitizer, which would then not find reads of uninitialised variables.
 if(NOT CORVO_SANITIZE)
   list(APPEND hardening_compiler zeroed-variables -ftrivial-auto-var-init=zero)
 endif()
@@ -60,8 +61,8 @@ while(hardening_compiler)
   endif()
 endwhile()
 
-# Checked calls of the C library, which needs the optimiser to see sizes. A sanitizer stands behind
-# the same calls.
+# Checked calls of the C library (_FORTIFY_SOURCE), which need the optimiser to determine sizes. Not
+# with a sanitizer, which intercepts the same calls.
 if(NOT CORVO_SANITIZE)
   foreach(level 3 2)
     hardening_try(fortify-${level} "#include <string.h>
@@ -81,7 +82,7 @@ int main(void) { return 0; }" -O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${level})
   endif()
 endif()
 
-# A static program is one that its toolchain asks for.
+# The toolchain file decides whether programs are static.
 set(hardening_links "${CMAKE_EXE_LINKER_FLAGS}")
 if(CMAKE_EXE_LINKER_FLAGS MATCHES "(^| )-static( |$)")
   set(name static-pie)
@@ -109,7 +110,7 @@ foreach(name relro now noexecstack)
   endif()
 endforeach()
 
-# What a program or library shows to others says so where it is declared.
+# Symbols are hidden by default. Those that other programs or libraries need are exported explicitly.
 set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
@@ -118,6 +119,6 @@ list(APPEND hardening_on hidden-visibility)
 list(JOIN hardening_on " " hardening_on)
 if(hardening_off)
   list(JOIN hardening_off " " hardening_off)
-  string(APPEND hardening_on "; not here: ${hardening_off}")
+  string(APPEND hardening_on "; not supported: ${hardening_off}")
 endif()
 message(STATUS "Hardening: ${hardening_on}")

@@ -1,13 +1,13 @@
-# What a camera's file system gets, by components: service (with its daemon), tools, agent, bringup,
-# sysv, systemd, agent_sysv, agent_systemd; and symbols, for the desk. The last six are left out unless
-# they are named.
+# Installation into the file system of a camera. The components are service (with its daemon), tools,
+# agent, bringup, sysv, systemd, agent_sysv, agent_systemd, and symbols, which are for the developer's
+# host. The last six are installed only when they are named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
 set(install_symbols ${PROJECT_SOURCE_DIR}/cmake/install_symbols.cmake)
 
-# corvo_install(TARGET ...): install(TARGETS), for each program and library that ships. Its debug
-# information becomes part of the symbols, and the linker leaves in maps/ what it took from where.
+# corvo_install(TARGET ...): install(TARGETS) for a program or library that is shipped. Also installs
+# its debug information with the component symbols, and writes a linker map to the folder maps/.
 function(corvo_install target)
   install(TARGETS ${target} ${ARGN})
   get_target_property(type ${target} TYPE)
@@ -26,7 +26,7 @@ corvo_install(corvo_upgrade RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONE
 if(CORVO_BUILD_TOOLS)
   corvo_install(system_call_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service)
   corvo_install(otactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  # It writes flash and asks nothing.
+  # Not in the component tools, because it writes to flash without asking for confirmation.
   corvo_install(hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup EXCLUDE_FROM_ALL)
 endif()
 if(TARGET corvo_agent)
@@ -34,13 +34,15 @@ if(TARGET corvo_agent)
   corvo_install(corvo_agent_sleeper RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
   corvo_install(corvo_agent_prepare RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 endif()
-# The maker's library comes with the maker's system; only the stand-in is ours to install.
+# The manufacturer's platform library is part of the manufacturer's system. Only the replacement in
+# platform/ is installed from here.
 if(NOT CORVO_PLATFORM_LIBRARY)
   corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
                 ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
 endif()
 
-# The scripts name the programs by their full paths, and more than one asks whether an upgrade runs.
+# The init scripts and units contain the full paths of the programs. Several of them include the shell
+# functions of running.sh.in and upgrading.sh.in.
 set(corvo_sbindir ${CMAKE_INSTALL_FULL_SBINDIR})
 file(READ ${PROJECT_SOURCE_DIR}/packaging/running.sh.in corvo_running)
 string(STRIP "${corvo_running}" corvo_running)
@@ -57,7 +59,7 @@ install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S80corvo_upgrade
         DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT sysv EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service DESTINATION lib/systemd/system
         COMPONENT systemd EXCLUDE_FROM_ALL)
-# A unit without its program would fail at each start.
+# Without the program this unit would fail at each start.
 if(CORVO_BUILD_TOOLS)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service
           DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)

@@ -1,6 +1,6 @@
-# Run as a script when symbols are installed: puts the debug information of PROGRAM into a file of its
-# own below FOLDER, under the build id, where debuggers look for it. READELF and OBJCOPY are those of
-# the program's processor.
+# A script that runs when symbols are installed. It copies the debug information of PROGRAM to a file
+# below FOLDER whose path contains the build id, where debuggers search for it. READELF and OBJCOPY
+# must support the program's processor.
 execute_process(COMMAND ${READELF} -n ${PROGRAM} OUTPUT_VARIABLE notes COMMAND_ERROR_IS_FATAL ANY)
 if(NOT notes MATCHES "Build ID: ([0-9a-f][0-9a-f])([0-9a-f]+)")
   message(FATAL_ERROR "${PROGRAM} has no build id")

@@ -1,5 +1,5 @@
-# Debian packages, made by scripts/package: corvo-upgrade (the service, its daemon and their units),
-# corvo-upgrade-tools, corvo-upgrade-bringup and, where it is built, corvo-agent.
+# Debian packages, built by scripts/package: corvo-upgrade (the service, its daemon and their units),
+# corvo-upgrade-tools, corvo-upgrade-bringup and, if the agent is built, corvo-agent.
 if(NOT CORVO_BUILD_TOOLS)
   return()
 endif()
@@ -20,7 +20,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Corvo camera <firmware@corvo-camera.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# scripts/package says it for the packages of another processor.
+# scripts/package sets the architecture when it builds packages for another processor.
 if(CORVO_DEBIAN_ARCHITECTURE)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CORVO_DEBIAN_ARCHITECTURE})
 endif()
@@ -33,23 +33,24 @@ set(CPACK_DEBIAN_BASE_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo
 Waits for a request, writes the images that it names into their partitions,
 reads them back, records the outcome, switches the boot slot and restarts the
 camera. Comes with the daemon that runs its shell commands.")
-# What the service has run for it.
+# These packages contain the commands that the service runs through the daemon.
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_DEPENDS "mount, psmisc")
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_RECOMMENDS "libubootenv-tool")
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_SUGGESTS "corvo-upgrade-tools")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_PACKAGE_NAME corvo-upgrade-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - sender
 otactl makes packages of images, posts upgrade requests to the service and
-shows what becomes of them.")
+shows their progress.")
 set(CPACK_DEBIAN_BRINGUP_PACKAGE_PACKAGE_NAME corvo-upgrade-bringup)
 set(CPACK_DEBIAN_BRINGUP_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - new boards
 hal_tool calls one operation of the hardware modules, for bringing up a new
-board. It writes flash and asks nothing: not for a camera that is sold.")
+board. It writes to flash without asking for confirmation; do not install it
+on cameras that are sold.")
 set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_NAME corvo-agent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - fleets
 corvo_agent polls an update server (Eclipse hawkBit), downloads what it offers
 to this camera, checks the signature, posts the request to the service, and
-tells the server what came of it once the camera has restarted.")
+reports the result to the server after the camera has restarted.")
 set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_DEPENDS "corvo-upgrade, systemd")
 set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_RECOMMENDS "ca-certificates, libubootenv-tool")
 set(agent_scripts ${PROJECT_SOURCE_DIR}/packaging/debian/agent)
@@ -65,9 +66,9 @@ endforeach()
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_CONTROL_EXTRA
     ${scripts} ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
 
-# What Debian wants beside the programs: pages, completion, the package's papers. scripts/package
-# has made them in this folder.
-set(CORVO_DEBIAN_PAPERS "" CACHE PATH "Folder of manual pages and papers for Debian packages")
+# Files that Debian requires in addition to the programs: manual pages, completion, changelog and
+# copyright. scripts/package has generated the manual pages and the changelog in this folder.
+set(CORVO_DEBIAN_PAPERS "" CACHE PATH "Folder of the manual pages and changelog for Debian packages")
 foreach(group IN LISTS groups)
   string(TOUPPER ${group} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_PACKAGE_NAME})

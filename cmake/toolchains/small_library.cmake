@@ -1,8 +1,8 @@
-# The camera's processor with a small C library, statically linked. SMALL_LIBRARY is musl or uclibc;
-# scripts/sysroot makes the compilers and the rest.
+# Toolchain for the camera's processor with a small C library, linked statically. SMALL_LIBRARY is musl
+# or uclibc. scripts/sysroot creates the compiler wrappers and the sysroot.
 cmake_path(SET corvo_checkout NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../..)
 set(CORVO_SYSROOT ${corvo_checkout}build/sysroot/${SMALL_LIBRARY}
-    CACHE PATH "What scripts/sysroot ${SMALL_LIBRARY} made")
+    CACHE PATH "Folder that scripts/sysroot ${SMALL_LIBRARY} created")
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CORVO_SYSROOT)
 if(NOT EXISTS ${CORVO_SYSROOT}/root)
   message(FATAL_ERROR "no sysroot at ${CORVO_SYSROOT}: run scripts/sysroot ${SMALL_LIBRARY} first")
@@ -23,5 +23,6 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections")
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static)
 include(${CMAKE_CURRENT_LIST_DIR}/sysroot_only.cmake)
 set(ENV{PKG_CONFIG_LIBDIR} ${CORVO_SYSROOT}/root/usr/lib/pkgconfig)
-# The maker's library can only be loaded; a static program takes the stand-in instead.
+# The manufacturer's platform library is a shared library, which a static program cannot use. It is
+# linked with the static replacement in platform/ instead.
 set(CORVO_PLATFORM_TYPE STATIC)

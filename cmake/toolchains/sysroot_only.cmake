@@ -1,4 +1,4 @@
-# Libraries, headers and packages come from CORVO_SYSROOT, never from the machine that builds.
+# Use libraries, headers and packages from CORVO_SYSROOT only, never those of the build host.
 set(CMAKE_FIND_ROOT_PATH ${CORVO_SYSROOT}/root)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -1,4 +1,5 @@
-// Stands before the compiler's header of this name: gives the locale type the name that it expects.
+// Included instead of the compiler's header of the same name. Defines the locale type under the name
+// that this header expects, and then includes the header.
 #pragma GCC system_header
 
 #include <features.h>
@@ -8,7 +9,8 @@
 #ifndef __UCLIBC__
 typedef locale_t __locale_t;
 #elif !defined(__UCLIBC_HAS_XLOCALE__)
-// Enough to parse the headers; there is nothing that code which uses it would link with.
+// Sufficient to parse the headers. Code that uses locales does not link, since the functions do not
+// exist.
 typedef struct small_no_locale* __locale_t;
 #endif
 
