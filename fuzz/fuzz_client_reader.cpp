@@ -1,4 +1,5 @@
-// Bytes from a daemon, in any split, through the client's framing and its list of pending calls.
+// Fuzzes the client's framing and its list of pending calls with bytes from a daemon that arrive in
+// pieces of any size.
 #include <fcntl.h>
 #include <unistd.h>
 

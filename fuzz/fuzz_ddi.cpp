@@ -1,6 +1,7 @@
-// A text of any bytes as each answer of the update server: refused with a line that says why, or
-// read as a record that keeps what the header promises. What is then said back is UTF-8 and within
-// bounds. The time that all of it takes grows with the text's size and not faster.
+// Fuzzes the parsers of all answers of the update server. Each must either refuse the text with a
+// message of one line, or return a record that fulfils the contract in the header. The replies of
+// the agent must be valid UTF-8 of limited size. The CPU time must not grow faster than the text's
+// size.
 #include <ctype.h>
 #include <time.h>
 
@@ -9,12 +10,12 @@
 
 namespace {
 
-// Under the sanitizers a text takes a few hundred nanoseconds for each byte, in all of the readers.
+// Under the sanitizers all parsers together need a few hundred nanoseconds per byte.
 constexpr uint64_t NS_PER_BYTE_MAX = 10000;
-constexpr uint64_t NS_MAX = 20000000;  // besides, for what does not depend on the size
+constexpr uint64_t NS_MAX = 20000000;  // in addition, for work that does not depend on the size
 constexpr uint64_t NS_PER_S = 1000000000;
 
-// Of the processor, not of the clock on the wall: the machine may be busy.
+// CPU time instead of wall-clock time, since the machine may be busy.
 uint64_t cpu_time_ns() {
     timespec time = {};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -67,10 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     fuzz_expect(error_message(input).size() <= 200);
 
-    // An escape of JSON takes at most six bytes for one.
+    // A JSON escape needs at most six bytes for one byte.
     const std::string text(input);
-    const std::string said = feedback_text({.id = text, .details = {text, text}});
-    fuzz_expect(said.size() <= 6 * (size + 2 * DDI_DETAIL_SIZE_MAX) + 256);
+    const std::string feedback = feedback_text({.id = text, .details = {text, text}});
+    fuzz_expect(feedback.size() <= 6 * (size + 2 * DDI_DETAIL_SIZE_MAX) + 256);
     fuzz_expect(confirmation_text(false, input).size() <= 6 * DDI_DETAIL_SIZE_MAX + 256);
     (void)attributes_text({{text, text}});
     fuzz_expect(cpu_time_ns() - start <= NS_MAX + size * NS_PER_BYTE_MAX);

@@ -1,4 +1,4 @@
-// Takes a fuzz input apart, front to back.
+// Reads values from a fuzz input, from the beginning to the end.
 #ifndef FUZZ_FUZZ_INPUT_H
 #define FUZZ_FUZZ_INPUT_H
 
@@ -20,7 +20,7 @@ struct FuzzInput {
         --size;
         return *data++;
     }
-    // Copies what is left, at most `wanted` bytes; returns how many.
+    // Copies the remaining bytes, at most `wanted`, and returns their number.
     size_t bytes(void* to, size_t wanted) {
         const size_t taken = std::min(wanted, size);
         memcpy(to, data, taken);
@@ -30,7 +30,7 @@ struct FuzzInput {
     }
 };
 
-// Ends the run: what must hold does not.
+// Ends the run with an error if the condition does not hold.
 inline void fuzz_expect(bool condition) {
     if (!condition) {
         abort();

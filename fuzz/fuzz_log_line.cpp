@@ -1,4 +1,4 @@
-// Hostile text in a log line: it stays text, and one bounded line.
+// Fuzzes the text of a log line: the result must be one line of limited size.
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/mman.h>

@@ -1,5 +1,6 @@
-// A manifest of any bytes: refused with a line that says why, or understood and written the same
-// again; one of version 2 has no other form than the one that was read.
+// Fuzzes the manifest parser. It must either refuse the text with a message of one line, or return
+// a manifest that format_manifest() writes so that it parses to the same record. For version 2 the
+// written text must equal the input.
 #include "fuzz_input.h"
 #include "ota/ota_message.h"
 #include "package/content.h"
@@ -19,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz_expect(manifest.format == 1 || text == input);
     fuzz_expect(parse_manifest(text, again).ok() && format_manifest(again) == text);
 
-    // What the check of the content goes by: modules one behind the other, within the file.
+    // The content check requires modules that are ordered, do not overlap, and are within the file.
     for (const PackageFile& file : package_files(manifest)) {
         uint64_t end = 0;
         for (const ManifestModule& module : file.modules) {

@@ -1,4 +1,4 @@
-// A line of "/proc/mtd", whatever it holds.
+// Fuzzes the parser of lines of "/proc/mtd".
 #include <string>
 
 #include "fuzz_input.h"

@@ -1,5 +1,5 @@
-// A request record through the whole procedure, with the platform, the daemon and the record
-// played: table lookups, path building and every decision up to what would be written.
+// Fuzzes the whole upgrade procedure with request records: table lookups, construction of paths,
+// and all decisions up to the writing. The platform, the daemon and the outcome record are stubs.
 #include <fcntl.h>
 #include <setjmp.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ namespace {
 
 jmp_buf g_end;
 bool g_upgrading = false;
-uint32_t g_answers;  // a bit for each answer that the world gives
+uint32_t g_answers;  // one bit for each return value of the stubs
 uint8_t g_result;
 
 bool answer() {
@@ -30,7 +30,7 @@ bool answer() {
     return (g_answers & 1) != 0;
 }
 
-// What is handed to the platform is a table's row and a terminated path.
+// Checks the arguments that the platform receives: a row of the table, and a terminated path.
 void check_write(const char* partitionName, const char* path) {
     const OtaPackageTable* tables = nullptr;
     uint32_t count = 0;
@@ -69,7 +69,7 @@ void OTA_SetDataNv(uint32_t key, uint8_t value) {
 int32_t PAL_OTA_DeInit() {
     return PAL_OK;
 }
-// prepare() starts every module; what they do is not fuzzed here.
+// prepare() initialises every module. These stubs replace the modules.
 #define START_OF_MODULE(kind, ...) \
     int32_t PAL_##kind##_Init() {  \
         return PAL_OK;             \
@@ -88,7 +88,7 @@ extern "C" {
 [[noreturn]] void __real_exit(int status);
 void __wrap_exit(int status) {
     if (!g_upgrading) {
-        __real_exit(status);  // the fuzzer's own
+        __real_exit(status);  // called by the fuzzer itself
     }
     longjmp(g_end, 1);
 }

@@ -1,11 +1,11 @@
-// Bytes from a client, in any split, through the server role: its reading of connections and
-// records, its handlers and their replies.
+// Fuzzes the server with bytes from a client that arrive in pieces of any size: reading of
+// connections and records, handlers, and replies.
 //
-// Starting a real thread for the connection and for each record, and the pause before each reply,
-// took a hundred times as long as the code that is tested. So each thread's body runs in place,
-// where the server starts it, the pause is left out, and no system call is made for a socket: the
-// input itself is the one connection. How real threads share an endpoint is for the tests of dbus
-// under the thread sanitizer.
+// Starting real threads for the connection and for each record, and the pause before each reply,
+// would take a hundred times as long as the code under test. Therefore each thread's body runs
+// synchronously where the server starts the thread, the pause is omitted, and the socket calls are
+// stubs: the input is the only connection. The tests of dbus cover real threads, under the thread
+// sanitizer.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -21,15 +21,15 @@
 namespace {
 
 constexpr size_t ENTRIES = 2;
-constexpr int LISTENER = 1000;  // not the number of an open descriptor, as the next one
+constexpr int LISTENER = 1000;  // this and the next number are not those of open descriptors
 constexpr int CONNECTION = 1001;
 
 FuzzInput g_input;
-bool g_serving = false;  // the server's code runs, not the fuzzer's
+bool g_serving = false;  // true while the server's code runs, false in the fuzzer's own code
 bool g_accepted;
 bool g_closed;
 size_t g_written;  // bytes of replies
-size_t g_methods;  // that were run
+size_t g_methods;  // number of handlers that were called
 
 int32_t echo(const void* in, uint32_t inLen, void* out, uint32_t outCap) {
     fuzz_expect(inLen <= outCap && outCap == SYSTEM_CALL_DBUS_DATA_SIZE);
@@ -46,7 +46,8 @@ void take_signal(const void* data, uint32_t len) {
 
 extern "C" {
 
-// What the server's code calls, and the fuzzer's own code in the same program.
+// Stubs for the functions that the server calls. The fuzzer in the same program calls some of them
+// too, and then gets the real ones.
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t thread, void** result);
@@ -80,7 +81,7 @@ int __wrap_listen(int fd, int /*backlog*/) {
     return 0;
 }
 
-// The one client; after it the server ends.
+// Accepts the only client. The next call makes the server end.
 int __wrap_accept4(int fd, sockaddr* /*address*/, socklen_t* /*size*/, int /*flags*/) {
     fuzz_expect(fd == LISTENER);
     if (!g_accepted) {
@@ -91,7 +92,7 @@ int __wrap_accept4(int fd, sockaddr* /*address*/, socklen_t* /*size*/, int /*fla
     return -1;
 }
 
-// The next piece of the input, each after a byte that says how long it is.
+// Returns the next piece of the input. A byte before each piece determines the piece's size.
 ssize_t __wrap_read(int fd, void* bytes, size_t size) {
     if (!g_serving) {
         return __real_read(fd, bytes, size);
@@ -106,7 +107,7 @@ ssize_t __wrap_read(int fd, void* bytes, size_t size) {
 
 ssize_t __wrap_send(int fd, const void* bytes, size_t size, int /*flags*/) {
     fuzz_expect(fd == CONNECTION && !g_closed);
-    // Sanitizers look at each byte that is copied.
+    // Copy the reply, so that the sanitizers check every byte of it.
     static uint8_t taken[sizeof(SystemCallDbusMsg)];
     fuzz_expect(size <= sizeof(taken));
     memcpy(taken, bytes, size);
@@ -131,7 +132,7 @@ int __wrap_usleep(useconds_t /*time*/) {
     return 0;
 }
 
-// The names of the threads that are none, and the socket's file.
+// Stubs for naming the threads, which do not exist, and for the socket's file.
 int __wrap_prctl(int /*operation*/, ...) {
     return 0;
 }

@@ -1,5 +1,6 @@
-// A signature of any bytes beside a manifest that nobody has signed: refused with one line that
-// says why. The seeds are signatures of other texts, by a signer whom the keyring trusts.
+// Fuzzes the verification of signatures, for a manifest that no trusted signer has signed. Every
+// signature must be refused with a message of one line. The seed inputs are signatures of other
+// texts by a signer that the keyring trusts.
 #include <string>
 
 #include "fuzz_input.h"

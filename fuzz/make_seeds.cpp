@@ -1,5 +1,5 @@
-// Writes a few well-formed inputs per fuzz target below a folder, so that the fuzzers begin where
-// the formats are already met.
+// Writes a few valid inputs for each fuzz target to a folder, so that the fuzzers need not discover
+// the formats first.
 #include <string.h>
 #include <sys/stat.h>
 
@@ -23,7 +23,7 @@ std::string bytes_of(const Record& record) {
     return {reinterpret_cast<const char*>(&record), sizeof(record)};
 }
 
-// The record in pieces, each behind the byte that says how long it is.
+// Splits the record into pieces, and puts before each piece the byte that determines its size.
 std::string in_pieces(const std::string& record, uint8_t eighths) {
     std::string pieces;
     for (size_t at = 0; at < record.size(); at += 1U + eighths * 8U) {
@@ -93,7 +93,8 @@ int main(int argc, char** argv) {
              digest + R"("},"_links":{"download":)" + link + R"(,"download-http":)" + link +
              "}}]}]}}");
     seed("fuzz_ddi", "cancellation", R"({"id":"12","cancelAction":{"stopId":"11"}})");
-    // Large enough that work which grows faster than the text is seen; too large to begin with.
+    // Large enough to detect CPU time that grows faster than the text's size, and too large to be a
+    // seed. Therefore it is in another folder.
     std::string wide = R"({"a":[{})";
     while (wide.size() < 65536) {
         wide += ",{}";
