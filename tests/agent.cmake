@@ -12,7 +12,7 @@ find_package(CURL REQUIRED)
 
 # The agent once more, with cuts behind its calls.
 add_executable(corvo_agent_with_cuts $<TARGET_OBJECTS:corvo_agent_main> support/agent_cuts.cpp)
-target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts agent_transport command_line CURL::libcurl)
+target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts command_line CURL::libcurl)
 set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_cuts)
 foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync fdatasync write pwrite64 msgrcv msgsnd curl_easy_perform
@@ -21,7 +21,7 @@ foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync f
 endforeach()
 
 corvo_test(agent_action_test SOURCES agent_action_test.cpp support/forgetful_storage.cpp
-           LINK agent_parts test_camera played_server TIMEOUT 600)
+           LINK agent_parts test_camera simulated_server TIMEOUT 600)
 target_compile_definitions(agent_action_test PRIVATE
   AGENT_WITH_CUTS="$<TARGET_FILE:corvo_agent_with_cuts>"
   PROGRAMS="$<TARGET_FILE_DIR:otactl>")

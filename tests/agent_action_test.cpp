@@ -20,17 +20,17 @@
 #include "agent/action.h"
 #include "agent/consent.h"
 #include "agent/part_file.h"
-#include "camera.h"
 #include "files.h"
 #include "forgetful_storage.h"
 #include "ota/ota_data.h"
-#include "played_server.h"
+#include "simulated_camera.h"
+#include "simulated_server.h"
 #include "stride.h"
 
 namespace {
 
 constexpr char BOOT_ID[] = "/proc/sys/kernel/random/boot_id";
-constexpr char PLAYED_BOOT_ID[] = "/run/boot_id";
+constexpr char SIMULATED_BOOT_ID[] = "/run/boot_id";
 constexpr char SLOT[] = "/run/slot";
 const std::string AGENT_FOLDER = "/media/mmcblk0p1/ota/agent/";
 // The package of a card that is mounted late, and how often an agent is looked at before it is.
@@ -78,8 +78,8 @@ void make_packages() {
     ASSERT_EQ(0, shell("sh " TEXTS "support/agent_packages.sh " TEXTS "../scripts/make_pki"));
 }
 
-PlayedAction make_action(const std::string& kind) {
-    PlayedAction action = {.id = ID, .files = {}};
+SimulatedAction make_action(const std::string& kind) {
+    SimulatedAction action = {.id = ID, .files = {}};
     std::vector<std::string> names = FILES;
     if (kind == "combined") {
         names = {"all.manifest", "all.manifest.sig", "all.pkg"};
@@ -128,7 +128,7 @@ class World {
         make_packages();
         g_switches = !contains(camera, "no-switch");
         EXPECT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh '" + camera + "' " + server_.url() +
-                           " '" + PlayedServer::CONTROLLER + "'"));
+                           " '" + SimulatedServer::CONTROLLER + "'"));
         server_.offer(make_action(action));
     }
     ~World() {
@@ -140,7 +140,7 @@ class World {
         umount((STATE_FOLDER + "history.json").c_str());
     }
 
-    PlayedServer& server() { return server_; }
+    SimulatedServer& server() { return server_; }
     [[nodiscard]] int posted() const { return posted_; }
     [[nodiscard]] bool acted() const { return !act_; }
     [[nodiscard]] int boots() const { return boots_; }
@@ -157,7 +157,7 @@ class World {
             }
             storage_.emplace(FOLDERS);
         }
-        write_file(PLAYED_BOOT_ID, std::to_string(++boots_) + "\n");
+        write_file(SIMULATED_BOOT_ID, std::to_string(++boots_) + "\n");
         if (contains(mode_, "switched-back")) {
             write_file(SLOT, "A\n");
         }
@@ -184,7 +184,7 @@ class World {
             return;
         }
         camera_.daemon.reset();
-        camera_.daemon = std::make_unique<PlayedDaemon>(run_command, print_slot);
+        camera_.daemon = std::make_unique<SimulatedDaemon>(run_command, print_slot);
         std::vector<Fault> all = faults;
         const bool dies =
             contains(mode_, "service-dies") || (contains(mode_, "dies-once") && boots_ == 0);
@@ -209,7 +209,7 @@ class World {
     [[nodiscard]] const ForgetfulStorage& storage() const { return *storage_; }
 
     // What the operator does when the server has been asked so often.
-    void when_asked(size_t requests, std::function<void(PlayedServer&)> act) {
+    void when_asked(size_t requests, std::function<void(SimulatedServer&)> act) {
         actAt_ = requests;
         act_ = std::move(act);
     }
@@ -378,7 +378,7 @@ class World {
         }
     }
 
-    PlayedServer server_;
+    SimulatedServer server_;
     Camera camera_;
     std::string mode_;
     pid_t agent_ = -1;
@@ -390,7 +390,7 @@ class World {
     std::optional<ForgetfulStorage> storage_;
     ForgetfulStorage::Observer observer_;
     size_t actAt_ = 0;
-    std::function<void(PlayedServer&)> act_;
+    std::function<void(SimulatedServer&)> act_;
 };
 
 std::string played(const std::string& camera, const std::string& action,
@@ -409,7 +409,7 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(0, world.live());
         EXPECT_EQ(0, shell("mount -t tmpfs -o mode=755 none /media/mmcblk0p1"));
         world.server().change(
-            ID, [](PlayedAction& offer) { offer.update = "forced", offer.window = ""; });
+            ID, [](SimulatedAction& offer) { offer.update = "forced", offer.window = ""; });
     }
     if (contains(camera, "twice")) {  // before the request, and behind it
         EXPECT_EQ(-1, world.live(-2));
@@ -423,10 +423,10 @@ std::string played(const std::string& camera, const std::string& action,
     }
     if (action == "changed-early" || action == "changed-late") {
         EXPECT_EQ(action == "changed-early" ? 0 : -1, world.live());
-        world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
+        world.server().change(ID, [](SimulatedAction& of) { of = make_action("older"); });
     }
     if (action == "consent, then changed") {
-        world.server().change(ID, [](PlayedAction& of) { of = make_action("older"); });
+        world.server().change(ID, [](SimulatedAction& of) { of = make_action("older"); });
     }
     if (action == "unreachable-later") {
         EXPECT_EQ(-1, world.live());
@@ -721,11 +721,11 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
 // Cancelled, quit by force or overtaken by a newer action at any moment: nothing is claimed that is
 // not so, and nothing is left.
 TEST(Action, EndsWhateverTheOperatorDoes) {
-    const std::vector<std::function<void(PlayedServer&)>> acts = {
-        [](PlayedServer& server) { server.cancel(ID); },
-        [](PlayedServer& server) { server.force_quit(ID); },
-        [](PlayedServer& server) {
-            PlayedAction newer = make_action("files");
+    const std::vector<std::function<void(SimulatedServer&)>> acts = {
+        [](SimulatedServer& server) { server.cancel(ID); },
+        [](SimulatedServer& server) { server.force_quit(ID); },
+        [](SimulatedServer& server) {
+            SimulatedAction newer = make_action("files");
             newer.id = "12";
             server.offer(newer);
         }};
@@ -772,7 +772,7 @@ class RunningAgent {
     [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const { kill(pid_, number); }
     // Has it poll. Whether it does so in time.
-    [[nodiscard]] bool polls(PlayedServer& server, int patienceMs) const {
+    [[nodiscard]] bool polls(SimulatedServer& server, int patienceMs) const {
         const size_t polls = server.count("poll");
         signal(SIGHUP);
         return eventually(patienceMs, [&] { return server.count("poll") > polls; });
@@ -811,7 +811,7 @@ TEST(Action, WaitForConsentIsLogged) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_TRUE(agent.polls(world.server(), 5000));
     }
-    PlayedAction newer = make_action("consent");
+    SimulatedAction newer = make_action("consent");
     newer.id = "12";
     world.server().offer(newer);
     const char* const last = "action 12: waits for consent: corvo_agent confirm or deny\n";
@@ -849,7 +849,7 @@ TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
     for (const bool cancelled : {true, false}) {
         World world("slow", "files");
         world.start_service();
-        world.when_asked(3, [&](PlayedServer& server) {
+        world.when_asked(3, [&](SimulatedServer& server) {
             EXPECT_TRUE(eventually(5000, [&] { return std::filesystem::exists(GATE); }));
             if (cancelled) {
                 server.cancel(ID);
@@ -933,16 +933,16 @@ TEST(Action, BytesThatCameResetThePause) {
 
 TEST(Action, TokenIsReadAgainAtSighup) {
     make_packages();
-    PlayedServer server({});
+    SimulatedServer server({});
     ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
-                       PlayedServer::CONTROLLER + "'; echo old > /etc/corvo/token"));
+                       SimulatedServer::CONTROLLER + "'; echo old > /etc/corvo/token"));
     RunningAgent agent;
     EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 1; }));
     write_file("/etc/corvo/token", "secret\n");
     agent.signal(SIGHUP);
     EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 2; }));
     EXPECT_EQ("TargetToken old", server.requests()[0].authorization);
-    EXPECT_EQ(PlayedServer::AUTHORIZATION, server.requests()[1].authorization);
+    EXPECT_EQ(SimulatedServer::AUTHORIZATION, server.requests()[1].authorization);
 }
 
 // With nothing in hand, or files that wait for another action, it is the sleeper, which holds the
@@ -950,7 +950,7 @@ TEST(Action, TokenIsReadAgainAtSighup) {
 // meanwhile does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     World world("slow", "download-only");
-    PlayedServer& server = world.server();
+    SimulatedServer& server = world.server();
     RunningAgent agent;
     const std::string process = "/proc/" + std::to_string(agent.pid()) + "/";
     const auto sleeps_after = [&](size_t polls) {

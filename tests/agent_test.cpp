@@ -9,7 +9,7 @@
 #include <map>
 #include <sstream>
 
-#include "agent/camera.h"
+#include "agent/camera_state.h"
 #include "agent/loop.h"
 #include "agent/settings.h"
 #include "agent/verdict.h"

@@ -7,9 +7,9 @@ pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 find_package(OpenSSL 3.0 REQUIRED COMPONENTS SSL)
 find_package(nlohmann_json REQUIRED)
 
-add_library(played_server STATIC support/played_server.cpp support/played_hawkbit.cpp)
-target_link_libraries(played_server PUBLIC test_support PRIVATE upgrade_package nlohmann_json::nlohmann_json
+add_library(simulated_server STATIC support/simulated_server.cpp support/simulated_hawkbit.cpp)
+target_link_libraries(simulated_server PUBLIC test_support PRIVATE upgrade_package nlohmann_json::nlohmann_json
                                            PkgConfig::HTTPLIB OpenSSL::SSL)
 
-corvo_test(agent_transport_test SOURCES agent_transport_test.cpp LINK played_server agent_transport
+corvo_test(agent_transport_test SOURCES agent_transport_test.cpp LINK simulated_server agent_download
                                         nlohmann_json::nlohmann_json TIMEOUT 300)

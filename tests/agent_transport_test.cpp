@@ -13,7 +13,7 @@
 
 #include "agent/download.h"
 #include "files.h"
-#include "played_server.h"
+#include "simulated_server.h"
 
 namespace {
 
@@ -33,14 +33,14 @@ std::string name_of(const AgentStatus& status) {
     return NAMES[status.result];
 }
 
-ServerSettings settings_of(const PlayedServer& server) {
+ServerSettings settings_of(const SimulatedServer& server) {
     return {.url = server.url(),
-            .controllerId = PlayedServer::CONTROLLER,
-            .authorization = PlayedServer::AUTHORIZATION,
+            .controllerId = SimulatedServer::CONTROLLER,
+            .authorization = SimulatedServer::AUTHORIZATION,
             .ca = PKI + "ca.pem"};
 }
 
-PlayedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles) {
+SimulatedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles) {
     EXPECT_EQ(0, system(TLS.c_str()));
     return {.certificate = PKI + certificate + ".pem",
             .key = PKI + certificate + ".key",
@@ -50,12 +50,12 @@ PlayedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles) {
 
 // A camera that talks to a played server, and another one that has the same files.
 struct World {
-    World(const PlayedServer::Setup& setup, const PlayedServer::Setup& elsewhereSetup,
+    World(const SimulatedServer::Setup& setup, const SimulatedServer::Setup& elsewhereSetup,
           const std::string& step)
         : server(setup), elsewhere(elsewhereSetup), settings(settings_of(server)) {
         std::filesystem::remove_all(FOLDER);
         std::filesystem::create_directories(FOLDER);
-        PlayedAction action = {.id = "11", .files = {{"kernel.bin", KERNEL}}};
+        SimulatedAction action = {.id = "11", .files = {{"kernel.bin", KERNEL}}};
         action.consent = step == "consent" || step == "word";
         elsewhere.offer(action);
         server.offer(action);
@@ -63,7 +63,7 @@ struct World {
             server.cancel("11");
         }
     }
-    explicit World(const PlayedServer::Setup& setup = {}, const std::string& step = "file")
+    explicit World(const SimulatedServer::Setup& setup = {}, const std::string& step = "file")
         : World(setup, {.onlyFiles = true}, step) {}
 
     AgentStatus fetch(Server& camera) {
@@ -119,8 +119,8 @@ struct World {
                     : ", again in " + std::to_string(status.retryAfterS) + " s");
     }
 
-    PlayedServer server;
-    PlayedServer elsewhere;
+    SimulatedServer server;
+    SimulatedServer elsewhere;
     ServerSettings settings;
     const PackageFile* content = nullptr;
     std::atomic<bool> stop{false};
@@ -128,9 +128,9 @@ struct World {
 };
 
 // With which ranges, and who said that he is.
-std::string asked(const PlayedServer& server, const std::string& step) {
+std::string asked(const SimulatedServer& server, const std::string& step) {
     std::string text;
-    for (const PlayedRequest& request : server.requests()) {
+    for (const SimulatedRequest& request : server.requests()) {
         if (request.what == step) {
             text += (text.empty() ? "" : ", ") +
                     (request.range.empty() ? "all" : request.range.substr(6)) +
@@ -417,12 +417,12 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
 TEST(AgentTransport, OtherHostsLearnNothing) {
     for (const bool safely : {true, false}) {
         World world(tls_setup("server", false),
-                    safely ? tls_setup("server", true) : PlayedServer::Setup{.onlyFiles = true},
+                    safely ? tls_setup("server", true) : SimulatedServer::Setup{.onlyFiles = true},
                     "file");
         world.settings.certificate = PKI + "camera.pem";
         world.settings.key = PKI + "camera.key";
         world.server.change(
-            "11", [&](PlayedAction& action) { action.elsewhere = world.elsewhere.url(); });
+            "11", [&](SimulatedAction& action) { action.elsewhere = world.elsewhere.url(); });
         EXPECT_EQ(safely ? "OK" : "MALFORMED", name_of(world.run("file")));
         EXPECT_EQ("all/CN=camera", asked(world.server, "action"));
         EXPECT_EQ(safely ? "all by nobody" : "", asked(world.elsewhere, "file"));

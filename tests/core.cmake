@@ -1,11 +1,11 @@
 corvo_test(log_test SOURCES log_test.cpp LINK log otactl_parts PkgConfig::NANOMSG
            WRAP nn_socket nn_allocmsg nn_send gettimeofday usleep)
-target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/log)
+target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/src/log)
 
 corvo_test(dbus_test SOURCES dbus_test.cpp LINK test_faults dbus)
-target_include_directories(dbus_test PRIVATE ${PROJECT_SOURCE_DIR}/dbus)
+target_include_directories(dbus_test PRIVATE ${PROJECT_SOURCE_DIR}/src/dbus)
 
-add_library(test_camera STATIC support/camera.cpp)
+add_library(test_camera STATIC support/simulated_camera.cpp)
 target_link_libraries(test_camera PUBLIC test_support dbus ota_request)
 target_precompile_headers(test_camera REUSE_FROM test_support)
 target_compile_definitions(test_camera PRIVATE

@@ -19,7 +19,7 @@
 #include "faults.h"
 #include "files.h"
 #include "pending_calls.h"
-#include "played_daemon.h"
+#include "simulated_daemon.h"
 
 extern "C" ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 
@@ -94,7 +94,7 @@ struct Dbus : testing::Test {
     }
 
     const int descriptors = open_descriptors();
-    std::unique_ptr<PlayedDaemon> server = std::make_unique<PlayedDaemon>(echo, echo);
+    std::unique_ptr<SimulatedDaemon> server = std::make_unique<SimulatedDaemon>(echo, echo);
 };
 
 TEST_F(Dbus, CallsYieldWhatTheHandlerWrote) {
@@ -170,7 +170,7 @@ TEST_F(Dbus, ServerWaitsForItsHandlersAndTheClientForANewServer) {
     std::this_thread::sleep_for(milliseconds(200));
     server.reset();  // returns when the handler has
     EXPECT_NE(access(SOCKET, F_OK), 0);
-    server = std::make_unique<PlayedDaemon>(echo, echo);
+    server = std::make_unique<SimulatedDaemon>(echo, echo);
     EXPECT_EQ(system_call("2", 20000), 2);
     caller.join();
 }
@@ -200,7 +200,7 @@ TEST_F(Dbus, ConnectionsToDyingServersAreReplacedUntilOneLives) {
         server.reset();
         std::this_thread::sleep_for(milliseconds(deaths));
     }
-    server = std::make_unique<PlayedDaemon>(echo, echo);
+    server = std::make_unique<SimulatedDaemon>(echo, echo);
     EXPECT_EQ(system_call("8", 20000), 8);
     EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect, ret:-1 errno:104"));
 }
@@ -230,7 +230,7 @@ TEST_F(Dbus, ServerThatHangsUpOnEverybodyIsGivenUp) {
 TEST_F(Dbus, ServerWithoutMemoryForAConnectionRefusesTheNext) {
     server.reset();
     const Faults faults({{"calloc", 5, ENOMEM}});  // the first four make the endpoint
-    server = std::make_unique<PlayedDaemon>(echo, echo);
+    server = std::make_unique<SimulatedDaemon>(echo, echo);
     g_longest_send = SIZE_MAX;
     system_call_reboot_unlocked();
     EXPECT_TRUE(eventually(5000, [] {
@@ -320,7 +320,7 @@ TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {
     server.reset();
     write_file("/tmp/victim", "precious");
     ASSERT_EQ(symlink("/tmp/victim", SOCKET), 0);
-    server = std::make_unique<PlayedDaemon>(echo, echo);
+    server = std::make_unique<SimulatedDaemon>(echo, echo);
     g_longest_send = SIZE_MAX;  // a signal handler sends only once
     EXPECT_EQ(system_call_reboot_unlocked(), DBUS_OK);
     struct stat status = {};
@@ -354,13 +354,13 @@ TEST_F(Dbus, EveryFaultIsReportedAndNothingStaysOpen) {
             for (const int ordinal : {error == "EINTR" ? place : -place, place}) {
                 SCOPED_TRACE(call + " " + std::to_string(ordinal));
                 const Faults faults({{call.c_str(), ordinal, error_number(error)}});
-                auto daemon = std::make_unique<PlayedDaemon>(echo, echo);
+                auto daemon = std::make_unique<SimulatedDaemon>(echo, echo);
                 system_call_init();
                 const int32_t result = system_call("5", 100);
                 EXPECT_TRUE(result == 5 || result < 0) << result;
                 system_call_reboot_unlocked();
                 daemon.reset();
-                daemon = std::make_unique<PlayedDaemon>(echo, echo);
+                daemon = std::make_unique<SimulatedDaemon>(echo, echo);
                 system_call("5", 100);
                 // A server that accepts no more refuses, and leaves nobody waiting.
                 EXPECT_TRUE(call != "accept4" || ordinal > 0 || eventually(2000, [] {
@@ -377,7 +377,7 @@ std::atomic<int> g_told{0};
 
 TEST_F(Dbus, SignalsReachTheirHandler) {
     server.reset();
-    server = std::make_unique<PlayedDaemon>(echo, echo, [](const void* data, uint32_t size) {
+    server = std::make_unique<SimulatedDaemon>(echo, echo, [](const void* data, uint32_t size) {
         g_told = static_cast<int>(size) + *static_cast<const char*>(data);
     });
     SystemCallDbusInfo* const client = SystemCall_DbusInfo_Alloc(0);

@@ -10,7 +10,7 @@ target_link_options(test_faults INTERFACE ${calls_with_faults})
 
 # The same behind the service's own objects. Its folder, not its name, tells it apart: the service
 # says under which name it runs.
-corvo_program(corvo_upgrade_with_faults SOURCES ${PROJECT_SOURCE_DIR}/ota/main.cpp support/faults.cpp
+corvo_program(corvo_upgrade_with_faults SOURCES ${PROJECT_SOURCE_DIR}/src/ota/main.cpp support/faults.cpp
               LINK ota dbus log platform base)
 set_target_properties(corvo_upgrade_with_faults PROPERTIES OUTPUT_NAME corvo_upgrade
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
@@ -18,10 +18,10 @@ target_link_options(corvo_upgrade_with_faults PRIVATE ${calls_with_faults} -Wl,-
                     -Wl,--export-dynamic-symbol=Plt_Log_TcpPrint)
 
 corvo_test(led_gpio_test SOURCES led_gpio_test.cpp LINK test_faults hal_led hal_gpio)
-target_include_directories(led_gpio_test PRIVATE ${PROJECT_SOURCE_DIR}/hal/led)
+target_include_directories(led_gpio_test PRIVATE ${PROJECT_SOURCE_DIR}/src/hal/led)
 
 # The daemon's client is played by the test, which defines the two calls that the upgrade module
 # makes: it must not be linked in beside them.
 corvo_test(pal_hal_test SOURCES pal_hal_test.cpp LINK test_faults pal hal_led hal_ota hal_nv hal_flash)
-target_include_directories(pal_hal_test PRIVATE ${PROJECT_SOURCE_DIR}/pal
-                                                ${PROJECT_SOURCE_DIR}/hal/flash)
+target_include_directories(pal_hal_test PRIVATE ${PROJECT_SOURCE_DIR}/src/pal
+                                                ${PROJECT_SOURCE_DIR}/src/hal/flash)

@@ -10,10 +10,10 @@
 #include <functional>
 #include <thread>
 
-#include "camera.h"
 #include "files.h"
 #include "ota/ota_data.h"
 #include "otactl/log_stream.h"
+#include "simulated_camera.h"
 
 namespace {
 

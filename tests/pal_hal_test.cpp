@@ -11,7 +11,6 @@
 #include <atomic>
 #include <thread>
 
-#include "board/error_log.h"
 #include "faults.h"
 #include "files.h"
 #include "hal/axera_ota.h"
@@ -20,6 +19,7 @@
 #include "hal/t31_led.h"
 #include "mtd_table.h"
 #include "nv_factory_cache.h"
+#include "pal/error_log.h"
 #include "pal/pal_led.h"
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"
@@ -90,7 +90,7 @@ TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
     EXPECT_EQ(PAL_OTA_AB_SWITCH(-2, 0), 2);
     std::string printed = without_source_lines(output.take());
     std::ranges::replace(printed, '\0', '0');
-    EXPECT_EQ(printed, read_file(TEXTS "consoles/slot_switch.txt"));
+    EXPECT_EQ(printed, read_file(TEXTS "expected/slot_switch.txt"));
 }
 
 TEST(Ota, OperationsWaitForEachOther) {

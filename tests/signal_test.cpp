@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "camera.h"
 #include "files.h"
+#include "simulated_camera.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "camera.h"
 #include "files.h"
 #include "ota/ota_data.h"
+#include "simulated_camera.h"
 #include "stride.h"
 
 namespace {

@@ -1,5 +1,5 @@
 # hal_tool once more, with faults and NOR chips behind its calls.
-add_executable(hal_tool_with_faults $<TARGET_OBJECTS:hal_tool_main> support/played_devices.cpp)
+add_executable(hal_tool_with_faults $<TARGET_OBJECTS:hal_tool_main> support/simulated_devices.cpp)
 target_link_libraries(hal_tool_with_faults PRIVATE test_faults hal_tool_modules)
 set_target_properties(hal_tool_with_faults PROPERTIES OUTPUT_NAME hal_tool
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)

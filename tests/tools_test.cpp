@@ -20,8 +20,8 @@
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
-#include "played_daemon.h"
 #include "session.h"
+#include "simulated_daemon.h"
 
 namespace {
 

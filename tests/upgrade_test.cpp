@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <sstream>
 
-#include "camera.h"
 #include "console.h"
 #include "files.h"
 #include "ota/ota_data.h"
 #include "ota/ota_package.h"
 #include "ota/ota_result.h"
 #include "otactl/log_stream.h"
+#include "simulated_camera.h"
 
 namespace {
 

@@ -25,7 +25,7 @@ class BoardCamera(Camera):
             text=True).stdout.splitlines()]
         # Those of the other boards, in their order, but for what this one is sent.
         rows: dict[str, int] = {}
-        for line in (self.scripts / "board.d/partitions").read_text().splitlines():
+        for line in (self.scripts.parent / "sim/board/partitions").read_text().splitlines():
             if line.startswith("modules "):
                 rows |= {name: sizes.get(name, OTHER_KIB * 1024) // 1024 for name in modules}
             elif not line.startswith("#"):

@@ -84,7 +84,7 @@ class Camera:
         self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
 
     def command(self, *more: str) -> list:
-        return [self.scripts / "private_root", self.scripts / "fleet.d/camera", self.folder,
+        return [self.scripts / "private_root", self.scripts.parent / "sim/fleet/camera", self.folder,
                 self.programs, *more]
 
     def start(self) -> None:

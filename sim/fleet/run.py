@@ -35,7 +35,7 @@ ASK_SECONDS = 1.0
 class Fleet:
     def __init__(self, options: argparse.Namespace):
         self.options = options
-        self.scripts = Path(__file__).resolve().parent.parent
+        self.scripts = Path(__file__).resolve().parents[2] / "scripts"
         self.folder: Path = options.work / "run"
         self.random = random.Random(options.seed)
         self.server: Server | None = None

@@ -15,7 +15,7 @@
 #include "agent/status.h"
 #include "agent/stored_file.h"
 #include "base/ignore_result.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 
 namespace {
 

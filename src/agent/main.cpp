@@ -9,7 +9,7 @@
 #include "agent/loop.h"
 #include "agent/settings.h"
 #include "agent/status.h"
-#include "command_line.h"
+#include "cli/command_line.h"
 
 namespace {
 

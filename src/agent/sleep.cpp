@@ -16,7 +16,7 @@
 #include "base/ignore_result.h"
 #include "base/owned.h"
 #include "base/signal_set.h"
-#include "system_call_daemon/command_runner.h"
+#include "command_runner/command_runner.h"
 
 namespace {
 

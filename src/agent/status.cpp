@@ -15,7 +15,7 @@
 #include "agent/stored_file.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "package/files.h"
 #include "package/signature.h"
 

@@ -1,8 +1,8 @@
 // Parses the arguments of the companion programs. Every wrong argument is reported as one line on
 // standard error, with one exit status. Include this header in a program's main.cpp only, which
 // gets it precompiled: the parser's header takes longer to compile than most programs.
-#ifndef TOOLS_COMMAND_LINE_H
-#define TOOLS_COMMAND_LINE_H
+#ifndef CLI_COMMAND_LINE_H
+#define CLI_COMMAND_LINE_H
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,7 +15,7 @@
 
 #include "base/standard_descriptors.h"
 #include "base/version.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 
 // Parses the arguments, and adds the option "--version". Returns the exit status if the program
 // must exit now (help or version was requested, or the arguments are wrong), otherwise nothing.
@@ -50,4 +50,4 @@ int run_guarded(const char* program, Body body) {
     }
 }
 
-#endif  // TOOLS_COMMAND_LINE_H
+#endif  // CLI_COMMAND_LINE_H

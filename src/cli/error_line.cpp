@@ -1,4 +1,4 @@
-#include "error_line.h"
+#include "cli/error_line.h"
 
 #include <stddef.h>
 #include <stdio.h>

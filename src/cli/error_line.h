@@ -1,7 +1,7 @@
 // Error messages of the companion programs: one line on standard error, and one exit status for
 // wrong arguments.
-#ifndef TOOLS_ERROR_LINE_H
-#define TOOLS_ERROR_LINE_H
+#ifndef CLI_ERROR_LINE_H
+#define CLI_ERROR_LINE_H
 
 #include <string>
 
@@ -15,4 +15,4 @@ std::string printable(const std::string& text);
 // printable().
 void print_error(const char* program, const std::string& message);
 
-#endif  // TOOLS_ERROR_LINE_H
+#endif  // CLI_ERROR_LINE_H

@@ -1,6 +1,6 @@
 // Shows the progress of reading a large file.
-#ifndef TOOLS_PROGRESS_LINE_H
-#define TOOLS_PROGRESS_LINE_H
+#ifndef CLI_PROGRESS_LINE_H
+#define CLI_PROGRESS_LINE_H
 
 #include <stdint.h>
 #include <stdio.h>
@@ -40,4 +40,4 @@ class ProgressLine {
     int percent_ = -1;
 };
 
-#endif  // TOOLS_PROGRESS_LINE_H
+#endif  // CLI_PROGRESS_LINE_H

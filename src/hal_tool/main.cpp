@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "command_line.h"
+#include "cli/command_line.h"
 #include "hal/axera_ota.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"

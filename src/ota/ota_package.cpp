@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "board/ota_types.h"
 #include "log/log_front_end.h"
 #include "ota/ota_result.h"
+#include "pal/ota_types.h"
 
 namespace {
 
@@ -13,8 +13,8 @@ namespace {
 // module type from 27 to 254; the platform already has its own types for some of the numbers below
 // 27. If a new partition needs its own platform type, add the mapping to OTA_GetHalModuleType().
 // The platform refuses to write a module unless its platform type is one of ACCEPTED_MODULE_TYPES
-// in hal/ota/axera_ota.cpp and lies between MODULE_TYPE_MIN and MODULE_TYPE_MAX in
-// board/ota_types.h.
+// in src/hal/ota/axera_ota.cpp and lies between MODULE_TYPE_MIN and MODULE_TYPE_MAX in
+// pal/ota_types.h.
 constexpr OtaPackageEntry PACKAGE_ENTRIES[] = {
     {.moduleType = 23,
      .partitionName = "spl",

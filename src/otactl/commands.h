@@ -1,6 +1,6 @@
 // The sub-commands of otactl: one procedure for each, which returns the exit status.
-#ifndef TOOLS_OTACTL_COMMANDS_H
-#define TOOLS_OTACTL_COMMANDS_H
+#ifndef OTACTL_COMMANDS_H
+#define OTACTL_COMMANDS_H
 
 #include <stdint.h>
 
@@ -107,4 +107,4 @@ int list_modules();
 // Prints the content of the outcome record as text.
 int record(const std::string& path);
 
-#endif  // TOOLS_OTACTL_COMMANDS_H
+#endif  // OTACTL_COMMANDS_H

@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"

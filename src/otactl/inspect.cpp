@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/trust.h"

@@ -1,6 +1,6 @@
 // Parses the messages that the service publishes for the log centre.
-#ifndef TOOLS_OTACTL_LOG_LINE_H
-#define TOOLS_OTACTL_LOG_LINE_H
+#ifndef OTACTL_LOG_LINE_H
+#define OTACTL_LOG_LINE_H
 
 #include <stdint.h>
 
@@ -34,4 +34,4 @@ std::string time_of_day(std::string_view stamp);
 // Replaces control characters by "?", so that a log line cannot send commands to the terminal.
 std::string printable(std::string_view text);
 
-#endif  // TOOLS_OTACTL_LOG_LINE_H
+#endif  // OTACTL_LOG_LINE_H

@@ -1,6 +1,6 @@
 // Subscribes to the service's log lines, as the camera's log centre does.
-#ifndef TOOLS_OTACTL_LOG_STREAM_H
-#define TOOLS_OTACTL_LOG_STREAM_H
+#ifndef OTACTL_LOG_STREAM_H
+#define OTACTL_LOG_STREAM_H
 
 #include <string>
 
@@ -35,4 +35,4 @@ class LogStream {
     int socket_ = -1;
 };
 
-#endif  // TOOLS_OTACTL_LOG_STREAM_H
+#endif  // OTACTL_LOG_STREAM_H

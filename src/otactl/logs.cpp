@@ -2,7 +2,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"

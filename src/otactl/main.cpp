@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "command_line.h"
+#include "cli/command_line.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_data.h"

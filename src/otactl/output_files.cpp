@@ -9,7 +9,7 @@
 #include <set>
 
 #include "base/unique_fd.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 
 namespace {

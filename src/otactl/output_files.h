@@ -1,6 +1,6 @@
 // Writes files so that each has either its old or its new content after a failure or power cut.
-#ifndef TOOLS_OTACTL_OUTPUT_FILES_H
-#define TOOLS_OTACTL_OUTPUT_FILES_H
+#ifndef OTACTL_OUTPUT_FILES_H
+#define OTACTL_OUTPUT_FILES_H
 
 #include <string>
 #include <string_view>
@@ -38,4 +38,4 @@ class OutputFiles {
     std::vector<std::string> paths_;
 };
 
-#endif  // TOOLS_OTACTL_OUTPUT_FILES_H
+#endif  // OTACTL_OUTPUT_FILES_H

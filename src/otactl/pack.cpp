@@ -8,7 +8,8 @@
 
 #include "base/crc32.h"
 #include "base/owned.h"
-#include "error_line.h"
+#include "cli/error_line.h"
+#include "cli/progress_line.h"
 #include "otactl/commands.h"
 #include "otactl/output_files.h"
 #include "package/content.h"
@@ -16,7 +17,6 @@
 #include "package/modules.h"
 #include "package/signed_manifest.h"
 #include "package/version.h"
-#include "progress_line.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 // The flash driver prints percentages to the service's standard output only, so progress is counted
 // in steps and not in bytes: request received, applications stopped, each module written and (if
 // each image is a separate file) read back, verdict, restart.
-#ifndef TOOLS_OTACTL_PROGRESS_H
-#define TOOLS_OTACTL_PROGRESS_H
+#ifndef OTACTL_PROGRESS_H
+#define OTACTL_PROGRESS_H
 
 #include <string>
 #include <string_view>
@@ -43,4 +43,4 @@ int progress_percent(const Progress& progress);
 // Names the current step in a few words.
 std::string current_step(const Progress& progress);
 
-#endif  // TOOLS_OTACTL_PROGRESS_H
+#endif  // OTACTL_PROGRESS_H

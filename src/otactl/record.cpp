@@ -1,6 +1,6 @@
 #include <stdio.h>
 
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "package/files.h"
 #include "package/outcome.h"

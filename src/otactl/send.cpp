@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_stream.h"
 #include "otactl/trust.h"

@@ -6,8 +6,8 @@
 #include <sstream>
 #include <utility>
 
-#include "command_line.h"
-#include "error_line.h"
+#include "cli/command_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/trust.h"
 #include "package/files.h"

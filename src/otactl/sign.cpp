@@ -6,7 +6,7 @@
 #include <array>
 
 #include "base/owned.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/output_files.h"

@@ -2,9 +2,9 @@
 
 #include <time.h>
 
-#include "error_line.h"
+#include "cli/error_line.h"
+#include "cli/progress_line.h"
 #include "otactl/commands.h"
-#include "progress_line.h"
 
 int load_trust(TrustOptions options, Trust& trust) {
     const int result = read_settings(options);

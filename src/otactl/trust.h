@@ -1,12 +1,12 @@
 // Decides which packages otactl accepts, by the options of the command line and, for options that
 // are not given, by the settings of this camera.
-#ifndef TOOLS_OTACTL_TRUST_H
-#define TOOLS_OTACTL_TRUST_H
+#ifndef OTACTL_TRUST_H
+#define OTACTL_TRUST_H
 
 #include <string>
 #include <vector>
 
-#include "package/camera.h"
+#include "package/camera_rules.h"
 #include "package/certificates.h"
 #include "package/content.h"
 #include "package/signed_manifest.h"
@@ -53,4 +53,4 @@ PackageStatus check_files(const Manifest& manifest, const std::string& directory
 // or does not match its manifest.
 int refuse(const PackageStatus& status, bool needsSignature);
 
-#endif  // TOOLS_OTACTL_TRUST_H
+#endif  // OTACTL_TRUST_H

@@ -1,4 +1,4 @@
-#include "package/camera.h"
+#include "package/camera_rules.h"
 
 #include <errno.h>
 #include <string.h>

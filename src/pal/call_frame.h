@@ -8,8 +8,8 @@
 #include <stdint.h>
 
 #include "base/scoped_lock.h"
-#include "board/error_log.h"
 #include "hal/hal_interfaces.h"
+#include "pal/error_log.h"
 #include "pal/pal_result.h"
 
 // The constants of one platform module.

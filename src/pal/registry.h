@@ -5,10 +5,10 @@
 
 #include <stdint.h>
 
-#include "board/modules.h"
 #include "hal/hal_interfaces.h"
+#include "pal/modules.h"
 
-// Declares HAL_LED_GetInterface and so on, for the kinds in board/modules.h. Each kind has one
+// Declares HAL_LED_GetInterface and so on, for the kinds in pal/modules.h. Each kind has one
 // instance: the lookup returns its table for index 0 and null for any other index. For a kind that
 // this camera does not have, the lookup always returns null.
 #define REGISTRY_LOOKUP(kind, Interface, ...) \

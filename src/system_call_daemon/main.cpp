@@ -19,11 +19,11 @@
 
 #include "base/signal_set.h"
 #include "base/unique_fd.h"
-#include "command_line.h"
+#include "cli/command_line.h"
+#include "cli/error_line.h"
+#include "command_runner/command_runner.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
-#include "error_line.h"
-#include "system_call_daemon/command_runner.h"
 
 namespace {
 

@@ -15,8 +15,9 @@ import time
 import urllib.request
 from pathlib import Path
 
-SCRIPTS = Path(__file__).resolve().parent.parent / "scripts"
-sys.path.append(str(SCRIPTS / "fleet.d"))
+CHECKOUT = Path(__file__).resolve().parents[2]
+SCRIPTS = CHECKOUT / "scripts"
+sys.path.append(str(CHECKOUT / "sim/fleet"))
 
 import rivals  # noqa: E402
 from camera import Camera  # noqa: E402
@@ -222,7 +223,7 @@ class OurCamera:
     def taken_once(self) -> dict[str, float]:
         self.forget_package()
         result = self.camera.folder / "taken"
-        run = self.once(self.rig.build / "bench/measure", result)
+        run = self.once(self.rig.build / "tests/bench/measure", result)
         _, said = run.communicate()
         if run.returncode != 0:
             raise RuntimeError(f"corvo_agent once: {run.returncode}, {said.decode()}")

@@ -6,9 +6,9 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "board/ota_types.h"
 #include "hal/flash_mmc.h"
 #include "ota_partition.h"
+#include "pal/ota_types.h"
 
 void* Plt_Log_TcpPrint = nullptr;
 

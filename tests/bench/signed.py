@@ -12,7 +12,7 @@ from world import MIB, Programs, measured
 LARGE, TWICE, SMALL = 256, 32, 16  # MiB
 REPEATS = 5
 PKI = Path("/run/pki")
-MAKE_PKI = Path(__file__).parent.parent / "scripts/make_pki"
+MAKE_PKI = Path(__file__).resolve().parents[2] / "scripts/make_pki"
 
 
 def pack(programs: Programs, size: int) -> Path:

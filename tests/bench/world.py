@@ -21,7 +21,7 @@ class Programs:
 
     def __init__(self, build: Path):
         self.service = build / "corvo_upgrade"
-        self.unpaused = build / "bench/unpaused/corvo_upgrade"
+        self.unpaused = build / "tests/bench/unpaused/corvo_upgrade"
         self.otactl = build / "otactl"
         self.bench = build / "bench"
         self.unhardened = build / "unhardened"

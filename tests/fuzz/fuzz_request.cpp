@@ -4,7 +4,6 @@
 #include <setjmp.h>
 #include <unistd.h>
 
-#include "board/modules.h"
 #include "fuzz_input.h"
 #include "ota/ota_data.h"
 #include "ota/ota_message.h"
@@ -13,6 +12,7 @@
 #include "ota/ota_upgrade.h"
 #include "ota_partition.h"
 #include "ota_reboot.h"
+#include "pal/modules.h"
 #include "pal/pal_led.h"
 #include "pal/pal_nv.h"
 #include "pal/pal_ota.h"

@@ -14,7 +14,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 std::string path_of(const std::string& name) {
-    return TEXTS "consoles/" + name + ".txt";
+    return TEXTS "expected/" + name + ".txt";
 }
 
 void replace_all(std::string& text, const std::string& from, const std::string& to) {

@@ -14,7 +14,7 @@ complain() {
 tests=$(ctest --test-dir "$1" -N)
 while read -r name; do
     case $name in
-        fuzz_*) [ -e "$checkout/fuzz/$name.cpp" ] || complain "the page names $name, which is no target" ;;
+        fuzz_*) [ -e "$checkout/tests/fuzz/$name.cpp" ] || complain "the page names $name, which is no target" ;;
         *) grep -qE "[ /]${name/./\\.}(/|  |\$)" <<< "$tests" || complain "the page names $name, which is no test" ;;
     esac
 done < <(grep -oE '`(fuzz_[a-z_]+|[A-Z][A-Za-z]+\.[A-Z][A-Za-z]+)`' "$page" | tr -d '`' | sort -u)

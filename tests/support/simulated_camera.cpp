@@ -1,4 +1,4 @@
-#include "camera.h"
+#include "simulated_camera.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -46,10 +46,10 @@ std::vector<std::string> comparable(const std::string& text) {
 
 }  // namespace
 
-std::unique_ptr<PlayedDaemon> Camera::fake_daemon(int commandMs) {
+std::unique_ptr<SimulatedDaemon> Camera::fake_daemon(int commandMs) {
     take_commands();
     g_command_ms = commandMs;
-    return std::make_unique<PlayedDaemon>(note, note);
+    return std::make_unique<SimulatedDaemon>(note, note);
 }
 
 std::vector<std::string> Camera::take_commands() {

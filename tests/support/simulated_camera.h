@@ -1,7 +1,7 @@
 // A camera around the real service program: partitions as files, a package, the outcome record, the
 // request queue and a daemon that notes the commands it is asked to run.
-#ifndef TESTS_SUPPORT_CAMERA_H
-#define TESTS_SUPPORT_CAMERA_H
+#ifndef TESTS_SUPPORT_SIMULATED_CAMERA_H
+#define TESTS_SUPPORT_SIMULATED_CAMERA_H
 
 #include <sys/types.h>
 
@@ -14,7 +14,7 @@
 #include "faults.h"
 #include "ota/ota_message.h"
 #include "ota/ota_package.h"
-#include "played_daemon.h"
+#include "simulated_daemon.h"
 
 struct Outcome {
     bool ended = false;  // by itself with status 0; else it was killed
@@ -36,8 +36,8 @@ class Camera {
 
     // Succeeds in whatever it is asked to run, without running it, after so many milliseconds; slot
     // A is up. One at a time.
-    static std::unique_ptr<PlayedDaemon> fake_daemon(int commandMs = 0);
-    std::unique_ptr<PlayedDaemon> daemon = fake_daemon();
+    static std::unique_ptr<SimulatedDaemon> fake_daemon(int commandMs = 0);
+    std::unique_ptr<SimulatedDaemon> daemon = fake_daemon();
     static std::vector<std::string> take_commands();  // what it was asked for since the last time
     // Whether one that begins so is among them. The daemon may come to it only when the service, in
     // a hurry, is gone: so many milliseconds later at the most.
@@ -76,4 +76,4 @@ class Camera {
     corvo::UniqueFd output_;
 };
 
-#endif  // TESTS_SUPPORT_CAMERA_H
+#endif  // TESTS_SUPPORT_SIMULATED_CAMERA_H

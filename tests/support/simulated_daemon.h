@@ -1,6 +1,6 @@
 // The system-call daemon's part, played by the real server half of the transport.
-#ifndef TESTS_SUPPORT_PLAYED_DAEMON_H
-#define TESTS_SUPPORT_PLAYED_DAEMON_H
+#ifndef TESTS_SUPPORT_SIMULATED_DAEMON_H
+#define TESTS_SUPPORT_SIMULATED_DAEMON_H
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -23,13 +23,13 @@ inline corvo::UniqueFd listening_as_daemon() {
     return listener;
 }
 
-class PlayedDaemon {
+class SimulatedDaemon {
   public:
     using Handler = decltype(SystemCallDbusInterface::methodHandler);
 
     // Serves both calls and a third name, which has no method's handler but a signal's.
-    PlayedDaemon(Handler systemCall, Handler popenCall,
-                 void (*signal)(const void* data, uint32_t size) = nullptr)
+    SimulatedDaemon(Handler systemCall, Handler popenCall,
+                    void (*signal)(const void* data, uint32_t size) = nullptr)
         : info_(SystemCall_DbusInfo_Alloc(3)) {
         if (info_ == nullptr) {
             return;
@@ -43,18 +43,18 @@ class PlayedDaemon {
         entries[2]->signalHandler = signal;
         serves_ = SystemCall_Dbus_Register(info_) == DBUS_OK;
     }
-    ~PlayedDaemon() {
+    ~SimulatedDaemon() {
         if (serves_) {
             SystemCall_Dbus_UnRegister(info_);
         }
         SystemCall_DbusInfo_Free(info_);
     }
-    PlayedDaemon(const PlayedDaemon&) = delete;
-    PlayedDaemon& operator=(const PlayedDaemon&) = delete;
+    SimulatedDaemon(const SimulatedDaemon&) = delete;
+    SimulatedDaemon& operator=(const SimulatedDaemon&) = delete;
 
   private:
     SystemCallDbusInfo* info_;
     bool serves_ = false;
 };
 
-#endif  // TESTS_SUPPORT_PLAYED_DAEMON_H
+#endif  // TESTS_SUPPORT_SIMULATED_DAEMON_H

@@ -1,4 +1,4 @@
-#include "played_hawkbit.h"
+#include "simulated_hawkbit.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -27,9 +27,9 @@ json member(const json& object, const char* name, const json& other) {
 
 }  // namespace
 
-void classify(PlayedRequest& request, const std::string& path) {
-    const std::string base =
-        std::string("/") + PlayedServer::TENANT + "/controller/v1/" + PlayedServer::CONTROLLER;
+void classify(SimulatedRequest& request, const std::string& path) {
+    const std::string base = std::string("/") + SimulatedServer::TENANT + "/controller/v1/" +
+                             SimulatedServer::CONTROLLER;
     if (!path.starts_with(base)) {
         return;
     }
@@ -56,13 +56,13 @@ void classify(PlayedRequest& request, const std::string& path) {
     request.file = parts[4];
 }
 
-PlayedHawkbit::Action* PlayedHawkbit::find(const std::string& id) {
+SimulatedHawkbit::Action* SimulatedHawkbit::find(const std::string& id) {
     const auto found = std::ranges::find(
         actions, id, [](const Action& action) -> const auto& { return action.offered.id; });
     return found == actions.end() ? nullptr : &*found;
 }
 
-PlayedAnswer PlayedHawkbit::answer(const PlayedRequest& request) {
+SimulatedAnswer SimulatedHawkbit::answer(const SimulatedRequest& request) {
     if (request.what == "poll") {
         return poll();
     }
@@ -75,7 +75,7 @@ PlayedAnswer PlayedHawkbit::answer(const PlayedRequest& request) {
         return {.status = 404};
     }
     if (feeds) {
-        return action->ended() ? PlayedAnswer{.status = 410} : feedback(*action, request);
+        return action->ended() ? SimulatedAnswer{.status = 410} : feedback(*action, request);
     }
     if (request.what == "file") {
         return file(*action, request);
@@ -93,7 +93,7 @@ PlayedAnswer PlayedHawkbit::answer(const PlayedRequest& request) {
     return offer(*action, request.what == "consent" ? "confirmation" : "deployment");
 }
 
-PlayedAnswer PlayedHawkbit::poll() const {
+SimulatedAnswer SimulatedHawkbit::poll() const {
     json root = {{"config", {{"polling", {{"sleep", sleep}}}}}};
     if (attributesWanted) {
         root["_links"]["configData"]["href"] = url + CONTROLLER_PATH + "/configData";
@@ -111,11 +111,11 @@ PlayedAnswer PlayedHawkbit::poll() const {
     return {.body = root.dump()};
 }
 
-PlayedAnswer PlayedHawkbit::offer(const Action& action, const char* name) const {
-    const PlayedAction& offered = action.offered;
+SimulatedAnswer SimulatedHawkbit::offer(const Action& action, const char* name) const {
+    const SimulatedAction& offered = action.offered;
     const std::string base = offered.elsewhere.empty() ? url : offered.elsewhere;
     json artifacts = json::array();
-    for (const PlayedFile& file : offered.files) {
+    for (const SimulatedFile& file : offered.files) {
         const std::string href =
             base + CONTROLLER_PATH + "/softwaremodules/" + offered.id + "/artifacts/" + file.name;
         artifacts.push_back(
@@ -134,15 +134,15 @@ PlayedAnswer PlayedHawkbit::offer(const Action& action, const char* name) const 
     return {.body = json{{"id", offered.id}, {name, deployment}}.dump()};
 }
 
-PlayedAnswer PlayedHawkbit::file(Action& action, const PlayedRequest& request) const {
+SimulatedAnswer SimulatedHawkbit::file(Action& action, const SimulatedRequest& request) const {
     const auto& files = action.offered.files;
-    const auto file = std::ranges::find(files, request.file, &PlayedFile::name);
+    const auto file = std::ranges::find(files, request.file, &SimulatedFile::name);
     if (file == files.end()) {
         return {.status = 404};
     }
     action.statuses += old || action.statuses == 0 ? 1 : 0;
     const std::string tag = digest_of(file->bytes).substr(0, 40);
-    PlayedAnswer answer = {.body = file->bytes, .tag = old ? tag : "\"" + tag + "\""};
+    SimulatedAnswer answer = {.body = file->bytes, .tag = old ? tag : "\"" + tag + "\""};
     const std::string size = std::to_string(file->bytes.size());
     unsigned long from = 0;
     if (sscanf(request.range.c_str(), "bytes=%lu-", &from) != 1 ||
@@ -159,7 +159,7 @@ PlayedAnswer PlayedHawkbit::file(Action& action, const PlayedRequest& request) c
     return answer;
 }
 
-PlayedAnswer PlayedHawkbit::feedback(Action& action, const PlayedRequest& request) {
+SimulatedAnswer SimulatedHawkbit::feedback(Action& action, const SimulatedRequest& request) {
     const json root = json::parse(request.body, nullptr, false);
     const bool word = request.what == "word";
     const json status = word ? root : member(root, "status", json::object());
@@ -200,7 +200,7 @@ PlayedAnswer PlayedHawkbit::feedback(Action& action, const PlayedRequest& reques
     return {};
 }
 
-PlayedAnswer PlayedHawkbit::take_attributes(const std::string& body) {
+SimulatedAnswer SimulatedHawkbit::take_attributes(const std::string& body) {
     const json root = json::parse(body, nullptr, false);
     const json data = member(root, "data", json::object());
     if (member(root, "mode", "") == "replace") {

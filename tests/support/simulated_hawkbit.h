@@ -1,20 +1,20 @@
 // What the played server knows of its one camera, and what it answers. Private to
-// played_server.cpp, which locks.
-#ifndef TESTS_SUPPORT_PLAYED_HAWKBIT_H
-#define TESTS_SUPPORT_PLAYED_HAWKBIT_H
+// simulated_server.cpp, which locks.
+#ifndef TESTS_SUPPORT_SIMULATED_HAWKBIT_H
+#define TESTS_SUPPORT_SIMULATED_HAWKBIT_H
 
-#include "played_server.h"
+#include "simulated_server.h"
 
-struct PlayedAnswer {
+struct SimulatedAnswer {
     int status = 200;
     std::string body = {};
     std::string tag = {};    // ETag
     std::string range = {};  // Content-Range
 };
 
-struct PlayedHawkbit {
+struct SimulatedHawkbit {
     struct Action {
-        PlayedAction offered;
+        SimulatedAction offered;
         std::string state;
         std::string story = {};
         size_t statuses = 0;
@@ -32,16 +32,16 @@ struct PlayedHawkbit {
     bool attributesWanted = true;
 
     Action* find(const std::string& id);
-    PlayedAnswer answer(const PlayedRequest& request);
+    SimulatedAnswer answer(const SimulatedRequest& request);
 
-    PlayedAnswer poll() const;
-    PlayedAnswer offer(const Action& action, const char* name) const;
-    PlayedAnswer file(Action& action, const PlayedRequest& request) const;
-    PlayedAnswer feedback(Action& action, const PlayedRequest& request);
-    PlayedAnswer take_attributes(const std::string& body);
+    SimulatedAnswer poll() const;
+    SimulatedAnswer offer(const Action& action, const char* name) const;
+    SimulatedAnswer file(Action& action, const SimulatedRequest& request) const;
+    SimulatedAnswer feedback(Action& action, const SimulatedRequest& request);
+    SimulatedAnswer take_attributes(const std::string& body);
 };
 
 // Sets what is asked for, and of which action and file, by the path.
-void classify(PlayedRequest& request, const std::string& path);
+void classify(SimulatedRequest& request, const std::string& path);
 
-#endif  // TESTS_SUPPORT_PLAYED_HAWKBIT_H
+#endif  // TESTS_SUPPORT_SIMULATED_HAWKBIT_H

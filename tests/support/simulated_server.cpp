@@ -1,10 +1,10 @@
-#include "played_server.h"
+#include "simulated_server.h"
 
 #include <httplib.h>
 
 #include <sstream>
 
-#include "played_hawkbit.h"
+#include "simulated_hawkbit.h"
 
 namespace {
 
@@ -55,26 +55,26 @@ struct Manner {
 
 }  // namespace
 
-struct PlayedServer::Impl {
+struct SimulatedServer::Impl {
     Setup setup;
     std::unique_ptr<httplib::Server> http = {};
     std::thread thread = {};
     std::atomic<bool> ending = false;
 
     std::mutex mutex = {};  // of what follows
-    PlayedHawkbit hawkbit = {};
+    SimulatedHawkbit hawkbit = {};
     std::vector<Fault> faults = {};
     std::map<std::string, int> counts = {};  // of requests since the faults were set
-    std::vector<PlayedRequest> requests = {};
+    std::vector<SimulatedRequest> requests = {};
 
     bool make_server();
     void serve(httplib::Request& request, httplib::Response& response);
-    std::vector<Fault> faults_of(const PlayedRequest& request);
-    void send(const PlayedAnswer& answer, Manner manner, const std::string& type,
+    std::vector<Fault> faults_of(const SimulatedRequest& request);
+    void send(const SimulatedAnswer& answer, Manner manner, const std::string& type,
               httplib::Response& response);
 };
 
-std::vector<Fault> PlayedServer::Impl::faults_of(const PlayedRequest& request) {
+std::vector<Fault> SimulatedServer::Impl::faults_of(const SimulatedRequest& request) {
     std::vector<std::string> names = {request.what, "any"};
     if (request.what == "feedback" && request.body.find("\"closed\"") != std::string::npos) {
         names.emplace_back("closed");
@@ -94,7 +94,7 @@ std::vector<Fault> PlayedServer::Impl::faults_of(const PlayedRequest& request) {
 }
 
 // Changes an answer as a fault wants it.
-static void apply(const Fault& fault, const PlayedHawkbit& hawkbit, PlayedAnswer& answer,
+static void apply(const Fault& fault, const SimulatedHawkbit& hawkbit, SimulatedAnswer& answer,
                   Manner& manner, httplib::Response& response) {
     std::istringstream words(fault.argument);
     size_t number = 0;
@@ -136,8 +136,8 @@ static void apply(const Fault& fault, const PlayedHawkbit& hawkbit, PlayedAnswer
     }
 }
 
-void PlayedServer::Impl::send(const PlayedAnswer& answer, Manner manner, const std::string& type,
-                              httplib::Response& response) {
+void SimulatedServer::Impl::send(const SimulatedAnswer& answer, Manner manner,
+                                 const std::string& type, httplib::Response& response) {
     response.status = answer.status;
     if (!answer.tag.empty()) {
         response.set_header("ETag", answer.tag);
@@ -170,13 +170,13 @@ void PlayedServer::Impl::send(const PlayedAnswer& answer, Manner manner, const s
     }
 }
 
-void PlayedServer::Impl::serve(httplib::Request& request, httplib::Response& response) {
-    PlayedRequest seen = {.line = request.method + " " + request.target,
-                          .authorization = request.get_header_value("Authorization"),
-                          .range = request.get_header_value("Range"),
-                          .condition = request.get_header_value("If-Range"),
-                          .subject = subject_of(request),
-                          .body = request.body};
+void SimulatedServer::Impl::serve(httplib::Request& request, httplib::Response& response) {
+    SimulatedRequest seen = {.line = request.method + " " + request.target,
+                             .authorization = request.get_header_value("Authorization"),
+                             .range = request.get_header_value("Range"),
+                             .condition = request.get_header_value("If-Range"),
+                             .subject = subject_of(request),
+                             .body = request.body};
     // Or the library would cut ranges out of what is answered.
     request.ranges.clear();
     const std::string& path = request.path;
@@ -189,10 +189,10 @@ void PlayedServer::Impl::serve(httplib::Request& request, httplib::Response& res
     const bool known = setup.onlyFiles
                            ? seen.what == "file"
                            : seen.authorization == AUTHORIZATION || !seen.subject.empty();
-    PlayedAnswer answer = {.status = known ? 404 : 401};
+    SimulatedAnswer answer = {.status = known ? 404 : 401};
     // What is refused is not taken note of.
     if (known && !seen.what.empty() && !meets("status") && !meets("redirect")) {
-        PlayedRequest heard = seen;
+        SimulatedRequest heard = seen;
         heard.range = meets("no-ranges") ? "" : seen.range;
         answer = hawkbit.answer(heard);
     }
@@ -209,7 +209,7 @@ void PlayedServer::Impl::serve(httplib::Request& request, httplib::Response& res
     requests.push_back(std::move(seen));
 }
 
-bool PlayedServer::Impl::make_server() {
+bool SimulatedServer::Impl::make_server() {
     if (setup.certificate.empty()) {
         http = std::make_unique<httplib::Server>();
         return true;
@@ -225,7 +225,7 @@ bool PlayedServer::Impl::make_server() {
     return http->is_valid();
 }
 
-PlayedServer::PlayedServer(const Setup& setup) : impl_(new Impl{.setup = setup}) {
+SimulatedServer::SimulatedServer(const Setup& setup) : impl_(new Impl{.setup = setup}) {
     if (!impl_->make_server()) {
         abort();
     }
@@ -249,7 +249,7 @@ PlayedServer::PlayedServer(const Setup& setup) : impl_(new Impl{.setup = setup})
     impl_->thread = std::thread([&http] { http.listen_after_bind(); });
 }
 
-PlayedServer::~PlayedServer() {
+SimulatedServer::~SimulatedServer() {
     impl_->ending = true;
     while (!impl_->http->is_running()) {
         std::this_thread::yield();
@@ -258,61 +258,61 @@ PlayedServer::~PlayedServer() {
     impl_->thread.join();
 }
 
-std::string PlayedServer::url() const {
+std::string SimulatedServer::url() const {
     return impl_->hawkbit.url;
 }
 
-void PlayedServer::offer(const PlayedAction& action) {
+void SimulatedServer::offer(const SimulatedAction& action) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    for (PlayedHawkbit::Action& older : impl_->hawkbit.actions) {
+    for (SimulatedHawkbit::Action& older : impl_->hawkbit.actions) {
         older.state = older.ended() ? older.state : "cancelling";
     }
     const bool waits = action.consent && !impl_->setup.old;
     impl_->hawkbit.actions.push_back({.offered = action, .state = waits ? "waiting" : "offered"});
 }
 
-void PlayedServer::reinstall() {
+void SimulatedServer::reinstall() {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->hawkbit.actions.clear();
 }
 
-void PlayedServer::set_state(const std::string& id, const char* state) {
+void SimulatedServer::set_state(const std::string& id, const char* state) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    PlayedHawkbit::Action* const action = impl_->hawkbit.find(id);
+    SimulatedHawkbit::Action* const action = impl_->hawkbit.find(id);
     action->state = action->ended() ? action->state : state;
 }
 
-void PlayedServer::change(const std::string& id,
-                          const std::function<void(PlayedAction& action)>& how) {
+void SimulatedServer::change(const std::string& id,
+                             const std::function<void(SimulatedAction& action)>& how) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     how(impl_->hawkbit.find(id)->offered);
 }
 
-void PlayedServer::misbehave(const std::string& faults) {
+void SimulatedServer::misbehave(const std::string& faults) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->faults = read_faults(faults);
     impl_->counts.clear();
 }
 
-std::vector<PlayedRequest> PlayedServer::requests() const {
+std::vector<SimulatedRequest> SimulatedServer::requests() const {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->requests;
 }
 
-size_t PlayedServer::count(const std::string& what, const std::string& text) const {
-    const std::vector<PlayedRequest> all = requests();
-    return static_cast<size_t>(std::ranges::count_if(all, [&](const PlayedRequest& request) {
+size_t SimulatedServer::count(const std::string& what, const std::string& text) const {
+    const std::vector<SimulatedRequest> all = requests();
+    return static_cast<size_t>(std::ranges::count_if(all, [&](const SimulatedRequest& request) {
         return request.what == what && request.body.find(text) != std::string::npos;
     }));
 }
 
-std::map<std::string, std::string> PlayedServer::attributes() const {
+std::map<std::string, std::string> SimulatedServer::attributes() const {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->hawkbit.attributes;
 }
 
-std::string PlayedServer::story(const std::string& id) const {
+std::string SimulatedServer::story(const std::string& id) const {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const PlayedHawkbit::Action* const action = impl_->hawkbit.find(id);
+    const SimulatedHawkbit::Action* const action = impl_->hawkbit.find(id);
     return action == nullptr ? "unknown" : action->state + action->story;
 }

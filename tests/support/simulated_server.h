@@ -7,8 +7,8 @@
 //
 // As the real one does: a newer action makes the older one be cancelled; an action takes 1000
 // statuses; what has ended is 410 for feedback and 404 for the rest.
-#ifndef TESTS_SUPPORT_PLAYED_SERVER_H
-#define TESTS_SUPPORT_PLAYED_SERVER_H
+#ifndef TESTS_SUPPORT_SIMULATED_SERVER_H
+#define TESTS_SUPPORT_SIMULATED_SERVER_H
 
 #include <functional>
 #include <map>
@@ -16,14 +16,14 @@
 #include <string>
 #include <vector>
 
-struct PlayedFile {
+struct SimulatedFile {
     std::string name;
     std::string bytes;
 };
 
-struct PlayedAction {
+struct SimulatedAction {
     std::string id = {};
-    std::vector<PlayedFile> files = {};
+    std::vector<SimulatedFile> files = {};
     std::string download = "forced";
     std::string update = "forced";
     std::string window = {};     // "available", "unavailable", or empty: there is none
@@ -32,7 +32,7 @@ struct PlayedAction {
 };
 
 // What came in, and what was answered.
-struct PlayedRequest {
+struct SimulatedRequest {
     // "poll", "attributes", "action", "cancellation", "consent", "feedback", "answer" to a
     // cancellation, "word" of consent, "file"; "" for anything else.
     std::string what = {};
@@ -47,7 +47,7 @@ struct PlayedRequest {
     int status = 0;  // that was answered
 };
 
-class PlayedServer {
+class SimulatedServer {
   public:
     struct Setup {
         bool old = false;                // as 0.3 is, else as 1.0
@@ -57,8 +57,8 @@ class PlayedServer {
         std::string clients = {};  // PEM file of who vouches for clients; empty: they are not asked
         bool onlyFiles = false;    // serves files of offered actions to anybody, and nothing else
     };
-    explicit PlayedServer(const Setup& setup);
-    ~PlayedServer();
+    explicit SimulatedServer(const Setup& setup);
+    ~SimulatedServer();
 
     static constexpr char TENANT[] = "DEFAULT";
     static constexpr char CONTROLLER[] = "cam 1";
@@ -67,11 +67,11 @@ class PlayedServer {
     [[nodiscard]] std::string url() const;  // "https://localhost:4711"
 
     // What the operator does.
-    void offer(const PlayedAction& action);
+    void offer(const SimulatedAction& action);
     void cancel(const std::string& id) { set_state(id, "cancelling"); }
     void reinstall();  // another server under the same address, which knows of no action
     void force_quit(const std::string& id) { set_state(id, "quit"); }
-    void change(const std::string& id, const std::function<void(PlayedAction& action)>& how);
+    void change(const std::string& id, const std::function<void(SimulatedAction& action)>& how);
 
     // How the server misbehaves from now on, instead of what was said before: faults with ";"
     // between them, each WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is as above or "any" or, of
@@ -93,7 +93,7 @@ class PlayedServer {
     void misbehave(const std::string& faults);
 
     // What the server has seen.
-    [[nodiscard]] std::vector<PlayedRequest> requests() const;
+    [[nodiscard]] std::vector<SimulatedRequest> requests() const;
     // Requests of this kind with this in their body.
     [[nodiscard]] size_t count(const std::string& what, const std::string& text = "") const;
     [[nodiscard]] std::map<std::string, std::string> attributes() const;
@@ -109,4 +109,4 @@ class PlayedServer {
     std::unique_ptr<Impl> impl_;
 };
 
-#endif  // TESTS_SUPPORT_PLAYED_SERVER_H
+#endif  // TESTS_SUPPORT_SIMULATED_SERVER_H

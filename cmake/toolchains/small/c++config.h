@@ -1,5 +1,5 @@
-// Included instead of the compiler's header of the same name, which was configured for glibc. Includes
-// that header, and then undefines the macros of functions that a small C library lacks.
+// Included instead of the compiler's header of the same name, which was configured for glibc.
+// Includes that header, and then undefines the macros of functions that a small C library lacks.
 #pragma GCC system_header
 #ifndef SMALL_CXXCONFIG_H
 #define SMALL_CXXCONFIG_H

@@ -1,5 +1,5 @@
-// Included instead of the compiler's header of the same name. Defines the locale type under the name
-// that this header expects, and then includes the header.
+// Included instead of the compiler's header of the same name. Defines the locale type under the
+// name that this header expects, and then includes the header.
 #pragma GCC system_header
 
 #include <features.h>

@@ -9,7 +9,7 @@
 #include "agent/json_text.h"
 #include "agent/settings.h"
 #include "agent/stored_file.h"
-#include "error_line.h"
+#include "cli/error_line.h"
 
 namespace {
 

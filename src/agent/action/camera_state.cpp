@@ -1,4 +1,4 @@
-#include "agent/camera.h"
+#include "agent/camera_state.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,6 +14,7 @@
 #include <array>
 #include <vector>
 
+#include "command_runner/command_runner.h"
 #include "ota/ota_data.h"
 #include "ota/ota_message.h"
 #include "package/content.h"
@@ -21,7 +22,6 @@
 #include "package/modules.h"
 #include "package/partition.h"
 #include "package/request.h"
-#include "system_call_daemon/command_runner.h"
 
 namespace {
 
@@ -201,7 +201,8 @@ bool camera_is_fit(const std::string& command, std::string& words) {
     words.assign(output.data(), result.outputLength);
     words.resize(std::min(words.find('\n'), words.size()));
     if (!result.started || result.killed) {
-        words = result.killed ? "the fitness command did not end" : "the fitness command cannot start";
+        words =
+            result.killed ? "the fitness command did not end" : "the fitness command cannot start";
     } else if (words.empty()) {
         words = "the fitness command says no (exit status " + std::to_string(result.status) + ")";
     }

@@ -4,13 +4,13 @@
 
 #include <algorithm>
 
-#include "agent/camera.h"
+#include "agent/camera_state.h"
 #include "agent/download.h"
 #include "agent/steps.h"
-#include "package/camera.h"
+#include "cli/progress_line.h"
+#include "package/camera_rules.h"
 #include "package/files.h"
 #include "package/signed_manifest.h"
-#include "progress_line.h"
 
 namespace {
 

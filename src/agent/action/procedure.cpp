@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/camera.h"
+#include "agent/camera_state.h"
 #include "agent/consent.h"
 #include "agent/steps.h"
 #include "agent/stored_file.h"
-#include "error_line.h"
-#include "package/camera.h"
+#include "cli/error_line.h"
+#include "package/camera_rules.h"
 #include "package/modules.h"
 #include "package/outcome.h"
 

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <functional>
 
-#include "agent/camera.h"
+#include "agent/camera_state.h"
 #include "agent/steps.h"
 #include "agent/verdict.h"
-#include "package/camera.h"
+#include "package/camera_rules.h"
 #include "package/modules.h"
 #include "package/outcome.h"
 #include "package/request.h"

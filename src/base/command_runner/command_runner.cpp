@@ -1,4 +1,4 @@
-#include "system_call_daemon/command_runner.h"
+#include "command_runner/command_runner.h"
 
 #include <errno.h>
 #include <fcntl.h>

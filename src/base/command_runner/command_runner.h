@@ -1,6 +1,6 @@
 // Runs one shell command under a time limit, as the system-call daemon does for its clients.
-#ifndef TOOLS_SYSTEM_CALL_DAEMON_COMMAND_RUNNER_H
-#define TOOLS_SYSTEM_CALL_DAEMON_COMMAND_RUNNER_H
+#ifndef COMMAND_RUNNER_COMMAND_RUNNER_H
+#define COMMAND_RUNNER_COMMAND_RUNNER_H
 
 #include <stddef.h>
 
@@ -25,4 +25,4 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
 // Called when the process is about to end. Async-signal-safe.
 void stop_commands(int graceMs);
 
-#endif  // TOOLS_SYSTEM_CALL_DAEMON_COMMAND_RUNNER_H
+#endif  // COMMAND_RUNNER_COMMAND_RUNNER_H

@@ -15,7 +15,7 @@
 
 #include "base/ignore_result.h"
 #include "base/unique_fd.h"
-#include "board/error_log.h"
+#include "pal/error_log.h"
 
 namespace {
 

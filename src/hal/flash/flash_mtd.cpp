@@ -15,8 +15,8 @@
 
 #include "base/owned.h"
 #include "base/unique_fd.h"
-#include "board/error_log.h"
 #include "mtd_table.h"
+#include "pal/error_log.h"
 
 namespace {
 

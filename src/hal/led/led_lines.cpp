@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/unique_fd.h"
-#include "board/error_log.h"
 #include "hal/gpio.h"
+#include "pal/error_log.h"
 
 namespace {
 

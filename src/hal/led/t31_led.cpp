@@ -9,9 +9,9 @@
 #include <atomic>
 
 #include "base/alternate_stack.h"
-#include "board/error_log.h"
 #include "led_lines.h"
 #include "led_pattern.h"
+#include "pal/error_log.h"
 
 namespace {
 

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <array>
 
-#include "board/error_log.h"
-#include "board/ota_types.h"
 #include "dbus/system_call.h"
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
+#include "pal/error_log.h"
+#include "pal/ota_types.h"
 
 namespace {
 

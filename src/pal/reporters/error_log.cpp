@@ -1,4 +1,4 @@
-#include "board/error_log.h"
+#include "pal/error_log.h"
 
 #include <stdarg.h>
 #include <stdio.h>

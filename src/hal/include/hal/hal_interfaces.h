@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-#include "board/modules.h"
+#include "pal/modules.h"
 
 // The LED that a request applies to. Other values select no LED.
 enum LedType : uint32_t {
@@ -122,7 +122,7 @@ struct HalPmuInterface {
     int32_t (*init)(uint32_t index);
 };
 
-// Declares the operation tables that board/modules.h names.
+// Declares the operation tables that pal/modules.h names.
 #define HAL_MODULE_TABLE(kind, Interface, table) extern const Interface table;
 HAL_MODULES(HAL_MODULE_TABLE)
 #undef HAL_MODULE_TABLE

@@ -1,6 +1,6 @@
 // Decides whether a package is suitable for this camera.
-#ifndef PACKAGE_CAMERA_H
-#define PACKAGE_CAMERA_H
+#ifndef PACKAGE_CAMERA_RULES_H
+#define PACKAGE_CAMERA_RULES_H
 
 #include <string>
 #include <vector>
@@ -30,4 +30,4 @@ std::vector<PackageStatus> camera_objections(const Manifest& manifest, const Cam
 // PACKAGE_MISSING, PACKAGE_UNREADABLE, or PACKAGE_MALFORMED when that line is not a version.
 PackageStatus read_running_version(const std::string& path, std::string& version);
 
-#endif  // PACKAGE_CAMERA_H
+#endif  // PACKAGE_CAMERA_RULES_H

@@ -9,7 +9,7 @@
 
 #include <stdint.h>
 
-#include "board/ota_types.h"
+#include "pal/ota_types.h"
 #include "pal/pal_result.h"
 
 int32_t PAL_OTA_Init();

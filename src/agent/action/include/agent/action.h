@@ -12,7 +12,7 @@
 
 #include "agent/agent_result.h"
 
-// agent/protocol.pml has the same names.
+// src/agent/action/protocol.pml has the same names.
 enum ActionStage : int32_t {
     ACTION_NONE = 0,         // nothing in hand; there is no file
     ACTION_DOWNLOADING = 1,  // an offer was taken, its files are being fetched

@@ -1,6 +1,6 @@
 // What can be seen of this camera from outside the upgrade service.
-#ifndef AGENT_CAMERA_H
-#define AGENT_CAMERA_H
+#ifndef AGENT_CAMERA_STATE_H
+#define AGENT_CAMERA_STATE_H
 
 #include <stdint.h>
 
@@ -61,4 +61,4 @@ bool camera_is_fit(const std::string& command, std::string& words);
 // be told.
 uint64_t free_space(int folder);
 
-#endif  // AGENT_CAMERA_H
+#endif  // AGENT_CAMERA_STATE_H

@@ -1,5 +1,5 @@
 // How an action ended, judged after the camera has restarted. A table without side effects; the
-// model in agent/protocol.pml has the same rows.
+// model in src/agent/action/protocol.pml has the same rows.
 #ifndef AGENT_VERDICT_H
 #define AGENT_VERDICT_H
 

@@ -1,11 +1,11 @@
 // The error reporting of the platform abstraction and of the hardware modules below it. Each report
 // is one line on standard output. A function that detects a failure reports it once.
-#ifndef BOARD_ERROR_LOG_H
-#define BOARD_ERROR_LOG_H
+#ifndef PAL_ERROR_LOG_H
+#define PAL_ERROR_LOG_H
 
 #include <stdint.h>
 
-#include "board/modules.h"
+#include "pal/modules.h"
 
 // Printed with each report, never used to filter.
 enum ReportLevel : int32_t {
@@ -19,7 +19,7 @@ struct ReportSource {
     int32_t id;
 };
 
-// Defines REPORT_FLASH_MMC and so on, from the table in board/modules.h.
+// Defines REPORT_FLASH_MMC and so on, from the table in pal/modules.h.
 #define REPORT_SOURCE_CONSTANT(name, tag, number) constexpr ReportSource REPORT_##name{tag, number};
 REPORT_SOURCES(REPORT_SOURCE_CONSTANT)
 #undef REPORT_SOURCE_CONSTANT
@@ -44,4 +44,4 @@ void HAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t i
 #define HAL_REPORT_AS(operation, level, ...) \
     HAL_ErrorLog((operation), __LINE__, REPORT_SOURCE.tag, REPORT_SOURCE.id, (level), __VA_ARGS__)
 
-#endif  // BOARD_ERROR_LOG_H
+#endif  // PAL_ERROR_LOG_H

@@ -1,8 +1,8 @@
 // Two tables: the hardware modules of this camera, and the sources of reports. They generate the
 // registry, the declarations of the operation tables and the REPORT_... constants. A new module
-// needs a row in each table and a row in hal/CMakeLists.txt.
-#ifndef BOARD_MODULES_H
-#define BOARD_MODULES_H
+// needs a row in each table and a row in src/hal/CMakeLists.txt.
+#ifndef PAL_MODULES_H
+#define PAL_MODULES_H
 
 #include <stdint.h>
 
@@ -29,4 +29,4 @@
     SOURCE(HAL_OTA, "BATTERY_CAM_OTA", 48) \
     SOURCE(HAL_GPIO, "HAL_GPIO", 77)
 
-#endif  // BOARD_MODULES_H
+#endif  // PAL_MODULES_H

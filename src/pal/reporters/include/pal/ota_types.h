@@ -1,6 +1,6 @@
 // The platform's codes for firmware modules and for the storage that holds them.
-#ifndef BOARD_OTA_TYPES_H
-#define BOARD_OTA_TYPES_H
+#ifndef PAL_OTA_TYPES_H
+#define PAL_OTA_TYPES_H
 
 #include <stdint.h>
 
@@ -23,4 +23,4 @@ enum eStorageType : uint32_t {
     STORAGE_TYPE_MAX = 36,  // the largest value that the platform accepts
 };
 
-#endif  // BOARD_OTA_TYPES_H
+#endif  // PAL_OTA_TYPES_H
