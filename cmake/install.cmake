@@ -35,7 +35,7 @@ if(TARGET corvo_agent)
   corvo_install(corvo_agent_prepare RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 endif()
 # The manufacturer's platform library is part of the manufacturer's system. Only the replacement in
-# platform/ is installed from here.
+# sim/platform_library/ is installed from here.
 if(NOT CORVO_PLATFORM_LIBRARY)
   corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
                 ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
