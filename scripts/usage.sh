@@ -1,8 +1,8 @@
-# Read by the scripts of this folder: help, wrong use and progress, alike for all of them.
+# Sourced by the scripts of this folder: help, error for wrong use, progress.
 #
-# show_help prints the script's usage() or, where it has none, the comment at its top. help_wanted ends
-# the script with that when --help is among the arguments; nothing may be installed, built or written
-# before. wrong_use ends it with one line and status 64.
+# show_help prints the script's usage() or, without that function, the comment at the top of the script.
+# help_wanted prints the help and exits if an argument is --help or -h; a script must call it before it
+# installs, builds or writes anything. wrong_use prints one line and exits with status 64.
 show_help() {
     if declare -F usage > /dev/null; then
         usage
@@ -10,14 +10,14 @@ show_help() {
         sed -n '2,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"
     fi
 }
-help_wanted() { # the script's arguments
+help_wanted() { # ARGUMENT of the script...
     local argument
     for argument; do
         [ "$argument" != --help ] && [ "$argument" != -h ] || { show_help && exit 0; }
     done
 }
-# For a script that knows no other option.
-no_option_wanted() { # the script's arguments
+# For a script without options: any argument that starts with "-" is wrong use.
+no_option_wanted() { # ARGUMENT of the script...
     local argument
     for argument; do
         [[ $argument != -* ]] || wrong_use "unknown option \"$argument\""
@@ -28,7 +28,7 @@ wrong_use() { # TEXT
     exit 64
 }
 
-# How far something long is: on a terminal in one line that is rewritten, elsewhere every ten seconds.
+# Shows progress: on a terminal in one line that is rewritten, otherwise a line every ten seconds.
 progress_shown=$SECONDS
 show_progress() { # TEXT
     if [ -t 1 ]; then
@@ -41,7 +41,7 @@ show_progress() { # TEXT
 end_progress() {
     [ ! -t 1 ] || printf '\r\033[K'
 }
-# Reads what ninja prints, adds it to a log and shows how far it is.
+# Reads ninja's output from standard input, appends it to a log and shows the progress.
 show_build() { # LOG
     local line
     while read -r line; do

@@ -1,40 +1,40 @@
-# The buildroot package without a buildroot tree: its description through a real kconfig parser, its
-# makefile under real make with a stand-in for the tree's package machinery. Sourced by
+# Tests the buildroot package without a buildroot tree: Config.in with a kconfig parser, the makefile
+# with make and a small replacement for buildroot's package infrastructure. Sourced by
 # scripts/integration.
 
 run_buildroot() {
     local package=$checkout/packaging/buildroot/corvo-upgrade
     "$checkout/scripts/install_packages" integration
     check "the kconfig file" /usr/bin/python3 "$checkout/scripts/integration.d/kconfig.py" "$package/Config.in"
-    check "the makefile while the package is off" makefile_says "$work/nothing" "site /"
-    check "the makefile with a source folder" makefile_says "$checkout" "site $checkout" \
+    check "the makefile while the package is off" makefile_prints "$work/nothing" "site /"
+    check "the makefile with a source folder" makefile_prints "$checkout" "site $checkout" \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y
-    check "no slash stays at its end" makefile_says "$checkout/" "site $checkout " BR2_PACKAGE_CORVO_UPGRADE=y
-    check "a build without a source folder is refused" makefile_says "" "must name a checkout" \
+    check "a slash at the end of the source folder is removed" makefile_prints "$checkout/" "site $checkout " BR2_PACKAGE_CORVO_UPGRADE=y
+    check "a build without a source folder is refused" makefile_prints "" "must name a checkout" \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y
-    check "a source folder of no checkout is refused" makefile_says /usr "must name a checkout" \
+    check "a source folder that is not a checkout is refused" makefile_prints /usr "must name a checkout" \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y
-    check "what only collects data goes on without one" makefile_says "" "site /" BR2_PACKAGE_CORVO_UPGRADE=y
-    check "an override serves as one" makefile_says "" "dependencies host-pkgconf nanomsg " \
+    check "targets that build nothing work without a source folder" makefile_prints "" "site /" BR2_PACKAGE_CORVO_UPGRADE=y
+    check "OVERRIDE_SRCDIR replaces the source folder" makefile_prints "" "dependencies host-pkgconf nanomsg " \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y CORVO_UPGRADE_OVERRIDE_SRCDIR=/elsewhere
-    check "a maker's library and the tools" makefile_says "$checkout" \
+    check "a manufacturer's library and the tools" makefile_prints "$checkout" \
         "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON -DCORVO_BUILD_AGENT=OFF dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y 'BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY="/maker/libktmosaic.so"'
-    check "the units of the tools" makefile_says "$checkout" "corvo-system-call.service" \
+    check "the units of the tools" makefile_prints "$checkout" "corvo-system-call.service" \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
-    check "no daemon's unit without its daemon" fails makefile_says "$checkout" corvo-system-call.service
-    check "the agent" makefile_says "$checkout" \
+    check "without the tools, the unit of the daemon is not installed" fails makefile_prints "$checkout" corvo-system-call.service
+    check "the agent" makefile_prints "$checkout" \
         "-DCORVO_BUILD_AGENT=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl libcurl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
-    check "its unit" makefile_says "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
-    check "its user" makefile_says "$checkout" "corvo-agent -1 corvo-agent -1 * - - corvo-flash " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
-    check "nothing of the agent without it" fails makefile_says "$checkout" corvo-agent BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
-    check "what the kernel gets" makefile_says "$checkout" "enable CONFIG_SYSVIPC"
-    check "the tree's rules that are easy to state" follows_rules "$package"
-    skip "builds in a tree: scripts/buildroot TREE does them where there is one"
+    check "the agent's unit" makefile_prints "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "the agent's user" makefile_prints "$checkout" "corvo-agent -1 corvo-agent -1 * - - corvo-flash " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
+    check "without the agent, nothing of it is installed" fails makefile_prints "$checkout" corvo-agent BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
+    check "the kernel gets System V message queues" makefile_prints "$checkout" "enable CONFIG_SYSVIPC"
+    check "the simple rules of buildroot's check-package" follows_rules "$package"
+    skip "builds in a tree: scripts/buildroot TREE runs them"
 }
 
-makefile_says() { # SOURCE TEXT SETTING...
+makefile_prints() { # SOURCE TEXT SETTING...
     cat > "$work/tree.mk" << 'END'
 qstrip = $(strip $(subst ",,$(1)))
 KCONFIG_ENABLE_OPT = enable $(1)
@@ -53,11 +53,11 @@ follows_rules() { # FOLDER
     local file
     for file in "$1"/*; do
         ! grep -nE '[[:space:]]$|^ +[^ ]' "$file" || return 1
-        [ "$(tail -c 1 "$file" | od -An -c)" = "  \n" ] || { echo "$file: no end of line"; return 1; }
+        [ "$(tail -c 1 "$file" | od -An -c)" = "  \n" ] || { echo "$file: no newline at its end"; return 1; }
     done
-    # A tab counts for eight.
+    # Help lines have at most 72 columns, where a tab counts as eight.
     ! expand "$1/Config.in" | grep -nE '^          .{63}' || return 1
-    # The order of an option's lines.
+    # The attributes of an option must be in this order: type, default, depends, select, help.
     awk '/^(config|comment)/ { last = 0 }
         match($1, /^(bool|string|default|depends|select|help)$/) && /^\t[a-z]/ {
             place = index("bool string default depends select help", $1)

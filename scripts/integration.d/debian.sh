@@ -1,8 +1,8 @@
-# The Debian packages, and with them the units under a real systemd: installed, started, disturbed,
-# upgraded, removed and purged in name spaces of their own. Sourced by scripts/integration.
+# Tests the Debian packages and their units under a real systemd in separate name spaces: installs,
+# starts, disturbs, upgrades, removes and purges them. Sourced by scripts/integration.
 
 name=corvo-integration-$$
-kept=/run/$name/upper # what the system inside has written, also after its end
+kept=/run/$name/upper # files that the system inside has written; readable also after its end
 
 inside() { nsenter --target "$systemd" --mount --net --pid --ipc --uts --cgroup "$@"; }
 
@@ -28,7 +28,8 @@ end_system() {
     ! mountpoint -q /run/$name || "$checkout/scripts/integration.d/systemd_root" $name end
 }
 
-# A camera's surroundings. killall takes long while the file "slow" exists, and so does an upgrade.
+# Creates the surroundings of a camera: partitions, memory card and commands that only record their
+# calls. While the file /slow exists, killall takes 2 s, which makes an upgrade slow.
 make_camera() {
     inside sh -e << 'END'
 mkdir -p /dev/block/by-name /media/mmcblk0p1
@@ -55,7 +56,7 @@ send() { inside otactl send files --dir /media/mmcblk0p1/ota/ kernel; }
 main_pid() { inside systemctl show --property MainPID --value "$1"; }
 is_active() { inside systemctl is-active --quiet "$@"; }
 has_queue() { inside ipcs -q | grep -q 666; }
-said() { inside grep -q "$1" /commands; }
+was_called() { inside grep -q "$1" /commands; }
 upgrade_is_running() { inside test -s /tmp/corvo_upgrade.pid; }
 state() { inside dpkg-query -W -f '${db:Status-Status}' corvo-upgrade; }
 
@@ -69,40 +70,41 @@ check_installation() {
         /usr/lib/systemd/system/corvo-upgrade.service /usr/lib/systemd/system/corvo-system-call.service
     check "the service's exposure is at most 3.5" exposure_at_most corvo-upgrade 35
     check "the daemon's exposure is at most 9.3" exposure_at_most corvo-system-call 93
-    check "pages and completion are there" inside test -e /usr/share/man/man1/otactl.1.gz \
+    check "manual pages and completion are installed" inside test -e /usr/share/man/man1/otactl.1.gz \
         -a -e /usr/share/man/man8/hal_tool.8.gz -a -e /usr/share/bash-completion/completions/otactl
 }
 
-# Without a server: what the agent is allowed and given, and how it ends.
+# Tests the agent's unit without an update server: user, permissions, files, restart and exit.
 check_agent() {
     local verify=(systemd-analyze verify /usr/lib/systemd/system/corvo-agent.service)
     [ -e "$work/pki/root.pem" ] || "$checkout/scripts/make_pki" "$work/pki" > /dev/null
     check "the agent is installed" inside dpkg -i "$agent_package"
-    check "without settings it stays off" fails is_active corvo-agent
-    check "systemd-analyze verify is silent about it" no_output inside "${verify[@]}"
-    check "its exposure is at most 2.5" exposure_at_most corvo-agent 25
+    check "without settings the agent is not started" fails is_active corvo-agent
+    check "systemd-analyze verify is silent about the agent's unit" no_output inside "${verify[@]}"
+    check "the agent's exposure is at most 2.5" exposure_at_most corvo-agent 25
     inside sh -c "mkdir -p /etc/corvo && cp $work/pki/root.pem /etc/corvo/keyring.pem
         printf 'server = https://127.0.0.1:1\nkeyring = /etc/corvo/keyring.pem\n' > /etc/corvo/agent.conf
         printf 'compatible = R5C20\nversion-file = none\n' >> /etc/corvo/agent.conf"
-    check "with settings it starts" inside systemctl start corvo-agent
-    check "it polls" await 10 inside test -e /run/corvo-agent/status.json
-    check "as a user of its own" owned_by corvo-agent "/proc/$(main_pid corvo-agent)" /run/corvo-agent /config/agent \
+    check "with settings the agent starts" inside systemctl start corvo-agent
+    check "the agent polls" await 10 inside test -e /run/corvo-agent/status.json
+    check "process and folders belong to the agent's user" owned_by corvo-agent "/proc/$(main_pid corvo-agent)" /run/corvo-agent /config/agent \
         /media/mmcblk0p1/ota/agent
-    check "who reads flash, as its rule for udev says, and writes none" reads_flash
-    check "the lock of the boot environment stays root's" owned_by root /var/lock/fw_printenv.lock
-    check "and can be written by both" lock_is_shared
-    check "a package that is installed again restarts it" inside dpkg -i "$agent_package"
-    check "it runs" await 10 is_active corvo-agent
+    check "the agent's group may read flash, but not write it (udev rule)" reads_flash
+    check "the lock file of the boot environment belongs to root" owned_by root /var/lock/fw_printenv.lock
+    check "root and the agent can both write that lock file" lock_is_shared
+    check "the package can be installed again" inside dpkg -i "$agent_package"
+    check "the agent runs after that" await 10 is_active corvo-agent
     check_sleep
     inside sh -c 'echo "window = noon" >> /etc/corvo/agent.conf'
     inside systemctl restart corvo-agent || :
-    check "a wrong setting ends it for good" await 10 says 64 inside systemctl show --property ExecMainStatus corvo-agent
-    check "with a line that names it" says 'window: HH:MM' inside journalctl --no-pager --unit corvo-agent
+    check "a wrong setting ends the agent without a restart" await 10 says 64 inside systemctl show --property ExecMainStatus corvo-agent
+    check "the journal names the wrong setting" says 'window: HH:MM' inside journalctl --no-pager --unit corvo-agent
     check "the agent is purged" inside dpkg -P corvo-agent
-    check "nothing of it is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
+    check "no file of the agent is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
 }
 
-# With nothing to do the agent is another program, in the same process and under the same restrictions.
+# Between two polls the agent's process executes a smaller program, corvo_agent_sleeper, under the same
+# restrictions.
 check_sleep() {
     local process server
     inside "$checkout/scripts/integration.d/idle_update_server" /idle_server > "$work/server.txt" 2>&1 &
@@ -111,11 +113,11 @@ check_sleep() {
     inside sed -i "s#^server = .*#server = $(inside cat /idle_server)#" /etc/corvo/agent.conf
     inside systemctl restart corvo-agent
     process=$(main_pid corvo-agent)
-    check "with nothing to do it sleeps" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
+    check "between polls the agent is the sleeper" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
     inside systemctl kill --signal HUP corvo-agent
-    check "a signal wakes it" await 10 says_twice "GET .*/controller/" "$work/server.txt"
-    check "it sleeps again" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
-    check "as the same process" test "$(main_pid corvo-agent)" = "$process"
+    check "a signal wakes the agent" await 10 says_twice "GET .*/controller/" "$work/server.txt"
+    check "the agent sleeps again" await 10 inside test "/proc/$process/exe" -ef /usr/sbin/corvo_agent_sleeper
+    check "its process id is the same" test "$(main_pid corvo-agent)" = "$process"
     kill "$server"
 }
 
@@ -164,42 +166,42 @@ check_idle() {
     before=$(main_pid corvo-upgrade)
     check "systemctl stop is refused" says refused inside timeout 20 systemctl stop corvo-upgrade
     check "systemctl restart is refused" says refused inside timeout 20 systemctl restart corvo-upgrade
-    check "the service goes on" test "$(main_pid corvo-upgrade)" = "$before"
+    check "the service continues to run" test "$(main_pid corvo-upgrade)" = "$before"
     inside kill -KILL "$before" || :
-    check "a killed service is started again" await 5 runs_anew corvo-upgrade "$before"
+    check "a killed service is started again" await 5 was_restarted corvo-upgrade "$before"
     before=$(main_pid corvo-system-call)
     inside kill -KILL "$before" || :
-    check "a killed daemon is started again" await 5 runs_anew corvo-system-call "$before"
+    check "a killed daemon is started again" await 5 was_restarted corvo-system-call "$before"
     check "the service waits again" await 5 has_queue
-    check "no reboot was asked for" fails said reboot
-    check "the status LED's lines can be written" \
+    check "no reboot was requested" fails was_called reboot
+    check "the service can write /sys/class (GPIO lines of the status LED)" \
         inside nsenter --target "$(main_pid corvo-upgrade)" --mount test -w /sys/class
 }
 
-runs_anew() { # UNIT OLD-PROCESS
+was_restarted() { # UNIT OLD-PROCESS-ID
     local now
     now=$(main_pid "$1") && [ "$now" != 0 ] && [ "$now" != "$2" ] && is_active "$1"
 }
 
-# The package is upgraded and removed while the service upgrades.
+# Upgrades and removes the package while the service performs an upgrade.
 check_during_upgrade() {
     local before
     before=$(main_pid corvo-upgrade)
     inside touch /slow
     check "a request is posted" send
     check "an upgrade runs" await 10 upgrade_is_running
-    check "the package is not removed meanwhile" fails inside dpkg -r corvo-upgrade
-    check "it stays installed" test "$(state)" = installed
-    check "the package is upgraded meanwhile" inside dpkg -i "${packages[@]}"
-    check "the upgrade goes on" test "$(main_pid corvo-upgrade)" = "$before"
-    check "removal is refused after that too" fails inside dpkg -r corvo-upgrade
+    check "removal of the package is refused during the upgrade" fails inside dpkg -r corvo-upgrade
+    check "the package stays installed" test "$(state)" = installed
+    check "the package can be upgraded during the upgrade" inside dpkg -i "${packages[@]}"
+    check "the upgrade continues" test "$(main_pid corvo-upgrade)" = "$before"
+    check "removal is refused also after that" fails inside dpkg -r corvo-upgrade
     inside rm -f /slow || :
-    check "the upgrade ends in a reboot" await 60 said '^reboot'
+    check "the upgrade ends in a reboot" await 60 was_called '^reboot'
     check "the image is in the partition" inside cmp -n 300000 /sent /dev/block/by-name/kernel
     check "the outcome is recorded" says succeeded inside otactl record
-    check "the applications were stopped" said '^killall'
-    check "the slot was switched" said '^S99checkboot systemB'
-    check "the package is deleted, its disk unmounted" fails inside mountpoint -q /media/mmcblk0p1
+    check "the applications were stopped" was_called '^killall'
+    check "the slot was switched" was_called '^S99checkboot systemB'
+    check "the memory card is unmounted" fails inside mountpoint -q /media/mmcblk0p1
 }
 
 check_removal() {
@@ -207,22 +209,23 @@ check_removal() {
     await 5 is_active corvo-upgrade || :
     inside rm -f /commands /tmp/corvo_upgrade.pid
     check "the package is removed" inside dpkg -r corvo-upgrade
-    check "no program of it runs" fails inside pgrep -f 'corvo_upgrade|system_call_daemon'
-    check "removal asked for no reboot" fails test -e "$kept/commands"
+    check "none of its programs runs" fails inside pgrep -f 'corvo_upgrade|system_call_daemon'
+    check "removal requested no reboot" fails test -e "$kept/commands"
     check "the packages are purged" inside dpkg -P corvo-upgrade corvo-upgrade-tools corvo-upgrade-bringup
-    check "nothing of them is left" no_output inside find /usr /etc /var/lib -name '*corvo?upgrade*' -newer /sent
-    check "the outcome of the last upgrade stays" inside test -e /config/ota_data.dat
+    check "no file of the packages is left" no_output inside find /usr /etc /var/lib -name '*corvo?upgrade*' -newer /sent
+    check "the outcome record is kept" inside test -e /config/ota_data.dat
 }
 
-# Every option and command that a help text names is in its program's page, and completed.
+# Every option and command in the help text of a program must be in its manual page, and must be
+# completed.
 check_pages() {
     local program page
     for program in otactl system_call_daemon hal_tool ${agent_package:+corvo_agent}; do
         page=$(gzip -dc "$checkout/build/papers/$program".[18].gz | man --warnings -l - 2> "$work/page.txt" | col -b)
-        check "$program's page has no fault" test ! -s "$work/page.txt"
-        check "$program's page names every option" has_all_options "$page" "$program"
+        check "the manual page of $program has no errors" test ! -s "$work/page.txt"
+        check "the manual page of $program lists every option" has_all_options "$page" "$program"
     done
-    check "completion offers what the help names" "$checkout/scripts/integration.d/completion"
+    check "completion offers commands and options" "$checkout/scripts/integration.d/completion"
 }
 
 has_all_options() { # PAGE PROGRAM [COMMAND...]
@@ -234,18 +237,18 @@ has_all_options() { # PAGE PROGRAM [COMMAND...]
     done
 }
 
-# Each in a system of its own, as it ends with it.
+# The tests below need a new system each, because the shutdown ends it.
 check_shutdown_idle() {
     start_system && make_camera && inside dpkg -i "${packages[@]}" > /dev/null 2>&1
     await 5 has_queue || :
-    # Another user's pid file, and a request without a byte, are no upgrade.
+    # A pid file of another user and an empty request must not count as a running upgrade.
     inside sh -c "echo $(main_pid corvo-upgrade) > /tmp/corvo_upgrade.pid && chown nobody /tmp/corvo_upgrade.pid"
     inside perl -e 'msgsnd($ARGV[0], pack("l!", 1), 0) or die' "$(inside ipcs -q | awk '/666/ { print $2 }')" || :
     await 5 inside grep -q " $(main_pid corvo-upgrade) " /proc/sysvipc/msg || :
     sleep 6
     inside systemctl --no-block start poweroff.target
     check "an idle system shuts down within 15 s" await 15 is_over
-    check "the service asked for no reboot then" fails grep -q reboot "$kept/commands"
+    check "the service requested no reboot" fails grep -q reboot "$kept/commands"
     end_system
 }
 
@@ -257,8 +260,8 @@ check_shutdown_during_upgrade() {
     await 10 upgrade_is_running || :
     inside systemctl --no-block start poweroff.target
     inside rm -f /slow || :
-    check "a shutdown during an upgrade comes to its end" await 60 is_over
-    check "it has waited for the upgrade's" grep -q '^reboot' "$kept/commands"
+    check "a shutdown during an upgrade completes" await 60 is_over
+    check "the shutdown waited for the end of the upgrade" grep -q '^reboot' "$kept/commands"
     check "the outcome is a success" says succeeded "$checkout/build/package-amd64/otactl" record "$kept/config/ota_data.dat"
     end_system
 }
@@ -267,8 +270,8 @@ check_without_daemon() {
     start_system && make_camera && inside dpkg --unpack "${packages[@]}" > /dev/null 2>&1
     inside rm /usr/sbin/system_call_daemon
     inside dpkg --configure -a > /dev/null 2>&1
-    check "without a daemon the service waits for a request all the same" await 30 has_queue
-    check "and runs" is_active corvo-upgrade
+    check "without the daemon the service also waits for a request" await 30 has_queue
+    check "without the daemon the service runs" is_active corvo-upgrade
     end_system
 }
 
@@ -277,7 +280,7 @@ run_debian() {
     "$checkout/scripts/package" > "$work/package.txt" || { cat "$work/package.txt" && return 1; }
     packages=("$checkout"/build/packages/corvo-upgrade*_amd64.deb)
     agent_package=$(ls "$checkout"/build/packages/corvo-agent_*_amd64.deb 2> /dev/null) || :
-    check "lintian has nothing to say" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
+    check "lintian reports nothing" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
     check_pages
     if ! start_system; then
         end_system

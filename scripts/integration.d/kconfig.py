@@ -1,4 +1,4 @@
-"""kconfig.py Config.in: what the buildroot options do, in the smallest tree that they stand in."""
+"""kconfig.py Config.in: tests the buildroot options in a minimal tree that declares what they refer to."""
 
 import os
 import sys

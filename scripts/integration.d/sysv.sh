@@ -1,4 +1,4 @@
-# The init script under Debian's dash and busybox's ash: the real programs in a private root.
+# Tests the init scripts with Debian's dash and busybox's ash and the real programs in a private root.
 # Sourced by scripts/integration.
 
 run_sysv() {
@@ -11,7 +11,7 @@ run_sysv() {
         return 1
     }
     for shell in dash "busybox ash"; do
-        check "the init script under $shell" "$checkout/scripts/private_root" \
+        check "the init scripts with $shell" "$checkout/scripts/private_root" \
             bash "$checkout/scripts/integration.d/sysv_inside" "$shell"
     done
 }

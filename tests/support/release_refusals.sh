@@ -27,6 +27,6 @@ refuses "CHANGELOG.md has no section for 1.10.0" 1.10.0
 refuses "declares version 1.2.3" 1.2.4
 git tag --delete v1.2.3 > /dev/null
 mkdir -p release/1.2.3
-refuses "is there already" 1.2.3
+refuses "exists already" 1.2.3
 touch other
 refuses "the tree is dirty" 1.2.3
