@@ -93,7 +93,8 @@ Lines new_text(const ConsoleValues& values, std::span<const std::string> printed
     Lines text = {""};
     for (const char* common : {"@start", "@initialised", "@switched", "@deleted", "@end"}) {
         const Lines lines = lines_for(common, values);
-        if (!lines.empty() && !std::ranges::search(printed, lines).empty()) {
+        if (!lines.empty() && std::search(printed.begin(), printed.end(), lines.begin(),
+                                          lines.end()) != printed.end()) {
             text.emplace_back(common);
         }
     }

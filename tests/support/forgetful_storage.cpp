@@ -64,7 +64,8 @@ struct ForgetfulStorage::Operation {
             } else if (call.find("write") != std::string::npos || call == "sendto") {
                 bytes = text;
             } else {
-                paths.push_back(text.starts_with('/') ? text : folder + "/" + text);
+                const bool isWhole = text.starts_with('/');
+                paths.push_back(std::string(isWhole ? "" : folder + "/").append(text));
             }
         }
         if (paths.empty()) {
