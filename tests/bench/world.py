@@ -23,7 +23,7 @@ class Programs:
         self.service = build / "corvo_upgrade"
         self.unpaused = build / "tests/bench/unpaused/corvo_upgrade"
         self.otactl = build / "otactl"
-        self.bench = build / "bench"
+        self.bench = build / "tests/bench"
         self.unhardened = build / "unhardened"
 
 
