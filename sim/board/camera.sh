@@ -1,8 +1,9 @@
-# scripts/board camera: the board as one camera of scripts/fleet. Read by scripts/board.
+# scripts/board camera: the board as one camera of scripts/fleet. Sourced by scripts/board.
 #
-# FOLDER holds partitions, as the file of this name beside this one, and config/, what /config begins
-# with: the agent's settings, and the files that they name. What programs print is added to agent.txt
-# and service.txt there; what survives a restart is card.img and nor.img.
+# FOLDER must contain the file "partitions", in the format of sim/board/partitions, and the folder
+# "config", the initial content of /config: the agent's settings and the files that they name. The output
+# of the programs is appended to agent.txt and service.txt in FOLDER. card.img and nor.img keep the
+# board's storage from one start to the next.
 
 make_camera() {
     kernel_packages
@@ -29,7 +30,7 @@ run_camera() {
             emulator_arguments agent chardev:service chardev:console
             emulator+=(-chardev "file,id=service,append=on,path=$folder/service.txt"
                 -chardev "file,id=console,append=on,path=$folder/agent.txt" -nic user)
-            # Killing this process shall be the loss of power.
+            # Killing this process must cut the board's power, so the emulator replaces this shell.
             trap - EXIT
             exec "${emulator[@]}"
             ;;

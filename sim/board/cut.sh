@@ -1,24 +1,25 @@
-# scripts/board cut: the power goes at a random moment of an upgrade, and the board starts again.
-# Read by scripts/board. What must hold, however it falls:
+# scripts/board cut: cuts the power at a random moment of an upgrade, and starts the board again. Sourced
+# by scripts/board. After each power cut these must be true:
 #
-#   1  the record says "succeeded" only if no image was begun yet, or all are written and verified
-#   2  a package file is gone only after the record says so
-#   3  the boot slot is the other one only after the record says so
-#   4  partitions that the request does not name stay byte for byte
-#   5  the record's other keys keep their values, or the file is short as the cut fell in its rewrite
-#   6  before the success verdict, the same request sent again ends in success
+#   1  the record says "succeeded" only if the first image was not begun, or all are written and verified
+#   2  package files are deleted only after the record says "succeeded"
+#   3  the boot slot is switched only after the record says "succeeded"
+#   4  partitions that are not in the request are unchanged
+#   5  the record's other keys have their old values, or the file is short because the power cut
+#      interrupted its rewrite
+#   6  if the success verdict was not recorded yet, sending the same request again ends in success
 
-before=11012233440655  # the record: another upgrade had succeeded
-verdict=11012233440355 # the record of this one's success
+before=11012233440655  # the record at the beginning: an earlier upgrade succeeded
+verdict=11012233440355 # the record after this upgrade has succeeded
 
 broken() { # WHAT
     echo "CHECK FAIL: cut $cut, $1"
     wrong=yes
 }
 
-# Sets delay, from 0 to LIMIT milliseconds. Not in a shell of its own, which would have a seed of
-# its own.
-random_delay() { delay=$(((RANDOM * 32768 + RANDOM) % $1)); }
+# Sets the variable "delay" to 0 ... LIMIT - 1 milliseconds. Does not print it, because a command
+# substitution is a subshell, which has another random seed.
+random_delay() { delay=$(((RANDOM * 32768 + RANDOM) % $1)); } # LIMIT
 sleep_ms() { sleep "$(printf '%d.%03d' $(($1 / 1000)) $(($1 % 1000)))"; }
 waits_until() { # COMMAND...
     local i
@@ -33,20 +34,22 @@ has_line() { grep -qa "$2" "$1"; }                        # FILE TEXT
 has_lines() { [ "$(wc -l < "$1")" -ge "$2" ]; }           # FILE COUNT
 line_of() { grep -an -m 1 "$2" "$1" | cut -d : -f 1; }    # FILE TEXT
 
-# How long an upgrade takes here, ms, and which lines the service prints while it writes.
+# Measures how long an upgrade takes on this machine (upgrade_ms), and between which lines of its output
+# the service writes images (first_written, last_written).
 measure_upgrade() {
     new_run
-    boot cut || fail "an upgrade without a cut does not come to its end"
+    boot cut || fail "an upgrade without a power cut does not complete"
     upgrade_ms=$(tr -d '\r' < "$console" | awk '
         /BOARD request sent/ { sent = $(NF - 1) }
         /BOARD restarts/ { print int(($(NF - 1) - sent) * 1000) }')
     first_written=$(line_of "$service" "ota hal init start") &&
         last_written=$(line_of "$service" "$last_verified") ||
-        fail "the service does not tell of its images"
+        fail "the output of the service does not mention its images"
 }
 
-# A third each: at any time, at any line while images are written, about the verdict; so the short
-# stages get their share, however fast the emulator is.
+# Chooses the moment of the power cut: a third of the cuts at any time, a third at any line of output
+# while images are written, a third shortly after the last read-back. So the short stages are hit often
+# enough, however fast the emulator is.
 wait_for_moment() {
     local delay line
     case $((cut % 3)) in
@@ -64,27 +67,27 @@ wait_for_moment() {
             random_delay 500
             waits_until has_line "$service" "$last_verified"
             ;;
-    esac || broken "the board does not get as far as its moment"
+    esac || broken "the board does not reach the moment of the power cut"
     sleep_ms "$delay"
 }
 
-stage_of() { # what the service printed last before the cut
+stage_of() { # FILE; prints the stage according to the last line of the service's output
     local lines=$1
     case $(tr -d '\r' < "$lines" | grep -aoE 'RECV_MSG|ota kill process end|ota hal init end|[a-z]+\.(bin|img) start,|read verify success|UGRADE_SUCCESS|AB switch end|delete file|umount disk|Restart the' | tail -n 1) in
-        "") echo "1 before the request is taken" ;;
+        "") echo "1 before the request is received" ;;
         RECV_MSG) echo "2 stopping the applications" ;;
         "ota kill process end") echo "3 preparing" ;;
         "ota hal init end") echo "4 checking the request" ;;
         *start,) echo "5 erasing, writing, reading back" ;;
         "read verify success") echo "6 between two modules" ;;
-        UGRADE_SUCCESS) echo "7 recording the success, asking for the slot" ;;
+        UGRADE_SUCCESS) echo "7 recording the success, switching the slot" ;;
         "AB switch end") echo "8 slot switched" ;;
         "delete file") echo "9 package deleted, flush and pause" ;;
         *) echo "10 unmounting, restarting" ;;
     esac
 }
 
-images_on_card() { # prints how many of the requested partitions hold their images
+images_on_card() { # prints how many of the requested partitions contain their images
     local i count=0
     for i in "${!sent_modules[@]}"; do
         ! holds_image "$folder/card.img" "${sent_modules[$i]}" "$made/images/${sent_files[$i]}" ||
@@ -118,13 +121,13 @@ check_after_cut() { # RECORD SLOT FILES IMAGES-ON-CARD BEGUN
         [ "$keys" = 1122334455 ] || broken "5: the other keys are $keys"
     else
         short=$((short + 1))
-        # At a cut in the rewrite the file is empty, missing or cut off.
+        # A power cut during the rewrite leaves the file empty, missing or truncated.
         [[ $record == none || $verdict == "$record"* || 11022233440655 == "$record"* ]] ||
             broken "5: the short record is $record"
     fi
 }
 
-check_after_again() { # whether the whole thing came to its end
+check_after_again() { # checks that the upgrade completed after the request was sent again
     local card=$folder/card.img
     [ "$(images_on_card)" = "$requested" ] || broken "6: not all images are written"
     [[ $(record_of "$card") == ??01??????03?? ]] || broken "6: the record is $(record_of "$card")"
@@ -141,7 +144,7 @@ one_cut() {
     emulator_pid=
     stage=$(stage_of "$service")
     ! grep -qa 'ota hal init end' "$service" || begun=yes
-    ! grep -qa 'BOARD restarts' "$console" || stage="11 after the end"
+    ! grep -qa 'BOARD restarts' "$console" || stage="11 after the upgrade"
     images=$(images_on_card)
     check_untouched
     boot again || broken "the board does not start again"
@@ -167,14 +170,14 @@ run_cuts() {
     table=$folder/table.txt
     : > "$table"
     measure_upgrade
-    echo "an upgrade takes $upgrade_ms ms, lines $first_written to $last_written tell of its images"
+    echo "an upgrade takes $upgrade_ms ms; lines $first_written to $last_written are printed while it writes images"
     echo "seed $seed; columns: cut, stage, record, slot, images written, what followed"
     for ((cut = 1; cut <= cuts; cut++)); do
         wrong=no
         one_cut
         if [ $wrong = no ]; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
     done
-    echo "cuts by stage:"
+    echo "power cuts by stage:"
     cut -d '|' -f 2 "$table" | sort -n | uniq -c
     echo "$again times the request was sent again, $short times the record was short"
     echo "board: $passed passed, $failed failed"

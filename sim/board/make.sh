@@ -1,13 +1,12 @@
-# Makes what the board boots: kernel, device tree, initramfs, card and NOR chip: what is the
-# same for every run below $work, a run's own below $made.
-# Read by scripts/board.
+# Creates the files that the board boots from: kernel, device tree, initramfs, card and NOR chip. Files
+# for all runs are below $work, files of one run below $made. Sourced by scripts/board.
 
-modules=()      # the package table's rows, in its order: what the card has partitions for
-sent_modules=() # those that the board's first request names
-sent_files=()   # their images
-# Rows that only the second request names, or none: any other is in the first one.
+modules=()      # the rows of the package table, in table order; the card has a partition for each
+sent_modules=() # the rows in the board's first request
+sent_files=()   # the image files of these
+# Rows that are not in the first request: uboot and dtb are in the second one, the others in none.
 not_sent=" spl uboot dtb ota_package "
-# What a board has besides our programs; the libraries of both are in the programs' sysroot.
+# Other programs of the board. Their libraries are in these packages or in the sysroot.
 board_packages=(busybox-static nanomsg-utils libubootenv-tool libubootenv0.1)
 
 read_modules() {
@@ -42,26 +41,26 @@ unpack_packages() {
     echo "$content" > "$work/unpacked"
 }
 
-# The kernel's own description of the board, with what the emulator does otherwise.
+# Takes the kernel's device tree of the board and adapts it to the emulator.
 make_device_tree() {
     local tree=$made/board.dtb flash partitions alias name offset size
     flash=/soc/bus@2000000/spba-bus@2000000/spi@2008000/flash@0
     partitions=$flash/partitions
     cp "$work/kernel/usr/lib/linux-image-$kernel_version/imx6q-sabrelite.dtb" "$tree"
-    # Its keys are wired to the LED's lines and would hold them.
+    # The board's keys use the GPIO lines of the LED; their driver would occupy the lines.
     fdtput -t s "$tree" /gpio-keys status disabled
-    # The emulator's only card sits in the fourth slot; it shall be the first disk.
+    # The emulator has its only card in the fourth slot; the alias makes it mmcblk0.
     for alias in mmc0 mmc1 mmc2 mmc3; do
         fdtput -d "$tree" /aliases $alias
     done
     fdtput -t s "$tree" /aliases mmc0 /soc/bus@2100000/mmc@219c000
-    # The emulator has no engine behind the first serial line's DMA: the line would be silent.
+    # The emulator does not implement DMA for the first serial line; with DMA the line would be silent.
     fdtput -d "$tree" /soc/bus@2000000/spba-bus@2000000/serial@2020000 dmas dma-names
     fdtput -c "$tree" $partitions
     fdtput -t s "$tree" $partitions compatible fixed-partitions
     fdtput -t i "$tree" $partitions '#address-cells' 1
     fdtput -t i "$tree" $partitions '#size-cells' 1
-    # A node is put before those that are there, so the last partition comes first.
+    # fdtput inserts each node before the existing ones, so the list starts with the last partition.
     while read -r name offset size; do
         fdtput -c "$tree" "$partitions/partition@$offset"
         fdtput -t s "$tree" "$partitions/partition@$offset" label "$name"
@@ -75,7 +74,7 @@ spl 0 10000
 END
 }
 
-build_programs() { # MORE...
+build_programs() { # ADDITIONAL TARGET...
     local log=$work/build.txt
     "$checkout/scripts/sysroot" glibc
     echo "building build/arm"
@@ -87,27 +86,27 @@ build_programs() { # MORE...
     }
 }
 
-# What programs load, and what these libraries load in turn.
+# Copies the shared libraries that the files need, and those that these libraries need.
 copy_libraries() { # ROOT FILE...
     local root=$1 library found
     shift
     for library in $(arm-linux-gnueabihf-readelf -d "$@" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u); do
         [ -z "$(find "$root" -name "$library")" ] || continue
         found=$(find "$work/packages" build/sysroot/glibc/root/ -name "$library" | head -n 1)
-        [ -n "$found" ] || fail "a program needs $library, which is in no package that was fetched"
+        [ -n "$found" ] || fail "a program needs $library, which is in none of the downloaded packages"
         cp -L "$found" "$root/lib/arm-linux-gnueabihf/"
         copy_libraries "$root" "$found"
     done
 }
 
-make_initramfs() { # COMPONENT...: of what is installed, besides what every board has
+make_initramfs() { # COMPONENT...: install these components in addition to those of every board
     local root=$made/initramfs module component from=$work/packages
     rm -rf "$root"
     mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,run,modules,etc/init.d,var/lock,usr/sbin,lib/arm-linux-gnueabihf}
     cp "$from/bin/busybox" "$root/bin/"
     cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
-    # As an integrator installs it.
+    # Installed with cmake --install, as integrators do it.
     for component in service tools bringup sysv "$@"; do
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
@@ -129,12 +128,12 @@ make_initramfs() { # COMPONENT...: of what is installed, besides what every boar
             awk '$1 == "insmod" { print $2 }'
     done | awk '!seen[$0]++' > "$made/modules"
     xargs cp -t "$root/modules" < "$made/modules"
-    # One is for a newer processor, one is loaded when it is wanted.
+    # crc32-arm-ce is for a newer processor; nandsim is loaded only for its tests.
     sed 's#.*/##' "$made/modules" | grep -vxE 'nandsim.ko|crc32-arm-ce.ko' > "$root/modules/order"
     (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/initramfs.gz"
 }
 
-# Random content with a size that is no multiple of anything, so a lost tail shows.
+# Random content. The sizes are not multiples of any block size, so that a lost tail is detected.
 make_images() {
     local folder=$made/images file size=150007
     rm -rf "$folder"
@@ -146,14 +145,14 @@ make_images() {
     head -c 200003 /dev/urandom > "$made/uboot.bin"
     head -c 65537 /dev/urandom > "$made/dtb.bin"
     head -c 310009 /dev/urandom > "$made/system2.img"
-    # The package of the second upgrade, packed by the tool itself.
+    # The combined package of the second upgrade.
     qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl pack \
         --output "$folder/camera.pkg" --manifest "$folder/camera.manifest" \
         uboot="$made/uboot.bin" dtb="$made/dtb.bin" system="$made/system2.img" > /dev/null
 }
 
 partitions=$parts/partitions
-card_partitions() { # prints "name KiB", a line each
+card_partitions() { # prints one line "NAME KIB" for each partition
     local name size
     while read -r name size; do
         case $name in
@@ -164,8 +163,8 @@ card_partitions() { # prints "name KiB", a line each
     done < "$partitions"
 }
 
-# Writes $made/layout, one "name first_byte bytes" a line.
-make_card() { # SIZE, a power of two; FOLDER: what is on the memory card
+# Creates the card, and $made/layout with one line "NAME FIRST_BYTE BYTES" for each partition.
+make_card() { # SIZE FOLDER; SIZE is a power of two, FOLDER has the content of the memory card
     local card=$made/card.img name size number=0 arguments=()
     while read -r name size; do
         number=$((number + 1))
@@ -180,7 +179,7 @@ make_card() { # SIZE, a power of two; FOLDER: what is on the memory card
             /^Partition name/ { gsub("\047", "", $3); name = $3 }
             END { print name, first * 512, sectors * 512 }'
     done > "$made/layout"
-    # Something to lose on each.
+    # Fill each partition with random data, so that lost data is detected.
     for name in "${modules[@]}" nv_user nv_factory rec_data misc; do
         head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
     done
@@ -208,7 +207,8 @@ make_board() {
     make_images
     make_initramfs
     mkdir -p "$made/config"
-    # Keys 1 and 5 are the outcome of the upgrade before; the others are not the service's.
+    # Keys 1 and 5 (counted from 0) are the outcome of the last upgrade; the others do not belong to the
+    # service.
     printf '\x11\x01\x22\x33\x44\x06\x55' > "$made/config/ota_data.dat"
     make_card 32M "$made/images"
     head -c 2M /dev/zero | tr '\0' '\377' > "$made/nor.img"

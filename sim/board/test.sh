@@ -1,15 +1,15 @@
-# scripts/board test: three starts of one board. Read by scripts/board.
+# scripts/board test: starts one board three times. Sourced by scripts/board.
 
 check() { # WHAT COMMAND...
     local what=$1
     shift
     if "$@"; then echo "CHECK ok: $what"; else echo "CHECK FAIL: $what"; fi
 }
-equals() { [ "$1" = "$2" ] || { echo "got \"$1\", wanted \"$2\"" >&2; return 1; }; }
-state_of() { # WHAT, as the board printed it in this start
+equals() { [ "$1" = "$2" ] || { echo "got \"$1\", expected \"$2\"" >&2; return 1; }; }
+state_of() { # WHAT; prints the value that the board printed in this start
     tr -d '\r' < "$console" | sed -n "s/^STATE $1 //p"
 }
-print_checks() { # of the board's console
+print_checks() { # prints the checks from the board's console
     tr -d '\r' < "$console" | grep -aE '^(CHECK|BOARD)' || :
 }
 
@@ -18,15 +18,15 @@ check_card() { # RECORD SLOT
     check "outside: the record is $1" equals "$(record_of "$card")" "$1"
     check "outside: the boot slot is $2" equals "$(boot_environment "$card")" "$2"
 }
-declare -A written # the image that each partition must hold
+declare -A written # the image that each partition must contain
 check_card_content() {
     local name
     for name in "${modules[@]}" nv_factory; do
         if [ -n "${written[$name]:-}" ]; then
-            check "outside: $name holds its image" \
+            check "outside: $name contains its image" \
                 holds_image "$folder/card.img" "$name" "${written[$name]}"
         else
-            check "outside: $name is as it was" same_as_before "$folder/card.img" "$name"
+            check "outside: $name is unchanged" same_as_before "$folder/card.img" "$name"
         fi
     done
 }
@@ -60,13 +60,13 @@ third_start() {
 }
 
 run_test() {
-    local report=$folder/report.txt passed failed shown teller
-    # Not in a pipeline: the emulator must be known to the shell that a signal ends.
+    local report=$folder/report.txt passed failed shown tee_pid
+    # Not in a pipeline, which would be a subshell: the EXIT trap needs emulator_pid in this shell.
     exec {shown}> >(exec tee "$report")
-    teller=$!
+    tee_pid=$!
     { first_start; second_start; third_start; } >&$shown 2>&1
     exec {shown}>&-
-    wait $teller
+    wait $tee_pid
     passed=$(grep -ac '^CHECK ok' "$report") || :
     failed=$(grep -ac '^CHECK FAIL' "$report") || :
     echo "board: $passed passed, $failed failed"

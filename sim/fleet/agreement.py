@@ -1,4 +1,5 @@
-"""Whether the server's view, the camera's and what lies on its partitions are one truth."""
+"""Checks that the state of a camera at the server, the state that the camera reports and the content of its
+partitions agree."""
 import hashlib
 import re
 from dataclasses import dataclass
@@ -10,14 +11,14 @@ from package import IMAGES, NEW_VERSION, Package
 
 @dataclass(frozen=True)
 class End:
-    """How a camera must end."""
+    """The expected state of a camera after the rollout."""
 
-    at_server: tuple[str, ...]  # the target's status
+    at_server: tuple[str, ...]  # allowed values of the target's status
     slot: str
     version: str
-    outcome: str  # what the agent remembers of its last action
-    record: str  # the last outcome that the service recorded
-    written: bool  # the partitions hold the images, or are as they were
+    outcome: str  # result of the last action in the agent's status
+    record: str  # outcome in the record of the service
+    written: bool  # True: the partitions contain the images; False: they are unchanged
 
 
 UPGRADED = End(("in_sync",), "B", NEW_VERSION, "success", "succeeded", True)
@@ -27,15 +28,15 @@ UNTOUCHED = End(("registered", "unknown"), "A", OLD_VERSION, "none", "none", Fal
 RECORD = re.compile(r"result: 1\b.*succeeded"), re.compile(r"result: 2\b")
 
 
-def recorded(words: str) -> str:
-    """Of `otactl record`."""
+def recorded(text: str) -> str:
+    """Returns the outcome from the output of `otactl record`."""
     succeeded, failed = RECORD
-    return "succeeded" if succeeded.search(words) else "failed" if failed.search(words) else "none"
+    return "succeeded" if succeeded.search(text) else "failed" if failed.search(text) else "none"
 
 
 def remembered(agent: dict) -> str:
-    """Of `corvo_agent status`: its last action. Whether the server was told is asked at the server:
-    where the answer was lost, the agent cannot know."""
+    """Returns the result of the last action from the output of `corvo_agent status`. Whether the server has
+    received that result is checked at the server: if its answer was lost, the agent does not know."""
     last = agent.get("last")
     return "none" if not last else "success" if last["succeeded"] else "failure"
 
@@ -57,7 +58,7 @@ class Judge:
         self.before[camera.name] = {name: camera.digest(name) for name in IMAGES}
 
     def row(self, camera: Camera, end: End) -> str:
-        """A line of the table; what is not as it must be goes to `wrong` too."""
+        """Returns a line of the table; adds each difference to the list `wrong` too."""
         target = self.management.call("GET", f"targets/{camera.name}")
         attributes = self.management.attributes(camera.name)
         state = camera.state()
@@ -69,7 +70,7 @@ class Judge:
             ("version", state.get("version") == end.version, state.get("version")),
             ("slot", state.get("slot") == end.slot, state.get("slot")),
             ("outcome", outcome == end.outcome, outcome),
-            ("in hand", state["agent"].get("action") is None, state["agent"].get("action")),
+            ("pending action", state["agent"].get("action") is None, state["agent"].get("action")),
             ("record", record == end.record, record),
             ("files left", state.get("files") == "0", state.get("files")),
         ]

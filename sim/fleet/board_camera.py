@@ -1,6 +1,6 @@
-"""The emulated board as one camera of the fleet, seen from outside: scripts/board makes it, is each of its
-lives, and looks at it. The agent on it is the one for the camera's processor, started by its script as its
-own user."""
+"""The emulated board as one camera of the fleet. scripts/board creates it, runs it from one start to the next
+restart, and reads its state. The board runs the agent that is built for the camera's processor; the init
+script starts it as its own user."""
 import hashlib
 import shutil
 import subprocess
@@ -9,13 +9,13 @@ from pathlib import Path
 from camera import OLD_VERSION, Camera, Tail
 from server import HOST
 
-US = "10.0.2.2"  # this machine's loopback, by the emulator's own network
-CARD_KIB = 24576  # room for the package
-OTHER_KIB = 128  # rows of the package table that nothing is sent to
+HOST_FROM_BOARD = "10.0.2.2"  # address of the host's loopback in the emulator's network
+CARD_KIB = 24576  # size of the memory card, enough for the package
+OTHER_KIB = 128  # size of partitions that are not in the package
 
 
 class BoardCamera(Camera):
-    SETTLES = 6.0  # its card's file system may keep the removal of a file to itself for 5 s
+    SETTLES = 6.0  # the file system may write the removal of a file to the card up to 5 s later
 
     def make(self, sizes: dict[str, int], settings: dict[str, str | Path]) -> None:
         config = self.folder / "config"
@@ -23,7 +23,7 @@ class BoardCamera(Camera):
         modules = [line.split()[1] for line in subprocess.run(
             [self.programs / "otactl", "modules"], check=True, capture_output=True,
             text=True).stdout.splitlines()]
-        # Those of the other boards, in their order, but for what this one is sent.
+        # The partitions of the other boards in the same order, but large enough for this package.
         rows: dict[str, int] = {}
         for line in (self.scripts.parent / "sim/board/partitions").read_text().splitlines():
             if line.startswith("modules "):
@@ -35,8 +35,8 @@ class BoardCamera(Camera):
         (config / "version").write_text(f"{OLD_VERSION}\n")
         (config / "started_slot").write_text("A\n")
         (config / "token").write_text(f"{self.token}\n")
-        settings["server"] = settings["server"].replace(f"//{HOST}:", f"//{US}:")
-        # What settings name here lies on the card there.
+        settings["server"] = settings["server"].replace(f"//{HOST}:", f"//{HOST_FROM_BOARD}:")
+        # Copy the files that settings name to the board's /config.
         for name, value in settings.items():
             if isinstance(value, Path):
                 shutil.copy(value, config / f"{name}.pem")
@@ -44,7 +44,7 @@ class BoardCamera(Camera):
         (config / "agent.conf").write_text(
             "".join(f"{name} = {value}\n" for name, value in settings.items()))
         self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
-        # It says what it does, and what is in its way.
+        # Its output is not captured: it shows what it does, and why it fails.
         if subprocess.run(self.command("make"), stdin=subprocess.DEVNULL).returncode != 0:
             raise OSError("the board cannot be made")
 

@@ -1,5 +1,5 @@
-"""A played camera, seen from outside: a folder with what survives a restart, and the process that is
-one life of it."""
+"""A simulated camera: a folder with the storage that survives a restart, and a process that runs the camera
+from one start to the next restart."""
 import hashlib
 import json
 import os
@@ -12,13 +12,13 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import ClassVar
 
-from server import DIES_WITH_US
+from server import DIES_WITH_PARENT
 
-MOST_LIVES = 30
+STARTS_MAX = 30
 OLD_VERSION = "1.0"
 PLATFORM_FACTORY_BYTES = 65536
 AGENT_LINE = re.compile(r"^action (\S+): (.*?)(?:,? (\d+) %)?$")
-# What the service prints, in the words of the table.
+# Lines of the service's output, and the stage that the table shows for each.
 SERVICE_LINES = (
     (re.compile(r"UPGRADE_LUMO_RECV_MSG"), "stopping the applications"),
     (re.compile(r"upgrade \S*/(\S+?)(?:\.\w+)? start, moudle type"), "writing {}"),
@@ -30,7 +30,7 @@ PROGRESS = re.compile(r">>> write flash progress (\d+)%")
 
 
 class Tail:
-    """The whole lines that a growing file has got since the last look."""
+    """Reads the complete lines that were appended to a file since the last call."""
 
     def __init__(self, file: Path):
         self.file, self.at = file, 0
@@ -49,26 +49,27 @@ class Tail:
 
 @dataclass
 class Camera:
-    SETTLES: ClassVar[float] = 0.0  # seconds after which everything that was done is on its card
+    SETTLES: ClassVar[float] = 0.0  # seconds until all changes have been written to its card
     name: str
     token: str
     folder: Path
     scripts: Path
     programs: Path
     group: int = 0
-    small: bool = False  # a partition has too little room
+    small: bool = False  # a partition is too small for its image
     action: str = ""
     stage: str = "off"
     percent: int | None = None
     changes: list[tuple[float, str]] = field(default_factory=list)  # when each stage began
-    lives: int = 0
-    cuts: int = 0
-    fault: str = ""  # why it does not go on
+    starts: int = 0
+    cuts: int = 0  # power cuts so far
+    fault: str = ""  # why the camera cannot continue
     process: subprocess.Popen | None = None
-    held: int = -1  # a pipe that everything inside holds: it ends with the last of it
+    held: int = -1  # read end of a pipe that all processes inside inherit; end of file when all have ended
 
     def make(self, sizes: dict[str, int], settings: dict[str, str]) -> None:
-        """Partitions of so many bytes, full of something to lose."""
+        """Creates the camera. `sizes`: size of each partition in bytes; they get random content, so that lost
+        data is detected."""
         for part in ("config", "card/ota", "flash"):
             (self.folder / part).mkdir(parents=True)
         for name, size in sizes.items():
@@ -88,17 +89,17 @@ class Camera:
                 self.programs, *more]
 
     def start(self) -> None:
-        self.lives += 1
+        self.starts += 1
         (self.folder / "boot_id").write_text(f"{uuid.uuid4()}\n")
         self.held, inside = os.pipe()
         with open(self.folder / "camera.txt", "ab") as output:
-            self.process = subprocess.Popen([*DIES_WITH_US, *self.command()], pass_fds=[inside],
+            self.process = subprocess.Popen([*DIES_WITH_PARENT, *self.command()], pass_fds=[inside],
                                             stdin=subprocess.DEVNULL, stdout=output,
                                             stderr=subprocess.STDOUT, start_new_session=True)
         os.close(inside)
 
     def kill(self) -> None:
-        """As lost power does it: everything at once."""
+        """Kills all processes at once, as a power cut does."""
         if self.process is None:
             return
         self.process.kill()
@@ -106,45 +107,45 @@ class Camera:
 
     def wait(self) -> int:
         status = self.process.wait()
-        # Nothing inside may still write when the next life begins on the same files.
+        # Wait for all processes inside, so that none still writes when the next start uses the same files.
         while os.read(self.held, 1):
             pass
         os.close(self.held)
         self.process = None
         return status
 
-    def read(self) -> None:
-        """What has been printed since."""
+    def read_output(self) -> None:
+        """Reads the new output of service and agent, and updates the stage."""
         for line in self.service.lines():
             if progress := PROGRESS.search(line):
                 self.percent = int(progress[1])
-            for pattern, words in SERVICE_LINES:
+            for pattern, stage in SERVICE_LINES:
                 if found := pattern.search(line):
-                    self.enter(words.format(*found.groups()))
+                    self.enter(stage.format(*found.groups()))
         for line in self.agent.lines():
             if found := AGENT_LINE.match(line):
                 self.action = found[1]
                 self.enter(found[2].rstrip(), found[3] and int(found[3]))
 
-    def look(self) -> None:
-        """Reads; starts the camera again when it has restarted."""
-        self.read()
+    def update(self) -> None:
+        """Reads the output, and starts the camera again if it asked for a restart."""
+        self.read_output()
         if self.process is None or self.process.poll() is None:
             return
         status = self.wait()
-        self.read()
-        if status == 0 and self.lives < MOST_LIVES:
+        self.read_output()
+        if status == 0 and self.starts < STARTS_MAX:
             self.start()
             return
-        self.fault = self.last_words(f"ended with {status} in life {self.lives}")
+        self.fault = self.last_output(f"ended with status {status} after start {self.starts}")
         self.enter("broken")
 
-    def last_words(self, what: str) -> str:
-        said = [f"{self.name}: {what}"]
+    def last_output(self, what: str) -> str:
+        lines = [f"{self.name}: {what}"]
         for file in ("camera.txt", "agent.txt"):
             text = (self.folder / file).read_text(errors="replace") if (self.folder / file).exists() else ""
-            said += [f"  {file}: {line}" for line in text.splitlines()[-3:]]
-        return "\n".join(said)
+            lines += [f"  {file}: {line}" for line in text.splitlines()[-3:]]
+        return "\n".join(lines)
 
     def enter(self, stage: str, percent: int | None = None) -> None:
         self.percent = percent
@@ -153,10 +154,10 @@ class Camera:
             self.changes.append((time.monotonic(), stage))
 
     def state(self) -> dict[str, str]:
-        """What the camera itself says, with nothing running on it."""
-        said = subprocess.run(self.command("look"), capture_output=True, text=True, errors="replace",
+        """Returns the state that the camera itself reports. Call only while it is off."""
+        done = subprocess.run(self.command("look"), capture_output=True, text=True, errors="replace",
                               stdin=subprocess.DEVNULL)
-        state = dict(line.partition(" ")[::2] for line in said.stdout.splitlines())
+        state = dict(line.partition(" ")[::2] for line in done.stdout.splitlines())
         try:
             state["agent"] = json.loads(state.get("agent") or "{}")
         except ValueError:
@@ -164,7 +165,7 @@ class Camera:
         return state
 
     def digest(self, partition: str, size: int | None = None) -> str:
-        """Of its first `size` bytes, or the whole."""
+        """Returns the SHA-256 of the first `size` bytes of a partition, or of the whole partition."""
         return hashlib.sha256((self.folder / "flash" / partition).read_bytes()[:size]).hexdigest()
 
     def remove(self) -> None:

@@ -1,17 +1,17 @@
-"""Keys and certificates of one run: who the server is, and, behind a proxy, who each camera is."""
+"""Keys and certificates of one run: for the server, and, with the proxy, for each camera."""
 import os
 import subprocess
 from pathlib import Path
 
 CONFIGURATION = "[req]\ndistinguished_name = name\n[name]\n"
 DAYS = "30"
-# Of a server on this machine, the last as the emulated board sees it.
+# The names of a server on this machine; the last one is its address for the emulated board.
 SERVER_NAMES = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:10.0.2.2"
 CURVE = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
 
 
 class Authority:
-    """NAME.pem and NAME.key, and what it signs, in one folder."""
+    """A certificate authority: NAME.pem, NAME.key and the certificates that it issues, in one folder."""
 
     def __init__(self, folder: Path, name: str):
         self.folder, self.certificate, self.key = folder, folder / f"{name}.pem", folder / f"{name}.key"
@@ -24,7 +24,7 @@ class Authority:
                      self.certificate)
 
     def issue(self, name: str, purpose: str, *extensions: str) -> tuple[Path, Path]:
-        """A certificate and its key. `purpose`: serverAuth or clientAuth."""
+        """Creates a certificate and its key. `purpose`: serverAuth or clientAuth."""
         certificate, key = self.folder / f"{name}.pem", self.folder / f"{name}.key"
         more = [part for text in (f"extendedKeyUsage={purpose}", "basicConstraints=CA:false",
                                   *extensions) for part in ("-addext", text)]
@@ -33,7 +33,7 @@ class Authority:
         return certificate, key
 
     def server_store(self, password: str) -> Path:
-        """What Java takes: certificate and key of the server on this machine, in one file."""
+        """Creates a key store for Java (PKCS #12) with a certificate and key for a server on this machine."""
         certificate, key = self.issue("server", "serverAuth", SERVER_NAMES)
         store = self.folder / "server.p12"
         self.openssl("pkcs12", "-export", "-in", certificate, "-inkey", key, "-out", store,

@@ -1,5 +1,5 @@
-# What a rollout server needs. Read by scripts/fleet and scripts/bench, with $work, $jar, fail and skip;
-# in the checkout's folder.
+# Builds the rollout server and fetches nginx. Sourced by scripts/fleet and scripts/bench in the folder of
+# the checkout; they define $work, $jar, fail and skip.
 
 build_server() {
     local input newest=
@@ -8,15 +8,15 @@ build_server() {
         [ "$input" -ot "$jar" ] || newest=$input
     done
     [ -n "$newest" ] || return 0
-    echo "putting the rollout server together (the first time: about a minute)"
-    # What it cannot fetch it cannot fetch a second time: not this machine's fault, nor ours.
+    echo "building the rollout server (the first time: about a minute)"
+    # A failed download of libraries is no error of this project, so it only skips the run.
     if ! mvn --batch-mode -f sim/fleet/server/pom.xml -Dfleet.build="$work/server" package > "$work/maven.txt" 2>&1; then
         ! grep -q "COMPILATION ERROR" "$work/maven.txt" || fail "the server does not build, see $work/maven.txt"
-        skip "the server's libraries cannot be had here, see $work/maven.txt"
+        skip "the server's libraries cannot be downloaded, see $work/maven.txt"
     fi
 }
 
-# Unpacked, not installed: the installed package starts a server of its own on this machine.
+# nginx is only unpacked: installing the package would start a web server on this machine.
 unpack_nginx() {
     nginx=$work/nginx/usr/sbin/nginx
     [ ! -x "$nginx" ] || return 0
@@ -24,5 +24,5 @@ unpack_nginx() {
     mkdir -p "$work/nginx"
     echo "fetching nginx"
     (cd "$work/nginx" && apt-get download nginx && dpkg-deb -x nginx_*.deb .) > "$work/nginx.txt" 2>&1 ||
-        skip "nginx cannot be had here, see $work/nginx.txt"
+        skip "nginx cannot be downloaded, see $work/nginx.txt"
 }

@@ -1,4 +1,4 @@
-"""The operator's side of a rollout server: what one would do by hand in its web pages."""
+"""The operator's interface (management API) of a rollout server."""
 import base64
 import http.client
 import json
@@ -10,15 +10,15 @@ from pathlib import Path
 
 TIMEOUT_SECONDS = 120
 IDLE_SECONDS = 10
-MOST = 500  # what the server gives at once
+MOST = 500  # the server's limit for the entries of one answer
 JSON = "application/json"
 
 
 class Refused(Exception):
-    """The server answered, but not with what was asked for."""
+    """The server answered with an error status."""
 
-    def __init__(self, method: str, path: str, status: int, said: str):
-        super().__init__(f"{method} {path}: {status} {said[:300]}")
+    def __init__(self, method: str, path: str, status: int, answer: str):
+        super().__init__(f"{method} {path}: {status} {answer[:300]}")
         self.status = status
 
 
@@ -37,11 +37,11 @@ class Management:
         self.headers = {"Authorization": f"Basic {name}", "Accept": JSON}
 
     def call(self, method: str, path: str, body=None, kind: str = JSON):
-        """The answer's JSON, or None where it has none: the generations of the server differ in
-        that."""
+        """Returns the JSON of the answer, or None if the answer has no content; whether it has depends on
+        the version of the server."""
         data = body if body is None or isinstance(body, bytes) else json.dumps(body).encode()
         headers = {**self.headers, "Content-Type": kind} if data is not None else self.headers
-        # The server ends connections that nobody uses for a while.
+        # The server closes idle connections, so do not reuse one that was idle for long.
         if time.monotonic() - self.used > IDLE_SECONDS:
             self.connection.close()
         try:
@@ -49,7 +49,7 @@ class Management:
             answer = self.connection.getresponse()
             text = answer.read().decode(errors="replace")
         except (http.client.HTTPException, OSError):
-            self.connection.close()  # the next call makes a new one
+            self.connection.close()  # the next call opens a new connection
             raise
         self.used = time.monotonic()
         if not 200 <= answer.status < 300:
@@ -63,12 +63,12 @@ class Management:
         self.call("PUT", f"system/configs/{name}", {"value": value})
 
     def create_targets(self, tokens: dict[str, str]) -> None:
-        """`tokens`: one for each controller id."""
+        """`tokens`: controller id -> security token."""
         self.call("POST", "targets", [{"controllerId": name, "name": name, "securityToken": token}
                                       for name, token in tokens.items()])
 
     def create_module(self, name: str, version: str, files: list[Path]) -> int:
-        """A software module that has the files."""
+        """Creates a software module with the files and returns its id."""
         module = self.call("POST", "softwaremodules",
                            [{"name": name, "version": version, "type": "os"}])[0]["id"]
         for file in files:
@@ -93,8 +93,8 @@ class Management:
 
     def create_rollout(self, name: str, distribution_set: int, query: str, groups: int,
                        most_errors: int) -> int:
-        """A group starts when the one before has succeeded as a whole; more errors in one than so
-        many percent pause the rollout."""
+        """Creates a rollout and returns its id. A group starts when all cameras of the group before have
+        succeeded. More than `most_errors` percent of errors in a group pause the rollout."""
         return self.call("POST", "rollouts", {
             "name": name, "distributionSetId": distribution_set, "targetFilterQuery": query,
             "amountGroups": groups, "type": "forced",
@@ -110,7 +110,7 @@ class Management:
         return self.call("GET", f"rollouts/{rollout}")["status"]
 
     def groups(self, rollout: int) -> list[dict]:
-        """With "id", "name" and "status", in their order."""
+        """Returns the groups in the order of the rollout; each has "id", "name" and "status"."""
         found = self.call("GET", f"rollouts/{rollout}/deploygroups?limit={MOST}")["content"]
         return sorted(found, key=lambda group: group["id"])
 
@@ -126,12 +126,12 @@ class Management:
         return found[0] if found else None
 
     def statuses(self, name: str, action: int) -> list[dict]:
-        """The newest first: "type", "messages", "reportedAt"."""
+        """Returns the status messages, newest first; each has "type", "messages" and "reportedAt"."""
         return self.call("GET", f"targets/{name}/actions/{action}/status?limit={MOST}&sort=id:DESC"
                          )["content"]
 
     def remove(self, what: str, number: int | str) -> None:
-        """Gone already is as well."""
+        """It is no error if the object does not exist any more."""
         try:
             self.call("DELETE", f"{what}/{number}")
         except Refused as refusal:

@@ -1,5 +1,5 @@
-"""The package of a rollout: images of random bytes, of which the root file system's first line says
-which version it is, and the manifest that their maker has signed."""
+"""The package of a rollout: images of random bytes and a signed manifest. The first line of the root file
+system's image is its version."""
 import os
 import subprocess
 from pathlib import Path
@@ -7,7 +7,7 @@ from pathlib import Path
 KIB = 1024
 COMPATIBLE = "R5C20"
 NEW_VERSION = "2.0"
-# Sizes that are no multiple of anything, so that a lost tail shows.
+# The sizes are not multiples of any block size, so that a lost tail is detected.
 IMAGES = {"kernel": 1000 * KIB + 7, "rootfs": 3000 * KIB + 11, "system": 2000 * KIB + 13}
 PARTITIONS = {name: size + 100 * KIB for name, size in IMAGES.items()}
 TOO_SMALL = {**PARTITIONS, "rootfs": IMAGES["rootfs"] - 512}
@@ -24,7 +24,7 @@ class Package:
         return next(self.folder.glob(f"{partition}.[bi]*"))
 
     def make(self) -> list[Path]:
-        """All its files."""
+        """Creates the package and returns all its files."""
         self.folder.mkdir()
         names = dict(line.split()[1:3] for line in subprocess.run(
             [self.programs / "otactl", "modules"], check=True, capture_output=True,

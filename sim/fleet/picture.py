@@ -1,9 +1,9 @@
-"""A rollout over time as SVG: a bar for each camera, its colour the stage."""
+"""Draws a rollout over time as SVG: a bar for each camera, coloured by stage."""
 from html import escape
 
 from camera import Camera
 
-# The first whose words a stage contains: words, name, colour.
+# (text, name in the legend, colour): the first row whose text is part of the stage's name applies.
 KINDS = (
     ("power cut", "no power", "#000000"),
     ("waits for its turn", "waiting", "#eeeeee"),
@@ -27,7 +27,7 @@ def kind_of(stage: str) -> tuple[str, str, str]:
 
 
 def tick(seconds: float) -> float:
-    """Of 1, 2, 5, 10, ... s, the one that gives at most ten."""
+    """Returns the distance of the ticks in seconds: the first of 1, 2, 5, 10, ... with at most ten ticks."""
     step = 1.0
     for factor in (2, 2.5, 2) * 5:
         if seconds / step <= 10:
@@ -38,7 +38,7 @@ def tick(seconds: float) -> float:
 
 def draw(cameras: list[Camera], title: str, began: float, ended: float) -> str:
     span = max(ended - began, 0.001)
-    seen = {kind_of(stage)[1:] for camera in cameras for _, stage in camera.changes}
+    used = {kind_of(stage)[1:] for camera in cameras for _, stage in camera.changes}
     bottom = TOP + ROW * len(cameras)
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{LEFT + WIDTH + 20}" '
              f'height="{bottom + 64}" font-family="sans-serif" font-size="12">',
@@ -63,7 +63,7 @@ def draw(cameras: list[Camera], title: str, began: float, ended: float) -> str:
                          f'fill="{kind_of(stage)[2]}"><title>{escape(stage)}, '
                          f'{end - when:.1f} s</title></rect>')
     x, y = LEFT, bottom + 20
-    for name, colour in dict.fromkeys(kind[1:] for kind in KINDS if kind[1:] in seen):
+    for name, colour in dict.fromkeys(kind[1:] for kind in KINDS if kind[1:] in used):
         wide = 32 + 7 * len(name)
         if x + wide > LEFT + WIDTH:
             x, y = LEFT, y + 20

@@ -1,5 +1,5 @@
-"""A rollout to played cameras, from the server's start to the comparison of what everyone says;
-started by scripts/fleet, which has looked at the arguments."""
+"""Runs a rollout to simulated cameras, from the start of the server to the comparison of all states. Started
+by scripts/fleet, which has checked the arguments."""
 import argparse
 import random
 import secrets
@@ -20,15 +20,16 @@ from server import Proxy, Server
 from table import Table
 
 MOST_GROUPS = 4
-MOST_ERRORS = 25  # percent of a group; of half of the cameras that fail, any group has more
-CUTS = 2  # of each camera: the agent posts a request three times at the most
-# In which stage the power goes, by its words, and how long after its beginning at the most.
+MOST_ERRORS = 25  # percent of a group; with --bad half of the cameras of each group fail
+CUTS = 2  # power cuts of each camera; fewer than the three requests that the agent posts for an action
+# The stages in which the power may be cut (a part of the stage's name), at most CUT_WITHIN s after the
+# stage begins.
 CUT_STAGES = ("downloading", "was signed", "request posted", "writing", "reading", "slot switched",
               "restarting")
 CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
-BOARD_SECONDS = 240  # what the emulated board may take longer
-LAST_WORDS_SECONDS = 20  # for what cameras tell the server after the verdict
+BOARD_SECONDS = 240  # additional time for the emulated board
+LAST_REPORT_SECONDS = 20  # time for the cameras to report their version and slot after the result
 ASK_SECONDS = 1.0
 
 
@@ -41,9 +42,9 @@ class Fleet:
         self.server: Server | None = None
         self.proxy: Proxy | None = None
         self.cameras: list[Camera] = []
-        self.made: list[tuple[str, int | str]] = []  # at the server, for a server that stays
-        self.plan: dict[str, list[int]] = {}  # in which stages a camera is to lose its power
-        self.due: dict[str, float] = {}  # when it loses it, or gets it back
+        self.made: list[tuple[str, int | str]] = []  # created at the server; removed from an existing one
+        self.plan: dict[str, list[int]] = {}  # in which stages the power of a camera is cut
+        self.due: dict[str, float] = {}  # when the power of a camera is cut, or comes back
         self.status = ""
 
     # --- the server ---
@@ -78,24 +79,24 @@ class Fleet:
             self.management.create_targets({name: secrets.token_hex(16)
                                             for name in ("check", "other")})
             self.proxy.check(self.tls)
-            print(f"the server: {self.url}, which takes a camera's own certificate only", flush=True)
+            print(f"server: {self.url}; it accepts a camera only with that camera's certificate", flush=True)
             return
         if not self.management.setting("authentication.targettoken.enabled"):
-            raise OSError("the server takes no devices' tokens; switch its setting "
-                          "authentication.targettoken.enabled on")
-        print(f"the server: {self.url}, cameras ask it every "
+            raise OSError("the server does not accept tokens of devices; switch on its setting "
+                          "authentication.targettoken.enabled")
+        print(f"server: {self.url}; polling interval "
               f"{self.management.setting('pollingTime')}", flush=True)
 
     # --- cameras, package, rollout ---
 
     def settings(self, name: str) -> dict[str, str | Path]:
-        """An agent's."""
+        """Returns the settings of a camera's agent."""
         if self.options.certificates:
             certificate, key = self.tls.issue(name, "clientAuth")
             who = {"certificate": certificate, "key": key}
         else:
             who = {"target-token-file": "/config/token"}
-            if self.url.startswith("http://"):  # a server that was there already
+            if self.url.startswith("http://"):  # only an existing server (--server) can be without TLS
                 who["allow-unencrypted-token"] = "on"
         if self.ca:
             who["ca"] = self.ca
@@ -109,7 +110,7 @@ class Fleet:
         self.judge = Judge(self.management, self.package)
 
     def make_rollout(self) -> None:
-        # A server that stays may have cameras of others.
+        # An existing server may have other cameras, so the names need a unique prefix.
         self.prefix = f"corvo-{secrets.token_hex(3)}-" if self.options.server else "cam-"
         for number in range(1, self.options.cameras + 1):
             name = f"{self.prefix}{number:02}"
@@ -134,7 +135,7 @@ class Fleet:
         self.cameras.sort(key=lambda camera: (camera.group, camera.name))
 
     def make_cameras(self) -> None:
-        """With --bad every other one of each group has too little room."""
+        """With --bad, every other camera of each group has a partition that is too small."""
         group, place = 0, 0
         for camera in self.cameras:
             group, place = camera.group, place + 1 if camera.group == group else 0
@@ -146,10 +147,10 @@ class Fleet:
             self.judge.remember(camera)
 
     def choose_board(self) -> None:
-        """The first camera that is not made to fail."""
+        """Replaces the first camera that need not fail by the emulated board."""
         place = next((i for i, camera in enumerate(self.cameras) if not camera.small), None)
         if place is None:
-            print("no camera is left for the board: each is made to fail")
+            print("without the board: every camera must fail")
             return
         was = self.cameras[place]
         self.cameras[place] = BoardCamera(was.name, was.token, was.folder, was.scripts,
@@ -160,7 +161,7 @@ class Fleet:
         until = time.monotonic() + 60
         while (status := self.management.rollout_status(self.rollout)) not in wanted:
             if time.monotonic() > until:
-                raise OSError(f"the rollout stays \"{status}\"")
+                raise OSError(f"the rollout is still \"{status}\" after 60 s")
             time.sleep(0.2)
 
     # --- while it runs ---
@@ -173,7 +174,7 @@ class Fleet:
         return seconds
 
     def watch(self) -> None:
-        """Until the rollout has come to its end, or something is broken."""
+        """Runs the cameras until the rollout has ended or a camera is broken."""
         self.table = Table(self.cameras)
         self.began = time.monotonic()
         end, ask = self.began + self.seconds_allowed(), 0.0
@@ -182,7 +183,7 @@ class Fleet:
             camera.start()
         self.management.start_rollout(self.rollout)
         while time.monotonic() < end and not any(camera.fault for camera in self.cameras):
-            self.look()
+            self.update()
             if time.monotonic() >= ask:
                 ask = time.monotonic() + ASK_SECONDS
                 if self.is_over():
@@ -193,26 +194,27 @@ class Fleet:
                 f"the rollout is \"{self.status}\" after {time.monotonic() - self.began:.0f} s"]
         self.ended = time.monotonic()
 
-    def look(self) -> None:
+    def update(self) -> None:
         for camera in self.cameras:
-            camera.look()
+            camera.update()
             if self.options.cut:
-                self.play_power(camera)
+                self.cut_power(camera)
         self.table.show(f"rollout {NEW_VERSION}: {self.status}")
 
-    def play_power(self, camera: Camera) -> None:
+    def cut_power(self, camera: Camera) -> None:
+        """Cuts the power of a camera, or switches it on again, when it is time."""
         now, due = time.monotonic(), self.due.get(camera.name)
         if due is None:
             if camera.cuts == CUTS:
                 return
-            # The later one second: a stage that is behind a camera does not come again.
+            # Sorted, because a stage that the camera has passed does not come again.
             plan = self.plan.setdefault(camera.name, sorted(
                 self.random.choices(range(len(CUT_STAGES)), k=CUTS)))
             if CUT_STAGES[plan[camera.cuts]] in camera.stage or self.has_succeeded(camera):
                 self.due[camera.name] = now + self.random.uniform(0, CUT_WITHIN)
         elif now >= due and camera.process is not None:
             camera.kill()
-            camera.read()
+            camera.read_output()
             camera.cuts += 1
             camera.enter("power cut")
             self.due[camera.name] = now + self.random.uniform(*OFF_SECONDS)
@@ -229,7 +231,7 @@ class Fleet:
     def is_over(self) -> bool:
         self.status = self.management.rollout_status(self.rollout)
         if self.status == "paused":
-            # Those of the group that was begun see it through.
+            # The cameras of the first group still finish their upgrade.
             return all(self.has_ended(camera) for camera in self.cameras if camera.group == 1)
         return self.status == "finished" and not (self.options.cut and any(
             camera.cuts < CUTS or camera.name in self.due for camera in self.cameras))
@@ -238,7 +240,7 @@ class Fleet:
         target = self.management.call("GET", f"targets/{camera.name}")
         return target["updateStatus"] in ("in_sync", "error")
 
-    # --- what has become of it ---
+    # --- the result ---
 
     def end_of(self, camera: Camera):
         if not self.options.bad:
@@ -248,13 +250,13 @@ class Fleet:
         return REFUSED if camera.small else UPGRADED
 
     def compare(self) -> None:
-        until = time.monotonic() + LAST_WORDS_SECONDS
+        until = time.monotonic() + LAST_REPORT_SECONDS
         while time.monotonic() < until and not all(
                 self.management.attributes(camera.name).get("version") == self.end_of(camera).version
                 for camera in self.cameras):
-            self.look()
+            self.update()
             time.sleep(ASK_SECONDS)
-        self.table.tell()
+        self.table.print_changes()
         self.table.clear()
         time.sleep(max(camera.SETTLES for camera in self.cameras))
         for camera in self.cameras:
@@ -286,7 +288,7 @@ class Fleet:
                 try:
                     self.management.remove(what, number)
                 except (OSError, Refused) as reason:
-                    print(f"fleet: left at the server: {what} {number}, {reason}", file=sys.stderr)
+                    print(f"fleet: cannot remove {what} {number} from the server: {reason}", file=sys.stderr)
         for process in (self.proxy, self.server):
             if process is not None:
                 process.stop()
@@ -305,16 +307,16 @@ class Fleet:
         self.compare()
         self.draw()
         if self.judge.wrong:
-            print("Something is not as it must be:")
+            print("These are not as expected:")
             print("\n".join(self.judge.wrong))
-            print(f"Everything is left in {self.folder}")
+            print(f"All files are kept in {self.folder}")
             return 1
         print("Server, cameras and partitions agree.")
         return 0
 
     def serve(self) -> int:
         print(f"server: {self.url}\nuser: {self.server.user}:{self.server.password}\n"
-              f"authority: {self.ca}\nEnds with this program (Ctrl-C).", flush=True)
+              f"authority: {self.ca}\nPress Ctrl-C to stop the server.", flush=True)
         self.server.process.wait()
         return 2
 

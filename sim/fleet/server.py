@@ -1,5 +1,5 @@
-"""The rollout server on this machine's loopback, and a proxy before it that looks at the cameras'
-certificates. Both end with the process that started them, however that ends."""
+"""The rollout server on the loopback of this machine, and a reverse proxy that checks the cameras'
+certificates. Both end when the process that started them ends, for whatever reason."""
 import http.client
 import os
 import secrets
@@ -15,9 +15,9 @@ HOST = "127.0.0.1"
 START_SECONDS = 300
 HEAP_MIB = 384
 POLL = "00:00:02"
-DIES_WITH_US = ("setpriv", "--pdeathsig", "KILL")
-# A word that the proxy vouches with for each certificate that it has checked: who knows it and gets
-# at the server past the proxy can be any camera.
+DIES_WITH_PARENT = ("setpriv", "--pdeathsig", "KILL")
+# Length of the secret that the proxy sends to the server with each request whose certificate it has checked.
+# A process that knows the secret and reaches the server directly can pose as any camera.
 VOUCHER_BYTES = 16
 
 
@@ -41,10 +41,10 @@ class Server:
                         "--hawkbit.controller.minPollingTime=00:00:01",
                         f"--hawkbit.controller.pollingTime={poll}",
                         f"--org.eclipse.hawkbit.repository.file.path={folder / 'files'}"]
-        # Not as arguments, which everyone can read.
+        # In the environment, because any user can read the arguments of a process.
         self.secrets = {"SPRING_SECURITY_USER_NAME": self.user,
                         "SPRING_SECURITY_USER_PASSWORD": "{noop}" + self.password}
-        # Links to files lead to the same place; without this they say http, whatever the server speaks.
+        # Without this, the server's download links use http even if it serves https.
         self.command += ["--hawkbit.artifact.url.protocols.download-http.protocol=https",
                          "--hawkbit.artifact.url.protocols.download-http.rel=download"]
         if tls:
@@ -60,7 +60,7 @@ class Server:
         self.folder.mkdir(parents=True, exist_ok=True)
         log = self.folder / "server.txt"
         with open(log, "wb") as output:
-            self.process = subprocess.Popen([*DIES_WITH_US, *self.command], stdout=output,
+            self.process = subprocess.Popen([*DIES_WITH_PARENT, *self.command], stdout=output,
                                             stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT,
                                             cwd=self.folder, env={**os.environ, **self.secrets})
         wait_for_port(self.port, self.process, START_SECONDS, log)
@@ -70,7 +70,7 @@ class Server:
 
 
 class Proxy:
-    """nginx, in a root of its own, with which all of its processes end."""
+    """nginx in a private root, so that all of its processes end with it."""
 
     def __init__(self, nginx: Path, scripts: Path, server: Server, folder: Path,
                  authority: Authority):
@@ -94,7 +94,7 @@ http {{
     fastcgi_temp_path /tmp/fastcgi;
     uwsgi_temp_path /tmp/uwsgi;
     scgi_temp_path /tmp/scgi;
-    # The common name alone, wherever it stands in the certificate's subject.
+    # The common name from any position of the certificate's subject.
     map $ssl_client_s_dn $camera {{
         default "";
         "~(^|,)CN=(?<name>[^,]+)" $name;
@@ -105,12 +105,13 @@ http {{
         ssl_certificate_key {key};
         ssl_client_certificate {authority.certificate};
         ssl_verify_client on;
-        # Only what cameras ask; each header is set here, so that none of a camera's own gets through.
+        # Only the interface for cameras. The headers that authenticate are set here, so that a camera
+        # cannot pass its own.
         location ~ ^/[^/]+/controller/ {{
             proxy_pass {server.management_url};
             proxy_buffering off;
             proxy_set_header Host $http_host;
-            # The server counts requests by address.
+            # The server limits the number of requests by address.
             proxy_set_header X-Forwarded-For $remote_addr;
             proxy_set_header X-Forwarded-Proto https;
             proxy_set_header X-Forwarded-Port {self.port};
@@ -129,22 +130,23 @@ http {{
         log = self.folder / "nginx-start.txt"
         with open(log, "wb") as output:
             self.process = subprocess.Popen(
-                [*DIES_WITH_US, self.scripts / "private_root", self.nginx, "-c", self.configuration,
+                [*DIES_WITH_PARENT, self.scripts / "private_root", self.nginx, "-c", self.configuration,
                  "-e", self.folder / "nginx.txt"], stdin=subprocess.DEVNULL, stdout=output,
                 stderr=subprocess.STDOUT, start_new_session=True)
         wait_for_port(self.port, self.process, 20, log)
 
     def check(self, authority: Authority) -> None:
-        """Without a certificate nobody gets in, and with one only as whom it names, whatever the
-        headers say. The server knows the targets "check" and "other"."""
+        """Checks that a camera without a certificate is rejected, and that with a certificate it can only be
+        the camera that the certificate names, whatever headers it sends. The targets "check" and "other" must
+        exist at the server."""
         own = authority.issue("check", "clientAuth")
         stranger = Authority(self.folder / "stranger", "stranger").issue("check", "clientAuth")
         for certificate, camera, wanted in ((own, "check", 200), (own, "other", 401),
                                             (stranger, "check", 400), (None, "check", 400)):
             got = self.ask(authority, certificate, camera)
             if got != wanted:
-                raise OSError(f"with the certificate {certificate and certificate[0]} one who asks as "
-                              f"{camera} gets {got}, not {wanted}")
+                raise OSError(f"with the certificate {certificate and certificate[0]} a request as "
+                              f"{camera} gets status {got}, expected {wanted}")
 
     def ask(self, authority: Authority, certificate, camera: str) -> int:
         context = ssl.create_default_context(cafile=authority.certificate)
@@ -167,8 +169,8 @@ def wait_for_port(port: int, process: subprocess.Popen, seconds: int, log: Path)
             if probe.connect_ex((HOST, port)) == 0:
                 return
         time.sleep(0.1)
-    said = log.read_text(errors="replace").strip().splitlines()[-5:]
-    raise OSError("\n  ".join([f"the server does not come up within {seconds} s:", *said]))
+    output = log.read_text(errors="replace").strip().splitlines()[-5:]
+    raise OSError("\n  ".join([f"the server does not start within {seconds} s:", *output]))
 
 
 def end(process: subprocess.Popen | None) -> None:

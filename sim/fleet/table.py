@@ -1,5 +1,5 @@
-"""What the cameras do, as it happens: a table that is drawn over itself on a terminal, else a line
-for each stage that a camera enters."""
+"""Shows the stages of the cameras: on a terminal a table that is redrawn in place, otherwise a line for each
+stage that a camera enters."""
 import shutil
 import sys
 import time
@@ -8,7 +8,7 @@ from camera import Camera
 
 BAR = 20
 LEAST_SECONDS = 0.2  # between two drawings
-QUIET = ("off", "waits for its turn")  # nothing to watch
+QUIET = ("off", "waits for its turn")  # stages without a line
 
 
 class Table:
@@ -18,12 +18,7 @@ class Table:
         self.began = time.monotonic()
         self.drawn = 0  # lines on the terminal
         self.drawn_at = 0.0
-        self.told = {camera.name: 0 for camera in cameras}
-
-    def say(self, text: str) -> None:
-        """A line that stays."""
-        self.clear()
-        print(text, file=self.output, flush=True)
+        self.printed = {camera.name: 0 for camera in cameras}  # number of changes that were printed
 
     def clear(self) -> None:
         if self.drawn:
@@ -32,7 +27,7 @@ class Table:
 
     def show(self, head: str) -> None:
         if not self.live:
-            self.tell()
+            self.print_changes()
             return
         if time.monotonic() - self.drawn_at < LEAST_SECONDS:
             return
@@ -48,7 +43,7 @@ class Table:
         shown = self.cameras
         room = most - 3
         if len(shown) > room:
-            # What happens comes before what waits or has been.
+            # If the terminal is too small, show the cameras that are busy.
             def busy(camera: Camera) -> bool:
                 return camera.percent is not None or (
                     camera.changes != [] and time.monotonic() - camera.changes[-1][0] < 15)
@@ -68,13 +63,13 @@ class Table:
         return (f"{camera.name:<10} {camera.group or '-':>5} {camera.action or '-':>6}  "
                 f"{camera.stage[:44]:<44} {bar:<{BAR}} {percent:>7}")
 
-    def tell(self) -> None:
+    def print_changes(self) -> None:
         if self.live:
             return
         for camera in self.cameras:
-            for when, stage in camera.changes[self.told[camera.name]:]:
+            for when, stage in camera.changes[self.printed[camera.name]:]:
                 if stage not in QUIET:
                     action = f"action {camera.action}: " if camera.action else ""
                     print(f"{when - self.began:7.1f} s  {camera.name}  {action}{stage}",
                           file=self.output, flush=True)
-            self.told[camera.name] = len(camera.changes)
+            self.printed[camera.name] = len(camera.changes)

@@ -4,7 +4,7 @@ import org.eclipse.hawkbit.autoconfigure.security.EnableHawkbitManagedSecurityCo
 import org.springframework.boot.SpringApplication;
 import org.springframework.boot.autoconfigure.SpringBootApplication;
 
-/** Everything else is settings on the command line: see sim/fleet/server.py. */
+/** Starts the server. All settings are on the command line: see sim/fleet/server.py. */
 @SpringBootApplication
 @EnableHawkbitManagedSecurityConfiguration
 public class RolloutServer {
