@@ -1,5 +1,5 @@
-// A method call of the transport against a ping-pong on a socket pair, and against the bare threads
-// that a call has to pass through. The server's fixed pause takes no time here (no_pauses.cpp).
+// Measures a method call of the transport, and two baselines: a ping-pong on a socket pair, and the
+// threads alone through which a call passes. The server's fixed pause is removed (no_pauses.cpp).
 // Runs in scripts/private_root.
 #include <benchmark/benchmark.h>
 #include <stdio.h>

@@ -32,7 +32,7 @@ void* echo(void* argument) {
     return nullptr;
 }
 
-// A caller that waits. Its address travels in the record.
+// A caller that waits for its reply. The record contains the address of this object.
 struct Waiting {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;

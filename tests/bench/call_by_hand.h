@@ -1,5 +1,5 @@
-// What a method call is measured against. All of it aborts when the machine refuses a socket or a
-// thread: there is no figure then.
+// Baselines for a method call. All functions abort if a socket or a thread cannot be created: then
+// there is no figure.
 #ifndef BENCH_CALL_BY_HAND_H
 #define BENCH_CALL_BY_HAND_H
 
@@ -7,7 +7,7 @@
 
 #include "dbus/dbus_socket_common.h"
 
-// A record to and fro over a socket pair, a thread at each end.
+// Sends a record over a socket pair and back, with a thread at each end.
 class PingPong {
   public:
     PingPong();
@@ -15,16 +15,16 @@ class PingPong {
     PingPong(const PingPong&) = delete;
     PingPong& operator=(const PingPong&) = delete;
 
-    void call();  // returns when the record is back
+    void call();  // returns when the record has come back
 
   private:
     int ends_[2];
     pthread_t echo_;
 };
 
-// The threads that a call by the transport passes through, and nothing else: a thread at the server
-// reads, a new one per record replies; at the client one thread reads all replies and wakes the
-// caller that waits for its own. Any number of threads may call.
+// Only the threads through which a call of the transport passes: at the server one thread reads
+// records and starts a new thread for each reply; at the client one thread reads all replies and
+// wakes the caller of each. Any number of threads may use call() at the same time.
 class Relay {
   public:
     Relay();
@@ -34,7 +34,7 @@ class Relay {
 
     void call();
 
-    // For its threads only.
+    // Called only by the threads of this object.
     void read_calls();
     void read_replies();
 

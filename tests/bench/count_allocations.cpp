@@ -1,6 +1,6 @@
-// Counts heap allocations, in the whole process with all its libraries, per log line, per copied
-// chunk and per method call. Prints "log_line N", "chunk N" and "method_call N" to standard error;
-// standard output gets what the service prints. Runs in scripts/private_root.
+// Counts heap allocations per log line, per copied chunk and per method call, in the whole process
+// including its libraries. Prints "log_line N", "chunk N" and "method_call N" to standard error;
+// the lines of the service go to standard output. Runs in scripts/private_root.
 #include <nanomsg/nn.h>
 #include <signal.h>
 #include <stdio.h>
@@ -18,7 +18,7 @@
 
 extern "C" {
 
-// The C library's own names for what the definitions below stand in front of.
+// glibc's internal names of the functions that are replaced below.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
@@ -72,7 +72,8 @@ void report(const char* what, long count, int repeats) {
 
 void count_log_line() {
     Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK);
-    UPGRADE_LOG("partition: %s upgrade success", "kernel");  // opens what is opened once
+    // The first line opens the sockets, so it does not count.
+    UPGRADE_LOG("partition: %s upgrade success", "kernel");
     const long before = g_allocations;
     for (int i = 0; i < REPEATS; ++i) {
         UPGRADE_LOG("partition: %s upgrade success", "kernel");
@@ -98,7 +99,7 @@ long allocations_of_copy(int chunks) {
     return flash_mmc_write_partition("chunks", "/tmp/chunks") == 0 ? g_allocations - before : -1;
 }
 
-// Whatever a copy allocates apart from its chunks does not count here.
+// Compares copies of two sizes, so that allocations that do not depend on the size cancel out.
 bool count_chunk() {
     const long few = allocations_of_copy(16);
     const long many = allocations_of_copy(16 + CHUNKS);
@@ -111,7 +112,7 @@ int32_t answer(const void* /*in*/, uint32_t /*inLen*/, void* out, uint32_t /*out
     return 1;
 }
 
-// The server is another process, as on a camera: its g_allocations are not the service's.
+// The server is another process, as on a camera, so that its allocations are not counted.
 void serve() {
     SystemCallDbusInfo* const server = SystemCall_DbusInfo_Alloc(1);
     snprintf(server->name, sizeof(server->name), "%s", SERVER);

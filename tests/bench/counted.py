@@ -1,4 +1,4 @@
-"""Figures that do not depend on how busy the machine is: what is counted, not timed."""
+"""Figures that are counted, not timed, and so do not depend on the load of the machine."""
 import os
 import re
 import shutil
@@ -32,8 +32,8 @@ def allocations(programs: Programs) -> list[Row]:
 
 
 def make_copy(mib: float, name: str) -> tuple[Path, Path]:
-    """An image of so many MiB and a file of the same size as the partition of that name, both of
-    random bytes."""
+    """Creates an image of `mib` MiB, and a file of the same size as the partition `name`. Both have random
+    content."""
     image, part = Path(f"/tmp/{name}.img"), Path(f"/tmp/{name}.part")
     image.write_bytes(os.urandom(int(mib * MIB)))
     part.write_bytes(os.urandom(int(mib * MIB)))
@@ -42,7 +42,7 @@ def make_copy(mib: float, name: str) -> tuple[Path, Path]:
 
 
 def traced(trace: Path) -> dict[str, int]:
-    """The system calls of strace's file, by their names."""
+    """Counts the system calls in an strace output file by name."""
     calls: dict[str, int] = {}
     for name in re.findall(r"^\d+\s+(\w+)\(", trace.read_text(), re.MULTILINE):
         calls[name] = calls.get(name, 0) + 1
@@ -50,7 +50,7 @@ def traced(trace: Path) -> dict[str, int]:
 
 
 def calls_of_copy(programs: Programs, chunks: int) -> dict[str, int]:
-    """The system calls of the process that copies so many chunks to a partition."""
+    """Counts the system calls of a process that copies `chunks` chunks to a partition."""
     image, _ = make_copy(chunks * CHUNK / MIB, "strace")
     subprocess.run([*STRACE, programs.bench / "partition", "write", "strace", image], check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -58,7 +58,8 @@ def calls_of_copy(programs: Programs, chunks: int) -> dict[str, int]:
 
 
 def system_calls(programs: Programs) -> Row:
-    """What more chunks cost more: both copies print a line at each tenth, so these drop out."""
+    """Compares a small with a large copy: the difference is the cost of the additional chunks. Both copies
+    print ten progress lines, so these cancel out."""
     figure = "system calls per copied 16 KiB chunk, without the progress lines"
     if shutil.which("strace") is None:
         return Row(figure, counted=True, note="not installed: strace")
@@ -77,8 +78,8 @@ def counted_instructions() -> int:
 
 
 def instructions_per_mib(command, equal: bool) -> float:
-    """What 32 MiB take more than 16 MiB, so that a program's start drops out; `equal`: the partition
-    holds the image before."""
+    """Returns the instructions per MiB from the difference between 32 and 16 MiB, so that the start of the
+    program cancels out. `equal`: the partition already contains the image."""
     taken = []
     for mib in (16, 32):
         image, part = make_copy(mib, "callgrind")
@@ -106,8 +107,8 @@ def instructions(programs: Programs) -> list[Row]:
 
 
 def off_line(sizes: tuple, values: list[float]) -> float:
-    """How far, in percent, the values are off the straight line over the sizes with the least
-    squares of the relative distances: the weighted normal equations of value = a + b * size with
+    """Fits a straight line value = a + b * size, and returns the largest relative distance from it in percent.
+    The fit minimises the squares of the relative distances: it solves the normal equations with the
     weights 1 / value^2."""
     weights = [1 / value ** 2 for value in values]
     sums = [sum(w * s ** power for w, s in zip(weights, sizes)) for power in range(3)]
@@ -141,13 +142,13 @@ def growth(programs: Programs) -> list[Row]:
 
 
 def switches(pid: int) -> int:
-    """Of all threads, voluntary and not."""
+    """Counts the voluntary and involuntary context switches of all threads of a process."""
     return sum(int(count) for task in Path(f"/proc/{pid}/task").iterdir()
                for count in re.findall(r"ctxt_switches:\s+(\d+)", (task / "status").read_text()))
 
 
 def idle(programs: Programs, seconds: int) -> Row:
-    """The service as it is delivered, waiting for a request."""
+    """Measures the unmodified service while it waits for a request."""
     camera = Camera(programs)
     with tempfile.TemporaryFile() as output:
         service = subprocess.Popen([programs.service], stdout=output)

@@ -1,4 +1,4 @@
-"""The timed figures. Every one is a ratio of two things run in turn; see pairs.py."""
+"""The timed figures. Each is a ratio of two programs that run alternately; see pairs.py."""
 import json
 import statistics
 import subprocess
@@ -13,7 +13,7 @@ START, WRITTEN, COMPARED = " start, moudle type", "upgrade success", "read verif
 
 
 class Module:
-    """One module of `size` bytes on the block device of `room` bytes."""
+    """An upgrade of one module of `size` bytes on a block device of `room` bytes."""
 
     def __init__(self, programs: Programs, camera: Camera, device: str, size: int, room: int):
         self.programs, self.camera, self.device, self.size = programs, camera, device, size
@@ -22,7 +22,7 @@ class Module:
         world.set_partition("kernel", device)
 
     def service(self) -> dict[str, float]:
-        """From the module's first line to its last. The memory is that of the whole process."""
+        """Measures from the module's first line of output to its last. Memory is that of the whole process."""
         world.fill(self.device, self.old)
         run = self.camera.upgrade(self.image)
         return {**run.taken, "wall": run.between(START, COMPARED),
@@ -34,14 +34,14 @@ class Module:
         return {**run.taken, "wall": run.between(START, WRITTEN)}
 
     def dd(self, *options: str) -> dict[str, float]:
-        """Onto an erased partition, as the service's own copy; then the comparison."""
+        """Copies with dd to an erased partition, as the service does, and compares with cmp."""
         world.fill(self.device, self.old)
         world.erase(self.device)
         copy = measured(self.programs, ["dd", f"if={self.image}", f"of={self.device}", *options])
         return total(copy, self.cmp())
 
     def flush_time(self) -> float:
-        """Seconds of one synchronous 16 KiB write."""
+        """Returns the duration of one synchronous 16 KiB write in seconds."""
         world.fill(self.device, self.old)
         copy = measured(self.programs, ["dd", f"if={self.image}", f"of={self.device}",
                                         *SYNCHRONOUS])
@@ -63,7 +63,7 @@ class Module:
 
 def module_figures(module: Module, where: str, seconds: float, only_dd: bool = False,
                    aims: bool = True) -> list[Row]:
-    """Without `aims` there are no goals for the time that passes."""
+    """`aims`: whether the wall times have goals."""
     what = f"{module.size // MIB} MiB, {where}: "
     things = {"ours": module.service,
               "dd": lambda: module.dd(*SYNCHRONOUS)}
@@ -114,7 +114,7 @@ def read_back(module: Module, where: str) -> Row:
 
 
 def growth(programs: Programs, camera: Camera, device: str) -> Row:
-    """What the peak memory of 256 MiB is more than that of 16 MiB."""
+    """Returns by how much the peak memory for 256 MiB exceeds that for 16 MiB."""
     modules = [Module(programs, camera, device, size * MIB, 256 * MIB) for size in (16, 64, 256)]
     peaks = [statistics.median(module.service()["peak"] for _ in range(5)) for module in modules]
     return Row("16, 64, 256 MiB: peak memory grows by", value=peaks[-1] - peaks[0], goal=64,
@@ -145,13 +145,13 @@ def erasing(programs: Programs, device: str, size: int, where: str) -> Row:
 
 
 def request_figures(programs: Programs, camera: Camera) -> list[Row]:
-    """Of the service whose pauses take no time, against the daemon that answers at once."""
+    """Measures the service without its fixed pauses, with the daemon that answers at once."""
     image = world.random_image("new", 16384)
     world.set_partition("kernel", "/run/small")
     Path("/run/small").write_bytes(bytes(16384))
     starts, requests, flushes, nothings = [], [], [], []
     for _ in range(21):
-        subprocess.run(["sync"], check=True)  # what others left to be written is not ours
+        subprocess.run(["sync"], check=True)  # write the dirty pages of other processes before the measurement
         nothings.append(measured(programs, ["true"])["wall"])
         run = camera.upgrade(image)
         starts.append(run.when("ota wait for ota message") - run.taken["started"])
@@ -160,9 +160,8 @@ def request_figures(programs: Programs, camera: Camera) -> list[Row]:
                                                   if "delete file" in line][-1])
 
     def row(figure: str, taken: list[float], goal: float, note: str = "") -> Row:
-        # These two are compared with no other program, so other work on the machine shows in full:
-        # the fastest has the least of it, and what the service needs lies between that and the
-        # median.
+        # These two have no baseline, so other load on the machine adds to them in full. It adds least to
+        # the fastest run: the true value is between the fastest run and the median.
         fastest, usual = round(min(taken) * 1000, 1), round(statistics.median(taken) * 1000, 1)
         return Row(figure, value=usual, goal=goal, low=fastest, high=usual, unit="ms",
                    note=f"median and fastest of {len(taken)}{note}")
@@ -174,7 +173,7 @@ def request_figures(programs: Programs, camera: Camera) -> list[Row]:
 
 
 def benchmark(program: Path, name: str, key: str) -> dict[str, float]:
-    """One run of one micro-benchmark; `key` is what of its results counts."""
+    """Runs one micro-benchmark once and returns the result with the name `key`."""
     out = Path("/tmp/benchmark.json")
     subprocess.run([program, f"--benchmark_filter=^{name}$", f"--benchmark_out={out}",
                     "--benchmark_min_time=0.2"], check=True, stdout=subprocess.DEVNULL,
@@ -183,7 +182,7 @@ def benchmark(program: Path, name: str, key: str) -> dict[str, float]:
 
 
 def log_figures(programs: Programs) -> list[Row]:
-    """CPU time, of which one thread spends all: waiting for others is not what is asked."""
+    """Measures CPU time, because waiting for readers must not count. A single thread does all the work."""
     names = ("line_of_service", "line_by_hand", "line_by_hand_with_time", "line_below_level",
              "line_to_empty_call")
     rounds = run_rounds({name: lambda name=name: benchmark(programs.bench / "log_benchmark", name,

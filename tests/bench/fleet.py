@@ -1,8 +1,8 @@
-"""The agent's figures, against a real rollout server on this machine; started by scripts/bench.
+"""Measures the agent with a real rollout server on this machine; started by scripts/bench.
 
-    fleet.py BUILD WORK SERVER.jar     BUILD: the build tree; WORK: a folder on disk
+    fleet.py BUILD WORK SERVER.jar     BUILD: the build folder; WORK: a folder on disk
 
-The server runs on the same processors, and serves both sides alike.
+The server runs on the same processors, so its load affects the agent and swupdate alike.
 """
 import json
 import re
@@ -23,17 +23,17 @@ QUIET_POLL, QUIET_SECONDS = "00:01:00", 45
 BUSY_POLL = "00:00:01"
 REPEATS = 3
 POLLS = 3000
-PAUSES = 8.0  # seconds: 2, 5 and 1 that the service waits in each upgrade
+PAUSES = 8.0  # seconds: the fixed pauses of the service in each upgrade, 2, 5 and 1 s
 
 
 # --- idle -----------------------------------------------------------------------------------------
 
 def quiet(rig: Rig, camera) -> tuple[int, float]:
-    """Memory in KiB, and context switches a minute, between two polls."""
+    """Returns memory in KiB and context switches per minute between two polls."""
     rig.management.set("pollingTime", QUIET_POLL)
     camera.start()
     before = 0
-    # The first answer tells the interval, the second poll comes after it.
+    # The first answer sets the polling interval, so the measurement begins after the second poll.
     while not rig.last_poll(camera.name):
         time.sleep(0.2)
     time.sleep(10)
@@ -95,13 +95,13 @@ def action_rows(rig: Rig, ours: OurCamera, other: Swupdate | None) -> list[Row]:
 # --- the download ---------------------------------------------------------------------------------
 
 class Download:
-    """Packages that are fetched and verified and no more, by the agent and by curl."""
+    """Packages that the agent, or curl, only downloads and verifies."""
 
     def __init__(self, rig: Rig, camera: OurCamera):
         self.rig, self.camera, self.mib, self.offered = rig, camera, LARGE, False
 
     def offer(self) -> None:
-        """Only the agent brings an action to its end."""
+        """Creates an action, unless the last one is still open: curl does not finish its action."""
         if not self.offered:
             self.rig.offer(f"signed-{self.mib}", self.rig.signed_package(self.mib),
                            self.camera.name, "downloadonly")
@@ -131,7 +131,7 @@ class Download:
         return self.measured("sh", "-c", '"$@" | openssl dgst -sha256', "sh", *self.curl_command())
 
     def rows(self) -> list[Row]:
-        self.agent()  # the server's code is compiled while it runs
+        self.agent()  # warm-up: the server compiles its code at run time
         rounds = run_rounds({"agent": self.agent, "hash": self.curl_and_hash, "curl": self.curl},
                             "cpu", seconds=60, most=12)
         self.agent()
@@ -148,8 +148,8 @@ class Download:
 
 
 def fetched_twice(rig: Rig, build: Path) -> Row:
-    """The agent is killed when 64 MiB have come, and starts again: what comes beyond what an agent
-    that is left alone gets."""
+    """Kills the agent after 64 MiB, and starts it again. Returns how many bytes more than without the
+    interruption the server sends."""
     forwarder = Forwarder(rig.server.port)
     camera = OurCamera(rig, "interrupted", build, LARGE, f"https://127.0.0.1:{forwarder.port}")
 
@@ -161,14 +161,14 @@ def fetched_twice(rig: Rig, build: Path) -> Row:
         run = camera.once()
         if cut_at:
             if not forwarder.reached.wait(300):
-                raise RuntimeError("the agent does not fetch")
+                raise RuntimeError("the agent does not download")
             run.kill()
             run.wait()
             time.sleep(1)
             run = camera.once()
-        _, said = run.communicate()
+        _, errors = run.communicate()
         if run.returncode != 0:
-            raise RuntimeError(f"corvo_agent once: {run.returncode}, {said.decode()}")
+            raise RuntimeError(f"corvo_agent once: {run.returncode}, {errors.decode()}")
         return forwarder.count
 
     whole = fetch(0)
@@ -176,7 +176,7 @@ def fetched_twice(rig: Rig, build: Path) -> Row:
     camera.close()
     return Row(f"{LARGE} MiB, killed at {MIDDLE} MiB: fetched twice", f"{cut / MIB:.2f} MiB",
                f"{whole / MIB:.2f} MiB", round((cut - whole) / MIB, 2), 4, unit="MiB", counted=True,
-               note="what the server sent; what was on its way and not yet flushed is lost")
+               note="bytes sent by the server; data in transit and not yet flushed is lost")
 
 
 # --- size, and the server -------------------------------------------------------------------------
@@ -191,25 +191,25 @@ def size_rows(build: Path, work: Path) -> list[Row]:
     stripped.unlink()
     return [Row("size of the agent, stripped", value=round(size), unit="KB", counted=True),
             Row("shared libraries of the agent", value=loaded, unit="libraries", counted=True,
-                note=f"it names {', '.join(needed)}")]
+                note=f"linked with {', '.join(needed)}")]
 
 
 def poll_rows(rig: Rig) -> list[Row]:
-    """What one server answers here, which shares the processors with who asks."""
+    """Measures how many polls one server answers here; client and server share the processors."""
     if lacking := missing("ab"):
         return [Row("polls a second that one server answers", note=lacking)]
     rig.add_target("asking")
 
     def rate(*more: str) -> float:
-        said = subprocess.run(["ab", "-q", "-c", "8", "-n", str(POLLS), *more, "-H",
+        output = subprocess.run(["ab", "-q", "-c", "8", "-n", str(POLLS), *more, "-H",
                                f"Authorization: {rig.authorization('asking')}",
                                f"{rig.url}/DEFAULT/controller/v1/asking"], check=True, text=True,
                               capture_output=True).stdout
-        if re.search(r"Non-2xx responses", said):
+        if re.search(r"Non-2xx responses", output):
             raise RuntimeError("the server refuses polls")
-        return float(re.search(r"Requests per second:\s+([\d.]+)", said)[1])
+        return float(re.search(r"Requests per second:\s+([\d.]+)", output)[1])
 
-    rate("-k")  # the server's code is compiled while it runs
+    rate("-k")  # warm-up: the server compiles its code at run time
     return [Row("polls a second that one server answers, connections kept", value=round(rate("-k")),
                 unit="polls/s"),
             Row("polls a second that one server answers, each with a TLS handshake",

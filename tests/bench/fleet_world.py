@@ -1,5 +1,5 @@
-"""A rollout server and two cameras that it serves, for measuring: one with the agent, the service and
-the daemon, one with swupdate, each in a root of its own."""
+"""For measurements: a rollout server and two cameras, one with the agent, the service and the daemon, one with
+swupdate, each in a private root."""
 import json
 import os
 import re
@@ -23,13 +23,14 @@ import rivals  # noqa: E402
 from camera import Camera  # noqa: E402
 from certificates import Authority  # noqa: E402
 from management import Management  # noqa: E402
-from server import DIES_WITH_US, HOST, Server  # noqa: E402
+from server import DIES_WITH_PARENT, HOST, Server  # noqa: E402
 
 MIB = 1 << 20
 COMPATIBLE, VERSION = "camera", "2.0"
-KEPT = ("bash", "sleep", "unshare", "setpriv", "private_root", "camera")  # the played root's own
+# Processes of the simulation, which are not counted as processes of the camera.
+NOT_COUNTED = ("bash", "sleep", "unshare", "setpriv", "private_root", "camera")
 LONGEST_ACTION = 300  # seconds
-# It keeps its state in the boot environment, and does not start without.
+# swupdate keeps its state in the boot environment, and does not start without one.
 ENVIRONMENT = """
 echo "$1 0x0 0x4000" > /etc/fw_env.config
 if [ ! -e "$1" ]; then
@@ -44,7 +45,7 @@ TENANT = "DEFAULT/controller/v1"
 
 
 class Rig:
-    """The server, what it offers, and how long an action took by its own clock."""
+    """The server and its offers; measures the duration of actions by the server's clock."""
 
     def __init__(self, work: Path, build: Path, jar: Path):
         self.work, self.build = work / "fleet", build
@@ -72,7 +73,8 @@ class Rig:
         return self.tokens[name]
 
     def offer(self, package: str, files: list[Path], target: str, kind: str = "forced") -> int:
-        """A new set each time, as one that was installed is not offered again. The action's id."""
+        """Offers a package and returns the id of the action. Creates a new distribution set each time, because
+        the server does not offer an installed set again."""
         if package not in self.modules:
             self.modules[package] = self.management.create_module(package, VERSION, files)
         made = self.management.create_set(f"{package}-{secrets.token_hex(4)}", VERSION,
@@ -81,7 +83,7 @@ class Rig:
         return self.management.last_action(target)["id"]
 
     def status(self, target: str, action: int, wanted: str) -> int | None:
-        """When, in ms of the server's clock, the action got that status."""
+        """Returns when the action got the status `wanted` (ms of the server's clock); None: not yet."""
         for status in self.management.statuses(target, action):
             if status["type"] == wanted:
                 return status["reportedAt"]
@@ -93,7 +95,7 @@ class Rig:
         return self.management.call("GET", f"targets/{target}/actions/{action}")["createdAt"]
 
     def last_poll(self, target: str) -> int:
-        """ms of the server's clock; 0: never."""
+        """Returns the time of the target's last poll in ms of the server's clock; 0: none yet."""
         return self.management.call("GET", f"targets/{target}").get("lastControllerRequestAt") or 0
 
     def ask(self, target: str, url: str) -> dict:
@@ -107,7 +109,7 @@ class Rig:
         return f"TargetToken {self.tokens[target]}"
 
     def links(self, target: str) -> dict[str, str]:
-        """Of the files that the target is offered."""
+        """Returns the download link of each file that is offered to the target."""
         poll = self.ask(target, f"{self.url}/{TENANT}/{target}")
         offer = self.ask(target, poll["_links"]["deploymentBase"]["href"])
         return {file["filename"]: file["_links"]["download"]["href"]
@@ -130,28 +132,28 @@ class Rig:
 
 
 class Processes:
-    """Everything that runs in the root that a process has made, less what only plays the root.
-    Raises OSError or ValueError while it is not made."""
+    """The processes in the private root that the process `root` has created, without those of the simulation.
+    Raises OSError or ValueError while the private root does not exist yet."""
 
     def __init__(self, root: int):
         (inside,) = Path(f"/proc/{root}/task/{root}/children").read_text().split()
         self.space = os.readlink(f"/proc/{inside}/ns/pid")
         if self.space == os.readlink("/proc/self/ns/pid"):
-            raise OSError("the root is not made yet")
+            raise OSError("the private root does not exist yet")
 
     def each(self) -> list[Path]:
         found = []
         for entry in Path("/proc").glob("[0-9]*"):
             try:
                 if os.readlink(entry / "ns/pid") == self.space and (
-                        (entry / "comm").read_text().strip() not in KEPT):
+                        (entry / "comm").read_text().strip() not in NOT_COUNTED):
                     found.append(entry)
             except OSError:
-                pass  # it has ended
+                pass  # the process has ended
         return found
 
     def memory(self) -> int:
-        """KiB, with what several share split among them."""
+        """Returns the memory in KiB (PSS: shared pages are divided among the processes that share them)."""
         total = 0
         for entry in self.each():
             try:
@@ -162,7 +164,7 @@ class Processes:
         return total
 
     def switches(self) -> int:
-        """Of all threads, voluntary and not."""
+        """Counts the voluntary and involuntary context switches of all threads."""
         total = 0
         for status in (task / "status" for entry in self.each() for task in (entry / "task").iterdir()):
             try:
@@ -173,7 +175,8 @@ class Processes:
 
 
 class OurCamera:
-    """`programs`: the folder with the agent, the service, the daemon and otactl."""
+    """A simulated camera with the agent. `programs`: the folder of the agent, the service, the daemon and
+    otactl."""
 
     def __init__(self, rig: Rig, name: str, programs: Path, mib: int, url: str = ""):
         self.rig, self.name = rig, name
@@ -193,30 +196,30 @@ class OurCamera:
         return Processes(self.camera.process.pid)
 
     def upgrade(self, mib: int) -> dict[str, float]:
-        """From the offer to the verdict, by the server's clock; the peak of its memory."""
+        """Returns the time from the offer to the result by the server's clock, and the peak memory."""
         action = self.rig.offer(f"signed-{mib}", self.rig.signed_package(mib), self.name)
         peak, end = 0, time.monotonic() + LONGEST_ACTION
         while (done := self.rig.status(self.name, action, "finished")) is None:
             until = time.monotonic() + 0.5
             while time.monotonic() < until:
-                self.camera.look()
+                self.camera.update()
                 try:
                     peak = max(peak, self.processes().memory())
                 except (OSError, ValueError):
-                    pass  # it restarts
+                    pass  # the camera restarts
                 time.sleep(0.02)
             if self.camera.fault or time.monotonic() > end:
-                raise RuntimeError(self.camera.fault or f"{self.name}: no end: {self.camera.stage}")
+                raise RuntimeError(self.camera.fault or f"{self.name}: not finished: {self.camera.stage}")
         return {"wall": (done - self.rig.began(self.name, action)) / 1000, "peak": peak}
 
     def forget_package(self) -> None:
-        """What was fetched before would not be fetched again."""
+        """Deletes the downloaded package, so that it is downloaded again."""
         shutil.rmtree(self.camera.folder / "card/ota")
         (self.camera.folder / "card/ota").mkdir()
 
     def once(self, *under) -> subprocess.Popen:
-        """One poll and what follows, alone in the camera."""
-        return subprocess.Popen([*DIES_WITH_US, *self.camera.command(
+        """Starts `corvo_agent once` (one poll, and the action that follows) as the camera's only program."""
+        return subprocess.Popen([*DIES_WITH_PARENT, *self.camera.command(
             *under, self.camera.programs / "corvo_agent", "once")], stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
 
@@ -224,9 +227,9 @@ class OurCamera:
         self.forget_package()
         result = self.camera.folder / "taken"
         run = self.once(self.rig.build / "tests/bench/measure", result)
-        _, said = run.communicate()
+        _, errors = run.communicate()
         if run.returncode != 0:
-            raise RuntimeError(f"corvo_agent once: {run.returncode}, {said.decode()}")
+            raise RuntimeError(f"corvo_agent once: {run.returncode}, {errors.decode()}")
         return json.loads(result.read_text())
 
     def close(self) -> None:
@@ -234,7 +237,8 @@ class OurCamera:
 
 
 class Swupdate:
-    """In its mode for this server. A restart of the camera is one of swupdate, told to confirm."""
+    """A camera with swupdate in its mode for this server. Instead of a restart of the camera, only swupdate is
+    started again, with the option to confirm the upgrade."""
 
     def __init__(self, rig: Rig, name: str, image: Path, mib: int):
         self.rig, self.name = rig, name
@@ -250,9 +254,9 @@ class Swupdate:
     def start(self, *more: str, poll: int | None = None) -> None:
         options = ["-t", "DEFAULT", "-u", self.rig.url, "-i", self.name, "-k", self.token, "-x",
                    *(["-p", str(poll)] if poll else []), *more]
-        with open(self.folder / "said.txt", "ab") as output:
+        with open(self.folder / "output.txt", "ab") as output:
             self.process = subprocess.Popen(
-                [*DIES_WITH_US, SCRIPTS / "private_root", "bash", "-c", ENVIRONMENT, "environment",
+                [*DIES_WITH_PARENT, SCRIPTS / "private_root", "bash", "-c", ENVIRONMENT, "environment",
                  self.folder / "environment", "swupdate", "-B", "uboot", "-l", "3", "-M", "-m", "-H",
                  "camera:1.0", "-k", rivals.SIGNER / "cert.pem", "-p", f"touch {self.installed}",
                  "-u", " ".join(options)], stdin=subprocess.DEVNULL, stdout=output,
@@ -275,7 +279,7 @@ class Swupdate:
             peak = max(peak, self.processes().memory())
             time.sleep(0.02)
             if self.process.poll() is not None or time.monotonic() > end:
-                raise RuntimeError(f"swupdate has not installed it, see {self.folder}/said.txt")
+                raise RuntimeError(f"swupdate has not installed it, see {self.folder}/output.txt")
         self.stop()
         self.start("-c", "2", poll=1)
         while (done := self.rig.status(self.name, action, "finished")) is None:
@@ -290,7 +294,7 @@ class Swupdate:
 
 
 class Forwarder:
-    """Passes bytes on to the server and counts those that come back, over all connections."""
+    """Forwards connections to the server, and counts the bytes that the server sends on all of them."""
 
     def __init__(self, port: int):
         self.target, self.count, self.limit = port, 0, 0
@@ -302,10 +306,10 @@ class Forwarder:
     def serve(self) -> None:
         while True:
             client, _ = self.listener.accept()
-            threading.Thread(target=self.pass_on, args=(client,), daemon=True).start()
+            threading.Thread(target=self.forward, args=(client,), daemon=True).start()
 
-    def pass_on(self, client: socket.socket) -> None:
-        # What would wait here for a slow reader was not sent to it.
+    def forward(self, client: socket.socket) -> None:
+        # A small buffer, because bytes that wait in it count as sent although the client has not read them.
         client.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 65536)
         with client, socket.create_connection((HOST, self.target)) as server:
             while True:

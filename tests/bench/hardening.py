@@ -1,4 +1,4 @@
-"""What the protections of cmake/hardening.cmake cost: the same programs built with them and without."""
+"""Measures the cost of the protections in cmake/hardening.cmake: the same programs built with and without."""
 import subprocess
 from pathlib import Path
 

@@ -1,5 +1,5 @@
-// The system-call daemon's endpoint without what it would run: every command succeeds at once, the
-// boot slot is A. So what is timed is the service's own part in a call. Runs until it is killed.
+// A system-call daemon that runs no commands: every command succeeds at once, and the boot slot is
+// A. So only the service's own part of a call is measured. Runs until it is killed.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>

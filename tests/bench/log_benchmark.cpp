@@ -1,5 +1,6 @@
-// A log line against what it is made of. Standard output, which gets the lines, should be
-// /dev/null, so that nothing hides behind a slow reader; results go to --benchmark_out.
+// Measures a log line and the calls of which it consists. Standard output, where the lines go,
+// should be /dev/null, because a slow reader would dominate the time; results go to
+// --benchmark_out.
 #include <benchmark/benchmark.h>
 #include <stdio.h>
 
@@ -9,7 +10,7 @@
 
 namespace {
 
-// From here the compiler must not see through, as it cannot in the service.
+// Volatile, so that the compiler does not know the value: in the service it does not either.
 const char* volatile partition = "kernel";
 
 void line_of_service(benchmark::State& state) {
@@ -37,7 +38,7 @@ void line_by_hand_with_time(benchmark::State& state) {
 }
 BENCHMARK(line_by_hand_with_time);
 
-// The threshold is 3 in a process that has not set it.
+// The default threshold of a process is level 3.
 void line_below_level(benchmark::State& state) {
     for (auto _ : state) {
         CORVO_LOG(LOG_LEVEL_DETAIL, LOG_OUTPUT_CONSOLE, LOG_MODULE_UPGRADE,

@@ -1,11 +1,11 @@
-// Runs a command and writes what it took to a file, one line of JSON:
+// Runs a command and writes its times and peak memory to a file, as one line of JSON:
 //
 //   measure FILE COMMAND [ARGUMENT...]
 //   {"started": seconds on the monotonic clock, "wall": seconds, "cpu": seconds, "peak": KiB,
 //    "status": number}
 //
-// Linux counts the memory of whoever forked a process into that process's peak, so figures have to
-// be taken from a parent that is smaller than anything it measures. A scripting language is not.
+// On Linux the peak memory of a process includes that of its parent at the time of the fork. So the
+// parent must be smaller than every program that it measures; an interpreter would be too large.
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>

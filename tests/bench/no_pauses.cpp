@@ -1,5 +1,5 @@
-// Stands behind sleep() and usleep() of the service's objects, so that what they do between their
-// fixed pauses can be timed. Built in by the linker (--wrap).
+// Replaces sleep() and usleep() in the service's objects (linker option --wrap), so that the time
+// between the fixed pauses can be measured.
 #include <unistd.h>
 
 extern "C" {

@@ -1,30 +1,30 @@
-"""Figures as ratios of two things run in turn: A B A B ..., so that whatever else the machine does
-meets both alike. What it does still scatters them, so a verdict is one on an interval."""
+"""Figures as ratios of two programs that run alternately, A B A B ..., so that other load on the machine affects
+both alike. The load still scatters the ratios, so a goal is compared with a confidence interval."""
 import math
 import statistics
 import time
 from dataclasses import dataclass
 
-LEAST_PAIRS = 6  # fewer give no interval of this confidence
+LEAST_PAIRS = 6  # fewer pairs do not allow an interval of this confidence
 CONFIDENCE = 0.95
-STABLE = 0.02  # a median with an interval that reaches no farther than this needs no more pairs
-NEAR_FLOOR = 1.25  # a goal out of reach counts as reached within this of the floor
+STABLE = 0.02  # stop when half of the interval's width is less than this part of the median
+NEAR_FLOOR = 1.25  # an unreachable goal counts as reached up to this multiple of the floor
 
 
 @dataclass
 class Row:
-    """One line of the table. Without `value` it says why there is none."""
+    """One line of the table. Without a `value`, the note gives the reason."""
 
     figure: str
     ours: str = ""
     baseline: str = ""
     value: float | None = None  # what the goal is compared with: a ratio, or a plain number
     goal: float | None = None
-    low: float | None = None  # between which the value lies, where it was timed
+    low: float | None = None  # confidence interval of a timed value
     high: float | None = None
-    unit: str = ""  # of a plain number; a ratio has none
-    floor: float | None = None  # what the bare calls that must be made give
-    counted: bool = False  # does not depend on how busy the machine is
+    unit: str = ""  # unit of a plain number; a ratio has none
+    floor: float | None = None  # ratio of the unavoidable system calls alone to the same baseline
+    counted: bool = False  # counted, so it does not depend on the load of the machine
     note: str = ""
 
     def verdict(self) -> str:
@@ -43,8 +43,9 @@ class Row:
 
 
 def interval(values: list[float]) -> tuple[float, float]:
-    """Between which the median lies with CONFIDENCE, whatever the values' distribution: as many are
-    left out at each end as a fair coin would hardly ever show heads fewer times."""
+    """Returns the confidence interval of the median for any distribution of the values. It is given by order
+    statistics: the number of values below the median has a binomial distribution (p = 1/2), which
+    determines how many values are left out at each end."""
     ordered, left_out, chance = sorted(values), 0, 0.0
     while True:
         chance += math.comb(len(ordered), left_out) / 2 ** len(ordered)
@@ -56,8 +57,8 @@ def interval(values: list[float]) -> tuple[float, float]:
 
 
 class Rounds:
-    """What several things took that ran in turn, per thing and round: a dict of "wall", "cpu" and
-    so on. A ratio is taken within a round, and the median is over the rounds."""
+    """Results of several things that ran alternately: for each thing and round a dict of "wall", "cpu" etc.
+    Ratios are computed within a round; the median is that of all rounds."""
 
     def __init__(self):
         self.taken: dict[str, list[dict[str, float]]] = {}
@@ -78,14 +79,14 @@ class Rounds:
 
 
 def spread(values: list[float]) -> float:
-    """How far the median may be off, as a part of it."""
+    """Returns the possible error of the median relative to the median: half of the interval's width."""
     low, high = interval(values)
     return (high - low) / 2 / statistics.median(values)
 
 
 def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int = 41) -> Rounds:
-    """Runs all in turn, each a procedure that returns what it took: LEAST_PAIRS rounds, then on
-    until the ratio of the first two in `name` is stable or the time is used up."""
+    """Runs all things alternately; each is a function that returns its result. Runs at least LEAST_PAIRS
+    rounds, then continues until the ratio of the first two things in `name` is stable or the time is up."""
     rounds = Rounds()
     ours, baseline = list(things)[:2]
     end = time.monotonic() + seconds

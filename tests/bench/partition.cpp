@@ -1,8 +1,8 @@
-// One operation of the service on one partition, as a process of its own:
+// Runs one operation of the service on one partition in a separate process:
 //
-//   partition erase NAME              the eraser of the eMMC driver
-//   partition write NAME FILE         its copy
-//   partition compare NAME FILE       the read-back comparison
+//   partition erase NAME              the erase of the eMMC driver
+//   partition write NAME FILE         the copy of the eMMC driver
+//   partition compare NAME FILE       the service's read-back comparison
 #include <stdio.h>
 #include <string.h>
 

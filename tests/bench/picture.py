@@ -1,6 +1,5 @@
-"""Where the time of an upgrade goes: stages of a run of the service as it is delivered, and their
-bar as SVG."""
-# A stage ends with the first line that contains the text. The colour of its bar.
+"""Measures the duration of each stage of an upgrade with the unmodified service, and draws them as SVG."""
+# Name of the stage, text of the line with which it ends, colour of its bar.
 STAGES = (
     ("stop the applications (2 s pause)", "ota kill process end", "#8da0cb"),
     ("prepare and check", " start, moudle type", "#e78ac3"),

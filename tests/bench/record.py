@@ -1,4 +1,4 @@
-"""Puts a run's figures into the documentation: the table between its two marks, and the picture.
+"""Writes the figures of a run into a page: the table between its two marks, and the picture.
 
     record.py RESULT.json DOCUMENT.md [PICTURE.svg]
 """
@@ -33,7 +33,7 @@ def table(result: dict) -> str:
     for taken in result["rows"]:
         verdict = taken.pop("verdict")
         row = Row(**taken)
-        row.figure = row.figure.replace("|", "\\|")  # which would end the cell
+        row.figure = row.figure.replace("|", "\\|")  # a plain "|" would end the table cell
         if row.value is None:
             lines.append(f"| {row.figure} | | | | | | skipped: {row.note} |")
             continue

@@ -1,5 +1,5 @@
-"""Other programs that write an image to a partition: swupdate's raw handler and rauc's write-slot,
-each set up as its manual page says."""
+"""Other programs that write an image to a partition: swupdate's raw handler and rauc's write-slot, each
+configured as its manual page describes."""
 import os
 import shutil
 import subprocess
@@ -11,7 +11,7 @@ SIGNER = Path("/tmp/signer")
 
 
 def missing(*programs: str) -> str:
-    """The programs that are not there, for a line of the table; empty when all are."""
+    """Returns a note with the programs that are not installed; empty if all are."""
     absent = [p for p in programs if shutil.which(p) is None]
     return f"not installed: {', '.join(absent)}" if absent else ""
 
@@ -21,11 +21,11 @@ def quietly(*command, **more) -> None:
 
 
 def make_signer() -> None:
-    """A key and a certificate that says what it is for, as swupdate asks of a signer."""
+    """Creates a key and a certificate with the key usage that swupdate requires of a signer."""
     if SIGNER.exists():
         return
     SIGNER.mkdir()
-    # The private root has no configuration of openssl, and the desk's is not asked.
+    # The private root has no configuration of openssl, and that of the host must not be used.
     config = SIGNER / "openssl.cnf"
     config.write_text("[req]\ndistinguished_name = name\n[name]\n")
     os.environ["OPENSSL_CONF"] = str(config)
@@ -53,7 +53,7 @@ class Swupdate:
                 SIGNER / "key.pem", "-outform", "DER", "-nosmimecap", "-binary")
         self.package = folder / "camera.swu"
         with open(self.package, "wb") as out:
-            # The description must come first.
+            # swupdate requires that the description is the first file.
             subprocess.run(["cpio", "-o", "-L", "-H", "crc"], check=True, cwd=folder, stdout=out,
                            input=b"sw-description\nsw-description.sig\nkernel.bin\n",
                            stderr=subprocess.DEVNULL)
@@ -68,7 +68,7 @@ class Rauc:
 
     def __init__(self, image: Path, device: str):
         self.config = Path("/tmp/rauc.conf")
-        self.image = Path("/tmp/rauc.img")  # the suffix tells rauc how to write it
+        self.image = Path("/tmp/rauc.img")  # rauc chooses its way of writing by the suffix
         self.image.unlink(missing_ok=True)
         self.image.symlink_to(image)
         self.config.write_text("[system]\ncompatible=camera\nbootloader=noop\n"

@@ -1,6 +1,6 @@
-"""Runs all figures and prints the table; started by scripts/bench inside scripts/private_root.
+"""Measures all figures and prints the table; started by scripts/bench inside scripts/private_root.
 
-    run.py BUILD WORK [--quick]     BUILD: the build tree; WORK: a folder on disk
+    run.py BUILD WORK [--quick]     BUILD: the build folder; WORK: a folder on disk
 """
 import argparse
 import json
@@ -21,14 +21,14 @@ from pairs import Row, print_head, print_row
 from world import MIB, SYNCHRONOUS, Camera, Loops, Programs
 
 IDLE_SECONDS, IDLE_SECONDS_QUICK = 60, 5
-# A synchronous chunk costs what the disk's flush costs. A run must not take longer than this, or
-# six rounds of all programs do not fit into ten minutes; the image is halved until it does.
+# The duration of a synchronous write depends on how fast the disk flushes. If a run takes longer than this,
+# the image is halved, because otherwise six rounds of all programs take more than ten minutes.
 LONGEST_RUN = 4  # seconds
 SIZES = (64, 32, 16, 8, 4)  # MiB
 
 
 def module_on_disk(programs: Programs, camera: Camera, device: str, room: int) -> figures.Module:
-    """The largest module that is copied in time."""
+    """Returns the largest module that is copied within LONGEST_RUN."""
     for size in SIZES:
         module = figures.Module(programs, camera, device, size * MIB, room)
         if module.dd(*SYNCHRONOUS)["wall"] < LONGEST_RUN:
@@ -86,7 +86,7 @@ def main() -> int:
     arguments.add_argument("--quick", action="store_true")
     options = arguments.parse_args()
     if not os.path.exists("/.private_root"):
-        sys.exit("run.py: for scripts/private_root only")
+        sys.exit("run.py: runs only inside scripts/private_root")
     programs = Programs(options.build)
     rows: list[Row] = []
 
@@ -95,7 +95,7 @@ def main() -> int:
         print_row(row, sys.stdout)
 
     try:
-        os.nice(-10)  # both sides alike, so that other work on the machine comes between less
+        os.nice(-10)  # for all measured programs alike, so that other load interrupts them less
     except PermissionError:
         pass
     began = time.monotonic()

@@ -1,4 +1,5 @@
-"""What it costs otactl to verify a signed package, beside the openssl commands that do each half."""
+"""Measures how otactl verifies a signed package, compared with openssl commands that check only the signature or
+only the hash."""
 import shutil
 import statistics
 import subprocess
@@ -16,7 +17,7 @@ MAKE_PKI = Path(__file__).resolve().parents[2] / "scripts/make_pki"
 
 
 def pack(programs: Programs, size: int) -> Path:
-    """A folder with one image of so many MiB, and its signed manifest."""
+    """Creates a folder with one image of `size` MiB and its signed manifest."""
     folder = world.PACKAGES / f"signed-{size}"
     folder.mkdir()
     world.random_image("signed", size * MIB).rename(folder / "kernel.bin")
@@ -43,7 +44,7 @@ def hasher(_: Programs, folder: Path) -> list:
 
 
 class Packages:
-    """Signed packages of three sizes, for as long as the figures take."""
+    """Signed packages of several sizes, which are deleted at the end of the "with" block."""
 
     def __enter__(self):
         world.PACKAGES.mkdir(parents=True, exist_ok=True)
@@ -64,12 +65,13 @@ class Packages:
             shutil.rmtree(folder)
 
     def peak(self, command, size: int) -> float:
-        """KiB."""
+        """Returns the median of the peak memory in KiB."""
         return statistics.median(measured(self.programs, command(self.programs, self.of(size)))
                                  ["peak"] for _ in range(REPEATS))
 
     def instructions(self, command) -> float:
-        """Per MiB: what twice as many take more, so that a program's start drops out."""
+        """Returns the instructions per MiB from the difference of two sizes, so that the start of the program
+        cancels out."""
         taken = []
         for size in (SMALL, TWICE):
             subprocess.run([*CALLGRIND, *command(self.programs, self.of(size))], check=True,

@@ -1,5 +1,5 @@
-"""A camera for measuring: loop devices as partitions, images, a daemon that answers at once, and
-runs of the service with the time of each line it prints. For use inside scripts/private_root."""
+"""A simulated camera for measurements: loop devices as partitions, images, a daemon that answers at once, and
+runs of the service with the time of each line of its output. Runs only inside scripts/private_root."""
 import json
 import os
 import stat
@@ -9,15 +9,15 @@ from dataclasses import dataclass
 from pathlib import Path
 
 BY_NAME = Path("/dev/block/by-name")
-PACKAGES = Path("/media/mmcblk0p1")  # in memory, so that reading an image costs both sides nothing
+PACKAGES = Path("/media/mmcblk0p1")  # a tmpfs, so that reading an image costs no disk access
 IMAGES = PACKAGES / "kept"
 KERNEL = PACKAGES / "kernel.bin"
 MIB = 1 << 20
-SYNCHRONOUS = ("bs=16k", "oflag=dsync", "conv=notrunc")  # what the service's copy does, for dd
+SYNCHRONOUS = ("bs=16k", "oflag=dsync", "conv=notrunc")  # options of dd for a copy like the service's
 
 
 class Programs:
-    """What was built, under one folder."""
+    """The paths of the programs in a build folder."""
 
     def __init__(self, build: Path):
         self.service = build / "corvo_upgrade"
@@ -35,8 +35,8 @@ class Loops:
         self.holds: list[int] = []
 
     def attach(self, file: Path, size: int) -> str:
-        """A block device of `size` bytes over the file, which it makes. Raises OSError when the
-        machine gives none."""
+        """Creates the file and a block device of `size` bytes on it. Raises OSError if the machine has no loop
+        device."""
         self.files.append(file)
         with open(file, "wb") as new:
             new.truncate(size)
@@ -48,15 +48,16 @@ class Loops:
             if not os.path.exists(device):
                 number = os.makedev(7, int(device.removeprefix("/dev/loop")))
                 os.mknod(device, 0o600 | stat.S_IFBLK, number)
-            # Another one may have taken it in between.
+            # Another process may have taken the same free device since losetup -f.
             taken = subprocess.run(["losetup", "--direct-io=on", device, str(file)],
                                    capture_output=True)
             if taken.returncode == 0:
-                # Detached but held open, it goes with this process, however that ends.
+                # Detach it but hold it open: the kernel removes it when this process ends, for whatever
+                # reason.
                 self.holds.append(os.open(device, os.O_RDONLY))
                 subprocess.run(["losetup", "-d", device], check=True)
                 return device
-        raise OSError("this machine gives no loop devices")
+        raise OSError("loop devices are not available on this machine")
 
     def detach_all(self) -> None:
         for hold in self.holds:
@@ -67,7 +68,7 @@ class Loops:
 
 
 def random_image(name: str, size: int) -> Path:
-    """An image of random bytes; the same file each time."""
+    """Returns an image of random bytes; creates it only the first time."""
     file = IMAGES / f"{name}-{size}"
     if not file.exists():
         IMAGES.mkdir(exist_ok=True)
@@ -78,7 +79,7 @@ def random_image(name: str, size: int) -> Path:
 
 
 def fill(device: str, image: Path) -> None:
-    """Puts an image on the device by the quick way, as what an earlier upgrade left."""
+    """Writes an image to the device quickly (not synchronously), as the content before the upgrade."""
     subprocess.run(["dd", f"if={image}", f"of={device}", "bs=1M", "conv=fsync,notrunc"],
                    check=True, capture_output=True)
     drop_cache(device)
@@ -100,7 +101,7 @@ def set_partition(name: str, target: str) -> None:
 
 
 def measured(programs: Programs, command: list, quiet: bool = True) -> dict[str, float]:
-    """Runs a command to its end; see measure.cpp for what is returned."""
+    """Runs a command to its end and returns the result of measure.cpp."""
     result = Path("/tmp/measured")
     output = subprocess.DEVNULL if quiet else None
     status = subprocess.run([programs.bench / "measure", result, *command], stdout=output,
@@ -111,13 +112,13 @@ def measured(programs: Programs, command: list, quiet: bool = True) -> dict[str,
 
 
 def total(*parts: dict[str, float]) -> dict[str, float]:
-    """Several processes one after the other."""
+    """Adds up the results of processes that ran one after the other."""
     return {"wall": sum(p["wall"] for p in parts), "peak": max(p["peak"] for p in parts)}
 
 
 @dataclass
 class Run:
-    """One run of the service: when each line came, and what the process took."""
+    """One run of the service: the time of each line of output, the end, and the result of measure.cpp."""
 
     lines: list[tuple[float, str]]
     ended: float
@@ -151,10 +152,10 @@ class Camera:
         return [self.programs.otactl, "send", "files", "--dir", f"{PACKAGES}/", "kernel"]
 
     def upgrade(self, image: Path, program: Path | None = None, under: tuple = ()) -> Run:
-        """Files mode: the image becomes the partition "kernel". `under`: the command that the
-        service is to be run by."""
+        """Runs an upgrade in files mode that writes the image to the partition "kernel". `under`: a command
+        that runs the service, such as strace."""
         KERNEL.unlink(missing_ok=True)
-        KERNEL.hardlink_to(image)  # the service deletes it in the end
+        KERNEL.hardlink_to(image)  # a link, because the service deletes the file after the upgrade
         return self.run(self.send_files(), program, under)
 
     def upgrade_combined(self, image: Path) -> Run:
