@@ -14,6 +14,7 @@ target_compile_definitions(test_camera PRIVATE
 add_dependencies(test_camera corvo_upgrade corvo_upgrade_with_faults)
 
 corvo_test(upgrade_test SOURCES upgrade_test.cpp LINK test_camera ota otactl_parts)
+target_include_directories(upgrade_test PRIVATE ${PROJECT_SOURCE_DIR}/src/ota)
 
 corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera otactl_parts)
 corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)

@@ -130,6 +130,7 @@ TEST_F(Led, FailingWaitsDoNotSpin) {
     wait_for_ticks(10);
     led.deinit(0);
     EXPECT_EQ(Faults::calls("usleep"), Faults::calls("select") * 250000);
+    EXPECT_EQ(Faults::calls("tick"), Faults::calls("select") * 250);
 }
 
 TEST_F(Led, ActsChangeWhileTheModuleStartsAndStops) {

@@ -1,12 +1,15 @@
 // The log line's form and bounds, and the bytes that reach a subscriber.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "files.h"
 #include "kt_mmc.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
+#include "otactl/log_line.h"
 #include "otactl/log_stream.h"
 
 static std::string g_refused;  // the call of nanomsg that fails
@@ -86,14 +89,15 @@ TEST(Log, ThresholdMaskAndGateDecideWhatIsPrinted) {
 
 TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     EXPECT_EQ(Corvo_LogProducerInit(0), LOG_PRODUCER_MISSING_ARGUMENT);
+    LogStream subscriber;
+    std::string record;
+    ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
+    usleep(50000);  // it finds nobody at first
     // Several bits: the highest counts, 768 is module 10 as 512 is.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(g_slept_us, 100000U) << "subscribers connect meanwhile";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
-    LogStream subscriber;
-    std::string record;
-    ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
-    ASSERT_TRUE(subscriber.wait_connected(20000));
+    ASSERT_TRUE(subscriber.wait_connected(500)) << "it tries much more often";
     const std::string line = std::string(38, 'a') + '\n' + '\0';
     ASSERT_EQ(Corvo_LogProducerSend(3, line.data(), 40), LOG_PRODUCER_OK);
     const std::string second = printed(3, LOG_OUTPUT_CONSOLE, "second") + '\0';
@@ -102,6 +106,10 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     subscriber.receive(record, 20000);
     EXPECT_EQ(record, TOPIC + std::string("|\3\0\0\0", 5) + static_cast<char>(second.size()) +
                           std::string(3, '\0') + second);
+    PublishedLine parsed = {};
+    EXPECT_TRUE(parse_log_message(record, parsed));
+    record.pop_back();
+    EXPECT_FALSE(parse_log_message(record, parsed)) << "a part of a record";
     Corvo_LogProducerUnInit();
 }
 
@@ -116,6 +124,11 @@ TEST(Log, RefusedCallsAndArgumentsAreCodes) {
     EXPECT_EQ(Corvo_LogProducerSend(3, "x", 1), LOG_PRODUCER_SEND_FAILED);
     g_refused = "";
     Corvo_LogProducerUnInit();
+    const int descriptors = open_descriptors();
+    ASSERT_EQ(mkdir("/tmp/corvo_log_pub_ipc010", 0755), 0);
+    EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_BIND_FAILED);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    remove("/tmp/corvo_log_pub_ipc010");
     char text[32] = "";
     void* nothing = nullptr;
     EXPECT_EQ(KT_mmcSocket(nullptr), LOG_PRODUCER_MISSING_ARGUMENT);

@@ -61,6 +61,7 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     const HalOtaInterface& ota = AXERA_OTA_INTERFACE;
     EXPECT_EQ(ota.upgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC), 2);
     EXPECT_EQ(ota.openPartition(nullptr, 0, STORAGE_TYPE_MMC, &fd), 2);
+    EXPECT_EQ(ota.openPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
     EXPECT_EQ(ota.erasePartition(nullptr, STORAGE_TYPE_MMC), 2);
     EXPECT_EQ(read_file(BY_NAME + "kernel"), "old");
     EXPECT_EQ(NV_INTERFACE.init() + NV_INTERFACE.deinit(), 0);

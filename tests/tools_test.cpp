@@ -14,6 +14,7 @@
 #include <future>
 #include <thread>
 
+#include "base/ignore_result.h"
 #include "base/unique_fd.h"
 #include "dbus/system_call.h"
 #include "files.h"
@@ -26,7 +27,7 @@
 namespace {
 
 struct SystemCallDaemon : testing::Test {
-    void start(const char* limitMs) {
+    void start(const char* limitMs, const char* popenLimitMs = "1000") {
         pid_ = fork();
         if (pid_ == 0) {
             const rlimit none = {};
@@ -34,8 +35,9 @@ struct SystemCallDaemon : testing::Test {
             // As a parent may hand them down.
             signal(SIGCHLD, SIG_IGN);
             umask(0);
+            dup2(STDIN_FILENO, 77);
             execl(SYSTEM_CALL_DAEMON, "system_call_daemon", "--system-limit", limitMs,
-                  "--popen-limit", limitMs, nullptr);
+                  "--popen-limit", popenLimitMs, nullptr);
             _exit(127);
         }
         ASSERT_EQ(DBUS_OK, system_call_init());
@@ -60,13 +62,14 @@ struct SystemCallDaemon : testing::Test {
 };
 
 TEST_F(SystemCallDaemon, RepliesWithExitStatusAndOutputAndCommandsInheritNothing) {
-    start("20000");
+    start("20000", "20000");
+    EXPECT_EQ(0, kill(pid_, SIGPIPE));
     EXPECT_EQ(0, system_call("true", 0));
     EXPECT_EQ(7, system_call("exit 7", 0));
     EXPECT_EQ(128 + SIGTERM, system_call("kill -15 $$", 0));
     EXPECT_EQ(std::string(1024, 'x'), output_of("head -c 300000 /dev/zero | tr '\\0' x"));
     EXPECT_EQ(std::string(1018, 'y') + "\n", output_of("echo " + std::string(1018, 'y')));
-    EXPECT_EQ("", output_of("ls -l /proc/self/fd | grep socket"));
+    EXPECT_EQ("", output_of("ls -l /proc/self/fd | grep -E 'socket| 77 '"));
     EXPECT_EQ("0022\n", output_of("umask"));
     EXPECT_EQ("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n",
               output_of("grep -E 'SigBlk|SigIgn' /proc/self/status"));
@@ -84,7 +87,17 @@ TEST_F(SystemCallDaemon, NeitherAHangingCommandNorItsChildrenHoldItUp) {
 }
 
 TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
+    corvo::UniqueFd busy = listening_as_daemon();
+    corvo::UniqueFd waiting[3];  // more than the listener keeps
+    for (corvo::UniqueFd& fd : waiting) {
+        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        corvo::ignore_result(connect(fd.get(), reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS),
+                                     sizeof(DAEMON_ADDRESS)));
+    }
+    EXPECT_TRUE(run("timeout 5 " SYSTEM_CALL_DAEMON).starts_with("1 ")) << "busy, but there";
+    busy.reset();
     start("60000");
+    EXPECT_EQ(0, system_call("sleep 1.3", 0)) << "the limit of the other method";
     EXPECT_TRUE(run("timeout 20 " SYSTEM_CALL_DAEMON).starts_with("1 ")) << "takes the socket away";
     EXPECT_EQ(0, access("/tmp/dbus-system.call.daemon", F_OK));
     EXPECT_EQ(DBUS_CALL_FAILED, system_call("sleep 55", 100));
@@ -165,9 +178,18 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     EXPECT_EQ('2', run(send)[0]) << "nobody publishes";
     EXPECT_EQ("", posted(IPC_NOWAIT));
     ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
+    auto heard = std::async(std::launch::async, run, "timeout 10 otactl logs --level 4 | head -1");
+    while (heard.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
+        UPGRADE_LOG("ordinary");
+        UPGRADE_EVENT(LOG_EVENT_RECEIVED, "event");
+    }
+    EXPECT_TRUE(heard.get().ends_with(";event"));
+    write_file("/run/images/dtb.bin", "");
+    run("otactl send files --dir /run/images dtb");  // another sender's
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ("2 / otactl: the service did not receive the request, which is withdrawn",
               run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));
+    EXPECT_EQ(" / type 0 /run/images/, 20: 0 at 0", posted(IPC_NOWAIT));
     // It waits for 15 s, a tenth of which it is given here.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
     EXPECT_EQ("", posted(IPC_NOWAIT));
@@ -185,12 +207,16 @@ TEST_F(Otactl, FollowsToTheVerdict) {
         EXPECT_EQ(status, followed[0]) << followed;
         EXPECT_TRUE(contains(followed, "  kernel: writing / ")) << followed;
     }
-    auto follower = std::async(std::launch::async, run, send);
-    posted(0);
-    UPGRADE_LOG("ota kernel failed");
-    UPGRADE_LOG("Restart the system");
-    EXPECT_TRUE(contains(follower.get(), "kernel: failed (image 5 bytes, partition 3 bytes)"));
-    follower = std::async(std::launch::async, run, "timeout 20 " + send);
+    for (const std::string& command :
+         {send, std::string("cd /run/images; echo kernel 0 5 > m; otactl send combined --follow "
+                            "--package kernel.bin --manifest m")}) {
+        auto follower = std::async(std::launch::async, run, command);
+        posted(0);
+        UPGRADE_LOG("ota kernel failed");
+        UPGRADE_LOG("Restart the system");
+        EXPECT_TRUE(contains(follower.get(), "kernel: failed (image 5 bytes, partition 3 bytes)"));
+    }
+    auto follower = std::async(std::launch::async, run, "timeout 20 " + send);
     posted(0);
     UPGRADE_LOG("UPGRADE_LUMO_RECV_MSG");
     UPGRADE_LOG("UPGRADE_LUMO_UGRADE_SUCCESS");

@@ -14,6 +14,7 @@
 #include "ota/ota_data.h"
 #include "ota/ota_package.h"
 #include "ota/ota_result.h"
+#include "ota_partition.h"
 #include "otactl/log_stream.h"
 #include "simulated_camera.h"
 
@@ -182,6 +183,18 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
         get_partition_info_by_msg(OTA_LumoFindModuleByMoudleType(3), &nothing, &offset, &offset),
         OTA_FAILED);
     EXPECT_EQ(get_partition_info_by_msg(nullptr, nullptr, nullptr, nullptr), OTA_FAILED);
+    OtaMessage tooMany = Camera::request(1, {});
+    tooMany.moduleCount = OTA_MSG_MAX_MODULES + 1;
+    memcpy(tooMany.packageFile, &KERNEL, sizeof(KERNEL));  // follows the array of types
+    EXPECT_EQ(OTA_CheckNeedUpgrade(OTA_LumoFindModuleByMoudleType(KERNEL), &tooMany), OTA_FAILED);
+}
+
+TEST(ReadBack, PartitionThatEndsBeforeTheImageDiffers) {
+    write_file("/dev/block/by-name/kernel", "image");
+    write_file("/tmp/image", "image of a kernel");
+    EXPECT_EQ(
+        upgrade_verifyPartition("kernel", "/tmp/image", OTA_GetHalStorageType(OTA_FLASH_TYPE_EMMC)),
+        OTA_FAILED);
 }
 
 // A daemon that takes commands and never answers: each is waited for as long as it may take, and
@@ -216,6 +229,7 @@ TEST_F(Upgrade, ApplicationsHaveTimeToEndAndLogsToBeReadBeforeTheRestart) {
                                        {8, "umount /media/mmcblk0p1"}}) {
         EXPECT_FALSE(camera.run(Camera::request(0, {}), {{"sleep", second, CUT}}).ended);
         EXPECT_EQ(Camera::take_commands().back(), last);
+        EXPECT_EQ(Camera::queue() >= 0, second < 8) << "after " << second << " s";
     }
     EXPECT_FALSE(
         camera.run(Camera::request(0, {}), {{"msgrcv", 1, EINTR}, {"sleep", 5, CUT}}).ended);

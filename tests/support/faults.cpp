@@ -407,6 +407,7 @@ ADVISE(posix_fadvise64)
 
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout);
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout) {
+    next("tick", static_cast<int>(timeout->tv_usec / 1000));
     *timeout = {.tv_sec = 0, .tv_usec = 1000};
     return fails("select") ? -1 : __real_select(count, in, out, bad, timeout);
 }

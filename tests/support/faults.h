@@ -49,7 +49,8 @@ class Faults {
     Faults(std::initializer_list<Fault> wanted = {});
     ~Faults();
 
-    static int calls(const char* call);  // for "usleep": the microseconds that were asked for
+    // Of "usleep" the microseconds that were asked for, of "tick" the milliseconds of select().
+    static int calls(const char* call);
     static const char* opened();  // paths, in the order of the opens that went on, each with " "
 };
 

@@ -145,7 +145,7 @@ void Camera::start(const std::vector<Fault>& faults, bool asDelivered) {
         setenv(FAULTS_VARIABLE, text.str().c_str(), 1);
         // The service exits with its threads; a reader that ended before is nobody's to join.
         setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);
-        silent ? close(STDOUT_FILENO) : dup2(output_.get(), STDOUT_FILENO);
+        silent ? close(STDOUT_FILENO) + close(STDERR_FILENO) : dup2(output_.get(), STDOUT_FILENO);
         if (getenv("CORVO_VALGRIND") != nullptr) {
             execlp("valgrind", "valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full",
                    "--errors-for-leak-kinds=definite", "--show-leak-kinds=definite", program,

@@ -56,7 +56,7 @@ class Camera {
     static void post(const OtaMessage& message, size_t size = OTA_MSG_TEXT_SIZE);
     static int queue(int flags = 0);  // its identifier; negative: there is none
 
-    bool silent = false;  // the service starts without a standard output
+    bool silent = false;  // the service starts without standard output and error
 
     // Starts the service, with these faults behind its calls or as it is delivered.
     void start(const std::vector<Fault>& faults = {}, bool asDelivered = false);
