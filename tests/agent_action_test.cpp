@@ -102,6 +102,9 @@ SimulatedAction make_action(const std::string& kind) {
     for (const std::string& name : names) {
         action.files.push_back({name, read_file(folder + name)});
     }
+    if (kind == "large-signature") {
+        action.files[1].bytes.resize(65537);
+    }
     if (kind == "changed-image") {
         action.files.back().bytes[100] ^= 1;
     }
@@ -158,7 +161,7 @@ class World {
             storage_.emplace(FOLDERS);
         }
         write_file(SIMULATED_BOOT_ID, std::to_string(++boots_) + "\n");
-        if (contains(mode_, "switched-back")) {
+        if (contains(mode_, "switched-back") && boots_ > (contains(mode_, "later") ? 1 : 0)) {
             write_file(SLOT, "A\n");
         }
         if (contains(mode_, "stopped")) {
@@ -167,6 +170,9 @@ class World {
         if (contains(mode_, "old-record") && boots_ == 1) {
             make_record_old();
         }
+        if (contains(mode_, "taken-out")) {
+            umount("/media/mmcblk0p1");
+        }
         if (contains(mode_, "late-card")) {
             rename(AGENT_FOLDER.c_str(), UNMOUNTED);
         }
@@ -174,7 +180,7 @@ class World {
             write_file("/dev/block/by-name/kernel", std::string(Camera::PARTITION_SIZE, 'h'));
         }
         if (!contains(mode_, "other-version") && read_file(SLOT) == "B\n") {
-            write_file("/etc/version", "2.0\n");
+            write_file("/etc/version", contains(mode_, "long-version") ? "2.0.0\n" : "2.0\n");
         }
         start_service();
     }
@@ -413,20 +419,49 @@ std::string played(const std::string& camera, const std::string& action,
     }
     if (contains(camera, "twice")) {  // before the request, and behind it
         EXPECT_EQ(-1, world.live(-2));
+        if (camera == "tampers twice") {
+            write_file(AGENT_FOLDER + "kernel.bin", "x");
+        } else if (camera == "begun-later twice") {
+            write_file("/tmp/corvo_upgrade.pid", "999999\n");
+        }
     }
     if (camera.starts_with("stuck")) {  // and the agent does not know any more what it has posted
         EXPECT_EQ(-1, world.live(-1));
+        OtaQueueMessage own = {};
+        if (contains(camera, "another")) {  // whose sender has taken this one away
+            EXPECT_LT(0, msgrcv(Camera::queue(), &own, sizeof(own.text), 0, IPC_NOWAIT));
+            OtaMessage others = {};
+            others.mtype = 1;
+            Camera::post(others, 0);
+        }
     }
     if (action == "cancelled-late") {
-        EXPECT_EQ(-1, world.live());
+        EXPECT_EQ(contains(camera, "overtaken") ? 0 : -1, world.live());
         world.server().cancel(ID);
+    }
+    if (camera == "talked") {  // the server has got so many statuses that it takes hardly more
+        const bool closed = action == "outside-window";
+        world.live();
+        EXPECT_EQ(0, shell(std::string("sed -i 's/statuses.*/statuses\": ") +
+                           (closed ? "900" : "896") + ",/' " + STATE_FOLDER + "action.json"));
+        world.server().change(
+            ID, [&](SimulatedAction& offer) { offer.window = closed ? "" : offer.window; });
     }
     if (action == "changed-early" || action == "changed-late") {
         EXPECT_EQ(action == "changed-early" ? 0 : -1, world.live());
-        world.server().change(ID, [](SimulatedAction& of) { of = make_action("older"); });
+        world.server().change(ID, [&](SimulatedAction& of) {
+            of = make_action(camera.starts_with("less") ? "too-little"
+                             : camera == "talked"       ? "changed-image"
+                                                        : "older");
+        });
+    }
+    if (action == "consent, then another") {
+        SimulatedAction another = make_action("consent");
+        another.id = "12";
+        world.server().offer(another);
     }
     if (action == "consent, then changed") {
-        world.server().change(ID, [](SimulatedAction& of) { of = make_action("older"); });
+        world.server().change(ID, [](SimulatedAction& of) { of = make_action("changed-image"); });
     }
     if (action == "unreachable-later") {
         EXPECT_EQ(-1, world.live());
@@ -442,7 +477,8 @@ std::string played(const std::string& camera, const std::string& action,
         EXPECT_EQ(1U, world.server().count(repeated));
     }
     world.live_to_the_end();
-    if (camera == "later") {  // the verdict has not been heard, and somebody upgrades by hand
+    // The result was not delivered, and something else happens to the camera.
+    if (camera.starts_with("later")) {
         world.restart();
         world.server().misbehave("");
         world.live_to_the_end();
@@ -835,6 +871,12 @@ TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_TRUE(agent.polls(world.server(), 900));  // a look for 60 s takes 1200 ms here
         }
+        write_file(SLOT, "?\n");
+        agent.signal(SIGHUP);
+        EXPECT_TRUE(eventually(10000, [] {
+            return contains(read_file(LOG), "action 11: waits for a restart: the slot is unknown");
+        })) << read_file(LOG);
+        write_file(SLOT, "B\n");
         EXPECT_EQ(0, agent.end(SIGTERM));
     }
     world.restart();
@@ -888,14 +930,25 @@ TEST(Action, SignalEndsAFitnessCommandThatHangs) {
 // A state folder that takes no changes any more does not make the camera report the end of an
 // action for ever.
 TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
-    World world("good", "unsigned");
+    World world("slow", "unsigned");
     world.server().misbehave("feedback status 500");
+    const std::string protect =
+        "cd " + STATE_FOLDER + " && mount --bind . $PWD && mount -o remount,bind,ro $PWD";
     {
         RunningAgent agent;
+        EXPECT_TRUE(eventually(5000, [] { return std::filesystem::exists(GATE); }));
+        EXPECT_EQ(0, shell(protect));
+        remove(GATE);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(agent.polls(world.server(), 5000));
+        }
+        // What is not stored is not reported.
+        EXPECT_EQ(0U, world.server().count("feedback", "closed"));
+        EXPECT_EQ(0, umount(STATE_FOLDER.c_str()));
+        EXPECT_TRUE(agent.polls(world.server(), 5000));
         EXPECT_TRUE(
             eventually(5000, [&] { return world.server().count("feedback", "closed") > 0; }));
-        EXPECT_EQ(0, shell("cd " + STATE_FOLDER +
-                           " && mount --bind . $PWD && mount -o remount,bind,ro $PWD"));
+        EXPECT_EQ(0, shell(protect));
         world.server().misbehave("");
         const auto ended = [&] { return world.server().story(ID).starts_with("failure"); };
         const auto wakeUntil = [&](int patienceMs, const std::function<bool()>& done) {
@@ -936,13 +989,14 @@ TEST(Action, TokenIsReadAgainAtSighup) {
     SimulatedServer server({});
     ASSERT_EQ(0, shell("sh " TEXTS "support/agent_camera.sh good " + server.url() + " '" +
                        SimulatedServer::CONTROLLER + "'; echo old > /etc/corvo/token"));
+    EXPECT_EQ(77, shell("corvo_agent report"));
     RunningAgent agent;
     EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 1; }));
     write_file("/etc/corvo/token", "secret\n");
     agent.signal(SIGHUP);
     EXPECT_TRUE(eventually(5000, [&] { return server.count("poll") == 2; }));
-    EXPECT_EQ("TargetToken old", server.requests()[0].authorization);
-    EXPECT_EQ(SimulatedServer::AUTHORIZATION, server.requests()[1].authorization);
+    EXPECT_EQ("TargetToken old", server.requests()[1].authorization);
+    EXPECT_EQ(SimulatedServer::AUTHORIZATION, server.requests()[2].authorization);
 }
 
 // With nothing in hand, or files that wait for another action, it is the sleeper, which holds the

@@ -9,6 +9,7 @@
 #include <map>
 #include <sstream>
 
+#include "agent/action.h"
 #include "agent/camera_state.h"
 #include "agent/loop.h"
 #include "agent/settings.h"
@@ -47,6 +48,7 @@ const std::map<std::string, std::string> RECORDS = {
     {"6-bytes", std::string("\0\1\0\0\0\3", 6)},
     {"8-bytes", std::string("\0\1\0\0\0\3\0\0", 8)},
     {"short", std::string("\0\1\0\0\0", 5)},
+    {"6-failed", std::string("\0\2\0\0\0\4", 6)},
 };
 
 TEST(Verdict, FollowsFromRecordSlotAndPackage) {
@@ -66,6 +68,18 @@ TEST(Verdict, FollowsFromRecordSlotAndPackage) {
         const Judgement judgement = judge(seen, words);
         return JUDGEMENTS[static_cast<size_t>(judgement)] + words;
     });
+}
+
+TEST(History, KeepsTheNewestResults) {
+    HistoryEntry entry;
+    entry.manifestDigest = "digest";
+    for (int id = 1; id <= 21; ++id) {
+        entry.id = std::to_string(id);
+        EXPECT_EQ("", add_history("/run/", entry).text);
+    }
+    HistoryEntry found;
+    EXPECT_FALSE(find_in_history("/run/", "1", "digest", found));
+    EXPECT_TRUE(find_in_history("/run/", "21", "digest", found));
 }
 
 TEST(Settings, WrongOnesAreOneLineThatNamesThem) {

@@ -271,6 +271,8 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
             testing::ExitedWithCode(0), "")
             << text.substr(0, 16);
     }
+    // Texts of the agent are bounded, too.
+    EXPECT_GT(2000U, feedback_text({.id = "11", .details = {repeated("x")}}).size());
     // Nor does it cost the memory of all that it could be made into.
     DdiPoll poll;
     EXPECT_EQ("the poll's answer of the server: more than 65536 values",
@@ -284,14 +286,20 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
     // As the medium looks when the last bytes have not reached it, nor that they have come.
     const std::string part = FOLDER + "kernel.bin.part";
     write_file(part, read_file(part).substr(0, 1080000) + std::string(20000, '\0'));
-    write_file(part + ".from", replaced(read_file(part + ".from"), "kept 1100000", "kept 0"));
+    const std::string record = replaced(read_file(part + ".from"), "kept 1100000", "kept 0");
+    write_file(part + ".from", record);
     world.server.misbehave("");
     EXPECT_EQ("", world.run("file").text);
+    EXPECT_NE("", world.server.requests().back().condition);
     EXPECT_EQ(" kernel.bin", names_in(FOLDER));
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
+    // A record that is not whole counts for nothing.
+    std::filesystem::rename(FOLDER + "kernel.bin", part);
+    write_file(part + ".from", replaced(record, "end\n", ""));
+    EXPECT_EQ("", world.run("file").text);
     // What is there is checked, not fetched.
     EXPECT_EQ("", world.run("file").text);
-    EXPECT_EQ("all, 1048576-", asked(world.server, "file"));
+    EXPECT_EQ("all, 1048576-, all", asked(world.server, "file"));
     write_file(FOLDER + "kernel.bin", std::string(KERNEL.size(), 'x'));
     EXPECT_EQ("", world.run("file").text);
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
@@ -342,6 +350,12 @@ TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
         std::filesystem::remove(FOLDER + "kernel.bin");
     }
     EXPECT_EQ("theirs", read_file("/run/theirs"));
+    // A group that the agent's user is not of may write there.
+    EXPECT_EQ(0, chown(FOLDER.c_str(), 990, 991));
+    EXPECT_EQ(0, chmod(FOLDER.c_str(), 0770));
+    EXPECT_EQ(0, seteuid(990));
+    EXPECT_EQ("MEDIUM", name_of(world.run("file")));
+    EXPECT_EQ(0, seteuid(0));
 }
 
 // Who is who: what the server shows, whom the camera believes, what it shows itself.
@@ -381,9 +395,10 @@ TEST(AgentTransport, ProxyIsTheOneOfTheSettings) {
     EXPECT_EQ("UNREACHABLE GET " + url + ": the proxy answers 407, as told",
               name_of(status) + " " + status.text);
     world.settings.url = "https://updates.example";
+    world.settings.tenant = "a b";
     status = world.run("poll");
     EXPECT_EQ(
-        "UNREACHABLE cannot reach https://updates.example/DEFAULT/controller/v1/cam%201: "
+        "UNREACHABLE cannot reach https://updates.example/a%20b/controller/v1/cam%201: "
         "the proxy answers 407",
         name_of(status) + " " + status.text);
 }
@@ -410,6 +425,9 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
     write_file("/run/token", "secret2\n");
     EXPECT_EQ("REFUSED", name_of(world.run("file")));
     EXPECT_EQ("all, all, all", asked(world.server, "file"));
+    world.settings.authorization = "GatewayToken old";
+    EXPECT_EQ("REFUSED", name_of(world.run("poll")));
+    EXPECT_EQ("GatewayToken secret2", world.server.requests().back().authorization);
 }
 
 // Files may lie elsewhere: nothing proves to that host who the camera is, and nothing is fetched
@@ -426,6 +444,9 @@ TEST(AgentTransport, OtherHostsLearnNothing) {
         EXPECT_EQ(safely ? "OK" : "MALFORMED", name_of(world.run("file")));
         EXPECT_EQ("all/CN=camera", asked(world.server, "action"));
         EXPECT_EQ(safely ? "all by nobody" : "", asked(world.elsewhere, "file"));
+        world.server.misbehave("poll redirect 307 " +
+                               replaced(world.server.url(), "https", "http"));
+        EXPECT_EQ("MALFORMED", name_of(world.run("poll")));
     }
 }
 

@@ -195,6 +195,14 @@ TEST_F(SignedPackage, IsNotPostedWhenAFileWasExchangedMeanwhile) {
     EXPECT_EQ("", posted());
 }
 
+TEST_F(SignedPackage, IsNotPostedIntoAFullQueue) {
+    const OtaQueueMessage other = {.mtype = 1, .text = {}};
+    while (msgsnd(queue_, &other, sizeof(other.text), IPC_NOWAIT) == 0) {
+    }
+    EXPECT_TRUE(run(std::string(BEFORE) + "timeout 5 otactl send files --dir .")
+                    .ends_with("otactl: cannot post the request: the queue is full"));
+}
+
 // One call after the other fails: one line, nothing posted, nothing open.
 TEST_F(SignedPackage, IsNotTakenWhenItCannotBeRead) {
     for (const char* call : {"read", "open", "fstat"}) {

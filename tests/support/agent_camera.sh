@@ -3,7 +3,7 @@
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
-rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/late /run/fitness.pid
+rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/late /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # A card that leads elsewhere, where somebody has a file.
@@ -41,11 +41,17 @@ case $1 in stuck*late) touch /run/late ;; esac
 case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
+case $1 in overtaken*) touch /run/overtaken ;; esac
+case $1 in slotless) : > /run/slot ;; esac
 echo 1.9 > /etc/version
 # /run/stop: the agent is asked to end, and what it asks for is not there yet.
 cat > /camera/bin/fw_printenv << 'end'
 #!/bin/sh
 [ ! -e /run/stop ] || { rm /run/stop && kill -TERM "$(cat /run/agent.pid)" && exit 1; }
+# Another sender is faster while an upgrade is committed.
+if [ -e /run/overtaken ] && [ -e /media/mmcblk0p1/ota/agent/rootfs.img ]; then
+    mv /run/overtaken /run/overtake
+fi
 while [ -e /run/overtake ]; do sleep 0.02; done
 cat /run/slot
 end
@@ -68,16 +74,14 @@ chmod 600 /etc/corvo/token
         asks* | agrees* | denies*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
-        overtaken*) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || [ -e /run/once ] || touch /run/once /run/overtake'" ;;
         slow) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/gate; while [ -e /run/gate ]; do sleep 0.02; done"' ;;
         hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;
         hangs-later) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || { echo \$\$ > /run/fitness.pid; exec sleep 600; }'" ;;
         stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;
-        # The server has been told so much already that it takes hardly more.
-        talked) echo "fitness-command = 'sed -i s/statuses.*/statuses\\\":\ 900,/ /config/agent/action.json'" ;;
         # Not in UTF-8, as the server wants it.
         unfit) printf 'battery low \374\n' > /run/battery && echo 'fitness-command = "cat /run/battery; false"' ;;
         # A minute that is over long before this could be.
+        *unfit-later) echo "fitness-command = '[ \$(cat /run/boot_id) = 0 ]'" ;;
         attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;
     esac
 } > /etc/corvo/agent.conf

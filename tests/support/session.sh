@@ -118,6 +118,7 @@ as_user() { exec setpriv --reuid 990 --regid 990 --clear-groups "$@"; }
 
 # One row of cases/agent_prepare.txt: the command, then the program, then what is there.
 prepare() { # COMMAND
+    umount /run/new/agent 2> /dev/null
     rm -rf /run/new /run/victim /var/lock/fw_printenv.lock
     mkdir -p /run/victim/folder
     echo secret > /run/victim/file

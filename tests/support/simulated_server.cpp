@@ -49,7 +49,7 @@ std::string subject_of(const httplib::Request& request) {
 // How an answer goes out.
 struct Manner {
     size_t cut = SIZE_MAX;
-    bool drip = false;
+    int dripMs = 0;  // between two bytes; 0: it does not drip
     bool chunked = false;
 };
 
@@ -121,7 +121,9 @@ static void apply(const Fault& fault, const SimulatedHawkbit& hawkbit, Simulated
     } else if (fault.kind == "cut") {
         words >> manner.cut;
     } else if (fault.kind == "drip") {
-        manner.drip = true;
+        manner.dripMs = 100;
+        words >> manner.dripMs;
+        manner.dripMs = words ? manner.dripMs : 100;
     } else if (fault.kind == "flip") {
         words >> number;
         answer.body.at(number) = static_cast<char>(answer.body[number] ^ 1);
@@ -148,10 +150,10 @@ void SimulatedServer::Impl::send(const SimulatedAnswer& answer, Manner manner,
     const size_t size = answer.body.size();
     // Sends a piece of the content; false ends the connection.
     const auto piece = [this, manner, body = answer.body](size_t at, httplib::DataSink& sink) {
-        const size_t most = std::min({body.size() - at, manner.drip ? 1 : PIECE_SIZE,
+        const size_t most = std::min({body.size() - at, manner.dripMs > 0 ? 1 : PIECE_SIZE,
                                       manner.cut - std::min(manner.cut, at)});
-        if (manner.drip) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (manner.dripMs > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(manner.dripMs));
         }
         return most > 0 && !ending && sink.write(body.data() + at, most);
     };

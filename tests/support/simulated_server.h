@@ -83,7 +83,7 @@ class SimulatedServer {
     //   say TEXT                that content, with status 200
     //   swap OLD NEW            the first OLD in the content is NEW
     //   cut BYTES               the connection ends behind so many bytes of the content
-    //   drip                    the content comes as a byte each tenth of a second
+    //   drip [MS]               the content comes as a byte each tenth of a second, or each MS
     //   flip AT                 the byte there is another one
     //   length BYTES            the content is cut or filled up to so many bytes, and says so
     //   chunked BYTES           the same, without saying how many in advance
