@@ -35,6 +35,8 @@ constexpr char SLOT[] = "/run/slot";
 const std::string AGENT_FOLDER = "/media/mmcblk0p1/ota/agent/";
 // The package of a card that is mounted late, and how often an agent is looked at before it is.
 constexpr char UNMOUNTED[] = "/media/mmcblk0p1/ota/unmounted";
+constexpr char PARTITION[] = "/dev/block/by-name/kernel";
+constexpr char LATE_PARTITION[] = "/dev/block/late";
 constexpr int MOUNTED_AFTER_LOOKS = 50;
 const std::string STATE_FOLDER = "/config/agent/";
 const std::string KERNEL = pattern_bytes(70000, 1);
@@ -173,6 +175,9 @@ class World {
         if (contains(mode_, "taken-out")) {
             umount("/media/mmcblk0p1");
         }
+        if (contains(mode_, "late-partition")) {
+            rename(PARTITION, LATE_PARTITION);
+        }
         if (contains(mode_, "late-card")) {
             rename(AGENT_FOLDER.c_str(), UNMOUNTED);
         }
@@ -231,6 +236,7 @@ class World {
             count_requests();
             if (++looks == MOUNTED_AFTER_LOOKS) {
                 rename(UNMOUNTED, AGENT_FOLDER.c_str());
+                rename(LATE_PARTITION, PARTITION);
             }
             interfere();
             if (act_ && server_.requests().size() >= actAt_) {

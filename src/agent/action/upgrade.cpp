@@ -370,7 +370,11 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     }
     Manifest manifest;
     PackageStatus taken;
-    if (!look_patiently(agent, [&] { return is_there(taken = read_manifest(agent, manifest)); })) {
+    // It was suitable when it was fetched: the node of a partition may not exist yet.
+    if (!look_patiently(agent, [&] {
+            taken = read_manifest(agent, manifest);
+            return is_there(taken) && taken.result != PACKAGE_UNSUITABLE;
+        })) {
         return stopped();
     }
     if (agent.action.attempts == 0 && lacks_files(agent)) {
