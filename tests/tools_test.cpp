@@ -21,6 +21,7 @@
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
+#include "otactl/progress.h"
 #include "session.h"
 #include "simulated_daemon.h"
 
@@ -169,6 +170,18 @@ TEST(HalTool, ErasesABlockDevice) {
         GTEST_SKIP() << "no loop devices here: the request to zero a block device is not tested";
     }
     expect_session("block_device.txt", "cd /dev/block/by-name; ");
+}
+
+TEST_F(Otactl, ProgressEndsAtAHundredPercent) {
+    static constexpr OtaPackageEntry KERNEL = {3, "kernel", "kernel.bin", OTA_FLASH_TYPE_EMMC, 0};
+    Progress progress = start_progress({&KERNEL}, true);
+    for (const char* line :
+         {"UPGRADE_LUMO_RECV_MSG", "ota kill process end", "partition: kernel read verify success",
+          "UPGRADE_LUMO_UGRADE_SUCCESS", "Restart the system"}) {
+        EXPECT_LT(progress_percent(progress), 100);
+        advance_progress(progress, line);
+    }
+    EXPECT_EQ(progress_percent(progress), 100);
 }
 
 TEST_F(Otactl, FollowsToTheVerdict) {
