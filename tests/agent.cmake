@@ -10,7 +10,7 @@ if(CMAKE_CROSSCOMPILING)
 endif()
 find_package(CURL REQUIRED)
 
-# The agent once more, with cuts behind its calls.
+# A second build of the agent, which can be killed at each of its calls (agent_cuts.cpp).
 add_executable(corvo_agent_with_cuts $<TARGET_OBJECTS:corvo_agent_main> support/agent_cuts.cpp)
 target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts command_line CURL::libcurl)
 set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent

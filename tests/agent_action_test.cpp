@@ -1,5 +1,5 @@
-// Whole actions: the agent's program and the real service on a played camera, a played server, and
-// what an operator, a network or a loss of power can do to them.
+// Whole actions with the real agent and the real service on a simulated camera, and a simulated
+// server: with disturbances by operators, network and power cuts.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -33,7 +33,7 @@ constexpr char BOOT_ID[] = "/proc/sys/kernel/random/boot_id";
 constexpr char SIMULATED_BOOT_ID[] = "/run/boot_id";
 constexpr char SLOT[] = "/run/slot";
 const std::string AGENT_FOLDER = "/media/mmcblk0p1/ota/agent/";
-// The package of a card that is mounted late, and how often an agent is looked at before it is.
+// Where the package is until the card is "mounted" late, and after how many checks that happens.
 constexpr char UNMOUNTED[] = "/media/mmcblk0p1/ota/unmounted";
 constexpr char PARTITION[] = "/dev/block/by-name/kernel";
 constexpr char LATE_PARTITION[] = "/dev/block/late";
@@ -49,10 +49,10 @@ constexpr char OLD_TAG[] = "\"old\"";
 constexpr char TRACE[] = "/run/storage.trace";
 const std::vector<std::string> FOLDERS = {STATE_FOLDER, AGENT_FOLDER};
 
-std::atomic<bool> g_delays{false};  // the service's next command, for half a second
-bool g_switches = true;             // whether the boot environment does what it is told
+std::atomic<bool> g_delays{false};  // delay the service's next command by half a second
+bool g_switches = true;             // whether a command that switches the slot has an effect
 
-// What the service has the system-call daemon run, as far as this camera has it.
+// Simulates the commands that the service sends to the system-call daemon.
 int32_t run_command(const void* command, uint32_t length, void* out, uint32_t outSize) {
     const std::string text(static_cast<const char*>(command), length);
     usleep(g_delays.exchange(false) ? 500000 : 0);
@@ -72,7 +72,7 @@ int shell(const std::string& command) {
     return WEXITSTATUS(system(("PATH=" PROGRAMS ":$PATH; " + command).c_str()));
 }
 
-// Keys, and one package in every form that a row names: made once.
+// Creates, once, the keys and the packages that the rows name.
 void make_packages() {
     write_file("/run/images/kernel.bin", KERNEL);
     write_file("/run/large/kernel.bin", pattern_bytes(2500000, 3));
@@ -115,7 +115,7 @@ SimulatedAction make_action(const std::string& kind) {
 
 using nlohmann::json;
 
-// The record as agents wrote it that kept the names of files only.
+// Creates the record in the format of older agents, which stored only the names of files.
 void make_record_old() {
     json record = json::parse(read_file(STATE_FOLDER + "action.json"));
     for (json& file : record["files"]) {
@@ -151,7 +151,7 @@ class World {
     [[nodiscard]] int boots() const { return boots_; }
     [[nodiscard]] bool agent_was_cut() const { return cut_; }
 
-    // Power off and on.
+    // Switches the power off and on.
     void restart(int lostAt = -1) {
         stop_agent();
         stop_service();
@@ -211,22 +211,22 @@ class World {
         }
     }
 
-    // From now on a power cut takes what the agent has not flushed. `observer` is called before
-    // each operation of the agent, after each life.
+    // From now on a power cut loses everything that the agent has not flushed. After the agent has
+    // ended, `observer` is called for each operation, with the state before it.
     void watch_storage(ForgetfulStorage::Observer observer) {
         observer_ = std::move(observer);
         storage_.emplace(FOLDERS);
     }
     [[nodiscard]] const ForgetfulStorage& storage() const { return *storage_; }
 
-    // What the operator does when the server has been asked so often.
+    // Calls `act`, an act of the operator, when the server has received so many requests.
     void when_asked(size_t requests, std::function<void(SimulatedServer&)> act) {
         actAt_ = requests;
         act_ = std::move(act);
     }
 
-    // One life of the agent: until it ends by itself or is cut, or the camera restarts, which it
-    // does when the service has ended. Returns its exit status, -1 when the camera restarted.
+    // Runs the agent until it ends, is killed at `cutAt`, or the camera restarts because the
+    // service has ended. Returns the agent's exit status, -1 if the camera restarted.
     int live(int cutAt = 0, bool powerGoesToo = false) {
         start_agent(cutAt);
         int status = 0;
@@ -258,7 +258,7 @@ class World {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    // Lives until the server knows the end and nothing is in hand, or nothing happens any more.
+    // Runs the agent until the server has the result and no action is pending, at most ten times.
     void live_to_the_end(const char* id = ID) {
         for (int lives = 0; lives < 10; ++lives) {
             const int status = live();
@@ -270,9 +270,8 @@ class World {
         }
     }
 
-    // What must hold at the end whatever has happened: the server's truth is the camera's, and
-    // nothing is left that nobody needs.
-    // `id` is of the action that was the last one; empty: nobody is told the end.
+    // What must be true at the end in every case: server and camera agree on the result, and no
+    // file or record is left over. `id`: the last action; empty: the result is not reported.
     void expect_promise(const std::string& id = ID) {
         const std::string story = server_.story(id);
         const bool runs = Camera::partition("kernel").starts_with(KERNEL) &&
@@ -321,14 +320,14 @@ class World {
         }
     }
 
-    // Leaves of the agent's folders what a power cut can leave: every second time only what was
-    // flushed, else one of the other states.
+    // Replaces the agent's folders by a state that a power cut can leave: every second time only
+    // the flushed data, otherwise one of the other states.
     void lose_power(size_t choice) {
         const std::vector<ForgetfulStorage::State> states = storage_->states();
         ForgetfulStorage::State left = states[choice % 2 == 0 ? 0 : choice / 2 % states.size()];
         for (const auto& [path, content] : states.back()) {
             if (!std::filesystem::exists(path)) {
-                left.erase(path);  // the service has removed it
+                left.erase(path);  // removed by the service, which is not traced
             }
         }
         for (const std::string& folder : FOLDERS) {
@@ -350,17 +349,17 @@ class World {
             camera_.finish();
             serves_ = false;
         }
-        // A command of the service's that it still runs is over before the next start.
+        // Waits for a command of the service that the daemon still runs.
         camera_.daemon.reset();
         msgctl(Camera::queue(), IPC_RMID, nullptr);
         remove("/tmp/corvo_upgrade.pid");
         counted_ = false;
     }
 
-    // What somebody else does while the agent or its command waits for it.
+    // Performs the events for which the agent, or a command that it runs, waits.
     void interfere() {
         if (std::filesystem::exists("/run/withdraws")) {
-            // The service takes the request, and nothing but the queue says so for a moment.
+            // The service receives the request; for a moment only the queue shows that.
             g_delays = true;
             kill(camera_.pid(), SIGCONT);
             EXPECT_TRUE(eventually(5000, [] {
@@ -381,7 +380,7 @@ class World {
         }
     }
 
-    // A queue takes one request; who sent last is how it is known.
+    // There is at most one request for each queue; the time of the last send shows it.
     void count_requests() {
         msqid_ds status = {};
         if (!counted_ && msgctl(Camera::queue(), IPC_STAT, &status) == 0 && status.msg_stime != 0) {
@@ -405,8 +404,8 @@ class World {
     std::function<void(SimulatedServer&)> act_;
 };
 
-std::string played(const std::string& camera, const std::string& action,
-                   const std::string& faults) {
+std::string simulate(const std::string& camera, const std::string& action,
+                     const std::string& faults) {
     World world(camera, action);
     world.server().misbehave(faults);
     world.start_service();
@@ -423,7 +422,7 @@ std::string played(const std::string& camera, const std::string& action,
         world.server().change(
             ID, [](SimulatedAction& offer) { offer.update = "forced", offer.window = ""; });
     }
-    if (contains(camera, "twice")) {  // before the request, and behind it
+    if (contains(camera, "twice")) {  // killed before the request, and again after it
         EXPECT_EQ(-1, world.live(-2));
         if (camera == "tampers twice") {
             write_file(AGENT_FOLDER + "kernel.bin", "x");
@@ -431,7 +430,7 @@ std::string played(const std::string& camera, const std::string& action,
             write_file("/tmp/corvo_upgrade.pid", "999999\n");
         }
     }
-    if (camera.starts_with("stuck")) {  // and the agent does not know any more what it has posted
+    if (camera.starts_with("stuck")) {  // killed after the request, whose posting is not recorded
         EXPECT_EQ(-1, world.live(-1));
         OtaQueueMessage own = {};
         if (contains(camera, "another")) {  // whose sender has taken this one away
@@ -471,12 +470,12 @@ std::string played(const std::string& camera, const std::string& action,
     }
     if (action == "unreachable-later") {
         EXPECT_EQ(-1, world.live());
-        if (!faults.empty()) {  // it meets the result
+        if (!faults.empty()) {  // the fault affects the report of the result
             EXPECT_EQ(1, world.live());
         }
         world.server().misbehave("poll status 503");
     }
-    // One answer, or one offer that cannot be read, in each poll.
+    // Each poll sends only one answer, or reads an unreadable offer only once.
     const std::string repeated = faults.substr(0, faults.find(' '));
     if (repeated == "answer" || repeated == "word" || repeated == "action") {
         world.live();
@@ -521,13 +520,13 @@ TEST(Action, EndsAsItDeserves) {
             std::getline(row, camera, ';');
             std::getline(row >> std::ws, action, ';');
             std::getline(row >> std::ws, faults);
-            return played(camera, action, faults);
+            return simulate(camera, action, faults);
         },
         Rows::ARE_INDEPENDENT);
 }
 
-// Tries one place after the other until `cut_at` finds that nothing was cut any more. Whatever is
-// cut once, the camera is upgraded and the server knows.
+// Tries one position after the other until `cut_at` returns that no cut happened. After a single
+// cut at any position, the camera must be upgraded and the server must have the result.
 void sweep(const std::function<bool(World& world, int place)>& cut_at) {
     bool cut = true;
     for (int place = 1; cut && !testing::Test::HasFailure(); place += sweep_stride()) {
@@ -538,13 +537,13 @@ void sweep(const std::function<bool(World& world, int place)>& cut_at) {
         const int posted = world.posted();
         world.live_to_the_end();
         EXPECT_TRUE(!decided || posted == world.posted()) << "flashed twice";
-        cut = cut || world.boots() > 1;  // one of them is the upgrade's own
+        cut = cut || world.boots() > 1;  // one restart belongs to the upgrade
         world.expect_promise();
         EXPECT_TRUE(world.server().story(ID).starts_with("success"));
     }
 }
 
-// What must hold at every power cut, and whenever the service or the server learns of something.
+// What must be true at every power cut, and whenever the agent posts a request or sends a report.
 class Promise {
   public:
     Promise(World& world, const std::string& kernel) : bytes_(kernel), world_(world) {
@@ -584,7 +583,7 @@ class Promise {
         return load(states.front());
     }
 
-    // Everything that can be loaded is what was stored.
+    // Loads action, history and consent from a state; all of them must be readable.
     ActionRecord load(const State& state) {
         std::filesystem::remove_all(ROOT);
         put_state(state, ROOT);
@@ -634,7 +633,7 @@ class Promise {
     void expect_states() {
         const std::vector<State> states = world_.storage().states();
         if (std::exchange(boots_, world_.boots()) != world_.boots()) {
-            there_.clear();  // the service may have removed what it has written
+            there_.clear();  // the service may have removed the files of the package
         }
         there_.insert(states.back().begin(), states.back().end());
         for (const State& state : states) {
@@ -662,7 +661,8 @@ class Promise {
         }
     }
 
-    // Whatever NAME.part vouches for came with its entity tag, and less than two MiB come again.
+    // The bytes that NAME.part claims must be those of its entity tag, and less than two MiB may be
+    // downloaded again.
     void expect_part(const State& written) {
         OpenFolder folder;
         EXPECT_EQ("", open_folder({.path = ROOT + AGENT_FOLDER}, folder).text);
@@ -693,7 +693,7 @@ class Promise {
     std::string told_;
 };
 
-// The agent dies, or the power goes, at every change that it makes outside of itself.
+// Kills the agent, or cuts the power, at the change number `place` that it makes to the outside.
 bool cut_agent(World& world, int place, bool powerGoesToo) {
     if (powerGoesToo) {
         world.watch_storage([](const std::string& /*call*/, const std::string& /*sent*/) {});
@@ -703,7 +703,7 @@ bool cut_agent(World& world, int place, bool powerGoesToo) {
     return world.agent_was_cut();
 }
 
-// Every state that a power cut can leave at each step of the agent.
+// Checks every state that a power cut can leave at each step of the agent.
 TEST(Action, IsKeptWhateverAPowerCutForgets) {
     struct Row {
         std::string camera, action, faults, told;
@@ -713,8 +713,8 @@ TEST(Action, IsKeptWhateverAPowerCutForgets) {
              {"good", "files", "", " post closed"},
              {"service-dies", "files", "", " post post post closed"},
              {"agrees", "consent", "", " post closed"},
-             {"good", "outside-window", "", " closed"},  // the cancellation is
-             // The second answer is another one, and comes in two parts.
+             {"good", "outside-window", "", " closed"},  // "closed" is the cancellation
+             // The second download has another content and entity tag, and comes in two parts.
              {"good", "large", "file:3 flip 0; file:3 cut 1500000; file:4 cut 2200000" + old, ""},
          }) {
         SCOPED_TRACE(camera + " " + action);
@@ -760,8 +760,8 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
     });
 }
 
-// Cancelled, quit by force or overtaken by a newer action at any moment: nothing is claimed that is
-// not so, and nothing is left.
+// An action can be cancelled, force-quit or replaced by a newer one at any moment: the result must
+// be true, and nothing may be left over.
 TEST(Action, EndsWhateverTheOperatorDoes) {
     const std::vector<std::function<void(SimulatedServer&)>> acts = {
         [](SimulatedServer& server) { server.cancel(ID); },
@@ -780,7 +780,7 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
             world.when_asked(requests, acts[i]);
             world.live_to_the_end();
             if (!world.acted()) {
-                return;  // it was over before
+                return;  // the action ended with fewer requests
             }
             const char* const last = i == 2 ? "12" : ID;
             world.live_to_the_end(last);
@@ -789,10 +789,10 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
     }
 }
 
-constexpr char GATE[] = "/run/gate";  // whose removal a fitness command waits for
+constexpr char GATE[] = "/run/gate";  // a fitness command waits until this file is removed
 constexpr char LOG[] = "/run/running-agent.log";
 
-// `corvo_agent run` until its end, with its output in LOG.
+// Runs `corvo_agent run`, with its output in LOG.
 class RunningAgent {
   public:
     explicit RunningAgent(const char* program = PROGRAMS "/corvo_agent") {
@@ -813,14 +813,14 @@ class RunningAgent {
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const { kill(pid_, number); }
-    // Has it poll. Whether it does so in time.
+    // Makes the agent poll; returns whether it does so in time.
     [[nodiscard]] bool polls(SimulatedServer& server, int patienceMs) const {
         const size_t polls = server.count("poll");
         signal(SIGHUP);
         return eventually(patienceMs, [&] { return server.count("poll") > polls; });
     }
 
-    // Returns its exit status; -1: it did not end in time, or by a signal.
+    // Sends the signal and returns the exit status; -1: not ended in time, or ended by a signal.
     int end(int number, int patienceMs = 10000) {
         int status = -1;
         if (pid_ > 0) {
@@ -836,7 +836,8 @@ class RunningAgent {
     pid_t pid_ = -1;
 };
 
-// Or a power cut in between would have it found out once more, without the files.
+// Otherwise, after a power cut in between, the agent would have to find the result without the
+// files.
 TEST(Action, ResultIsStoredBeforeTheFilesGo) {
     World world("good", "foreign");
     EXPECT_EQ(-1, world.live(-3));
@@ -845,7 +846,7 @@ TEST(Action, ResultIsStoredBeforeTheFilesGo) {
     EXPECT_TRUE(contains(read_file(STATE_FOLDER + "action.json"), "\"stage\": \"verdict\""));
 }
 
-// Once for each action, not at each poll.
+// The line must appear once for each action, not at each poll.
 TEST(Action, WaitForConsentIsLogged) {
     World world("asks", "consent");
     RunningAgent agent;
@@ -863,8 +864,8 @@ TEST(Action, WaitForConsentIsLogged) {
         << read_file(LOG);
 }
 
-// The upgrade is done, the slot switched, and nobody restarts the camera. The server is asked as
-// usual, and the restart is what ends the wait.
+// The upgrade is complete and the slot switched, but the camera does not restart. The agent polls
+// as usual, and its wait ends with the restart.
 TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
     World world("good", "files");
     world.start_service();
@@ -875,7 +876,7 @@ TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
                             "action 11: waits for a restart: the slot is switched\n");
         })) << read_file(LOG);
         for (int i = 0; i < 3; ++i) {
-            EXPECT_TRUE(agent.polls(world.server(), 900));  // a look for 60 s takes 1200 ms here
+            EXPECT_TRUE(agent.polls(world.server(), 900));  // a wait of 60 s takes 1200 ms here
         }
         write_file(SLOT, "?\n");
         agent.signal(SIGHUP);
@@ -891,8 +892,9 @@ TEST(Action, RestartThatDoesNotComeIsWaitedFor) {
     EXPECT_TRUE(contains(read_file("/run/agent.log"), "action 11: the camera has restarted"));
 }
 
-// The package takes 43 s, the server's interval is an hour. A cancellation while the first image
-// comes spares the second one; without it there is a poll every ten seconds at the most.
+// The download takes 43 s; the server's polling interval is an hour. After a cancellation during
+// the first image, the second one is not downloaded; without it there is at most one poll in ten
+// seconds.
 TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
     for (const bool cancelled : {true, false}) {
         World world("slow", "files");
@@ -911,7 +913,7 @@ TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
     }
 }
 
-// Nothing is concluded from that, nor is the server told that the camera is not fit.
+// The agent must not treat the killed command as a result, nor report that the camera is not fit.
 TEST(Action, SignalEndsAFitnessCommandThatHangs) {
     for (const auto& [camera, stage] :
          {std::pair("hangs", "downloading"), std::pair("hangs-later", "waiting")}) {
@@ -925,7 +927,7 @@ TEST(Action, SignalEndsAFitnessCommandThatHangs) {
         const std::string command =
             "/proc/" + std::to_string(std::stoi(read_file("/run/fitness.pid")));
         EXPECT_EQ(0, agent.end(SIGTERM, 1500)) << camera;
-        // What is dead and not reaped has no command line.
+        // A zombie has an empty command line.
         EXPECT_EQ(0, shell("! grep -q . " + command + "/cmdline 2> /dev/null")) << camera;
         EXPECT_EQ("offered", world.server().story(ID).substr(0, 7));
         EXPECT_FALSE(contains(read_file(LOG), "waits for")) << read_file(LOG);
@@ -933,8 +935,7 @@ TEST(Action, SignalEndsAFitnessCommandThatHangs) {
     }
 }
 
-// A state folder that takes no changes any more does not make the camera report the end of an
-// action for ever.
+// If the state folder becomes read-only, the agent must not report the end of an action for ever.
 TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
     World world("slow", "unsigned");
     world.server().misbehave("feedback status 500");
@@ -971,8 +972,8 @@ TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
     umount(STATE_FOLDER.c_str());
 }
 
-// A line that breaks off again and again brings a package to its end; the pauses do not grow while
-// bytes come.
+// A download over a connection that breaks again and again must complete; the pauses must not grow
+// as long as bytes arrive.
 TEST(Action, BytesThatCameResetThePause) {
     World world("good", "files");
     world.server().misbehave("file status 500");
@@ -985,7 +986,7 @@ TEST(Action, BytesThatCameResetThePause) {
     EXPECT_TRUE(eventually(5000, [&] { return world.server().count("file") > requests; }));
     world.server().misbehave("file:3 cut 9000");
     agent.signal(SIGHUP);
-    // The manifest, its signature, a piece of an image; then what is missing, soon.
+    // The manifest, its signature, a part of an image; then, soon, the missing part.
     EXPECT_TRUE(eventually(5000, [&] { return world.server().count("file") >= requests + 4; }));
     EXPECT_TRUE(eventually(9000, [&] { return world.server().count("file") >= requests + 5; }));
 }
@@ -1005,9 +1006,9 @@ TEST(Action, TokenIsReadAgainAtSighup) {
     EXPECT_EQ(SimulatedServer::AUTHORIZATION, server.requests()[2].authorization);
 }
 
-// With nothing in hand, or files that wait for another action, it is the sleeper, which holds the
-// lock and nothing else, until a signal comes or the time is over; what becomes of its settings
-// meanwhile does not end it.
+// Without a pending action, or with files that wait for another action, the agent's process becomes
+// the sleeper, which holds only the lock open, until a signal arrives or the time is over. A change
+// of the settings in the meantime does not end it.
 TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     World world("slow", "download-only");
     SimulatedServer& server = world.server();
@@ -1022,7 +1023,7 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
                    program == PROGRAMS "/corvo_agent_sleeper";
         });
     };
-    // SIGHUP comes before the sleep: it is none, and there is a third poll.
+    // A SIGHUP before the sleep replaces the sleep by a third poll.
     EXPECT_TRUE(eventually(5000, [] { return std::filesystem::exists(GATE); }));
     agent.signal(SIGHUP);
     remove(GATE);
@@ -1049,7 +1050,7 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
     EXPECT_TRUE(sleeps_after(5));
     EXPECT_EQ(1U, server.count("attributes"));
 
-    // Whichever of the two programs it is just becoming.
+    // The signals arrive in both programs, and while the process changes from one to the other.
     for (int i = 0; i < 60; ++i) {
         agent.signal(SIGHUP);
         usleep(7000);

@@ -1,4 +1,4 @@
-// The agent's decisions, which are tables without a server or a camera.
+// The agent's decisions, as tables; these need no server and no camera.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -110,7 +110,7 @@ TEST(Times, AreThoseOfTheSettingsAndTheServer) {
     });
 }
 
-// What this camera looks like to an agent of this user.
+// Returns the state of the camera as an agent of this user determines it.
 std::string seen_by(uid_t user) {
     const pid_t agent = fork();
     if (agent == 0) {
@@ -122,7 +122,8 @@ std::string seen_by(uid_t user) {
     return std::to_string(WEXITSTATUS(status));
 }
 
-// A local user's pid file, or process under the service's name, is no upgrade.
+// A pid file of another user, or a process of another user with the service's name, does not count
+// as an upgrade.
 TEST(Camera, SeesAnUpgradeInRootsOwnFileAndProcessOnly) {
     if (run("setpriv --reuid 990 true") != "0") {
         GTEST_SKIP() << "no other users here";
@@ -135,7 +136,7 @@ TEST(Camera, SeesAnUpgradeInRootsOwnFileAndProcessOnly) {
     });
 }
 
-// As the kernel does it, and as it is done for a kernel that cannot.
+// Tested with openat2(), and with the code for kernels without it.
 TEST(Folders, LinksAreNotFollowed) {
     std::filesystem::create_directories("/run/links/folder");
     write_file("/run/links/folder/file", "text");
@@ -166,7 +167,8 @@ TEST(Folders, LinksAreNotFollowed) {
     }
 }
 
-// It runs as root where others may write: no other file or folder changes its owner or its mode.
+// The program runs as root in folders that others may write: it must not change owner or mode of
+// any other file or folder.
 TEST(Prepare, ChangesNothingButWhatIsTheAgents) {
     if (run("setpriv --reuid 990 true") != "0") {
         GTEST_SKIP() << "no other users here";

@@ -1,5 +1,5 @@
-# The agent's conversation with a played update server. What plays it is not there for the camera's
-# processor.
+# Tests of the agent with a simulated update server. Not in cross builds, because the library of the server is
+# not available for the camera's processor.
 if(NOT CORVO_BUILD_AGENT OR CMAKE_CROSSCOMPILING)
   return()
 endif()

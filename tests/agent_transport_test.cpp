@@ -1,5 +1,5 @@
-// What the agent makes of an update server, good or bad: JSON that is none, answers that are cut,
-// files that are others. Cases are data.
+// The agent with update servers that behave well or badly: invalid JSON, truncated answers, wrong
+// files. The cases are data.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -48,7 +48,7 @@ SimulatedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles)
             .onlyFiles = onlyFiles};
 }
 
-// A camera that talks to a played server, and another one that has the same files.
+// A camera that connects to a simulated server, and a second server that has the same files.
 struct World {
     World(const SimulatedServer::Setup& setup, const SimulatedServer::Setup& elsewhereSetup,
           const std::string& step)
@@ -103,7 +103,7 @@ struct World {
         return steps.at(step)();
     }
 
-    // As an agent does that is started again and again.
+    // Repeats the step, as an agent that is started again and again does.
     std::string run_until_decided(const std::string& step) {
         int interrupted = 0;
         AgentStatus status = run(step);
@@ -127,7 +127,7 @@ struct World {
     uint64_t told = 0;
 };
 
-// With which ranges, and who said that he is.
+// Returns the ranges and the authorization of the requests.
 std::string asked(const SimulatedServer& server, const std::string& step) {
     std::string text;
     for (const SimulatedRequest& request : server.requests()) {
@@ -140,7 +140,7 @@ std::string asked(const SimulatedServer& server, const std::string& step) {
     return text;
 }
 
-// Every status that an HTTP server may answer with, by what it means.
+// Tries every status of HTTP, and groups them by the agent's result.
 std::string try_status_codes(World& world, const std::string& step) {
     std::map<std::string, std::string> codes;
     for (const int code :
@@ -191,8 +191,8 @@ TEST(AgentTransport, ServerThatMisbehaves) {
     });
 }
 
-// A row puts a value, or nothing ("gone"), into a text that is right: KIND POINTER VALUE; "text"
-// instead of the pointer puts it in the place of all.
+// A row changes a valid text: KIND POINTER VALUE sets the value at the JSON pointer ("gone" removes
+// it); "text" instead of the pointer replaces the whole text.
 std::string read_answer(const std::string& kind, const std::string& text) {
     DdiPoll poll;
     DdiAction action;
@@ -255,7 +255,8 @@ std::string repeated(const std::string& piece) {
     return text;
 }
 
-// An answer as large as any costs a moment, whatever it is made of: a signal could not end it.
+// Parsing the largest allowed answer must not take long, whatever it contains, because a signal
+// cannot interrupt it.
 TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
     constexpr rlimit CPU_LIMIT = {.rlim_cur = 10, .rlim_max = 10};  // seconds
     for (const std::string& text :
@@ -273,7 +274,7 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
     }
     // Texts of the agent are bounded, too.
     EXPECT_GT(2000U, feedback_text({.id = "11", .details = {repeated("x")}}).size());
-    // Nor does it cost the memory of all that it could be made into.
+    // Memory must not grow with the number of elements in the answer either.
     DdiPoll poll;
     EXPECT_EQ("the poll's answer of the server: more than 65536 values",
               parse_poll(R"({"a":[)" + repeated("1,") + "1]}", poll).text);
@@ -283,7 +284,7 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
     World world;
     world.server.misbehave("file cut 1100000");
     EXPECT_EQ(AGENT_UNREACHABLE, world.run("file").result);
-    // As the medium looks when the last bytes have not reached it, nor that they have come.
+    // The state of the storage if neither the last bytes nor their record were flushed.
     const std::string part = FOLDER + "kernel.bin.part";
     write_file(part, read_file(part).substr(0, 1080000) + std::string(20000, '\0'));
     const std::string record = replaced(read_file(part + ".from"), "kept 1100000", "kept 0");
@@ -297,7 +298,7 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
     std::filesystem::rename(FOLDER + "kernel.bin", part);
     write_file(part + ".from", replaced(record, "end\n", ""));
     EXPECT_EQ("", world.run("file").text);
-    // What is there is checked, not fetched.
+    // An existing file is verified, not downloaded.
     EXPECT_EQ("", world.run("file").text);
     EXPECT_EQ("all, 1048576-, all", asked(world.server, "file"));
     write_file(FOLDER + "kernel.bin", std::string(KERNEL.size(), 'x'));
@@ -329,8 +330,8 @@ TEST(AgentTransport, MediumThatIsFullIsNotTheServersFault) {
     EXPECT_EQ(AGENT_MEDIUM, world.run("file").result);
 }
 
-// As root's `once` leaves a part file, or whoever fills a card: NAME.part is something that the
-// agent's user cannot write to, or must not.
+// NAME.part may be something that the agent's user cannot or must not write to: a part file that
+// `once` left as root, or anything on a card that was prepared elsewhere.
 TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
     World world;
     const std::string part = FOLDER + "kernel.bin.part";
@@ -358,7 +359,8 @@ TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
     EXPECT_EQ(0, seteuid(0));
 }
 
-// Who is who: what the server shows, whom the camera believes, what it shows itself.
+// Authentication in both directions: the server's certificate, the authorities that the camera
+// trusts, the camera's certificate or token.
 TEST(AgentTransport, BothProveWhoTheyAre) {
     expect_cases("agent_tls.txt", [](std::istream& row) {
         std::string server, ca, certificate, key;
@@ -375,8 +377,8 @@ TEST(AgentTransport, BothProveWhoTheyAre) {
     });
 }
 
-// A proxy is the one of the settings, whatever the environment says, and what it refuses is not the
-// server's word.
+// Only the proxy of the settings is used, whatever the environment contains, and a refusal by the
+// proxy does not count as an answer of the server.
 TEST(AgentTransport, ProxyIsTheOneOfTheSettings) {
     World world;
     setenv("http_proxy", "http://localhost:1", 1);
@@ -421,7 +423,7 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
     world.settings.tokenFile = "/run/token";
     world.server.misbehave("file status 401");
     EXPECT_EQ("REFUSED", name_of(world.run("file")));
-    EXPECT_EQ("all", asked(world.server, "file"));  // it is the same one
+    EXPECT_EQ("all", asked(world.server, "file"));  // not repeated with the same token
     write_file("/run/token", "secret2\n");
     EXPECT_EQ("REFUSED", name_of(world.run("file")));
     EXPECT_EQ("all, all, all", asked(world.server, "file"));
@@ -430,8 +432,8 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
     EXPECT_EQ("GatewayToken secret2", world.server.requests().back().authorization);
 }
 
-// Files may lie elsewhere: nothing proves to that host who the camera is, and nothing is fetched
-// less safely than the server is reached.
+// Files may be on another host: the camera must not send its credentials to that host, and must not
+// download from it with less protection than from the server.
 TEST(AgentTransport, OtherHostsLearnNothing) {
     for (const bool safely : {true, false}) {
         World world(tls_setup("server", false),
@@ -450,7 +452,8 @@ TEST(AgentTransport, OtherHostsLearnNothing) {
     }
 }
 
-// The server vouches for what it has, the manifest for what was signed. SIZE BYTE of the modules.
+// The sizes and hashes of the server and those of the signed manifest must agree. SIZE BYTE of the
+// modules.
 TEST(AgentTransport, ServerAndManifestMustAgree) {
     expect_cases("agent_manifests.txt", [](std::istream& row) {
         PackageFile content = {

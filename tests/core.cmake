@@ -20,12 +20,12 @@ corvo_test(hostile_test SOURCES hostile_test.cpp LINK test_camera otactl_parts)
 corvo_test(signal_test SOURCES signal_test.cpp LINK test_camera)
 corvo_test(sweep_test SOURCES sweep_test.cpp LINK test_camera TIMEOUT 600)
 
-# The same program once more under valgrind, where nothing else instruments it.
+# The same program under valgrind, except in builds with a sanitizer.
 find_program(VALGRIND valgrind)
 if(VALGRIND AND NOT CORVO_SANITIZE)
   add_test(NAME Upgrade.UnderValgrind
            COMMAND upgrade_test
                    --gtest_filter=*ToTheEnd:*Unterminated*)
   set_tests_properties(Upgrade.UnderValgrind PROPERTIES ENVIRONMENT CORVO_VALGRIND=memcheck-amd64- TIMEOUT 300
-                       COST 400) # the longest begins first
+                       COST 400) # ctest starts the longest test first
 endif()

@@ -1,5 +1,5 @@
-// The transport and the system-call client: concurrent callers, time-outs, reconnection and peers
-// that do not keep to the protocol.
+// The transport and the system-call client: concurrent callers, time-outs, reconnection, and peers
+// that violate the protocol.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -28,9 +28,9 @@ namespace {
 
 constexpr size_t WHOLE = sizeof(SystemCallDbusMsg);
 
-std::atomic<size_t> g_longest_send{100};  // what one send() moves at most
+std::atomic<size_t> g_longest_send{100};  // bytes that one send() transfers at most
 
-// What the server sends before the right reply to a command.
+// What the server sends before the correct reply to a command.
 struct Misbehaviour {
     const char* command;
     int times;
@@ -47,7 +47,8 @@ const Misbehaviour MISBEHAVIOURS[] = {
      [](SystemCallDbusMsg& m) { memset(m.data, '9', 1024), m.len = UINT32_MAX; }},
 };
 
-// Stands before send(): sends what the command asks for besides; returns what is sent after it.
+// Called before send(): sends the additional records for the command. Returns the number of bytes
+// that send() then transfers.
 size_t misbehave(int fd, const void* data, size_t size) {
     const auto& record = *static_cast<const SystemCallDbusMsg*>(data);
     if (size == WHOLE && record.ret > 0) {  // the beginning of a reply
@@ -73,14 +74,14 @@ using std::chrono::steady_clock;
 
 constexpr char SOCKET[] = "/tmp/dbus-system.call.daemon";
 
-// Yields its input, "late" after a second.
+// Returns its input; for the input "late" after a second.
 int32_t echo(const void* in, uint32_t inLen, void* out, uint32_t /*outCap*/) {
     std::this_thread::sleep_for(milliseconds(memcmp(in, "late", 4) == 0 ? 1000 : 0));
     memcpy(out, in, inLen);
     return static_cast<int32_t>(inLen);
 }
 
-// A client and its server, on short transfers; checks that nothing they opened stays.
+// A client and its server with short transfers; checks that both close everything that they opened.
 struct Dbus : testing::Test {
     void SetUp() override {
         devices.send = misbehave;
@@ -130,7 +131,7 @@ TEST_F(Dbus, ConcurrentCallersGetTheirOwnReplies) {
     const auto limit = steady_clock::now() + milliseconds(10000);
     for (int c = 0; c < 8; ++c) {
         callers.emplace_back([c, limit, &ended] {
-            // One wait is enough to see that replies do not come, or wake nobody.
+            // Stop at the first failure: a reply was lost, or did not wake its caller.
             bool own = true;
             for (int number = c * 1000; own && number < c * 1000 + 20; ++number) {
                 own = system_call(std::to_string(number).c_str(), 10000) == number &&
@@ -156,7 +157,7 @@ TEST_F(Dbus, TimeOutIsKeptAndTheLateReplyIsDropped) {
     EXPECT_EQ(popen_call("late", text, sizeof(text), 150), DBUS_CALL_FAILED);
     EXPECT_GE(steady_clock::now() - start, milliseconds(150));
     std::this_thread::sleep_for(milliseconds(1500));
-    g_longest_send = 0;  // the call is lost, the connection is not
+    g_longest_send = 0;  // the call is lost, but not the connection
     EXPECT_EQ(system_call("4", 150), DBUS_CALL_FAILED);
     g_longest_send = 100;
     EXPECT_EQ(system_call("5", 10000), 5);
@@ -170,7 +171,7 @@ TEST_F(Dbus, ServerWaitsForItsHandlersAndTheClientForANewServer) {
     char text[16];
     std::thread caller([&text] { popen_call("late", text, sizeof(text), 3000); });
     std::this_thread::sleep_for(milliseconds(200));
-    server.reset();  // returns when the handler has
+    server.reset();  // waits until the handler has returned
     EXPECT_NE(access(SOCKET, F_OK), 0);
     server = std::make_unique<SimulatedDaemon>(echo, echo);
     EXPECT_EQ(system_call("2", 20000), 2);
@@ -226,7 +227,7 @@ TEST_F(Dbus, ServerThatHangsUpOnEverybodyIsGivenUp) {
         }
     });
     CapturedOutput output;
-    int failed = 0;  // in a row: one alone may have met the moment at which a connection is lost
+    int failed = 0;  // in sequence: a single failure can be that of a connection that is just lost
     EXPECT_TRUE(eventually(20000, [&failed] {
         failed = system_call("1", 10) == DBUS_WRITE_FAILED ? failed + 1 : 0;
         return failed == 20;
@@ -239,7 +240,7 @@ TEST_F(Dbus, ServerThatHangsUpOnEverybodyIsGivenUp) {
 
 TEST_F(Dbus, ServerWithoutMemoryForAConnectionRefusesTheNext) {
     server.reset();
-    const Faults faults({{"calloc", 5, ENOMEM}});  // the first four make the endpoint
+    const Faults faults({{"calloc", 5, ENOMEM}});  // the first four create the endpoint
     server = std::make_unique<SimulatedDaemon>(echo, echo);
     g_longest_send = SIZE_MAX;
     system_call_reboot_unlocked();
@@ -279,7 +280,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     system_call_exit();
     devices.hurry = 1000;
     const auto* const address = reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS);
-    corvo::UniqueFd waiting[3];  // more than the listener keeps for one that does not accept
+    corvo::UniqueFd waiting[3];  // more connections than the listener's backlog
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
         corvo::ignore_result(connect(fd.get(), address, sizeof(DAEMON_ADDRESS)));
@@ -288,7 +289,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     remove(SOCKET);
 }
 
-// A daemon that accepts nobody yet, with room for two that wait.
+// A daemon that does not accept connections yet, with a backlog of two.
 TEST_F(Dbus, RebootReachesABusyDaemonAsAnyCommandDoes) {
     EXPECT_TRUE(system_call_reboot(5000));
     system_call_exit();
@@ -337,7 +338,7 @@ TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {
     EXPECT_EQ(lstat(SOCKET, &status), 0);
     EXPECT_EQ(status.st_mode, S_IFSOCK | 0600) << "others give no commands";
     remove(SOCKET);
-    ASSERT_EQ(symlink("/tmp/victim", SOCKET), 0);  // planted while it serves
+    ASSERT_EQ(symlink("/tmp/victim", SOCKET), 0);  // replaced by another process while it serves
     system_call_exit();
     server.reset();
     EXPECT_EQ(remove(SOCKET), 0);
@@ -346,7 +347,7 @@ TEST_F(Dbus, PlantedLinkIsReplacedWithoutTouchingItsTarget) {
     remove("/tmp/victim");
 }
 
-// Each call of a server's and a client's whole life fails once, and from then on.
+// Each system call of a server and a client, from start to end, fails once, or from then on.
 TEST_F(Dbus, EveryFaultIsReportedAndNothingStaysOpen) {
     system_call_exit();
     server.reset();
@@ -372,7 +373,8 @@ TEST_F(Dbus, EveryFaultIsReportedAndNothingStaysOpen) {
                 daemon.reset();
                 daemon = std::make_unique<SimulatedDaemon>(echo, echo);
                 system_call("5", 100);
-                // A server that accepts no more refuses, and leaves nobody waiting.
+                // A server that cannot accept any more refuses connections instead of letting
+                // callers wait.
                 EXPECT_TRUE(call != "accept4" || ordinal > 0 || eventually(2000, [] {
                                 return system_call_reboot_unlocked() < 0 && errno == ECONNREFUSED;
                             }));
@@ -393,7 +395,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     SystemCallDbusInfo* const client = SystemCall_DbusInfo_Alloc(0);
     snprintf(client->serverName, sizeof(client->serverName), "%s", SYSTEM_CALL_DAEMON_NAME);
     ASSERT_EQ(SystemCall_Dbus_Register(client), DBUS_OK);
-    EXPECT_EQ(write(client->connectionSocket, "rubbish", 7), 7);  // is skipped
+    EXPECT_EQ(write(client->connectionSocket, "rubbish", 7), 7);  // the reader skips it
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "entry of a long name", "abc", 3), 1236);
     EXPECT_TRUE(eventually(10000, [] { return g_told == 'a' + 3; }));
     const char tooLong[1025] = {};
@@ -404,7 +406,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     Dbus_Lock(client);
     EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
     Dbus_UnLock(client);
-    const Faults faults({{"send", 1, SHORT, 8}, {"send", 2, SHORT, 0}});  // nothing more moves
+    const Faults faults({{"send", 1, SHORT, 8}, {"send", 2, SHORT, 0}});  // then no bytes are sent
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_WRITE_FAILED);
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
@@ -414,7 +416,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     memcpy(shifted.bytes + 1, &SYSTEM_CALL_DBUS_HEAD, sizeof(SYSTEM_CALL_DBUS_HEAD));
     EXPECT_EQ(record_accept(&shifted, 5), RECORD_BAD_HEAD);
     EXPECT_EQ(shifted.filled, 4U);
-    // Nothing is pending, and nothing is handed over.
+    // No call is pending, so no reply is delivered.
     SystemCallDbusMsg none = {}, other = {};
     pthread_mutex_init(&client->lock, nullptr);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, nullptr), DBUS_INVALID_ARGUMENT);
@@ -434,7 +436,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_OK);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Result(client, &none), DBUS_CALL_FAILED);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), METHOD_POP_REPLIED);
-    // A caller leaves a connection that has hung up to the reader, which puts another in its place.
+    // A caller does not close a broken connection: the reader replaces it.
     int lost[2], good[2];
     ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, lost) == 0 &&
                 socketpair(AF_UNIX, SOCK_STREAM, 0, good) == 0);
@@ -452,7 +454,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     for (const int fd : {lost[0], good[0], good[1]}) {
         close(fd);
     }
-    client->serverName[0] = '\0';  // a server alone has nobody to send to
+    client->serverName[0] = '\0';  // without a server there is no peer to send to
     EXPECT_EQ(SystemCall_Dbus_Send_Signal(client, "d", "s", "", 0), DBUS_INVALID_ARGUMENT);
     SystemCall_DbusInfo_Free(client);
     EXPECT_EQ(SystemCall_DbusInfo_Alloc(257), nullptr);

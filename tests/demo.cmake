@@ -1,4 +1,4 @@
-# The demo, with the programs of the release build, which is where it looks for them.
+# The demo uses the programs of the release build, so it is tested only there.
 if(NOT CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
   return()
 endif()

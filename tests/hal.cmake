@@ -1,4 +1,4 @@
-# Faults behind the system calls of a test's own program: see support/faults.h.
+# The system calls into which support/faults.h can inject faults, for test programs.
 set(calls_with_faults
     open open64 __open_2 __open64_2 fopen fopen64 read __read_chk write lseek lseek64 fstat fstat64 fsync fdatasync sync remove ioctl select
     msgrcv msgctl msgget ftok socket bind listen accept4 connect send opendir calloc pthread_create pthread_cond_timedwait sleep usleep _exit
@@ -8,8 +8,8 @@ add_library(test_faults STATIC support/faults.cpp)
 target_link_libraries(test_faults PUBLIC test_support)
 target_link_options(test_faults INTERFACE ${calls_with_faults})
 
-# The same behind the service's own objects. Its folder, not its name, tells it apart: the service
-# says under which name it runs.
+# The service with the same fault injection. It is in a separate folder and has the same name as the real
+# service, because the service prints its name.
 corvo_program(corvo_upgrade_with_faults SOURCES ${PROJECT_SOURCE_DIR}/src/ota/main.cpp support/faults.cpp
               LINK ota dbus log platform base)
 set_target_properties(corvo_upgrade_with_faults PROPERTIES OUTPUT_NAME corvo_upgrade
@@ -20,8 +20,8 @@ target_link_options(corvo_upgrade_with_faults PRIVATE ${calls_with_faults} -Wl,-
 corvo_test(led_gpio_test SOURCES led_gpio_test.cpp LINK test_faults hal_led hal_gpio)
 target_include_directories(led_gpio_test PRIVATE ${PROJECT_SOURCE_DIR}/src/hal/led)
 
-# The daemon's client is played by the test, which defines the two calls that the upgrade module
-# makes: it must not be linked in beside them.
+# The test defines fakes of the two functions of the daemon's client that the upgrade module calls, so the
+# client itself must not be linked.
 corvo_test(pal_hal_test SOURCES pal_hal_test.cpp LINK test_faults pal hal_led hal_ota hal_nv hal_flash)
 target_include_directories(pal_hal_test PRIVATE ${PROJECT_SOURCE_DIR}/src/pal
                                                 ${PROJECT_SOURCE_DIR}/src/hal/flash)

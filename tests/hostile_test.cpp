@@ -1,4 +1,4 @@
-// Neighbours that misbehave around the real program while it carries out an upgrade.
+// Other processes that misbehave while the real program performs an upgrade.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/msg.h>
@@ -27,7 +27,7 @@ struct Hostile : testing::Test {
         camera.start();
         camera.wait_for("ota wait for ota message");
     }
-    // The upgrade must succeed beside the neighbour; returns what it printed.
+    // Runs an upgrade, which must succeed beside the other process; returns its output.
     std::string upgrade(const std::function<void()>& neighbour) {
         Camera::post(Camera::request(0, {KERNEL}));
         std::thread thread(neighbour);
@@ -44,7 +44,8 @@ struct Hostile : testing::Test {
     Camera camera;
 };
 
-// It leaves a command unread, so that its end is a reset. Its successor is there at once.
+// The daemon leaves a command unread, so that its end resets the connection. Another daemon starts
+// at once.
 TEST_F(Hostile, DaemonThatDiesInTheMiddleCostsOneCommand) {
     camera.daemon.reset();
     corvo::UniqueFd listener = listening_as_daemon();
@@ -66,7 +67,7 @@ TEST_F(Hostile, FloodedQueueDelaysNothing) {
     upgrade([this] {
         camera.wait_for("UPGRADE_LUMO_RECV_MSG");
         const OtaQueueMessage junk = {.mtype = 1, .text = {}};
-        // Blocks while the queue is full, and fails when it is removed.
+        // msgsnd() blocks while the queue is full, and fails when the queue is removed.
         while (msgsnd(Camera::queue(), &junk, sizeof(junk.text), 0) == 0) {
         }
     });
@@ -99,7 +100,7 @@ TEST_F(Hostile, SubscribersThatComeGoAndNeverReadHoldNothingUp) {
     });
 }
 
-// What an earlier run or another process left under the name that the service uses in /tmp.
+// An earlier run or another process has left something under the name of the service's socket.
 TEST_F(Hostile, StaleAndPlantedNamesCostThePublicationAtMost) {
     write_file("/tmp/victim", "precious");
     upgrade([] {});

@@ -1,4 +1,4 @@
-// The status LED: patterns tick by tick, and the worker on sysfs lines that are files.
+// The status LED: patterns tick by tick, and the worker with plain files as sysfs lines.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -20,8 +20,8 @@ namespace {
 const std::string GPIO = "/sys/class/gpio/";
 const HalLedInterface& led = T31_LED_INTERFACE;
 
-// A step as a letter, by what it writes to red, green and blue: see cases/led_patterns.txt. "!"
-// before it when all are switched off first.
+// Returns a step as a letter that stands for its colours, see cases/led_patterns.txt. "!" before
+// it: all colours are switched off first.
 std::string letter(const LedStep& step) {
     static const std::map<std::string, std::string> LETTERS = {
         {"111", "W"}, {"000", "o"}, {"100", "R"}, {"010", "G"}, {"001", "B"}, {"---", "."},
@@ -106,12 +106,12 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
         std::string text = std::to_string(result);
         for (const std::string& line : lines_of(without_source_lines(output.take()))) {
             const bool counts = !line.empty() && !contains(line, "process thread");
-            text += counts ? " / " + line : "";  // a thread begins and ends when it likes
+            text += counts ? " / " + line : "";  // start and end of a thread have no fixed place
         }
         if (operation == "enable" || operation == "wait" || operation == "blue") {
             const std::string red = read_file(GPIO + "gpio34/value");
             const std::string blue = read_file(GPIO + "gpio35/value");
-            // While an act blinks, the number of writes is a matter of time.
+            // The number of writes while the LED blinks depends on timing.
             text +=
                 " / " + std::string(Faults::opened()) +
                 (operation == "wait" ? std::to_string(Faults::calls("write")) + " writes, " : "") +
@@ -119,7 +119,7 @@ TEST_F(Led, RequestsReachTheLinesAndASteadyActOnlyWaits) {
         }
         return text;
     });
-    EXPECT_EQ(read_file(GPIO + "export"), "74");  // over the 34 of before
+    EXPECT_EQ(read_file(GPIO + "export"), "74");  // overwrites a part of the earlier text
     EXPECT_EQ(read_file(GPIO + "gpio34/direction"), std::string("out\0", 4));
     EXPECT_EQ(read_file(GPIO + "gpio35/direction"), std::string("in\0\0", 4));
 }

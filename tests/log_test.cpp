@@ -1,4 +1,4 @@
-// The log line's form and bounds, and the bytes that reach a subscriber.
+// Format and limits of the log line, and the bytes that a subscriber receives.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -12,7 +12,7 @@
 #include "otactl/log_line.h"
 #include "otactl/log_stream.h"
 
-static std::string g_refused;  // the call of nanomsg that fails
+static std::string g_refused;  // name of the nanomsg function that fails
 
 #define REFUSABLE(result, name, failure, parameters, arguments)          \
     extern "C" result __real_##name parameters;                          \
@@ -24,7 +24,7 @@ REFUSABLE(void*, nn_allocmsg, nullptr, (size_t size, int type), (size, type))
 REFUSABLE(int, nn_send, -1, (int socket, const void* data, size_t size, int flags),
           (socket, data, size, flags))
 
-static unsigned g_slept_us = 0;  // by the last call
+static unsigned g_slept_us = 0;  // duration of the last call
 
 extern "C" int __real_usleep(unsigned microseconds);
 extern "C" int __wrap_usleep(unsigned microseconds) {
@@ -32,7 +32,7 @@ extern "C" int __wrap_usleep(unsigned microseconds) {
     return __real_usleep(microseconds);
 }
 
-static const timeval* g_clock_reads = nullptr;  // what the wall clock says; null: the time
+static const timeval* g_clock_reads = nullptr;  // simulated wall clock; null: the real one
 
 extern "C" int __real_gettimeofday(timeval* now, void* zone);
 extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
@@ -93,7 +93,7 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     std::string record;
     ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
     usleep(50000);  // it finds nobody at first
-    // Several bits: the highest counts, 768 is module 10 as 512 is.
+    // With several bits the highest one counts: 768 is module 10, like 512.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(g_slept_us, 100000U) << "subscribers connect meanwhile";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);

@@ -1,4 +1,4 @@
-// What a power cut leaves of the files that otactl writes.
+// Power cuts while otactl writes files.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -20,7 +20,8 @@ int shell(const std::string& command) {
     return system((BEFORE + command).c_str());
 }
 
-// Each file is the old one or the new one, whole, and when the command has ended it is the new one.
+// After a power cut each file must be completely the old or the new one; after the end of the
+// command it must be the new one.
 TEST(Otactl, LeavesOldOrNewFilesAtEveryPowerCut) {
     for (const char* image : {"kernel.bin", "rootfs.img"}) {
         write_file(std::string("/run/images/") + image, pattern_bytes(20000, 1));

@@ -1,5 +1,5 @@
-// Packages that their maker has signed, and all that is none: otactl as it is typed, and the
-// library where a process for each case would be too many.
+// Packages with valid and invalid signatures: with the command otactl, and with the library where a
+// process for each case would take too long.
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 #include <time.h>
@@ -23,8 +23,8 @@ constexpr char PKI[] = "/run/pki/";
 constexpr char MANIFEST[] = "/run/w/package.manifest";
 constexpr int64_t DAY = 86400;
 
-// A good package in /run/w, and the service's queue, without the service; the queue is gone
-// afterwards.
+// A valid package in /run/w, and the service's queue without the service; removes the queue at the
+// end.
 struct SignedPackage : testing::Test {
     void SetUp() override { ASSERT_EQ("0", run(std::string(BEFORE) + "true")); }
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
@@ -95,7 +95,7 @@ TEST_F(SignedPackage, CertificatesAreValidNowOrWhenItWasSignedByAClockThatIsNotS
              Case{"signer", "revoked.pem", 60, ""},
              Case{"expired", "", 60,
                   "the certificate \"CN=expired\" is not trusted: certificate has expired"},
-             // The list says that it is good for a day.
+             // The revocation list is valid for one day.
              Case{"thief", "revoked.pem", 60,
                   "the certificate \"CN=thief\" is not trusted: certificate revoked"},
              Case{"thief", "revoked.pem", now + 2 * DAY,
@@ -108,7 +108,7 @@ TEST_F(SignedPackage, CertificatesAreValidNowOrWhenItWasSignedByAClockThatIsNotS
                                 .text)
             << row.signedBy << " at " << row.now;
     }
-    // The attribute with the time becomes another one.
+    // Changes the type of the signing-time attribute.
     std::string signature = read_file(std::string(MANIFEST) + SIGNATURE_SUFFIX);
     signature.replace(signature.find("\x2a\x86\x48\x86\xf7\x0d\x01\x09\x05"), 9,
                       "\x2a\x86\x48\x86\xf7\x0d\x01\x09\x0f");
@@ -119,7 +119,7 @@ TEST_F(SignedPackage, CertificatesAreValidNowOrWhenItWasSignedByAClockThatIsNotS
 TEST_F(SignedPackage, ContentIsCheckedAsItArrives) {
     Manifest manifest;
     ASSERT_EQ("", read_unsigned_manifest("/run/w/all.manifest", manifest).text);
-    // A hole between modules is nobody's.
+    // The bytes in a gap between two modules belong to no module.
     manifest.modules[1].offset += 100;
     const PackageFile file = package_files(manifest)[0];
     std::string bytes = read_file("/run/w/all.pkg");
@@ -180,7 +180,7 @@ TEST_F(SignedPackage, FileThatIsChangedDuringItsCheckIsFound) {
     EXPECT_EQ(PACKAGE_DIFFERENT, check_unchanged(checked).result);
 }
 
-// Between the check and the request otactl waits for somebody who publishes.
+// Between the check and the request, otactl waits until it is connected to a publisher.
 TEST_F(SignedPackage, IsNotPostedWhenAFileWasExchangedMeanwhile) {
     auto sender =
         std::async(std::launch::async, run, std::string(BEFORE) + "send --follow > /run/said");
@@ -203,7 +203,8 @@ TEST_F(SignedPackage, IsNotPostedIntoAFullQueue) {
                     .ends_with("otactl: cannot post the request: the queue is full"));
 }
 
-// One call after the other fails: one line, nothing posted, nothing open.
+// Makes one call after the other fail: otactl must print one line, post nothing, leave nothing
+// open.
 TEST_F(SignedPackage, IsNotTakenWhenItCannotBeRead) {
     for (const char* call : {"read", "open", "fstat"}) {
         std::string said;
@@ -221,7 +222,7 @@ TEST_F(SignedPackage, IsNotTakenWhenItCannotBeRead) {
     }
 }
 
-// The same with memory that runs out, at places all over the run.
+// The same with memory that runs out at any moment of the run.
 TEST_F(SignedPackage, IsNotTakenWhenMemoryIsShort) {
     const std::string send = "otactl_short_of_memory send files --dir .";
     if (run("command -v otactl_short_of_memory")[0] != '0') {
@@ -234,7 +235,7 @@ TEST_F(SignedPackage, IsNotTakenWhenMemoryIsShort) {
         const std::string said = run(BEFORE + ("ALLOCATIONS=" + std::to_string(most) + " " + send));
         const std::string request = posted();
         if (said.starts_with("0 ")) {
-            // Only what is released or printed at the end was left.
+            // Success is allowed only if nearly all allocations had succeeded.
             EXPECT_GT(most, all * 9 / 10) << said;
             continue;
         }

@@ -1,5 +1,5 @@
-// The platform abstraction down to its modules: checks and codes, the slot switch (the daemon's
-// client is played here), NV, and the reporters.
+// The platform abstraction and its modules: checks and codes, the slot switch (with a fake of the
+// daemon's client), NV, and the reporters.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@
 
 namespace {
 
-std::string bootSlot;              // what the boot environment answers
-std::atomic<int> g_slow_query{0};  // of the boot slot. 1: asked for, 2: runs, 3: done
+std::string bootSlot;              // answer of the boot environment
+std::atomic<int> g_slow_query{0};  // slow query of the boot slot. 1: requested, 2: runs, 3: done
 
 const std::string BY_NAME = "/dev/block/by-name/";
 
@@ -41,7 +41,7 @@ TEST(Reporters, CutAtTheirLimits) {
                                  "\nhal error f,7,TAG 3 4 " + text.substr(0, 1020) + "\n");
 }
 
-// What no request and no operation of hal_tool can ask for.
+// Arguments that no request and no operation of hal_tool can contain.
 TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     write_file(BY_NAME + "kernel", "old");
     int32_t fd = -7;
@@ -125,7 +125,7 @@ TEST(Nv, FactoryCacheIsFilledOnceTheNodeIsThere) {
 
 }  // namespace
 
-// Both print what they are asked to run, and for how long at the most, milliseconds.
+// Fakes of the daemon's client: print the command and its time-out in milliseconds.
 int32_t popen_call(const char* cmd, void* output, int32_t outputSize, int32_t timeoutMs) {
     printf("popen %d bytes, %d: %s\n", outputSize, timeoutMs, cmd);
     if (g_slow_query == 1) {

@@ -1,4 +1,4 @@
-# The script installs git where it is missing; here nothing is installed for it.
+# The script would install git; a test must not install anything, so it needs an installed git.
 find_program(GIT git)
 if(GIT AND CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release" AND EXISTS ${PROJECT_SOURCE_DIR}/.git)
   add_test(NAME Release.RefusesWhatIsNotReady

@@ -1,4 +1,4 @@
-# The scripts' own command lines, once.
+# The command lines of the scripts do not depend on the build, so they are tested only in the release build.
 if(CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
   add_test(NAME Scripts.HelpAndWrongUse
            COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/support/script_help.sh ${PROJECT_SOURCE_DIR}

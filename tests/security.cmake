@@ -1,4 +1,4 @@
-# The page that says what is defended, against a system that runs; once, as what it reads is of the release.
+# Compares docs/security.md with a running system; only with the programs of the release build.
 if(CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
   add_test(NAME Security.PageIsTrue
            COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/support/security_page.sh ${CMAKE_BINARY_DIR})

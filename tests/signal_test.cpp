@@ -1,4 +1,4 @@
-// What the real program does when it is told to stop, and when it crashes.
+// The real program when it receives a signal to stop, and when it crashes.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
@@ -16,7 +16,8 @@ struct Signal : testing::Test {
     Camera camera;
 };
 
-// But those of faults, in the mask of SIGHUP to SIGTERM as the kernel shows it.
+// Checks the signal mask of the reader thread, SIGHUP to SIGTERM; only the signals of crashes may
+// be unblocked.
 void expect_reader_takes_no_signals(pid_t pid) {
     const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
     std::string status;
@@ -36,7 +37,8 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         camera.start();
         const std::string pid = std::to_string(camera.pid());
         camera.wait_for("ota wait for ota message");
-        // Let the line's locks go: a crash that holds one is the next test's.
+        // Wait until the locks for the line are released: a crash with a lock held is the next
+        // test.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         expect_reader_takes_no_signals(camera.pid());
         EXPECT_EQ(kill(camera.pid(), SIGPIPE), 0);
@@ -51,7 +53,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
         std::string said;
         for (const std::string& line : outcome.lines) {
             if (contains(line, "UPGRADE_LUMO_RECV_MSG")) {
-                break;  // what belongs to the request
+                break;  // the rest belongs to the request
             }
             said = contains(line, "ota wait") ? std::string() : said.append(" / ").append(line);
         }
@@ -63,7 +65,7 @@ TEST_F(Signal, EachIsAnsweredWithARebootAndEndsTheServiceOrNot) {
 
 TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     const auto start = std::chrono::steady_clock::now();
-    // Record 3 is a command in the middle of the kill passes.
+    // Record 3 is a command while the applications are stopped.
     const Outcome outcome = camera.run(Camera::request(0, {3}), {{"send", 3, CRASH}});
     EXPECT_TRUE(outcome.ended);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
@@ -74,8 +76,8 @@ TEST_F(Signal, CrashThatHoldsTheTransportsLockStillAsksForTheReboot) {
     EXPECT_EQ(commands[2], "reboot");
 }
 
-// A thread that has used its stack up, whichever: the calls are those of the signal thread, of the
-// transport's reader, of the LED's worker and of main.
+// Each thread overflows its stack once. The calls are those of the signal thread, the transport's
+// reader, the LED's worker and main.
 TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
     for (const Fault& fault : {Fault{"send", 1, OVERFLOW}, Fault{"read", 2, OVERFLOW},
                                Fault{"select", 1, OVERFLOW}, Fault{"fstat", 1, OVERFLOW}}) {
@@ -96,8 +98,8 @@ TEST_F(Signal, CrashesOfEveryThreadAskForTheReboot) {
     }
 }
 
-// Almost 4 s without a daemon, then one that takes almost as long as it may: not yet a reason to
-// ask again. All times are a tenth.
+// Almost 4 s without a daemon, then a daemon that answers just before the time-out: the reboot must
+// not be requested again. All times are divided by ten.
 TEST_F(Signal, CrashLeavesTheOrdinaryRoadItsTime) {
     camera.start({{"pthread_cond_timedwait", -1, SHORT, 1200}});
     camera.wait_for("ota wait for ota message");
@@ -113,7 +115,7 @@ TEST_F(Signal, UntilTheHandlingIsInstalledOrWithoutItsThreadTheDefaultHolds) {
     camera.start({{"pthread_create", 2, EAGAIN}});  // the first is the transport's reader
     camera.wait_for("signal thread not started");
     const std::string status = "/proc/" + std::to_string(camera.pid()) + "/status";
-    EXPECT_TRUE(eventually(5000, [&status] {  // the C library blocks all of them for a moment
+    EXPECT_TRUE(eventually(5000, [&status] {  // the C library blocks all signals for a moment
         return contains(read_file(status), "SigBlk:\t0000000000000000\n");
     }));
     EXPECT_EQ(kill(camera.pid(), SIGTERM), 0);

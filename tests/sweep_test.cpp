@@ -1,6 +1,6 @@
-// Whole upgrades, cut or disturbed at every place where they can be. A place is named by its
-// number, so that a failure can be run again alone:
-//   --gtest_filter='*Files*' with CORVO_ONLY=17 in the environment sweeps place 17 only.
+// Whole upgrades with a power cut or a fault at every possible position. Positions are numbered, so
+// that a single one can be repeated:
+//   --gtest_filter='*Files*' with CORVO_ONLY=17 in the environment tries position 17 only.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,13 +22,13 @@ constexpr uint32_t ROOTFS = 4;
 
 const int ONLY = getenv("CORVO_ONLY") == nullptr ? 0 : atoi(getenv("CORVO_ONLY"));
 
-// Other keys hold their number, the last upgrade succeeded.
+// The other keys have their numbers as values; the last upgrade succeeded.
 const std::string OLD_RECORD = std::string("\x70\1\x72\x73\x74\3\x76", 7);
 const std::string KERNEL_IMAGE = pattern_bytes(40000, 1);
 const std::string ROOTFS_IMAGE = pattern_bytes(16384, 2);
 const std::string SUCCESS = "UPGRADE_LUMO_UGRADE_SUCCESS";
 
-// One upgrade of two modules, with everything around it in its first state.
+// One upgrade of two modules, in a camera in its initial state.
 class World {
   public:
     // "Files", "AutoFlash" (files with its flag) or "Combined".
@@ -74,8 +74,8 @@ class World {
     OtaMessage message_;
 };
 
-// The record's other keys hold their old values, as far as the file goes: one that is short was cut
-// while it was rewritten.
+// The record's other keys must have their old values. A short file is allowed: the power cut
+// interrupted its rewrite.
 void expect_other_keys_kept(const std::string& record) {
     for (size_t key = 0; key < record.size(); ++key) {
         if (key != OTA_DATA_KEY_RESULT && key != OTA_DATA_KEY_STATE) {
@@ -84,8 +84,8 @@ void expect_other_keys_kept(const std::string& record) {
     }
 }
 
-// A mode and what happens: the power goes before a change ("Cut") or in the middle of a write
-// ("Torn").
+// Parameter: the mode, and the moment of the power cut: before a change ("Cut") or in the middle of
+// a write ("Torn").
 struct PowerCut : testing::TestWithParam<const char*> {};
 
 TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {

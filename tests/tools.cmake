@@ -1,4 +1,4 @@
-# hal_tool once more, with faults and NOR chips behind its calls.
+# A second build of hal_tool, with fault injection and simulated NOR chips.
 add_executable(hal_tool_with_faults $<TARGET_OBJECTS:hal_tool_main> support/simulated_devices.cpp)
 target_link_libraries(hal_tool_with_faults PRIVATE test_faults hal_tool_modules)
 set_target_properties(hal_tool_with_faults PROPERTIES OUTPUT_NAME hal_tool
@@ -10,7 +10,7 @@ target_compile_definitions(
                      SYSTEM_CALL_DAEMON="$<TARGET_FILE:system_call_daemon>")
 add_dependencies(tools_test otactl otactl_with_faults hal_tool_with_faults system_call_daemon)
 
-# otactl once more, with faults and a faster clock behind its calls.
+# A second build of otactl, with fault injection and a faster clock.
 add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main> support/fast_clock.cpp)
 target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime)
 target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
@@ -28,7 +28,7 @@ if(NOT CORVO_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
 endif()
 add_dependencies(package_test otactl otactl_with_faults)
 
-if(NOT CMAKE_CROSSCOMPILING)  # nothing emulated can be traced
+if(NOT CMAKE_CROSSCOMPILING)  # strace cannot trace emulated programs
   corvo_test(otactl_storage_test SOURCES otactl_storage_test.cpp support/forgetful_storage.cpp LINK)
   target_compile_definitions(otactl_storage_test PRIVATE PROGRAMS="$<TARGET_FILE_DIR:otactl>")
   add_dependencies(otactl_storage_test otactl)

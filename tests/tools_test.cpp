@@ -1,5 +1,5 @@
-// The companion programs: the real system-call daemon with the service's own client, and otactl as
-// it is typed.
+// The companion programs: the real system-call daemon with the service's client, and the commands
+// of otactl.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/msg.h>
@@ -33,7 +33,7 @@ struct SystemCallDaemon : testing::Test {
         if (pid_ == 0) {
             const rlimit none = {};
             setrlimit(RLIMIT_CORE, &none);
-            // As a parent may hand them down.
+            // A daemon may inherit these settings from its parent.
             signal(SIGCHLD, SIG_IGN);
             umask(0);
             dup2(STDIN_FILENO, 77);
@@ -82,7 +82,7 @@ TEST_F(SystemCallDaemon, NeitherAHangingCommandNorItsChildrenHoldItUp) {
     EXPECT_EQ("begun\n", output_of("echo begun; sleep 52"));
     EXPECT_EQ(1024U, output_of("yes").size());
     EXPECT_EQ("1", run("killall -q -0 sleep")) << "a killed command left a process behind";
-    // What a command leaves in the background is neither waited for nor ended.
+    // A background process of a command is neither awaited nor killed.
     const std::string pid = output_of("sleep 53 & echo $!");
     EXPECT_EQ(0, system_call(("kill " + pid).c_str(), 0));
 }
@@ -127,7 +127,7 @@ TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {
     std::atomic<bool> goesOn = true;
     std::thread others([&goesOn] {
         while (goesOn) {
-            system_call("true", 50);  // may be lost with the daemon
+            system_call("true", 50);  // may be lost when the daemon is killed
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
@@ -143,7 +143,7 @@ TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {
     others.join();
 }
 
-// The service's queue, without the service; the queue is gone afterwards.
+// The service's queue without the service; removes the queue at the end.
 struct Otactl : testing::Test {
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
     std::string posted(int flags) const { return posted_request(queue_, flags); }
@@ -203,7 +203,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     EXPECT_EQ("2 / otactl: the service did not receive the request, which is withdrawn",
               run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));
     EXPECT_EQ(" / type 0 /run/images/, 20: 0 at 0", posted(IPC_NOWAIT));
-    // It waits for 15 s, a tenth of which it is given here.
+    // otactl waits for 15 s; in this test its clock is ten times as fast.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
     EXPECT_EQ("", posted(IPC_NOWAIT));
     for (const auto& [verdict, status] : {std::pair("UPGRADE_LUMO_UGRADE_SUCCESS", '0'),

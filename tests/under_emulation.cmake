@@ -1,7 +1,7 @@
-# Tests built for the camera's processor run under qemu-user, but a program that they start does
-# not: the kernel of the desk knows nothing of its processor. So what they start is a script that
-# starts the emulator under the program's own name, which the program finds in /proc/self/comm.
-# EMULATED_PROGRAM in the environment starts another build of it, with another C library.
+# Tests for the camera's processor run under qemu-user, but the host's kernel cannot execute the programs that
+# the tests start. So the tests start a script instead, which starts the emulator under the name of the program,
+# because the program reads its name from /proc/self/comm. If EMULATED_PROGRAM is set in the environment, the
+# script starts that build of the program, with another C library.
 if(NOT CMAKE_CROSSCOMPILING)
   return()
 endif()
@@ -9,8 +9,8 @@ endif()
 find_program(QEMU_ARM qemu-arm-static REQUIRED)
 set(emulator_folder ${CMAKE_CURRENT_BINARY_DIR}/emulator)
 
-# emulated_script(TARGET SCRIPT): writes it for a target, in a folder of its own under the program's
-# name, and puts its path into SCRIPT.
+# emulated_script(TARGET SCRIPT): writes this script for a target, with the program's name in a separate folder,
+# and sets the variable SCRIPT to its path.
 function(emulated_script target script)
   file(MAKE_DIRECTORY ${emulator_folder}/${target})
   get_target_property(name ${target} OUTPUT_NAME)

@@ -1,4 +1,5 @@
-// Whole upgrades by the real program: console, commands, record, partitions and files, exactly.
+// Whole upgrades with the real program; compares output, commands, record, partitions and files
+// exactly.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -24,7 +25,8 @@ using Lines = std::vector<std::string>;
 
 constexpr uint32_t KERNEL = 3;
 
-// The commands that a console tells of, and the one that it does not: the query of the slot.
+// Returns the commands that the output mentions, and the query of the slot, which it does not
+// mention.
 Lines commands_of(const Lines& lines) {
     Lines commands;
     for (const std::string& line : lines) {
@@ -38,7 +40,7 @@ Lines commands_of(const Lines& lines) {
     return commands;
 }
 
-// What follows from the package table and from the run.
+// Returns the values that depend on the package table and on the run.
 ConsoleValues console_values(int pid) {
     ConsoleValues values;
     values.words = {
@@ -58,8 +60,8 @@ ConsoleValues console_values(int pid) {
     return values;
 }
 
-// Takes the lines about rows that the request does not name out of the console: one for each whose
-// image is there, up to the row that fails.
+// Removes from the output the lines about modules that the request does not name: one for each
+// module whose image exists, up to the module that fails.
 void expect_others_refused(Outcome& outcome, const OtaMessage& message,
                            const std::map<std::string, std::string>& files) {
     Lines wanted, said;
@@ -82,9 +84,9 @@ void expect_others_refused(Outcome& outcome, const OtaMessage& message,
 }
 
 struct Upgrade : testing::Test {
-    // Runs what a line of cases/upgrades.txt says; returns the outcome as it stands there.
+    // Runs the upgrade of a line of cases/upgrades.txt; returns the outcome in the same format.
     std::string outcome_of(std::istream& input) {
-        std::map<std::string, std::string> files;  // of the package
+        std::map<std::string, std::string> files;  // files of the package
         std::vector<Fault> faults;
         std::string name, word;
         int32_t packageType = 0;
@@ -163,8 +165,8 @@ TEST_F(Upgrade, RequestsToTheEnd) {
     expect_cases("upgrades.txt", [this](std::istream& input) { return outcome_of(input); });
 }
 
-// The numbers of modules and storages that requests and the platform use, also those that no row of
-// the table has today.
+// Maps the numbers of modules and storages from requests to the platform, also those that no row of
+// the package table uses.
 TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     std::string modules;
     for (uint32_t type = 0; type < 30; ++type) {
@@ -197,8 +199,8 @@ TEST(ReadBack, PartitionThatEndsBeforeTheImageDiffers) {
         OTA_FAILED);
 }
 
-// A daemon that takes commands and never answers: each is waited for as long as it may take, and
-// the restart, which it may still carry out, is not asked for again.
+// A daemon that receives commands and never answers: the service waits for each command until its
+// time-out. It must not request the restart again, because the daemon may still perform it.
 TEST_F(Upgrade, SlowDaemonHasItsTimeAndIsAskedForTheRebootOnce) {
     camera.daemon.reset();
     const corvo::UniqueFd listener = listening_as_daemon();
@@ -222,7 +224,7 @@ TEST_F(Upgrade, SlowDaemonHasItsTimeAndIsAskedForTheRebootOnce) {
     EXPECT_EQ(poll(&another, 1, 0), 0);
 }
 
-// The power is cut at the end of a pause, which is named by the seconds that were slept by then.
+// The power is cut at the end of a pause, which is given by the total seconds slept until then.
 TEST_F(Upgrade, ApplicationsHaveTimeToEndAndLogsToBeReadBeforeTheRestart) {
     for (const auto& [second, last] : {std::pair(2, "killall -15 lumo_daemon.sh"),
                                        {7, "/etc/init.d/S99checkboot systemB"},
@@ -248,7 +250,7 @@ TEST_F(Upgrade, ShortAndUnterminatedRequestsStayWithinTheirFields) {
     EXPECT_TRUE(contains(camera.run(unterminated).text, "failed to open " + path + ".\n"));
 
     camera.start();
-    camera.post(Camera::request(0, {KERNEL}), 0);  // no request at all
+    camera.post(Camera::request(0, {KERNEL}), 0);  // an empty request
     camera.post(Camera::request(0, {255}));
     EXPECT_TRUE(contains(camera.finish().text, "moduleType 255 no find"));
 
@@ -266,7 +268,7 @@ TEST_F(Upgrade, AsDeliveredPausesPublishesAndTakesTheOldestMessage) {
     ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
     camera.start({}, true);
     while (!contains(published, "Restart the system")) {
-        // Its pauses are 8 s.
+        // The fixed pauses of an upgrade are 8 s in total.
         ASSERT_EQ(subscriber.receive(record, 15000), StreamEvent::MESSAGE) << "the log ended early";
         published += record.substr(34, record.size() - 35);
     }

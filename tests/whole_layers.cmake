@@ -1,6 +1,5 @@
-# All objects of all layers of the service, linked by the C driver: what nobody calls yet is dropped
-# from the service itself, and with it the proof that it needs no C++ run-time library. The build is
-# the test.
+# Links all objects of all layers of the service with the C driver. The linker drops unused functions from the
+# service itself, so only this shows that these need no C++ run-time library either. The build is the test.
 get_property(layers GLOBAL PROPERTY CORVO_LAYERS)
 list(TRANSFORM layers REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>" OUTPUT_VARIABLE layer_objects)
 corvo_program(whole_layers SOURCES support/whole_layers.cpp ${layer_objects}

@@ -1,14 +1,14 @@
-# The camera of one row of cases/agent_actions.txt, before anything has happened, and its agent's
-# settings. Arguments: the row's first word, the server's URL, the camera's name there.
+# Creates the camera of one row of cases/agent_actions.txt in its initial state, and the settings of its
+# agent. Arguments: the row's first field, the server's URL, the camera's name at the server.
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
 rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/late /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
-# A card that leads elsewhere, where somebody has a file.
+# The package folder is a link to a folder with other files.
 case $1 in *leads-to-state*) rm -r $folder && ln -s /config $folder ;; esac
-# Folders where files are to be.
+# Folders with the names of files that the agent creates.
 case $1 in
     *blocked*)
         for name in kernel.bin.part kernel.bin.part.from kernel.bin.part.from.new rootfs.img; do
@@ -19,7 +19,7 @@ case $1 in
     *open-folder*) mkdir -p $folder/agent && chmod 777 $folder/agent ;;
 esac
 case $1 in *linked*) mkdir -p /run/elsewhere && echo theirs > /run/elsewhere/file && ln -s /run/elsewhere $folder/agent ;; esac
-# "state NAME KIND": what lies in the state folder instead of a file that the agent has written.
+# "state NAME KIND": puts something else in the place of one of the agent's files in the state folder.
 case $1 in
     *state\ *)
         mkdir -p /config/agent
@@ -31,12 +31,12 @@ case $1 in
             *large) head -c 1048577 /dev/zero > "$file" ;;
             *old) echo '{"id":"10","confirmed":true}' > "$file" ;;
             *text) echo "no JSON" > "$file" ;;
-            # A regular file whose first byte gives EIO, and that cannot be replaced.
+            # A regular file whose first byte cannot be read (EIO), and that cannot be replaced.
             *unreadable) : > "$file" && mount --bind /proc/1/mem "$file" ;;
         esac
         ;;
 esac
-# The service of an upgrade that somebody else has asked for has ended.
+# See WITHDRAWS_LATE in agent_cuts.cpp.
 case $1 in stuck*late) touch /run/late ;; esac
 case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
@@ -44,11 +44,11 @@ echo A > /run/slot
 case $1 in overtaken*) touch /run/overtaken ;; esac
 case $1 in slotless) : > /run/slot ;; esac
 echo 1.9 > /etc/version
-# /run/stop: the agent is asked to end, and what it asks for is not there yet.
+# With /run/stop: sends SIGTERM to the agent while it queries the slot, and fails.
 cat > /camera/bin/fw_printenv << 'end'
 #!/bin/sh
 [ ! -e /run/stop ] || { rm /run/stop && kill -TERM "$(cat /run/agent.pid)" && exit 1; }
-# Another sender is faster while an upgrade is committed.
+# With /run/overtaken: another sender posts a request right before the agent does.
 if [ -e /run/overtaken ] && [ -e /media/mmcblk0p1/ota/agent/rootfs.img ]; then
     mv /run/overtaken /run/overtake
 fi
@@ -67,21 +67,22 @@ chmod 600 /etc/corvo/token
     printf '%s\n' "server = $2" "controller-id = \"$3\"" "target-token-file = /etc/corvo/token" \
         "allow-unencrypted-token = on" \
         "keyring = /run/pki/root.pem" "compatible = R5C20" "version-file = /etc/version"
-    # The folder is the host's, but for a card that is mounted later.
+    # The folder is not a mount point, except in rows with a card that is mounted later.
     case $1 in *cardless*) ;; *) echo "require-mount = no" ;; esac
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
         asks* | agrees* | denies*) echo "confirm = ask" ;;
-        # Somebody writes to what was checked, right before it is asked for.
+        # Changes a verified file right before the request.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
         slow) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/gate; while [ -e /run/gate ]; do sleep 0.02; done"' ;;
         hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;
         hangs-later) echo "fitness-command = '[ ! -e $folder/agent/rootfs.img ] || { echo \$\$ > /run/fitness.pid; exec sleep 600; }'" ;;
         stopped-early) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/stop"' ;;
-        # Not in UTF-8, as the server wants it.
+        # The text is not valid UTF-8, which the server requires.
         unfit) printf 'battery low \374\n' > /run/battery && echo 'fitness-command = "cat /run/battery; false"' ;;
-        # A minute that is over long before this could be.
+        # Fit only until the first restart.
         *unfit-later) echo "fitness-command = '[ \$(cat /run/boot_id) = 0 ]'" ;;
+        # A window of one minute that begins in two hours.
         attempts) date -d "+2 hours" "+window = %H:%M-$(date -d "+121 minutes" +%H:%M)" ;;
     esac
 } > /etc/corvo/agent.conf

@@ -1,8 +1,8 @@
-// Behind the calls of the agent with which it changes the world outside: at the one that CORVO_CUT
-// in the environment counts to, the power goes, before it happens; with -1, right behind the
-// request to the service; with -2, right before it; with -3, before a package's manifest is
-// removed. A request to the server counts twice, before it is sent and when its answer is there.
-// Waiting costs no time: the clock that nobody sets goes on by itself.
+// Replaces those calls of the agent that change something outside of the process, and kills the
+// agent before the one whose number is in the environment variable CORVO_CUT; with -1, right after
+// the request to the service; with -2, right before the request; with -3, before a package's
+// manifest is removed. A request to the server counts twice: before it is sent, and when its answer
+// has arrived. Waiting takes no time: the monotonic clock advances by itself.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -25,8 +25,7 @@ void __gcov_reset();
 
 namespace {
 
-// The kernel, or a test, ends this program without its leave: what it has counted until now is
-// kept.
+// Saves the coverage counters, because a process that is killed does not.
 void keep_counts() {
 #ifdef CORVO_COVERAGE
     __gcov_dump();
@@ -41,11 +40,11 @@ std::atomic<int> g_changes{0};
 std::atomic<long> g_skippedNs{0};
 
 const char* const g_cut = getenv("CORVO_CUT");
-constexpr int BEHIND_THE_REQUEST = -1;
+constexpr int AFTER_THE_REQUEST = -1;
 constexpr int BEFORE_THE_REQUEST = -2;
 constexpr int BEFORE_FILES_GO = -3;
-// While the request is about to be taken back: the first file becomes the second one, whose removal
-// is waited for.
+// While the request is being withdrawn: if the first file exists, it is renamed to the second one,
+// and the agent waits until the test removes that.
 constexpr char WITHDRAWS_LATE[] = "/run/late";
 constexpr char WITHDRAWS[] = "/run/withdraws";
 
@@ -82,7 +81,8 @@ CHANGING(int, ftruncate64, (int fd, off_t size), (fd, size))
 CHANGING(int, fsync, (int fd), (fd))
 CHANGING(int, fdatasync, (int fd), (fd))
 CHANGING(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-// CORVO_SLOW in the environment: a download takes a second of the agent's clock for so many bytes.
+// CORVO_SLOW in the environment: the number of bytes whose download takes a second of the agent's
+// clock.
 ssize_t __real_pwrite64(int fd, const void* data, size_t size, off_t at);
 ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off_t at) {
     change();
@@ -118,7 +118,7 @@ int __wrap_msgsnd(int id, const void* data, size_t size, int flags) {
     change();
     pass(BEFORE_THE_REQUEST);
     const int result = __real_msgsnd(id, data, size, flags);
-    pass(BEHIND_THE_REQUEST);
+    pass(AFTER_THE_REQUEST);
     return result;
 }
 

@@ -1,5 +1,5 @@
-# Keys, and in /run/packages one package in every form that a row of cases/agent_actions.txt names.
-# Argument: scripts/make_pki.
+# Creates keys, and in /run/packages the packages that the rows of cases/agent_actions.txt name. Argument:
+# path of scripts/make_pki.
 set -e
 [ ! -d /run/packages ] || exit 0
 "$1" /run/pki > /dev/null

@@ -30,7 +30,7 @@ std::vector<std::pair<std::string, std::string>> words_of(const ConsoleValues& v
     return words;
 }
 
-// What one line of a text stands for.
+// Returns the output lines that one line of a text stands for.
 Lines lines_for(const std::string& line, const ConsoleValues& values) {
     if (values.lines.contains(line)) {
         return values.lines.at(line);
@@ -45,14 +45,15 @@ Lines lines_for(const std::string& line, const ConsoleValues& values) {
     return {text};
 }
 
-// Whether what was printed goes on as the text says; what it says is taken off.
-bool goes_on(const std::string& name, const ConsoleValues& values,
-             std::span<const std::string>& printed) {
+// Returns whether the output begins with the lines of the text, and removes these lines from
+// `printed`.
+bool begins_with(const std::string& name, const ConsoleValues& values,
+                 std::span<const std::string>& printed) {
     int number = 0;
     for (const std::string& line : lines_of(read_file(path_of(name)))) {
         ++number;
         if (line.starts_with('@') && !values.lines.contains(line)) {
-            if (!goes_on(line.substr(1), values, printed)) {
+            if (!begins_with(line.substr(1), values, printed)) {
                 return false;
             }
             continue;
@@ -69,8 +70,8 @@ bool goes_on(const std::string& name, const ConsoleValues& values,
     return true;
 }
 
-// Where what the lines tell of begins in what was printed: one of them that has changed is found by
-// those behind it. The end when none was printed.
+// Returns where the lines begin in the output: the position of a changed line follows from that of
+// the lines after it. Returns the end of the output if none of the lines was printed.
 size_t begin_of(const Lines& lines, std::span<const std::string> printed) {
     for (size_t i = 0; i < lines.size() && i < printed.size(); ++i) {
         const auto found = std::ranges::find(printed.subspan(i), lines[i]);
@@ -81,14 +82,14 @@ size_t begin_of(const Lines& lines, std::span<const std::string> printed) {
     return printed.size();
 }
 
-// Where it ends.
+// Returns where the lines end in the output.
 size_t end_of(const Lines& lines, std::span<const std::string> printed) {
     const Lines linesBack(lines.rbegin(), lines.rend());
     const Lines printedBack(printed.rbegin(), printed.rend());
     return printed.size() - begin_of(linesBack, printedBack);
 }
 
-// The text that a new row begins with: what all upgrades have in common, as far as it was printed.
+// Returns the initial text of a new row: those parts common to all upgrades that were printed.
 Lines new_text(const ConsoleValues& values, std::span<const std::string> printed) {
     Lines text = {""};
     for (const char* common : {"@start", "@initialised", "@switched", "@deleted", "@end"}) {
@@ -101,8 +102,8 @@ Lines new_text(const ConsoleValues& values, std::span<const std::string> printed
     return text;
 }
 
-// Rewrites a text so that it says what was printed: each of its lines stands for what was printed
-// up to where the next one begins.
+// Rewrites a text so that it matches the output: each of its lines stands for the output up to
+// where the next one begins.
 void accept(const std::string& name, const ConsoleValues& values,
             std::span<const std::string> printed) {
     Lines before = lines_of(read_file(path_of(name)));
@@ -159,7 +160,7 @@ void expect_console(const std::string& name, const ConsoleValues& values, const 
         return;
     }
     std::span<const std::string> rest = printed;
-    if (goes_on(name, values, rest) && !rest.empty()) {
+    if (begins_with(name, values, rest) && !rest.empty()) {
         ADD_FAILURE_AT(path_of(name).c_str(), 1) << "more was printed: " << rest.front();
     }
 }

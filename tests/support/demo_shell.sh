@@ -1,5 +1,4 @@
-# What is typed into the shell of scripts/demo --shell: an upgrade, and one more when the camera is up
-# again.
+# Input for the shell of scripts/demo --shell: an upgrade, and another one after the restart of the camera.
 set -e
 upgrade() {
     head -c 50000 /dev/urandom > /tmp/kernel
@@ -8,7 +7,7 @@ upgrade() {
     head -c 50000 /dev/block/by-name/kernel | cmp - /tmp/kernel
     otactl record | grep -q succeeded
 }
-comes_up() {
+wait_for_restart() {
     for attempt in $(seq 200); do
         sleep 0.1
         ! ipcs -q | grep -q ^0x || ! pidof -q lumo_daemon.sh KvsLumo || return 0
@@ -16,7 +15,7 @@ comes_up() {
     return 1
 }
 upgrade
-comes_up
+wait_for_restart
 upgrade
-comes_up
+wait_for_restart
 echo "two upgrades, two restarts"

@@ -1,5 +1,5 @@
-// In otactl as tests run it: the monotonic clock runs so many times faster as CORVO_CLOCK_RATE
-// says, for limits that would take a test long to reach.
+// For the otactl of the tests: the monotonic clock runs faster by the factor CORVO_CLOCK_RATE (from
+// the environment), so that tests of long time-outs are short.
 #include <stdint.h>
 #include <stdlib.h>
 #include <time.h>

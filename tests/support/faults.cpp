@@ -39,13 +39,13 @@ struct Counter {
     int calls;
 };
 
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards all of these
+pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the variables below
 Fault g_faults[MOST_FAULTS] = {};
 Counter g_counters[32];
 char g_opened[4096];
 char g_waits[512];
 
-// A byte that the storage does not hold. Reads show that only when the page cache has been dropped.
+// A byte that the storage loses. Reads return the wrong byte only after the page cache was dropped.
 struct WeakByte {
     char path[64];
     off_t at;
@@ -63,7 +63,7 @@ Counter& counter_of(const char* call) {
     return *counter;
 }
 
-// What the call meets, which is counted.
+// Counts the call and returns the fault that is set for it.
 Fault met_by(const char* call, int amount) {
     Fault met = {call, 0, NONE, 0};
     const corvo::ScopedLock lock(g_mutex);
@@ -77,14 +77,15 @@ Fault met_by(const char* call, int amount) {
     return met;
 }
 
-// In steps that no guard page is as small as. NOLINTNEXTLINE(misc-no-recursion)
+// Each step is smaller than a guard page, so it cannot skip one. NOLINTNEXTLINE(misc-no-recursion)
 int use_up_stack(int steps) {
     volatile char frame[1024];
     frame[0] = static_cast<char>(steps);
     return steps == 0 ? 0 : use_up_stack(steps - 1) + frame[0];
 }
 
-// Counts the call; returns the fault that it meets, with errno set, if it returns.
+// Counts the call and returns the fault that is set for it, with errno set. CRASH and OVERFLOW do
+// not return.
 Fault next(const char* call, int amount = 1) {
     const Fault met = met_by(call, amount);
     if (met.effect == CRASH) {
@@ -123,13 +124,13 @@ const char* real_path(const char* path) {
     return strcmp(path, "/proc/mtd") == 0 ? "/tmp/proc_mtd" : path;
 }
 
-// The descriptor's file, and its position there.
+// Returns the descriptor's file and its position in it.
 WeakByte place_of(int fd) {
     WeakByte place = {};
     char link[32];
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
     corvo::ignore_result(readlink(link, place.path, sizeof(place.path) - 1));
-    place.at = syscall(SYS_lseek, fd, 0, SEEK_CUR);  // not a call of the program's
+    place.at = syscall(SYS_lseek, fd, 0, SEEK_CUR);  // not lseek(): this call must not be counted
     return place;
 }
 
@@ -137,8 +138,8 @@ bool is_record(int fd) {
     return strcmp(place_of(fd).path, "/config/ota_data.dat") == 0;
 }
 
-// Whether these are image data for a partition. Neither they nor the outcome record may be left in
-// a cache.
+// Returns whether these are image data for a partition. Aborts if image data or the outcome record
+// are not written synchronously.
 bool is_image(int fd, const char* data, size_t size) {
     const WeakByte target = place_of(fd);
     // Erasing writes zeros.
@@ -152,7 +153,7 @@ bool is_image(int fd, const char* data, size_t size) {
     return image;
 }
 
-// The storage will not hold the last of the bytes that are about to be written.
+// Notes that the storage loses the last one of the bytes that are written next.
 void add_weak_byte(int fd, size_t size) {
     WeakByte* const unused = std::find_if(std::begin(g_weak_bytes), std::end(g_weak_bytes) - 1,
                                           [](const WeakByte& each) { return each.path[0] == 0; });
@@ -160,7 +161,7 @@ void add_weak_byte(int fd, size_t size) {
     unused->at += static_cast<off_t>(size) - 1;
 }
 
-// From now on, reads of the descriptor's file show what the storage holds.
+// Drops the page cache: reads of the descriptor's file now return the content of the storage.
 void drop_cache(int fd) {
     const WeakByte dropped = place_of(fd);
     for (WeakByte& weak : g_weak_bytes) {
@@ -246,8 +247,8 @@ const char* Faults::opened() {
     return copy;
 }
 
-// A call of this result and these parameters, passed on as these arguments. `name` is that of its
-// faults, `changes` whether the world outside is different after it.
+// Defines the replacement of a call with this result type, parameters and arguments. `name`: the
+// name for its faults; `changes`: whether the call changes something outside of the process.
 #define CALL(result, symbol, name, failure, changes, parameters, arguments) \
     result __real_##symbol parameters;                                      \
     result __wrap_##symbol parameters {                                     \
@@ -256,7 +257,8 @@ const char* Faults::opened() {
         }                                                                   \
         return fails(name) ? (failure) : __real_##symbol arguments;         \
     }
-// Calls that have a form for large files have both names: C libraries differ in which they use.
+// For calls with a variant for large files ("64"): both names, because C libraries use different
+// ones.
 #define CALL_BOTH(result, symbol, failure, changes, parameters, arguments) \
     CALL(result, symbol, #symbol, failure, changes, parameters, arguments) \
     CALL(result, symbol##64, #symbol, failure, changes, parameters, arguments)
@@ -315,7 +317,7 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
                : __real_read(fd, data, met.effect == SHORT ? std::min(met.count, size) : size);
 }
 
-// The same calls as a hardened program makes them where the compiler cannot check them by itself.
+// The variants of these calls in a hardened program (_FORTIFY_SOURCE).
 int __wrap___open_2(const char* path, int flags) {
     return __wrap_open(path, flags, 0);
 }
@@ -373,7 +375,7 @@ void __wrap_sync() {
     __real_sync();
 }
 
-// Polls and retries stay polls and retries, only quicker ones.
+// Pauses of polls and retries are only shortened, not removed.
 int __real_usleep(unsigned microseconds);
 int __wrap_usleep(unsigned microseconds) {
     next("usleep", static_cast<int>(microseconds));
@@ -430,7 +432,7 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
     return __real_pthread_cond_timedwait(condition, mutex, met.effect == SHORT ? &end : deadline);
 }
 
-// A program that is measured for coverage leaves its counts however it ends.
+// Saves the coverage counters however the program ends.
 void __gcov_dump() __attribute__((weak));
 [[noreturn]] void __real__exit(int status);
 void __wrap__exit(int status) {

@@ -68,7 +68,7 @@ bool eventually(int patienceMs, const std::function<bool()>& condition) {
 }
 
 int open_descriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");  // the listing's own too
+    const std::filesystem::directory_iterator all("/proc/self/fd");  // includes its own descriptor
     return static_cast<int>(std::distance(all, {})) - 1;
 }
 

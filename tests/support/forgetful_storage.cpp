@@ -21,7 +21,7 @@ std::string folder_of(const std::string& path) {
     return path.substr(0, path.rfind('/', path.size() - 2) + 1);
 }
 
-// Which of so many changes are kept: none first, all of them last.
+// Returns the sets of changes that may be kept (as bit masks): none first, all of them last.
 std::vector<uint64_t> subsets(size_t count) {
     EXPECT_LT(count, 64U) << "too much is not flushed to be simulated";
     const uint64_t all = (1ULL << count) - 1;
@@ -40,12 +40,12 @@ std::vector<uint64_t> subsets(size_t count) {
 // A system call that succeeded.
 struct ForgetfulStorage::Operation {
     std::string call;
-    std::vector<std::string> paths;  // of descriptors only where it has no other
+    std::vector<std::string> paths;  // the paths of descriptors only if there are no other paths
     std::string bytes;
     uint64_t number = 0;  // the last argument
     bool truncates = false;
 
-    // A line has text as "\x68\x65" and what a descriptor stands for as 3<\x2f>.
+    // Parses a line of strace: text is "\x68\x65", a descriptor with its path is 3<\x2f>.
     explicit Operation(const std::string& line) : call(line.substr(0, line.find('('))) {
         std::string folder;
         const size_t end = line.rfind(" = ");
@@ -76,7 +76,7 @@ struct ForgetfulStorage::Operation {
         truncates = contains(line, "O_TRUNC");
     }
 
-    // To somebody else.
+    // Returns whether data is sent to another process.
     [[nodiscard]] bool leaves() const {
         return call == "msgsnd" || (!bytes.empty() && !paths[0].starts_with('/'));
     }
@@ -102,7 +102,7 @@ ForgetfulStorage::ForgetfulStorage(const std::vector<std::string>& watched) {
 }
 
 std::string ForgetfulStorage::tracer(const std::string& log) {
-    // The leak detector cannot stop what another process traces.
+    // The leak detector uses ptrace, which fails for a process that is already traced.
     return "env ASAN_OPTIONS=detect_leaks=0 strace -D -q -A -o " + log +
            " -z -y -xx -s 1000000 -e '?open,openat,?openat2,?creat,write,pwrite64,writev,pwritev,"
            "ftruncate,?truncate,fallocate,fsync,fdatasync,?rename,?renameat,renameat2,?link,linkat,"
@@ -174,7 +174,7 @@ void ForgetfulStorage::perform(const Operation& operation) {
 }
 
 void ForgetfulStorage::replay(const std::string& log, const Observer& before) {
-    // The tracer writes on for a moment when the program has ended.
+    // The tracer may still write for a moment after the program has ended.
     EXPECT_TRUE(eventually(10000, [&log] { return read_file(log).ends_with("+++\n"); }));
     std::optional<Operation> pending;
     const auto finish = [&] {
@@ -222,7 +222,7 @@ ForgetfulStorage::State ForgetfulStorage::state(const Choice& choice, uint64_t o
 }
 
 std::vector<ForgetfulStorage::State> ForgetfulStorage::states() const {
-    std::map<const void*, std::vector<uint64_t>> open;  // the subsets of what is not flushed
+    std::map<const void*, std::vector<uint64_t>> open;  // sets of unflushed changes
     for (const auto& [path, folder] : folders_) {
         for (const auto& [name, file] : folder.with(ALL)) {
             if (file != nullptr && !file->changes.empty()) {
@@ -233,7 +233,7 @@ std::vector<ForgetfulStorage::State> ForgetfulStorage::states() const {
             open[&folder] = subsets(folder.changes.size());
         }
     }
-    std::vector<Choice> choices = {{}};  // every combination
+    std::vector<Choice> choices = {{}};  // all combinations
     for (const auto& [of, variants] : open) {
         std::vector<Choice> more;
         for (const Choice& choice : choices) {

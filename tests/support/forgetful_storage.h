@@ -1,8 +1,9 @@
-// Storage that forgets: what a power cut can leave of what a program did to files.
+// Simulated storage that loses unflushed data: determines the states of files that a power cut can
+// leave after the operations of a program.
 //
-// What was not flushed is lost in whole or in part, each change on its own: the size of a file, the
-// first and the second half of what was written, a name that was made, renamed or removed. A flush
-// of a file keeps its bytes but not its name, which needs a flush of the folder.
+// Each change that was not flushed may be lost independently: the size of a file, the first or the
+// second half of what was written, a name that was created, renamed or removed. Flushing a file
+// keeps its bytes but not its name, for which the folder must be flushed.
 #ifndef TESTS_SUPPORT_FORGETFUL_STORAGE_H
 #define TESTS_SUPPORT_FORGETFUL_STORAGE_H
 
@@ -16,26 +17,27 @@
 
 class ForgetfulStorage {
   public:
-    // Files by path, with their content; the path of a folder ends in "/".
+    // Path and content of each file; the path of a folder ends in "/".
     using State = std::map<std::string, std::string>;
 
-    // Starts with these folders (ending in "/") as they are, everything flushed. The folders that
-    // they are in exist.
+    // Starts with the current content of these folders (their paths end in "/"), all of it flushed.
+    // Their parent folders must exist.
     explicit ForgetfulStorage(const std::vector<std::string>& watched);
 
-    // What a command is preceded by so that its system calls are written to the log, behind what is
-    // there. Those of its child processes are not.
+    // Returns the prefix of a command with which its system calls are appended to the log, without
+    // those of its child processes.
     static std::string tracer(const std::string& log);
 
-    // Performs what programs did that have ended, and removes the log. `before` is called before
-    // each operation with the name of the system call and the bytes that go to a socket; writes to
-    // one file that follow each other are one operation. What cannot be simulated fails the test.
+    // Replays the operations of programs that have ended, and removes the log. `before` is called
+    // before each operation with the name of the system call and the bytes that are sent to a
+    // socket; successive writes to a file are one operation. An operation that cannot be simulated
+    // fails the test.
     using Observer = std::function<void(const std::string& call, const std::string& sent)>;
     void replay(const std::string& log, const Observer& before);
 
-    // What a power cut can leave now: first everything flushed and nothing else, at the end all
-    // that was written; in between every combination, or, where these are too many, every single
-    // file and folder in all its variants, with the others as flushed and as written.
+    // Returns the states that a power cut can leave now. The first has only the flushed data, the
+    // last everything that was written. Between them are all combinations or, if these are too
+    // many, all variants of each single file and folder, with the others as flushed and as written.
     [[nodiscard]] std::vector<State> states() const;
 
   private:
@@ -63,10 +65,10 @@ class ForgetfulStorage {
     [[nodiscard]] State state(const Choice& choice, uint64_t others) const;
 
     std::map<std::string, Stored<Names>> folders_;
-    std::map<std::string, uint64_t> positions_;  // of write()
+    std::map<std::string, uint64_t> positions_;  // file positions for write()
 };
 
-// Makes the files and folders of a state below another root, "" for the real one.
+// Creates the files and folders of a state below another root; "" is the real one.
 void put_state(const ForgetfulStorage::State& state, const std::string& root);
 
 #endif  // TESTS_SUPPORT_FORGETFUL_STORAGE_H

@@ -1,5 +1,5 @@
-// Writes beyond a piece of memory whose size the compiler does not know. Succeeds when it is
-// stopped.
+// Writes beyond the end of a buffer whose size the compiler does not know. Exits with success if
+// the hardened call stops it.
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,5 +1,5 @@
-// main() of every test program: re-enters the private root first, while the process still has one
-// thread.
+// main() of every test program: first starts the program again inside the private root, while the
+// process still has a single thread.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>

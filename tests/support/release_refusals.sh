@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What scripts/release refuses before it makes anything, in a clone of the checkout.
+# Tests in a clone of the checkout what scripts/release refuses before it builds anything.
 set -euo pipefail
 
 checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -16,9 +16,9 @@ printf '/key.pem\n' >> .git/info/exclude
 git add . && git commit --quiet --message "For a release"
 
 refuses() { # REASON VERSION
-    local said
-    said=$(scripts/release "$2" --key key.pem --certificate key.pem --without-tests 2>&1) && said="nothing"
-    grep -q "$1" <<< "$said" || { echo "version $2: expected \"$1\", not \"$said\"" && exit 1; }
+    local output
+    output=$(scripts/release "$2" --key key.pem --certificate key.pem --without-tests 2>&1) && output="nothing"
+    grep -q "$1" <<< "$output" || { echo "version $2: expected \"$1\", not \"$output\"" && exit 1; }
 }
 git tag v1.2.3
 refuses "1.2.3 is not above 1.2.3" 1.2.3

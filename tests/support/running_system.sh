@@ -1,11 +1,11 @@
-# Runs an upgrade inside a root of its own and prints what the service, its daemon and the agent leave for
-# others to reach, while they wait and afterwards: name, kind, mode and owner of each, "agent" for its user. Arguments: folder of
-# the programs, umask. Where this machine has other users the agent runs as one, as on a camera; else a
-# line "one user" says so.
+# Runs an upgrade inside the private root. Prints the files, queues and sockets that the service, its daemon and
+# the agent create, while they wait and afterwards: name, type, mode and owner of each ("agent": the agent's
+# user). Arguments: folder of the programs, umask. The agent runs as another user, as on a camera; if this
+# machine does not allow that, the line "one user" is printed.
 set -e
 PATH=$1:$PATH
 umask "$2"
-work=/camera # what lies there is this script's
+work=/camera # files of this script, which are not printed
 for partition in kernel nv_factory; do head -c 100000 /dev/zero > /dev/block/by-name/$partition; done
 mkdir -p /media/mmcblk0p1/ota
 head -c 50000 /dev/urandom > /media/mmcblk0p1/ota/kernel.bin
@@ -22,7 +22,7 @@ touch $work/mark
 sleep 0.02
 
 made() {
-    # /run/reboot is how this root records that it was asked for a restart.
+    # Without /run/reboot, in which the private root's "reboot" records its calls.
     find / -xdev -newer $work/mark ! -type d ! -path "$work/*" ! -path '/dev/*' ! -path /run/reboot \
         -printf '%p %y %m %u\n' | sed 's/ nobody$/ agent/'
     awk 'FNR > 1 { sub(".*/", "", FILENAME); print "queue of /tmp", FILENAME, $3, $8 ? "uid" $8 : "root" }' /proc/sysvipc/msg
@@ -38,7 +38,7 @@ otactl send files --dir /media/mmcblk0p1/ota/ kernel > /dev/null
 until ! kill -0 $service 2> /dev/null; do sleep 0.2; done
 made
 
-# What the unit or the script does before it starts; with a card, as the agent writes to no other place.
+# The preparation by the unit or the init script. With a mounted card, without which the agent does not write.
 mount -t tmpfs -o mode=755 card /media/mmcblk0p1
 group=$(id -gn nobody)
 mkdir -p -m 755 /run/corvo-agent

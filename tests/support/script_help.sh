@@ -1,5 +1,5 @@
-# Usage: script_help.sh CHECKOUT COPY. Each script shows its help, and rejects an option that it does not
-# know, in one line; neither leaves anything in the checkout, of which COPY becomes a copy.
+# Usage: script_help.sh CHECKOUT COPY. Tests in a copy of the checkout, which it creates in the folder COPY, that
+# each script prints its help, and rejects an unknown option with one line, without creating any file.
 set -eu
 wrong=0
 complain() { echo "$name: $*" && wrong=1; }
@@ -21,5 +21,5 @@ for script in scripts/*; do
     [ $status = 64 ] || complain "an unknown option ends with $status"
     [ "$(wc -l < ../script_help.error)" = 1 ] || complain "an unknown option is not one line: $(cat ../script_help.error)"
 done
-find . -type f | sort | cmp -s - ../script_help.before || complain "something was made: $(find . -type f | sort | diff - ../script_help.before)"
+find . -type f | sort | cmp -s - ../script_help.before || complain "files were created: $(find . -type f | sort | diff - ../script_help.before)"
 exit $wrong

@@ -1,4 +1,4 @@
-// Commands that are typed at a shell, and what becomes of them.
+// Runs shell commands and returns their results.
 #ifndef TESTS_SUPPORT_SESSION_H
 #define TESTS_SUPPORT_SESSION_H
 
@@ -7,18 +7,18 @@
 
 #include "files.h"
 
-// A shell command's exit status and the lines that it prints, with " / " before each.
+// Runs a shell command; returns its exit status and its lines of output, each after " / ".
 std::string run(const std::string& command);
 
-// Types the rows of cases/NAME behind `before`; `more` stands behind what a row says. Of what the
-// parser of arguments says only the hint is ours.
+// Runs each row of cases/NAME as a command after `before`; `more` is appended to the row's result.
+// Of the error messages of the argument parser, only our hint is compared.
 void expect_session(
     const char* name, const std::string& before,
     const std::function<std::string()>& more = [] { return ""; },
     Rows rows = Rows::BUILD_ON_EACH_OTHER);
 
-// The request that was posted to the queue, as text with " / " before it; "" when there is none.
-// `flags` as msgrcv(2) has them.
+// Receives a request from the queue and returns it as text after " / "; "" if there is none.
+// `flags` are those of msgrcv(2).
 std::string posted_request(int queue, int flags);
 
 #endif  // TESTS_SUPPORT_SESSION_H

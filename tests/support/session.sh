@@ -1,9 +1,9 @@
-# Read by the shell before each row of the cases that are typed. It starts few processes, for they
-# are most of what a row costs.
+# Sourced before each row of the cases that are shell commands. Starts few processes, because they take most
+# of a row's time.
 export LC_ALL=C
 
-# Makes a block device of the file; sets disk. Others on this machine take loop devices too: the free
-# one may be younger than this root and lack its node here, or be gone by the next command.
+# Creates a loop device on the file and sets the variable "disk". Other processes use loop devices too: the free
+# one may have been created later than this root and have no node here, or be in use by the next command.
 attach_loop() { # FILE
     for _ in 1 2 3 4 5 6 7 8 9; do
         disk=$(losetup --find) || return
@@ -12,13 +12,13 @@ attach_loop() { # FILE
     done
 }
 
-# Runs hal_tool on the partition that is full of "o". Sets code, and text: what the partition holds
-# then, and the percents and errors that were reported.
-write_flash() { # HAL_TOOL'S ARGUMENTS...
+# Runs hal_tool on the partition, after filling it with "o". Sets the variables "code" (the result) and "text"
+# (the content of the partition afterwards, and the reported percentages and errors).
+write_flash() { # ARGUMENT of hal_tool...
     cp /tmp/old "$partition"
     hal_tool "$@" > /tmp/said 2>&1
 
-    # So many of the package's bytes from the offset on, and behind them nothing but erased cells.
+    # The number of bytes that are equal to the package from the offset; the rest must be erased.
     differs=$(cmp -i "$skip:0" /tmp/package "$partition" 2>&1)
     text=${differs#*char }
     text=${text#*byte }
@@ -37,7 +37,7 @@ write_flash() { # HAL_TOOL'S ARGUMENTS...
     done < /tmp/said
 }
 
-# One row of cases/flash.txt: the same write by the driver and by the platform layer.
+# Runs a row of cases/flash.txt: the same write with the driver and with the platform layer.
 flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
     if ! [ -f /tmp/package ]; then
         seq 40000 | head -c 200000 > /tmp/package # without a byte of all zeros or all ones
@@ -68,7 +68,7 @@ flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
         by_driver="$code / $text"
         write_flash pal-ota-upgrade 4 root /tmp/image $storage
     else
-        # The drivers take positions of 32 bits with a sign and of 64 bits without.
+        # Positions are signed 32-bit numbers in one driver and unsigned 64-bit numbers in the other.
         case $1 in
             mmc) range="$3 $((($3 + $4 + 0x80000000) % 0x100000000 - 0x80000000))" ;;
             mtd) range=$(printf '%u %u' "$3" "$4") ;;
@@ -84,7 +84,7 @@ flash() { # STORAGE HOW OFFSET LENGTH [CALL ORDINAL EFFECT]
     [ "${by_driver#* / }" = "$text" ] || echo "$by_driver"
 }
 
-# One row of cases/upgrade_arguments.txt: an upgrade by range, then one with the whole image.
+# Runs a row of cases/upgrade_arguments.txt: an upgrade with a range, then one with the whole image.
 upgrade_arguments() { # TYPE NAME IMAGE STORAGE
     printf old > /dev/block/by-name/kernel
     printf new > /tmp/image
@@ -95,7 +95,7 @@ upgrade_arguments() { # TYPE NAME IMAGE STORAGE
     sed -n 's/.* 4 /, /p' /tmp/said | tr -d '\n'
 }
 
-# Before each row of cases/agent_camera.txt: nothing runs, and there is no pid file.
+# Called before each row of cases/agent_camera.txt: ends the earlier process and removes the pid file.
 camera() {
     cd /run
     file=/tmp/corvo_upgrade.pid
@@ -107,7 +107,7 @@ camera() {
     install -m 6755 /usr/bin/sleep raised
 }
 
-# Starts what sleeps; sets pid.
+# Starts a process that sleeps and sets the variable "pid".
 process() { # COMMAND...
     "$@" 60 < /dev/null > /dev/null 2>&1 &
     pid=$!
@@ -116,7 +116,7 @@ process() { # COMMAND...
 }
 as_user() { exec setpriv --reuid 990 --regid 990 --clear-groups "$@"; }
 
-# One row of cases/agent_prepare.txt: the command, then the program, then what is there.
+# Runs a row of cases/agent_prepare.txt: the command, then the program; prints the files afterwards.
 prepare() { # COMMAND
     umount /run/new/agent 2> /dev/null
     rm -rf /run/new /run/victim /var/lock/fw_printenv.lock
@@ -145,7 +145,7 @@ prepare() { # COMMAND
     ls /run/victim | wc -l
 }
 
-# Puts a link under the name, and what may stand there, by turns, while the program runs often.
+# Alternates between a link and what the name may be, while the program runs many times.
 swap() { # NAME TARGET
     times=1000
     mkdir -p /run/new

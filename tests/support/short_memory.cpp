@@ -1,6 +1,6 @@
-// Stands in front of the C library's allocations in the program that is linked with it: the first
-// ALLOCATIONS of them, a number from the environment, succeed and all others fail. Without the
-// variable they only are counted; the count goes to /tmp/allocations.
+// Replaces the C library's allocation functions in a program. The first N allocations succeed and
+// all others fail, where N is the environment variable ALLOCATIONS. Without the variable they are
+// only counted; the count is written to /tmp/allocations.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -17,7 +17,8 @@ namespace {
 std::atomic<long> taken{0};
 std::atomic<long> most{-1};
 
-// After the program's own last steps: what instruments a build for coverage allocates then, too.
+// Ends the shortage after the program's last steps, because coverage instrumentation allocates
+// then.
 void end_shortage() {
     const long all = taken;
     if (most.exchange(-1) < 0) {

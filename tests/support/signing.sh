@@ -1,9 +1,9 @@
-# Read by the shell before each row of cases/signed.txt: a maker's keys and other people's, a camera
-# with a running system, and in /run/w, made anew for each row, a package for it in both forms.
+# Sourced before each row of cases/signed.txt: creates the keys of a manufacturer and of others, a camera with
+# a running system, and in /run/w a package for it in both forms, anew for each row.
 pki=/run/pki
 image=/dev/block/by-name
 
-issue() { # NAME EXTENSIONS [ARGUMENTS OF openssl ca...]: another certificate of the authority
+issue() { # NAME EXTENSIONS [ARGUMENT of openssl ca...]; issues another certificate of the authority
     printf '[%s]\n%s\n' "$1" "$2" | cat pki.cnf - > "$1.cnf"
     openssl req -config pki.cnf -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes \
         -keyout "$1.key" -subj "/CN=$1" -out "$1.csr"
@@ -27,13 +27,13 @@ extendedKeyUsage = codeSigning'
     issue thief "$signer"
     openssl ca -config pki.cnf -revoke thief.pem
     openssl ca -config pki.cnf -gencrl -crldays 1 -out revoked.pem
-    # Keys that cameras do not take.
+    # Keys of types that cameras do not accept.
     for kind in rsa-pss ed25519; do
         openssl genpkey -algorithm $kind -out $kind.key
         openssl req -config pki.cnf -new -key $kind.key -subj /CN=$kind -out $kind.csr
         openssl ca -config pki.cnf -batch -notext -extensions signer -in $kind.csr -out $kind.pem
     done
-    # A web server, of an authority that the host trusts.
+    # A web server's certificate, from an authority that the host trusts.
     openssl req -config pki.cnf -x509 -extensions root -newkey ec -pkeyopt ec_paramgen_curve:P-256 \
         -nodes -keyout public.key -subj "/CN=Public root" -out public.pem
     printf 'subjectAltName = DNS:web.example\nextendedKeyUsage = serverAuth\n' > web.cnf
@@ -42,10 +42,10 @@ extendedKeyUsage = codeSigning'
     openssl x509 -req -in web.csr -CA public.pem -CAkey public.key -extfile web.cnf -out web.pem
     mkdir /run/trusted
     cp public.pem "/run/trusted/$(openssl x509 -in public.pem -noout -hash).0"
-    # An authority that has expired.
+    # An expired certificate of the authority.
     openssl ca -config pki.cnf -cert root.pem -keyfile root.key -batch -notext -extensions authority \
         -startdate 200101000000Z -enddate 210101000000Z -in authority.csr -out old.pem
-    # Far too short a key, and an authority that is for mail alone.
+    # A key that is too short, and an authority that is restricted to mail.
     openssl req -config pki.cnf -newkey rsa:1024 -nodes -keyout weak.key -subj /CN=weak -out weak.csr
     openssl ca -config pki.cnf -batch -notext -extensions signer -in weak.csr -out weak.pem
     printf '[mail]\nbasicConstraints = CA:true\nextendedKeyUsage = emailProtection\n' > mail.cnf
@@ -67,22 +67,23 @@ make_good() {
 
 key="--key $pki/signer.key --certificate $pki/signer.pem --intermediate $pki/authority.pem"
 head="--compatible R5C20 --version 2.7.1"
-pack() { # [ARGUMENTS...]: what else than R5C20 2.7.1 by the signer
+pack() { # [ARGUMENT...]; default: R5C20 2.7.1, signed by the signer
     set -- ${*:-$head $key}
     otactl pack files --dir . "$@" > /dev/null &&
         otactl pack --output all.pkg --manifest all.manifest rootfs=rootfs.img kernel=kernel.bin \
             "$@" > /dev/null
 }
 
-# Signs with the command of OpenSSL, whoever it is.
-as() { # NAME [ARGUMENTS...]
+# Signs the manifest with the openssl command and the key of NAME.
+as() { # NAME [ARGUMENT...]
     by=$1
     shift
     openssl cms -sign -binary -in package.manifest -signer "$pki/$by.pem" -inkey "$pki/$by.key" \
         -certfile $pki/authority.pem -outform DER -out package.manifest.sig "$@"
 }
 
-# The commands of a page, by number of their block, or one command, by words in its first line.
+# Print commands from a page of the documentation: a block by its number, or one command by words in its first
+# line.
 block_of() { # PAGE NUMBER
     awk -v wanted="$2" '/^ *```/ { inside = /sh$/ && ++n == wanted; next } inside' "$TEXTS/../docs/$1.md"
 }
@@ -91,7 +92,7 @@ command_of() { # PAGE WORDS
         "$TEXTS/../docs/$1.md"
 }
 
-# Types them, and locks no key and always agrees. Ends the shell where one fails.
+# Runs the commands, without passwords for keys and without questions. Ends the shell if one fails.
 type_in() { # COMMANDS
     openssl() {
         case $1 in
@@ -106,15 +107,15 @@ type_in() { # COMMANDS
     unset -f openssl
 }
 
-# What docs/signing.md makes here: keys, a signature of the manifest, and a list that revokes its signer.
+# Runs the commands of docs/signing.md: keys, a signature of the manifest, and a list that revokes its signer.
 by_page() {
     cp $pki/pki.cnf .
     type_in "$(block_of signing 1)"
 }
 
-# What the pages and the script find out about who signed, where the host trusts the public root; and as
-# a control the first page's command without what it needs for that.
-check_by_page() { # ARGUMENTS OF as...
+# Checks a signature with the commands of the pages and with scripts/release, on a host that trusts the public
+# root. The control is the first page's command without the options that exclude this root.
+check_by_page() { # ARGUMENT of as...
     export SSL_CERT_DIR=/run/trusted SSL_CERT_FILE=$pki/public.pem
     cp $pki/root.pem $pki/revoked.pem .
     sha256sum kernel.bin > package.manifest
@@ -136,7 +137,7 @@ check_by_page() { # ARGUMENTS OF as...
 send() { otactl send files --dir . "$@"; }
 send_all() { otactl send combined --package all.pkg --manifest all.manifest "$@"; }
 
-# The lines of a command's output that match, and its exit status.
+# Prints the matching lines of a command's output and returns the command's exit status.
 only() { # PATTERN COMMAND...
     pattern=$1
     shift
@@ -146,10 +147,10 @@ only() { # PATTERN COMMAND...
     return $code
 }
 
-# Signs with a key in a token that does not give it out.
+# Runs a command with a token that contains the signer's key.
 token() { # COMMAND...
     SOFTHSM2_CONF=/run/softhsm.conf PKCS11_MODULE_PATH=/usr/lib/softhsm/libsofthsm2.so
-    ASAN_OPTIONS=detect_leaks=0 # the engine does not tidy up when it fails
+    ASAN_OPTIONS=detect_leaks=0 # the engine leaks memory when it fails
     export SOFTHSM2_CONF PKCS11_MODULE_PATH ASAN_OPTIONS
     if ! [ -d /run/tokens ]; then
         mkdir /run/tokens
@@ -161,19 +162,19 @@ token() { # COMMAND...
     "$@"
 }
 
-# One byte of a file becomes another one.
+# Changes one byte of a file.
 spoil() { # FILE OFFSET
     byte=$(tail -c +$(($2 + 1)) "$1" | head -c 1 | tr '\0-\376\377' '\1-\377\0')
     printf %s "${byte:-z}" | dd of="$1" bs=1 seek="$2" conv=notrunc 2> /dev/null
 }
 
-# In a signature the content's type, outside of what is signed, becomes the next one.
-retype() { # LAST BYTE OF THE TYPE
+# Changes the content type in a signature, in the part that is not signed.
+retype() { # LAST-BYTE of the type
     at=$(grep -obUaP "\x2a\x86\x48\x86\xf7\x0d\x01\x07\x$1" package.manifest.sig | head -n 1)
     spoil package.manifest.sig $((${at%%:*} + 8))
 }
 
-# An otactl whose calls fail; afterwards nothing is open that was not open before.
+# Runs otactl with faults, and checks that it leaves no additional descriptors open.
 failing() { # FAULTS COMMAND...
     export CORVO_FAULTS=none:1:0:0
     otactl_with_faults --help > /dev/null

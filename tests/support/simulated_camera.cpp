@@ -26,7 +26,7 @@ std::vector<std::string> g_commands;
 
 std::atomic<int> g_command_ms{0};
 
-// Yields "A": as a status that is 0, as output the boot slot.
+// Notes the command and returns "A": as a status this is 0, as output it is the boot slot.
 int32_t note(const void* command, uint32_t length, void* out, uint32_t outSize) {
     {
         const std::lock_guard<std::mutex> lock(g_mutex);
@@ -36,8 +36,7 @@ int32_t note(const void* command, uint32_t length, void* out, uint32_t outSize) 
     return snprintf(static_cast<char*>(out), outSize, "A\n");
 }
 
-// The LED's worker may come between what another thread prints of one line: what stands before
-// stays.
+// The LED's worker may print in the middle of another thread's line: the text before it is kept.
 std::vector<std::string> comparable(const std::string& text) {
     return lines_of(
         replaced(replaced(without_source_lines(text), R"(hal error \w+,#,HAL_LED[^\n]*\n\n?)", ""),
@@ -143,7 +142,7 @@ void Camera::start(const std::vector<Fault>& faults, bool asDelivered) {
     pid_ = fork();
     if (pid_ == 0) {
         setenv(FAULTS_VARIABLE, text.str().c_str(), 1);
-        // The service exits with its threads; a reader that ended before is nobody's to join.
+        // The service ends without joining its threads, which is no leak.
         setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);
         silent ? close(STDOUT_FILENO) + close(STDERR_FILENO) : dup2(output_.get(), STDOUT_FILENO);
         if (getenv("CORVO_VALGRIND") != nullptr) {

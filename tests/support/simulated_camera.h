@@ -1,5 +1,5 @@
-// A camera around the real service program: partitions as files, a package, the outcome record, the
-// request queue and a daemon that notes the commands it is asked to run.
+// A simulated camera for the real service: partitions as files, a package, the outcome record, the
+// request queue, and a daemon that records the commands that it receives.
 #ifndef TESTS_SUPPORT_SIMULATED_CAMERA_H
 #define TESTS_SUPPORT_SIMULATED_CAMERA_H
 
@@ -17,10 +17,10 @@
 #include "simulated_daemon.h"
 
 struct Outcome {
-    bool ended = false;  // by itself with status 0; else it was killed
-    std::string text;    // standard output, as it came
-    // Its lines without time stamps, source line numbers and the LED worker's lines, whose place
-    // among the others is open.
+    bool ended = false;  // true: ended by itself with status 0; false: it was killed
+    std::string text;    // standard output, unchanged
+    // Its lines without time stamps, source line numbers and the lines of the LED's worker, whose
+    // position is not fixed.
     std::vector<std::string> lines;
 };
 
@@ -34,43 +34,43 @@ class Camera {
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    // Succeeds in whatever it is asked to run, without running it, after so many milliseconds; slot
-    // A is up. One at a time.
+    // Creates a daemon that runs no commands: each succeeds after `commandMs`, and the current slot
+    // is A. Only one daemon may exist at a time.
     static std::unique_ptr<SimulatedDaemon> fake_daemon(int commandMs = 0);
     std::unique_ptr<SimulatedDaemon> daemon = fake_daemon();
-    static std::vector<std::string> take_commands();  // what it was asked for since the last time
-    // Whether one that begins so is among them. The daemon may come to it only when the service, in
-    // a hurry, is gone: so many milliseconds later at the most.
+    static std::vector<std::string> take_commands();  // the commands since the last call
+    // Returns whether a command that begins with this text was received. Waits for at most
+    // `patienceMs`, because the daemon may receive it only after the service has ended.
     static bool asked(const std::string& command, int patienceMs);
 
-    // The rows of the package table, and their partitions and those of others.
+    // The rows of the package table.
     static std::span<const OtaPackageEntry> rows();
     static std::vector<std::string> partitions();
 
-    static void clear();  // all partitions full of "o", no record, no package, no auto-flash
-    static std::string partition(const std::string& name);  // its content
+    static void clear();  // fills all partitions with "o"; removes record, package, auto-flash
+    static std::string partition(const std::string& name);  // content of a partition
 
-    // A request for these package module types.
+    // Returns a request for these module types.
     static OtaMessage request(int32_t packageType, const std::vector<uint32_t>& moduleTypes);
-    // Puts `size` bytes of the request's text on the queue.
+    // Posts `size` bytes of the request's text to the queue.
     static void post(const OtaMessage& message, size_t size = OTA_MSG_TEXT_SIZE);
-    static int queue(int flags = 0);  // its identifier; negative: there is none
+    static int queue(int flags = 0);  // identifier of the queue; negative: there is no queue
 
-    bool silent = false;  // the service starts without standard output and error
+    bool silent = false;  // start the service with standard output and error closed
 
-    // Starts the service, with these faults behind its calls or as it is delivered.
+    // Starts the service: the build with these faults, or the unmodified program.
     void start(const std::vector<Fault>& faults = {}, bool asDelivered = false);
     [[nodiscard]] pid_t pid() const { return pid_; }
-    // Waits until the service has printed a line that contains this.
+    // Waits until the service has printed a line that contains the text.
     void wait_for(const std::string& text);
-    // Waits for its end, 60 s at the most.
+    // Waits at most 60 s for the end of the service.
     Outcome finish();
 
     // start(), post(), finish().
     Outcome run(const OtaMessage& message, const std::vector<Fault>& faults = {});
 
   private:
-    [[nodiscard]] std::string console() const;  // what the service has printed
+    [[nodiscard]] std::string console() const;  // output of the service so far
 
     pid_t pid_ = -1;
     corvo::UniqueFd output_;

@@ -1,4 +1,4 @@
-// The system-call daemon's part, played by the real server half of the transport.
+// A simulated system-call daemon on the real server side of the transport.
 #ifndef TESTS_SUPPORT_SIMULATED_DAEMON_H
 #define TESTS_SUPPORT_SIMULATED_DAEMON_H
 
@@ -13,7 +13,7 @@
 
 constexpr sockaddr_un DAEMON_ADDRESS = {AF_UNIX, "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX};
 
-// A socket that listens in the daemon's place, with which a test deals as it likes.
+// Returns a socket that listens at the daemon's address; the test handles its connections.
 inline corvo::UniqueFd listening_as_daemon() {
     remove(DAEMON_ADDRESS.sun_path);
     corvo::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -27,7 +27,7 @@ class SimulatedDaemon {
   public:
     using Handler = decltype(SystemCallDbusInterface::methodHandler);
 
-    // Serves both calls and a third name, which has no method's handler but a signal's.
+    // Serves both method calls, and a third name that has a handler for signals instead.
     SimulatedDaemon(Handler systemCall, Handler popenCall,
                     void (*signal)(const void* data, uint32_t size) = nullptr)
         : info_(SystemCall_DbusInfo_Alloc(3)) {

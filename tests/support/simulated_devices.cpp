@@ -1,6 +1,5 @@
-// In hal_tool as tests run it: what a plain file in the place of a device cannot do. Each file
-// /dev/mtd* is a NOR chip behind the real calls, and a descriptor that is left open is reported at
-// the end.
+// For the hal_tool of the tests: adds what plain files cannot do in place of devices. Each file
+// /dev/mtd* behaves as a NOR chip. A descriptor that is left open is reported at the end.
 #include <errno.h>
 #include <mtd/mtd-user.h>
 #include <stdio.h>
@@ -21,13 +20,13 @@ std::string chip_of(int fd) {
     return path.starts_with("/dev/mtd") ? path : "";
 }
 
-// Only clears bits; a worn cell, if the environment names one, holds 0 for good.
+// Programs the chip: only clears bits; a worn cell, if the environment names one, always reads 0.
 void program(int fd, char* data, size_t count) {
     const std::string path = chip_of(fd);
     const std::string cells = path.empty() ? "" : read_file(path);
     const char* const cell = getenv("WORN_CELL");
     const size_t worn = cell == nullptr ? SIZE_MAX : strtoul(cell, nullptr, 10);
-    // Not lseek(): that would count as the program's call.
+    // Not lseek(): this call must not be counted.
     const auto position = static_cast<size_t>(syscall(SYS_lseek, fd, 0, SEEK_CUR));
     for (size_t i = 0; i < count && position + i < cells.size(); ++i) {
         data[i] = static_cast<char>(position + i == worn ? 0 : data[i] & cells[position + i]);
@@ -49,7 +48,7 @@ int control(int fd, unsigned long request, void* argument) {
         write_file(path, std::string(size, '\xff'));  // all bits set
         return 0;
     }
-    errno = ENOTTY;  // of erases only that of the whole chip is granted
+    errno = ENOTTY;  // only an erase of the whole chip is supported
     return -1;
 }
 

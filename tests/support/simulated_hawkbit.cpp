@@ -19,7 +19,7 @@ std::string digest_of(const std::string& bytes) {
     return digest_text(stream.take());
 }
 
-// The member of this name when it is of the same type as the other.
+// Returns the member with this name if it has the same type as `other`.
 json member(const json& object, const char* name, const json& other) {
     const json found = object.is_object() ? object.value(name, json()) : json();
     return found.type() == other.type() ? found : other;

@@ -1,5 +1,5 @@
-// What the played server knows of its one camera, and what it answers. Private to
-// simulated_server.cpp, which locks.
+// State and answers of the simulated server for its one camera. Only for simulated_server.cpp,
+// which locks.
 #ifndef TESTS_SUPPORT_SIMULATED_HAWKBIT_H
 #define TESTS_SUPPORT_SIMULATED_HAWKBIT_H
 
@@ -41,7 +41,7 @@ struct SimulatedHawkbit {
     SimulatedAnswer take_attributes(const std::string& body);
 };
 
-// Sets what is asked for, and of which action and file, by the path.
+// Sets the kind of the request, its action and its file from the path.
 void classify(SimulatedRequest& request, const std::string& path);
 
 #endif  // TESTS_SUPPORT_SIMULATED_HAWKBIT_H

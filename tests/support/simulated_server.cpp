@@ -46,7 +46,7 @@ std::string subject_of(const httplib::Request& request) {
     return name;
 }
 
-// How an answer goes out.
+// How an answer is sent.
 struct Manner {
     size_t cut = SIZE_MAX;
     int dripMs = 0;  // between two bytes; 0: it does not drip
@@ -61,10 +61,10 @@ struct SimulatedServer::Impl {
     std::thread thread = {};
     std::atomic<bool> ending = false;
 
-    std::mutex mutex = {};  // of what follows
+    std::mutex mutex = {};  // guards the members below
     SimulatedHawkbit hawkbit = {};
     std::vector<Fault> faults = {};
-    std::map<std::string, int> counts = {};  // of requests since the faults were set
+    std::map<std::string, int> counts = {};  // requests of each kind since the faults were set
     std::vector<SimulatedRequest> requests = {};
 
     bool make_server();
@@ -93,7 +93,7 @@ std::vector<Fault> SimulatedServer::Impl::faults_of(const SimulatedRequest& requ
     return wanted;
 }
 
-// Changes an answer as a fault wants it.
+// Changes an answer according to a fault.
 static void apply(const Fault& fault, const SimulatedHawkbit& hawkbit, SimulatedAnswer& answer,
                   Manner& manner, httplib::Response& response) {
     std::istringstream words(fault.argument);
@@ -179,7 +179,7 @@ void SimulatedServer::Impl::serve(httplib::Request& request, httplib::Response& 
                              .condition = request.get_header_value("If-Range"),
                              .subject = subject_of(request),
                              .body = request.body};
-    // Or the library would cut ranges out of what is answered.
+    // Otherwise the library would apply the range to our answer.
     request.ranges.clear();
     const std::string& path = request.path;
     classify(seen, path.starts_with("http://") ? path.substr(path.find('/', 7)) : path);
@@ -192,7 +192,7 @@ void SimulatedServer::Impl::serve(httplib::Request& request, httplib::Response& 
                            ? seen.what == "file"
                            : seen.authorization == AUTHORIZATION || !seen.subject.empty();
     SimulatedAnswer answer = {.status = known ? 404 : 401};
-    // What is refused is not taken note of.
+    // A request that is refused or redirected has no effect.
     if (known && !seen.what.empty() && !meets("status") && !meets("redirect")) {
         SimulatedRequest heard = seen;
         heard.range = meets("no-ranges") ? "" : seen.range;

@@ -1,12 +1,12 @@
-// An update server in the test's own process: a little hawkBit with one camera, in memory, of
-// either generation, that can misbehave. It listens on a port of its own at the loopback address
-// from construction to destruction. Its procedures may be called from any thread.
+// A simulated update server in the process of the test: a small hawkBit in memory with one camera,
+// of either generation, that can misbehave. It listens on a free port of the loopback address from
+// construction to destruction. Its functions may be called from any thread.
 //
-// It also answers as a plain proxy does: a request for any host by http as one of its own, and
+// It also acts as a simple proxy: it answers an http request for any host as one for itself, and
 // CONNECT with 407.
 //
-// As the real one does: a newer action makes the older one be cancelled; an action takes 1000
-// statuses; what has ended is 410 for feedback and 404 for the rest.
+// Like the real server, it cancels an older action when there is a newer one, accepts 1000 statuses
+// for an action, and answers requests for an ended action with 410 (feedback) or 404 (others).
 #ifndef TESTS_SUPPORT_SIMULATED_SERVER_H
 #define TESTS_SUPPORT_SIMULATED_SERVER_H
 
@@ -26,80 +26,81 @@ struct SimulatedAction {
     std::vector<SimulatedFile> files = {};
     std::string download = "forced";
     std::string update = "forced";
-    std::string window = {};     // "available", "unavailable", or empty: there is none
-    bool consent = false;        // the camera's is waited for (1.0)
-    std::string elsewhere = {};  // URL of another played server that has the files; empty: this one
+    std::string window = {};     // maintenance window: "available", "unavailable", or empty: none
+    bool consent = false;        // the server waits for the camera's consent (1.0)
+    std::string elsewhere = {};  // URL of another simulated server with the files; empty: this one
 };
 
-// What came in, and what was answered.
+// A request and the status of its answer.
 struct SimulatedRequest {
     // "poll", "attributes", "action", "cancellation", "consent", "feedback", "answer" to a
     // cancellation, "word" of consent, "file"; "" for anything else.
     std::string what = {};
-    std::string id = {};             // of the action
-    std::string file = {};           // its name
+    std::string id = {};             // id of the action
+    std::string file = {};           // name of the file
     std::string line = {};           // method and target
     std::string authorization = {};  // this and the next two are headers
     std::string range = {};
     std::string condition = {};  // If-Range
-    std::string subject = {};    // of the client's certificate
+    std::string subject = {};    // subject of the client's certificate
     std::string body = {};
-    int status = 0;  // that was answered
+    int status = 0;  // status of the answer
 };
 
 class SimulatedServer {
   public:
     struct Setup {
-        bool old = false;                // as 0.3 is, else as 1.0
-        std::string sleep = "00:00:02";  // between two polls
+        bool old = false;                // true: behaves as version 0.3; false: as 1.0
+        std::string sleep = "00:00:02";  // polling interval
         std::string certificate = {};    // PEM files: the server speaks https, else http
         std::string key = {};
-        std::string clients = {};  // PEM file of who vouches for clients; empty: they are not asked
-        bool onlyFiles = false;    // serves files of offered actions to anybody, and nothing else
+        std::string clients =
+            {};  // PEM file of the authority for client certificates; empty: none needed
+        bool onlyFiles = false;  // serves only files of offered actions, without authentication
     };
     explicit SimulatedServer(const Setup& setup);
     ~SimulatedServer();
 
     static constexpr char TENANT[] = "DEFAULT";
     static constexpr char CONTROLLER[] = "cam 1";
-    static constexpr char AUTHORIZATION[] = "TargetToken secret";  // of this camera
+    static constexpr char AUTHORIZATION[] = "TargetToken secret";  // this camera's
 
     [[nodiscard]] std::string url() const;  // "https://localhost:4711"
 
-    // What the operator does.
+    // Acts of the operator.
     void offer(const SimulatedAction& action);
     void cancel(const std::string& id) { set_state(id, "cancelling"); }
-    void reinstall();  // another server under the same address, which knows of no action
+    void reinstall();  // replaces it by another server at the same address, without actions
     void force_quit(const std::string& id) { set_state(id, "quit"); }
     void change(const std::string& id, const std::function<void(SimulatedAction& action)>& how);
 
-    // How the server misbehaves from now on, instead of what was said before: faults with ";"
-    // between them, each WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is as above or "any" or, of
-    // "feedback" the one that ends an action, "closed"; N, from 1, is the Nth such request from now
-    // on, "+": and all behind it; else all. Kinds:
-    //   status CODE [SECONDS]   that answer, with "Retry-After"
+    // Sets the faults from now on, replacing earlier ones: faults separated by ";", each
+    // WHAT[:N[+]] KIND [ARGUMENT...]. WHAT is a kind of request as above, or "any", or "closed" for
+    // the feedback that ends an action. N: only the Nth such request from now on (from 1); "N+":
+    // this and all later ones; without N: all. Kinds:
+    //   status CODE [SECONDS]   answers with this status, and with "Retry-After"
     //   redirect CODE URL       "here" in it stands for url()
-    //   date TEXT               "Date"
-    //   say TEXT                that content, with status 200
-    //   swap OLD NEW            the first OLD in the content is NEW
-    //   cut BYTES               the connection ends behind so many bytes of the content
-    //   drip [MS]               the content comes as a byte each tenth of a second, or each MS
-    //   flip AT                 the byte there is another one
-    //   length BYTES            the content is cut or filled up to so many bytes, and says so
-    //   chunked BYTES           the same, without saying how many in advance
-    //   tag TEXT | range TEXT   another ETag, another Content-Range; none without TEXT
-    //   no-ranges               the whole file, whatever was asked for
-    // A request that is answered with another status or redirected is not taken note of.
+    //   date TEXT               sets the header "Date"
+    //   say TEXT                answers with this content and status 200
+    //   swap OLD NEW            replaces the first OLD in the content by NEW
+    //   cut BYTES               closes the connection after so many bytes of the content
+    //   drip [MS]               sends one byte of the content every MS milliseconds (default 100)
+    //   flip AT                 changes the byte at this offset
+    //   length BYTES            truncates or pads the content to so many bytes (Content-Length)
+    //   chunked BYTES           the same with chunked encoding, without Content-Length
+    //   tag TEXT | range TEXT   sets ETag or Content-Range; removes it without TEXT
+    //   no-ranges               sends the whole file, whatever range was requested
+    // A request that is answered with another status or redirected has no effect.
     void misbehave(const std::string& faults);
 
-    // What the server has seen.
+    // The requests so far.
     [[nodiscard]] std::vector<SimulatedRequest> requests() const;
-    // Requests of this kind with this in their body.
+    // Counts the requests of this kind whose body contains the text.
     [[nodiscard]] size_t count(const std::string& what, const std::string& text = "") const;
     [[nodiscard]] std::map<std::string, std::string> attributes() const;
-    // Where an action stands ("offered", "waiting", "cancelling", "success", "failure", "canceled",
-    // "downloaded", "quit"), and " | " before each status that came: "EXECUTION FINISHED: DETAIL,
-    // DETAIL".
+    // Returns the state of an action ("offered", "waiting", "cancelling", "success", "failure",
+    // "canceled", "downloaded", "quit") and, each after " | ", the statuses that were received:
+    // "EXECUTION FINISHED: DETAIL, DETAIL".
     [[nodiscard]] std::string story(const std::string& id) const;
 
   private:

@@ -1,13 +1,13 @@
-// How thoroughly sweeps go.
+// How many positions the sweeps try.
 #ifndef TESTS_SUPPORT_STRIDE_H
 #define TESTS_SUPPORT_STRIDE_H
 
 #include <stdlib.h>
 
-// Places of a sweep are tried one after the other in steps of this. Every place is tried where
-// nothing instruments the program. Under a sanitizer a run takes several times as long, and what it
-// looks for is the same at many places: every fourth, under the thread sanitizer, which starts
-// slowest, every sixteenth, unless CORVO_FULL is set.
+// Returns the step between the positions that a sweep tries. Without a sanitizer every position is
+// tried. With one, a run takes several times as long, and most positions show the same errors:
+// every fourth position is tried, with the slow thread sanitizer every sixteenth, unless CORVO_FULL
+// is set.
 inline int sweep_stride() {
 #if defined(__SANITIZE_THREAD__)
     constexpr int STRIDE = 16;

@@ -1,6 +1,6 @@
-# Makes in the folder $1 what an update server and a camera prove with who they are: ca.pem vouches for
-# server.pem (localhost), other_host.pem and camera.pem, stranger.pem for stranger_server.pem. Keys are
-# beside them (.key); locked.key is the camera's with a password.
+# Creates in the folder $1 the certificates of an update server and a camera: the authority ca.pem has issued
+# server.pem (localhost), other_host.pem and camera.pem; the authority stranger.pem has issued
+# stranger_server.pem. The keys have the suffix .key; locked.key is the camera's key with a password.
 set -e
 mkdir -p "$1"
 cd "$1"

@@ -1,4 +1,4 @@
-// A program of all layers that does nothing: see whole_layers.cmake.
+// A program that contains all layers and does nothing, see whole_layers.cmake.
 void* Plt_Log_TcpPrint = nullptr;
 
 int main() {}
