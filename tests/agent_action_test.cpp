@@ -624,7 +624,7 @@ class Promise {
             return;
         }
         EXPECT_TRUE(contains(request, "/deploymentBase/" + action.id + "/")) << request;
-        EXPECT_EQ(contains(request, "\"closed\""), action.stage == ACTION_VERDICT) << request;
+        EXPECT_EQ(contains(request, "\"closed\""), action.stage == ACTION_RESULT) << request;
         EXPECT_EQ(contains(request, "\"success\""), action.succeeded) << request;
         EXPECT_EQ(contains(request, "\"downloaded\""), action.downloadOnly) << request;
         begun_ = true;
@@ -648,7 +648,7 @@ class Promise {
         EXPECT_TRUE(!begun_ || action.id == ID ||
                     std::ranges::find(history_, ID, &HistoryEntry::id) != history_.end())
             << "the action is forgotten";
-        if (action.stage > ACTION_DOWNLOADING && action.stage < ACTION_VERDICT) {
+        if (action.stage > ACTION_DOWNLOADING && action.stage < ACTION_RESULT) {
             for (const OfferedFile& file : action.files) {
                 const std::string path = AGENT_FOLDER + file.name;
                 EXPECT_TRUE(state.contains(path) || !there_.contains(path)) << path << " is lost";
@@ -1033,9 +1033,9 @@ TEST(Action, NothingInHandIsSleptThroughInAnotherProgram) {
         EXPECT_TRUE(entry.path().filename() <= "2" || file == STATE_FOLDER + "lock") << file;
     }
     EXPECT_EQ(1, shell("corvo_agent once 2> /run/said"));
-    EXPECT_TRUE(contains(read_file("/run/said"), "another agent works on " + STATE_FOLDER));
+    EXPECT_TRUE(contains(read_file("/run/said"), "another agent uses " + STATE_FOLDER));
 
-    EXPECT_EQ(0, shell("corvo_agent status | grep -c -e 'in hand    nothing' -e 'downloaded action "
+    EXPECT_EQ(0, shell("corvo_agent status | grep -c -e 'pending    nothing' -e 'downloaded action "
                        "11,' | grep -q 2"));
 
     agent.signal(SIGHUP);

@@ -57,12 +57,12 @@ TEST(Verdict, FollowsFromRecordSlotAndPackage) {
         AfterRestart seen;
         row >> before >> record >> seen.slotBefore >> seen.slot >> package >> seen.attempts >>
             std::ws;
-        std::getline(row, seen.disagreement);
-        seen.disagreement.erase(seen.disagreement.find_last_not_of(' ') + 1);
+        std::getline(row, seen.mismatch);
+        seen.mismatch.erase(seen.mismatch.find_last_not_of(' ') + 1);
         seen.partitionsRead = package != "gone-unread";
         seen.recordBefore = RECORDS.at(before);
         seen.record = RECORDS.at(record);
-        seen.packageThere = package == "there";
+        seen.packageComplete = package == "there";
         std::string words;
         constexpr const char* JUDGEMENTS[] = {"success: ", "failure: ", "again: "};
         const Judgement judgement = judge(seen, words);

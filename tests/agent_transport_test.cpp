@@ -29,7 +29,7 @@ const std::string PLACE = "/DEFAULT/controller/v1/cam%201/";
 
 std::string name_of(const AgentStatus& status) {
     constexpr const char* NAMES[] = {"OK",        "UNREACHABLE", "REFUSED", "GONE",
-                                     "MALFORMED", "DIFFERENT",   "MEDIUM",  "STOPPED"};
+                                     "MALFORMED", "DIFFERENT",   "STORAGE", "STOPPED"};
     return NAMES[status.result];
 }
 
@@ -327,7 +327,7 @@ TEST(AgentTransport, MediumThatIsFullIsNotTheServersFault) {
               world.run("file").text);
     EXPECT_EQ(0, system(("umount " + FOLDER).c_str()));
     std::filesystem::remove(FOLDER);
-    EXPECT_EQ(AGENT_MEDIUM, world.run("file").result);
+    EXPECT_EQ(AGENT_STORAGE, world.run("file").result);
 }
 
 // NAME.part may be something that the agent's user cannot or must not write to: a part file that
@@ -355,7 +355,7 @@ TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
     EXPECT_EQ(0, chown(FOLDER.c_str(), 990, 991));
     EXPECT_EQ(0, chmod(FOLDER.c_str(), 0770));
     EXPECT_EQ(0, seteuid(990));
-    EXPECT_EQ("MEDIUM", name_of(world.run("file")));
+    EXPECT_EQ("STORAGE", name_of(world.run("file")));
     EXPECT_EQ(0, seteuid(0));
 }
 
@@ -414,7 +414,7 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
         EXPECT_EQ(0, chmod("/run/token", 0640));
         const AgentStatus refused = world.run(step);
         EXPECT_EQ("REFUSED", name_of(refused));
-        EXPECT_TRUE(contains(refused.text, "401; the token: others can read /run/token"));
+        EXPECT_TRUE(contains(refused.text, "401; the token: /run/token is accessible to other users"));
         EXPECT_EQ(0, chmod("/run/token", 0600));
         EXPECT_EQ("", world.run(step).text);
         EXPECT_EQ(3U, world.server.requests().size());

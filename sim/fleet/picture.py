@@ -9,7 +9,7 @@ KINDS = (
     ("waits for its turn", "waiting", "#eeeeee"),
     ("start", "starting", "#b3b3b3"),  # and "restarting"
     ("downloading", "downloading", "#8da0cb"),
-    ("was signed", "verified", "#e78ac3"),
+    ("downloaded and verified", "verified", "#e78ac3"),
     ("request posted", "stopping the applications", "#e5c494"),
     ("stopping", "stopping the applications", "#e5c494"),
     ("writing", "writing", "#fc8d62"),

@@ -24,8 +24,8 @@ MOST_ERRORS = 25  # percent of a group; with --bad half of the cameras of each g
 CUTS = 2  # power cuts of each camera; fewer than the three requests that the agent posts for an action
 # The stages in which the power may be cut (a part of the stage's name), at most CUT_WITHIN s after the
 # stage begins.
-CUT_STAGES = ("downloading", "was signed", "request posted", "writing", "reading", "slot switched",
-              "restarting")
+CUT_STAGES = ("downloading", "downloaded and verified", "request posted", "writing", "reading",
+              "slot switched", "restarting")
 CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
 BOARD_SECONDS = 240  # additional time for the emulated board

@@ -27,7 +27,7 @@ constexpr uint32_t LONGEST_RETRY_S = 3600;
 constexpr uint32_t DOUBLINGS_MAX = 10;
 constexpr uint32_t MS_PER_S = 1000;
 
-// A shorter sleep is not worth another start of the program.
+// For a shorter sleep, starting the program again is not worth the saved memory.
 constexpr uint32_t SLEEP_OUTSIDE_FROM_MS = 30000;
 
 uint32_t random_number() {
@@ -36,12 +36,12 @@ uint32_t random_number() {
     return number;
 }
 
-// One line when something is wrong, one when it is well again, whatever lies between.
-void report_trouble(const AgentStatus& status, std::string& said) {
+// Reports an error once, and once its end, not with every poll. `reported` is the last error.
+void report_error(const AgentStatus& status, std::string& reported) {
     const std::string text = status.result == AGENT_STOPPED ? "" : status.text;
-    if (text != said) {
-        print_error(AGENT, text.empty() ? "well again" : text);
-        said = text;
+    if (text != reported) {
+        print_error(AGENT, text.empty() ? "recovered" : text);
+        reported = text;
     }
 }
 
@@ -59,7 +59,8 @@ int exit_status(const AgentStatus& status, bool actionFailed) {
     }
 }
 
-// One that was held through a sleep may be another folder's: settings change.
+// Whether the descriptor is the file at this path. A lock that was held during a sleep may be that
+// of another folder, because the settings may have changed.
 bool is_open_file(const corvo::UniqueFd& file, const std::string& path) {
     struct stat open = {}, named = {};
     return file.valid() && fstat(file.get(), &open) == 0 && lstat(path.c_str(), &named) == 0 &&
@@ -73,25 +74,25 @@ AgentStatus lock_state(const std::string& folder, corvo::UniqueFd& lock) {
     }
     const std::string others = folder_open_to_others(folder);
     if (!others.empty()) {
-        return agent_fault(AGENT_MEDIUM, folder + ": others can write to " + others);
+        return agent_fault(AGENT_STORAGE, folder + ": others can write to " + others);
     }
     if (!is_open_file(lock, folder + LOCK_FILE)) {
-        // This may be root, and the folder another user's.
+        // O_NOFOLLOW, because this process may be root and the folder may belong to another user.
         lock.reset(open((folder + LOCK_FILE).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
                         LOCK_MODE));
     }
-    // One that is held already stays so.
+    // A lock that is already held by this descriptor stays held.
     if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;
         lock.reset();
-        return agent_fault(AGENT_MEDIUM, error == EWOULDBLOCK
-                                             ? "another agent works on " + folder
-                                             : "cannot lock " + folder + ": " + strerror(error));
+        return agent_fault(AGENT_STORAGE, error == EWOULDBLOCK
+                                              ? "another agent uses " + folder
+                                              : "cannot lock " + folder + ": " + strerror(error));
     }
     return {};
 }
 
-// Everything that both ways to run need. Returns an exit status when it is not there.
+// Locks and loads the state, for "run" and "once". Returns AGENT_EXIT_OK or the exit status.
 int start(Agent& agent, corvo::UniqueFd& lock) {
     AgentStatus status = lock_state(agent.settings.stateFolder, lock);
     if (status.ok()) {
@@ -104,20 +105,21 @@ int start(Agent& agent, corvo::UniqueFd& lock) {
     return AGENT_EXIT_OK;
 }
 
-// Somebody has sent SIGHUP, as after a change of the settings. Of them the token alone is read
-// again awake; a refusal does the same.
+// Called after SIGHUP, which is sent when settings have changed. Of these only the token is read
+// again here; the rest is read when the program starts again after a sleep.
 void reload_token(Agent& agent) {
     AgentStatus status = agent.server.reload_token();
     if (status.ok()) {
         status = agent.files.reload_token();
     }
     if (!status.ok()) {
-        print_error(AGENT, "the token that is known stays: " + status.text);
+        print_error(AGENT, "the old token stays in use: " + status.text);
     }
 }
 
-// What is in hand is partly in memory, and so is what has gone wrong how often.
-bool has_nothing_to_remember(const Agent& agent, const AgentStatus& status) {
+// Whether the process keeps no state in memory that a sleep outside of the program would lose, such
+// as verified files or the number of failures.
+bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
     const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
     return status.ok() && !pending && agent.waitingFor.empty() && !agent.attributesDue;
 }
@@ -127,7 +129,7 @@ bool has_nothing_to_remember(const Agent& agent, const AgentStatus& status) {
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random) {
     const uint32_t interval = sleepS == 0 ? SLEEP_UNKNOWN_S : sleepS;
     if (failures == 0) {
-        // Nine to eleven tenths of the interval.
+        // A random time from 90 % to 110 % of the interval.
         return interval * 900 + random % (interval * 200 + 1);
     }
     const uint32_t longest = std::max(LONGEST_RETRY_S, interval);
@@ -145,19 +147,19 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     if (started != AGENT_EXIT_OK) {
         return started;
     }
-    std::string said;
+    std::string reported;
     uint32_t failures = 0;
     while (!stop) {
         agent.progressed = false;
         const AgentStatus status = agent_poll(agent);
-        report_trouble(status, said);
+        report_error(status, reported);
         publish_status(agent, status);
-        // A download that is interrupted again and again comes to its end at the pace of the first
-        // interruption.
+        // A download that makes progress starts the back-off again, so that it ends even on a
+        // connection that often fails.
         failures = status.ok() ? 0 : agent.progressed ? 1 : failures + 1;
         const uint32_t delay =
             delay_ms(agent.sleepS, failures, status.retryAfterS, random_number());
-        if (delay >= SLEEP_OUTSIDE_FROM_MS && has_nothing_to_remember(agent, status)) {
+        if (delay >= SLEEP_OUTSIDE_FROM_MS && has_no_volatile_state(agent, status)) {
             sleep_outside(process, delay);
         }
         if (!stop && sleep_inside(delay) && !stop) {

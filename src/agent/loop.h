@@ -1,4 +1,4 @@
-// The agent's life: polls, and sleep between them.
+// The agent's main loop: polls the server and sleeps between two polls.
 #ifndef AGENT_LOOP_H
 #define AGENT_LOOP_H
 
@@ -8,27 +8,28 @@
 #include "package/certificates.h"
 
 enum AgentExit : int {
-    AGENT_EXIT_OK = 0,            // or there was nothing to do
-    AGENT_EXIT_FAILED = 1,        // an action failed, or the camera's medium did
-    AGENT_EXIT_WRONG_USE = 64,    // as every wrong argument
+    AGENT_EXIT_OK = 0,            // success, or there was nothing to do
+    AGENT_EXIT_FAILED = 1,        // an action failed, or a file could not be read or written
+    AGENT_EXIT_WRONG_USE = 64,    // EX_USAGE of sysexits.h: wrong argument or setting
     AGENT_EXIT_UNREACHABLE = 69,  // EX_UNAVAILABLE of sysexits.h: the server could not be reached
     AGENT_EXIT_REFUSED = 77,      // EX_NOPERM: the server refuses this camera
 };
 
-// Polls for ever, until SIGTERM or SIGINT; SIGHUP asks for a poll at once. Only one agent at a time
-// works on a state folder. With nothing in hand it sleeps outside of the program, and so does not
+// Polls until SIGTERM or SIGINT arrives; SIGHUP starts a poll at once. A lock ensures that only one
+// agent uses a state folder. Without a pending action it sleeps by sleep_outside(), and so does not
 // return when it has slept. Returns the exit status.
 int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& process);
 
-// Polls once and goes on with what follows from it. Returns the exit status.
+// Polls once and handles the answer. Returns the exit status.
 int run_once(const AgentSettings& settings, Keyring keyring);
 
-// Tells the server what runs on this camera, and no more. Returns the exit status.
+// Sends the camera's attributes to the server. Returns the exit status.
 int report(const AgentSettings& settings, Keyring keyring);
 
-// Milliseconds to the next poll. After trouble, `failures` in a row without a new byte of a file
-// between them, the time grows up to an hour, and is not below what the server asked for; `random`
-// is any number, so that no fleet polls in step.
+// Returns the milliseconds until the next poll. `failures` is the number of failed polls in a row
+// without progress of a download; with it the time grows, up to an hour or to the polling interval
+// if that is longer. It is at least `retryAfterS` then. `random` is a random number that spreads
+// the polls of many cameras.
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random);
 
 #endif  // AGENT_LOOP_H

@@ -1,5 +1,5 @@
-// corvo_agent: brings what an update server has for this camera to the upgrade service, and tells
-// the server what became of it.
+// corvo_agent: downloads packages from an update server, passes them to the upgrade service and
+// reports the results to the server.
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -13,17 +13,18 @@
 
 namespace {
 
-constexpr uint32_t SLEEP_IN_TROUBLE_MS = 300000;
+constexpr uint32_t SLEEP_AFTER_ERROR_MS = 300000;
 
 struct Arguments {
     AgentSettings settings;
-    std::string emptySetting;  // the name of one that was given without a value
+    std::string emptySetting;  // name of a setting that was given without a value
     std::string checkPartitions = "on";
     std::string allowUnencryptedToken = "off";
     bool json = false;
 };
 
-// The file, in which the parser takes an empty value for none: a check would be off unnoticed.
+// Parses the configuration file and finds settings without a value. CLI11 treats these as not
+// given, which could silently turn a check off.
 class SettingsFile : public CLI::ConfigBase {
   public:
     explicit SettingsFile(std::string& emptySetting) : emptySetting_(emptySetting) {}
@@ -55,41 +56,50 @@ void add_settings(CLI::App& app, Arguments& arguments) {
     const auto text = [&app](const char* name, std::string& value, const char* help) {
         app.add_option(name, value, help)->capture_default_str();
     };
-    app.set_config("--config", AGENT_SETTINGS_PATH, "The settings' file");
+    app.set_config("--config", AGENT_SETTINGS_PATH, "Configuration file");
     app.config_formatter(std::make_shared<SettingsFile>(arguments.emptySetting));
     app.allow_config_extras(CLI::config_extras_mode::error);
     text("--server", server.url, "URL of the update server");
-    text("--tenant", server.tenant, "The server's tenant");
-    text("--controller-id", server.controllerId, "This camera's name there (the host name)");
-    text("--target-token-file", settings.targetTokenFile, "Holds this camera's token; mode 600");
-    text("--gateway-token-file", settings.gatewayTokenFile, "Holds the tenant's token; mode 600");
+    text("--tenant", server.tenant, "Tenant on the server");
+    text("--controller-id", server.controllerId,
+         "This camera's id on the server (default: the host name)");
+    text("--target-token-file", settings.targetTokenFile,
+         "File with this camera's token; mode 600");
+    text("--gateway-token-file", settings.gatewayTokenFile,
+         "File with the tenant's token; mode 600");
     text("--allow-unencrypted-token", arguments.allowUnencryptedToken,
          "Send the token over http, too: on or off");
     text("--certificate", server.certificate, "This camera's certificate (PEM)");
-    text("--key", server.key, "Its key: a file or a PKCS#11 URI");
-    text("--ca", server.ca, "Who may vouch for the server (PEM; the system's authorities)");
-    text("--proxy", server.proxy, "HTTP proxy for all requests: http://HOST:PORT (none)");
-    text("--keyring", settings.keyring, "Root certificates of whose packages are taken (PEM)");
+    text("--key", server.key, "Private key of the certificate: a file or a PKCS#11 URI");
+    text("--ca", server.ca,
+         "Trusted certificate authorities for the server (PEM; default: the system's)");
+    text("--proxy", server.proxy, "HTTP proxy for all requests: http://HOST:PORT (default: none)");
+    text("--keyring", settings.keyring, "Root certificates of accepted package signers (PEM)");
     text("--crl", settings.crl, "Certificate revocation lists (PEM)");
     text("--compatible", settings.compatible, "This camera's hardware type");
-    text("--version-file", settings.versionFile, "Says which version runs; none: not compared");
+    text("--version-file", settings.versionFile,
+         "File with the running version; none: versions are not compared");
     text("--check-partitions", arguments.checkPartitions,
-         "Hash the partitions after the restart: on or off");
-    text("--download-folder", settings.downloadFolder, "Where packages go");
+         "Verify the partitions after the restart: on or off");
+    text("--download-folder", settings.downloadFolder, "Folder for downloaded packages");
     text("--require-mount", settings.requireMount,
-         "The download folder must be on a mounted card: yes, no, or auto: below /media and /mnt");
-    text("--state-folder", settings.stateFolder, "What a power cut must not take");
+         "Require a mounted card for the download folder: yes, no, or auto (below /media or /mnt)");
+    text("--state-folder", settings.stateFolder, "Folder for state that survives a power cut");
     app.add_option("--rate-limit", server.rateLimit,
-                   "Bytes a second of downloads, at least 1024 (0: no limit)");
-    app.add_option("--connect-timeout", server.connectTimeoutS, "Seconds")->capture_default_str();
-    app.add_option("--stall-timeout", server.stallTimeoutS, "Seconds without a byte")
+                   "Download limit in bytes a second, at least 1024 (0: no limit)");
+    app.add_option("--connect-timeout", server.connectTimeoutS,
+                   "Seconds until a connection must be established")
         ->capture_default_str();
-    app.add_option("--attribute", settings.attributes, "NAME=VALUE that the server may filter by")
+    app.add_option("--stall-timeout", server.stallTimeoutS,
+                   "Seconds without data after which a transfer is ended")
+        ->capture_default_str();
+    app.add_option("--attribute", settings.attributes,
+                   "NAME=VALUE by which the server can filter cameras")
         ->allow_extra_args(false);
-    text("--confirm", settings.confirm, "When the server asks for consent: auto or ask");
-    text("--window", settings.window, "When an upgrade that is not forced may start: 02:00-04:00");
+    text("--confirm", settings.confirm, "When the server requires consent: auto or ask");
+    text("--window", settings.window, "Time window for upgrades that are not forced: 02:00-04:00");
     text("--fitness-command", settings.fitnessCommand,
-         "Its exit status says whether the camera may be upgraded now");
+         "Command whose exit status 0 means that the camera may be upgraded now");
 }
 
 AgentStatus read_switch(const char* setting, const std::string& text, bool& isOn) {
@@ -97,7 +107,7 @@ AgentStatus read_switch(const char* setting, const std::string& text, bool& isOn
     return isOn || text == "off"
                ? AgentStatus{}
                : agent_fault(AGENT_MALFORMED,
-                             std::string(setting) + ": on or off, not \"" + text + "\"");
+                             std::string(setting) + ": must be on or off, not \"" + text + "\"");
 }
 
 int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
@@ -142,17 +152,18 @@ int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
 
 int program(int argc, char** argv, AgentProcess& process) {
     Arguments arguments;
-    CLI::App app("Brings an update server's packages to this camera's upgrade service.", AGENT);
+    CLI::App app("Downloads packages from an update server for this camera's upgrade service.",
+                 AGENT);
     app.require_subcommand(1);
     app.fallthrough();
     add_settings(app, arguments);
-    app.add_subcommand("run", "Poll for ever");
-    app.add_subcommand("once", "One poll and all that follows from it");
-    app.add_subcommand("status", "What is in hand, the last poll and the last outcome")
+    app.add_subcommand("run", "Poll the server until stopped");
+    app.add_subcommand("once", "Poll once and handle the answer");
+    app.add_subcommand("status", "Print the pending action, the last poll and the last result")
         ->add_flag("--json", arguments.json, "Print JSON");
-    app.add_subcommand("confirm", "Agree to the update that waits for consent");
-    app.add_subcommand("deny", "Refuse it");
-    app.add_subcommand("report", "Tell the server what runs on this camera");
+    app.add_subcommand("confirm", "Confirm the update that waits for consent");
+    app.add_subcommand("deny", "Deny the update that waits for consent");
+    app.add_subcommand("report", "Send this camera's version and other attributes to the server");
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;
     }
@@ -165,9 +176,9 @@ int main(int argc, char** argv) {
     AgentProcess process = wake_up(argv);
     const int status = run_guarded(AGENT, [&] { return program(argc, argv, process); });
     if (process.slept && status != AGENT_EXIT_OK) {
-        // Settings that somebody is just writing, or a medium that is away for a moment, must not
-        // need somebody who starts the agent again.
-        sleep_outside(process, SLEEP_IN_TROUBLE_MS);
+        // The error may be temporary: settings that are just being written, or storage that is not
+        // mounted. The agent tries again later, because nobody may be there to start it again.
+        sleep_outside(process, SLEEP_AFTER_ERROR_MS);
     }
     return status;
 }

@@ -1,16 +1,16 @@
-// corvo_agent_prepare: gives the agent's user what it must own, before each start of the agent. For
-// root.
+// corvo_agent_prepare prepares the folders and locks of the agent's user. Root runs it before each
+// start of the agent.
 //
 //   corvo_agent_prepare USER FOLDER...
 //
-// Makes each folder that does not exist, and gives it to the user with mode 700; also its lock,
-// which an agent that root started may have left. Makes the lock of the boot environment root's,
-// writable for the user's group. All of it lies where other users may write, so nothing is changed
-// by its path: links are not followed, what is changed is open, and a file with a second name is
-// not touched.
+// Creates each folder that does not exist and makes the user its owner, with mode 700. Also makes
+// the user the owner of the lock in the folder, which an agent that root started may have left.
+// Makes root the owner of the boot environment's lock, and lets the user's group write to it. Other
+// users may write to the parent folders, so no file is changed by its path: links are not followed,
+// owner and mode are changed on open descriptors only, and files with a second hard link are not
+// changed.
 //
-// Exit status: 0 all is done; 1 something is not, with a line for each; 64 wrong use; 67 no such
-// user.
+// Exit status: 0 all is done; 1 a step failed, with a line for each; 64 wrong use; 67 no such user.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -29,7 +29,8 @@ namespace {
 
 constexpr char PROGRAM[] = "corvo_agent_prepare";
 constexpr char AGENT_LOCK[] = "lock";
-// A link to another folder on many systems, and made by root on all of them.
+// On many systems this is a link to another folder. It is followed, because only root can create
+// it.
 constexpr char LOCK_FOLDER[] = "/var/lock";
 constexpr char BOOT_ENVIRONMENT_LOCK[] = "/var/lock/fw_printenv.lock";
 constexpr int LOCK_ATTEMPTS = 10;
@@ -42,13 +43,14 @@ bool fail(const char* path, const char* reason) {
     return false;
 }
 
-// A lock has no content. One that has, or has a second name, may be any other file of the system.
+// Whether the file can be a lock: a regular, empty file with one name. A file with content or with
+// a second hard link may be any file of the system.
 bool is_lock(int file, struct stat& status) {
     return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
            status.st_size == 0;
 }
 
-// Opens the folder; makes it, and the folders above it, where they do not exist.
+// Opens the folder. Creates it and its parents if they do not exist.
 corvo::UniqueFd open_folder(const char* path) {
     corvo::UniqueFd folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const char* rest = path + strspn(path, "/");
@@ -75,9 +77,10 @@ bool give_folder(const char* path, const passwd& user) {
     const corvo::UniqueFd folder = open_folder(path);
     struct stat status = {};
     if (!folder.valid() || fstat(folder.get(), &status) != 0) {
-        return fail(path, errno == ELOOP ? "a link is in its path" : strerror(errno));
+        return fail(path, errno == ELOOP ? "its path contains a symbolic link" : strerror(errno));
     }
-    // A card without owners cannot be changed; it may be mounted so that the user's group writes.
+    // On a card's file system without owners (FAT) these calls fail. That is accepted if the card
+    // is mounted so that the user's group may write.
     const bool forGroup = status.st_gid == user.pw_gid && (status.st_mode & S_IRWXG) == S_IRWXG;
     if ((fchown(folder.get(), user.pw_uid, user.pw_gid) != 0 ||
          fchmod(folder.get(), FOLDER_MODE) != 0) &&
@@ -93,8 +96,9 @@ bool give_folder(const char* path, const passwd& user) {
     return true;
 }
 
-// Many kernels refuse root a lock that another user has made in a folder that all may write, and
-// then no slot is switched: whatever is not root's own gives way to one that is.
+// In a folder that all users may write to, many kernels do not let root open a file that another
+// user has created. Then root could not take the lock, and no slot could be switched. A lock that
+// does not belong to root is therefore replaced.
 bool share_boot_environment(const passwd& user) {
     const corvo::UniqueFd folder(open(LOCK_FOLDER, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.valid()) {
@@ -137,7 +141,7 @@ int main(int argc, char** argv) {
     bool done = share_boot_environment(*user);
     for (int i = 2; i < argc; ++i) {
         if (argv[i][0] != '/') {
-            done = fail(argv[i], "an absolute path is needed");
+            done = fail(argv[i], "must be an absolute path");
             continue;
         }
         done = give_folder(argv[i], *user) && done;

@@ -22,8 +22,9 @@ namespace {
 
 constexpr char SELF[] = "/proc/self/exe";
 constexpr char OWN_DESCRIPTORS[] = "/proc/self/fd";
-// "PROCESS DESCRIPTOR" of the lock, for the program that the sleeper starts; -1: none is held. The
-// process is the same, so that a variable that somebody else's shell has speaks of another one.
+// The variable contains "PROCESS DESCRIPTOR" of the lock for the program that the sleeper starts;
+// the descriptor is -1 when no lock is held. The sleeper keeps the process id, so that a variable
+// that was inherited from another process is recognised.
 constexpr char LOCK_VARIABLE[] = "CORVO_AGENT_LOCK";
 
 std::atomic<bool> g_stop;
@@ -33,25 +34,25 @@ void wake(int signal) {
     const int error = errno;
     if (signal != SIGHUP) {
         g_stop = true;
-        stop_commands(0);  // a fitness command may hang for a minute
+        stop_commands(0);  // a fitness command may run for up to a minute
     }
     const uint64_t one = 1;
     corvo::ignore_result(write(g_wake.get(), &one, sizeof(one)));
     errno = error;
 }
 
-// Empty when it cannot be known.
+// Returns the path of this program's file; empty when unknown.
 std::string own_program() {
     char path[PATH_MAX];
     const ssize_t length = readlink(SELF, path, sizeof(path));
     return length < 0 ? std::string() : std::string(path, static_cast<size_t>(length));
 }
 
-void close_at_exec(int but) {
+void close_at_exec(int kept) {
     const corvo::OwnedDirectory descriptors(opendir(OWN_DESCRIPTORS));
     while (const dirent* entry = descriptors ? readdir(descriptors.get()) : nullptr) {
         const int fd = atoi(entry->d_name);
-        if (fd > STDERR_FILENO && fd != but) {
+        if (fd > STDERR_FILENO && fd != kept) {
             fcntl(fd, F_SETFD, FD_CLOEXEC);
         }
     }
@@ -75,7 +76,7 @@ std::atomic<bool>& catch_signals() {
 
 bool sleep_inside(uint32_t milliseconds) {
     pollfd woken = {.fd = g_wake.get(), .events = POLLIN, .revents = 0};
-    // A signal that interrupts the call has made the descriptor readable.
+    // The result is not needed: a signal that interrupts the call makes the descriptor readable.
     corvo::ignore_result(poll(&woken, 1, static_cast<int>(milliseconds)));
     uint64_t count = 0;
     return read(g_wake.get(), &count, sizeof(count)) > 0;
@@ -84,7 +85,7 @@ bool sleep_inside(uint32_t milliseconds) {
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds) {
     std::string program = own_program();
     std::string sleeper = program.substr(0, program.rfind('/') + 1) + SLEEPER;
-    // An agent that was replaced since its start has no name any more.
+    // The agent's file may have been replaced since its start; its path is not valid then.
     if (access(program.c_str(), X_OK) != 0 || access(sleeper.c_str(), X_OK) != 0) {
         return;
     }
@@ -123,7 +124,7 @@ AgentProcess wake_up(char** arguments) {
     int fd = -1;
     if (lock != nullptr && sscanf(lock, "%d %d", &sleeper, &fd) == 2 && sleeper == getpid()) {
         process.slept = true;
-        // A number that is not an open descriptor's holds nothing.
+        // fcntl() fails if the descriptor is not open.
         if (fd > STDERR_FILENO && fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
             process.lock.reset(fd);
         }

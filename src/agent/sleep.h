@@ -1,4 +1,4 @@
-// The agent's sleep between two polls, and what ends it: SIGHUP, or for good SIGTERM and SIGINT.
+// The agent's sleep between two polls. SIGHUP ends the sleep; SIGTERM and SIGINT end the agent.
 #ifndef AGENT_SLEEP_H
 #define AGENT_SLEEP_H
 
@@ -8,31 +8,30 @@
 
 #include "base/unique_fd.h"
 
-// What stays through a sleep outside of the program.
+// The state that is kept across sleep_outside().
 struct AgentProcess {
     char** arguments = nullptr;  // main()'s
-    corvo::UniqueFd lock;        // of the state folder; not valid: none is held
-    bool slept = false;          // the sleeper has started this program
+    corvo::UniqueFd lock;        // of the state folder; not valid when no lock is held
+    bool slept = false;          // this program was started by the sleeper
 };
 
-// Catches the three signals from now on. The flag says that the agent is to end; commands that run
-// then are killed. For one thread, as
-// all of this.
+// Installs the handlers of the three signals. Returns the flag that SIGTERM and SIGINT set; they
+// also kill running commands. All functions of this header are to be used from one thread only.
 std::atomic<bool>& catch_signals();
 
-// Sleeps in this process, in one call and without a wake-up before its end but for a signal.
-// Returns whether there was one, since the last sleep or in this one.
+// Sleeps in this process; only a signal ends the sleep early. Returns whether a signal has arrived
+// since the last sleep ended.
 bool sleep_inside(uint32_t milliseconds);
 
-// Sleeps as corvo_agent_sleeper, which lies beside the agent: the same process, that holds no more
-// than the C library until it starts the agent's program again, with the arguments it had. A signal
-// that comes on the way is not lost; when SIGHUP is there already, the sleep is none. All but the
-// lock and the standard descriptors is closed, and nothing that is in memory is kept. Returns when
-// there is no such program or it cannot be started, or when the agent is to end.
+// Replaces this program by corvo_agent_sleeper, a small program in the same folder. After the sleep
+// that starts the agent again, in the same process and with the same arguments. Signals that arrive
+// in between are not lost; after a SIGHUP the sleep ends at once. Only the lock and the standard
+// descriptors stay open, and the memory's content is lost. Returns only when the sleeper does not
+// exist or cannot be started, or when the agent is stopping.
 void sleep_outside(const AgentProcess& process, uint32_t milliseconds);
 
-// Looks once, at the program's start, whether the sleeper has started it. What the environment says
-// of a sleep of another process is ignored, and so is the descriptor that it names.
+// To be called once, at the program's start. Finds out whether the sleeper has started the program,
+// and takes over the lock. An environment variable that was set in another process is ignored.
 AgentProcess wake_up(char** arguments);
 
 #endif  // AGENT_SLEEP_H

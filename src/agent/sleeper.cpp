@@ -1,10 +1,10 @@
-// corvo_agent_sleeper: what the agent is between two polls. The agent brings megabytes with it,
-// libcurl and all that this loads; asleep, it needs none of them.
+// corvo_agent_sleeper replaces the agent between two polls. The agent needs megabytes of memory for
+// libcurl and its libraries; the sleeper needs only the C library.
 //
 //   corvo_agent_sleeper MILLISECONDS PROGRAM [ARGUMENT...]
 //
-// Starts the program, in the same process, when the time is over or at SIGHUP. SIGTERM and SIGINT
-// end it with status 0. What is open stays open.
+// Executes the program in the same process after the given time or after SIGHUP. SIGTERM and SIGINT
+// end the sleeper with status 0. Open descriptors stay open.
 #include "agent/sleeper.h"
 
 #include <errno.h>
@@ -31,11 +31,11 @@ int main(int argc, char** argv) {
     char* end = nullptr;
     const unsigned long milliseconds = argc < 3 ? 0 : strtoul(argv[1], &end, 10);
     if (end == nullptr || end == argv[1] || *end != '\0') {
-        fprintf(stderr, "%s: for corvo_agent, which starts it to sleep\n", SLEEPER);
+        fprintf(stderr, "%s: only corvo_agent starts this program\n", SLEEPER);
         return EX_USAGE;
     }
     char** const command = argv + 2;
-    // The kernel's name for it is the agent's: that is what it is.
+    // The process keeps the agent's name, by which `ps` and give_consent() find it.
     const char* const slash = strrchr(command[0], '/');
     prctl(PR_SET_NAME, slash == nullptr ? command[0] : slash + 1);
 
@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
             return EXIT_SUCCESS;
         }
         execv(command[0], command);
-        // Memory may be short for a moment, or the program's file be on its way.
+        // The failure may be temporary: memory is short, or the program's file is being replaced.
         if (!reported) {
             fprintf(stderr, "%s: cannot be started: %s\n", command[0], strerror(errno));
         }

@@ -1,4 +1,4 @@
-// What the agent and its sleeper, each of which starts the other, must agree on.
+// Constants shared by the agent and its sleeper, each of which starts the other.
 #ifndef AGENT_SLEEPER_H
 #define AGENT_SLEEPER_H
 
@@ -6,8 +6,9 @@
 
 constexpr char SLEEPER[] = "corvo_agent_sleeper";
 
-// They end the sleep, SIGHUP for a poll, the others for good. Blocked from before one program
-// starts the other until that one waits for them or catches them, so that none is lost on the way.
+// These signals end the sleep. After SIGHUP the agent polls, after the others it ends. Each program
+// blocks them before it starts the other, which waits for them or installs handlers, so that no
+// signal is lost in between.
 constexpr int WAKING_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
 #endif  // AGENT_SLEEPER_H

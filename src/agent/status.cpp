@@ -29,17 +29,17 @@ constexpr mode_t RUN_FILE_MODE = 0644;
 constexpr size_t RUN_FILE_SIZE_MAX = 65536;  // bytes
 
 std::string text_of(const Json& json, const char* name) {
-    const bool there = json.is_object() && json.contains(name) && json[name].is_string();
-    return there ? json[name].get<std::string>() : "";
+    const bool exists = json.is_object() && json.contains(name) && json[name].is_string();
+    return exists ? json[name].get<std::string>() : "";
 }
 
 int64_t number_of(const Json& json, const char* name) {
-    const bool there = json.is_object() && json.contains(name) && json[name].is_number_integer();
-    return there ? json[name].get<int64_t>() : 0;
+    const bool exists = json.is_object() && json.contains(name) && json[name].is_number_integer();
+    return exists ? json[name].get<int64_t>() : 0;
 }
 
-// What the last agent published; an empty object when there is nothing.
-Json published() {
+// Reads the status that an agent has published; an empty object when it cannot be read.
+Json load_published_status() {
     std::string text;
     if (!read_small_file(RUN_FILE, RUN_FILE_SIZE_MAX, FileKind::NOT_A_LINK, text).ok()) {
         return Json::object();
@@ -53,9 +53,9 @@ Json action_json(const ActionRecord& action) {
         return nullptr;
     }
     return {{"id", action.id},
-            {"stage", stage_word(action.stage)},
+            {"stage", stage_name(action.stage)},
             {"attempts", action.attempts},
-            {"words", action.words}};
+            {"words", action.message}};
 }
 
 Json history_json(const std::vector<HistoryEntry>& history) {
@@ -63,11 +63,12 @@ Json history_json(const std::vector<HistoryEntry>& history) {
         return nullptr;
     }
     const HistoryEntry& last = history.back();
-    return {{"id", last.id},     {"version", last.version}, {"succeeded", last.succeeded},
-            {"told", last.told}, {"words", last.words},     {"time", last.time}};
+    return {{"id", last.id},         {"version", last.version}, {"succeeded", last.succeeded},
+            {"told", last.reported}, {"words", last.message},   {"time", last.time}};
 }
 
-// Whoever wrote a record, a terminal gets text and nothing else.
+// Replaces control characters, because a record may contain any text and a terminal interprets
+// them.
 void print_line(const std::string& name, const std::string& text) {
     printf("%-10s %s\n", printable(name).c_str(), printable(text).c_str());
 }
@@ -79,7 +80,7 @@ void print_json(const Json& status) {
     }
 }
 
-void print_words(const AgentSettings& settings, const Json& status) {
+void print_text(const AgentSettings& settings, const Json& status) {
     const ServerSettings& server = settings.server;
     print_line("server",
                (server.url.empty() ? "not set" : server.url) + ", as " + server.controllerId);
@@ -87,14 +88,14 @@ void print_words(const AgentSettings& settings, const Json& status) {
         print_line(name, value.get<std::string>());
     }
     const Json& action = status["action"];
-    print_line("in hand",
+    print_line("pending",
                action.is_null()
                    ? "nothing"
                    : "action " + text_of(action, "id") + ", " + text_of(action, "stage") +
                          (number_of(action, "attempts") > 1 ? ", not the first request" : ""));
     const std::string downloaded = text_of(status, "downloaded");
     if (!downloaded.empty()) {
-        print_line("downloaded", "action " + downloaded + ", not to be installed yet");
+        print_line("downloaded", "action " + downloaded + ", kept for a later installation");
     }
     const std::string card = text_of(status, "card");
     if (!card.empty()) {
@@ -106,9 +107,9 @@ void print_words(const AgentSettings& settings, const Json& status) {
     }
     const Json& poll = status["poll"];
     if (number_of(poll, "time") != 0) {
-        const std::string trouble = text_of(poll, "trouble");
-        print_line("last poll", time_text(number_of(poll, "time")) + ", " +
-                                    (trouble.empty() ? "well" : trouble));
+        const std::string error = text_of(poll, "trouble");
+        print_line("last poll",
+                   time_text(number_of(poll, "time")) + ", " + (error.empty() ? "ok" : error));
     }
     const Json& last = status["last"];
     if (!last.is_null()) {
@@ -132,10 +133,11 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
         {"waits",
          {{"id", agent.waitingId}, {"for", agent.waitingFor}, {"offer", agent.waitingOffer}}}};
     (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
-    // The folder is the agent's user's, and this may be root: nothing that lies there is followed.
+    // The folder belongs to the agent's user, and this process may be root. The file is created
+    // anew, so that no link in the folder is followed.
     (void)unlink(RUN_FILE_NEW);
     {
-        // Read by all, whatever the umask, and written by nobody else.
+        // All users may read the file; only its owner may write it.
         corvo::UniqueFd fd(
             open(RUN_FILE_NEW, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, RUN_FILE_MODE));
         const corvo::OwnedFile file(fdopen(fd.get(), "w"));
@@ -154,8 +156,8 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     if (!loaded.ok()) {
         return loaded;
     }
-    // What is known of the agent's file, whoever wrote it, and no more.
-    const Json file = published();
+    // Only the known members of the file are used, because another program may have written it.
+    const Json file = load_published_status();
     const Json waits = file.value("waits", Json());
     const Json poll = file.value("poll", Json());
     Json status = {{"waits", {{"id", text_of(waits, "id")}, {"for", text_of(waits, "for")}}},
@@ -164,7 +166,7 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
                      {"result", number_of(poll, "result")},
                      {"trouble", text_of(poll, "trouble")}}}};
     status["action"] = action_json(action);
-    // It has ended, and its files are kept for an action that installs them.
+    // The server asked only for the download; the files are kept for a later action.
     status["downloaded"] = action.downloadOnly ? Json(action.id) : Json(nullptr);
     std::vector<HistoryEntry> history;
     AgentStatus read = load_history(settings.stateFolder, history);
@@ -179,13 +181,13 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
     if (json) {
         print_json(status);
     } else {
-        print_words(settings, status);
+        print_text(settings, status);
     }
     return read;
 }
 
 AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
-    const Json status = published();
+    const Json status = load_published_status();
     const Json waits = status.value("waits", Json::object());
     const std::string id = text_of(waits, "id");
     if (id.empty() || text_of(waits, "for") != WAITS_FOR_CONSENT) {
@@ -194,7 +196,8 @@ AgentStatus give_consent(const AgentSettings& settings, bool confirmed) {
     AgentStatus stored =
         store_consent(settings.stateFolder, id, text_of(waits, "offer"), confirmed);
     const auto agent = static_cast<pid_t>(number_of(status, "pid"));
-    // It may have ended, and the number be another process's: then the next agent finds the answer.
+    // The signal is sent only if the process is still an agent, because its id may have been
+    // reused. Without the signal the answer is found with the next poll.
     std::string name;
     if (stored.ok() && agent > 0 &&
         read_small_file("/proc/" + std::to_string(agent) + "/comm", RUN_FILE_SIZE_MAX,

@@ -1,4 +1,4 @@
-// What a person on the camera can see of the agent, and tell it.
+// The commands for a person on the camera: status, confirm and deny.
 #ifndef AGENT_STATUS_H
 #define AGENT_STATUS_H
 
@@ -6,17 +6,18 @@
 #include "agent/procedure.h"
 #include "agent/settings.h"
 
-// In memory, so that a poll costs the flash nothing: what the agent did last. In
-// "/run/corvo-agent/", which whoever starts the agent makes when its user may not. A folder that is
-// not there costs no more than what `status` says of the last poll.
+// Writes the last poll and what the update waits for to "/run/corvo-agent/status.json", which is in
+// memory, so that polls do not wear the flash. If the agent's user may not create the folder, the
+// start script must do it. Without the folder `status` does not show these values.
 void publish_status(const Agent& agent, const AgentStatus& lastPoll);
 
-// Prints what is in hand, the last poll, the last outcome and what runs. Returns AGENT_OK, or
-// AGENT_MEDIUM for a record that cannot be read.
+// Prints the pending action, the last poll, the last result and the running system. Returns
+// AGENT_OK, AGENT_STORAGE when a record cannot be read, or AGENT_MALFORMED when an agent has not
+// written it.
 AgentStatus print_status(const AgentSettings& settings, bool json);
 
 // Stores the answer to the update that waits for consent, and wakes the agent. Returns AGENT_OK,
-// AGENT_GONE when none waits, or AGENT_MEDIUM.
+// AGENT_GONE when no update waits for consent, or AGENT_STORAGE.
 AgentStatus give_consent(const AgentSettings& settings, bool confirmed);
 
 #endif  // AGENT_STATUS_H

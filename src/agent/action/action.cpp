@@ -18,10 +18,11 @@ constexpr char HISTORY_FILE[] = "history.json";
 constexpr size_t STATE_SIZE_MAX = 1048576;  // bytes
 constexpr size_t HISTORY_ENTRIES = 20;
 
-constexpr std::array<const char*, 6> STAGE_WORDS = {"none",      "downloading", "waiting",
+// Stored in records, so that earlier and later agents must use the same names.
+constexpr std::array<const char*, 6> STAGE_NAMES = {"none",      "downloading", "waiting",
                                                     "committed", "posted",      "verdict"};
 
-// A field that is not there, or of another type, leaves `value` as it is.
+// Reads a member. If it is missing or has another type, `value` is not changed.
 template <typename T>
 void take(const Json& json, const char* name, T& value) {
     const auto field = json.find(name);
@@ -43,7 +44,8 @@ void take(const Json& json, const char* name, T& value) {
     }
 }
 
-// The record's bytes are no text: two hexadecimal digits for each.
+// JSON cannot store arbitrary bytes, so the outcome record is stored as two hexadecimal digits for
+// each byte.
 std::string bytes_to_digits(std::string_view bytes) {
     constexpr char DIGITS[] = "0123456789abcdef";
     std::string text;
@@ -63,8 +65,8 @@ std::string digits_to_bytes(const std::string& digits) {
 }
 
 bool find_stage(const std::string& word, ActionStage& stage) {
-    for (size_t i = 0; i < STAGE_WORDS.size(); ++i) {
-        if (word == STAGE_WORDS[i]) {
+    for (size_t i = 0; i < STAGE_NAMES.size(); ++i) {
+        if (word == STAGE_NAMES[i]) {
             stage = static_cast<ActionStage>(i);
             return true;
         }
@@ -83,7 +85,7 @@ std::string action_text(const ActionRecord& action) {
     for (const OfferedFile& file : action.files) {
         files.push_back({{"name", file.name}, {"size", file.size}, {"sha256", file.sha256}});
     }
-    const Json json = {{"stage", stage_word(action.stage)},
+    const Json json = {{"stage", stage_name(action.stage)},
                        {"id", action.id},
                        {"files", files},
                        {"manifestFile", action.manifestFile},
@@ -98,7 +100,7 @@ std::string action_text(const ActionRecord& action) {
                        {"bootId", action.bootId},
                        {"processId", action.processId},
                        {"succeeded", action.succeeded},
-                       {"words", action.words},
+                       {"words", action.message},
                        {"refusedResults", action.refusedResults}};
     return text_of_json(json, 1) + '\n';
 }
@@ -140,15 +142,15 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     take(json, "bootId", action.bootId);
     take(json, "processId", action.processId);
     take(json, "succeeded", action.succeeded);
-    take(json, "words", action.words);
+    take(json, "words", action.message);
     take(json, "refusedResults", action.refusedResults);
     return find_stage(stage, action.stage) && !action.id.empty();
 }
 
 }  // namespace
 
-const char* stage_word(ActionStage stage) {
-    return STAGE_WORDS[static_cast<size_t>(stage)];
+const char* stage_name(ActionStage stage) {
+    return STAGE_NAMES[static_cast<size_t>(stage)];
 }
 
 std::string manifest_digest(const ActionRecord& action) {
@@ -202,8 +204,8 @@ AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntr
             take(line, "manifestDigest", entry.manifestDigest);
             take(line, "version", entry.version);
             take(line, "succeeded", entry.succeeded);
-            take(line, "told", entry.told);
-            take(line, "words", entry.words);
+            take(line, "told", entry.reported);
+            take(line, "words", entry.message);
             take(line, "manifest", entry.manifest);
             entry.slotBefore = slot_of(line);
             take(line, "time", entry.time);
@@ -217,13 +219,14 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
     std::vector<HistoryEntry> history;
     AgentStatus status = load_history(stateFolder, history);
     if (status.result == AGENT_MALFORMED) {
-        print_error(AGENT, status.text + "; it is put aside");
+        print_error(AGENT, status.text + "; renamed to *.bad");
         status = put_aside(stateFolder + HISTORY_FILE);
     }
     if (!status.ok()) {
         return status;
     }
-    // A power cut between this and the record's removal adds the same again.
+    // Replaces an entry of the same action. It exists if the power was cut before the record was
+    // removed.
     std::erase_if(history, [&](const HistoryEntry& old) {
         return old.id == entry.id && old.manifestDigest == entry.manifestDigest;
     });
@@ -236,8 +239,8 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
                         {"manifestDigest", line.manifestDigest},
                         {"version", line.version},
                         {"succeeded", line.succeeded},
-                        {"told", line.told},
-                        {"words", line.words},
+                        {"told", line.reported},
+                        {"words", line.message},
                         {"manifest", line.manifest},
                         {"slotBefore", std::string(1, line.slotBefore)},
                         {"time", line.time}});
@@ -248,7 +251,7 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
 bool find_in_history(const std::string& stateFolder, const std::string& id,
                      const std::string& manifestDigest, HistoryEntry& entry) {
     std::vector<HistoryEntry> history;
-    (void)load_history(stateFolder, history);  // one that cannot be read has none
+    (void)load_history(stateFolder, history);  // an unreadable history counts as empty
     for (HistoryEntry& line : history) {
         if (line.id == id && line.manifestDigest == manifestDigest && !manifestDigest.empty()) {
             entry = std::move(line);

@@ -36,7 +36,7 @@ constexpr size_t PROCESS_STATUS_MAX = 16384;  // bytes
 constexpr char SERVICE_NAME[] = "corvo_upgrade";
 constexpr size_t CHUNK_SIZE = 65536;
 
-// The first line of a small file, or nothing.
+// Returns the first line of a small file; empty when it cannot be read.
 std::string first_line(const std::string& path) {
     std::string text;
     if (!read_small_file(path, SMALL_TEXT_MAX, FileKind::REGULAR, text).ok()) {
@@ -45,15 +45,17 @@ std::string first_line(const std::string& path) {
     return text.substr(0, text.find('\n'));
 }
 
-// A process that is root's through and through. Everybody may start a program under any name, also
-// one that is set-user-ID to root; but such a process keeps the group of the user who started it.
+// Whether all user and group ids of a process are root's. A process name alone proves nothing: any
+// user may start a program under any name, even a set-user-ID program of root. Such a process keeps
+// the group of the user who started it.
 bool is_root_alone(const std::string& processStatus) {
     return processStatus.find("\nUid:\t0\t0\t0\t0\n") != std::string::npos &&
            processStatus.find("\nGid:\t0\t0\t0\t0\n") != std::string::npos;
 }
 
-// The program's file can be read of root's processes by root only: the agent's user goes by the
-// name alone, which no process of anybody else can have together with root's ids.
+// Whether the process runs the service's program. Only root can read the path of a root process's
+// program. For the agent's user the name and root's ids must suffice: no process of another user
+// can have both.
 bool runs_service_program(const std::string& process) {
     char path[PATH_MAX];
     const ssize_t length = readlink((process + "exe").c_str(), path, sizeof(path));
@@ -74,9 +76,9 @@ bool is_service(int64_t processId) {
            is_root_alone(status) && runs_service_program(process);
 }
 
-// Whom the service's pid file names; -1: there is none that counts. Everybody may make a file of
-// that name in /tmp, or a link to one of root's; only root can take the name from root's own file,
-// so what was found of it still holds when it is read.
+// Returns the process id in the service's pid file, or -1 when no valid pid file exists. Any user
+// may create a file with this name in /tmp, or a link to a file of root, so the file must belong to
+// root. Only root can replace root's file, so it is still the checked one when it is read.
 int64_t upgrading_process() {
     struct stat status = {};
     if (lstat(SERVICE_PID_PATH, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != 0) {
@@ -94,7 +96,7 @@ bool queue_status(msqid_ds& status) {
 PackageStatus check_partition(const ManifestModule& module) {
     const OtaPackageEntry* const entry = find_module(module.name);
     if (entry == nullptr) {
-        return package_fault(PACKAGE_DIFFERENT, "there is no partition " + module.name);
+        return package_fault(PACKAGE_DIFFERENT, "unknown partition " + module.name);
     }
     const corvo::UniqueFd partition = open_partition(*entry);
     std::vector<char> chunk(CHUNK_SIZE);
@@ -104,7 +106,7 @@ PackageStatus check_partition(const ManifestModule& module) {
         const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
         const ssize_t taken = read(partition.get(), chunk.data(), wanted);
         if (taken <= 0) {
-            errno = taken == 0 ? ENODATA : errno;  // it ends before the image does
+            errno = taken == 0 ? ENODATA : errno;  // the partition is smaller than the image
             break;
         }
         digest.update({chunk.data(), static_cast<size_t>(taken)});
@@ -117,7 +119,7 @@ PackageStatus check_partition(const ManifestModule& module) {
     return digest.take() == module.sha256
                ? PackageStatus{}
                : package_fault(PACKAGE_DIFFERENT,
-                               "partition " + module.name + " does not hold the image");
+                               "partition " + module.name + " does not contain the image");
 }
 
 }  // namespace
@@ -125,9 +127,9 @@ PackageStatus check_partition(const ManifestModule& module) {
 char boot_slot() {
     std::array<char, 16> output = {};
     const CommandResult result = run_command(SLOT_COMMAND, SLOT_LIMIT_MS, output);
-    const bool told = result.started && result.status == 0 && result.outputLength > 0 &&
-                      (output[0] == 'A' || output[0] == 'B');
-    return told ? output[0] : '?';
+    const bool known = result.started && result.status == 0 && result.outputLength > 0 &&
+                       (output[0] == 'A' || output[0] == 'B');
+    return known ? output[0] : '?';
 }
 
 std::string outcome_record() {
@@ -145,7 +147,7 @@ QueueUse queue_use(int64_t processId) {
     if (!queue_status(status)) {
         return QueueUse::NO_QUEUE;
     }
-    // A sender from another name space of process ids has 0 here, but not its time.
+    // The process id of a sender in another pid namespace is 0. The time of its message is not 0.
     if (status.msg_lspid == 0 && status.msg_stime == 0) {
         return QueueUse::UNUSED;
     }
@@ -189,7 +191,7 @@ PackageStatus check_partitions(const Manifest& manifest) {
     return {};
 }
 
-bool camera_is_fit(const std::string& command, std::string& words) {
+bool camera_is_fit(const std::string& command, std::string& message) {
     if (command.empty()) {
         return true;
     }
@@ -198,13 +200,13 @@ bool camera_is_fit(const std::string& command, std::string& words) {
     if (result.started && !result.killed && result.status == 0) {
         return true;
     }
-    words.assign(output.data(), result.outputLength);
-    words.resize(std::min(words.find('\n'), words.size()));
+    message.assign(output.data(), result.outputLength);
+    message.resize(std::min(message.find('\n'), message.size()));
     if (!result.started || result.killed) {
-        words =
-            result.killed ? "the fitness command did not end" : "the fitness command cannot start";
-    } else if (words.empty()) {
-        words = "the fitness command says no (exit status " + std::to_string(result.status) + ")";
+        message = result.killed ? "the fitness command timed out"
+                                : "the fitness command cannot be started";
+    } else if (message.empty()) {
+        message = "the fitness command refuses (exit status " + std::to_string(result.status) + ")";
     }
     return false;
 }

@@ -31,7 +31,7 @@ AgentStatus find_consent(const std::string& stateFolder, const std::string& id,
         return agent_fault(AGENT_MALFORMED, path + " is not what this agent writes");
     }
     if (json["id"] != id || json.value("offer", Json()) != offer) {
-        return agent_fault(AGENT_GONE, path + " answers for another action");
+        return agent_fault(AGENT_GONE, path + " is the answer for another action");
     }
     confirmed = json["confirmed"].get<bool>();
     return {};

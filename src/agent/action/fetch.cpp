@@ -1,4 +1,4 @@
-// ACTION_DOWNLOADING: the package comes into the agent's folder.
+// ACTION_DOWNLOADING: downloads the package into the agent's folder.
 #include <sys/stat.h>
 #include <time.h>
 
@@ -14,15 +14,16 @@
 
 namespace {
 
-// Left free on the card beside the package, for whatever else lies there.
+// Bytes that stay free on the card for other files.
 constexpr uint64_t SPACE_LEFT = 1048576;
 constexpr uint32_t PROGRESS_STEPS = 10;
-// A download may take hours on a slow line, or be pointless on one that is paid by the byte. A poll
-// every ten seconds is little beside what the download itself costs the server, and ends with it.
-constexpr uint64_t LOOK_MS = 10000;
+// While a download runs, the server is polled at this interval, so that a canceled action does not
+// continue to use a slow or expensive connection. Compared with the download, these polls cost the
+// server little.
+constexpr uint64_t POLL_INTERVAL_MS = 10000;
 constexpr uint32_t GONE_OFFERS_MAX = 2;
-// An answer that is neither the file nor a known refusal may be a proxy's bad moment, as for
-// offers.
+// An answer that is neither the file nor a known refusal may be a temporary fault of a proxy, so
+// the request is repeated.
 constexpr int UNEXPECTED_ANSWERS_MAX = 3;
 constexpr uint32_t UNEXPECTED_PAUSE_MS = 2000;
 
@@ -31,9 +32,9 @@ struct Fetching {
     OpenFolder folder = {};
     uint64_t all = 0;     // bytes of the images
     uint64_t before = 0;  // bytes of those that are complete
-    uint32_t step = 0;    // of PROGRESS_STEPS, that was told last
-    uint64_t lookedAtMs = 0;
-    bool asked = false;  // the server may have changed its mind
+    uint32_t step = 0;    // last reported step, of PROGRESS_STEPS
+    uint64_t polledAtMs = 0;
+    bool withdrawn = false;  // the server no longer offers the action
 };
 
 const DdiFile* find_file(const DdiAction& offer, const std::string& name) {
@@ -49,16 +50,16 @@ std::string names_of(const DdiAction& offer) {
     return names;
 }
 
-// Whether the files are those that the manifest names, and no other.
+// Whether the offer has exactly the files that the manifest names.
 bool is_complete(const DdiAction& offer, const std::string& manifestName,
                  const std::vector<PackageFile>& files, std::string& wrong) {
     for (const PackageFile& file : files) {
         const DdiFile* const offered = find_file(offer, file.name);
         if (offered == nullptr || offered->size != file.size) {
-            wrong =
-                "the manifest names " + file.name + " of " + std::to_string(file.size) +
-                " bytes, the server " +
-                (offered == nullptr ? "does not offer it" : "has " + std::to_string(offered->size));
+            wrong = "the manifest names " + file.name + " of " + std::to_string(file.size) +
+                    " bytes, the server " +
+                    (offered == nullptr ? "does not offer it"
+                                        : "offers " + std::to_string(offered->size));
             return false;
         }
     }
@@ -74,7 +75,7 @@ bool is_complete(const DdiAction& offer, const std::string& manifestName,
     return true;
 }
 
-uint64_t bytes_there(const OpenFolder& folder, const std::string& name) {
+uint64_t size_of_file(const OpenFolder& folder, const std::string& name) {
     struct stat status = {};
     return find_entry(folder, name, status) && S_ISREG(status.st_mode)
                ? static_cast<uint64_t>(status.st_size)
@@ -82,51 +83,53 @@ uint64_t bytes_there(const OpenFolder& folder, const std::string& name) {
 }
 
 uint64_t bytes_fetched(const OpenFolder& folder, const std::string& name) {
-    return std::max(bytes_there(folder, name), bytes_there(folder, name + PART_SUFFIX));
+    return std::max(size_of_file(folder, name), size_of_file(folder, name + PART_SUFFIX));
 }
 
 bool has_room(const OpenFolder& folder, const std::vector<PackageFile>& files, std::string& wrong) {
     uint64_t needed = SPACE_LEFT;
     for (const PackageFile& file : files) {
-        const uint64_t there = bytes_fetched(folder, file.name);
-        needed += file.size - std::min(file.size, there);
+        const uint64_t fetched = bytes_fetched(folder, file.name);
+        needed += file.size - std::min(file.size, fetched);
     }
     const uint64_t room = free_space(folder.get());
     wrong = "the package needs " + std::to_string(needed) + " more bytes, " + folder.path +
-            " has room for " + std::to_string(room);
+            " has space for " + std::to_string(room);
     return room >= needed;
 }
 
-// Whether the server still wants this action to go on, asked now and then.
+// Polls the server at intervals. Returns whether the action is still offered.
 bool still_wanted(Agent& agent, Fetching& fetching) {
     const uint64_t now = monotonic_ms();
-    if (now - fetching.lookedAtMs < LOOK_MS) {
+    if (now - fetching.polledAtMs < POLL_INTERVAL_MS) {
         return true;
     }
-    fetching.lookedAtMs = now;
+    fetching.polledAtMs = now;
     DdiPoll poll;
-    fetching.asked = agent.server.poll(poll).ok() && poll.deployment.empty();
-    return !fetching.asked;
+    fetching.withdrawn = agent.server.poll(poll).ok() && poll.deployment.empty();
+    return !fetching.withdrawn;
 }
 
 bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64_t bytes) {
-    const uint64_t there = fetching.before + bytes;
-    const auto step = static_cast<uint32_t>(there * PROGRESS_STEPS / fetching.all);
+    const uint64_t done = fetching.before + bytes;
+    const auto step = static_cast<uint32_t>(done * PROGRESS_STEPS / fetching.all);
     if (step > fetching.step) {
         fetching.step = step;
         const std::string text =
-            "downloading " + file.name + ", " + std::to_string(there * 100 / fetching.all) + " %";
+            "downloading " + file.name + ", " + std::to_string(done * 100 / fetching.all) + " %";
         if (isatty(STDOUT_FILENO) != 1) {
-            say(agent, text);
+            log_action(agent, text);
         }
-        const AgentStatus told = tell(agent, DdiExecution::DOWNLOAD, text, step, PROGRESS_STEPS);
-        fetching.asked = told.result == AGENT_GONE;
+        const AgentStatus sent =
+            send_status(agent, DdiExecution::DOWNLOAD, text, step, PROGRESS_STEPS);
+        fetching.withdrawn = sent.result == AGENT_GONE;
     }
-    return !fetching.asked && still_wanted(agent, fetching);
+    return !fetching.withdrawn && still_wanted(agent, fetching);
 }
 
-// A file that was just fetched is what it must be; who changes it after that is found.
-void remember_file(Agent& agent, const OpenFolder& folder, const std::string& name) {
+// Records the status of a file that was verified while it was downloaded. A later change of the
+// file is found by comparing its status.
+void record_checked_file(Agent& agent, const OpenFolder& folder, const std::string& name) {
     struct stat status = {};
     if (find_entry(folder, name, status)) {
         agent.checked.push_back(stamp_of(folder.path + name, Links::REFUSED, status));
@@ -135,9 +138,9 @@ void remember_file(Agent& agent, const OpenFolder& folder, const std::string& na
 
 AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
                          const PackageFile* content) {
-    // The server may count every request for a file as a status.
+    // The server may store a status for each request for a file.
     if (++agent.action.statuses >= STATUSES_MAX) {
-        return agent_fault(AGENT_DIFFERENT, "given up: too many interrupted downloads");
+        return agent_fault(AGENT_DIFFERENT, "too many interrupted downloads");
     }
     ProgressLine line(content != nullptr, file.name + " downloaded",
                       std::max<uint64_t>(file.size, 1));
@@ -149,7 +152,7 @@ AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
     AgentStatus status = download_file(agent.files, file, content, fetching.folder, progress);
     agent.progressed = agent.progressed || bytes_fetched(fetching.folder, file.name) > fetched;
     if (status.ok()) {
-        remember_file(agent, fetching.folder, file.name);
+        record_checked_file(agent, fetching.folder, file.name);
         fetching.before += content == nullptr ? 0 : file.size;
     }
     return status;
@@ -160,80 +163,81 @@ AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
     AgentStatus status = request_file(agent, fetching, file, content);
     for (int answers = 1; status.result == AGENT_MALFORMED && answers < UNEXPECTED_ANSWERS_MAX;
          ++answers) {
-        if (!pause(agent, UNEXPECTED_PAUSE_MS)) {
-            return agent_fault(AGENT_STOPPED, "asked to end");
+        if (!wait_ms(agent, UNEXPECTED_PAUSE_MS)) {
+            return agent_fault(AGENT_STOPPED, "asked to stop");
         }
         status = request_file(agent, fetching, file, content);
     }
     return status;
 }
 
-// What a file that did not come means for the action.
-AgentStatus cannot_fetch(Agent& agent, const Fetching& fetching, AgentStatus status) {
-    // The count of requests must not be lost with this process.
+// Decides what a failed download means for the action.
+AgentStatus handle_failure(Agent& agent, const Fetching& fetching, AgentStatus status) {
+    // Stores the number of requests, so that a restart of the agent does not lose it.
     AgentStatus stored = store(agent);
     if (!stored.ok()) {
         return stored;
     }
     switch (status.result) {
         case AGENT_STOPPED:
-            return agent.stop || !fetching.asked ? status : agent_fault(AGENT_GONE, "");
+            return agent.stop || !fetching.withdrawn ? status : agent_fault(AGENT_GONE, "");
         case AGENT_GONE:
-            // An action that has ended has no files either: the server says which it is.
+            // Either the file is missing or the action has ended. The next poll shows which.
             if (++agent.goneOffers < GONE_OFFERS_MAX) {
                 return status;
             }
-            return conclude(agent, false, status.text);
-        case AGENT_MEDIUM:
-            // Whoever takes the card out may put it back.
+            return finish_action(agent, false, status.text);
+        case AGENT_STORAGE:
+            // The card may have been removed, and may be inserted again.
             if (waits_for_card(agent)) {
                 return agent_fault(AGENT_NO_CARD, status.text);
             }
-            return conclude(agent, false, status.text);
+            return finish_action(agent, false, status.text);
         case AGENT_DIFFERENT:
         case AGENT_MALFORMED:
-            return conclude(agent, false, status.text);
+            return finish_action(agent, false, status.text);
         default:
             return status;
     }
 }
 
-// The manifest and its signature, before anything large: who made it, and whether this camera takes
-// it. A record with a verdict when not.
+// Downloads manifest and signature before the large files, verifies them and checks that this
+// camera accepts the package. If not, the stage becomes ACTION_RESULT.
 AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& offer,
                            Manifest& manifest) {
     const DdiFile* const file = find_manifest(offer);
     if (file == nullptr) {
-        return conclude(agent, false,
-                        "expected one manifest with its signature and the files that it names, "
-                        "the server offers " +
-                            names_of(offer));
+        return finish_action(
+            agent, false,
+            "expected one manifest with its signature and the files that it names, but "
+            "the server offers " +
+                names_of(offer));
     }
     const DdiFile* const signature = find_file(offer, file->name + SIGNATURE_SUFFIX);
     if (file->size > MANIFEST_SIZE_MAX || signature->size > SIGNATURE_SIZE_MAX) {
-        return conclude(agent, false, file->name + " or its signature is too large to be one");
+        return finish_action(agent, false, file->name + " or its signature is too large");
     }
     for (const DdiFile* small : {file, signature}) {
         const AgentStatus status = fetch_file(agent, fetching, *small, nullptr);
         if (!status.ok()) {
-            return cannot_fetch(agent, fetching, status);
+            return handle_failure(agent, fetching, status);
         }
     }
-    const PackageStatus taken = read_manifest(agent, manifest);
-    return taken.ok() ? AgentStatus{} : conclude(agent, false, taken.text);
+    const PackageStatus packageStatus = read_manifest(agent, manifest);
+    return packageStatus.ok() ? AgentStatus{} : finish_action(agent, false, packageStatus.text);
 }
 
 AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer) {
     std::string wrong;
     Manifest manifest;
     AgentStatus status = fetch_manifest(agent, fetching, offer, manifest);
-    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
+    if (!status.ok() || agent.action.stage == ACTION_RESULT) {
         return status;
     }
     const std::vector<PackageFile> files = package_files(manifest);
     if (!is_complete(offer, agent.action.manifestFile, files, wrong) ||
         !has_room(fetching.folder, files, wrong)) {
-        return conclude(agent, false, wrong);
+        return finish_action(agent, false, wrong);
     }
     for (const PackageFile& file : files) {
         fetching.all += file.size;
@@ -241,10 +245,10 @@ AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer
     for (const PackageFile& file : files) {
         status = fetch_file(agent, fetching, *find_file(offer, file.name), &file);
         if (!status.ok()) {
-            return cannot_fetch(agent, fetching, status);
+            return handle_failure(agent, fetching, status);
         }
     }
-    say(agent, manifest.version + " is here, and is what was signed");
+    log_action(agent, "version " + manifest.version + " is downloaded and verified");
     agent.action.stage = ACTION_WAITING;
     return store(agent);
 }
@@ -285,17 +289,17 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     std::string wrong;
     const bool fit = camera_is_fit(agent.settings.fitnessCommand, wrong);
     if (agent.stop) {
-        return agent_fault(AGENT_STOPPED, "");  // it may have ended the fitness command, too
+        return agent_fault(AGENT_STOPPED, "");  // the signal may have killed the fitness command
     }
     if (!fit) {
         wait_for(agent, wrong);
         return {};
     }
     end_wait(agent);
-    Fetching fetching = {.lookedAtMs = monotonic_ms()};
+    Fetching fetching = {.polledAtMs = monotonic_ms()};
     AgentStatus status = make_folder(agent.place, fetching.folder);
     if (!status.ok()) {
-        return waits_for_card(agent) ? AgentStatus{} : conclude(agent, false, status.text);
+        return waits_for_card(agent) ? AgentStatus{} : finish_action(agent, false, status.text);
     }
     status = fetch_files(agent, fetching, offer);
     return status.result == AGENT_NO_CARD ? AgentStatus{} : status;

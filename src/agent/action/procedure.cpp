@@ -17,24 +17,24 @@
 
 namespace {
 
-// An answer of the server's often makes the next question due at once: a cancellation confirmed, a
-// verdict delivered, a package complete. So many questions at the most, then it is left alone.
-constexpr int ROUNDS_MAX = 12;
+// After a confirmed cancellation, a delivered result or a complete package the server is polled
+// again at once. This limits such polls, in case the server and the agent never agree.
+constexpr int POLLS_MAX = 12;
 
-// An offer that cannot be read may be a proxy's bad moment; one that stays so is refused.
+// An unreadable offer may be a temporary fault of a proxy. The action fails after so many in a row.
 constexpr uint32_t MALFORMED_OFFERS_MAX = 3;
 
 bool is_committed(const ActionRecord& action) {
     return action.stage == ACTION_COMMITTED || action.stage == ACTION_POSTED;
 }
 
-// An upgrade that was cut short waits for its next request, but partitions may be half written:
-// like one that is committed it is seen through.
+// Whether the upgrade must be completed. This also holds for an interrupted upgrade that waits for
+// its next request, because partitions may be half written.
 bool has_begun(const ActionRecord& action) {
     return is_committed(action) || (action.stage == ACTION_WAITING && action.attempts > 0);
 }
 
-// "11" of ".../deploymentBase/11?c=-2127183556".
+// "11" for ".../deploymentBase/11?c=-2127183556".
 std::string id_of(const std::string& href) {
     const std::string path = href.substr(0, href.find('?'));
     return path.substr(path.rfind('/') + 1);
@@ -44,8 +44,8 @@ bool is_answered(const Agent& agent, const std::string& what) {
     return std::ranges::find(agent.answered, what) != agent.answered.end();
 }
 
-// Whether this was not answered yet in this poll. A server on which the answer has no effect would
-// get it over and over.
+// Whether this is answered for the first time in this poll. If an answer has no effect on the
+// server, it must not be repeated endlessly.
 bool is_first_answer(Agent& agent, const std::string& what) {
     if (is_answered(agent, what)) {
         return false;
@@ -54,13 +54,13 @@ bool is_first_answer(Agent& agent, const std::string& what) {
     return true;
 }
 
-// The action that a link of the poll leads to. AGENT_MALFORMED also when it is another one: its
-// feedback would go to a place that does not exist, and never end.
+// Reads the action to which a link of the poll leads. Also returns AGENT_MALFORMED when the
+// action's id is not the link's: feedback would then go to a URL that does not exist.
 AgentStatus get_offer(Agent& agent, const std::string& href, DdiAction& offer) {
     AgentStatus status = agent.server.get_action(href, offer);
     if (status.ok() && offer.id != id_of(href)) {
         status = agent_fault(AGENT_MALFORMED, "the action of the server: the id \"" + offer.id +
-                                                  "\" differs from its link's");
+                                                  "\" differs from the id in its link");
     }
     return status;
 }
@@ -70,7 +70,7 @@ bool has_known_digests(const ActionRecord& action) {
                                 [](const OfferedFile& file) { return file.sha256.empty(); });
 }
 
-// Whether the offer is still the one that was taken: the same files, in any order.
+// Whether the offer is the accepted one: the same id and the same files, in any order.
 bool is_same_offer(const ActionRecord& action, const DdiAction& offer) {
     const auto was_offered = [&action](const DdiFile& file) {
         const auto found = std::ranges::find(action.files, file.name, &OfferedFile::name);
@@ -81,7 +81,8 @@ bool is_same_offer(const ActionRecord& action, const DdiAction& offer) {
            std::ranges::all_of(offer.files, was_offered);
 }
 
-// Of what a person agrees to: names, sizes and digests of the files, in the server's order.
+// Digest over the offer that a person consents to: names, sizes and digests of its files, in the
+// server's order.
 std::string offer_digest(const DdiAction& offer) {
     Sha256Stream stream;
     for (const DdiFile& file : offer.files) {
@@ -117,18 +118,19 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     const bool ours = agent.action.stage != ACTION_NONE && cancellation.stopId == agent.action.id;
-    const bool decided = agent.action.stage == ACTION_VERDICT;
+    const bool decided = agent.action.stage == ACTION_RESULT;
     if (ours && (decided || has_begun(agent.action))) {
         if (agent.action.refusedCancellation == cancellation.id) {
-            again = decided;  // the result is still to be sent
+            again = decided;  // the result still has to be sent
             return {};
         }
         const std::string why = decided ? "the result is known" : "the upgrade has begun";
-        say(agent, "cancelled too late: " + why);
+        log_action(agent, "cancellation refused: " + why);
         status = agent.server.send_feedback(href, {.id = cancellation.id,
                                                    .execution = DdiExecution::REJECTED,
                                                    .details = {why + ", it is not cancelled"}});
-        // Whatever the answer, a second one would not be taken.
+        // The refusal is not sent again, whatever the server answered: it would not accept a second
+        // one.
         if (status.result != AGENT_UNREACHABLE && status.result != AGENT_STOPPED) {
             agent.action.refusedCancellation = cancellation.id;
             again = true;
@@ -136,9 +138,10 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
         }
         return status;
     }
-    // The camera lets go first: cut in between, it finds a cancellation of what it does not have.
+    // The record is removed before the answer is sent. After a power cut between both, the
+    // cancellation is answered again, as one of an action that is not pending.
     if (ours) {
-        status = drop(agent, "cancelled");
+        status = drop_action(agent, "cancelled");
     }
     if (status.ok()) {
         status = agent.server.send_feedback(
@@ -152,7 +155,7 @@ AgentStatus answer_cancellation(Agent& agent, const std::string& href, bool& aga
     return status.result == AGENT_GONE ? AgentStatus{} : status;
 }
 
-// What was answered on the camera. AGENT_GONE: nobody has answered yet.
+// Reads the answer given on the camera. Returns AGENT_GONE when no answer was given yet.
 AgentStatus consent_given(const Agent& agent, const std::string& id, const std::string& digest,
                           bool& confirmed) {
     if (agent.settings.confirm != "ask") {
@@ -163,7 +166,7 @@ AgentStatus consent_given(const Agent& agent, const std::string& id, const std::
     if (status.result != AGENT_MALFORMED) {
         return status;
     }
-    print_error(AGENT, status.text + "; it is put aside");
+    print_error(AGENT, status.text + "; renamed to *.bad");
     const AgentStatus aside = put_consent_aside(agent.settings.stateFolder);
     status.result = AGENT_GONE;
     return aside.ok() ? status : aside;
@@ -200,36 +203,36 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
     return status;
 }
 
-// The server has lost the result, or was asked before it had stored it: it gets the same again. An
-// action that has its result is never carried out a second time.
-AgentStatus answer_again(Agent& agent, const DdiAction& offer, const HistoryEntry& entry) {
+// Sends the stored result of an action that the server offers again. The server has lost the
+// result, or was polled before it had stored it. The action is never carried out a second time.
+AgentStatus resend_result(Agent& agent, const DdiAction& offer, const HistoryEntry& entry) {
     agent.action = {};
     take_files(agent.action, offer);
-    agent.action.stage = ACTION_VERDICT;
+    agent.action.stage = ACTION_RESULT;
     agent.action.manifest = entry.manifest;
     agent.action.slotBefore = entry.slotBefore;
     agent.action.succeeded = entry.succeeded;
-    agent.action.words = entry.words;
-    // Of no start of the camera: whether the system still runs is checked before it is sent.
+    agent.action.message = entry.message;
+    // With an empty boot id, a success is checked again before it is sent.
     agent.action.bootId =
         agent.runningManifest == entry.manifestDigest ? agent.bootId : std::string();
     agent.checked.clear();
-    say(agent, "offered again, but it has its result");
+    log_action(agent, "offered again; its stored result will be sent");
     AgentStatus status = store(agent);
     if (status.ok()) {
-        remove_needless_files(agent);
+        remove_unused_files(agent);
     }
     return status;
 }
 
-AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
+AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
     const DdiFile* const manifest = find_manifest(offer);
     HistoryEntry entry;
     if (manifest != nullptr && find_in_history(agent.settings.stateFolder, offer.id,
                                                digest_text(manifest->sha256), entry)) {
-        return answer_again(agent, offer, entry);
+        return resend_result(agent, offer, entry);
     }
-    // The server goes on counting when it changes what it offers.
+    // The server continues its count of statuses when it changes the files of an action.
     const uint32_t statuses = agent.action.id == offer.id ? agent.action.statuses : 0;
     agent.action = {};
     take_files(agent.action, offer);
@@ -237,16 +240,16 @@ AgentStatus take_offer(Agent& agent, const DdiAction& offer) {
     agent.action.statuses = statuses;
     agent.checked.clear();
     agent.goneOffers = 0;
-    agent.waitingTold.clear();
-    say(agent, "offered, " + std::to_string(offer.files.size()) + " files");
+    agent.waitingReported.clear();
+    log_action(agent, "offered, " + std::to_string(offer.files.size()) + " files");
     AgentStatus status = store(agent);
     if (status.ok()) {
-        remove_needless_files(agent);
+        remove_unused_files(agent);
     }
     return status;
 }
 
-// What the server offers cannot be read: there is nothing to go by but its address.
+// Handles an offer that cannot be parsed. Only the id in its link is known.
 AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentStatus& why,
                              bool& again) {
     const std::string id = id_of(href);
@@ -263,12 +266,12 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
         return stored.ok() ? why : stored;
     }
     again = true;
-    return conclude(agent, false, why.text);
+    return finish_action(agent, false, why.text);
 }
 
-AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
+AgentStatus handle_offer(Agent& agent, const std::string& href, bool& again) {
     if (has_begun(agent.action)) {
-        return {};  // seen through first, whatever is offered
+        return {};  // the started upgrade is completed first, whatever is offered
     }
     DdiAction offer;
     AgentStatus status = get_offer(agent, href, offer);
@@ -283,36 +286,37 @@ AgentStatus carry_out(Agent& agent, const std::string& href, bool& again) {
     }
     if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
         !agent.action.downloadOnly) {
-        status = drop(agent, "another one is offered instead");
+        status = drop_action(agent, "the server offers another action instead");
     }
     if (status.ok() && !is_same_offer(agent.action, offer)) {
         if (agent.action.id == offer.id) {
-            say(agent, "the server offers other files now");
+            log_action(agent, "the server now offers other files");
         }
-        status = take_offer(agent, offer);
+        status = accept_offer(agent, offer);
     }
-    if (!status.ok() || agent.action.stage == ACTION_VERDICT) {
+    if (!status.ok() || agent.action.stage == ACTION_RESULT) {
         again = status.ok();
         return status;
     }
     if (agent.action.stage == ACTION_DOWNLOADING) {
         status = fetch_package(agent, offer);
-        // What happens next is for the server to say: it may have changed its mind meanwhile.
+        // The server is polled again before the next step. It may have canceled the action
+        // meanwhile.
         again = (status.ok() && agent.action.stage != ACTION_DOWNLOADING) ||
                 status.result == AGENT_GONE;
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     status = start_upgrade(agent, offer);
     again = status.ok() &&
-            (agent.action.stage == ACTION_VERDICT || agent.action.stage == ACTION_DOWNLOADING);
+            (agent.action.stage == ACTION_RESULT || agent.action.stage == ACTION_DOWNLOADING);
     return status;
 }
 
-// A result is there, and the server was asked what it offers: only a result of that very offer may
-// reach it.
-AgentStatus settle(Agent& agent, const DdiPoll& poll, bool& again) {
-    if (agent.verdictSent) {
-        AgentStatus status = forget_verdict(agent, agent.verdictTaken);
+// Handles a poll while a result is pending. The result is sent only if the server still offers the
+// same files under the action's id, or no longer offers the action.
+AgentStatus handle_result(Agent& agent, const DdiPoll& poll, bool& again) {
+    if (agent.resultSent) {
+        AgentStatus status = archive_result(agent, agent.resultAccepted);
         again = status.ok();
         return status;
     }
@@ -331,20 +335,20 @@ AgentStatus settle(Agent& agent, const DdiPoll& poll, bool& again) {
             return status;
         }
         if (status.ok() && has_known_digests(agent.action) && !is_same_offer(agent.action, offer)) {
-            say(agent, "the server offers other files now, the result is not sent");
+            log_action(agent, "the server now offers other files, the result is not sent");
             again = true;
-            return forget_verdict(agent, false);
+            return archive_result(agent, false);
         }
     }
     if (!is_first_answer(agent, "result " + agent.action.id)) {
         return {};
     }
-    AgentStatus status = deliver_verdict(agent, offered || !poll.cancellation.empty());
+    AgentStatus status = deliver_result(agent, offered || !poll.cancellation.empty());
     again = status.ok();
     return status;
 }
 
-AgentStatus ask(Agent& agent, bool& again) {
+AgentStatus poll_server(Agent& agent, bool& again) {
     DdiPoll poll;
     AgentStatus status = agent.server.poll(poll);
     if (!status.ok()) {
@@ -352,11 +356,12 @@ AgentStatus ask(Agent& agent, bool& again) {
     }
     agent.sleepS = poll.sleepS;
     if (agent.attributesDue || !poll.configData.empty()) {
-        // No action waits for that; it is tried again with the next poll.
+        // A failure is ignored, because no action depends on the attributes. The next poll sends
+        // them again.
         (void)send_attributes(agent, poll.configData);
     }
-    if (agent.action.stage == ACTION_VERDICT) {
-        return settle(agent, poll, again);
+    if (agent.action.stage == ACTION_RESULT) {
+        return handle_result(agent, poll, again);
     }
     if (!poll.cancellation.empty()) {
         return answer_cancellation(agent, poll.cancellation, again);
@@ -365,24 +370,25 @@ AgentStatus ask(Agent& agent, bool& again) {
         return answer_confirmation(agent, poll.confirmation, again);
     }
     if (!poll.deployment.empty()) {
-        return carry_out(agent, poll.deployment, again);
+        return handle_offer(agent, poll.deployment, again);
     }
     if (agent.action.stage == ACTION_NONE || agent.action.downloadOnly || has_begun(agent.action)) {
         return {};
     }
-    return drop(agent, "the server does not offer it any more");
+    return drop_action(agent, "the server no longer offers the action");
 }
 
-// One question and what follows from the answer. `again`: another question is due at once.
-AgentStatus round(Agent& agent, bool& again) {
+// Continues a started upgrade, then polls once and handles the answer. Sets `again` when the server
+// has to be polled again at once.
+AgentStatus poll_once(Agent& agent, bool& again) {
     if (is_committed(agent.action)) {
-        AgentStatus status = see_through(agent);
+        AgentStatus status = follow_upgrade(agent);
         if (!status.ok()) {
             return status;
         }
     }
-    // Partitions may be half written: that they are written whole must not depend on a server that
-    // can be reached, nor wait for the time that it wants.
+    // Partitions may be half written. Completing them must depend neither on a reachable server nor
+    // on its maintenance window.
     if (has_begun(agent.action) && !is_committed(agent.action)) {
         const DdiAction begun = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
         AgentStatus status = start_upgrade(agent, begun);
@@ -390,7 +396,7 @@ AgentStatus round(Agent& agent, bool& again) {
             return status;
         }
     }
-    return ask(agent, again);
+    return poll_server(agent, again);
 }
 
 }  // namespace
@@ -407,7 +413,7 @@ Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFl
 AgentStatus agent_start(Agent& agent) {
     agent.bootId = kernel_boot_id();
     if (agent.bootId.empty()) {
-        return agent_fault(AGENT_MEDIUM, "the kernel's boot id cannot be read");
+        return agent_fault(AGENT_STORAGE, "the kernel's boot id cannot be read");
     }
     AgentStatus status = make_folder(agent.settings.stateFolder);
     if (!status.ok()) {
@@ -415,20 +421,20 @@ AgentStatus agent_start(Agent& agent) {
     }
     status = load_action(agent.settings.stateFolder, agent.action);
     if (status.result == AGENT_MALFORMED) {
-        // An agent that never starts again would be worse than one that has forgotten.
-        print_error(AGENT, status.text + "; it is put aside");
+        // Losing the record is better than an agent that never starts again.
+        print_error(AGENT, status.text + "; renamed to *.bad");
         status = put_action_aside(agent.settings.stateFolder);
     }
     if (!status.ok()) {
         return status;
     }
-    // The card may be missing, which is no reason not to ask the server.
+    // A failure is only logged: without a card the server is polled all the same.
     OpenFolder folder;
     const AgentStatus made = make_folder(agent.place, folder);
     if (!made.ok() && agent.attributesDue) {
-        say(agent, made.text);
+        log_action(agent, made.text);
     }
-    remove_needless_files(agent);
+    remove_unused_files(agent);
     return {};
 }
 
@@ -439,9 +445,9 @@ AgentStatus agent_poll(Agent& agent) {
     agent.answered.clear();
     AgentStatus status;
     bool again = true;
-    for (int i = 0; i < ROUNDS_MAX && again && status.ok(); ++i) {
+    for (int i = 0; i < POLLS_MAX && again && status.ok(); ++i) {
         again = false;
-        status = round(agent, again);
+        status = poll_once(agent, again);
     }
     return status;
 }
@@ -452,7 +458,7 @@ AgentStatus agent_report(Agent& agent) {
 
 namespace {
 
-// Without a version file it is known only what this agent has installed.
+// Without a version file, this is the version that the agent installed last.
 std::string running_version(const AgentSettings& settings) {
     std::string version;
     if (settings.versionFile.empty()) {

@@ -1,133 +1,135 @@
 /*
- * What becomes of an action: update server, agent, upgrade service and the camera's medium. Between any
- * two steps the power can go, the boot loader can take the former slot, the agent or the service can die,
- * a request or its answer can get lost, something between can answer a result with "not found", the server
- * can lose a result, change the files of an action, go away for good or be replaced by a new one that uses
- * the same ids, the operator can cancel, force quit or assign something newer, and somebody can start an
- * upgrade by hand; DISTURBANCES of these at most in one run, in any order. Each step is one that reaches
- * the outside. scripts/check_protocol looks at every run that there can be. With RELIABLE_SERVER results
- * arrive and are kept, files stay what they are, and the server is there: more of the rest can be tried.
+ * A model of one action: update server, agent, upgrade service and the camera's storage. Between any two
+ * steps a disturbance can happen: the power is cut; the boot loader starts the former slot; the agent or
+ * the service dies; a request or its answer is lost; a proxy answers a result with "not found"; the server
+ * loses a result, changes the files of an action, is never reached again, or is replaced by a new server
+ * that uses the same ids; the operator cancels, force quits or assigns a newer action; or a person starts a
+ * manual upgrade. A run has at most DISTURBANCES of these, in any order. Each step of the model is one
+ * effect that another part can observe. scripts/check_protocol explores all possible runs. With
+ * RELIABLE_SERVER the server stores all results, keeps the files and is always reached, so that a run can
+ * have more of the other disturbances.
  *
- * What must hold:
- *   - "success" is never said for a system that does not run, nor for files that are not the offered ones
- *   - every run ends, and then no action is open, no file is left, and "failure" was not said for the
- *     system that is started; when the server went away, no upgrade is left unfinished
- *   - there are never two requests of the agent at once, and none for an action that has its verdict, also
- *     when it is offered again
- *   - an upgrade is not begun for files that are not offered any more; one that has begun is not given up
- *     while its package is there, but after ATTEMPTS requests
- *   - a result is not given up while the server waits for it, but after REFUSED_RESULTS refusals
- *   - the service finds the whole package as long as it may read it
+ * Properties that are checked:
+ *   - "success" is never sent for a system that does not run, nor for files that are not the offered ones
+ *   - every run ends. At its end no action is open, no file is left, and "failure" was not sent for the
+ *     system that the camera starts. If the server is gone, no upgrade is left unfinished
+ *   - there are never two requests of the agent at once, and none for an action that has its result, even
+ *     when the action is offered again
+ *   - no upgrade is begun for files that are no longer offered. An upgrade that has begun is not given up
+ *     while its package is complete, except after ATTEMPTS requests
+ *   - a result is not given up while the server waits for it, except after REFUSED_RESULTS refusals
+ *   - the service finds the complete package as long as it may read it
  *
- * Left out: what is in requests and answers, progress, and what the agent waits for: before it commits
- * consent, window and battery, after a start slot, partitions and card, as a pause can be anywhere anyway.
- * Waiting for the service has a limit, so it can end at any time at which the service does nothing. The
- * offer is read right before the commit and right before the result is sent: one step each, as what the
- * server changes in between no camera can know.
+ * Not modelled: the content of requests and answers, progress, and what the agent waits for, because any
+ * step can take any time. (Before the commit it waits for consent, window and battery, after a start for
+ * slot, partitions and card.) The wait for the service is limited, so the model can end it at any time at
+ * which the service does nothing. Reading the offer and the commit are one step, and so are reading the
+ * offer and sending the result: a camera cannot know what the server changes in between.
  *
- * Each of these names, given with spin -D, leaves one precaution out; then something above fails:
- *   POST_BEFORE_COMMIT  the request is posted before the record says that it may have been
- *   RECORD_ALONE        success is what the outcome record says
- *   POSTER_FORGOTTEN    after a death of the agent the request is posted again, whoever sent last
- *   PARTITIONS_UNSEEN   success is what outcome record and slot say, without a look at the partitions
- *   RECORD_NEEDED       a system that runs has failed when the outcome record says so
- *   VERDICT_KEPT        a success that was found before a restart is said after it, too
- *   BEGUN_UNSEEN        a queue that nobody has sent to is enough to post
- *   REQUEST_LEFT        when the wait for the service ends the request stays in the queue
- *   FAILURE_ON_TIMEOUT  the end of that wait is a failure, even if the slot may be switched
- *   ALWAYS_AGAIN        requests for one action are not counted
- *   HISTORY_UNSEEN      an action that is offered again is carried out again
- *   HISTORY_LATE        the record is removed before the history has the result
- *   MANIFEST_UNSEEN     an action is known by its id alone, whatever manifest it has
- *   NOT_FOUND_BELIEVED  a result that was answered with "not found" is forgotten
- *   OFFER_UNSEEN        the commit is made although other files are offered under the same id
- *   OFFER_UNSEEN_LATE   the result is sent although other files are offered under the same id
- *   BEGUN_DROPPED       an upgrade that has begun is dropped for other files under the same id
- *   BEGUN_ASKS_FIRST    an upgrade that has begun goes on only while the server offers it
- *   STOP_CONCLUDED      an agent that is asked to end before it can judge has seen a failure
- *   CARD_UNAWAITED      a package on a card that is not mounted yet is gone
+ * Ablation: each of these names, given with spin -D, removes one precaution, and one of the properties
+ * above is then violated:
+ *   POST_BEFORE_COMMIT      the request is posted before the record shows that it may have been posted
+ *   RECORD_ALONE            the outcome record alone decides on success
+ *   POSTER_FORGOTTEN        after the agent has died the request is posted again, whoever sent the last one
+ *   PARTITIONS_UNCHECKED    outcome record and slot decide on success, the partitions are not compared
+ *   RECORD_NEEDED           a running new system counts as failed when the outcome record says so
+ *   SUCCESS_NOT_RECHECKED   a success that was found before a restart is sent after it without a new check
+ *   BEGUN_UNCHECKED         a request is posted whenever nobody has sent to the queue
+ *   REQUEST_LEFT            when the wait for the service ends, the request stays in the queue
+ *   FAILURE_ON_TIMEOUT      the end of that wait is a failure, even if the slot may have been switched
+ *   ALWAYS_AGAIN            requests for one action are not counted
+ *   HISTORY_UNCHECKED       an action that is offered again is carried out again
+ *   HISTORY_LATE            the record is removed before the history has the result
+ *   MANIFEST_UNCHECKED      an action is identified by its id alone, not by its manifest
+ *   NOT_FOUND_BELIEVED      a result that was answered with "not found" is not sent again
+ *   OFFER_UNCHECKED         the commit is made although other files are offered under the same id
+ *   OFFER_UNCHECKED_LATE    the result is sent although other files are offered under the same id
+ *   BEGUN_DROPPED           an upgrade that has begun is dropped for other files under the same id
+ *   BEGUN_ASKS_FIRST        an upgrade that has begun continues only while the server offers it
+ *   STOP_IS_FAILURE         an agent that is stopped before it can determine the result stores a failure
+ *   CARD_NOT_AWAITED        a package on a card that is not mounted yet counts as lost
  */
 #ifndef DISTURBANCES
 #define DISTURBANCES 5
 #endif
 #define ATTEMPTS 3        /* requests for one action */
-#define REFUSED_RESULTS 2 /* refusals of one result; the agent has more patience */
+#define REFUSED_RESULTS 2 /* refusals of one result; the agent's limit is higher */
 
 /* --- the server ---------------------------------------------------------------------------------- */
 
 mtype:status = { UNASSIGNED, OPEN, CANCELLING, CANCELED, QUIT, SUCCEEDED, FAILED };
-mtype:status action[3] = UNASSIGNED; /* 1 and, assigned later, 2; 0 is nobody's */
+mtype:status action[3] = UNASSIGNED; /* action 1, and action 2, which is assigned later; 0 is unused */
 
-#define in_hand(a) (action[a] == OPEN || action[a] == CANCELLING)
-/* What is to be installed: package 1 of action 1, or 3 when the server has replaced it; 2 of action 2. */
+#define is_pending(a) (action[a] == OPEN || action[a] == CANCELLING)
+/* The package to be installed: 1 for action 1, or 3 after the server has replaced it; 2 for action 2. */
 #define REPLACED 3
 bit replaced;
 #define package_of(a) (a == 1 && replaced -> REPLACED : a)
-bit away; /* it is not reached any more */
-/* A newer action is not offered before the older one has ended. */
-#define offered (in_hand(1) -> 1 : (in_hand(2) -> 2 : 0))
+bit away; /* the server is no longer reached */
+/* The newer action is not offered before the older one has ended. */
+#define offered (is_pending(1) -> 1 : (is_pending(2) -> 2 : 0))
 
-/* --- the medium ---------------------------------------------------------------------------------- */
+/* --- storage ------------------------------------------------------------------------------------- */
 
-/* The agent's record of its action, replaced as a whole. */
-mtype:stage = { ACTION_NONE, ACTION_DOWNLOADING, ACTION_WAITING, ACTION_COMMITTED, ACTION_POSTED, ACTION_VERDICT };
+/* The agent's record of its action. It is always replaced as a whole. */
+mtype:stage = { ACTION_NONE, ACTION_DOWNLOADING, ACTION_WAITING, ACTION_COMMITTED, ACTION_POSTED, ACTION_RESULT };
 mtype:stage stage = ACTION_NONE;
 byte record_action, record_package;
-bit this_boot;     /* the boot id in it is the running kernel's */
+bit this_boot;     /* the record's boot id is that of the running kernel */
 bit slot_before;
-bit failed_before; /* what matters of the outcome record's bytes before */
+bit failed_before; /* the outcome record before the commit, reduced to whether it was a failure */
 byte attempts;
-bit success;       /* the verdict */
-byte refused;      /* times */
+bit success;       /* the result */
+byte refused;      /* how often the server refused the result */
 
-/* The history, for each package: whether it has its result, which, and its slot_before. */
+/* The history, for each package: whether it has a result, whether that is a success, and its slot_before. */
 bit known[4], good[4], history_slot[4];
 
 mtype:files = { NO_FILES, SOME_FILES, ALL_FILES };
-mtype:files files = NO_FILES; /* of the action's package */
+mtype:files files = NO_FILES; /* files of the action's package on the card */
 
-/* The outcome record; 0 where it was cut short. */
+/* The outcome record; 0 where a power cut interrupted its writing. */
 #define RESULT_SUCCEEDED 1
 #define RESULT_NOT_SUCCEEDED 2
 #define STATE_SUCCESS 3
 #define STATE_FAILURE 4
 byte result = RESULT_SUCCEEDED, state = STATE_SUCCESS;
 
-/* What is in the partitions: 1 to 3 are the packages. */
+/* Content of the partitions; 1 to 3 are the packages. */
 #define FORMER 4
-#define BY_HAND 5
+#define MANUAL 5
 #define MIXED 6
 byte image = FORMER;
-bit half_written; /* by an upgrade of the agent's that was not given up yet */
-bit image_slot; /* the slot that starts it */
+bit half_written; /* by an upgrade of the agent that was not given up yet */
+bit image_slot; /* the slot that starts `image` */
 bit slot;
 
-/* --- what a restart forgets ---------------------------------------------------------------------- */
+/* --- state that a restart clears ----------------------------------------------------------------- */
 
-byte running = FORMER; /* what was in the partitions when the camera started */
-bit begun;             /* an upgrade has begun in this boot: the service's pid file */
+byte running = FORMER; /* content of the started partitions when the camera started */
+bit begun;             /* an upgrade has begun since the camera's start: the service's pid file exists */
 
-/* The queue outlives the service, and knows who sent last. */
+/* The queue stays when the service dies, and names the last sender. */
 bit queue;
-byte waiting, behind; /* requests in it: a package, BY_HAND or 0 */
+byte waiting, second; /* the first and the second request in the queue: a package, MANUAL or 0 */
 mtype:sender = { NOBODY, RECORDED, ANOTHER };
 mtype:sender sender = NOBODY; /* RECORDED: the process that the agent's record names */
 
 mtype:service = { DOWN, IDLE, TAKEN, PREPARED, WRITING, FAILING, RECORDING, SUCCEEDING, SWITCHING, DELETING, ENDING,
                   RESTARTING, GONE };
 mtype:service service = DOWN;
-bit half;     /* of a rewrite of the outcome record is done */
-byte request; /* that it works on */
+bit half;     /* the first of two steps of rewriting the outcome record is done */
+byte request; /* the request that the service works on */
 byte new_result, new_state;
 
 /* The agent's next step. */
 mtype:at = { POLL, DOWNLOAD, COMMIT, COMMIT_LATE, POST, NOTE_POSTED, AWAIT, GIVE_UP, AWAIT_RESTART, JUDGE,
              CHECK_AGAIN, CLEAN, CLOSE, REMEMBER, FORGET, CONFIRM, DROP };
 mtype:at at = POLL;
-byte seen; /* the action that the last poll showed */
-bit settled; /* the server has taken the result, or does not wait for it */
+byte polled; /* the action whose cancellation the last poll returned */
+bit delivered; /* the server has accepted the result, or does not wait for it */
 #ifdef HISTORY_LATE
-byte removed; /* the package of the record that was removed */
+byte removed; /* the package of the removed record */
 #endif
 
 byte left = DISTURBANCES;
@@ -136,16 +138,16 @@ byte left = DISTURBANCES;
 
 inline start_agent()
 {
-    seen = 0; settled = 0;
+    polled = 0; delivered = 0;
 #ifdef HISTORY_LATE
     removed = 0;
 #endif
     if
     :: stage == ACTION_COMMITTED || stage == ACTION_POSTED -> at = (this_boot -> AWAIT : JUDGE)
-#ifdef VERDICT_KEPT
-    :: stage == ACTION_VERDICT -> at = CLEAN
+#ifdef SUCCESS_NOT_RECHECKED
+    :: stage == ACTION_RESULT -> at = CLEAN
 #else
-    :: stage == ACTION_VERDICT -> at = (success && !this_boot -> CHECK_AGAIN : CLEAN)
+    :: stage == ACTION_RESULT -> at = (success && !this_boot -> CHECK_AGAIN : CLEAN)
 #endif
     :: else -> at = (stage == ACTION_NONE && files != NO_FILES -> DROP : POLL)
     fi
@@ -154,7 +156,7 @@ inline start_agent()
 inline start_camera()
 {
     running = (slot == image_slot -> image : MIXED);
-    begun = 0; queue = 0; waiting = 0; behind = 0; sender = NOBODY;
+    begun = 0; queue = 0; waiting = 0; second = 0; sender = NOBODY;
     service = DOWN; half = 0; request = 0; new_result = 0; new_state = 0;
     this_boot = 0;
     start_agent()
@@ -169,7 +171,7 @@ inline commit()
     stage = ACTION_COMMITTED; this_boot = 1; slot_before = slot; failed_before = is_failure
 }
 
-#define is_own(message) (message != 0 && message != BY_HAND)
+#define is_own(message) (message != 0 && message != MANUAL)
 
 inline count_attempt()
 {
@@ -182,17 +184,17 @@ inline count_attempt()
 
 inline post()
 {
-    assert(!is_own(waiting) && behind == 0 && !is_own(request) && !known[record_package]);
+    assert(!is_own(waiting) && second == 0 && !is_own(request) && !known[record_package]);
     if
     :: waiting == 0 -> waiting = record_package
-    :: else -> behind = record_package
+    :: else -> second = record_package
     fi;
     sender = RECORDED
 }
 
-inline decide(verdict)
+inline decide(good_result)
 {
-    stage = ACTION_VERDICT; success = verdict; this_boot = 1; failed_before = 0; attempts = 0; at = CLEAN;
+    stage = ACTION_RESULT; success = good_result; this_boot = 1; failed_before = 0; attempts = 0; at = CLEAN;
     half_written = 0
 }
 
@@ -205,37 +207,37 @@ inline judge_failure()
 inline forget()
 {
     stage = ACTION_NONE; record_action = 0; record_package = 0; success = 0; this_boot = 0; slot_before = 0;
-    attempts = 0; refused = 0; settled = 0; at = POLL
+    attempts = 0; refused = 0; delivered = 0; at = POLL
 }
 
-inline remember(package, verdict)
+inline add_to_history(package, good_result)
 {
-    known[package] = 1; good[package] = verdict; history_slot[package] = (verdict -> slot_before : 0)
+    known[package] = 1; good[package] = good_result; history_slot[package] = (good_result -> slot_before : 0)
 }
 
-/* The server has lost the result, or has never got it: it gets the one of the history. */
-inline answer_again(package)
+/* The server has lost the result or never received it: the result from the history is sent. */
+inline resend_result(package)
 {
-    stage = ACTION_VERDICT; record_action = offered; record_package = package;
+    stage = ACTION_RESULT; record_action = offered; record_package = package;
     success = good[package]; slot_before = history_slot[package]; this_boot = 0;
     at = (success -> CHECK_AGAIN : CLEAN)
 }
 
 #define is_same (package_of(record_action) == record_package)
 #define is_begun (stage == ACTION_COMMITTED || stage == ACTION_POSTED)
-#define poll_tells (!away && (stage != ACTION_NONE || offered != 0))
+#define poll_has_effect (!away && (stage != ACTION_NONE || offered != 0))
 #define must_reject (!away && offered == record_action && action[offered] == CANCELLING)
-#define must_close (!away && at == CLOSE && in_hand(record_action) && !must_reject)
-#define is_talking ((at == POLL && poll_tells) || (!away && (at == CONFIRM || at == CLOSE)) || \
+#define must_close (!away && at == CLOSE && is_pending(record_action) && !must_reject)
+#define is_exchanging ((at == POLL && poll_has_effect) || (!away && (at == CONFIRM || at == CLOSE)) || \
                     (at == AWAIT && must_reject))
 
-/* What the server makes of what the agent says in this step. */
-inline server_hears()
+/* How the server changes by the message that the agent sends in this step. */
+inline server_receives()
 {
     if
-    :: at == CONFIRM && action[seen] == CANCELLING -> action[seen] = CANCELED
+    :: at == CONFIRM && action[polled] == CANCELLING -> action[polled] = CANCELED
     :: (at == AWAIT || at == CLOSE) && must_reject -> action[record_action] = OPEN
-#if defined(OFFER_UNSEEN_LATE) || defined(MANIFEST_UNSEEN)
+#if defined(OFFER_UNCHECKED_LATE) || defined(MANIFEST_UNCHECKED)
     :: must_close ->
 #else
     :: must_close && is_same ->
@@ -246,30 +248,30 @@ inline server_hears()
     fi
 }
 
-#ifdef BEGUN_UNSEEN
+#ifdef BEGUN_UNCHECKED
 #define service_is_free (queue && sender == NOBODY)
 #else
 #define service_is_free (queue && sender == NOBODY && !begun)
 #endif
 #ifdef BEGUN_ASKS_FIRST
-#define may_commit (!away && in_hand(record_action) && is_same)
+#define may_commit (!away && is_pending(record_action) && is_same)
 #else
-#define may_commit (is_begun || !in_hand(record_action) || may_go_on)
+#define may_commit (is_begun || !is_pending(record_action) || may_go_on)
 #endif
-/* Nothing will become any more of what was posted, or nothing yet. */
+/* The service does nothing: no posted request will be processed, or none yet. */
 #define service_rests (service == DOWN || service == GONE || \
                        (service == IDLE && waiting == 0 && (sender != NOBODY || begun)))
 
-/* The package whose result the history would have; 0 never has one. */
-#if defined(HISTORY_UNSEEN)
+/* The package whose result is looked up in the history; 0 never has a result. */
+#if defined(HISTORY_UNCHECKED)
 #define known_of(a) 0
-#elif defined(MANIFEST_UNSEEN)
+#elif defined(MANIFEST_UNCHECKED)
 #define known_of(a) (a == 1 && !known[1] -> REPLACED : a)
 #else
 #define known_of(a) package_of(a)
 #endif
-/* Whether the last poll has shown what the agent works on. */
-#ifdef OFFER_UNSEEN
+/* Whether the offer is still the package that the agent works on. */
+#ifdef OFFER_UNCHECKED
 #define may_go_on (is_same || stage != ACTION_DOWNLOADING)
 #else
 #define may_go_on is_same
@@ -279,74 +281,74 @@ active proctype agent()
 {
 end:
     do
-    :: d_step { at == POLL && poll_tells ->
+    :: d_step { at == POLL && poll_has_effect ->
         if
         :: stage != ACTION_NONE && offered != record_action -> at = DROP
-        :: action[offered] == CANCELLING -> seen = offered; at = CONFIRM
+        :: action[offered] == CANCELLING -> polled = offered; at = CONFIRM
         :: stage != ACTION_NONE && offered == record_action && action[offered] == OPEN && !may_go_on -> at = DROP
         :: stage == ACTION_NONE && action[offered] == OPEN && known[known_of(offered)] ->
-            answer_again(known_of(offered))
+            resend_result(known_of(offered))
         :: stage == ACTION_NONE && action[offered] == OPEN && !known[known_of(offered)] ->
             stage = ACTION_DOWNLOADING; record_action = offered; record_package = package_of(offered); at = DOWNLOAD
         :: stage == ACTION_DOWNLOADING && offered == record_action && action[offered] == OPEN && may_go_on ->
             at = DOWNLOAD
         :: stage == ACTION_WAITING && offered == record_action && action[offered] == OPEN && may_go_on -> at = COMMIT
         fi }
-    :: d_step { at == CONFIRM && !away -> server_hears(); seen = 0; at = (stage == ACTION_NONE -> POLL : DROP) }
+    :: d_step { at == CONFIRM && !away -> server_receives(); polled = 0; at = (stage == ACTION_NONE -> POLL : DROP) }
     :: d_step { at == DROP && stage != ACTION_NONE -> forget(); at = DROP }
     :: d_step { at == DROP && stage == ACTION_NONE -> files = NO_FILES; at = POLL }
 
-    /* Not found: whether the action has ended or a file is missing is the server's to say. */
-    :: d_step { at == DOWNLOAD && !away && (!in_hand(record_action) || !is_same) && files != ALL_FILES -> at = POLL }
-    :: d_step { at == DOWNLOAD && !away && in_hand(record_action) && is_same && files != ALL_FILES ->
+    /* Not found. The next poll shows whether the action has ended or a file is missing. */
+    :: d_step { at == DOWNLOAD && !away && (!is_pending(record_action) || !is_same) && files != ALL_FILES -> at = POLL }
+    :: d_step { at == DOWNLOAD && !away && is_pending(record_action) && is_same && files != ALL_FILES ->
         files = (files == NO_FILES -> SOME_FILES : ALL_FILES) }
     :: d_step { at == DOWNLOAD && files == ALL_FILES -> stage = ACTION_WAITING; at = COMMIT }
-    /* Not what was signed, or consent denied. */
+    /* The content differs from the signed manifest, or consent was denied. */
     :: d_step { at == DOWNLOAD && files == ALL_FILES -> decide(0) }
 
     :: d_step { at == COMMIT && stage == ACTION_WAITING && (offered != record_action || must_reject || !may_go_on) ->
         at = POLL }
 #ifdef BEGUN_DROPPED
-    :: d_step { at == COMMIT && is_begun && !away && in_hand(record_action) && !is_same -> at = DROP }
+    :: d_step { at == COMMIT && is_begun && !away && is_pending(record_action) && !is_same -> at = DROP }
 #endif
-    /* Not while another's upgrade is on its way: it takes the slot and the record with it. */
+    /* Not while another sender's upgrade is running, because that changes slot and outcome record. */
 #ifdef POST_BEFORE_COMMIT
     :: d_step { at == COMMIT && service_is_free -> post(); at = COMMIT_LATE }
     :: d_step { at == COMMIT_LATE -> commit(); count_attempt(); at = NOTE_POSTED }
 #else
     :: d_step { at == COMMIT && service_is_free && may_commit ->
-        assert(is_begun || !in_hand(record_action) || is_same);
+        assert(is_begun || !is_pending(record_action) || is_same);
         commit(); count_attempt(); at = POST }
 #endif
     :: d_step { at == COMMIT && service_rests -> at = GIVE_UP }
-    /* No upgrade gets through between this look at the queue and the post. */
+    /* No other upgrade can start between this check of the queue and the post. */
     :: d_step { at == POST && service_is_free -> post(); at = NOTE_POSTED }
     :: d_step { at == POST && !service_is_free -> at = AWAIT }
     :: d_step { at == NOTE_POSTED -> stage = ACTION_POSTED; at = AWAIT }
 
-    /* The restart ends this wait. After a death of the agent alone the queue says how far it was. */
+    /* The restart ends this wait. If only the agent died, the queue shows whether it had posted. */
 #ifdef POSTER_FORGOTTEN
-    :: d_step { at == AWAIT && stage == ACTION_COMMITTED && queue && behind == 0 -> post(); at = NOTE_POSTED }
+    :: d_step { at == AWAIT && stage == ACTION_COMMITTED && queue && second == 0 -> post(); at = NOTE_POSTED }
 #else
     :: d_step { at == AWAIT && stage == ACTION_COMMITTED && queue && sender == RECORDED -> at = NOTE_POSTED }
-    /* Committed once more: the process that posts must be the one in the record. */
+    /* Committed again, because the record must name the process that posts. */
     :: d_step { at == AWAIT && stage == ACTION_COMMITTED && service_is_free -> commit(); at = POST }
 #endif
-    :: d_step { at == AWAIT && must_reject -> server_hears() }
+    :: d_step { at == AWAIT && must_reject -> server_receives() }
     :: d_step { at == AWAIT && service_rests -> at = GIVE_UP }
     :: d_step { at == GIVE_UP ->
 #ifndef REQUEST_LEFT
-        /* A service that starts late would take it. */
+        /* A service that starts late would process the request. */
         if
-        :: is_own(waiting) -> waiting = behind; behind = 0
-        :: else -> behind = 0
+        :: is_own(waiting) -> waiting = second; second = 0
+        :: else -> second = 0
         fi;
 #endif
         if
-        /* It has been taken in the meantime. */
+        /* The service has taken the request in the meantime. */
         :: !service_rests -> at = (stage == ACTION_WAITING || !this_boot -> COMMIT : AWAIT)
 #ifndef FAILURE_ON_TIMEOUT
-        /* The slot may be switched: the next start will tell, whenever it comes. */
+        /* The slot may have been switched: the next start shows the result, whenever it is. */
         :: service_rests && begun && !(this_boot && slot == slot_before) -> at = AWAIT_RESTART
 #endif
         :: else -> decide(0)
@@ -356,7 +358,7 @@ end:
         if
 #if defined(RECORD_ALONE)
         :: result == RESULT_SUCCEEDED -> decide(1)
-#elif defined(PARTITIONS_UNSEEN)
+#elif defined(PARTITIONS_UNCHECKED)
         :: result == RESULT_SUCCEEDED && slot != slot_before -> decide(1)
 #elif defined(RECORD_NEEDED)
         :: result == RESULT_SUCCEEDED && slot != slot_before && image == record_package -> decide(1)
@@ -370,23 +372,23 @@ end:
             :: else -> judge_failure()
             fi
         fi }
-#ifdef CARD_UNAWAITED
+#ifdef CARD_NOT_AWAITED
     :: d_step { at == JUDGE && slot == slot_before -> judge_failure() }
 #endif
-    /* A success that was found in an earlier boot and perhaps not heard. */
+    /* A success that was found before the last restart and possibly not received by the server. */
     :: d_step { at == CHECK_AGAIN ->
         this_boot = 1; success = (slot != slot_before && image == record_package); at = CLEAN }
     :: d_step { at == CLEAN -> files = NO_FILES; at = CLOSE }
-    :: d_step { at == CLOSE && must_reject -> server_hears() }
-    /* With other files under its id the result is kept, and the action is another one. */
-    :: d_step { at == CLOSE && !away && !must_reject -> server_hears(); settled = 1; at = REMEMBER }
-    :: d_step { at == REMEMBER -> assert(settled || refused == REFUSED_RESULTS);
+    :: d_step { at == CLOSE && must_reject -> server_receives() }
+    /* If other files are offered under its id, the result goes only to the history and the offer is new. */
+    :: d_step { at == CLOSE && !away && !must_reject -> server_receives(); delivered = 1; at = REMEMBER }
+    :: d_step { at == REMEMBER -> assert(delivered || refused == REFUSED_RESULTS);
 #ifdef HISTORY_LATE
         removed = record_package; good[removed] = success; history_slot[removed] = (success -> slot_before : 0);
         forget(); at = FORGET }
     :: d_step { at == FORGET -> known[removed] = 1; removed = 0; at = POLL }
 #else
-        remember(record_package, success); at = FORGET }
+        add_to_history(record_package, success); at = FORGET }
     :: d_step { at == FORGET -> forget() }
 #endif
     od
@@ -394,7 +396,7 @@ end:
 
 /* --- the upgrade service ------------------------------------------------------------------------- */
 
-/* In place: first it is empty, then it is whole. What is the same is not written. */
+/* Rewrites the record in place: first it is empty, then complete. Unchanged content is not written. */
 inline rewrite(then)
 {
     if
@@ -409,16 +411,16 @@ end:
     do
     :: d_step { service == DOWN -> service = IDLE; queue = 1 }
     :: d_step { service == IDLE && waiting != 0 ->
-        request = waiting; waiting = behind; behind = 0;
-        assert(request == BY_HAND || (request == record_package && stage != ACTION_VERDICT));
+        request = waiting; waiting = second; second = 0;
+        assert(request == MANUAL || (request == record_package && stage != ACTION_RESULT));
         begun = 1; new_result = RESULT_NOT_SUCCEEDED; new_state = state; service = TAKEN }
     :: d_step { service == TAKEN -> rewrite(PREPARED) }
     :: d_step { service == PREPARED -> new_state = STATE_FAILURE; service = FAILING }
     :: d_step { service == PREPARED ->
-        image = MIXED; image_slot = 1 - slot; half_written = (half_written || request != BY_HAND); service = WRITING }
+        image = MIXED; image_slot = 1 - slot; half_written = (half_written || request != MANUAL); service = WRITING }
     :: d_step { service == WRITING -> new_state = STATE_FAILURE; service = FAILING }
     :: d_step { service == WRITING ->
-        assert(request == BY_HAND || files == ALL_FILES);
+        assert(request == MANUAL || files == ALL_FILES);
         image = request; half_written = 0; new_result = RESULT_SUCCEEDED; service = RECORDING }
     :: d_step { service == FAILING -> rewrite(ENDING) }
     :: d_step { service == RECORDING -> rewrite(SUCCEEDING) }
@@ -427,13 +429,13 @@ end:
     :: d_step { service == SWITCHING -> service = DELETING }
     :: d_step { service == DELETING ->
         if
-        /* The manifest and its signature are not the service's to delete. */
-        :: request != BY_HAND -> files = SOME_FILES
+        /* The service deletes neither the manifest nor its signature. */
+        :: request != MANUAL -> files = SOME_FILES
         :: else
         fi;
         service = ENDING }
     :: d_step { service == ENDING ->
-        queue = 0; waiting = 0; behind = 0; sender = NOBODY; request = 0; new_result = 0; new_state = 0;
+        queue = 0; waiting = 0; second = 0; sender = NOBODY; request = 0; new_result = 0; new_state = 0;
         service = RESTARTING }
     :: d_step { service == RESTARTING -> start_camera() }
     od
@@ -446,41 +448,41 @@ active proctype world()
     action[1] = OPEN;
     do
     :: d_step { left > 0 -> left--; start_camera() }
-    /* What was switched to does not start: the boot loader takes the other slot. */
+    /* The new system does not start, and the boot loader starts the other slot. */
     :: d_step { left > 0 && slot == image_slot && image != FORMER -> left--; slot = 1 - slot; start_camera() }
     :: d_step { left > 0 -> left--; start_agent() }
-    /* An idle service may be stopped and started, and so may one that is done. What dies in the middle is
-       not started again before the camera: it could take a request that stands behind one by hand, when
-       the slot is switched already, and switch it back. */
+    /* An idle service may be stopped and started again, and so may one that has finished. One that dies
+       during an upgrade is started again only with the camera. Otherwise it could process a second
+       request when the slot is switched already, and switch the slot back. */
     :: d_step { left > 0 && service != DOWN && service != GONE ->
         left--; service = (service == IDLE || service == RESTARTING -> DOWN : GONE);
         half = 0; request = 0; new_result = 0; new_state = 0 }
-    /* Lost on the way to the server, or back: the step is made again. */
-    :: d_step { left > 0 && is_talking -> left-- }
-    :: d_step { left > 0 && is_talking && at != POLL -> left--; server_hears() }
-    /* By hand; behind the agent's request; before it, a moment after the agent has looked. */
-    :: d_step { left > 0 && queue && waiting == 0 -> left--; waiting = BY_HAND; sender = ANOTHER }
-    :: d_step { left > 0 && is_own(waiting) -> left--; behind = BY_HAND; sender = ANOTHER }
-    :: d_step { left > 0 && is_own(waiting) -> left--; behind = waiting; waiting = BY_HAND }
-    /* Empty: the service takes it for none. */
+    /* A request or its answer is lost: the step is repeated. */
+    :: d_step { left > 0 && is_exchanging -> left-- }
+    :: d_step { left > 0 && is_exchanging && at != POLL -> left--; server_receives() }
+    /* A manual request: alone; after the agent's request; or before it, just after the agent's check. */
+    :: d_step { left > 0 && queue && waiting == 0 -> left--; waiting = MANUAL; sender = ANOTHER }
+    :: d_step { left > 0 && is_own(waiting) -> left--; second = MANUAL; sender = ANOTHER }
+    :: d_step { left > 0 && is_own(waiting) -> left--; second = waiting; waiting = MANUAL }
+    /* An empty message, which the service ignores. */
     :: d_step { left > 0 && service == IDLE && waiting == 0 && sender != ANOTHER -> left--; sender = ANOTHER }
 #ifndef RELIABLE_SERVER
-    /* Something between server and camera does not know the place. */
+    /* A proxy answers "not found". */
     :: d_step { left > 0 && must_close && is_same -> left--;
 #ifdef NOT_FOUND_BELIEVED
         at = REMEMBER }
 #else
         refused++; at = (refused == REFUSED_RESULTS -> REMEMBER : CLOSE) }
 #endif
-    /* It has said that it stored the result. */
+    /* The server loses a result that it has confirmed. */
     :: d_step { left > 0 && !away && (action[1] == SUCCEEDED || action[1] == FAILED) -> left--; action[1] = OPEN }
-    :: d_step { left > 0 && !away && !replaced && in_hand(1) -> left--; replaced = 1 }
-    /* A new server. */
-    :: d_step { left > 0 && !away && !replaced && !in_hand(1) ->
+    :: d_step { left > 0 && !away && !replaced && is_pending(1) -> left--; replaced = 1 }
+    /* A new server with the same ids. */
+    :: d_step { left > 0 && !away && !replaced && !is_pending(1) ->
         left--; replaced = 1; action[1] = OPEN; action[2] = (action[2] == UNASSIGNED -> UNASSIGNED : QUIT) }
     :: d_step { left > 0 && !away -> left--; away = 1 }
 #endif
-#ifdef STOP_CONCLUDED
+#ifdef STOP_IS_FAILURE
     :: d_step { left > 0 && at == JUDGE -> left--; decide(0) }
 #endif
     :: d_step { left > 0 && !away && offered != 0 && action[offered] == OPEN -> left--; action[offered] = CANCELLING }
@@ -497,7 +499,7 @@ end:
     do
     :: timeout ->
         if
-        :: d_step { at == AWAIT_RESTART -> start_camera() } /* somebody switches it off and on */
+        :: d_step { at == AWAIT_RESTART -> start_camera() } /* a person switches the camera off and on */
         :: else -> break
         fi
     od;

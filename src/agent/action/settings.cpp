@@ -18,25 +18,25 @@ namespace {
 constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int32_t HOURS_PER_DAY = 24;
 constexpr size_t CONTROLLER_ID_SIZE_MAX = 255;
-constexpr uint64_t RATE_LIMIT_MIN = 1024;  // bytes a second; below that every server seems to stall
-// Below these cards are mounted; in the last one, which is often a mount point itself, one is.
+constexpr uint64_t RATE_LIMIT_MIN = 1024;  // bytes a second; a lower rate would look like a stall
+// Cards are mounted in subfolders of these. The last one is often a mount point itself.
 constexpr std::array<const char*, 3> MOUNT_PARENTS = {"/media", "/run/media", "/mnt"};
 
 AgentStatus wrong(const char* setting, const std::string& what) {
     return agent_fault(AGENT_MALFORMED, std::string(setting) + ": " + what);
 }
 
-// One way only to write a path, so that two can be compared.
+// Brings a path into its normal form, so that two paths can be compared.
 AgentStatus need_folder(const char* setting, std::string& folder) {
     if (!folder.starts_with('/')) {
-        return wrong(setting, "an absolute path, please, not \"" + folder + "\"");
+        return wrong(setting, "must be an absolute path, not \"" + folder + "\"");
     }
     std::string plain = "/";
     for (size_t begin = 1, end = 0; begin < folder.size(); begin = end + 1) {
         end = std::min(folder.find('/', begin), folder.size());
         const std::string name = folder.substr(begin, end - begin);
         if (name == "..") {
-            return wrong(setting, "a path without \"..\", please, not \"" + folder + "\"");
+            return wrong(setting, "must be a path without \"..\", not \"" + folder + "\"");
         }
         plain += name.empty() || name == "." ? "" : name + '/';
     }
@@ -44,7 +44,7 @@ AgentStatus need_folder(const char* setting, std::string& folder) {
     return {};
 }
 
-// Whoever can write to a folder can replace what lies in it.
+// Refuses a file in a folder that others can write to, because they could replace the file.
 AgentStatus need_safe_place(const char* setting, const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string open = path.empty() ? ""
@@ -61,19 +61,22 @@ AgentStatus check_folders(AgentSettings& settings) {
     }
     if (status.ok() && settings.requireMount != "auto" && settings.requireMount != "yes" &&
         settings.requireMount != "no") {
-        status = wrong("require-mount", "auto, yes or no, not \"" + settings.requireMount + "\"");
+        status = wrong("require-mount",
+                       "must be auto, yes or no, not \"" + settings.requireMount + "\"");
     }
-    // The request has room for so much of a path.
+    // The request to the service has a field of fixed size for the path.
     constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
     if (status.ok() && settings.downloadFolder.size() > LONGEST) {
-        status = wrong("download-folder", "longer than " + std::to_string(LONGEST) + " characters");
+        status = wrong("download-folder",
+                       "must not be longer than " + std::to_string(LONGEST) + " characters");
     }
-    // What the action does not name is removed from one of them, and the action lies in the other.
+    // They must not overlap: files that the action does not name are removed from the download
+    // folder, and the action's record is in the state folder.
     if (status.ok() &&
         (folders_overlap(settings.downloadFolder, settings.stateFolder) ||
          folders_overlap(settings.downloadFolder + AGENT_FOLDER, settings.stateFolder))) {
         status = wrong("state-folder", settings.stateFolder + " and the download folder " +
-                                           settings.downloadFolder + " must be apart");
+                                           settings.downloadFolder + " must not overlap");
     }
     return status;
 }
@@ -87,35 +90,36 @@ void name_camera(ServerSettings& server) {
 
 AgentStatus check_server(ServerSettings& server) {
     if (!server.url.starts_with("https://") && !server.url.starts_with("http://")) {
-        return wrong("server", "a URL such as https://updates.example:8443 is needed");
+        return wrong("server", "must be a URL such as https://updates.example:8443");
     }
     server.url.erase(server.url.find_last_not_of('/') + 1);
     if (server.controllerId.empty()) {
         return wrong("controller-id", "not set, and this camera has no host name");
     }
     if (server.controllerId.size() > CONTROLLER_ID_SIZE_MAX) {
-        return wrong("controller-id", "at most 255 characters");
+        return wrong("controller-id", "must not be longer than 255 characters");
     }
     if (!server.proxy.empty() && url_parts(server.proxy).scheme != "http") {
         return wrong("proxy",
-                     "none, or a URL such as http://proxy.example:3128, without a user's "
+                     "must be none or a URL such as http://proxy.example:3128, without a user "
                      "name");
     }
     if (server.tenant.empty()) {
         return wrong("tenant", "must not be empty");
     }
     if (server.certificate.empty() != server.key.empty()) {
-        return wrong(server.key.empty() ? "key" : "certificate", "certificate and key go together");
+        return wrong(server.key.empty() ? "key" : "certificate",
+                     "certificate and key must be set together");
     }
     // libcurl's limit is a signed number.
     if (server.rateLimit != 0 &&
         (server.rateLimit < RATE_LIMIT_MIN || server.rateLimit > INT64_MAX)) {
         return wrong("rate-limit",
-                     "0, or at least " + std::to_string(RATE_LIMIT_MIN) + " bytes a second");
+                     "must be 0 or at least " + std::to_string(RATE_LIMIT_MIN) + " bytes a second");
     }
     if (server.connectTimeoutS == 0 || server.stallTimeoutS == 0) {
         return wrong(server.connectTimeoutS == 0 ? "connect-timeout" : "stall-timeout",
-                     "at least a second");
+                     "must be at least 1 second");
     }
     return {};
 }
@@ -138,11 +142,11 @@ AgentStatus read_tokens(AgentSettings& settings) {
         return {};
     }
     if (target && !settings.gatewayTokenFile.empty()) {
-        return wrong("gateway-token-file", "not together with target-token-file");
+        return wrong("gateway-token-file", "cannot be used together with target-token-file");
     }
     if (!settings.server.url.starts_with("https://") && !settings.allowUnencryptedToken) {
         return wrong("server",
-                     "over http anybody on the way can read the token: https, or "
+                     "http would send the token unencrypted; use https, or set "
                      "allow-unencrypted-token = on");
     }
     return target ? use_token("target-token-file", settings.targetTokenFile, "TargetToken",
@@ -172,14 +176,14 @@ AgentStatus check_places(const AgentSettings& settings) {
 AgentStatus check_consent(const AgentSettings& settings) {
     DayWindow window;
     if (!settings.window.empty() && !parse_window(settings.window, window)) {
-        return wrong("window", "HH:MM-HH:MM, please, not \"" + settings.window + "\"");
+        return wrong("window", "must be HH:MM-HH:MM, not \"" + settings.window + "\"");
     }
     if (settings.confirm != "auto" && settings.confirm != "ask") {
-        return wrong("confirm", "auto or ask, not \"" + settings.confirm + "\"");
+        return wrong("confirm", "must be auto or ask, not \"" + settings.confirm + "\"");
     }
     for (const std::string& attribute : settings.attributes) {
         if (attribute.find('=') == std::string::npos || attribute.starts_with('=')) {
-            return wrong("attribute", "name=value, please, not \"" + attribute + "\"");
+            return wrong("attribute", "must be NAME=VALUE, not \"" + attribute + "\"");
         }
     }
     return {};
@@ -187,17 +191,17 @@ AgentStatus check_consent(const AgentSettings& settings) {
 
 AgentStatus check_package(AgentSettings& settings, Keyring& keyring) {
     if (settings.keyring.empty()) {
-        return wrong("keyring", "is needed: it says whose packages are taken");
+        return wrong("keyring", "must be set; it decides whose packages are accepted");
     }
     const PackageStatus loaded = load_keyring(settings.keyring, settings.crl, keyring);
     if (!loaded.ok()) {
         return wrong("keyring", loaded.text);
     }
     if (settings.compatible.empty()) {
-        return wrong("compatible", "is needed: it keeps other cameras' packages out");
+        return wrong("compatible", "must be set; packages for other hardware are refused");
     }
     if (!is_camera_kind(settings.compatible)) {
-        return wrong("compatible", "\"" + settings.compatible + "\" is no kind of camera");
+        return wrong("compatible", "\"" + settings.compatible + "\" is not a hardware type");
     }
     return {};
 }
@@ -260,8 +264,8 @@ AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
         status = check_package(settings, keyring);
     }
     if (status.ok() && !versionFileIsSet) {
-        status =
-            wrong("version-file", "is needed: it keeps older packages out; \"none\" does without");
+        status = wrong("version-file",
+                       "must be set; older packages are refused (\"none\" turns this off)");
     }
     return status;
 }

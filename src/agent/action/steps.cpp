@@ -21,7 +21,7 @@ namespace {
 constexpr uint64_t MS_PER_S = 1000;
 constexpr long NS_PER_MS = 1000000;
 
-// What a download of NAME leaves beside it begins with NAME and ".part".
+// Whether the entry is one of the files or a temporary file of its download ("NAME.part...").
 bool belongs_to(const std::string& entry, const std::vector<OfferedFile>& files) {
     return std::ranges::any_of(files, [&](const OfferedFile& file) {
         return entry == file.name || (entry.starts_with(file.name + ".part"));
@@ -33,22 +33,22 @@ std::string version_of(const ActionRecord& action) {
     return parse_manifest(action.manifest, manifest).ok() ? manifest.version : "";
 }
 
-AgentStatus remember(const Agent& agent, bool told) {
+AgentStatus add_to_history(const Agent& agent, bool reported) {
     const ActionRecord& action = agent.action;
     return add_history(agent.settings.stateFolder,
                        {.id = action.id,
                         .manifestDigest = manifest_digest(action),
                         .version = version_of(action),
                         .succeeded = action.succeeded,
-                        .told = told,
-                        .words = action.words,
+                        .reported = reported,
+                        .message = action.message,
                         .manifest = action.succeeded ? action.manifest : "",
                         .slotBefore = action.slotBefore,
                         .time = time(nullptr)});
 }
 
-// An agent that kept names only has left a record without digests. It may be the one that has just
-// been replaced by this upgrade.
+// Computes the manifest's digest if the record lacks it. An older agent, possibly the one that this
+// upgrade has just replaced, wrote records without digests.
 void find_manifest_digest(Agent& agent) {
     const auto file =
         std::ranges::find(agent.action.files, agent.action.manifestFile, &OfferedFile::name);
@@ -64,7 +64,7 @@ void find_manifest_digest(Agent& agent) {
 
 }  // namespace
 
-void say(const Agent& agent, const std::string& text) {
+void log_action(const Agent& agent, const std::string& text) {
     log_action(agent.action.id, text);
 }
 
@@ -77,9 +77,9 @@ AgentStatus store(Agent& agent) {
     return store_action(agent.settings.stateFolder, agent.action);
 }
 
-AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail, uint32_t done,
-                 uint32_t of) {
-    // The server waits for this one.
+AgentStatus send_status(Agent& agent, DdiExecution execution, const std::string& detail,
+                        uint32_t done, uint32_t of) {
+    // "downloaded" is sent in any case, because the server waits for it.
     if (agent.action.statuses >= STATUSES_MAX && execution != DdiExecution::DOWNLOADED) {
         return {};
     }
@@ -94,12 +94,12 @@ AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail
 }
 
 void wait_for(Agent& agent, const std::string& what) {
-    if (agent.waitingTold != what) {
-        agent.waitingTold = what;
-        say(agent, "waits for " + what);
-        // A reason that changes all the time must not use up the statuses.
+    if (agent.waitingReported != what) {
+        agent.waitingReported = what;
+        log_action(agent, "waits for " + what);
+        // The number is limited, because a reason that often changes would use up all statuses.
         if (agent.action.statuses < WAITING_STATUSES_MAX) {
-            (void)tell(agent, DdiExecution::PROCEEDING, "waits for " + what);
+            (void)send_status(agent, DdiExecution::PROCEEDING, "waits for " + what);
         }
     }
     agent.waitingFor = what;
@@ -107,37 +107,37 @@ void wait_for(Agent& agent, const std::string& what) {
 }
 
 void end_wait(Agent& agent) {
-    if (!agent.waitingTold.empty()) {
-        say(agent, "waits no longer for " + agent.waitingTold);
-        agent.waitingTold.clear();
+    if (!agent.waitingReported.empty()) {
+        log_action(agent, "no longer waiting for " + agent.waitingReported);
+        agent.waitingReported.clear();
     }
 }
 
-AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words) {
-    agent.action.stage = ACTION_VERDICT;
+AgentStatus finish_action(Agent& agent, bool succeeded, const std::string& message) {
+    agent.action.stage = ACTION_RESULT;
     agent.action.succeeded = succeeded;
-    agent.action.words = words;
-    // A success holds for this start of the camera: who delivers it after another looks again.
+    agent.action.message = message;
+    // A success is valid until the camera restarts; deliver_result() then checks it again.
     agent.action.bootId = agent.bootId;
     agent.lastFailed = !succeeded;
     find_manifest_digest(agent);
     agent.runningManifest = succeeded ? manifest_digest(agent.action) : "";
-    say(agent, (succeeded ? "success: " : "failure: ") + words);
+    log_action(agent, (succeeded ? "success: " : "failure: ") + message);
     AgentStatus status = store(agent);
-    agent.verdictUnstored = !status.ok();
-    agent.verdictSent = false;
+    agent.resultUnstored = !status.ok();
+    agent.resultSent = false;
     if (status.ok()) {
-        remove_needless_files(agent);
+        remove_unused_files(agent);
     }
     return status;
 }
 
-void remove_needless_files(const Agent& agent) {
+void remove_unused_files(const Agent& agent) {
     OpenFolder folder;
     AgentStatus status = open_folder(agent.place, folder);
     const bool none =
-        !status.ok() || agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_VERDICT;
-    // What lies under the mount point, where no card is, has got there by mistake.
+        !status.ok() || agent.action.stage == ACTION_NONE || agent.action.stage == ACTION_RESULT;
+    // Without a card, files below the mount point were stored there by mistake. They are removed.
     if (status.result == AGENT_NO_CARD) {
         status = open_folder({.path = agent.place.path}, folder);
     }
@@ -165,48 +165,50 @@ bool waits_for_card(Agent& agent) {
     return true;
 }
 
-AgentStatus drop(Agent& agent, const std::string& why) {
-    say(agent, why);
+AgentStatus drop_action(Agent& agent, const std::string& why) {
+    log_action(agent, why);
     AgentStatus status = remove_action(agent.settings.stateFolder);
     if (status.ok()) {
         agent.action = {};
         agent.checked.clear();
-        remove_needless_files(agent);
+        remove_unused_files(agent);
     }
     return status;
 }
 
-AgentStatus forget_verdict(Agent& agent, bool taken) {
-    // A state folder that takes no changes must not make this process send it again and again.
-    const bool first = !agent.verdictSent;
-    agent.verdictSent = true;
-    agent.verdictTaken = taken;
-    // An action that the history lacks has ended all the same.
-    AgentStatus status = remember(agent, taken);
+AgentStatus archive_result(Agent& agent, bool accepted) {
+    // Set before anything can fail: if the state folder cannot be written, this process must not
+    // send the result again with each poll.
+    const bool first = !agent.resultSent;
+    agent.resultSent = true;
+    agent.resultAccepted = accepted;
+    // The action has ended even if the history cannot be written.
+    AgentStatus status = add_to_history(agent, accepted);
     if (!status.ok() && first) {
-        print_error(AGENT, status.text + "; the history lacks action " + agent.action.id);
+        print_error(AGENT, status.text + "; action " + agent.action.id + " is not in the history");
     }
     status = remove_action(agent.settings.stateFolder);
     if (status.ok()) {
         agent.action = {};
-        agent.verdictSent = false;
+        agent.resultSent = false;
         agent.attributesDue = true;
     }
     return status;
 }
 
-AgentStatus deliver_verdict(Agent& agent, bool offered) {
-    // What is said must be on the medium, or a power cut could make it another one.
-    if (agent.verdictUnstored) {
+AgentStatus deliver_result(Agent& agent, bool offered) {
+    // The result must be stored before it is sent. Otherwise a power cut could lead to a second,
+    // different result.
+    if (agent.resultUnstored) {
         AgentStatus status = store(agent);
         if (!status.ok()) {
             return status;
         }
-        agent.verdictUnstored = false;
-        remove_needless_files(agent);
+        agent.resultUnstored = false;
+        remove_unused_files(agent);
     }
     if (agent.action.succeeded && agent.action.bootId != agent.bootId) {
-        AgentStatus status = look_again(agent);
+        AgentStatus status = recheck_success(agent);
         if (!status.ok()) {
             return status;
         }
@@ -221,21 +223,22 @@ AgentStatus deliver_verdict(Agent& agent, bool offered) {
         {.id = agent.action.id,
          .execution = DdiExecution::CLOSED,
          .finished = agent.action.succeeded ? DdiFinished::SUCCESS : DdiFinished::FAILURE,
-         .details = {agent.action.words}});
+         .details = {agent.action.message}});
     if (status.ok()) {
-        return forget_verdict(agent, true);
+        return archive_result(agent, true);
     }
     if (status.result == AGENT_UNREACHABLE || status.result == AGENT_STOPPED) {
         return status;
     }
     if (status.result == AGENT_GONE && !offered) {
-        say(agent, "the server has ended it already");
-        return forget_verdict(agent, false);
+        log_action(agent, "the server has closed the action already");
+        return archive_result(agent, false);
     }
-    // Something between may have answered, or the server does not take it and never will.
+    // The refusal may come from a proxy and be temporary, or the server may never accept the
+    // result. Therefore the number of attempts is limited.
     if (++agent.action.refusedResults >= REFUSED_RESULTS_MAX) {
-        say(agent, "the result is not delivered, the server does not take it: " + status.text);
-        return forget_verdict(agent, false);
+        log_action(agent, "the result is not delivered, the server refuses it: " + status.text);
+        return archive_result(agent, false);
     }
     AgentStatus stored = store(agent);
     return stored.ok() ? status : stored;
@@ -248,10 +251,10 @@ uint64_t monotonic_ms() {
            static_cast<uint64_t>(now.tv_nsec / NS_PER_MS);
 }
 
-bool pause(const Agent& agent, uint32_t milliseconds) {
+bool wait_ms(const Agent& agent, uint32_t milliseconds) {
     const timespec span = {.tv_sec = static_cast<time_t>(milliseconds / MS_PER_S),
                            .tv_nsec = static_cast<long>(milliseconds % MS_PER_S) * NS_PER_MS};
-    // A signal cuts it short, which is what it is for.
+    // Not resumed when a signal interrupts it, because the signal may ask the agent to stop.
     nanosleep(&span, nullptr);
     return !agent.stop;
 }

@@ -1,4 +1,5 @@
-// From ACTION_WAITING to the verdict: the request, and what becomes of it.
+// ACTION_WAITING to ACTION_RESULT: posts the request, follows the upgrade and determines the
+// result.
 #include <time.h>
 #include <unistd.h>
 
@@ -16,15 +17,15 @@
 
 namespace {
 
-constexpr uint32_t LOOK_MS = 500;
+constexpr uint32_t CHECK_INTERVAL_MS = 500;
 constexpr uint64_t MS_PER_S = 1000;
 constexpr uint64_t PATIENCE_MS = SERVICE_PATIENCE_S * MS_PER_S;
-// While an upgrade goes on the server is asked again after this time, cancellations answered.
+// While an upgrade runs, the server is polled again after this time, to answer cancellations.
 constexpr uint64_t WATCH_MS = 600 * MS_PER_S;
-// So long a request of somebody else's is respected that nobody is seen to work on.
+// How long the agent waits for another sender's request on which no service seems to work.
 constexpr uint64_t OTHERS_PATIENCE_MS = 600 * MS_PER_S;
 constexpr int32_t MINUTES_PER_HOUR = 60;
-constexpr int64_t NOBODY = 0;  // in the place of a process id
+constexpr int64_t NO_PROCESS = 0;  // a process id that matches no sender
 
 bool is_inside_window(const std::string& text) {
     DayWindow window;
@@ -37,15 +38,17 @@ bool is_inside_window(const std::string& text) {
     return is_inside(window, local.tm_hour * MINUTES_PER_HOUR + local.tm_min);
 }
 
-// Somebody else's request stands in the queue or was taken from it: slot and record may be those
-// of an upgrade under way. A service that threw an empty request away looks the same for ever.
-// Returns what is to be waited for, or "".
+// Checks for an upgrade of another sender, during which slot and outcome record are not reliable. A
+// request of another sender in the queue, or taken from it, may mean such an upgrade. The wait for
+// it is limited, because the queue looks the same after the service has discarded an empty request.
+// Returns what to wait for, or "".
 std::string others_upgrade(Agent& agent) {
     constexpr char UNDER_WAY[] = "the end of another upgrade, and the restart after it";
-    // Since the camera's last start: slot and record may not be those of what runs.
+    // An upgrade has begun since the camera's start: slot and outcome record may not describe the
+    // running system.
     if (upgrade_has_begun()) {
-        return service_is_busy(NOBODY) ? UNDER_WAY
-                                       : "a restart: another upgrade has ended without one";
+        return service_is_busy(NO_PROCESS) ? UNDER_WAY
+                                           : "a restart: another upgrade has ended without one";
     }
     if (queue_use(getpid()) != QueueUse::BY_OTHERS) {
         agent.othersSinceMs = 0;
@@ -58,26 +61,27 @@ std::string others_upgrade(Agent& agent) {
 }
 
 std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
-    std::string words;
+    std::string message;
     if (offer.outsideWindow) {
         return "the server's maintenance window";
     }
     if (offer.update == DdiHandling::ATTEMPT && !is_inside_window(agent.settings.window)) {
         return "the window " + agent.settings.window;
     }
-    return camera_is_fit(agent.settings.fitnessCommand, words) ? "" : words;
+    return camera_is_fit(agent.settings.fitnessCommand, message) ? "" : message;
 }
 
-// Every byte again, but for files that this process has seen whole and nobody has touched since.
+// Reads and verifies all files, except those that this process has verified already and that have
+// not been changed since.
 PackageStatus check_content(Agent& agent, const Manifest& manifest) {
     for (const PackageFile& file : package_files(manifest)) {
         const std::string path = agent.folder + file.name;
-        const auto seen = std::ranges::find(agent.checked, path, &CheckedFile::path);
-        if (seen != agent.checked.end()) {
-            if (check_unchanged(*seen).ok()) {
+        const auto known = std::ranges::find(agent.checked, path, &CheckedFile::path);
+        if (known != agent.checked.end()) {
+            if (check_unchanged(*known).ok()) {
                 continue;
             }
-            agent.checked.erase(seen);
+            agent.checked.erase(known);
         }
         CheckedFile checked;
         PackageStatus status = check_file(
@@ -105,39 +109,39 @@ AgentStatus stopped() {
     return agent_fault(AGENT_STOPPED, "");
 }
 
-// Early after a start the service, the boot environment, a device node or the card may not be there
-// yet: `look` is asked again for a while, until it returns whether it has seen what it wants.
-// Returns false when the agent is to end: what was not seen by then says nothing.
-bool look_patiently(const Agent& agent, const std::function<bool()>& look) {
+// Calls `check` until it returns true, for at most PATIENCE_MS. Soon after a start of the camera
+// the service, the boot environment, a device node or the card may not be available yet. Returns
+// false when the agent is stopping; a failed check has no meaning then.
+bool wait_until(const Agent& agent, const std::function<bool()>& check) {
     const uint64_t since = monotonic_ms();
-    while (!look()) {
+    while (!check()) {
         if (agent.stop) {
             return false;
         }
         if (monotonic_ms() - since >= PATIENCE_MS) {
             return true;
         }
-        if (!pause(agent, LOOK_MS)) {
+        if (!wait_ms(agent, CHECK_INTERVAL_MS)) {
             return false;
         }
     }
     return true;
 }
 
-// Whether what was read is not just missing for the moment.
-bool is_there(const PackageStatus& status) {
+// Whether the result is final. A file or device that is missing or unreadable may appear later.
+bool is_final(const PackageStatus& status) {
     return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING;
 }
 
-// `slot` is '?' when it cannot be determined.
+// Reads the slot; it is '?' when it stays unknown. Returns as wait_until() does.
 bool wait_for_slot(const Agent& agent, char& slot) {
-    return look_patiently(agent, [&slot] { return (slot = boot_slot()) != '?'; });
+    return wait_until(agent, [&slot] { return (slot = boot_slot()) != '?'; });
 }
 
-// The service deletes images but never the manifest: with it in place the card is mounted, and an
-// image that is missing is not going to appear.
+// Waits until the manifest exists. The service deletes images but never the manifest, so its
+// presence proves that the package's card is mounted. Returns as wait_until() does.
 bool wait_for_card(const Agent& agent) {
-    return look_patiently(agent, [&agent] {
+    return wait_until(agent, [&agent] {
         OpenFolder folder;
         struct stat status = {};
         return open_folder(agent.place, folder).ok() &&
@@ -154,58 +158,60 @@ bool lacks_files(const Agent& agent) {
            });
 }
 
-// No service is at work on the request any more, and the camera has not restarted.
+// Called when no service works on the request any more and the camera has not restarted.
 AgentStatus end_without_restart(Agent& agent) {
     if (take_request_back(static_cast<long>(agent.action.processId))) {
-        return conclude(agent, false, "the upgrade service did not take the request");
+        return finish_action(agent, false, "the upgrade service did not take the request");
     }
     if (service_is_busy(agent.action.processId)) {
-        return {};  // it was just about to take it
+        return {};  // the service took the request just now
     }
     char slot = '?';
     if (!wait_for_slot(agent, slot)) {
         return stopped();
     }
     if (slot != agent.action.slotBefore) {
-        // Whenever the camera starts next, the new system may run: that is when it is known.
+        // The next start of the camera, whenever it is, may start the new system. The result is
+        // determined then.
         agent.awaitsRestart = true;
         wait_for(agent, slot == '?' ? "a restart: the slot is unknown"
                                     : "a restart: the slot is switched");
         return {};
     }
-    return conclude(
+    return finish_action(
         agent, false,
         "the upgrade service ended without a restart: " + outcome_words(outcome_record()));
 }
 
-// Looks on until the camera restarts, which ends this process, or nothing happens any more.
+// Watches the upgrade until the camera restarts, which ends this process, or the service has ended.
+// Returns after WATCH_MS at the latest.
 AgentStatus watch_upgrade(Agent& agent) {
     const uint64_t begin = monotonic_ms();
-    uint64_t seenBusy = begin;
+    uint64_t busyAt = begin;
     while (monotonic_ms() - begin < WATCH_MS) {
-        // A restart may take days, while the server is asked as usual: one look is enough then.
-        if (!agent.awaitsRestart && !pause(agent, LOOK_MS)) {
+        // The missing restart may take days. Polls continue meanwhile, and each checks only once.
+        if (!agent.awaitsRestart && !wait_ms(agent, CHECK_INTERVAL_MS)) {
             return stopped();
         }
         const uint64_t now = monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
             agent.awaitsRestart = false;
-            seenBusy = now;
-        } else if (agent.awaitsRestart || now - seenBusy >= PATIENCE_MS) {
+            busyAt = now;
+        } else if (agent.awaitsRestart || now - busyAt >= PATIENCE_MS) {
             return end_without_restart(agent);
         }
     }
     return {};
 }
 
-// ACTION_COMMITTED is on the medium, under this process's id.
+// Posts the request. The record with ACTION_COMMITTED and this process's id must be stored already.
 AgentStatus post(Agent& agent) {
     Manifest manifest;
     OtaMessage request = {};
     int queue = -1;
     PackageStatus status = parse_manifest(agent.action.manifest, manifest);
     if (status.ok()) {
-        // Another process may have committed, and time has gone by.
+        // The commit may have been made by an earlier process, so the package is checked again.
         if (!wait_for_card(agent)) {
             return stopped();
         }
@@ -221,26 +227,26 @@ AgentStatus post(Agent& agent) {
         status = open_request_queue(queue);
     }
     if (status.ok()) {
-        // The type is what a request can be taken back by.
+        // The process id is the message type, by which take_request_back() finds the request.
         status = post_request(queue, request, static_cast<long>(agent.action.processId));
     }
     if (!status.ok()) {
-        return conclude(agent, false, status.text);
+        return finish_action(agent, false, status.text);
     }
     agent.action.stage = ACTION_POSTED;
     AgentStatus stored = store(agent);
     if (!stored.ok()) {
         return stored;
     }
-    say(agent, "request posted, " + std::to_string(agent.action.attempts) + " of at most " +
-                   std::to_string(ATTEMPTS_MAX));
-    (void)tell(agent, DdiExecution::PROCEEDING,
-               "upgrading, request " + std::to_string(agent.action.attempts));
+    log_action(agent, "request posted, " + std::to_string(agent.action.attempts) + " of at most " +
+                          std::to_string(ATTEMPTS_MAX));
+    (void)send_status(agent, DdiExecution::PROCEEDING,
+                      "upgrading, request " + std::to_string(agent.action.attempts));
     return watch_upgrade(agent);
 }
 
-// Everything that the verdict needs comes onto the medium before the request is out. `mark` is the
-// queue's from before it was looked at.
+// Stores the state that the result depends on before the request is posted. `mark` is the
+// queue_mark() from before the queue was checked.
 AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& mark) {
     char slot = '?';
     if (!wait_for_slot(agent, slot)) {
@@ -252,7 +258,7 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     agent.action.bootId = agent.bootId;
     agent.action.processId = getpid();
     if (agent.action.slotBefore == '?') {
-        return conclude(agent, false, "the boot environment does not say which slot is used");
+        return finish_action(agent, false, "the boot environment does not name the current slot");
     }
     ++agent.action.attempts;
     agent.action.downloadOnly = false;
@@ -261,7 +267,8 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     if (!status.ok()) {
         return status;
     }
-    // Somebody may have been faster while this was written: then slot and record are worth nothing.
+    // Another sender may have posted a request while the record was written. Slot and outcome
+    // record are not reliable then.
     if (upgrade_has_begun() || queue_mark() != mark) {
         --agent.action.attempts;
         agent.action.stage = ACTION_WAITING;
@@ -270,8 +277,9 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     return post(agent);
 }
 
-// What speaks against the new system running: PACKAGE_OK when nothing does or nobody asked.
-PackageStatus find_disagreement(const Agent& agent, const Manifest& manifest) {
+// Compares the running version and the partitions with the manifest, as far as the settings ask for
+// it. Returns PACKAGE_OK when they agree.
+PackageStatus find_mismatch(const Agent& agent, const Manifest& manifest) {
     if (!agent.settings.versionFile.empty()) {
         std::string version;
         PackageStatus read = read_running_version(agent.settings.versionFile, version);
@@ -286,12 +294,13 @@ PackageStatus find_disagreement(const Agent& agent, const Manifest& manifest) {
     return agent.settings.checkPartitions ? check_partitions(manifest) : PackageStatus{};
 }
 
-// `wrong` is empty when nothing speaks against it. Returns as look_patiently() does.
-bool wait_for_disagreement(const Agent& agent, const Manifest& manifest, std::string& wrong) {
-    return look_patiently(agent, [&] {
-        const PackageStatus found = find_disagreement(agent, manifest);
+// Calls find_mismatch() until its result is final. `wrong` becomes the mismatch, or empty. Returns
+// as wait_until() does.
+bool wait_for_mismatch(const Agent& agent, const Manifest& manifest, std::string& wrong) {
+    return wait_until(agent, [&] {
+        const PackageStatus found = find_mismatch(agent, manifest);
         wrong = found.text;
-        return is_there(found);
+        return is_final(found);
     });
 }
 
@@ -299,49 +308,50 @@ AgentStatus judge_restart(Agent& agent) {
     Manifest manifest;
     const PackageStatus parsed = parse_manifest(agent.action.manifest, manifest);
     if (!parsed.ok()) {
-        return conclude(agent, false, parsed.text);
+        return finish_action(agent, false, parsed.text);
     }
-    say(agent, "the camera has restarted: what runs now decides");
-    AfterRestart seen = {.record = outcome_record(),
-                         .recordBefore = agent.action.recordBefore,
-                         .slot = '?',
-                         .slotBefore = agent.action.slotBefore,
-                         .packageThere = false,
-                         .partitionsRead = false,
-                         .disagreement = "",
-                         .attempts = agent.action.attempts};
-    if (!wait_for_slot(agent, seen.slot)) {
+    log_action(agent, "the camera has restarted, checking the running system");
+    AfterRestart state = {.record = outcome_record(),
+                          .recordBefore = agent.action.recordBefore,
+                          .slot = '?',
+                          .slotBefore = agent.action.slotBefore,
+                          .packageComplete = false,
+                          .partitionsRead = false,
+                          .mismatch = "",
+                          .attempts = agent.action.attempts};
+    if (!wait_for_slot(agent, state.slot)) {
         return stopped();
     }
-    if (is_other_slot(seen.slot, seen.slotBefore)) {
-        seen.partitionsRead = agent.settings.checkPartitions;
-        if (!wait_for_disagreement(agent, manifest, seen.disagreement)) {
+    if (is_other_slot(state.slot, state.slotBefore)) {
+        state.partitionsRead = agent.settings.checkPartitions;
+        if (!wait_for_mismatch(agent, manifest, state.mismatch)) {
             return stopped();
         }
     } else {
         if (!wait_for_card(agent)) {
             return stopped();
         }
-        seen.packageThere = check_content(agent, manifest).ok();
+        state.packageComplete = check_content(agent, manifest).ok();
     }
-    std::string words;
-    // Nothing is concluded from a package that may lie on a card which is not in the camera.
-    AfterRestart withCard = seen;
-    withCard.packageThere = true;
-    if (judge(withCard, words) == Judgement::AGAIN && waits_for_card(agent)) {
+    std::string message;
+    // A package on a card that is not mounted is not a failure. If a complete package would lead to
+    // another request, the agent waits for the card.
+    AfterRestart withCard = state;
+    withCard.packageComplete = true;
+    if (judge(withCard, message) == Judgement::AGAIN && waits_for_card(agent)) {
         return {};
     }
-    switch (judge(seen, words)) {
+    switch (judge(state, message)) {
         case Judgement::SUCCESS:
-            return conclude(agent, true, words);
+            return finish_action(agent, true, message);
         case Judgement::FAILURE:
-            return conclude(agent, false, words);
+            return finish_action(agent, false, message);
         case Judgement::AGAIN:
             break;
     }
-    // The camera may not be fit any more. The server learns of it when the request is posted: a
-    // server that does not answer must not delay that.
-    say(agent, words + "; once more");
+    // start_upgrade() checks again whether the upgrade may start. The server gets no status here,
+    // because a server that does not answer must not delay the request.
+    log_action(agent, message + "; the request is repeated");
     agent.action.stage = ACTION_WAITING;
     return store(agent);
 }
@@ -353,13 +363,13 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         agent.action.downloadOnly = true;
         AgentStatus status = store(agent);
         if (status.ok()) {
-            status = tell(agent, DdiExecution::DOWNLOADED, "downloaded and verified");
+            status = send_status(agent, DdiExecution::DOWNLOADED, "downloaded and verified");
         }
         return status.result == AGENT_GONE ? AgentStatus{} : status;
     }
     std::string reason = reason_to_wait(agent, offer);
     if (agent.stop) {
-        return stopped();  // it may have ended the fitness command, too
+        return stopped();  // the signal may have killed the fitness command
     }
     if (!reason.empty()) {
         wait_for(agent, reason);
@@ -369,35 +379,36 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return {};
     }
     Manifest manifest;
-    PackageStatus taken;
-    // It was suitable when it was fetched: the node of a partition may not exist yet.
-    if (!look_patiently(agent, [&] {
-            taken = read_manifest(agent, manifest);
-            return is_there(taken) && taken.result != PACKAGE_UNSUITABLE;
+    PackageStatus packageStatus;
+    // The package was suitable when it was downloaded. If it is not suitable now, the device node
+    // of a partition may not exist yet.
+    if (!wait_until(agent, [&] {
+            packageStatus = read_manifest(agent, manifest);
+            return is_final(packageStatus) && packageStatus.result != PACKAGE_UNSUITABLE;
         })) {
         return stopped();
     }
     if (agent.action.attempts == 0 && lacks_files(agent)) {
-        say(agent, "the package is not in " + agent.folder + " any more");
+        log_action(agent, "the package in " + agent.folder + " is incomplete, downloading again");
         agent.action.stage = ACTION_DOWNLOADING;
         agent.checked.clear();
         return store(agent);
     }
-    if (taken.ok()) {
-        taken = check_content(agent, manifest);
+    if (packageStatus.ok()) {
+        packageStatus = check_content(agent, manifest);
     }
-    if (!taken.ok()) {
-        return conclude(agent, false, taken.text);
+    if (!packageStatus.ok()) {
+        return finish_action(agent, false, packageStatus.text);
     }
-    bool serves = upgrade_has_begun();
-    const auto look = [&serves] {
-        return serves = serves || queue_use(getpid()) != QueueUse::NO_QUEUE;
+    bool serviceRuns = upgrade_has_begun();
+    const auto check = [&serviceRuns] {
+        return serviceRuns = serviceRuns || queue_use(getpid()) != QueueUse::NO_QUEUE;
     };
-    if (!look_patiently(agent, look)) {
+    if (!wait_until(agent, check)) {
         return stopped();
     }
-    if (!serves) {
-        return conclude(agent, false, "the upgrade service does not run");
+    if (!serviceRuns) {
+        return finish_action(agent, false, "the upgrade service does not run");
     }
     const std::string mark = queue_mark();
     reason = others_upgrade(agent);
@@ -409,18 +420,20 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     return commit(agent, manifest, mark);
 }
 
-AgentStatus see_through(Agent& agent) {
+AgentStatus follow_upgrade(Agent& agent) {
     if (agent.action.bootId != agent.bootId) {
         return judge_restart(agent);
     }
     if (agent.action.stage == ACTION_COMMITTED) {
         switch (queue_use(agent.action.processId)) {
             case QueueUse::UNUSED: {
-                // Posted, done, and the service started once more: this is another one's queue.
+                // The request was posted and processed, and the service has been started again with
+                // a new queue.
                 if (upgrade_has_begun()) {
                     break;
                 }
-                // Not posted. The queue will remember this process, so the record must as well.
+                // The request was not posted. The queue will name this process as the last sender,
+                // so the record must name it, too.
                 agent.action.processId = getpid();
                 const AgentStatus status = store(agent);
                 return status.ok() ? post(agent) : status;
@@ -441,7 +454,7 @@ AgentStatus see_through(Agent& agent) {
     return watch_upgrade(agent);
 }
 
-AgentStatus look_again(Agent& agent) {
+AgentStatus recheck_success(Agent& agent) {
     Manifest manifest;
     std::string wrong = parse_manifest(agent.action.manifest, manifest).text;
     if (wrong.empty()) {
@@ -451,11 +464,12 @@ AgentStatus look_again(Agent& agent) {
         }
         wrong = slot == agent.action.slotBefore ? "the slot was switched back" : "";
     }
-    if (wrong.empty() && !wait_for_disagreement(agent, manifest, wrong)) {
+    if (wrong.empty() && !wait_for_mismatch(agent, manifest, wrong)) {
         return stopped();
     }
     if (wrong.empty()) {
         return {};
     }
-    return conclude(agent, false, "the upgrade succeeded, but something else runs now: " + wrong);
+    return finish_action(agent, false,
+                         "the upgrade succeeded, but another system runs now: " + wrong);
 }

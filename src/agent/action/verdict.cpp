@@ -8,18 +8,19 @@ bool is_slot(char slot) {
     return slot == 'A' || slot == 'B';
 }
 
-std::string what_was_found(const AfterRestart& seen) {
-    return outcome_words(seen.record) + "; slot " + seen.slotBefore + " before, " + seen.slot +
-           " now; the package is " + (seen.packageThere ? "there" : "gone");
+std::string findings_text(const AfterRestart& state) {
+    return outcome_words(state.record) + "; slot " + state.slotBefore + " before, " + state.slot +
+           " now; the package is " + (state.packageComplete ? "complete" : "not complete");
 }
 
-// Nothing has been decided, and all that a request needs is there.
-Judgement again(const AfterRestart& seen, const std::string& why, std::string& words) {
-    if (seen.attempts >= ATTEMPTS_MAX) {
-        words = why + "; given up after " + std::to_string(seen.attempts) + " requests";
+// The upgrade has neither succeeded nor failed, and the package is complete: another request may
+// follow.
+Judgement again(const AfterRestart& state, const std::string& why, std::string& message) {
+    if (state.attempts >= ATTEMPTS_MAX) {
+        message = why + "; given up after " + std::to_string(state.attempts) + " requests";
         return Judgement::FAILURE;
     }
-    words = why;
+    message = why;
     return Judgement::AGAIN;
 }
 
@@ -29,41 +30,41 @@ bool is_other_slot(char slot, char before) {
     return is_slot(slot) && is_slot(before) && slot != before;
 }
 
-Judgement judge(const AfterRestart& seen, std::string& words) {
-    const Outcome outcome = read_outcome(seen.record);
-    const bool other = is_other_slot(seen.slot, seen.slotBefore);
-    const bool same = is_slot(seen.slot) && seen.slot == seen.slotBefore;
-    const bool asBefore = seen.record == seen.recordBefore;
+Judgement judge(const AfterRestart& state, std::string& message) {
+    const Outcome outcome = read_outcome(state.record);
+    const bool other = is_other_slot(state.slot, state.slotBefore);
+    const bool same = is_slot(state.slot) && state.slot == state.slotBefore;
+    const bool asBefore = state.record == state.recordBefore;
 
-    // What runs counts, not what is recorded: since then somebody's upgrade by hand may have
-    // failed.
-    if (other && seen.partitionsRead && seen.disagreement.empty()) {
-        words = std::string("the new system runs from slot ") + seen.slot + "; " +
-                outcome_words(seen.record);
+    // The running system decides, not the outcome record: a later manual upgrade may have failed
+    // and overwritten the record.
+    if (other && state.partitionsRead && state.mismatch.empty()) {
+        message = std::string("the new system runs from slot ") + state.slot + "; " +
+                  outcome_words(state.record);
         return Judgement::SUCCESS;
     }
-    if (outcome == Outcome::SUCCEEDED && other && !seen.disagreement.empty()) {
-        words = "recorded as success, but something else runs: " + seen.disagreement;
+    if (outcome == Outcome::SUCCEEDED && other && !state.mismatch.empty()) {
+        message = "recorded as success, but another system runs: " + state.mismatch;
         return Judgement::FAILURE;
     }
     if (outcome == Outcome::SUCCEEDED && other) {
-        words = outcome_words(seen.record) + "; slot " + seen.slot + ", partitions not looked at";
+        message = outcome_words(state.record) + "; slot " + state.slot + ", partitions not checked";
         return Judgement::SUCCESS;
     }
-    if (outcome == Outcome::SUCCEEDED && same && !seen.packageThere) {
-        words = "recorded as success, the slot was not switched";
+    if (outcome == Outcome::SUCCEEDED && same && !state.packageComplete) {
+        message = "recorded as success, but the slot was not switched";
         return Judgement::FAILURE;
     }
     if (outcome == Outcome::SUCCEEDED && same) {
-        return again(seen, "the power went before the slot was switched", words);
+        return again(state, "the camera restarted before the slot was switched", message);
     }
     if (outcome == Outcome::FAILED && !asBefore && same) {
-        words = outcome_words(seen.record);
+        message = outcome_words(state.record);
         return Judgement::FAILURE;
     }
-    if ((outcome == Outcome::UNFINISHED || asBefore) && same && seen.packageThere) {
-        return again(seen, "the upgrade was cut short", words);
+    if ((outcome == Outcome::UNFINISHED || asBefore) && same && state.packageComplete) {
+        return again(state, "the upgrade was interrupted", message);
     }
-    words = "not what an upgrade leaves behind: " + what_was_found(seen);
+    message = "unexpected state after the upgrade: " + findings_text(state);
     return Judgement::FAILURE;
 }

@@ -11,43 +11,44 @@ struct Download {
     PartFile part;
 };
 
-// One request for what is missing, from the head of its answer on.
+// One request for the missing bytes, and the state of its answer.
 struct Fetch {
     Download& download;
-    bool rest;           // a part is asked for
-    bool begun = false;  // the head was looked at
-    bool unfit = false;  // the part that comes is not the one that was asked for
+    bool rest;           // the request is for the rest of the file, not for the whole
+    bool begun = false;  // the headers of the answer have been checked
+    bool unfit = false;  // the answer is not the requested part
 };
 
 AgentStatus different(const Download& download, const std::string& how) {
     return agent_fault(AGENT_DIFFERENT, download.part.file.name + " " + how);
 }
 
-AgentStatus tell(Download& download) {
+AgentStatus report_progress(Download& download) {
     return download.progress(download.part.position) ? AgentStatus{}
-                                                     : agent_fault(AGENT_STOPPED, "asked to end");
+                                                     : agent_fault(AGENT_STOPPED, "asked to stop");
 }
 
 AgentStatus begin_part(Fetch& fetch, const HttpHead& head) {
     PartFile& part = fetch.download.part;
     if (!fetch.rest) {
-        return agent_fault(AGENT_MALFORMED, part.file.name + ": a part came that nobody asked for");
+        return agent_fault(AGENT_MALFORMED,
+                           part.file.name + ": the server sent a part instead of the whole file");
     }
     const std::string range = "bytes " + std::to_string(part.position) + "-" +
                               std::to_string(part.file.size - 1) + "/" +
                               std::to_string(part.file.size);
     const bool sameTag = head.entityTag.empty() || head.entityTag == part.record.entityTag;
     fetch.unfit = head.contentRange != range || !sameTag;
-    // Seen by nobody: the file is asked for anew.
+    // The text is never shown, because complete() requests the whole file now.
     return fetch.unfit ? agent_fault(AGENT_MALFORMED, "another part") : AgentStatus{};
 }
 
 AgentStatus begin_whole(Fetch& fetch, const HttpHead& head) {
     PartFile& part = fetch.download.part;
     if (head.length >= 0 && static_cast<uint64_t>(head.length) != part.file.size) {
-        // Not a byte is taken: it may be somebody else's page. What came before stays.
+        // The answer may be a page of a proxy. Nothing of it is stored, and stored bytes are kept.
         return agent_fault(AGENT_MALFORMED, part.file.name + " has " + std::to_string(head.length) +
-                                                " bytes, announced were " +
+                                                " bytes instead of the announced " +
                                                 std::to_string(part.file.size));
     }
     return start_part(part, head.entityTag);
@@ -67,11 +68,12 @@ AgentStatus take_bytes(Fetch& fetch, const HttpHead& head, std::span<const char>
                                              " bytes that were announced");
     }
     AgentStatus status = append_part(part, bytes);
-    return status.ok() ? tell(fetch.download) : status;
+    return status.ok() ? report_progress(fetch.download) : status;
 }
 
-// Asks for what is missing. `unfit` is set when the answer to a request for a part was of no use.
-AgentStatus ask(Download& download, bool& unfit) {
+// Requests the missing bytes. Sets `unfit` when the answer to a request for a part was not that
+// part.
+AgentStatus request_rest(Download& download, bool& unfit) {
     const PartFile& part = download.part;
     Fetch fetch = {.download = download, .rest = part.position > 0};
     std::vector<std::string> headers;
@@ -85,7 +87,7 @@ AgentStatus ask(Download& download, bool& unfit) {
             return take_bytes(fetch, of, bytes);
         });
     if (status.ok() && !fetch.begun) {
-        status = take_bytes(fetch, head, {});  // it is empty
+        status = take_bytes(fetch, head, {});  // an empty file: libcurl delivered no bytes
     }
     unfit = fetch.unfit || (fetch.rest && head.code == 416);
     if (status.ok() && part.position < part.file.size) {
@@ -95,16 +97,16 @@ AgentStatus ask(Download& download, bool& unfit) {
     return status;
 }
 
-// Fetches what is missing and looks at the whole.
+// Downloads the missing bytes and checks the digests of the whole file.
 AgentStatus complete(Download& download) {
     PartFile& part = download.part;
     AgentStatus status;
     if (part.position < part.file.size) {
         bool unfit = false;
-        status = ask(download, unfit);
+        status = request_rest(download, unfit);
         if (unfit) {
             status = empty_part(part);
-            status = status.ok() ? ask(download, unfit) : status;
+            status = status.ok() ? request_rest(download, unfit) : status;
         }
     }
     return status.ok() ? check_sums(part) : status;
@@ -113,12 +115,12 @@ AgentStatus complete(Download& download) {
 AgentStatus fetch_file(Download& download) {
     PartFile& part = download.part;
     AgentStatus status = open_part(part);
-    status = status.ok() && part.position > 0 ? tell(download) : status;
+    status = status.ok() && part.position > 0 ? report_progress(download) : status;
     if (!status.ok()) {
         return status;
     }
     status = complete(download);
-    // Bytes that were kept may have rotted, as those of one answer may: the file comes anew, once.
+    // Stored bytes or the answer may be corrupt, so the whole file is downloaded once more.
     if (status.result == AGENT_DIFFERENT && !part.record.cameDifferent) {
         part.record.cameDifferent = true;
         status = start_part(part, "");
@@ -140,7 +142,7 @@ AgentStatus fetch_file(Download& download) {
     }
 }
 
-// Whether the manifest knows all of the file by one digest, as the server does.
+// Whether the manifest has one digest over the whole file, as the server has.
 bool is_one_module(const PackageFile& content) {
     return content.modules.size() == 1 && content.modules[0].size == content.size &&
            content.modules[0].sha256 && !content.mayBeLonger;
@@ -153,9 +155,9 @@ AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile
     if (content != nullptr && is_one_module(*content)) {
         if (*content->modules[0].sha256 != file.sha256 || content->size != file.size) {
             return agent_fault(AGENT_DIFFERENT,
-                               file.name + " is another file for the server than for the manifest");
+                               file.name + ": server and manifest name different digests or sizes");
         }
-        content = nullptr;  // one sum says it all
+        content = nullptr;  // the server's digest is the manifest's, so one check is enough
     }
     Http& http = server.http();
     Download download = {

@@ -20,14 +20,14 @@ namespace {
 
 constexpr mode_t FILE_MODE = 0644;
 constexpr mode_t FOLDER_MODE = 0700;
-constexpr int DEPTH_MAX = 8;  // of folders in folders that are removed
+constexpr int DEPTH_MAX = 8;  // of nested folders that are removed
 
 std::string real_path(const std::string& path) {
     const corvo::OwnedBlock<char> real(realpath(path.c_str(), nullptr));
     return real ? real.get() : "";
 }
 
-// "/" of "/config", "/config" of "/config/agent"; empty of "/".
+// "/config" for "/config/agent", "/" for "/config", "" for "/".
 std::string parent_of(const std::string& path) {
     const size_t slash = path.rfind('/');
     return path.size() <= 1 ? "" : path.substr(0, slash == 0 ? 1 : slash);
@@ -46,7 +46,8 @@ bool is_same(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-// Whether the folder, or one that it lies in, is `wanted`. What does not exist lies in what does.
+// Whether the folder or one of its parents is `wanted`. For a folder that does not exist the search
+// starts at its first existing parent.
 bool lies_in(std::string folder, const struct stat& wanted) {
     std::string real = real_path(folder);
     while (real.empty() && !folder.empty()) {
@@ -62,7 +63,7 @@ bool lies_in(std::string folder, const struct stat& wanted) {
     return false;
 }
 
-// The same of a path without links; what is reached by one is nowhere.
+// As lies_in(), but folders whose path contains a symbolic link are ignored.
 bool lies_without_links_in(std::string folder, const struct stat& wanted) {
     for (; !folder.empty(); folder = parent_of(folder)) {
         const corvo::UniqueFd opened(corvo::open_without_links(folder.c_str(), O_PATH));
@@ -101,8 +102,8 @@ bool folders_overlap(const std::string& packageFolder, const std::string& stateF
 namespace {
 
 AgentStatus folder_fault(const char* what, const std::string& path) {
-    return errno == ELOOP ? agent_fault(AGENT_MEDIUM, path + " is reached by a symbolic link")
-                          : medium_fault(what, path);
+    return errno == ELOOP ? agent_fault(AGENT_STORAGE, path + " is reached by a symbolic link")
+                          : storage_fault(what, path);
 }
 
 bool is_on_a_card(const PackageFolder& place, int folder) {
@@ -114,8 +115,8 @@ bool is_on_a_card(const PackageFolder& place, int folder) {
            });
 }
 
-// The same for a folder that does not exist: where it would be. Of what cannot be opened for
-// another reason that reason is reported, not the card.
+// As is_on_a_card() for a folder that does not exist: checks its first existing parent. Returns
+// true when a parent cannot be opened for another reason; the caller then reports that reason.
 bool is_below_a_card(const PackageFolder& place) {
     for (std::string path = parent_of(place.path); !path.empty(); path = parent_of(path)) {
         const corvo::UniqueFd folder(corvo::open_without_links(path.c_str(), O_PATH));
@@ -133,7 +134,7 @@ AgentStatus no_card(const PackageFolder& place) {
     return agent_fault(AGENT_NO_CARD, "no card is mounted for " + place.path);
 }
 
-// Makes the folder of this path in one that is there.
+// Creates the folder with this path; its parent exists.
 AgentStatus make_one(const PackageFolder& place, const std::string& path) {
     const std::string above = parent_of(path);
     const corvo::UniqueFd parent(corvo::open_without_links(above.c_str(), O_RDONLY | O_DIRECTORY));
@@ -145,10 +146,11 @@ AgentStatus make_one(const PackageFolder& place, const std::string& path) {
     }
     const char* const name = path.c_str() + path.rfind('/') + 1;
     if (mkdirat(parent.get(), name, FOLDER_MODE) != 0) {
-        return errno == EEXIST ? AgentStatus{} : medium_fault("make", path);
+        return errno == EEXIST ? AgentStatus{} : storage_fault("make", path);
     }
-    // What will be flushed in it is lost with its name.
-    return fsync(parent.get()) == 0 ? AgentStatus{} : medium_fault("flush", above);
+    // Without this a power cut could lose the new folder, and with it files that were flushed in
+    // it.
+    return fsync(parent.get()) == 0 ? AgentStatus{} : storage_fault("flush", above);
 }
 
 bool remove_tree(int folder, const char* name, int depth) {
@@ -198,16 +200,16 @@ AgentStatus open_folder(const PackageFolder& place, OpenFolder& folder) {
     }
     const std::string open = folder_open_to_others(place.path);
     return open.empty() ? AgentStatus{}
-                        : agent_fault(AGENT_MEDIUM, place.path + ": others can write to " + open);
+                        : agent_fault(AGENT_STORAGE, place.path + ": others can write to " + open);
 }
 
 AgentStatus make_folder(const PackageFolder& place, OpenFolder& folder) {
     for (size_t end = place.path.find('/', 1); end != std::string::npos;
          end = place.path.find('/', end + 1)) {
         const std::string path = place.path.substr(0, end);
-        const corvo::UniqueFd there(corvo::open_without_links(path.c_str(), O_PATH));
+        const corvo::UniqueFd existing(corvo::open_without_links(path.c_str(), O_PATH));
         AgentStatus status;
-        if (!there.valid()) {
+        if (!existing.valid()) {
             status = errno == ENOENT ? make_one(place, path) : folder_fault("open", path);
         }
         if (!status.ok()) {
@@ -224,7 +226,7 @@ bool find_entry(const OpenFolder& folder, const std::string& name, struct stat& 
 AgentStatus remove_entry(const OpenFolder& folder, const std::string& name) {
     return remove_tree(folder.get(), name.c_str(), DEPTH_MAX)
                ? AgentStatus{}
-               : medium_fault("remove", folder.path + name);
+               : storage_fault("remove", folder.path + name);
 }
 
 AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
@@ -238,7 +240,7 @@ AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
         const corvo::UniqueFd file(openat(folder.get(), fresh.c_str(),
                                           O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
         if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
-            return medium_fault("write", folder.path + fresh);
+            return storage_fault("write", folder.path + fresh);
         }
     }
     struct stat old = {};
@@ -246,11 +248,11 @@ AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
         status = remove_entry(folder, name);
     }
     if (status.ok() && renameat(folder.get(), fresh.c_str(), folder.get(), name.c_str()) != 0) {
-        status = medium_fault("replace", folder.path + name);
+        status = storage_fault("replace", folder.path + name);
     }
     return status.ok() ? flush_folder(folder) : status;
 }
 
 AgentStatus flush_folder(const OpenFolder& folder) {
-    return fsync(folder.get()) == 0 ? AgentStatus{} : medium_fault("flush", folder.path);
+    return fsync(folder.get()) == 0 ? AgentStatus{} : storage_fault("flush", folder.path);
 }

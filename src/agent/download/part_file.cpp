@@ -15,8 +15,8 @@
 
 namespace {
 
-// Bytes are flushed before any behind a multiple of this are written: what is below the last
-// multiple is on the medium, whenever the power goes.
+// All bytes up to a multiple of this are flushed before the next byte is written. After a power cut
+// the bytes below the last multiple are therefore reliable.
 constexpr uint64_t FLUSH_STEP = 1048576;
 constexpr size_t READ_SIZE = 65536;
 constexpr char RECORD_SUFFIX[] = ".from";
@@ -40,12 +40,13 @@ std::string part_path(const PartFile& part) {
 }
 
 int open_part_file(const PartFile& part, int more) {
-    // What is no file may be one that the call would wait for.
+    // O_NONBLOCK, because opening a pipe of this name would block.
     return openat(part.folder.get(), part_name(part).c_str(),
                   O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | more, PART_MODE);
 }
 
-// A file that is under another name as well is somebody's: nothing is written into that.
+// Whether this is a regular file with one name. A file with a second hard link is also used
+// elsewhere, so nothing is written into it.
 bool is_own_file(int file, struct stat& status) {
     return file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
            status.st_nlink == 1;
@@ -55,7 +56,7 @@ AgentStatus different(const std::string& text) {
     return agent_fault(AGENT_DIFFERENT, text);
 }
 
-void begin_sums(PartFile& part) {
+void begin_digests(PartFile& part) {
     part.position = 0;
     (void)part.sha256.take();
     part.check.reset();
@@ -64,7 +65,7 @@ void begin_sums(PartFile& part) {
     }
 }
 
-AgentStatus sum_up(PartFile& part, std::span<const char> bytes) {
+AgentStatus update_digests(PartFile& part, std::span<const char> bytes) {
     part.sha256.update(bytes);
     if (!part.check) {
         return {};
@@ -73,23 +74,23 @@ AgentStatus sum_up(PartFile& part, std::span<const char> bytes) {
     return status.ok() ? AgentStatus{} : different(status.text);
 }
 
-// Sums up the first `size` bytes of a file.
+// Reads the first `size` bytes of a file into the digests.
 AgentStatus read_back(PartFile& part, int file, uint64_t size) {
-    begin_sums(part);
+    begin_digests(part);
     const auto buffer = std::make_unique<std::array<char, READ_SIZE>>();
     while (part.position < size) {
         if (part.stop) {
-            return agent_fault(AGENT_STOPPED, "asked to end");
+            return agent_fault(AGENT_STOPPED, "asked to stop");
         }
-        errno = EIO;  // when the file has become shorter
+        errno = EIO;  // reported if pread() returns 0 because the file has become shorter
         const ssize_t taken =
             pread(file, buffer->data(),
                   static_cast<size_t>(std::min<uint64_t>(READ_SIZE, size - part.position)),
                   static_cast<off_t>(part.position));
         if (taken <= 0) {
-            return medium_fault("read", whole_path(part));
+            return storage_fault("read", whole_path(part));
         }
-        AgentStatus status = sum_up(part, {buffer->data(), static_cast<size_t>(taken)});
+        AgentStatus status = update_digests(part, {buffer->data(), static_cast<size_t>(taken)});
         if (!status.ok()) {
             return status;
         }
@@ -98,8 +99,9 @@ AgentStatus read_back(PartFile& part, int file, uint64_t size) {
     return {};
 }
 
-// How many bytes of NAME.part can be relied on. It does not matter under which link they came: its
-// query may change with each poll, and the entity tag is asked for again.
+// How many bytes of NAME.part are reliable after a power cut. The link that they were downloaded
+// from is not compared: its query may change with each poll, and the server compares the entity
+// tag.
 uint64_t reliable_bytes(const PartRecord& record, uint64_t size) {
     if (record.entityTag.empty() || size > record.size || record.kept > size) {
         return 0;
@@ -115,7 +117,7 @@ AgentStatus check_whole_file(PartFile& part) {
     const corvo::UniqueFd file(openat(part.folder.get(), part.file.name.c_str(),
                                       O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status = {};
-    AgentStatus result = different(path + " is not there");
+    AgentStatus result = different(path + " does not exist");
     if (file.valid() && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
         static_cast<uint64_t>(status.st_size) == part.file.size) {
         result = read_back(part, file.get(), part.file.size);
@@ -142,7 +144,7 @@ AgentStatus open_part(PartFile& part) {
         part.descriptor.reset(open_part_file(part, O_EXCL));
     }
     if (!is_own_file(part.descriptor.get(), status)) {
-        return medium_fault("write", path);
+        return storage_fault("write", path);
     }
     PartRecord& record = part.record;
     if (!load_part_record(part.folder, record_name(part), record) ||
@@ -154,7 +156,7 @@ AgentStatus open_part(PartFile& part) {
         return empty_part(part);
     }
     if (ftruncate(part.descriptor.get(), static_cast<off_t>(size)) != 0) {
-        return medium_fault("cut", path);
+        return storage_fault("truncate", path);
     }
     AgentStatus result = read_back(part, part.descriptor.get(), size);
     return result.result == AGENT_DIFFERENT ? empty_part(part) : result;
@@ -162,13 +164,13 @@ AgentStatus open_part(PartFile& part) {
 
 AgentStatus empty_part(PartFile& part) {
     if (ftruncate(part.descriptor.get(), 0) != 0) {
-        return medium_fault("empty", part_path(part));
+        return storage_fault("empty", part_path(part));
     }
     part.record = {.size = part.file.size,
                    .sha256 = part.file.sha256,
                    .entityTag = {},
                    .cameDifferent = part.record.cameDifferent};
-    begin_sums(part);
+    begin_digests(part);
     return {};
 }
 
@@ -177,9 +179,10 @@ AgentStatus start_part(PartFile& part, const std::string& entityTag) {
     if (!status.ok()) {
         return status;
     }
-    // The old bytes are gone from the medium before the new entity tag would vouch for them.
+    // The old bytes must be gone from storage before the record of the new entity tag is. After a
+    // power cut between both, they would otherwise be taken for bytes of the new file.
     if (fdatasync(part.descriptor.get()) != 0) {
-        return medium_fault("empty", part_path(part));
+        return storage_fault("empty", part_path(part));
     }
     part.record.entityTag = entityTag;
     return store_part_record(part.folder, record_name(part), part.record);
@@ -190,19 +193,19 @@ AgentStatus append_part(PartFile& part, std::span<const char> bytes) {
         const uint64_t step = FLUSH_STEP - part.position % FLUSH_STEP;
         const std::span<const char> piece =
             bytes.first(static_cast<size_t>(std::min<uint64_t>(step, bytes.size())));
-        AgentStatus status = sum_up(part, piece);
+        AgentStatus status = update_digests(part, piece);
         if (!status.ok()) {
             return status;
         }
-        errno = ENOSPC;  // when it is written in part only
+        errno = ENOSPC;  // reported if only a part of the bytes is written
         if (pwrite(part.descriptor.get(), piece.data(), piece.size(),
                    static_cast<off_t>(part.position)) != static_cast<ssize_t>(piece.size())) {
-            return medium_fault("write", part_path(part));
+            return storage_fault("write", part_path(part));
         }
         part.position += piece.size();
         bytes = bytes.subspan(piece.size());
         if (part.position % FLUSH_STEP == 0 && fdatasync(part.descriptor.get()) != 0) {
-            return medium_fault("flush", part_path(part));
+            return storage_fault("flush", part_path(part));
         }
     }
     return {};
@@ -213,7 +216,7 @@ AgentStatus keep_part(PartFile& part) {
         return {};
     }
     if (fdatasync(part.descriptor.get()) != 0) {
-        return medium_fault("flush", part_path(part));
+        return storage_fault("flush", part_path(part));
     }
     part.record.kept = part.position;
     return store_part_record(part.folder, record_name(part), part.record);
@@ -223,7 +226,7 @@ AgentStatus check_sums(PartFile& part) {
     const Sha256 found = part.sha256.take();
     if (found != part.file.sha256) {
         return different(part.file.name + " has the SHA-256 " + digest_text(found) +
-                         ", the server says " + digest_text(part.file.sha256));
+                         ", the server announced " + digest_text(part.file.sha256));
     }
     PackageStatus status = part.check ? part.check->finish() : PackageStatus{};
     return status.ok() ? AgentStatus{} : different(status.text);
@@ -232,14 +235,14 @@ AgentStatus check_sums(PartFile& part) {
 AgentStatus put_in_place(PartFile& part) {
     const std::string path = part_path(part);
     if (fsync(part.descriptor.get()) != 0) {
-        return medium_fault("flush", path);
+        return storage_fault("flush", path);
     }
     if (renameat(part.folder.get(), part_name(part).c_str(), part.folder.get(),
                  part.file.name.c_str()) != 0) {
-        return medium_fault("rename", path);
+        return storage_fault("rename", path);
     }
-    // The record goes last: a power cut that undoes the rename must find it, or every byte is
-    // fetched again.
+    // The record is removed last. A power cut may undo the rename, and without the record every
+    // byte would be downloaded again.
     AgentStatus status = flush_folder(part.folder);
     if (status.ok()) {
         remove_part(part);
@@ -248,8 +251,8 @@ AgentStatus put_in_place(PartFile& part) {
 }
 
 void remove_part(const PartFile& part) {
-    // The part first, so that a record never speaks of another file's bytes. What cannot be removed
-    // is no fault of the file that is complete.
+    // NAME.part is removed before its record, so that a record never describes bytes of another
+    // file. A failure is ignored, because it does not concern the complete file.
     for (const std::string& name :
          {part_name(part), record_name(part), fresh_path(record_name(part))}) {
         (void)remove_entry(part.folder, name);

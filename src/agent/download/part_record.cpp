@@ -9,7 +9,8 @@ namespace {
 
 constexpr size_t RECORD_SIZE_MAX = 1024;  // bytes
 
-// In one form only, so that reading back what was read proves it whole.
+// The only valid form of a record. load_part_record() formats what it has parsed and compares the
+// texts, so that an incomplete or damaged record is refused.
 std::string record_text(const PartRecord& record) {
     return "corvo-download 1\nsize " + std::to_string(record.size) + "\nsha256 " +
            digest_text(record.sha256) + "\nkept " + std::to_string(record.kept) + "\ndifferent " +

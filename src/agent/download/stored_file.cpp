@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t MODE = 0644;
 constexpr mode_t FOLDER_MODE = 0700;
-constexpr int ASIDE_MAX = 9;  // of each file
+constexpr int ASIDE_MAX = 9;  // names PATH.bad ... PATH.bad9
 
 }  // namespace
 
@@ -29,8 +29,8 @@ bool write_all(int file, std::string_view content) {
     return true;
 }
 
-AgentStatus medium_fault(const char* what, const std::string& path) {
-    return agent_fault(AGENT_MEDIUM,
+AgentStatus storage_fault(const char* what, const std::string& path) {
+    return agent_fault(AGENT_STORAGE,
                        std::string("cannot ") + what + ' ' + path + ": " + strerror(errno));
 }
 
@@ -42,7 +42,7 @@ AgentStatus flush_folder_of(const std::string& path) {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     const corvo::UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened.valid() || fsync(opened.get()) != 0) {
-        return medium_fault("flush", folder);
+        return storage_fault("flush", folder);
     }
     return {};
 }
@@ -50,17 +50,17 @@ AgentStatus flush_folder_of(const std::string& path) {
 AgentStatus load_file(const std::string& path, size_t limit, std::string& content) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
-        AgentStatus fault = medium_fault("read", path);
-        fault.result = errno == ENOENT ? AGENT_GONE : AGENT_MEDIUM;
+        AgentStatus fault = storage_fault("read", path);
+        fault.result = errno == ENOENT ? AGENT_GONE : AGENT_STORAGE;
         return fault;
     }
     if (!S_ISREG(status.st_mode) || static_cast<uint64_t>(status.st_size) > limit) {
-        return agent_fault(AGENT_MALFORMED, path + (S_ISREG(status.st_mode)
-                                                        ? " is too large for what this agent writes"
-                                                        : " is not a file"));
+        return agent_fault(AGENT_MALFORMED,
+                           path + (S_ISREG(status.st_mode) ? " is larger than this agent writes it"
+                                                           : " is not a file"));
     }
     const PackageStatus read = read_small_file(path, limit, FileKind::NOT_A_LINK, content);
-    return read.ok() ? AgentStatus{} : agent_fault(AGENT_MEDIUM, read.text);
+    return read.ok() ? AgentStatus{} : agent_fault(AGENT_STORAGE, read.text);
 }
 
 AgentStatus put_aside(const std::string& path) {
@@ -69,12 +69,13 @@ AgentStatus put_aside(const std::string& path) {
         if (rename(path.c_str(), aside.c_str()) == 0) {
             return flush_folder_of(path);
         }
-        // A folder that is not empty, or one that a file cannot replace, or the other way round.
+        // These mean that the new name is a folder that is not empty, or that one of both is a
+        // folder and the other a file. The next name is tried then.
         if (errno != ENOTEMPTY && errno != EEXIST && errno != EISDIR && errno != ENOTDIR) {
             break;
         }
     }
-    return medium_fault("rename", path);
+    return storage_fault("rename", path);
 }
 
 AgentStatus make_folder(const std::string& path) {
@@ -82,11 +83,12 @@ AgentStatus make_folder(const std::string& path) {
         const std::string folder = path.substr(0, end);
         if (mkdir(folder.c_str(), FOLDER_MODE) != 0) {
             if (errno != EEXIST) {
-                return medium_fault("make", folder);
+                return storage_fault("make", folder);
             }
             continue;
         }
-        // What will be flushed in it is lost with its name.
+        // Without this a power cut could lose the new folder, and with it files that were flushed
+        // in it.
         AgentStatus status = flush_folder_of(folder);
         if (!status.ok()) {
             return status;
@@ -95,14 +97,14 @@ AgentStatus make_folder(const std::string& path) {
     struct stat status = {};
     const std::string last = path.substr(0, path.size() - 1);
     if (lstat(last.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        return agent_fault(AGENT_MEDIUM, last + " is no folder");
+        return agent_fault(AGENT_STORAGE, last + " is not a folder");
     }
     return {};
 }
 
 AgentStatus store_file(const std::string& path, std::string_view content) {
     const std::string fresh = fresh_path(path);
-    // Of a power cut; nothing that lies there is written into.
+    // A power cut may have left this file. It is removed, never written into.
     if (unlink(fresh.c_str()) != 0 && errno == EISDIR) {
         (void)put_aside(fresh);
     }
@@ -110,7 +112,7 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
         const corvo::UniqueFd file(
             open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));
         if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
-            return medium_fault("write", fresh);
+            return storage_fault("write", fresh);
         }
     }
     bool replaced = rename(fresh.c_str(), path.c_str()) == 0;
@@ -122,7 +124,7 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
         replaced = rename(fresh.c_str(), path.c_str()) == 0;
     }
     if (!replaced) {
-        return medium_fault("replace", path);
+        return storage_fault("replace", path);
     }
     return flush_folder_of(path);
 }
@@ -132,7 +134,7 @@ AgentStatus remove_stored_file(const std::string& path) {
         if (errno == EISDIR) {
             return put_aside(path);
         }
-        return errno == ENOENT ? AgentStatus{} : medium_fault("remove", path);
+        return errno == ENOENT ? AgentStatus{} : storage_fault("remove", path);
     }
     return flush_folder_of(path);
 }

@@ -12,27 +12,28 @@ constexpr size_t ID_SIZE_MAX = 64;
 constexpr size_t NAME_SIZE_MAX = 128;
 constexpr size_t LINK_SIZE_MAX = 4096;
 constexpr size_t DETAILS_MAX = 50;
-constexpr size_t SAID_SIZE_MAX = 200;
+constexpr size_t MESSAGE_SIZE_MAX = 200;
 constexpr uint32_t SLEEP_MAX_S = 86400;
 
-constexpr bool is_word_character(char c) {
+constexpr bool is_id_character(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
            c == '_';
 }
 
-// What in a text's structure no answer has, or "". In one pass, before the text is parsed: a
-// callback of the parser's would scan all members of an object at the end of each of them, which
-// takes minutes for an answer of a megabyte, and what is built of it is forty times as large.
+// Checks nesting depth and number of values in one pass before the text is parsed. Returns what is
+// wrong, or "". The limits are not checked in a parser callback, because the parser would then scan
+// all members of an object at the end of each member, which takes minutes for a megabyte. Parsing
+// without limits would need forty times the text's size in memory.
 std::string structure_fault(std::string_view text) {
     size_t depth = 0;
-    size_t values = 0;  // objects, arrays, and all but the first of what is in them
+    size_t values = 0;  // objects, arrays, and all of their values except the first
     bool inString = false;
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '"') {
             inString = !inString;
         } else if (inString) {
-            i += c == '\\' ? 1 : 0;  // the next character does not end the string
+            i += c == '\\' ? 1 : 0;  // skips the escaped character, which may be a quote
         } else if (c == '[' || c == '{') {
             ++depth;
             ++values;
@@ -51,9 +52,8 @@ std::string structure_fault(std::string_view text) {
     return "";
 }
 
-// Reads a text into a value whose outermost is an object; what nests deeper, or holds more, than
-// any answer does is not even built. Takes time in proportion to the text's size. Returns what is
-// wrong, or "".
+// Parses a text that must be a JSON object. A text beyond the limits is refused before it is
+// parsed. The time needed is proportional to the text's size. Returns what is wrong, or "".
 std::string read_object(std::string_view text, Json& value) {
     if (text.size() > DDI_TEXT_SIZE_MAX) {
         return "longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes";
@@ -75,13 +75,13 @@ AgentStatus malformed(const char* answer, const std::string& fault) {
                                        std::string("the ") + answer + " of the server: " + fault);
 }
 
-// The member of this name; null when the object has none, or has null there.
+// Returns the member with this name, or null when it is missing or JSON null.
 const Json* find(const Json& object, const char* name) {
     const auto found = object.find(name);
     return found == object.end() || found->is_null() ? nullptr : &*found;
 }
 
-// The takers below return what is wrong, or "".
+// The take_...() functions below return what is wrong, or "".
 
 std::string take_text(const Json& object, const char* name, size_t most, std::string& text) {
     const Json* const value = find(object, name);
@@ -96,13 +96,13 @@ std::string take_text(const Json& object, const char* name, size_t most, std::st
 
 std::string take_id(const Json& object, const char* name, std::string& id) {
     std::string fault = take_text(object, name, ID_SIZE_MAX, id);
-    if (fault.empty() && !std::ranges::all_of(id, is_word_character)) {
+    if (fault.empty() && !std::ranges::all_of(id, is_id_character)) {
         fault = std::string("expected letters, digits, \"-\" and \"_\" as \"") + name + "\"";
     }
     return fault;
 }
 
-// A link that may be missing.
+// Reads an optional link; `href` stays unchanged when the link is missing.
 std::string take_link(const Json& links, const char* name, std::string& href) {
     const Json* const link = find(links, name);
     if (link == nullptr) {
@@ -117,15 +117,15 @@ std::string take_link(const Json& links, const char* name, std::string& href) {
     return fault.empty() ? fault : std::string("link \"") + name + "\": " + fault;
 }
 
-// "HH:MM:SS". The server's interval is a wish: one that cannot be read is as good as none, and what
-// else is in the answer counts.
+// Reads the polling interval, "HH:MM:SS". The interval is only a request of the server, so an
+// unreadable one is ignored (0) and the rest of the answer is used.
 uint32_t sleep_of(const Json& root) {
     const Json* const config = find(root, "config");
     const Json* const polling =
         config == nullptr || !config->is_object() ? nullptr : find(*config, "polling");
     std::string text;
     if (polling != nullptr && polling->is_object()) {
-        // What is not a text stays empty.
+        // `text` stays empty if the value is not a string.
         (void)take_text(*polling, "sleep", NAME_SIZE_MAX, text);
     }
     constexpr std::string_view FORM = "00:00:00";
@@ -194,11 +194,11 @@ std::string take_digest(const Json& artifact, Sha256& digest) {
     return fits ? "" : R"(expected 64 hexadecimal digits as "sha256" in "hashes")";
 }
 
-// A name that is also fit for the files beside it while it is fetched.
+// Whether the name cannot be confused with the agent's temporary files (NAME.part, NAME.part.from).
 bool is_fit_name(std::string_view name) {
     return name.front() != '.' && name.front() != '-' && !name.ends_with(".part") &&
            name.find(".part.") == std::string_view::npos &&
-           std::ranges::all_of(name, [](char c) { return is_word_character(c) || c == '.'; });
+           std::ranges::all_of(name, [](char c) { return is_id_character(c) || c == '.'; });
 }
 
 std::string take_file(const Json& artifact, DdiFile& file) {
@@ -228,7 +228,7 @@ std::string take_file(const Json& artifact, DdiFile& file) {
     return fault.empty() ? fault : file.name + ": " + fault;
 }
 
-// Memory cards make no difference between upper and lower case.
+// The file system of memory cards does not distinguish upper and lower case.
 bool same_name(std::string_view left, std::string_view right) {
     return std::ranges::equal(left, right, [](char a, char b) { return tolower(a) == tolower(b); });
 }
@@ -244,7 +244,7 @@ std::string add_file(const Json& artifact, std::vector<DdiFile>& files) {
     }
     for (const DdiFile& other : files) {
         if (same_name(other.name, file.name)) {
-            return "two files of the name " + file.name;
+            return "two files are named " + file.name;
         }
     }
     files.push_back(std::move(file));
@@ -279,7 +279,7 @@ std::string take_action(const Json& root, DdiAction& action) {
     if (!fault.empty()) {
         return fault;
     }
-    // The latter when the action waits for consent.
+    // The answer has "confirmation" when the action waits for consent.
     const Json* deployment = find(root, "deployment");
     if (deployment == nullptr) {
         deployment = find(root, "confirmation");
@@ -297,8 +297,8 @@ std::string take_action(const Json& root, DdiAction& action) {
     return fault.empty() ? take_files(*deployment, action.files) : fault;
 }
 
-// At most so many bytes of a text, whole characters of UTF-8.
-std::string cut(std::string_view text, size_t most) {
+// Returns at most `most` bytes of a text and does not split a UTF-8 character.
+std::string truncated(std::string_view text, size_t most) {
     if (text.size() > most) {
         size_t end = most;
         while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
@@ -374,7 +374,7 @@ std::string error_message(std::string_view text) {
     }
     std::ranges::replace_if(
         message, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
-    return cut(message, SAID_SIZE_MAX);
+    return truncated(message, MESSAGE_SIZE_MAX);
 }
 
 std::string feedback_text(const DdiFeedback& feedback) {
@@ -388,7 +388,7 @@ std::string feedback_text(const DdiFeedback& feedback) {
     Json details = Json::array();
     for (const std::string& detail : feedback.details) {
         if (details.size() < DETAILS_MAX) {
-            details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
+            details.push_back(truncated(detail, DDI_DETAIL_SIZE_MAX));
         }
     }
     return text_of_json({{"id", feedback.id},
@@ -401,7 +401,7 @@ std::string feedback_text(const DdiFeedback& feedback) {
 std::string confirmation_text(bool confirmed, std::string_view detail) {
     Json details = Json::array();
     if (!detail.empty()) {
-        details.push_back(cut(detail, DDI_DETAIL_SIZE_MAX));
+        details.push_back(truncated(detail, DDI_DETAIL_SIZE_MAX));
     }
     return text_of_json(
         {{"confirmation", confirmed ? "confirmed" : "denied"}, {"details", std::move(details)}});
@@ -410,7 +410,7 @@ std::string confirmation_text(bool confirmed, std::string_view detail) {
 std::string attributes_text(const DdiAttributes& attributes) {
     Json data = Json::object();
     for (const auto& [name, value] : attributes) {
-        data[name] = cut(value, DDI_ATTRIBUTE_SIZE_MAX);
+        data[name] = truncated(value, DDI_ATTRIBUTE_SIZE_MAX);
     }
     return text_of_json({{"mode", "replace"}, {"data", std::move(data)}});
 }

@@ -16,14 +16,15 @@ namespace {
 constexpr int REDIRECTS_MAX = 5;
 constexpr size_t ENTITY_TAG_SIZE_MAX = 256;
 constexpr int64_t RETRY_AFTER_MAX_S = 86400;
-// For a date of which only this camera's clock, which may not be set, says how far off it is.
+// Limit for a "Retry-After" date without a "Date" header. The wait is then computed from this
+// camera's clock, which may be wrong.
 constexpr int64_t RETRY_AFTER_UNDATED_MAX_S = 600;
-// Bytes of the page that comes with a redirect. What is longer ends the connection.
+// Bytes of a redirect's content that are read; the connection is closed if there are more.
 constexpr size_t REDIRECT_CONTENT_MAX = 65536;
-// Bytes a second: slower than this for the stall time-out is as good as nothing, so that a server
-// that drips cannot hold a camera for ever.
+// Bytes a second. A transfer that is slower for the whole stall time-out is ended, so that a server
+// that sends a byte now and then cannot block the camera for ever.
 constexpr long SPEED_MIN = 64;
-constexpr size_t SHOWN_SIZE_MAX = 200;  // bytes of an answer
+constexpr size_t SHOWN_SIZE_MAX = 200;  // bytes of an answer that a message quotes
 
 struct ListDeleter {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -50,7 +51,7 @@ AgentResult result_of(long code) {
         case 404:
         case 410:
             return AGENT_GONE;
-        case 407:  // a proxy's: the server was not asked
+        case 407:  // the proxy's answer: the server did not get the request
         case 408:
         case 425:
         case 429:
@@ -60,14 +61,14 @@ AgentResult result_of(long code) {
     }
 }
 
-// What an answer other than success says to people; it may be a proxy's, in whatever form.
+// The explanation in an error answer. It need not be JSON: it may be a page of a proxy.
 std::string explanation(std::string_view answer) {
     const std::string message = error_message(answer);
     return message.empty() ? printable_start(answer) : message;
 }
 
-// What an answer other than success means. `message` is what explains it, or empty. Where it leads
-// is shown too: the login page of a network answers in the server's place.
+// The status for an error answer. `message` is its explanation, or empty. The target of a redirect
+// is part of the text, because it shows that a network's login page answered, not the server.
 AgentStatus refusal(const std::string& method, const std::string& url, const HttpHead& head,
                     const std::string& message) {
     const std::string code = std::to_string(head.code) +
@@ -94,8 +95,8 @@ std::string header(CURL* handle, const char* name) {
                                                                                     : "";
 }
 
-// "Retry-After", a number of seconds or a date. A date counts from the server's own time, "Date":
-// this camera's clock may be decades behind.
+// Reads "Retry-After", a number of seconds or a date. A date is compared with the server's time
+// ("Date"), because this camera's clock may be wrong by decades.
 uint32_t retry_after_s(CURL* handle) {
     const std::string text = header(handle, "Retry-After");
     const bool number = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -117,7 +118,7 @@ uint32_t retry_after_s(CURL* handle) {
 HttpHead head_of(CURL* handle, const std::string& url) {
     HttpHead head;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &head.code);
-    // libcurl says where a redirect leads only when all of its content has come.
+    // The header is read here because libcurl reports a redirect's target only after its content.
     const std::string location = header(handle, "Location");
     const bool redirect = head.code >= 300 && head.code < 400 && !location.empty();
     head.location = redirect ? resolved_url(url, location) : "";
@@ -135,8 +136,8 @@ HttpHead head_of(CURL* handle, const std::string& url) {
     return head;
 }
 
-// Sets options. An option that this libcurl does not take is not passed over: the exchange is not
-// made.
+// Sets options of libcurl. The first failure is kept and prevents the exchange: no option is
+// silently ignored.
 struct Options {
     CURL* handle;
     CURLcode fault = CURLE_OK;
@@ -158,7 +159,7 @@ bool add(OwnedList& list, const std::string& line) {
     return longer != nullptr;
 }
 
-// What libcurl hands to its call-backs.
+// Passed by libcurl to the call-backs.
 struct Exchange {
     CURL* handle;
     const std::string& url;
@@ -178,22 +179,23 @@ size_t take_content(const char* bytes, size_t /*one*/, size_t size, void* user) 
     return exchange.status.ok() ? size : 0;
 }
 
-// Also called about once a second when no byte comes.
-int ask_to_stop(void* stop, curl_off_t /*total*/, curl_off_t /*done*/, curl_off_t /*toSend*/,
-                curl_off_t /*sent*/) noexcept {
+// libcurl calls this about once a second, also while no bytes arrive. A result of 1 ends the
+// transfer.
+int check_stop(void* stop, curl_off_t /*total*/, curl_off_t /*done*/, curl_off_t /*toSend*/,
+               curl_off_t /*sent*/) noexcept {
     return *static_cast<const std::atomic<bool>*>(stop) ? 1 : 0;
 }
 
-void set_trust(Options& options, const ServerSettings& settings, bool proven) {
+void set_tls(Options& options, const ServerSettings& settings, bool withCredentials) {
     options.set(CURLOPT_PROTOCOLS_STR, "http,https");
     options.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     options.set(CURLOPT_SSL_VERIFYPEER, 1L);
     options.set(CURLOPT_SSL_VERIFYHOST, 2L);
     if (!settings.ca.empty()) {
         options.set(CURLOPT_CAINFO, settings.ca.c_str());
-        options.set(CURLOPT_CAPATH, nullptr);  // these and no others
+        options.set(CURLOPT_CAPATH, nullptr);  // the system's CAs are not trusted then
     }
-    if (!proven || settings.certificate.empty()) {
+    if (!withCredentials || settings.certificate.empty()) {
         return;
     }
     options.set(CURLOPT_SSLCERT, settings.certificate.c_str());
@@ -201,17 +203,18 @@ void set_trust(Options& options, const ServerSettings& settings, bool proven) {
         options.set(CURLOPT_SSLKEY, settings.key.c_str());
         options.set(CURLOPT_SSLKEYTYPE, settings.key.starts_with("pkcs11:") ? "ENG" : "PEM");
     }
-    // A key that is locked is refused; nobody is there to be asked at the terminal.
+    // An empty password makes an encrypted key fail. Otherwise the TLS library would ask for the
+    // password on the terminal.
     options.set(CURLOPT_KEYPASSWD, "");
 }
 
-// An empty text is none, whatever environment variables say.
+// An empty string means no proxy. Without these options libcurl would use environment variables.
 void set_proxy(Options& options, const std::string& proxy) {
     options.set(CURLOPT_PROXY, proxy.c_str());
     options.set(CURLOPT_NOPROXY, "");
 }
 
-// Why an exchange has failed, for people.
+// Why an exchange failed, for messages.
 std::string reason_of(CURL* handle, CURLcode fault, const char* text) {
     long proxyCode = 0;
     curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &proxyCode);
@@ -224,7 +227,7 @@ std::string reason_of(CURL* handle, CURLcode fault, const char* text) {
 void set_limits(Options& options, const ServerSettings& settings, uint32_t limitS,
                 uint64_t bytesPerS) {
     options.set(CURLOPT_NOSIGNAL, 1L);
-    // The windows of HTTP/2 take megabytes.
+    // The receive windows of HTTP/2 need megabytes of memory.
     options.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     options.set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(settings.connectTimeoutS));
     options.set(CURLOPT_TIMEOUT, static_cast<long>(limitS));
@@ -240,9 +243,9 @@ struct Http::Request {
     const std::string& url;
     const std::vector<std::string>& headers;
     const std::string& body;  // of POST and PUT
-    bool proven;              // the camera says who it is
-    uint32_t limitS = 0;      // for all of it; 0: as long as bytes come
-    uint64_t bytesPerS = 0;   // 0: as fast as it goes
+    bool withCredentials;     // sends the authorization header and the client certificate
+    uint32_t limitS = 0;      // for the whole exchange; 0: as long as bytes arrive
+    uint64_t bytesPerS = 0;   // 0: no limit
 };
 
 void CurlDeleter::operator()(void* handle) const {
@@ -252,7 +255,7 @@ void CurlDeleter::operator()(void* handle) const {
 
 Http::Http(ServerSettings settings, const std::atomic<bool>& stop)
     : settings_(std::move(settings)), stop_(stop) {
-    // Counts, as its opposite does.
+    // Each of these calls needs a curl_global_cleanup(), which CurlDeleter calls.
     if (curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
         handle_.reset(curl_easy_init());
     }
@@ -290,21 +293,21 @@ std::string Http::path_part(const std::string& text) const {
 AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpContent& content) {
     head = {};
     if (stop_) {
-        return agent_fault(AGENT_STOPPED, "asked to end");
+        return agent_fault(AGENT_STOPPED, "asked to stop");
     }
     CURL* const handle = handle_.get();
-    curl_easy_reset(handle);  // its connections stay
+    curl_easy_reset(handle);  // keeps open connections
     OwnedList headers;
-    bool there = true;
+    bool added = true;
     for (const std::string& line : request.headers) {
-        there = there && add(headers, line);
+        added = added && add(headers, line);
     }
-    if (request.proven && !settings_.authorization.empty()) {
-        there = there && add(headers, "Authorization: " + settings_.authorization);
+    if (request.withCredentials && !settings_.authorization.empty()) {
+        added = added && add(headers, "Authorization: " + settings_.authorization);
     }
     char reason[CURL_ERROR_SIZE] = "";
     Exchange exchange = {handle, request.url, head, content, {}};
-    Options options = {handle, there ? CURLE_OK : CURLE_OUT_OF_MEMORY};
+    Options options = {handle, added ? CURLE_OK : CURLE_OUT_OF_MEMORY};
     options.set(CURLOPT_URL, request.url.c_str());
     options.set(CURLOPT_CUSTOMREQUEST, request.method);
     options.set(CURLOPT_HTTPHEADER, headers.get());
@@ -315,12 +318,12 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
     }
     options.set(CURLOPT_WRITEFUNCTION, take_content);
     options.set(CURLOPT_WRITEDATA, &exchange);
-    options.set(CURLOPT_XFERINFOFUNCTION, ask_to_stop);
+    options.set(CURLOPT_XFERINFOFUNCTION, check_stop);
     options.set(CURLOPT_XFERINFODATA, &stop_);
     options.set(CURLOPT_NOPROGRESS, 0L);
     options.set(CURLOPT_ERRORBUFFER, reason);
     set_limits(options, settings_, request.limitS, request.bytesPerS);
-    set_trust(options, settings_, request.proven);
+    set_tls(options, settings_, request.withCredentials);
     set_proxy(options, settings_.proxy);
     if (options.fault == CURLE_OK) {
         options.fault = curl_easy_perform(handle);
@@ -333,7 +336,7 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
         return exchange.status;
     }
     if (options.fault == CURLE_ABORTED_BY_CALLBACK) {
-        return agent_fault(AGENT_STOPPED, "asked to end");
+        return agent_fault(AGENT_STOPPED, "asked to stop");
     }
     return options.fault == CURLE_OK
                ? AgentStatus{}
@@ -353,8 +356,8 @@ AgentStatus Http::reload_token() {
     return status;
 }
 
-// Whether the token's file holds another token than the one that was refused. `fault` is what is
-// wrong with the file, to be added to the refusal's text.
+// Reads the token file again and returns whether the token differs from the refused one. `fault`
+// becomes what is wrong with the file, to be appended to the refusal's text.
 bool Http::has_new_token(std::string& fault) {
     const std::string refused = settings_.authorization;
     const AgentStatus status = reload_token();
@@ -371,7 +374,8 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
     }
     const auto content = [&answer](const HttpHead& /*head*/, std::span<const char> bytes) {
         if (bytes.size() > DDI_TEXT_SIZE_MAX - answer.size()) {
-            return malformed("longer than " + std::to_string(DDI_TEXT_SIZE_MAX) + " bytes");
+            return malformed("the answer is longer than " + std::to_string(DDI_TEXT_SIZE_MAX) +
+                             " bytes");
         }
         answer.append(bytes.begin(), bytes.end());
         return AgentStatus{};
@@ -380,7 +384,7 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
     std::string tokenFault;
     for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
         if (!server.same_origin(url_parts(place))) {
-            return malformed(shown_url(place) + " is not of the server " +
+            return malformed(shown_url(place) + " is not on the configured server " +
                              shown_url(settings_.url));
         }
         answer.clear();
@@ -390,7 +394,7 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
                       .url = place,
                       .headers = headers,
                       .body = body,
-                      .proven = true,
+                      .withCredentials = true,
                       .limitS = settings_.connectTimeoutS + settings_.stallTimeoutS},
                      head, content);
         if (status.result == AGENT_STOPPED || head.code == 0) {
@@ -399,9 +403,9 @@ AgentStatus Http::call(const char* method, const std::string& url, const std::st
         if (head.code == 401 && has_new_token(tokenFault)) {
             continue;
         }
-        // The others ask for a GET instead.
-        const bool same = body.empty() || head.code == 307 || head.code == 308;
-        if (is_redirect(head) && same) {
+        // Only 307 and 308 keep method and body; the other redirects turn a POST or PUT into a GET.
+        const bool keepsBody = body.empty() || head.code == 307 || head.code == 308;
+        if (is_redirect(head) && keepsBody) {
             place = head.location;
             continue;
         }
@@ -423,7 +427,7 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
                         HttpHead& head, const HttpContent& content) {
     const UrlParts server = url_parts(settings_.url);
     std::string message;
-    size_t skipped = 0;  // bytes that came with redirects
+    size_t skipped = 0;  // bytes of the contents of redirects
     const auto file_content = [&](const HttpHead& of, std::span<const char> bytes) {
         if (of.code == 200 || of.code == 206) {
             return content(of, bytes);
@@ -432,29 +436,29 @@ AgentStatus Http::fetch(const std::string& url, const std::vector<std::string>& 
             return AgentStatus{};
         }
         message = explanation({bytes.data(), bytes.size()});
-        return malformed("no file");
+        return malformed("the answer is not a file");
     };
     std::string place = url;
     std::string tokenFault;
     for (int redirects = 0; redirects <= REDIRECTS_MAX; ++redirects) {
         const UrlParts parts = url_parts(place);
         if (parts.scheme != "https" && (parts.scheme != "http" || server.scheme != "http")) {
-            return malformed(shown_url(place) + ": expected a link by https");
+            return malformed(shown_url(place) + ": expected an https link");
         }
         message.clear();
-        const bool proven = redirects == 0 && server.same_origin(parts);
+        const bool withCredentials = redirects == 0 && server.same_origin(parts);
         AgentStatus status = exchange({.method = "GET",
                                        .url = place,
                                        .headers = headers,
                                        .body = "",
-                                       .proven = proven,
+                                       .withCredentials = withCredentials,
                                        .bytesPerS = settings_.rateLimit},
                                       head, file_content);
         if (status.result == AGENT_STOPPED || head.code == 0) {
             return status;
         }
-        if (head.code == 401 && proven && has_new_token(tokenFault)) {
-            --redirects;  // the same place, proven as before
+        if (head.code == 401 && withCredentials && has_new_token(tokenFault)) {
+            --redirects;  // repeats the request at the same URL
             continue;
         }
         if (is_redirect(head)) {

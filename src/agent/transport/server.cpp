@@ -4,7 +4,7 @@
 
 namespace {
 
-// Feedback goes beside what it is about, whatever the link's query says.
+// The URL for feedback: that of the action or cancellation without its query, and "/feedback".
 std::string feedback_place(const std::string& href) {
     return href.substr(0, href.find_first_of("?#")) + "/feedback";
 }
@@ -15,7 +15,7 @@ std::string controller_place(const Http& http) {
            http.path_part(settings.controllerId);
 }
 
-// Asks for something, and has it read.
+// Sends a GET request and parses the answer.
 template <typename Record>
 AgentStatus get(Http& http, const std::string& url,
                 AgentStatus (*parse)(std::string_view text, Record& record), Record& record) {
@@ -26,12 +26,13 @@ AgentStatus get(Http& http, const std::string& url,
     }
     status = parse(answer, record);
     if (!status.ok() && !answer.empty()) {
-        status.text += "; it begins with \"" + printable_start(answer) + '"';
+        status.text += "; the answer begins with \"" + printable_start(answer) + '"';
     }
     return status;
 }
 
-AgentStatus send(Http& http, const char* method, const std::string& url, const std::string& body) {
+AgentStatus send_body(Http& http, const char* method, const std::string& url,
+                      const std::string& body) {
     std::string answer;
     return http.call(method, url, body, answer);
 }
@@ -64,15 +65,15 @@ std::string Server::action_href(const std::string& id) const {
 }
 
 AgentStatus Server::send_feedback(const std::string& href, const DdiFeedback& feedback) {
-    return send(*http_, "POST", feedback_place(href), feedback_text(feedback));
+    return send_body(*http_, "POST", feedback_place(href), feedback_text(feedback));
 }
 
 AgentStatus Server::send_confirmation(const std::string& href, bool confirmed,
                                       const std::string& detail) {
-    return send(*http_, "POST", feedback_place(href), confirmation_text(confirmed, detail));
+    return send_body(*http_, "POST", feedback_place(href), confirmation_text(confirmed, detail));
 }
 
 AgentStatus Server::send_attributes(const std::string& href, const DdiAttributes& attributes) {
-    return send(*http_, "PUT", href.empty() ? controller_place(*http_) + "/configData" : href,
-                attributes_text(attributes));
+    return send_body(*http_, "PUT", href.empty() ? controller_place(*http_) + "/configData" : href,
+                     attributes_text(attributes));
 }

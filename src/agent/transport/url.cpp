@@ -12,8 +12,8 @@ struct UrlDeleter {
 };
 using OwnedUrl = std::unique_ptr<CURLU, UrlDeleter>;
 
-// The URL taken apart, or null. With a user's name in it libcurl would prove who somebody is of its
-// own accord.
+// Parses the URL, or returns null. User names are not allowed: libcurl would send them as
+// credentials.
 OwnedUrl parse(const std::string& text) {
     OwnedUrl url(curl_url());
     if (url &&
@@ -54,7 +54,7 @@ UrlParts url_parts(const std::string& text) {
 
 std::string resolved_url(const std::string& base, const std::string& location) {
     const OwnedUrl url = parse(base);
-    // Schemes and users' names are the callers' to refuse; spaces are encoded, as browsers do.
+    // Callers refuse unknown schemes and user names. Spaces are encoded, as browsers do it.
     const unsigned flags = CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE;
     const bool known =
         url && curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) == CURLUE_OK;
@@ -65,7 +65,7 @@ std::string resolved_url(const std::string& base, const std::string& location) {
 std::string shown_url(const std::string& text) {
     const OwnedUrl url = parse(text);
     if (!url) {
-        return "a link that is no plain URL";
+        return "a link that is not a plain URL";
     }
     curl_url_set(url.get(), CURLUPART_QUERY, nullptr, 0);
     curl_url_set(url.get(), CURLUPART_FRAGMENT, nullptr, 0);

@@ -1,7 +1,9 @@
-// The action in hand, as it lies on the medium: what a restart of agent or camera must not forget.
+// The record of the current action and the history of ended ones. Both are kept in the state folder
+// so that they survive a restart of the agent or of the camera.
 //
-// `action.json` in the state folder. Every change is written beside it, flushed, renamed into place
-// and flushed again before the call returns, so that the medium has the old record or the new one.
+// The record is `action.json`. Each change is written to a second file, flushed, renamed to
+// `action.json` and flushed again before the call returns, so that a power cut leaves either the
+// old record or the new one.
 #ifndef AGENT_ACTION_H
 #define AGENT_ACTION_H
 
@@ -14,91 +16,94 @@
 
 // src/agent/action/protocol.pml has the same names.
 enum ActionStage : int32_t {
-    ACTION_NONE = 0,         // nothing in hand; there is no file
-    ACTION_DOWNLOADING = 1,  // an offer was taken, its files are being fetched
-    ACTION_WAITING = 2,      // all is there and verified; waits until the upgrade may start
-    ACTION_COMMITTED = 3,    // what is needed to judge is on the medium; the request comes next
+    ACTION_NONE = 0,         // no action; the record does not exist
+    ACTION_DOWNLOADING = 1,  // an offer was accepted, its files are being downloaded
+    ACTION_WAITING = 2,      // all files are stored and verified; waits until the upgrade may start
+    ACTION_COMMITTED = 3,    // the state before the upgrade is recorded; the request is posted next
     ACTION_POSTED = 4,       // the request was posted
-    ACTION_VERDICT = 5,      // how it ended is known; goes when the server has answered
+    ACTION_RESULT = 5,       // the result is known and has to be delivered to the server
 };
 
-// The word for a stage: "downloading".
-const char* stage_word(ActionStage stage);
+// The name of a stage in the record and in `status`: "downloading".
+const char* stage_name(ActionStage stage);
 
 // A file of an action as the server offered it.
 struct OfferedFile {
     std::string name;  // in the download folder
     uint64_t size = 0;
-    std::string
-        sha256;  // 64 hexadecimal digits; empty in a record of an agent that kept names only
+    // 64 hexadecimal digits; empty in a record of an older agent, which stored only names.
+    std::string sha256;
 };
 
 struct ActionRecord {
     ActionStage stage = ACTION_NONE;
-    std::string id;                  // the server's
-    std::vector<OfferedFile> files;  // with other ones under the same id it is another action
-    std::string manifestFile;        // one of them; empty when the offer does not show which
-    bool downloadOnly = false;       // the server wanted no more; the files wait for another action
-    uint32_t statuses = 0;  // that the server keeps of this action, requests for files included
-    uint32_t malformedOffers = 0;     // in a row that could not be read; `files` is empty then
-    std::string refusedCancellation;  // the last one that was answered
+    std::string id;                  // the server's id of the action
+    std::vector<OfferedFile> files;  // an offer with the same id and other files is another action
+    std::string manifestFile;   // its name in `files`; empty when the offer has not exactly one
+    bool downloadOnly = false;  // the server asked for the download only; the files are kept
+                                // for a later action
+    uint32_t statuses = 0;      // statuses that the server has stored, including requests for files
+    uint32_t malformedOffers = 0;     // unreadable offers in a row; `files` is empty then
+    std::string refusedCancellation;  // id of the last cancellation that was refused
 
-    // From the commit on. `manifest` is its text as package/manifest.h reads it.
+    // Set by the commit. `manifest` is the manifest's text, for parse_manifest().
     std::string manifest;
-    uint32_t attempts = 0;     // requests that were posted or were about to be
-    char slotBefore = '?';     // 'A', 'B', or '?' when it cannot be told
+    uint32_t attempts = 0;     // requests that were posted or were about to be posted
+    char slotBefore = '?';     // 'A', 'B', or '?' when unknown
     std::string recordBefore;  // the outcome record, byte for byte
-    std::string bootId;
-    int64_t processId = 0;  // of the agent that posts
+    std::string bootId;        // kernel_boot_id() at the commit, or when a success was last checked
+    int64_t processId = 0;     // of the agent that posts the request
 
-    // The verdict.
+    // The result.
     bool succeeded = false;
-    std::string words;
-    uint32_t refusedResults = 0;  // times that the server did not take it
+    std::string message;
+    uint32_t refusedResults = 0;  // how often the server refused it
 };
 
-// The SHA-256 of the action's manifest, as in OfferedFile; empty when it is not known.
+// Returns the SHA-256 of the action's manifest in the form of OfferedFile; empty when unknown.
 std::string manifest_digest(const ActionRecord& action);
 
-// Reads the record; none is stage ACTION_NONE. Returns AGENT_OK, AGENT_MEDIUM when nobody can tell
-// whether there is one, or AGENT_MALFORMED when it is not what an agent has written.
+// Reads the record; a missing record yields the stage ACTION_NONE. Returns AGENT_OK; AGENT_STORAGE
+// when it cannot be read; or AGENT_MALFORMED when it is not a record that an agent has written.
 AgentStatus load_action(const std::string& stateFolder, ActionRecord& action);
 
-// Renames a record that is malformed, as put_aside() does. Returns AGENT_OK or AGENT_MEDIUM.
+// Renames a malformed record as put_aside() does. Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus put_action_aside(const std::string& stateFolder);
 
-// Returns AGENT_OK or AGENT_MEDIUM.
+// Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus store_action(const std::string& stateFolder, const ActionRecord& action);
 AgentStatus remove_action(const std::string& stateFolder);
 
-// A line of the local history: how an action ended, for `status`, for whoever examines a camera
-// that the server has forgotten, and for a server that offers the same action again because it has
-// lost the result. The digest tells it from another server's action with the same id.
+// The result of an ended action. `status` prints the last one. If the server offers an action again
+// because it has lost the result, the result is sent from here. The manifest's digest distinguishes
+// the action from one of another server with the same id.
 struct HistoryEntry {
     std::string id;
     std::string manifestDigest;  // as manifest_digest() returns it
     std::string version;
     bool succeeded = false;
-    // The server took the result. Else it did not know the action any more (somebody may have quit
-    // it, or the answer to the same result was lost), or it refused the result each time.
-    bool told = false;
-    std::string words;
-    // Of a success, what is needed to check that the same system still runs: as in ActionRecord.
+    // Whether the server accepted the result. If not, the server no longer knew the action (an
+    // operator may have force quit it, or the answer to an earlier delivery was lost), or it
+    // refused the result each time.
+    bool reported = false;
+    std::string message;
+    // Set for a success, to check later that the same system still runs; as in ActionRecord.
     std::string manifest;
     char slotBefore = '?';
     int64_t time = 0;  // seconds since 1970, by the camera's clock
 };
 
-// Reads `history.json`; empty when there is none. Returns AGENT_OK, AGENT_MEDIUM when nobody can
-// tell what it holds, or AGENT_MALFORMED when it is not what an agent has written.
+// Reads `history.json`; `history` is empty when the file does not exist. Returns AGENT_OK;
+// AGENT_STORAGE when it cannot be read; or AGENT_MALFORMED when an agent has not written it.
 AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntry>& history);
 
-// Adds to `history.json`, which keeps the last 20. One that is malformed is put aside, which is
-// reported on standard error; one that cannot be read stays as it is. Returns AGENT_OK or
-// AGENT_MEDIUM.
+// Adds an entry to `history.json`, which keeps the last 20. A malformed file is renamed, as
+// put_aside() does, and reported on standard error. A file that cannot be read is not changed.
+// Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry);
 
-// Returns whether the history has this action. It has none whose digest is not known.
+// Finds the action with this id and manifest. Returns false when the history does not contain it,
+// or when the digest is empty (unknown).
 bool find_in_history(const std::string& stateFolder, const std::string& id,
                      const std::string& manifestDigest, HistoryEntry& entry);
 

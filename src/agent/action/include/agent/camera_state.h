@@ -1,4 +1,5 @@
-// What can be seen of this camera from outside the upgrade service.
+// Reads the camera's state from outside the upgrade service: slot, outcome record, request queue,
+// running service and partitions.
 #ifndef AGENT_CAMERA_STATE_H
 #define AGENT_CAMERA_STATE_H
 
@@ -11,54 +12,55 @@
 #include "package/manifest.h"
 #include "package/status.h"
 
-// Which system the boot environment starts, as `fw_printenv` says: 'A', 'B', or '?' when it cannot
-// be told, or the agent is to end. Starts a command; blocks for at most 10 s.
+// Returns the slot that the boot environment starts, as `fw_printenv` prints it: 'A', 'B', or '?'
+// when it is unknown or the agent is stopping. Runs a command; blocks for at most 10 s.
 char boot_slot();
 
-// Of the outcome record, byte for byte; empty when there is none.
+// Returns the outcome record, byte for byte; empty when it cannot be read.
 std::string outcome_record();
 
-// What the kernel drew when it started (random(4), "boot_id"); empty when it cannot be read.
+// Returns the random id that the kernel generated when it started (random(4), "boot_id"); empty
+// when it cannot be read.
 std::string kernel_boot_id();
 
-// Who has used the service's request queue (msgctl(2), IPC_STAT).
+// Which process used the service's request queue last (msgctl(2), IPC_STAT).
 enum class QueueUse {
-    NO_QUEUE,  // the service does not run, or its upgrade is over
-    UNUSED,    // nobody has sent anything since the queue was made
+    NO_QUEUE,  // the service does not run, or its upgrade has ended
+    UNUSED,    // no process has sent a message since the queue was created
     BY_US,     // the last sender has the given process id
     BY_OTHERS,
 };
 QueueUse queue_use(int64_t processId);
 
-// Text that is another one as soon as anybody has sent something to the queue.
+// Returns a text that changes when any process sends a message to the queue.
 std::string queue_mark();
 
-// Whether an upgrade has begun since the camera started: the service then has the system-call
-// daemon write a pid file to a folder that a restart empties. A file there that is not root's, or
-// that is a link, was made by somebody else and counts for nothing.
+// Whether an upgrade has begun since the camera started. At its beginning the service has the
+// system-call daemon write a pid file, and a restart removes it. A pid file that does not belong to
+// root, or that is a link, is ignored, because any user could have created it.
 bool upgrade_has_begun();
 
-// Whether a service is at work: whom the pid file names lives and is one, or one has taken the last
-// request from the queue, and that was sent by this process id. A service is a process that has its
-// name, that belongs to root with all its ids, and, where this process may look, that runs its
-// program.
+// Whether the upgrade service is working: the pid file names a running service, or a service took
+// the last request from the queue and that request was sent by the process `sender`. A process
+// counts as the service if it has the service's name, if all its user and group ids are root's, and
+// if it runs the service's program (skipped where this process may not read that).
 bool service_is_busy(int64_t sender);
 
-// Takes a request of this type back. Returns whether it still stood in the queue.
+// Removes a request of this type from the queue. Returns whether it was still in the queue.
 bool take_request_back(long messageType);
 
-// Reads as many bytes of each written partition as its image had and compares their SHA-256 with
-// the manifest's. Returns PACKAGE_OK, or PACKAGE_DIFFERENT or PACKAGE_UNREADABLE with the
-// partition.
+// Reads the beginning of each partition of the manifest, as many bytes as its image has, and
+// compares the SHA-256 with the manifest. Returns PACKAGE_OK; PACKAGE_DIFFERENT or
+// PACKAGE_UNREADABLE with a text that names the partition.
 PackageStatus check_partitions(const Manifest& manifest);
 
 // Runs the fitness command; blocks for at most a minute. Returns whether the camera may be upgraded
-// now; else `words` has its first line of output or its exit status. One that was killed because
-// the agent is to end says nothing: the caller looks at that first.
-bool camera_is_fit(const std::string& command, std::string& words);
+// now. If not, `message` becomes the command's first line of output, or its exit status. When the
+// agent is stopping, the command is killed and the result has no meaning; callers check that first.
+bool camera_is_fit(const std::string& command, std::string& message);
 
-// Bytes that an ordinary process may still write to the open folder's file system; 0 when it cannot
-// be told.
+// Returns the free bytes, for unprivileged processes, of the open folder's file system; 0 when
+// unknown.
 uint64_t free_space(int folder);
 
 #endif  // AGENT_CAMERA_STATE_H

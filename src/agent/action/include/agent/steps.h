@@ -1,4 +1,5 @@
-// The steps that the agent's procedure is made of. For procedure.cpp and the steps' own files only.
+// The steps of the agent's procedure. Only procedure.cpp and the files that implement the steps
+// include this.
 #ifndef AGENT_STEPS_H
 #define AGENT_STEPS_H
 
@@ -6,88 +7,91 @@
 
 #include "agent/procedure.h"
 
-// A line on standard output: "action 11: TEXT", or TEXT alone without an action. Control characters
-// are replaced.
-void say(const Agent& agent, const std::string& text);
+// Prints a line on standard output: "action 11: TEXT" for the current action, or TEXT alone without
+// an action. Control characters are replaced.
+void log_action(const Agent& agent, const std::string& text);
 
-// The same for an action that is not the current one.
+// Prints the same line for another action.
 void log_action(const std::string& id, const std::string& text);
 
-// The record onto the medium.
+// Stores the record of the current action.
 AgentStatus store(Agent& agent);
 
-// A status of the action to the server, if there is room for one more; what does not arrive is
-// lost. Returns what the server answered (AGENT_GONE: the action has vanished), AGENT_OK without
-// asking when there is no room.
-AgentStatus tell(Agent& agent, DdiExecution execution, const std::string& detail, uint32_t done = 0,
-                 uint32_t of = 0);
+// Sends a status of the action to the server, once. If the action has STATUSES_MAX statuses
+// already, nothing is sent and AGENT_OK is returned. Otherwise returns the result of the request;
+// AGENT_GONE means that the server no longer has the action.
+AgentStatus send_status(Agent& agent, DdiExecution execution, const std::string& detail,
+                        uint32_t done = 0, uint32_t of = 0);
 
-// What the update waits for: for `status`, and for the server, once.
+// Sets what the update waits for, as `status` prints it. Logs it and sends it to the server if it
+// has changed.
 void wait_for(Agent& agent, const std::string& what);
 
-// The update waits no longer: for the log.
+// Logs that the update no longer waits.
 void end_wait(Agent& agent);
 
-// Ends the action: the verdict onto the medium, then its files away. It is delivered by
-// deliver_verdict(). Returns AGENT_OK or AGENT_MEDIUM.
-AgentStatus conclude(Agent& agent, bool succeeded, const std::string& words);
+// Ends the action: stores its result, then removes its files. deliver_result() sends the result
+// later. Returns AGENT_OK or AGENT_STORAGE.
+AgentStatus finish_action(Agent& agent, bool succeeded, const std::string& message);
 
-// Removes files that lie in the agent's folder and that the action does not name; of an action with
-// a verdict all of them.
-void remove_needless_files(const Agent& agent);
+// Removes all files in the agent's folder that the action does not need. An action with a result
+// needs none.
+void remove_unused_files(const Agent& agent);
 
-// Whether the card is not mounted that packages must lie on; what the update waits for is that
-// then.
+// Whether the card for packages is not mounted. If so, the update is set to wait for it.
 bool waits_for_card(Agent& agent);
 
-// Forgets an action that the server does not know any more, and its files.
-AgentStatus drop(Agent& agent, const std::string& why);
+// Removes the record and the files of an action that has been canceled or replaced, or that the
+// server no longer offers. Returns AGENT_OK or AGENT_STORAGE.
+AgentStatus drop_action(Agent& agent, const std::string& why);
 
-// The one manifest of an offer that has its signature beside it. Null when there is none, or more
-// than one.
+// Returns the one file of the offer that has a signature file, or null when the offer has no such
+// file or more than one.
 const DdiFile* find_manifest(const DdiAction& offer);
 
-// ACTION_DOWNLOADING: fetches what is not there yet; ends in ACTION_WAITING or in a verdict.
-// Returns AGENT_OK, or why it could not go on now; AGENT_GONE: ask the server again.
+// ACTION_DOWNLOADING: downloads the missing files. The stage becomes ACTION_WAITING or
+// ACTION_RESULT. Returns AGENT_OK, or why the download could not continue; AGENT_GONE: poll the
+// server again.
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
 
-// The manifest in the agent's folder: whom it is signed by, and whether this camera takes it.
-// Returns PACKAGE_OK or what is wrong.
+// Reads the manifest in the agent's folder, verifies its signature and checks that this camera
+// accepts the package. Returns PACKAGE_OK or what is wrong.
 PackageStatus read_manifest(const Agent& agent, Manifest& manifest);
 
-// ACTION_WAITING: looks whether the upgrade may start, and starts it. Goes back to
-// ACTION_DOWNLOADING when the package is not there, and nothing of it is on partitions yet: there
-// is another card in the camera, or it was fetched to where none was.
+// ACTION_WAITING: starts the upgrade if it may start now. The stage becomes ACTION_DOWNLOADING
+// again when files are missing and no request was posted yet; the card may have been exchanged, or
+// mounted over the folder after the download.
 AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
 
-// ACTION_COMMITTED and ACTION_POSTED: finds out what has become of the request, waits for the
-// restart while one may come, judges after it. Posts again where nothing was decided. Returns
-// AGENT_OK, with the record in one of these stages or ACTION_VERDICT, AGENT_MEDIUM or
+// ACTION_COMMITTED and ACTION_POSTED: finds out what happened to the request. Waits for the restart
+// as long as one is possible, and determines the result after the restart. Posts again where
+// nothing was decided. Returns AGENT_OK, with one of these stages, ACTION_WAITING or ACTION_RESULT;
+// AGENT_STORAGE or AGENT_STOPPED.
+AgentStatus follow_upgrade(Agent& agent);
+
+// For a success that was found before the last restart of the camera: checks that the new system
+// still runs. If not, the result becomes a failure. Returns AGENT_OK, AGENT_STORAGE or
 // AGENT_STOPPED.
-AgentStatus see_through(Agent& agent);
+AgentStatus recheck_success(Agent& agent);
 
-// A success that was found before the last restart of the camera: checks whether the new system
-// still runs. The result becomes a failure when it does not. Returns AGENT_OK, AGENT_MEDIUM or
-// AGENT_STOPPED.
-AgentStatus look_again(Agent& agent);
+// ACTION_RESULT: sends the result to the server, once. If the server accepts it, it is moved to the
+// history. If not, the record is kept and the result is sent with later polls, up to
+// REFUSED_RESULTS_MAX times. A "not found" moves it to the history at once only if `offered` is
+// false, that is if the server no longer offers the action. Returns AGENT_OK, AGENT_STORAGE,
+// AGENT_STOPPED, or the result of the request.
+AgentStatus deliver_result(Agent& agent, bool offered);
 
-// ACTION_VERDICT: sends the result to the server, once; then it goes to the history and the record
-// is removed. The record stays when the server does not take the result, a few times: "not found"
-// is believed only when `offered` is false, which says that the server does not offer the action
-// any more. Returns AGENT_OK, AGENT_MEDIUM, AGENT_STOPPED, or what the server answered.
-AgentStatus deliver_verdict(Agent& agent, bool offered);
+// Adds the result to the history and removes the record. `accepted`: the server has accepted the
+// result. Returns AGENT_OK or AGENT_STORAGE.
+AgentStatus archive_result(Agent& agent, bool accepted);
 
-// Puts the result into the history, as taken by the server or not, and removes the record. Returns
-// AGENT_OK or AGENT_MEDIUM.
-AgentStatus forget_verdict(Agent& agent, bool taken);
-
-// What the server may filter cameras by.
+// Returns the attributes of the camera by which the server may filter.
 DdiAttributes camera_attributes(const AgentSettings& settings);
 
-// Milliseconds of a clock that nobody sets.
+// Returns the milliseconds of CLOCK_MONOTONIC, which does not jump when the time is set.
 uint64_t monotonic_ms();
 
-// Sleeps. Returns false when the agent is to end.
-bool pause(const Agent& agent, uint32_t milliseconds);
+// Waits; a signal ends the wait early. Returns false when the agent is stopping.
+bool wait_ms(const Agent& agent, uint32_t milliseconds);
 
 #endif  // AGENT_STEPS_H

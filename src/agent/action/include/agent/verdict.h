@@ -1,5 +1,5 @@
-// How an action ended, judged after the camera has restarted. A table without side effects; the
-// model in src/agent/action/protocol.pml has the same rows.
+// Determines the result of an action after the camera has restarted. Has no side effects. The model
+// in src/agent/action/protocol.pml decides in the same way (step JUDGE).
 #ifndef AGENT_VERDICT_H
 #define AGENT_VERDICT_H
 
@@ -7,7 +7,7 @@
 
 #include <string>
 
-// Requests for one action in all.
+// Maximum number of requests for one action.
 constexpr uint32_t ATTEMPTS_MAX = 3;
 
 enum class Judgement { SUCCESS, FAILURE, AGAIN };
@@ -15,20 +15,21 @@ enum class Judgement { SUCCESS, FAILURE, AGAIN };
 struct AfterRestart {
     std::string record;  // the outcome record, byte for byte
     std::string recordBefore;
-    char slot = '?';  // 'A', 'B', or '?' when it cannot be told
+    char slot = '?';  // 'A', 'B', or '?' when unknown
     char slotBefore = '?';
-    bool packageThere = false;  // every file of it, whole
-    // With the other slot only: whether the partitions were read and hashed, and what speaks
-    // against the new system running, a partition or the version file that is not what the package
-    // has. Empty when nothing does or nobody asked.
+    bool packageComplete = false;  // all files of the package exist and are complete
+    // Set only when the slot has changed. `partitionsRead`: the partitions were read and hashed.
+    // `mismatch`: the partition or version file that differs from the package; empty when all
+    // agree or nothing was compared.
     bool partitionsRead = false;
-    std::string disagreement;
-    uint32_t attempts = 0;  // so far
+    std::string mismatch;
+    uint32_t attempts = 0;  // requests so far
 };
 
+// Whether both slots are known and differ.
 bool is_other_slot(char slot, char before);
 
-// `words` is what the server is told.
-Judgement judge(const AfterRestart& seen, std::string& words);
+// Returns the result, and in `message` the reason that the server gets.
+Judgement judge(const AfterRestart& state, std::string& message);
 
 #endif  // AGENT_VERDICT_H

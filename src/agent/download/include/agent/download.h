@@ -1,12 +1,12 @@
-// Files of an action, fetched into the download folder.
+// Downloads the files of an action into the download folder.
 //
-// Bytes go to "NAME.part"; what belongs to them (size, digest, the server's entity tag) lies beside
-// it in "NAME.part.from", for a moment in "NAME.part.from.new". A download that was interrupted in
-// any way goes on behind the bytes that are there, which are read once to be hashed, when the
-// server still has the same file (Range and If-Range, RFC 9110 chapters 14 and 13.1.5), else it
-// starts anew. Bytes are flushed at each MiB, and when the call returns: a power cut costs less
-// than two MiB, the last whole one of which may have been flushed or not. The finished file is
-// flushed, renamed to NAME and the rename flushed too: a NAME is whole and has the announced
+// Bytes are written to "NAME.part". Their record (size, digest, the server's entity tag) is stored
+// in "NAME.part.from", and while it is written in "NAME.part.from.new". An interrupted download
+// continues after the bytes that are already stored, if the server still has the same file (Range
+// and If-Range, RFC 9110 chapters 14 and 13.1.5); the stored bytes are read once to compute their
+// digest. Otherwise the download starts again. Bytes are flushed after each MiB and when the call
+// returns, so that a power cut loses less than two MiB. The complete file is flushed and renamed to
+// NAME, and the rename is flushed too: a file called NAME is always complete and has the announced
 // digest.
 #ifndef AGENT_DOWNLOAD_H
 #define AGENT_DOWNLOAD_H
@@ -22,28 +22,28 @@
 #include "agent/server.h"
 #include "package/content.h"
 
-// Told the bytes of the file that are there, whenever some come; begins again when the file does.
-// The download ends as AGENT_STOPPED, what came so far kept, when it returns false. May block and
-// use another Server.
+// Called with the number of bytes that are stored, each time bytes arrive. The number restarts at 0
+// when the download starts again. When the function returns false, the download keeps the stored
+// bytes and ends with AGENT_STOPPED. The function may block and use another Server.
 using DownloadProgress = std::function<bool(uint64_t bytes)>;
 
 constexpr char PART_SUFFIX[] = ".part";
 
-// Fetches a file into the folder. `content`, when not null, is what the manifest
-// says of the file and is checked as the bytes arrive, beside the server's digest and size. A NAME
-// that is there is not fetched again, but read and checked. Memory does not grow with the size.
+// Downloads a file into the folder. `content` is the manifest's description of the file, or null.
+// It is checked while the bytes arrive, in addition to the server's digest and size. If NAME exists
+// already, it is read and checked but not downloaded. Memory use does not depend on the file's
+// size.
 //
-// The file is asked for once; twice when the part that came is not the one that was asked for, or
-// when the whole is another file than announced. That it came different is remembered, so that
-// interruptions do not make it come a third time. Not one byte is asked for when the server's word
-// and the manifest's cannot both be true. Returns
-//   AGENT_OK           NAME is there and is what was announced
-//   AGENT_UNREACHABLE  interrupted; what came so far is kept: call again, later when nothing came
-//   AGENT_DIFFERENT    other bytes than announced, twice; nothing is left of them
-//   AGENT_MALFORMED    an answer that is not this file, by its code or its length; what came before
-//                      stays
+// The file is requested once. It is requested a second time when the received part is not the
+// requested one, or when the complete file differs from the announced one. That a different file
+// came is stored in the record, so that interruptions cannot lead to a third request. Nothing is
+// requested when the descriptions of server and manifest contradict each other. Returns
+//   AGENT_OK           NAME exists and is the announced file
+//   AGENT_UNREACHABLE  interrupted; stored bytes are kept. Call again, later if no byte arrived
+//   AGENT_DIFFERENT    received twice, and twice not the announced file; all bytes were removed
+//   AGENT_MALFORMED    an answer whose code or length cannot be this file; stored bytes are kept
 //   AGENT_GONE, AGENT_REFUSED, AGENT_STOPPED
-//   AGENT_MEDIUM       the folder takes no more
+//   AGENT_STORAGE      the folder cannot be read or written, or is full
 AgentStatus download_file(Server& server, const DdiFile& file, const PackageFile* content,
                           const OpenFolder& folder, const DownloadProgress& progress);
 

@@ -1,4 +1,4 @@
-// Folders that the agent's files lie in, and who else can write there.
+// Opens and checks the folders of the agent's files, and detects folders that others can write to.
 #ifndef AGENT_FOLDER_H
 #define AGENT_FOLDER_H
 
@@ -11,15 +11,15 @@
 #include "agent/agent_result.h"
 #include "base/unique_fd.h"
 
-// Where packages lie: on a card that anybody may have filled.
+// The folder for packages. It is on a memory card, whose content is not trusted.
 struct PackageFolder {
     std::string path;  // absolute, without "." and "..", ends in "/"
-    // Folders whose file system it must not be on; those that do not exist say nothing. Empty: it
-    // may be on any.
+    // The folder must not be on the file system of any of these folders; folders that do not exist
+    // are ignored. Empty: any file system is allowed.
     std::vector<std::string> notOn = {};
 };
 
-// A folder that is open, for the calls that take a name in it.
+// An open folder, for the functions that expect a file name in it.
 struct OpenFolder {
     std::string path = {};  // for messages; ends in "/"
     corvo::UniqueFd descriptor = {};
@@ -27,39 +27,41 @@ struct OpenFolder {
     [[nodiscard]] int get() const { return descriptor.get(); }
 };
 
-// Opens the folder, as it is then. Whoever has it open keeps the card from being unmounted. Returns
-// AGENT_OK; AGENT_NO_CARD when it would be on a file system where it must not be; AGENT_MEDIUM when
-// it is not there, is reached by a symbolic link, or others can write to it or to a folder on the
-// way to it.
+// Opens the folder on the file system that is mounted at this moment. An open folder prevents that
+// the card is unmounted. Returns AGENT_OK; AGENT_NO_CARD when the folder is on a file system of
+// `notOn`; AGENT_STORAGE when it does not exist, when its path contains a symbolic link, or when
+// others can write to it or to one of its parent folders.
 AgentStatus open_folder(const PackageFolder& place, OpenFolder& folder);
 
-// The same; makes what is missing, of mode 700, but nothing where it must not be.
+// Creates missing folders of the path with mode 700, except on a file system of `notOn`, and opens
+// the folder. Returns the codes of open_folder().
 AgentStatus make_folder(const PackageFolder& place, OpenFolder& folder);
 
-// What the folder has under a name, without following a link. Returns whether there is anything.
+// Reads the status of an entry of the folder without following a link. Returns whether it exists.
 bool find_entry(const OpenFolder& folder, const std::string& name, struct stat& status);
 
-// Removes what has this name: a file, or a folder with what is in it, to a depth that nothing of
-// this program's reaches and without leaving the file system. Returns AGENT_OK, also when nothing
-// has it, or AGENT_MEDIUM.
+// Removes the entry with this name: a file, or a folder with its content. A folder is removed only
+// if its content is at most eight levels deep and on the same file system. Returns AGENT_OK, also
+// when the entry does not exist, or AGENT_STORAGE.
 AgentStatus remove_entry(const OpenFolder& folder, const std::string& name);
 
-// As store_file() does, for a name in the folder. What is no file under that name is removed.
+// Writes a file in the folder as store_file() does. A folder with this name is removed.
 AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
                             std::string_view content);
 
-// Flushes names that were made, renamed or removed.
+// Flushes the folder's entries: files that were created, renamed or removed.
 AgentStatus flush_folder(const OpenFolder& folder);
 
-// The first directory, from this folder up to the root, that others can write to: its mode lets
-// everybody, or a group that is neither root's nor the caller's own. One with the sticky bit lets
-// nobody replace what is another's, and counts as safe. Empty when there is none, and for a folder
-// that does not exist.
+// Returns the first directory, from this folder up to the root, that others can write to: all
+// users, or a group that is neither root's nor the caller's. A directory with the sticky bit is
+// safe, because users can replace only their own entries in it. Returns "" when all are safe, and
+// for a folder that does not exist.
 std::string folder_open_to_others(const std::string& folder);
 
-// Whether one of two folders is the other one or lies in it, by their paths (absolute, without "."
-// or "..", ending in "/") or by what exists of them: a mount can give one folder two names. Links
-// are followed in `stateFolder` alone; a package folder that is reached by one is never used.
+// Whether the two folders are the same or one contains the other. Both the paths (absolute, without
+// "." or "..", ending in "/") and the existing directories are compared, because a mount can give
+// one directory two paths. Symbolic links are followed in `stateFolder` only; a package folder
+// whose path contains a link is never used.
 bool folders_overlap(const std::string& packageFolder, const std::string& stateFolder);
 
 #endif  // AGENT_FOLDER_H

@@ -1,5 +1,4 @@
-// NAME.part, the bytes of a file that have come so far, on the medium and in the sums that prove
-// them.
+// NAME.part: the bytes of a file that have been received so far, and the digests over them.
 #ifndef AGENT_PART_FILE_H
 #define AGENT_PART_FILE_H
 
@@ -18,49 +17,51 @@
 #include "package/content.h"
 
 struct PartFile {
-    const DdiFile& file;         // what is to come
-    const PackageFile* content;  // what the manifest says of it; null: nothing beside the digest
+    const DdiFile& file;         // the file that is downloaded, as the server announced it
+    const PackageFile* content;  // its description in the manifest; null: only the digest counts
     const OpenFolder& folder;
     const std::atomic<bool>& stop;
 
     corvo::UniqueFd descriptor = {};
     PartRecord record = {};
-    uint64_t position = 0;  // bytes that are there and summed up
+    uint64_t position = 0;  // bytes that are stored and included in the digests
     Sha256Stream sha256 = {};
     std::optional<ContentCheck> check = {};
 };
 
-// The procedures return AGENT_OK, AGENT_MEDIUM, and what stands beside them.
+// All functions return AGENT_OK or AGENT_STORAGE, and the further codes that are named with each.
 
-// Sums up a NAME that is there. Removes one that is not what was announced: AGENT_DIFFERENT, as
-// when there is none. AGENT_STOPPED.
+// Reads an existing file NAME and checks its digests. Returns AGENT_DIFFERENT when NAME does not
+// exist or is not the announced file; it is removed then. Returns AGENT_STOPPED when the agent is
+// stopping.
 AgentStatus check_whole_file(PartFile& part);
 
-// Opens NAME.part, made when it is not there, and sums up what of it can be relied on; cuts the
-// rest off. Removed and made anew when it is something else, or a file that this user cannot open:
-// one of root's. AGENT_STOPPED.
+// Opens NAME.part, which is created if it does not exist. Includes its reliable bytes in the
+// digests and truncates the rest. If NAME.part is not a regular file, or this user cannot open it
+// (a file of root), it is removed and created again. Returns AGENT_STOPPED when the agent is
+// stopping.
 AgentStatus open_part(PartFile& part);
 
-// Forgets what has come so far.
+// Discards all bytes received so far.
 AgentStatus empty_part(PartFile& part);
 
-// The same for bytes that are about to come, under this entity tag.
+// Discards all bytes and records the entity tag of the bytes that will be appended.
 AgentStatus start_part(PartFile& part, const std::string& entityTag);
 
-// Takes the next bytes, which must not be more than are missing. AGENT_DIFFERENT when the manifest
-// says otherwise.
+// Appends bytes, at most as many as are missing. Returns AGENT_DIFFERENT when they contradict the
+// manifest.
 AgentStatus append_part(PartFile& part, std::span<const char> bytes);
 
-// Makes sure of what is there after an interruption, so that not a byte of it is fetched again.
+// Flushes and records all stored bytes after an interruption, so that none is downloaded again.
 AgentStatus keep_part(PartFile& part);
 
-// Compares the sums when all bytes are there. AGENT_DIFFERENT.
+// Compares the digests once all bytes are stored. Returns AGENT_DIFFERENT when they differ.
 AgentStatus check_sums(PartFile& part);
 
-// Makes NAME.part NAME.
+// Flushes NAME.part and renames it to NAME.
 AgentStatus put_in_place(PartFile& part);
 
-// Removes NAME.part and what belongs to it.
+// Removes NAME.part and its record.
 void remove_part(const PartFile& part);
 
 #endif  // AGENT_PART_FILE_H

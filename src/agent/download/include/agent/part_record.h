@@ -1,4 +1,4 @@
-// What is known of a file that is being fetched: NAME.part.from, beside NAME.part.
+// The record of an unfinished download: NAME.part.from, in the folder of NAME.part.
 #ifndef AGENT_PART_RECORD_H
 #define AGENT_PART_RECORD_H
 
@@ -13,16 +13,18 @@
 struct PartRecord {
     uint64_t size = 0;  // bytes of the whole file
     Sha256 sha256 = {};
-    std::string entityTag;       // printable, up to 256 characters; empty: the server gave none
-    uint64_t kept = 0;           // so many bytes are on the medium, whatever is known of the rest
-    bool cameDifferent = false;  // the whole file has come once already, and was another one
+    std::string entityTag;  // printable, up to 256 characters; empty: the server gave none
+    uint64_t kept = 0;      // at least this many bytes are flushed to storage
+    bool cameDifferent =
+        false;  // the file was received once completely and was not the announced one
 };
 
-// Reads the record of this name. Returns false when there is none, or none that was written here.
+// Reads the record with this name. Returns false when it does not exist or is not a complete
+// record.
 bool load_part_record(const OpenFolder& folder, const std::string& name, PartRecord& record);
 
-// Replaces the record, on the medium when the call returns: an interruption leaves the old one or
-// the new one. Returns AGENT_OK or AGENT_MEDIUM.
+// Replaces the record. It is flushed to storage when the call returns; a power cut leaves the old
+// record or the new one. Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus store_part_record(const OpenFolder& folder, const std::string& name,
                               const PartRecord& record);
 

@@ -1,4 +1,4 @@
-// Small files that survive a power cut at any moment.
+// Reads and replaces small files so that a power cut at any moment leaves a complete file.
 #ifndef AGENT_STORED_FILE_H
 #define AGENT_STORED_FILE_H
 
@@ -9,38 +9,39 @@
 
 #include "agent/agent_result.h"
 
-// "cannot WHAT PATH: " and the reason in errno: AGENT_MEDIUM.
-AgentStatus medium_fault(const char* what, const std::string& path);
+// Returns AGENT_STORAGE with the text "cannot WHAT PATH: " and the message for errno.
+AgentStatus storage_fault(const char* what, const std::string& path);
 
-// What stands beside a file while it is replaced.
+// The path of the temporary file while PATH is replaced: "PATH.new".
 std::string fresh_path(const std::string& path);
 
-// Reads a file that store_file() has written. Returns AGENT_OK; AGENT_GONE when there is none;
-// AGENT_MALFORMED when it has more than `limit` bytes or is not a file itself (a folder, a pipe, a
-// link), which is not waited for; AGENT_MEDIUM when nobody can tell what it holds.
+// Reads a file that store_file() has written. Returns AGENT_OK; AGENT_GONE when it does not exist;
+// AGENT_MALFORMED when it has more than `limit` bytes or is not a regular file (a folder, a pipe, a
+// link), without blocking on it; AGENT_STORAGE when it cannot be read.
 AgentStatus load_file(const std::string& path, size_t limit, std::string& content);
 
-// Renames whatever has this path to the first free one of "PATH.bad", "PATH.bad2" ... "PATH.bad9";
-// files with these names are replaced. Returns AGENT_OK or AGENT_MEDIUM.
+// Renames the file or folder at this path to "PATH.bad". An existing file of that name is replaced.
+// If a folder blocks it, "PATH.bad2" to "PATH.bad9" are tried. Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus put_aside(const std::string& path);
 
-// Writes all of it. Returns false with errno set when it could not.
+// Writes the whole content. Returns false with errno set on failure.
 bool write_all(int file, std::string_view content);
 
-// Puts `content` into the file: writes beside it (fresh_path()), flushes, renames, flushes the
-// folder. Whoever opens PATH finds the old content or the new one, whole. Mode 644. Folders with
-// either name are put aside. Blocks for the medium. Returns AGENT_OK or AGENT_MEDIUM.
+// Replaces the file's content: writes fresh_path(), flushes it, renames it to `path` and flushes
+// the folder. A reader always finds the complete old or the complete new content. The mode is 644.
+// A folder at either path is renamed by put_aside(). Blocks until storage has written the data.
+// Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus store_file(const std::string& path, std::string_view content);
 
-// Makes a folder, whose path ends in "/", of mode 700 and those above it that are missing. A link
-// in its place is none. Returns AGENT_OK or AGENT_MEDIUM.
+// Creates a folder, whose path ends in "/", and its missing parents with mode 700. Fails if the
+// path itself is a symbolic link. Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus make_folder(const std::string& path);
 
-// Removes a file, which may be missing, and flushes the folder. A folder with its name is put
-// aside. Returns AGENT_OK or AGENT_MEDIUM.
+// Removes a file, which need not exist, and flushes its folder. A folder at this path is renamed by
+// put_aside(). Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus remove_stored_file(const std::string& path);
 
-// Flushes names that were made, renamed or removed in the folder of this path.
+// Flushes the folder that contains this path: entries that were created, renamed or removed in it.
 AgentStatus flush_folder_of(const std::string& path);
 
 #endif  // AGENT_STORED_FILE_H

@@ -1,4 +1,4 @@
-// What a procedure of the agent says when it ends: how, and in one line why.
+// The status that the agent's functions return: a result code and one line with the reason.
 #ifndef AGENT_AGENT_RESULT_H
 #define AGENT_AGENT_RESULT_H
 
@@ -9,23 +9,23 @@
 
 enum AgentResult : int32_t {
     AGENT_OK = 0,
-    AGENT_UNREACHABLE = 1,  // network, TLS, proxy (407), 429 or 5xx: the same may work later
+    AGENT_UNREACHABLE = 1,  // network, TLS, proxy (407), 429 or 5xx: a later attempt may succeed
     AGENT_REFUSED = 2,      // 401 or 403: the server refuses this camera
-    AGENT_GONE = 3,         // 404 or 410: what was asked for is not there (any more)
-    AGENT_MALFORMED = 4,    // another refusal (4xx), or an answer that is not what it must be
-    AGENT_DIFFERENT = 5,    // the bytes that came are not those that were announced
-    AGENT_MEDIUM = 6,       // a file of this camera: not readable, not writable, no room
-    AGENT_STOPPED = 7,      // a signal asks the agent to end
-    AGENT_NO_CARD = 8,      // nothing is mounted where packages lie
+    AGENT_GONE = 3,         // 404 or 410: the requested object does not exist (any more)
+    AGENT_MALFORMED = 4,    // another refusal (4xx), or an answer that cannot be used
+    AGENT_DIFFERENT = 5,    // the received bytes are not the announced ones
+    AGENT_STORAGE = 6,      // a file on this camera cannot be read or written, or storage is full
+    AGENT_STOPPED = 7,      // a signal asked the agent to stop
+    AGENT_NO_CARD = 8,      // no card is mounted at the package folder
 };
 
 struct [[nodiscard]] AgentStatus {
     AgentResult result = AGENT_OK;
-    // One line: what was asked for and what came. Text from outside may be in it. Empty when all is
-    // well.
+    // One line for people: the operation and why it failed. It may contain text from the server.
+    // Empty on success.
     std::string text;
-    // Seconds that the server wants to be left alone for ("Retry-After"), at most a day; 0: it does
-    // not say.
+    // Seconds to wait before the next request ("Retry-After"), at most a day; 0: the server named
+    // no time.
     uint32_t retryAfterS = 0;
 
     [[nodiscard]] bool ok() const { return result == AGENT_OK; }

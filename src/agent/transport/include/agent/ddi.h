@@ -1,8 +1,9 @@
-// What the update server and a camera say to each other: the JSON texts of Eclipse hawkBit's Direct
-// Device Integration, as records. No network, no files; texts from the server may be any bytes.
+// Parses and writes the JSON messages of Eclipse hawkBit's Direct Device Integration. Uses neither
+// the network nor files. A message from the server may be any bytes.
 //
-// Both generations of the server are read (0.3 and 1.0). What a text must have and has not, or has
-// in another type, is AGENT_MALFORMED with what was expected; what is not known is passed over.
+// Messages of both server generations (0.3 and 1.0) are accepted. A required member that is missing
+// or has the wrong type yields AGENT_MALFORMED and a text that names what was expected. Unknown
+// members are ignored.
 #ifndef AGENT_DDI_H
 #define AGENT_DDI_H
 
@@ -19,12 +20,13 @@
 
 constexpr size_t DDI_TEXT_SIZE_MAX = 1048576;   // bytes of an answer
 constexpr size_t DDI_FILES_MAX = 64;            // files of an action
-constexpr size_t DDI_DETAIL_SIZE_MAX = 512;     // bytes: longer ones would count as several
-constexpr size_t DDI_ATTRIBUTE_SIZE_MAX = 128;  // bytes of a value: a longer one has all refused
+constexpr size_t DDI_DETAIL_SIZE_MAX = 512;     // bytes: the server counts a longer one as several
+constexpr size_t DDI_ATTRIBUTE_SIZE_MAX = 128;  // bytes of a value: one longer value makes the
+                                                // server refuse all attributes
 
-// The answer to a poll. A link is the URL to follow as it stands, empty when it was not given.
+// The answer to a poll. Each link is a complete URL, or empty when the answer has no such link.
 struct DdiPoll {
-    uint32_t sleepS = 0;  // until the next poll, 1 to 86400; 0: not said, or not readable
+    uint32_t sleepS = 0;  // seconds until the next poll, 1 to 86400; 0: missing or unreadable
     std::string configData;
     std::string deployment;
     std::string confirmation;
@@ -34,25 +36,24 @@ struct DdiPoll {
 enum class DdiHandling { SKIP, ATTEMPT, FORCED };
 
 struct DdiFile {
-    std::string name;   // letters, digits, ".", "-", "_"; at most 128, no ".part" at the end
+    std::string name;   // letters, digits, ".", "-", "_"; at most 128; does not end in ".part"
     uint64_t size = 0;  // bytes, at most INT64_MAX
     Sha256 sha256 = {};
-    std::string href;  // https when the server has one, else http
+    std::string href;  // the https link if the server gives one, else the http link
 };
 
-// An action: what "deploymentBase" or "confirmationBase" answers.
+// An action, as "deploymentBase" or "confirmationBase" returns it.
 struct DdiAction {
     std::string id;  // letters, digits, "-", "_"; at most 64
     DdiHandling download = DdiHandling::SKIP;
     DdiHandling update = DdiHandling::SKIP;
-    bool outsideWindow = false;  // the server's maintenance window is there and closed
-    std::vector<DdiFile> files;  // of all chunks, in their order; no two of one name, in upper or
-                                 // lower case
+    bool outsideWindow = false;  // the action has a maintenance window, which is closed now
+    std::vector<DdiFile> files;  // of all chunks, in their order; names are unique, ignoring case
 };
 
 struct DdiCancellation {
-    std::string id;      // of the cancellation, for its feedback
-    std::string stopId;  // of the action that is to stop
+    std::string id;      // of the cancellation; its feedback carries this id
+    std::string stopId;  // of the action to be canceled
 };
 
 enum class DdiExecution { DOWNLOAD, DOWNLOADED, PROCEEDING, SCHEDULED, REJECTED, CLOSED };
@@ -62,10 +63,10 @@ struct DdiFeedback {
     std::string id;  // of the action or of the cancellation
     DdiExecution execution = DdiExecution::PROCEEDING;
     DdiFinished finished = DdiFinished::NONE;
-    uint32_t done = 0;  // progress: so many of `of` steps; `of` 0: not said
+    uint32_t done = 0;  // progress: `done` of `of` steps; with `of` 0 no progress is sent
     uint32_t of = 0;
-    std::vector<std::string> details;  // the first 50 are sent; longer ones are cut, other bytes
-                                       // than UTF-8 are replaced
+    // The first 50 are sent. Each is truncated to DDI_DETAIL_SIZE_MAX; invalid UTF-8 is replaced.
+    std::vector<std::string> details;
 };
 
 using DdiAttributes = std::vector<std::pair<std::string, std::string>>;
@@ -75,12 +76,12 @@ AgentStatus parse_poll(std::string_view text, DdiPoll& poll);
 AgentStatus parse_action(std::string_view text, DdiAction& action);
 AgentStatus parse_cancellation(std::string_view text, DdiCancellation& cancellation);
 
-// What the server says of a request that it refuses, at most 200 bytes in one line; "" when the
-// text does not hold it.
+// Extracts the error message from the server's answer to a refused request: one line, at most 200
+// bytes. Returns "" when the text has no such message.
 std::string error_message(std::string_view text);
 
-// The texts that a camera sends. Attributes replace all that the server knew; longer values are
-// cut.
+// Write the messages that a camera sends. Attributes replace all that the server has stored; values
+// are truncated to DDI_ATTRIBUTE_SIZE_MAX.
 std::string feedback_text(const DdiFeedback& feedback);
 std::string confirmation_text(bool confirmed, std::string_view detail);
 std::string attributes_text(const DdiAttributes& attributes);

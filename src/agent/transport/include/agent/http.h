@@ -1,13 +1,15 @@
-// HTTP with the update server and with the hosts that it sends a camera to for files, by libcurl:
-// one handle, so that a connection is used again. HTTP/1.1 (RFC 9110, RFC 9112), TLS 1.2 or newer.
+// HTTP requests to the update server, and to other hosts from which files are downloaded, through
+// libcurl. One handle is used for all, so that connections are reused. HTTP/1.1 (RFC 9110, RFC
+// 9112), TLS 1.2 or newer.
 //
-// What proves who the camera is, the authorization header and the client certificate, goes to the
-// origin (scheme, host and port) of the configured server only, and with files not along a
-// redirect. A server that is reached by https leads nowhere to http. A request that is refused with
-// 401 is made once more when the token's file has another token by now.
+// The camera's credentials (authorization header and client certificate) are sent only to the
+// origin (scheme, host and port) of the configured server. A download that is redirected is fetched
+// without them. If the server is configured with https, links to http are refused. A request that
+// is refused with 401 is repeated when the token file contains a new token.
 //
-// Everything goes through the proxy of the settings, or through none: environment variables have no
-// effect. What a proxy refuses (407) is AGENT_UNREACHABLE: the server was not asked.
+// All requests use the configured proxy; without one they are direct, and environment variables
+// have no effect. A refusal by the proxy (407) is AGENT_UNREACHABLE, because the server got no
+// request.
 #ifndef AGENT_HTTP_H
 #define AGENT_HTTP_H
 
@@ -24,55 +26,58 @@
 #include "agent/agent_result.h"
 #include "agent/server.h"
 
-// What an answer says before its content comes.
+// Status and headers of an answer.
 struct HttpHead {
-    long code = 0;             // status, 200 to 599; 0: there is no answer
-    std::string entityTag;     // as it came; empty when there is none, or one of more than 256
-                               // characters or of other than printable ones
-    std::string contentRange;  // as it came, or empty
-    std::string location;      // where a redirect leads, or empty
-    int64_t length = -1;       // bytes of content, -1: not said
+    long code = 0;             // status, 200 to 599; 0: no answer was received
+    std::string entityTag;     // "ETag", unchanged; empty when missing, longer than 256 characters
+                               // or not printable
+    std::string contentRange;  // "Content-Range", unchanged, or empty
+    std::string location;      // absolute target URL of a redirect, or empty
+    int64_t length = -1;       // bytes of content, -1: not announced
     uint32_t retryAfterS = 0;
 };
 
-// Takes the next bytes of an answer, at least 1. A fault ends the exchange and is what it returns.
+// Receives the next bytes of an answer, at least 1. A status other than AGENT_OK ends the exchange,
+// which then returns that status.
 using HttpContent = std::function<AgentStatus(const HttpHead& head, std::span<const char> bytes)>;
 
-// The answer's first 200 printable bytes for people, in one line: each run of others is a space.
+// Returns the first 200 printable bytes of an answer, in one line for people. Each run of other
+// bytes becomes one space.
 std::string printable_start(std::string_view answer);
 
 struct CurlDeleter {
     void operator()(void* handle) const;
 };
 
-// For one thread.
+// To be used from one thread only.
 class Http {
   public:
-    // See server.h for both.
+    // Both arguments are described in server.h.
     Http(ServerSettings settings, const std::atomic<bool>& stop);
     Http(const Http&) = delete;
     Http& operator=(const Http&) = delete;
 
-    // Asks the server for JSON. `body` goes along with POST and PUT. Blocks until all of the answer
-    // is there, at most `connectTimeoutS` and `stallTimeoutS` together for each redirect. Redirects
-    // are followed five times within the server's origin. Returns as server.h has it.
+    // Sends a request to the server and receives a JSON answer. `body` is sent with POST and PUT.
+    // Blocks until the answer is complete, at most `connectTimeoutS` + `stallTimeoutS` for the
+    // request and for each redirect. Up to five redirects within the server's origin are followed.
+    // Returns the codes listed in server.h.
     AgentStatus call(const char* method, const std::string& url, const std::string& body,
                      std::string& answer);
 
-    // Fetches a file, from whatever host. `headers` ("Name: value") go along with each redirect, of
-    // which five are followed. `content` gets what comes with 200 or 206. Blocks as long as bytes
-    // come. Returns what `content` returned, or as server.h has it; `head` is that of the last
-    // answer.
+    // Downloads a file from any host. `headers` ("Name: value") are sent with each request; up to
+    // five redirects are followed. `content` receives the bytes of an answer with status 200 or
+    // 206. Blocks as long as bytes arrive. Returns a failure of `content`, or the codes listed in
+    // server.h; `head` describes the last answer.
     AgentStatus fetch(const std::string& url, const std::vector<std::string>& headers,
                       HttpHead& head, const HttpContent& content);
 
-    // See server.h.
+    // As Server::reload_token().
     AgentStatus reload_token();
 
     [[nodiscard]] const ServerSettings& settings() const { return settings_; }
     [[nodiscard]] const std::atomic<bool>& stop() const { return stop_; }
 
-    // The text as a part of a path, percent-encoded (RFC 3986).
+    // Percent-encodes the text for use as one segment of a path (RFC 3986).
     [[nodiscard]] std::string path_part(const std::string& text) const;
 
   private:

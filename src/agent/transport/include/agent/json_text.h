@@ -1,5 +1,5 @@
-// JSON from text and to text, in one place: the templates behind it take the compiler longer than
-// all that includes them.
+// Parses and prints JSON. The library's parser and printer are instantiated in json_text.cpp only,
+// because compiling these templates is slow.
 #ifndef AGENT_JSON_TEXT_H
 #define AGENT_JSON_TEXT_H
 
@@ -8,12 +8,12 @@
 
 using Json = nlohmann::json;
 
-// What a file of the camera's own holds, whose size its reader has bounded; a discarded value,
-// which is of no type, when it is no JSON. Answers of the server have more bounds (ddi.cpp).
+// Parses the content of a local file, whose size the caller has limited. Returns a discarded value
+// (is_discarded()) when the text is not JSON. Answers of the server are checked further in ddi.cpp.
 Json json_from(const std::string& text);
 
-// The value over several lines, each level indented by so many spaces, or in one line. What is no
-// UTF-8 in a string is replaced.
+// Prints the value over several lines, with `indent` spaces for each level, or in one line. Invalid
+// UTF-8 in strings is replaced.
 constexpr int ONE_LINE = -1;
 std::string text_of_json(const Json& json, int indent = ONE_LINE);
 

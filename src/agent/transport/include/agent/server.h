@@ -1,8 +1,9 @@
-// The conversation with the update server, a procedure for each thing that is asked or said.
+// The requests of the update server's interface, one function for each.
 //
-// Each blocks until the answer is there, at most `connectTimeoutS` and `stallTimeoutS` together
-// (for each of up to five redirects), or for a second after `stop` is set. All return AGENT_OK,
-// AGENT_UNREACHABLE, AGENT_REFUSED, AGENT_GONE, AGENT_MALFORMED or AGENT_STOPPED.
+// Each function blocks until the answer is complete, at most `connectTimeoutS` + `stallTimeoutS`
+// for the request and for each of up to five redirects. It returns within a second after `stop` is
+// set. All return AGENT_OK, AGENT_UNREACHABLE, AGENT_REFUSED, AGENT_GONE, AGENT_MALFORMED or
+// AGENT_STOPPED.
 #ifndef AGENT_SERVER_H
 #define AGENT_SERVER_H
 
@@ -18,26 +19,28 @@
 
 class Http;
 
-// How the server is reached, and how it and the camera prove who they are.
+// Address of the server, credentials of both sides, and limits.
 struct ServerSettings {
-    std::string url = {};  // "https://host:port", without a path's last "/"
+    std::string url = {};  // "https://host:port/path", without "/" at the end
     std::string tenant = "DEFAULT";
     std::string controllerId = {};   // any text of 1 to 255 characters
     std::string authorization = {};  // value of that header ("TargetToken SECRET"), or empty
-    std::string tokenFile = {};      // where its SECRET is from, to be read again; or empty
-    std::string proxy = {};          // "http://host:port" of an HTTP proxy, or empty: none
+    std::string tokenFile = {};      // file that contains the SECRET, or empty
+    std::string proxy = {};          // "http://host:port" of an HTTP proxy; empty: no proxy
     std::string certificate = {};    // PEM file of the camera's certificate, or empty
-    std::string key = {};            // its key: a PEM file or a PKCS#11 URI
-    std::string ca = {};            // PEM file of who may vouch for the server; empty: the system's
+    std::string key = {};            // private key of `certificate`: a PEM file or a PKCS#11 URI
+    std::string ca = {};  // PEM file of the CAs that may sign the server's certificate; empty: the
+                          // system's CAs
     uint64_t rateLimit = 0;         // bytes a second of downloads, at least 1024; 0: no limit
-    uint32_t connectTimeoutS = 30;  // at least 1, as the next one
-    uint32_t stallTimeoutS = 60;    // without 64 bytes a second
+    uint32_t connectTimeoutS = 30;  // at least 1
+    uint32_t stallTimeoutS = 60;    // at least 1: time below 64 bytes a second that ends a transfer
 };
 
-// One handle for all calls, so that a connection is used again. For one thread.
+// One libcurl handle serves all calls, so that connections are reused. To be used from one thread
+// only.
 class Server {
   public:
-    // `stop` ends calls that are under way; it outlives the server. May be set by a signal handler.
+    // `stop` must outlive the Server. Setting it ends a running call; a signal handler may do so.
     Server(ServerSettings settings, const std::atomic<bool>& stop);
     ~Server();
     Server(const Server&) = delete;
@@ -47,20 +50,20 @@ class Server {
     AgentStatus get_action(const std::string& href, DdiAction& action);
     AgentStatus get_cancellation(const std::string& href, DdiCancellation& cancellation);
 
-    // Where the server of the settings has an action, whatever link it was got by.
+    // Returns the URL of an action at the configured server, built from the action's id.
     [[nodiscard]] std::string action_href(const std::string& id) const;
-    // `href` is of an action or a cancellation: the feedback's place is beside it.
+    // `href` is the link of the action or of the cancellation; "/feedback" is appended to it.
     AgentStatus send_feedback(const std::string& href, const DdiFeedback& feedback);
     AgentStatus send_confirmation(const std::string& href, bool confirmed,
                                   const std::string& detail);
-    // The attributes' place is the controller's own when `href` is empty.
+    // With an empty `href` the controller's standard URL for attributes is used.
     AgentStatus send_attributes(const std::string& href, const DdiAttributes& attributes);
 
-    // Reads the token's file again, as each refusal (401) does. Returns AGENT_OK, or
-    // AGENT_MALFORMED when it cannot be used; the token that is known stays then.
+    // Reads the token file again. This also happens after each 401. Returns AGENT_OK, or
+    // AGENT_MALFORMED when the file cannot be used; the old token stays in use then.
     AgentStatus reload_token();
 
-    // For files: see download.h, whose procedure is the only caller.
+    // For downloads; only download_file() (download.h) uses it.
     [[nodiscard]] Http& http() { return *http_; }
 
   private:
