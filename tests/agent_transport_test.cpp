@@ -414,7 +414,8 @@ TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
         EXPECT_EQ(0, chmod("/run/token", 0640));
         const AgentStatus refused = world.run(step);
         EXPECT_EQ("REFUSED", name_of(refused));
-        EXPECT_TRUE(contains(refused.text, "401; the token: /run/token is accessible to other users"));
+        EXPECT_TRUE(
+            contains(refused.text, "401; the token: /run/token is accessible to other users"));
         EXPECT_EQ(0, chmod("/run/token", 0600));
         EXPECT_EQ("", world.run(step).text);
         EXPECT_EQ(3U, world.server.requests().size());
