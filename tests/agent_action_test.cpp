@@ -433,7 +433,7 @@ std::string simulate(const std::string& camera, const std::string& action,
     if (camera.starts_with("stuck")) {  // killed after the request, whose posting is not recorded
         EXPECT_EQ(-1, world.live(-1));
         OtaQueueMessage own = {};
-        if (contains(camera, "another")) {  // whose sender has taken this one away
+        if (contains(camera, "another")) {  // another sender replaces the request
             EXPECT_LT(0, msgrcv(Camera::queue(), &own, sizeof(own.text), 0, IPC_NOWAIT));
             OtaMessage others = {};
             others.mtype = 1;
@@ -444,7 +444,7 @@ std::string simulate(const std::string& camera, const std::string& action,
         EXPECT_EQ(contains(camera, "overtaken") ? 0 : -1, world.live());
         world.server().cancel(ID);
     }
-    if (camera == "talked") {  // the server has got so many statuses that it takes hardly more
+    if (camera == "talked") {  // the limit of statuses for an action is nearly reached
         const bool closed = action == "outside-window";
         world.live();
         EXPECT_EQ(0, shell(std::string("sed -i 's/statuses.*/statuses\": ") +
@@ -482,7 +482,7 @@ std::string simulate(const std::string& camera, const std::string& action,
         EXPECT_EQ(1U, world.server().count(repeated));
     }
     world.live_to_the_end();
-    // The result was not delivered, and something else happens to the camera.
+    // The result was not delivered, and then the camera restarts or is upgraded manually.
     if (camera.starts_with("later")) {
         world.restart();
         world.server().misbehave("");
@@ -949,7 +949,7 @@ TEST(Action, EndIsReportedOnceFromAReadOnlyStateFolder) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_TRUE(agent.polls(world.server(), 5000));
         }
-        // What is not stored is not reported.
+        // A report that could not be stored must not be sent.
         EXPECT_EQ(0U, world.server().count("feedback", "closed"));
         EXPECT_EQ(0, umount(STATE_FOLDER.c_str()));
         EXPECT_TRUE(agent.polls(world.server(), 5000));

@@ -272,7 +272,7 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
             testing::ExitedWithCode(0), "")
             << text.substr(0, 16);
     }
-    // Texts of the agent are bounded, too.
+    // The lengths of the agent's own texts are limited too.
     EXPECT_GT(2000U, feedback_text({.id = "11", .details = {repeated("x")}}).size());
     // Memory must not grow with the number of elements in the answer either.
     DdiPoll poll;
@@ -294,7 +294,7 @@ TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
     EXPECT_NE("", world.server.requests().back().condition);
     EXPECT_EQ(" kernel.bin", names_in(FOLDER));
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
-    // A record that is not whole counts for nothing.
+    // An incomplete record of the part file is ignored.
     std::filesystem::rename(FOLDER + "kernel.bin", part);
     write_file(part + ".from", replaced(record, "end\n", ""));
     EXPECT_EQ("", world.run("file").text);
@@ -351,7 +351,7 @@ TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
         std::filesystem::remove(FOLDER + "kernel.bin");
     }
     EXPECT_EQ("theirs", read_file("/run/theirs"));
-    // A group that the agent's user is not of may write there.
+    // A group to which the agent's user does not belong may write to the folder.
     EXPECT_EQ(0, chown(FOLDER.c_str(), 990, 991));
     EXPECT_EQ(0, chmod(FOLDER.c_str(), 0770));
     EXPECT_EQ(0, seteuid(990));

@@ -210,7 +210,8 @@ TEST_F(Dbus, ConnectionsToDyingServersAreReplacedUntilOneLives) {
     system_call_exit();
     devices.hurry = 10;
     ASSERT_EQ(system_call_init(), DBUS_OK);
-    for (int lives = 0; lives < 30; ++lives) {  // each costs some attempts, together too many
+    for (int lives = 0; lives < 30;
+         ++lives) {  // more failed attempts than the client allows in sequence
         server.reset();
         std::this_thread::sleep_for(milliseconds(30));
         server = std::make_unique<SimulatedDaemon>(echo, echo);
@@ -413,7 +414,7 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     SystemCall_Dbus_UnRegister(client);
     EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
     EXPECT_EQ(Dbus_UnLock(nullptr), DBUS_UNLOCK_NULL);
-    // A record is found wherever it begins.
+    // The reader finds a record that begins at any byte of the stream.
     RecordReader shifted = {};
     memcpy(shifted.bytes + 1, &SYSTEM_CALL_DBUS_HEAD, sizeof(SYSTEM_CALL_DBUS_HEAD));
     EXPECT_EQ(record_accept(&shifted, 5), RECORD_BAD_HEAD);

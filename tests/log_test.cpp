@@ -92,7 +92,7 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     LogStream subscriber;
     std::string record;
     ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
-    usleep(50000);  // it finds nobody at first
+    usleep(50000);  // the first attempt to connect fails
     // With several bits the highest one counts: 768 is module 10, like 512.
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
     EXPECT_EQ(g_slept_us, 100000U) << "subscribers connect meanwhile";

@@ -106,7 +106,8 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
         if (resultStored && !verdict) {
             EXPECT_TRUE(record.size() < 2 || record[OTA_DATA_KEY_RESULT] != OTA_RESULT_SUCCEEDED);
         }
-        // This state is new here; the other modes begin with the state of a success.
+        // The initial record cannot contain the state of a success of auto-flash, so this run
+        // stored it.
         EXPECT_TRUE(record.size() < OTA_DATA_KEY_COUNT ||
                     record[OTA_DATA_KEY_STATE] != OTA_STATE_AUTO_FLASH_SUCCESS ||
                     record[OTA_DATA_KEY_RESULT] == OTA_RESULT_SUCCEEDED);

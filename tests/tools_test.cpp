@@ -89,7 +89,7 @@ TEST_F(SystemCallDaemon, NeitherAHangingCommandNorItsChildrenHoldItUp) {
 
 TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
     corvo::UniqueFd busy = listening_as_daemon();
-    corvo::UniqueFd waiting[3];  // more than the listener keeps
+    corvo::UniqueFd waiting[3];  // more connections than the listener's backlog
     for (corvo::UniqueFd& fd : waiting) {
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
         corvo::ignore_result(connect(fd.get(), reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS),
@@ -198,7 +198,7 @@ TEST_F(Otactl, FollowsToTheVerdict) {
     }
     EXPECT_TRUE(heard.get().ends_with(";event"));
     write_file("/run/images/dtb.bin", "");
-    run("otactl send files --dir /run/images dtb");  // another sender's
+    run("otactl send files --dir /run/images dtb");  // a request of another sender
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ("2 / otactl: the service did not receive the request, which is withdrawn",
               run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));

@@ -50,7 +50,8 @@ class Faults {
     Faults(std::initializer_list<Fault> wanted = {});
     ~Faults();
 
-    // Of "usleep" the microseconds that were asked for, of "tick" the milliseconds of select().
+    // Returns the number of calls; for "usleep" the requested microseconds, for "tick" the
+    // milliseconds of select().
     static int calls(const char* call);
     static const char* opened();  // paths of successful opens in order, each followed by " "
 };

@@ -49,7 +49,7 @@ std::string subject_of(const httplib::Request& request) {
 // How an answer is sent.
 struct Manner {
     size_t cut = SIZE_MAX;
-    int dripMs = 0;  // between two bytes; 0: it does not drip
+    int dripMs = 0;  // pause between two bytes; 0: sends the whole content at once
     bool chunked = false;
 };
 
