@@ -98,7 +98,7 @@ check_agent() {
     inside sh -c 'echo "window = noon" >> /etc/corvo/agent.conf'
     inside systemctl restart corvo-agent || :
     check "a wrong setting ends the agent without a restart" await 10 says 64 inside systemctl show --property ExecMainStatus corvo-agent
-    check "the journal names the wrong setting" says 'window: HH:MM' inside journalctl --no-pager --unit corvo-agent
+    check "the journal names the wrong setting" says 'window: must be HH:MM' inside journalctl --no-pager --unit corvo-agent
     check "the agent is purged" inside dpkg -P corvo-agent
     check "no file of the agent is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
 }
