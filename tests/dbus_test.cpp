@@ -210,8 +210,8 @@ TEST_F(Dbus, ConnectionsToDyingServersAreReplacedUntilOneLives) {
     system_call_exit();
     devices.hurry = 10;
     ASSERT_EQ(system_call_init(), DBUS_OK);
-    for (int lives = 0; lives < 30;
-         ++lives) {  // more failed attempts than the client allows in sequence
+    // Together more failed attempts than the client allows in sequence.
+    for (int lives = 0; lives < 30; ++lives) {
         server.reset();
         std::this_thread::sleep_for(milliseconds(30));
         server = std::make_unique<SimulatedDaemon>(echo, echo);
