@@ -13,7 +13,6 @@
 namespace {
 
 constexpr uint64_t ALL = ~0ULL;
-constexpr size_t COMBINATIONS_MAX = 128;
 constexpr size_t TRIED_IN_ALL_SUBSETS = 4;  // changes of one file or folder
 constexpr size_t ONE_WRITE_MAX = 1048576;   // bytes
 
@@ -205,11 +204,9 @@ void ForgetfulStorage::replay(const std::string& log, const Observer& before) {
     std::filesystem::remove(log);
 }
 
-ForgetfulStorage::State ForgetfulStorage::state(const Choice& choice, uint64_t others) const {
-    const auto pick = [&](const auto& of) {
-        const auto chosen = choice.find(&of);
-        return of.with(chosen == choice.end() ? others : chosen->second);
-    };
+ForgetfulStorage::State ForgetfulStorage::state(const void* one, uint64_t which,
+                                                uint64_t others) const {
+    const auto pick = [&](const auto& of) { return of.with(&of == one ? which : others); };
     State state;
     for (const auto& [path, folder] : folders_) {
         if (state.contains(path) || !folders_.contains(folder_of(path))) {
@@ -222,42 +219,24 @@ ForgetfulStorage::State ForgetfulStorage::state(const Choice& choice, uint64_t o
 }
 
 std::vector<ForgetfulStorage::State> ForgetfulStorage::states() const {
-    std::map<const void*, std::vector<uint64_t>> open;  // sets of unflushed changes
+    std::vector<State> states = {state(nullptr, 0, 0)};
+    const auto add = [&](const auto& one) {
+        for (const uint64_t which : subsets(one.changes.size())) {
+            states.push_back(state(&one, which, 0));
+            states.push_back(state(&one, which, ALL));
+        }
+    };
     for (const auto& [path, folder] : folders_) {
         for (const auto& [name, file] : folder.with(ALL)) {
             if (file != nullptr && !file->changes.empty()) {
-                open[file.get()] = subsets(file->changes.size());
+                add(*file);
             }
         }
         if (!folder.changes.empty()) {
-            open[&folder] = subsets(folder.changes.size());
+            add(folder);
         }
     }
-    std::vector<Choice> choices = {{}};  // all combinations
-    for (const auto& [of, variants] : open) {
-        std::vector<Choice> more;
-        for (const Choice& choice : choices) {
-            for (size_t i = 0; i < variants.size() && more.size() <= COMBINATIONS_MAX; ++i) {
-                more.push_back(choice);
-                more.back()[of] = variants[i];
-            }
-        }
-        choices = more;
-    }
-    std::vector<State> states = {state({}, 0)};
-    if (choices.size() <= COMBINATIONS_MAX) {
-        for (const Choice& choice : choices) {
-            states.push_back(state(choice, 0));
-        }
-    } else {
-        for (const auto& [of, variants] : open) {
-            for (const uint64_t which : variants) {
-                states.push_back(state({{of, which}}, 0));
-                states.push_back(state({{of, which}}, ALL));
-            }
-        }
-    }
-    states.push_back(state({}, ALL));
+    states.push_back(state(nullptr, 0, ALL));
     return states;
 }
 

@@ -35,9 +35,9 @@ class ForgetfulStorage {
     using Observer = std::function<void(const std::string& call, const std::string& sent)>;
     void replay(const std::string& log, const Observer& before);
 
-    // Returns the states that a power cut can leave now. The first has only the flushed data, the
-    // last everything that was written. Between them are all combinations or, if these are too
-    // many, all variants of each single file and folder, with the others as flushed and as written.
+    // What a power cut can leave now: first everything flushed and nothing else, at the end all
+    // that was written; in between every single file and folder in all its variants, with the
+    // others as flushed and as written.
     [[nodiscard]] std::vector<State> states() const;
 
   private:
@@ -57,12 +57,11 @@ class ForgetfulStorage {
     };
     using File = Stored<std::string>;
     using Names = std::map<std::string, std::shared_ptr<File>>;  // null: a folder
-    using Choice = std::map<const void*, uint64_t>;
     struct Operation;
 
     void perform(const Operation& operation);
     bool perform(const Operation& operation, File& file);
-    [[nodiscard]] State state(const Choice& choice, uint64_t others) const;
+    [[nodiscard]] State state(const void* one, uint64_t which, uint64_t others) const;
 
     std::map<std::string, Stored<Names>> folders_;
     std::map<std::string, uint64_t> positions_;  // file positions for write()
