@@ -20,7 +20,7 @@ foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync f
   target_link_options(corvo_agent_with_cuts PRIVATE -Wl,--wrap=${symbol})
 endforeach()
 
-corvo_test(agent_action_test SOURCES agent_action_test.cpp support/forgetful_storage.cpp
+corvo_test(agent_action_test SOURCES agent_action_test.cpp support/agent_world.cpp support/forgetful_storage.cpp support/session.cpp
            LINK agent_parts test_camera simulated_server TIMEOUT 600)
 target_compile_definitions(agent_action_test PRIVATE
   AGENT_WITH_CUTS="$<TARGET_FILE:corvo_agent_with_cuts>"

@@ -3,7 +3,7 @@
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
-rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/late /run/fitness.pid
+rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/begins /run/late /run/agent.log /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # The package folder is a link to a folder with other files.
@@ -41,21 +41,28 @@ case $1 in stuck*late) touch /run/late ;; esac
 case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac
 printf 'p\1rst\3v' > /config/ota_data.dat
 echo A > /run/slot
-case $1 in overtaken*) touch /run/overtaken ;; esac
+case $1 in *overtaken\ begun) touch /run/begins ;; overtaken*) touch /run/overtaken ;; esac
 case $1 in slotless) : > /run/slot ;; esac
 echo 1.9 > /etc/version
 # With /run/stop: sends SIGTERM to the agent while it queries the slot, and fails.
 cat > /camera/bin/fw_printenv << 'end'
 #!/bin/sh
 [ ! -e /run/stop ] || { rm /run/stop && kill -TERM "$(cat /run/agent.pid)" && exit 1; }
-# With /run/overtaken: another sender posts a request right before the agent does.
-if [ -e /run/overtaken ] && [ -e /media/mmcblk0p1/ota/agent/rootfs.img ]; then
-    mv /run/overtaken /run/overtake
+# Another sender, or the service, is faster while an upgrade is committed.
+if [ -e /media/mmcblk0p1/ota/agent/rootfs.img ]; then
+    [ ! -e /run/overtaken ] || mv /run/overtaken /run/overtake
+    [ ! -e /run/begins ] || { rm /run/begins && echo 999999 > /tmp/corvo_upgrade.pid; }
 fi
 while [ -e /run/overtake ]; do sleep 0.02; done
 cat /run/slot
 end
 chmod 755 /camera/bin/fw_printenv
+# What the service runs to switch the slot.
+case $1 in
+    *no-switch*) echo : > /etc/init.d/S99checkboot ;;
+    *) printf '#!/bin/sh\necho "${1#system}" > /run/slot\n' > /etc/init.d/S99checkboot ;;
+esac
+chmod 755 /etc/init.d/S99checkboot
 boot_id=/proc/sys/kernel/random/boot_id
 echo 0 > /run/boot_id
 [ "$(cat $boot_id)" = 0 ] || mount --bind /run/boot_id $boot_id
@@ -71,8 +78,8 @@ chmod 600 /etc/corvo/token
     case $1 in *cardless*) ;; *) echo "require-mount = no" ;; esac
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
-        asks* | agrees* | denies*) echo "confirm = ask" ;;
-        # Changes a verified file right before the request.
+        asks*) echo "confirm = ask" ;;
+        # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;
         slow) echo 'fitness-command = "[ -e /run/once ] || touch /run/once /run/gate; while [ -e /run/gate ]; do sleep 0.02; done"' ;;
         hangs) echo 'fitness-command = "echo $$ > /run/fitness.pid; exec sleep 600"' ;;

@@ -36,6 +36,25 @@ void expect_session(const char* name, const std::string& before,
     expect_cases(name, typed, rows);
 }
 
+std::string do_steps(const std::string& steps,
+                     const std::function<std::optional<std::string>(
+                         const std::string&, const std::string&, const std::string&)>& known) {
+    std::string printed;
+    for (const std::string& step : lines_of(replaced(steps, " \\| ", "\n"))) {
+        std::string verb, first, rest;
+        std::istringstream words(step);
+        words >> verb >> first >> std::ws;
+        std::getline(words, rest);
+        rest.resize(rest.find_last_not_of(' ') + 1);
+        std::optional<std::string> each = known(verb, first, rest);
+        if (!each) {
+            each = replaced(run(step), "^0( / )?", "");
+        }
+        printed += (printed.empty() || each->empty() ? "" : " / ") + *each;
+    }
+    return printed.empty() ? "done" : printed;
+}
+
 std::string posted_request(int queue, int flags) {
     OtaQueueMessage queued = {};
     OtaMessage message = {};

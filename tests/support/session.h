@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_SESSION_H
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "files.h"
@@ -17,8 +18,15 @@ void expect_session(
     const std::function<std::string()>& more = [] { return ""; },
     Rows rows = Rows::BUILD_ON_EACH_OTHER);
 
-// Receives a request from the queue and returns it as text after " / "; "" if there is none.
-// `flags` are those of msgrcv(2).
+// Does the steps of a row, which have " | " between them; returns what they print, with " / "
+// between, or "done". `known` does those whose first word it knows; others are typed.
+std::string do_steps(
+    const std::string& steps,
+    const std::function<std::optional<std::string>(
+        const std::string& verb, const std::string& first, const std::string& rest)>& known);
+
+// The request that was posted to the queue, as text with " / " before it; "" when there is none.
+// `flags` as msgrcv(2) has them.
 std::string posted_request(int queue, int flags);
 
 #endif  // TESTS_SUPPORT_SESSION_H

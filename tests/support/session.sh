@@ -157,3 +157,46 @@ swap() { # NAME TARGET
     done 2> /dev/null &
     swapping=$!
 }
+
+# Steps of cases/agent_actions.txt: `corvo_agent run` until its end, with its output in a file.
+log=/run/running-agent.log
+running=/run/running-agent.pid
+start_agent() { # [PROGRAM]
+    rm -f /run/agent.status
+    : > $log
+    (
+        ${1:-corvo_agent} run &
+        echo $! > $running
+        wait $!
+        echo $? > /run/agent.status
+    ) > $log 2>&1 < /dev/null &
+    await 5 test -s $running
+}
+hup() { kill -HUP "$(cat $running)"; }
+logged() { grep -q -- "$*" $log; }
+
+# Prints its exit status.
+stop_agent() { # SIGNAL [SECONDS]
+    [ -e $running ] || return 0
+    kill "-$1" "$(cat $running)" 2> /dev/null
+    await "${2:-10}" test -s /run/agent.status && cat /run/agent.status
+    rm $running
+}
+
+# Whether its process runs the program that only waits.
+asleep() {
+    process=/proc/$(cat $running)
+    program=$(readlink "$process/exe")
+    [ "$(cat "$process/comm")" = corvo_agent ] && [ "${program##*/}" = corvo_agent_sleeper ]
+}
+
+# Waits until the command succeeds.
+await() { # SECONDS COMMAND...
+    tries=$(($1 * 50))
+    shift
+    until "$@"; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || { echo "in vain: $*" && return 1; }
+        sleep 0.02
+    done
+}
