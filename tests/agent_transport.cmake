@@ -11,5 +11,6 @@ add_library(simulated_server STATIC support/simulated_server.cpp support/simulat
 target_link_libraries(simulated_server PUBLIC test_support PRIVATE upgrade_package nlohmann_json::nlohmann_json
                                            PkgConfig::HTTPLIB OpenSSL::SSL)
 
-corvo_test(agent_transport_test SOURCES agent_transport_test.cpp LINK simulated_server agent_download
+corvo_test(agent_transport_test SOURCES agent_transport_test.cpp support/session.cpp LINK simulated_server agent_download
                                         nlohmann_json::nlohmann_json TIMEOUT 300)
+target_compile_definitions(agent_transport_test PRIVATE PROGRAMS="/usr/bin")

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -12,7 +11,7 @@
 #include <sstream>
 
 #include "agent/download.h"
-#include "files.h"
+#include "session.h"
 #include "simulated_server.h"
 
 namespace {
@@ -40,7 +39,11 @@ ServerSettings settings_of(const SimulatedServer& server) {
             .ca = PKI + "ca.pem"};
 }
 
-SimulatedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles) {
+// Speaks https with this certificate, or "http".
+SimulatedServer::Setup setup_of(const std::string& certificate, bool onlyFiles) {
+    if (certificate == "http") {
+        return {.onlyFiles = onlyFiles};
+    }
     EXPECT_EQ(0, system(TLS.c_str()));
     return {.certificate = PKI + certificate + ".pem",
             .key = PKI + certificate + ".key",
@@ -50,8 +53,8 @@ SimulatedServer::Setup tls_setup(const std::string& certificate, bool onlyFiles)
 
 // A camera that connects to a simulated server, and a second server that has the same files.
 struct World {
-    World(const SimulatedServer::Setup& setup, const SimulatedServer::Setup& elsewhereSetup,
-          const std::string& step)
+    explicit World(const SimulatedServer::Setup& setup = {}, const std::string& step = "file",
+                   const SimulatedServer::Setup& elsewhereSetup = {.onlyFiles = true})
         : server(setup), elsewhere(elsewhereSetup), settings(settings_of(server)) {
         std::filesystem::remove_all(FOLDER);
         std::filesystem::create_directories(FOLDER);
@@ -63,9 +66,6 @@ struct World {
             server.cancel("11");
         }
     }
-    explicit World(const SimulatedServer::Setup& setup = {}, const std::string& step = "file")
-        : World(setup, {.onlyFiles = true}, step) {}
-
     AgentStatus fetch(Server& camera) {
         DdiAction action;
         AgentStatus status = camera.get_action(server.url() + PLACE + "deploymentBase/11", action);
@@ -103,20 +103,25 @@ struct World {
         return steps.at(step)();
     }
 
-    // Repeats the step, as an agent that is started again and again does.
+    std::string outcome_of(const AgentStatus& status) const {
+        std::string text = replaced(status.text, "(cannot reach [^ ]*): (?!the proxy).*", "$1");
+        text = replaced(replaced(text, elsewhere.url(), "ELSEWHERE"), server.url(), "SERVER");
+        text = replaced(text, replaced(server.url(), "https", "http"), "INSECURE");
+        return name_of(status) + (text.empty() ? "" : " ") + text +
+               (status.retryAfterS == 0
+                    ? ""
+                    : ", again in " + std::to_string(status.retryAfterS) + " s");
+    }
+
+    // As an agent does that is started again and again.
     std::string run_until_decided(const std::string& step) {
         int interrupted = 0;
         AgentStatus status = run(step);
         while (status.result == AGENT_UNREACHABLE && step == "file" && ++interrupted < CALLS_MAX) {
             status = run(step);
         }
-        std::string text = replaced(status.text, "(cannot reach [^ ]*): .*", "$1");
-        text = replaced(replaced(text, elsewhere.url(), "ELSEWHERE"), server.url(), "SERVER");
         return (interrupted == 0 ? "" : std::to_string(interrupted) + " times UNREACHABLE, ") +
-               name_of(status) + (text.empty() ? "" : " ") + text +
-               (status.retryAfterS == 0
-                    ? ""
-                    : ", again in " + std::to_string(status.retryAfterS) + " s");
+               outcome_of(status);
     }
 
     SimulatedServer server;
@@ -132,15 +137,27 @@ std::string asked(const SimulatedServer& server, const std::string& step) {
     std::string text;
     for (const SimulatedRequest& request : server.requests()) {
         if (request.what == step) {
+            const std::string& by = request.authorization;
             text += (text.empty() ? "" : ", ") +
                     (request.range.empty() ? "all" : request.range.substr(6)) +
-                    (request.authorization.empty() ? " by nobody" : "") + request.subject;
+                    (request.range.empty() || !request.condition.empty() ? "" : " of any") +
+                    (by == SimulatedServer::AUTHORIZATION ? ""
+                     : by.empty()                         ? " by nobody"
+                                                          : " by " + by) +
+                    request.subject;
         }
     }
     return text;
 }
 
-// Tries every status of HTTP, and groups them by the agent's result.
+// What is left of a download: names, of which kernel.bin is whole.
+std::string names_left() {
+    std::string left = names_in(FOLDER);
+    EXPECT_TRUE(left != " kernel.bin" || read_file(FOLDER + "kernel.bin") == KERNEL);
+    return left;
+}
+
+// Every status that an HTTP server may answer with, by what it means.
 std::string try_status_codes(World& world, const std::string& step) {
     std::map<std::string, std::string> codes;
     for (const int code :
@@ -182,10 +199,8 @@ TEST(AgentTransport, ServerThatMisbehaves) {
         outcome += "; asked " + asked(world.server, step) +
                    replaced("; elsewhere " + asked(world.elsewhere, step), "; elsewhere $", "");
         if (step == "file") {
-            const std::string left = names_in(FOLDER);
-            EXPECT_TRUE(left != " kernel.bin" || (read_file(FOLDER + "kernel.bin") == KERNEL &&
-                                                  world.told == KERNEL.size()));
-            return outcome + ";" + left;
+            EXPECT_TRUE(names_left() != " kernel.bin" || world.told == KERNEL.size());
+            return outcome + ";" + names_left();
         }
         return outcome + "; " + world.server.story("11") + world.server.attributes()["slot"];
     });
@@ -280,32 +295,6 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
               parse_poll(R"({"a":[)" + repeated("1,") + "1]}", poll).text);
 }
 
-TEST(AgentTransport, PowerCutCostsAMebibyteAtMost) {
-    World world;
-    world.server.misbehave("file cut 1100000");
-    EXPECT_EQ(AGENT_UNREACHABLE, world.run("file").result);
-    // The state of the storage if neither the last bytes nor their record were flushed.
-    const std::string part = FOLDER + "kernel.bin.part";
-    write_file(part, read_file(part).substr(0, 1080000) + std::string(20000, '\0'));
-    const std::string record = replaced(read_file(part + ".from"), "kept 1100000", "kept 0");
-    write_file(part + ".from", record);
-    world.server.misbehave("");
-    EXPECT_EQ("", world.run("file").text);
-    EXPECT_NE("", world.server.requests().back().condition);
-    EXPECT_EQ(" kernel.bin", names_in(FOLDER));
-    EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
-    // An incomplete record of the part file is ignored.
-    std::filesystem::rename(FOLDER + "kernel.bin", part);
-    write_file(part + ".from", replaced(record, "end\n", ""));
-    EXPECT_EQ("", world.run("file").text);
-    // An existing file is verified, not downloaded.
-    EXPECT_EQ("", world.run("file").text);
-    EXPECT_EQ("all, 1048576-, all", asked(world.server, "file"));
-    write_file(FOLDER + "kernel.bin", std::string(KERNEL.size(), 'x'));
-    EXPECT_EQ("", world.run("file").text);
-    EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
-}
-
 TEST(AgentTransport, SignalEndsItWithinASecond) {
     World world;
     world.server.misbehave("file:1 cut 600000; file:2 drip");
@@ -320,137 +309,62 @@ TEST(AgentTransport, SignalEndsItWithinASecond) {
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
 }
 
-TEST(AgentTransport, MediumThatIsFullIsNotTheServersFault) {
-    World world;
-    ASSERT_EQ(0, system(("mount -t tmpfs -o size=512k small " + FOLDER).c_str()));
-    EXPECT_EQ("cannot write " + FOLDER + "kernel.bin.part: No space left on device",
-              world.run("file").text);
-    EXPECT_EQ(0, system(("umount " + FOLDER).c_str()));
-    std::filesystem::remove(FOLDER);
-    EXPECT_EQ(AGENT_STORAGE, world.run("file").result);
-}
-
-// NAME.part may be something that the agent's user cannot or must not write to: a part file that
-// `once` left as root, or anything on a card that was prepared elsewhere.
-TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
-    World world;
-    const std::string part = FOLDER + "kernel.bin.part";
-    write_file("/run/theirs", "theirs");
-    for (const char* make : {"install -m 600 /run/theirs ", "mkfifo ", "ln /run/theirs ",
-                             "ln -s /run/theirs ", "mkdir ", "mknod -m 666 "}) {
-        SCOPED_TRACE(make);
-        const std::string what = std::string(make).starts_with("mknod") ? " c 1 3" : "";
-        ASSERT_EQ(0, system((make + part + what + " && chown 990 " + FOLDER).c_str()));
-        if (seteuid(990) != 0) {
-            GTEST_SKIP() << "no other users here";
-        }
-        EXPECT_EQ("", world.run("file").text);
+// Does a step of a row when its first word is known here; returns what it prints.
+std::optional<std::string> do_step(World& world, const std::string& verb, const std::string& first,
+                                   const std::string& rest) {
+    static const std::map<std::string, std::string ServerSettings::*> SETTINGS = {
+        {"ca", &ServerSettings::ca},
+        {"certificate", &ServerSettings::certificate},
+        {"key", &ServerSettings::key},
+        {"proxy", &ServerSettings::proxy},
+        {"url", &ServerSettings::url},
+        {"tenant", &ServerSettings::tenant},
+        {"authorization", &ServerSettings::authorization},
+        {"token-file", &ServerSettings::tokenFile}};
+    if (verb == "server") {
+        const std::string insecure = replaced(world.server.url(), "https", "http");
+        world.server.misbehave(replaced(first + " " + rest, "INSECURE", insecure));
+    } else if (verb == "elsewhere") {
+        world.server.change(
+            "11", [&](SimulatedAction& action) { action.elsewhere = world.elsewhere.url(); });
+    } else if (verb == "set") {
+        world.settings.*SETTINGS.at(first) = rest == "SERVER" ? world.server.url() : rest;
+    } else if (verb == "environment") {
+        rest.empty() ? unsetenv(first.c_str()) : setenv(first.c_str(), rest.c_str(), 1);
+    } else if (verb == "asked") {
+        const std::string text = asked(first == "elsewhere" ? world.elsewhere : world.server, rest);
+        return text.empty() ? "not asked" : "asked " + text;
+    } else if (verb == "poll" || verb == "feedback" || verb == "file") {
+        EXPECT_EQ(0, seteuid(first.empty() ? 0 : 990));
+        const std::string outcome = world.outcome_of(world.run(verb));
         EXPECT_EQ(0, seteuid(0));
-        EXPECT_EQ(" kernel.bin", names_in(FOLDER));
-        EXPECT_TRUE(read_file(FOLDER + "kernel.bin") == KERNEL);
-        std::filesystem::remove(FOLDER + "kernel.bin");
+        return outcome + (verb == "file" ? ";" + names_left() : "");
+    } else {
+        return std::nullopt;
     }
-    EXPECT_EQ("theirs", read_file("/run/theirs"));
-    // A group to which the agent's user does not belong may write to the folder.
-    EXPECT_EQ(0, chown(FOLDER.c_str(), 990, 991));
-    EXPECT_EQ(0, chmod(FOLDER.c_str(), 0770));
-    EXPECT_EQ(0, seteuid(990));
-    EXPECT_EQ("STORAGE", name_of(world.run("file")));
-    EXPECT_EQ(0, seteuid(0));
+    return "";
 }
 
-// Authentication in both directions: the server's certificate, the authorities that the camera
-// trusts, the camera's certificate or token.
-TEST(AgentTransport, BothProveWhoTheyAre) {
-    expect_cases("agent_tls.txt", [](std::istream& row) {
-        std::string server, ca, certificate, key;
-        row >> server >> ca >> certificate >> key;
-        World world(tls_setup(server, false));
-        world.settings.ca = ca == "-" ? "" : PKI + ca;
-        if (certificate != "-") {
-            world.settings.authorization = "";
-            world.settings.certificate = PKI + certificate;
-            world.settings.key = key == "-" ? "" : PKI + key;
-        }
-        const std::string outcome = world.run_until_decided("poll");
-        return outcome + "; asked " + asked(world.server, "poll");
+std::string do_row(std::istream& row) {
+    std::string server, elsewhere, steps;
+    row >> server >> elsewhere >> std::ws;
+    std::getline(row, steps);
+    World world(setup_of(server, false), "file", setup_of(elsewhere, true));
+    return do_steps(steps, [&world](const auto& verb, const auto& first, const auto& rest) {
+        return do_step(world, verb, first, rest);
     });
 }
 
-// Only the proxy of the settings is used, whatever the environment contains, and a refusal by the
-// proxy does not count as an answer of the server.
-TEST(AgentTransport, ProxyIsTheOneOfTheSettings) {
-    World world;
-    setenv("http_proxy", "http://localhost:1", 1);
-    EXPECT_EQ("", world.run("poll").text);
-    unsetenv("http_proxy");
-
-    world.settings.proxy = world.server.url();
-    world.settings.url = "http://updates.example";
-    setenv("no_proxy", "*", 1);
-    EXPECT_EQ("", world.run("poll").text);
-    unsetenv("no_proxy");
-    const std::string url = world.settings.url + "/DEFAULT/controller/v1/cam%201";
-    EXPECT_EQ("GET " + url, world.server.requests().back().line);
-    world.server.misbehave("poll status 407");
-    AgentStatus status = world.run("poll");
-    EXPECT_EQ("UNREACHABLE GET " + url + ": the proxy answers 407, as told",
-              name_of(status) + " " + status.text);
-    world.settings.url = "https://updates.example";
-    world.settings.tenant = "a b";
-    status = world.run("poll");
-    EXPECT_EQ(
-        "UNREACHABLE cannot reach https://updates.example/a%20b/controller/v1/cam%201: "
-        "the proxy answers 407",
-        name_of(status) + " " + status.text);
+TEST(AgentTransport, ProofsProxiesAndPowerCuts) {
+    expect_cases("agent_transport.txt", do_row);
 }
 
-TEST(AgentTransport, TokenIsReadAgainWhenItIsRefused) {
-    for (const std::string step : {"poll", "feedback"}) {
-        World world({}, step);
-        world.settings.tokenFile = "/run/token";
-        world.settings.authorization = "TargetToken rotated";
-        write_file("/run/token", "secret\n");
-        EXPECT_EQ(0, chmod("/run/token", 0640));
-        const AgentStatus refused = world.run(step);
-        EXPECT_EQ("REFUSED", name_of(refused));
-        EXPECT_TRUE(
-            contains(refused.text, "401; the token: /run/token is accessible to other users"));
-        EXPECT_EQ(0, chmod("/run/token", 0600));
-        EXPECT_EQ("", world.run(step).text);
-        EXPECT_EQ(3U, world.server.requests().size());
+// As root's `once` leaves a part file, or whoever fills a card.
+TEST(AgentTransport, PartThatIsNotItsOwnIsFetchedAnew) {
+    if (run("setpriv --reuid 990 true") != "0") {
+        GTEST_SKIP() << "no other users here";
     }
-    World world;
-    world.settings.tokenFile = "/run/token";
-    world.server.misbehave("file status 401");
-    EXPECT_EQ("REFUSED", name_of(world.run("file")));
-    EXPECT_EQ("all", asked(world.server, "file"));  // not repeated with the same token
-    write_file("/run/token", "secret2\n");
-    EXPECT_EQ("REFUSED", name_of(world.run("file")));
-    EXPECT_EQ("all, all, all", asked(world.server, "file"));
-    world.settings.authorization = "GatewayToken old";
-    EXPECT_EQ("REFUSED", name_of(world.run("poll")));
-    EXPECT_EQ("GatewayToken secret2", world.server.requests().back().authorization);
-}
-
-// Files may be on another host: the camera must not send its credentials to that host, and must not
-// download from it with less protection than from the server.
-TEST(AgentTransport, OtherHostsLearnNothing) {
-    for (const bool safely : {true, false}) {
-        World world(tls_setup("server", false),
-                    safely ? tls_setup("server", true) : SimulatedServer::Setup{.onlyFiles = true},
-                    "file");
-        world.settings.certificate = PKI + "camera.pem";
-        world.settings.key = PKI + "camera.key";
-        world.server.change(
-            "11", [&](SimulatedAction& action) { action.elsewhere = world.elsewhere.url(); });
-        EXPECT_EQ(safely ? "OK" : "MALFORMED", name_of(world.run("file")));
-        EXPECT_EQ("all/CN=camera", asked(world.server, "action"));
-        EXPECT_EQ(safely ? "all by nobody" : "", asked(world.elsewhere, "file"));
-        world.server.misbehave("poll redirect 307 " +
-                               replaced(world.server.url(), "https", "http"));
-        EXPECT_EQ("MALFORMED", name_of(world.run("poll")));
-    }
+    expect_cases("agent_parts.txt", do_row);
 }
 
 // The sizes and hashes of the server and those of the signed manifest must agree. SIZE BYTE of the
