@@ -12,7 +12,7 @@ add_dependencies(tools_test otactl otactl_with_faults hal_tool_with_faults syste
 
 # A second build of otactl, with fault injection and a faster clock.
 add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main> support/fast_clock.cpp)
-target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime)
+target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime -Wl,--wrap=time)
 target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 

@@ -1,5 +1,6 @@
-// For the otactl of the tests: the monotonic clock runs faster by the factor CORVO_CLOCK_RATE (from
-// the environment), so that tests of long time-outs are short.
+// In otactl as tests run it: the monotonic clock runs so many times faster as CORVO_CLOCK_RATE
+// says, for limits that would take a test long to reach, and the time is CORVO_TIME, in seconds
+// since 1970.
 #include <stdint.h>
 #include <stdlib.h>
 #include <time.h>
@@ -15,4 +16,10 @@ extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now) {
                 .tv_nsec = static_cast<long>(ns % NS_PER_S)};
     }
     return result;
+}
+
+extern "C" time_t __real_time(time_t* now);
+extern "C" time_t __wrap_time(time_t* now) {
+    const char* const fixed = getenv("CORVO_TIME");
+    return fixed == nullptr ? __real_time(now) : atol(fixed);
 }

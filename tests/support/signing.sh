@@ -82,8 +82,17 @@ as() { # NAME [ARGUMENT...]
         -certfile $pki/authority.pem -outform DER -out package.manifest.sig "$@"
 }
 
-# Print commands from a page of the documentation: a block by its number, or one command by words in its first
-# line.
+# What a camera with this time makes of the package.
+at() { # DATE ARGUMENTS OF verify...
+    seconds=$(date -d "$1" +%s)
+    shift
+    CORVO_TIME=$seconds otactl_with_faults verify package.manifest "$@" > /run/said 2>&1
+    code=$?
+    grep -e ^otactl -e '^this camera' /run/said
+    return $code
+}
+
+# The commands of a page, by number of their block, or one command, by words in its first line.
 block_of() { # PAGE NUMBER
     awk -v wanted="$2" '/^ *```/ { inside = /sh$/ && ++n == wanted; next } inside' "$TEXTS/../docs/$1.md"
 }
