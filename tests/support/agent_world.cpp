@@ -122,6 +122,11 @@ void World::restart(int lostAt) {
     }
     EXPECT_EQ(
         "0", run("sh $TEXTS/support/agent_restart.sh '" + mode_ + "' " + std::to_string(++boots_)));
+    for (const Late& late : LATE) {
+        if (is(late.word)) {
+            EXPECT_EQ(0, rename(late.path.c_str(), late.before.c_str())) << late.word;
+        }
+    }
     start_service();
 }
 
