@@ -21,7 +21,7 @@ function(emulated_script target script)
   file(CREATE_LINK ${QEMU_ARM} ${emulator_folder}/${target}/${name} SYMBOLIC)
   file(GENERATE OUTPUT ${path}
        CONTENT "#!/bin/sh
-exec ${emulator_folder}/${target}/${name} -L ${CORVO_SYSROOT}/root \"\${EMULATED_PROGRAM:-$<TARGET_FILE:${target}>}\" \"$@\"
+exec ${emulator_folder}/${target}/${name} \"\${EMULATED_PROGRAM:-$<TARGET_FILE:${target}>}\" \"$@\"
 "
        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
                         WORLD_EXECUTE)
@@ -42,9 +42,13 @@ cmake_path(GET hal_tool_script PARENT_PATH hal_tool_folder)
 set_target_properties(tools_test PROPERTIES COMPILE_DEFINITIONS
   "PROGRAMS=\"${hal_tool_folder}:${otactl_folder}:${otactl_with_faults_folder}\";SYSTEM_CALL_DAEMON=\"${daemon_script}\"")
 if(CORVO_BUILD_AGENT)
-  emulated_script(corvo_agent agent_script)
-  cmake_path(GET agent_script PARENT_PATH agent_folder)
-  set_target_properties(agent_test PROPERTIES COMPILE_DEFINITIONS "PROGRAMS=\"${agent_folder}\"")
+  foreach(target corvo_agent corvo_agent_sleeper corvo_agent_prepare)
+    emulated_script(${target} script)
+    cmake_path(GET script PARENT_PATH folder)
+    list(APPEND agent_folders ${folder})
+  endforeach()
+  list(JOIN agent_folders : agent_folders)
+  set_target_properties(agent_test PROPERTIES COMPILE_DEFINITIONS "PROGRAMS=\"${agent_folders}\"")
 endif()
 set_target_properties(package_test PROPERTIES COMPILE_DEFINITIONS
   "PROGRAMS=\"${otactl_with_faults_folder}:${otactl_folder}\";EMULATED=true")

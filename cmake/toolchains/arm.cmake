@@ -17,10 +17,8 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 # The subfolder in which Debian installs libraries of this architecture.
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-# Test programs run in a private root. An emulated program cannot enter it by itself, so
-# scripts/private_root starts the emulator.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${corvo_checkout}scripts/private_root
-                                  qemu-arm-static -L ${CORVO_SYSROOT}/root)
+# Test programs run in a private root, which an emulated program cannot enter by itself.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${corvo_checkout}scripts/emulated)
 include(${CMAKE_CURRENT_LIST_DIR}/sysroot_only.cmake)
 set(ENV{PKG_CONFIG_LIBDIR} ${CORVO_SYSROOT}/root/usr/lib/arm-linux-gnueabihf/pkgconfig)
 # The camera's dynamic loader searches this folder by default, so CMake must not add it to the run path
