@@ -1,7 +1,9 @@
 #include "cli/error_line.h"
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -45,4 +47,14 @@ void print_error(const char* program, const std::string& message) {
     std::string line = printable(message);
     line.erase(line.find_last_not_of(' ') + 1);
     fprintf(stderr, "%s: %s\n", program, line.c_str());
+}
+
+bool flush_output(const char* program) {
+    const std::string reason = fflush(stdout) != 0 ? std::string(": ") + strerror(errno) : "";
+    // Part of the output may have been lost earlier, when a full buffer was written.
+    if (reason.empty() && ferror(stdout) == 0) {
+        return true;
+    }
+    print_error(program, "cannot write to standard output" + reason);
+    return false;
 }

@@ -15,4 +15,8 @@ std::string printable(const std::string& text);
 // printable().
 void print_error(const char* program, const std::string& message);
 
+// Flushes standard output. Returns whether everything that was printed could be written, for
+// example not if the disk is full; otherwise prints an error.
+bool flush_output(const char* program);
+
 #endif  // CLI_ERROR_LINE_H

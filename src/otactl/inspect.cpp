@@ -217,7 +217,7 @@ int inspect(const InspectOptions& options, bool readsContent) {
     if (!options.json) {
         print_text(findings, trust, contentRead, options.anyCamera);
     }
-    return fflush(stdout) == 0 ? OTACTL_OK : OTACTL_FAILED;
+    return flush_output(OTACTL) ? OTACTL_OK : OTACTL_FAILED;
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ int logs(const LogsOptions& options) {
         const std::string line = printable(published.line);
         const char* colour = coloured ? colour_of(published.level) : "";
         printf("%s%s%s\n", colour, line.c_str(), *colour != '\0' ? "\033[0m" : "");
-        if (fflush(stdout) != 0) {
+        if (!flush_output(OTACTL)) {
             return OTACTL_FAILED;
         }
     }

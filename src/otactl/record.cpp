@@ -20,5 +20,5 @@ int record(const std::string& path) {
         return OTACTL_FAILED;
     }
     printf("%s", describe_outcome(content).c_str());
-    return fflush(stdout) == 0 ? OTACTL_OK : OTACTL_FAILED;
+    return flush_output(OTACTL) ? OTACTL_OK : OTACTL_FAILED;
 }

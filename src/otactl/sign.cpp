@@ -76,5 +76,5 @@ int verify_file(const std::string& path, TrustOptions options) {
         return refuse(status, true);
     }
     printf("%s: signed by %s\n", printable(path).c_str(), printable(signer.subject).c_str());
-    return fflush(stdout) == 0 ? OTACTL_OK : OTACTL_FAILED;
+    return flush_output(OTACTL) ? OTACTL_OK : OTACTL_FAILED;
 }
