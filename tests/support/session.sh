@@ -124,18 +124,16 @@ prepare() { # COMMAND
     echo secret > /run/victim/file
     : > /run/victim/empty
     chmod 600 /run/victim/*
-    times=1
     eval "$1"
-    while [ $times -gt 0 ]; do
-        corvo_agent_prepare nobody /run/new/agent > /run/said 2>&1
-        status=$?
-        times=$((times - 1))
-    done
     if [ -n "$swapping" ]; then
+        # At most 1000 times: an emulated program takes longer to start.
+        timeout 8 sh -c 'for i in $(seq 1000); do corvo_agent_prepare nobody /run/new/agent; done' > /dev/null 2>&1
         kill $swapping
         wait $swapping 2> /dev/null
         swapping=
     else
+        status=0
+        corvo_agent_prepare nobody /run/new/agent > /run/said 2>&1 || status=$?
         echo $status
         cat /run/said
         stat -c '%U %G %a %F' /run/new/agent /run/new/agent/lock /var/lock/fw_printenv.lock 2>&1 |
@@ -147,7 +145,6 @@ prepare() { # COMMAND
 
 # Alternates between a link and what the name may be, while the program runs many times.
 swap() { # NAME TARGET
-    times=1000
     mkdir -p /run/new
     while :; do
         ln -sfn "$2" "$1.new" && mv -fT "$1.new" "$1"
