@@ -48,17 +48,21 @@ file(READ ${PROJECT_SOURCE_DIR}/packaging/running.sh.in corvo_running)
 string(STRIP "${corvo_running}" corvo_running)
 file(READ ${PROJECT_SOURCE_DIR}/packaging/upgrading.sh.in corvo_upgrading)
 string(CONFIGURE "${corvo_upgrading}" corvo_upgrading @ONLY)
-foreach(name S80corvo_upgrade corvo-upgrade.service corvo-system-call.service S94corvo_agent
-             corvo-agent.service)
+foreach(name S79corvo_slots S80corvo_upgrade corvo-slots.service corvo-upgrade.service
+             corvo-system-call.service S94corvo_agent corvo-agent.service)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/${name}.in ${PROJECT_BINARY_DIR}/packaging/${name}
                  @ONLY)
 endforeach()
 set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
                                                              packaging/upgrading.sh.in packaging/running.sh.in)
-install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S80corvo_upgrade
+# In the build folder beside the programs, where tests, simulations and the manual pages find it.
+configure_file(${PROJECT_SOURCE_DIR}/packaging/corvo_slots ${PROJECT_BINARY_DIR}/corvo_slots COPYONLY)
+install(PROGRAMS ${PROJECT_BINARY_DIR}/corvo_slots DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT service)
+install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S79corvo_slots ${PROJECT_BINARY_DIR}/packaging/S80corvo_upgrade
         DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT sysv EXCLUDE_FROM_ALL)
-install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service DESTINATION lib/systemd/system
-        COMPONENT systemd EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service
+              ${PROJECT_BINARY_DIR}/packaging/corvo-slots.service
+        DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)
 # Without the program this unit would fail at each start.
 if(CORVO_BUILD_TOOLS)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service

@@ -77,6 +77,7 @@ foreach(group IN LISTS groups)
           EXCLUDE_FROM_ALL)
 endforeach()
 install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_upgrade.8.gz ${CORVO_DEBIAN_PAPERS}/system_call_daemon.8.gz
+              ${CORVO_DEBIAN_PAPERS}/corvo_slots.8.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_base EXCLUDE_FROM_ALL)
 install(FILES ${CORVO_DEBIAN_PAPERS}/otactl.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT debian_tools EXCLUDE_FROM_ALL)

@@ -172,6 +172,19 @@ TEST(HalTool, ErasesABlockDevice) {
     expect_session("block_device.txt", "cd /dev/block/by-name; ");
 }
 
+// With Debian's dash, and with busybox as on a camera.
+TEST(Slots, NoNameLeadsToACopyOfTheRunningSlot) {
+    if (run("mknod /run/node b 0 99") != "0") {
+        GTEST_SKIP() << "no device nodes here";
+    }
+    for (const std::string shell : {"sh", "busybox ash"}) {
+        const testing::ScopedTrace trace(__FILE__, __LINE__, shell);
+        expect_session(
+            "slots.txt", "shell=\"" + shell + "\"; conf=/run/slots/conf; slots ", [] { return ""; },
+            Rows::ARE_INDEPENDENT);
+    }
+}
+
 TEST_F(Otactl, ProgressEndsAtAHundredPercent) {
     static constexpr OtaPackageEntry KERNEL = {3, "kernel", "kernel.bin", OTA_FLASH_TYPE_EMMC, 0};
     Progress progress = start_progress({&KERNEL}, true);

@@ -37,7 +37,10 @@ mount -t tmpfs card /media/mmcblk0p1
 mkdir -p /media/mmcblk0p1/ota
 head -c 300000 /dev/urandom > /media/mmcblk0p1/ota/kernel.bin
 cp /media/mmcblk0p1/ota/kernel.bin /sent
-for name in kernel nv_factory; do head -c 1000000 /dev/zero > /dev/block/by-name/$name; done
+for name in kernel_a kernel_b nv_factory; do head -c 1000000 /dev/zero > /dev/block/by-name/$name; done
+mkdir -p /etc/corvo
+printf '%s\n' 'doubled = kernel' 'slot-from = command-line' "word-a = $(cut -d ' ' -f 1 /proc/cmdline)" 'word-b = -' \
+    > /etc/corvo/slots.conf
 rm -f /commands
 for name in reboot fw_printenv killall umount; do
     printf '#!/bin/sh\necho %s "$@" >> /commands\n' $name > /usr/local/sbin/$name
@@ -65,9 +68,10 @@ check_installation() {
     check "the units are enabled" inside systemctl is-enabled corvo-upgrade corvo-system-call
     check "both run" await 5 is_active corvo-upgrade corvo-system-call
     check "the service waits for a request" await 5 has_queue
-    check "the daemon was started first" started_in_order
+    check "the daemon was started first" started_in_order corvo-system-call
     check "systemd-analyze verify is silent" no_output inside systemd-analyze verify \
-        /usr/lib/systemd/system/corvo-upgrade.service /usr/lib/systemd/system/corvo-system-call.service
+        /usr/lib/systemd/system/corvo-{upgrade,system-call,slots}.service
+    check "the partition with two copies was linked before the service started" started_in_order corvo-slots
     check "the service's exposure is at most 3.5" exposure_at_most corvo-upgrade 35
     check "the daemon's exposure is at most 9.3" exposure_at_most corvo-system-call 93
     check "manual pages and completion are installed" inside test -e /usr/share/man/man1/otactl.1.gz \
@@ -141,9 +145,9 @@ lock_is_shared() {
     done
 }
 
-started_in_order() {
+started_in_order() { # UNIT; whether it was started before the service
     local unit times=()
-    for unit in corvo-system-call corvo-upgrade; do
+    for unit in "$1" corvo-upgrade; do
         times+=("$(inside systemctl show --property ExecMainStartTimestampMonotonic --value $unit)")
     done
     [ "${times[0]}" -lt "${times[1]}" ]
@@ -197,7 +201,8 @@ check_during_upgrade() {
     check "removal is refused also after that" fails inside dpkg -r corvo-upgrade
     inside rm -f /slow || :
     check "the upgrade ends in a reboot" await 60 was_called '^reboot'
-    check "the image is in the partition" inside cmp -n 300000 /sent /dev/block/by-name/kernel
+    check "the image is in the copy of slot B" inside cmp -n 300000 /sent /dev/block/by-name/kernel_b
+    check "the running copy is untouched" inside cmp -n 1000000 /dev/zero /dev/block/by-name/kernel_a
     check "the outcome is recorded" says succeeded inside otactl record
     check "the applications were stopped" was_called '^killall'
     check "the slot was switched" was_called '^S99checkboot systemB'

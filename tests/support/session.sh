@@ -95,6 +95,48 @@ upgrade_arguments() { # TYPE NAME IMAGE STORAGE
     sed -n 's/.* 4 /, /p' /tmp/said | tr -d '\n'
 }
 
+# Runs a row of cases/slots.txt on a board with two copies of kernel and rootfs, whose slot A is running: the
+# commands of the row, then `corvo_slots link`. Prints its exit status, its output, and where the names lead.
+slots() { # COMMAND
+    rm -rf /dev/block /run/slots
+    mkdir -p /dev/block/by-name /run/slots
+    for name in kernel_a kernel_b rootfs_a rootfs_b uboot; do
+        : > /run/slots/$name
+        ln -s /run/slots/$name /dev/block/by-name/$name
+    done
+    printf '%s\n' 'doubled = kernel rootfs' 'slot-from = command-line' 'word-a = slot=A' 'word-b = slot=B' 'wait = 0' > $conf
+    command_line quiet slot=A
+    eval "$1"
+    link
+    echo "$?"
+    for name in kernel rootfs; do
+        for folder in by-name running; do
+            echo "$folder/$name $(readlink /dev/block/$folder/$name || echo -)"
+        done
+    done | grep -v ' -' | sed 's#/run/slots/##'
+}
+link() { corvo_slots link --config $conf; }
+corvo_slots() { $shell "$TEXTS/../packaging/corvo_slots" "$@"; }
+command_line() { # WORD...
+    echo "$*" > /run/command_line
+    [ "$(cat /proc/cmdline)" = "$*" ] || mount --bind /run/command_line /proc/cmdline
+}
+setting() { # NAME [VALUE]; without a value the line is removed
+    sed -i "/^$1 /d" $conf
+    [ $# = 1 ] || echo "$1 = $2" >> $conf
+}
+# A file system on the block device that is a copy of rootfs, without a real disk: a node with its number.
+mount_root() { # COPY
+    umount /run/root 2> /dev/null
+    mkdir -p /run/root
+    mount -t tmpfs root /run/root
+    setting slot-from root-device
+    setting root-folder /run/root
+    number=$(mountpoint -d /run/root)
+    rm /run/slots/$1
+    mknod /run/slots/$1 b ${number%:*} ${number#*:}
+}
+
 # Called before each row of cases/agent_camera.txt: ends the earlier process and removes the pid file.
 camera() {
     cd /run

@@ -81,6 +81,8 @@ endif
 
 # buildroot calls one of these, depending on the selected init system.
 define CORVO_UPGRADE_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S79corvo_slots \
+		$(TARGET_DIR)/etc/init.d/S79corvo_slots
 	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S80corvo_upgrade \
 		$(TARGET_DIR)/etc/init.d/S80corvo_upgrade
 	$(CORVO_UPGRADE_INSTALL_AGENT_SCRIPT)
@@ -89,6 +91,8 @@ endef
 define CORVO_UPGRADE_INSTALL_INIT_SYSTEMD
 	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-upgrade.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/corvo-upgrade.service
+	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-slots.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/corvo-slots.service
 	$(CORVO_UPGRADE_INSTALL_DAEMON_UNIT)
 	$(CORVO_UPGRADE_INSTALL_AGENT_UNIT)
 endef
