@@ -11,8 +11,8 @@
 
 #include "agent/action.h"
 #include "agent/camera_state.h"
+#include "agent/check_settings.h"
 #include "agent/loop.h"
-#include "agent/settings.h"
 #include "agent/verdict.h"
 #include "base/open_without_links.h"
 #include "files.h"
@@ -90,6 +90,58 @@ TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
         "keyring = pki/root.pem\\nstate-folder = /run/state\\ncompatible = R5C20\\n"
         "version-file = none\\nrequire-mount = no\\n' > conf; "
         "agent() { corvo_agent --config conf \"$@\"; }; ");
+}
+
+// Returns a value as in the configuration file; empty when it is not set.
+std::string text_of(const Setting& setting) {
+    AgentSettings settings;
+    const SettingValue value = value_of(settings, setting.field);
+    if (const auto* const text = std::get_if<std::string*>(&value)) {
+        return **text;
+    }
+    if (const auto* const isOn = std::get_if<bool*>(&value)) {
+        return **isOn ? "on" : "off";
+    }
+    if (const auto* const number = std::get_if<uint32_t*>(&value)) {
+        return std::to_string(**number);
+    }
+    const auto* const large = std::get_if<uint64_t*>(&value);
+    return large == nullptr ? "" : std::to_string(**large);
+}
+
+// The parts of the page and of the example that follow from the table of settings. Each is compared
+// with the file; with CORVO_ACCEPT in the environment the file is rewritten.
+TEST(Settings, AreOnThePageAndInTheExample) {
+    std::string page = "| Setting | Default | |\n|---|---|---|\n", example;
+    for (const Setting& setting : SETTING_ROWS) {
+        const std::string name = setting.name, value = text_of(setting);
+        page += "| `" + name + "` | " +
+                (setting.missing != nullptr    ? "required"
+                 : setting.standard != nullptr ? setting.standard
+                 : value.empty()               ? "none"
+                                               : "`" + value + "`") +
+                " | " + setting.help + setting.details + " |\n";
+        EXPECT_TRUE(!value.empty() || setting.example != nullptr) << name << ": no example";
+        example +=
+            setting.section == nullptr ? "" : std::string("\n# --- ") + setting.section + "\n";
+        example += std::string("# ") + setting.help + "\n" +
+                   (setting.missing != nullptr || setting.isUsual ? "" : "#") + name + " = " +
+                   (setting.example != nullptr ? setting.example : value) + "\n";
+    }
+    const std::map<std::string, std::pair<std::string, std::string>> files = {
+        {"docs/fleet.md", {"| Setting |", page}}, {"examples/agent.conf", {"\n# --- ", example}}};
+    for (const auto& [name, part] : files) {
+        const std::string path = std::string(TEXTS) + "../" + name, text = read_file(path);
+        const size_t begin = text.find(part.first);
+        const size_t end = name.ends_with(".md") ? text.find("\n\n", begin) + 1 : text.size();
+        ASSERT_LT(begin, end) << name;
+        if (getenv("CORVO_ACCEPT") != nullptr) {
+            write_file(path, text.substr(0, begin) + part.second + text.substr(end));
+        } else {
+            EXPECT_EQ(part.second, text.substr(begin, end - begin))
+                << "the table of settings.h has changed; CORVO_ACCEPT=1 rewrites " << name;
+        }
+    }
 }
 
 TEST(Times, AreThoseOfTheSettingsAndTheServer) {

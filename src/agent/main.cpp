@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "agent/check_settings.h"
 #include "agent/loop.h"
-#include "agent/settings.h"
 #include "agent/status.h"
 #include "cli/command_line.h"
 
@@ -18,8 +18,7 @@ constexpr uint32_t SLEEP_AFTER_ERROR_MS = 300000;
 struct Arguments {
     AgentSettings settings;
     std::string emptySetting;  // name of a setting that was given without a value
-    std::string checkPartitions = "on";
-    std::string allowUnencryptedToken = "off";
+    AgentStatus wrongSwitch;   // the error of a setting that is neither on nor off
     bool json = false;
 };
 
@@ -50,75 +49,50 @@ void find_empty_option(const CLI::App& app, std::string& name) {
     }
 }
 
+// Adds the option of a setting. One overload for each type of value.
+struct AddOption {
+    CLI::App& app;
+    AgentStatus& wrongSwitch;
+    const char* setting;
+    const std::string option;
+    const std::string help;
+
+    void operator()(bool* isOn) const {
+        const auto parse = [isOn, name = setting, &wrong = wrongSwitch](const std::string& text) {
+            AgentStatus status = parse_switch(name, text, *isOn);
+            wrong = wrong.ok() ? std::move(status) : wrong;
+        };
+        app.add_option_function<std::string>(option, parse, help)
+            ->default_str(*isOn ? "on" : "off");
+    }
+    void operator()(std::vector<std::string>* texts) const {
+        app.add_option(option, *texts, help)->allow_extra_args(false);
+    }
+    template <typename T>
+    void operator()(T* value) const {
+        app.add_option(option, *value, help)->capture_default_str();
+    }
+};
+
 void add_settings(CLI::App& app, Arguments& arguments) {
-    AgentSettings& settings = arguments.settings;
-    ServerSettings& server = settings.server;
-    const auto text = [&app](const char* name, std::string& value, const char* help) {
-        app.add_option(name, value, help)->capture_default_str();
-    };
     app.set_config("--config", AGENT_SETTINGS_PATH, "Configuration file");
     app.config_formatter(std::make_shared<SettingsFile>(arguments.emptySetting));
     app.allow_config_extras(CLI::config_extras_mode::error);
-    text("--server", server.url, "URL of the update server");
-    text("--tenant", server.tenant, "Tenant on the server");
-    text("--controller-id", server.controllerId,
-         "This camera's id on the server (default: the host name)");
-    text("--target-token-file", settings.targetTokenFile,
-         "File with this camera's token; mode 600");
-    text("--gateway-token-file", settings.gatewayTokenFile,
-         "File with the tenant's token; mode 600");
-    text("--allow-unencrypted-token", arguments.allowUnencryptedToken,
-         "Send the token over http, too: on or off");
-    text("--certificate", server.certificate, "This camera's certificate (PEM)");
-    text("--key", server.key, "Private key of the certificate: a file or a PKCS#11 URI");
-    text("--ca", server.ca,
-         "Trusted certificate authorities for the server (PEM; default: the system's)");
-    text("--proxy", server.proxy, "HTTP proxy for all requests: http://HOST:PORT (default: none)");
-    text("--keyring", settings.keyring, "Root certificates of accepted package signers (PEM)");
-    text("--crl", settings.crl, "Certificate revocation lists (PEM)");
-    text("--compatible", settings.compatible, "This camera's hardware type");
-    text("--version-file", settings.versionFile,
-         "File with the running version; none: versions are not compared");
-    text("--check-partitions", arguments.checkPartitions,
-         "Verify the partitions after the restart: on or off");
-    text("--download-folder", settings.downloadFolder, "Folder for downloaded packages");
-    text("--require-mount", settings.requireMount,
-         "Require a mounted card for the download folder: yes, no, or auto (below /media or /mnt)");
-    text("--state-folder", settings.stateFolder, "Folder for state that survives a power cut");
-    app.add_option("--rate-limit", server.rateLimit,
-                   "Download limit in bytes a second, at least 1024 (0: no limit)");
-    app.add_option("--connect-timeout", server.connectTimeoutS,
-                   "Seconds until a connection must be established")
-        ->capture_default_str();
-    app.add_option("--stall-timeout", server.stallTimeoutS,
-                   "Seconds without data after which a transfer is ended")
-        ->capture_default_str();
-    app.add_option("--attribute", settings.attributes,
-                   "NAME=VALUE by which the server can filter cameras")
-        ->allow_extra_args(false);
-    text("--confirm", settings.confirm, "When the server requires consent: auto or ask");
-    text("--window", settings.window, "Time window for upgrades that are not forced: 02:00-04:00");
-    text("--fitness-command", settings.fitnessCommand,
-         "Command whose exit status 0 means that the camera may be upgraded now");
-}
-
-AgentStatus read_switch(const char* setting, const std::string& text, bool& isOn) {
-    isOn = text == "on";
-    return isOn || text == "off"
-               ? AgentStatus{}
-               : agent_fault(AGENT_MALFORMED,
-                             std::string(setting) + ": must be on or off, not \"" + text + "\"");
+    for (const Setting& setting : SETTINGS) {
+        std::string help = setting.help;
+        if (setting.standard != nullptr) {
+            help += std::string(" (default: ") + setting.standard + ')';
+        }
+        std::visit(AddOption{app, arguments.wrongSwitch, setting.name,
+                             std::string("--") + setting.name, std::move(help)},
+                   value_of(arguments.settings, setting.field));
+    }
 }
 
 int run(const CLI::App& app, Arguments& arguments, AgentProcess& process) {
     AgentSettings& settings = arguments.settings;
     Keyring keyring;
-    AgentStatus status =
-        read_switch("check-partitions", arguments.checkPartitions, settings.checkPartitions);
-    if (status.ok()) {
-        status = read_switch("allow-unencrypted-token", arguments.allowUnencryptedToken,
-                             settings.allowUnencryptedToken);
-    }
+    AgentStatus status = arguments.wrongSwitch;
     find_empty_option(app, arguments.emptySetting);
     if (!arguments.emptySetting.empty()) {
         status = agent_fault(AGENT_MALFORMED, arguments.emptySetting + ": must not be empty");

@@ -11,8 +11,8 @@
 
 #include "agent/action.h"
 #include "agent/agent_result.h"
+#include "agent/check_settings.h"
 #include "agent/server.h"
-#include "agent/settings.h"
 #include "package/certificates.h"
 #include "package/content.h"
 #include "package/manifest.h"

@@ -16,25 +16,9 @@
 
 #include "agent/agent_result.h"
 #include "agent/ddi.h"
+#include "agent/settings.h"
 
 class Http;
-
-// Address of the server, credentials of both sides, and limits.
-struct ServerSettings {
-    std::string url = {};  // "https://host:port/path", without "/" at the end
-    std::string tenant = "DEFAULT";
-    std::string controllerId = {};   // any text of 1 to 255 characters
-    std::string authorization = {};  // value of that header ("TargetToken SECRET"), or empty
-    std::string tokenFile = {};      // file that contains the SECRET, or empty
-    std::string proxy = {};          // "http://host:port" of an HTTP proxy; empty: no proxy
-    std::string certificate = {};    // PEM file of the camera's certificate, or empty
-    std::string key = {};            // private key of `certificate`: a PEM file or a PKCS#11 URI
-    std::string ca = {};  // PEM file of the CAs that may sign the server's certificate; empty: the
-                          // system's CAs
-    uint64_t rateLimit = 0;         // bytes a second of downloads, at least 1024; 0: no limit
-    uint32_t connectTimeoutS = 30;  // at least 1
-    uint32_t stallTimeoutS = 60;    // at least 1: time below 64 bytes a second that ends a transfer
-};
 
 // One libcurl handle serves all calls, so that connections are reused. To be used from one thread
 // only.

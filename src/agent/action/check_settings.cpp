@@ -1,11 +1,11 @@
-#include "agent/settings.h"
+#include "agent/check_settings.h"
 
 #include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <utility>
+#include <span>
 
 #include "agent/folder.h"
 #include "agent/token.h"
@@ -18,7 +18,6 @@ namespace {
 constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int32_t HOURS_PER_DAY = 24;
 constexpr size_t CONTROLLER_ID_SIZE_MAX = 255;
-constexpr uint64_t RATE_LIMIT_MIN = 1024;  // bytes a second; a lower rate would look like a stall
 // Cards are mounted in subfolders of these. The last one is often a mount point itself.
 constexpr std::array<const char*, 3> MOUNT_PARENTS = {"/media", "/run/media", "/mnt"};
 
@@ -54,15 +53,71 @@ AgentStatus need_safe_place(const char* setting, const std::string& path) {
     return open.empty() ? AgentStatus{} : wrong(setting, "others can write to " + open);
 }
 
+// Returns "a, b or c".
+std::string choices_text(std::span<const char* const> choices) {
+    std::string text = choices[0];
+    for (size_t i = 1; i < choices.size() && choices[i] != nullptr; ++i) {
+        const bool isLast = i + 1 == choices.size() || choices[i + 1] == nullptr;
+        text += std::string(isLast ? " or " : ", ") + choices[i];
+    }
+    return text;
+}
+
+AgentStatus wrong_choice(const char* setting, std::span<const char* const> choices,
+                         const std::string& text) {
+    return wrong(setting, "must be " + choices_text(choices) + ", not \"" + text + "\"");
+}
+
+AgentStatus check_text(const Setting& setting, const std::string& text) {
+    if (text.empty()) {
+        return setting.missing == nullptr ? AgentStatus{} : wrong(setting.name, setting.missing);
+    }
+    const auto equals = [&text](const char* choice) { return choice != nullptr && text == choice; };
+    if (setting.choices[0] != nullptr && std::ranges::none_of(setting.choices, equals)) {
+        return wrong_choice(setting.name, setting.choices, text);
+    }
+    // A key in a secure element is not a file.
+    return setting.isProtectedFile && !text.starts_with("pkcs11:")
+               ? need_safe_place(setting.name, text)
+               : AgentStatus{};
+}
+
+AgentStatus check_number(const Setting& setting, uint64_t number) {
+    const NumberRange& range = setting.range;
+    if ((number >= range.min && number <= range.max) || (number == 0 && range.zero)) {
+        return {};
+    }
+    return wrong(
+        setting.name,
+        std::string("must be ") + (range.zero ? "0 or " : "") + "at least " +
+            std::to_string(range.min) +
+            (range.max == NumberRange{}.max ? "" : " and at most " + std::to_string(range.max)) +
+            ' ' + range.unit);
+}
+
+// Checks each value by its row of the table. `local`: only those that are needed without a server.
+AgentStatus check_values(AgentSettings& settings, bool local) {
+    AgentStatus status;
+    for (const Setting& setting : SETTINGS) {
+        if (!status.ok() || (local && !setting.isLocal)) {
+            continue;
+        }
+        const SettingValue value = value_of(settings, setting.field);
+        if (const auto* const text = std::get_if<std::string*>(&value)) {
+            status = check_text(setting, **text);
+        } else if (const auto* const number = std::get_if<uint32_t*>(&value)) {
+            status = check_number(setting, **number);
+        } else if (const auto* const large = std::get_if<uint64_t*>(&value)) {
+            status = check_number(setting, **large);
+        }
+    }
+    return status;
+}
+
 AgentStatus check_folders(AgentSettings& settings) {
     AgentStatus status = need_folder("download-folder", settings.downloadFolder);
     if (status.ok()) {
         status = need_folder("state-folder", settings.stateFolder);
-    }
-    if (status.ok() && settings.requireMount != "auto" && settings.requireMount != "yes" &&
-        settings.requireMount != "no") {
-        status = wrong("require-mount",
-                       "must be auto, yes or no, not \"" + settings.requireMount + "\"");
     }
     // The request to the service has a field of fixed size for the path.
     constexpr size_t LONGEST = OTA_MSG_DIR_SIZE - sizeof(AGENT_FOLDER);
@@ -90,7 +145,7 @@ void name_camera(ServerSettings& server) {
 
 AgentStatus check_server(ServerSettings& server) {
     if (!server.url.starts_with("https://") && !server.url.starts_with("http://")) {
-        return wrong("server", "must be a URL such as https://updates.example:8443");
+        return wrong("server", SETTINGS.front().missing);
     }
     server.url.erase(server.url.find_last_not_of('/') + 1);
     if (server.controllerId.empty()) {
@@ -110,16 +165,6 @@ AgentStatus check_server(ServerSettings& server) {
     if (server.certificate.empty() != server.key.empty()) {
         return wrong(server.key.empty() ? "key" : "certificate",
                      "certificate and key must be set together");
-    }
-    // libcurl's limit is a signed number.
-    if (server.rateLimit != 0 &&
-        (server.rateLimit < RATE_LIMIT_MIN || server.rateLimit > INT64_MAX)) {
-        return wrong("rate-limit",
-                     "must be 0 or at least " + std::to_string(RATE_LIMIT_MIN) + " bytes a second");
-    }
-    if (server.connectTimeoutS == 0 || server.stallTimeoutS == 0) {
-        return wrong(server.connectTimeoutS == 0 ? "connect-timeout" : "stall-timeout",
-                     "must be at least 1 second");
     }
     return {};
 }
@@ -155,31 +200,10 @@ AgentStatus read_tokens(AgentSettings& settings) {
                               settings.server);
 }
 
-AgentStatus check_places(const AgentSettings& settings) {
-    const std::string key = settings.server.key.starts_with("pkcs11:") ? "" : settings.server.key;
-    const std::array<std::pair<const char*, std::string>, 6> files = {
-        {{"target-token-file", settings.targetTokenFile},
-         {"gateway-token-file", settings.gatewayTokenFile},
-         {"key", key},
-         {"ca", settings.server.ca},
-         {"keyring", settings.keyring},
-         {"crl", settings.crl}}};
-    for (const auto& [setting, path] : files) {
-        AgentStatus status = need_safe_place(setting, path);
-        if (!status.ok()) {
-            return status;
-        }
-    }
-    return {};
-}
-
-AgentStatus check_consent(const AgentSettings& settings) {
+AgentStatus check_texts(const AgentSettings& settings) {
     DayWindow window;
     if (!settings.window.empty() && !parse_window(settings.window, window)) {
         return wrong("window", "must be HH:MM-HH:MM, not \"" + settings.window + "\"");
-    }
-    if (settings.confirm != "auto" && settings.confirm != "ask") {
-        return wrong("confirm", "must be auto or ask, not \"" + settings.confirm + "\"");
     }
     for (const std::string& attribute : settings.attributes) {
         if (attribute.find('=') == std::string::npos || attribute.starts_with('=')) {
@@ -189,16 +213,10 @@ AgentStatus check_consent(const AgentSettings& settings) {
     return {};
 }
 
-AgentStatus check_package(AgentSettings& settings, Keyring& keyring) {
-    if (settings.keyring.empty()) {
-        return wrong("keyring", "must be set; it decides whose packages are accepted");
-    }
+AgentStatus check_package(const AgentSettings& settings, Keyring& keyring) {
     const PackageStatus loaded = load_keyring(settings.keyring, settings.crl, keyring);
     if (!loaded.ok()) {
         return wrong("keyring", loaded.text);
-    }
-    if (settings.compatible.empty()) {
-        return wrong("compatible", "must be set; packages for other hardware are refused");
     }
     if (!is_camera_kind(settings.compatible)) {
         return wrong("compatible", "\"" + settings.compatible + "\" is not a hardware type");
@@ -234,7 +252,17 @@ bool is_inside(const DayWindow& window, int32_t minuteOfDay) {
     return minuteOfDay >= window.from || minuteOfDay < window.until;
 }
 
+AgentStatus parse_switch(const char* setting, const std::string& text, bool& isOn) {
+    constexpr std::array<const char*, 2> CHOICES = {"on", "off"};
+    isOn = text == CHOICES[0];
+    return isOn || text == CHOICES[1] ? AgentStatus{} : wrong_choice(setting, CHOICES, text);
+}
+
 AgentStatus complete_local_settings(AgentSettings& settings) {
+    AgentStatus status = check_values(settings, true);
+    if (!status.ok()) {
+        return status;
+    }
     name_camera(settings.server);
     if (settings.versionFile == NO_VERSION_FILE) {
         settings.versionFile.clear();
@@ -246,8 +274,10 @@ AgentStatus complete_local_settings(AgentSettings& settings) {
 }
 
 AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
-    const bool versionFileIsSet = !settings.versionFile.empty();
-    AgentStatus status = complete_local_settings(settings);
+    AgentStatus status = check_values(settings, false);
+    if (status.ok()) {
+        status = complete_local_settings(settings);
+    }
     if (status.ok()) {
         status = check_server(settings.server);
     }
@@ -255,19 +285,9 @@ AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring) {
         status = read_tokens(settings);
     }
     if (status.ok()) {
-        status = check_places(settings);
+        status = check_texts(settings);
     }
-    if (status.ok()) {
-        status = check_consent(settings);
-    }
-    if (status.ok()) {
-        status = check_package(settings, keyring);
-    }
-    if (status.ok() && !versionFileIsSet) {
-        status = wrong("version-file",
-                       "must be set; older packages are refused (\"none\" turns this off)");
-    }
-    return status;
+    return status.ok() ? check_package(settings, keyring) : status;
 }
 
 PackageFolder package_folder(const AgentSettings& settings) {
