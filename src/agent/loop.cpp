@@ -121,7 +121,7 @@ void reload_token(Agent& agent) {
 // as verified files or the number of failures.
 bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
     const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
-    return status.ok() && !pending && agent.waitingFor.empty() && !agent.attributesDue;
+    return status.ok() && !pending && agent.waiting.reason.empty() && !agent.polling.attributesDue;
 }
 
 }  // namespace
@@ -142,7 +142,7 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint
 int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& process) {
     std::atomic<bool>& stop = catch_signals();
     Agent agent(settings, std::move(keyring), stop);
-    agent.attributesDue = !process.slept;
+    agent.polling.attributesDue = !process.slept;
     const int started = start(agent, process.lock);
     if (started != AGENT_EXIT_OK) {
         return started;
@@ -150,15 +150,15 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     std::string reported;
     uint32_t failures = 0;
     while (!stop) {
-        agent.progressed = false;
+        agent.polling.progressed = false;
         const AgentStatus status = agent_poll(agent);
         report_error(status, reported);
         publish_status(agent, status);
         // A download that makes progress starts the back-off again, so that it ends even on a
         // connection that often fails.
-        failures = status.ok() ? 0 : agent.progressed ? 1 : failures + 1;
+        failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;
         const uint32_t delay =
-            delay_ms(agent.sleepS, failures, status.retryAfterS, random_number());
+            delay_ms(agent.polling.sleepS, failures, status.retryAfterS, random_number());
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_no_volatile_state(agent, status)) {
             sleep_outside(process, delay);
         }
@@ -180,10 +180,10 @@ int run_once(const AgentSettings& settings, Keyring keyring) {
     publish_status(agent, status);
     if (!status.ok()) {
         print_error(AGENT, status.text);
-    } else if (!agent.waitingFor.empty()) {
-        printf("action %s waits for %s\n", agent.waitingId.c_str(), agent.waitingFor.c_str());
+    } else if (!agent.waiting.reason.empty()) {
+        printf("action %s waits for %s\n", agent.waiting.id.c_str(), agent.waiting.reason.c_str());
     }
-    return exit_status(status, agent.lastFailed);
+    return exit_status(status, agent.delivery.lastFailed);
 }
 
 int report(const AgentSettings& settings, Keyring keyring) {

@@ -9,9 +9,9 @@
 
 #include <sstream>
 
+#include "agent/attributes.h"
 #include "agent/consent.h"
 #include "agent/json_text.h"
-#include "agent/steps.h"
 #include "agent/stored_file.h"
 #include "base/owned.h"
 #include "base/unique_fd.h"
@@ -124,14 +124,15 @@ void print_text(const AgentSettings& settings, const Json& status) {
 }  // namespace
 
 void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
-    const Json json = {
-        {"pid", getpid()},
-        {"poll",
-         {{"time", time(nullptr)},
-          {"result", static_cast<int32_t>(lastPoll.result)},
-          {"trouble", lastPoll.text}}},
-        {"waits",
-         {{"id", agent.waitingId}, {"for", agent.waitingFor}, {"offer", agent.waitingOffer}}}};
+    const Json json = {{"pid", getpid()},
+                       {"poll",
+                        {{"time", time(nullptr)},
+                         {"result", static_cast<int32_t>(lastPoll.result)},
+                         {"trouble", lastPoll.text}}},
+                       {"waits",
+                        {{"id", agent.waiting.id},
+                         {"for", agent.waiting.reason},
+                         {"offer", agent.waiting.offer}}}};
     (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
     // The folder belongs to the agent's user, and this process may be root. The file is created
     // anew, so that no link in the folder is followed.

@@ -2,8 +2,8 @@
 #ifndef AGENT_STATUS_H
 #define AGENT_STATUS_H
 
+#include "agent/agent.h"
 #include "agent/agent_result.h"
-#include "agent/procedure.h"
 #include "agent/settings.h"
 
 // Writes the last poll and what the update waits for to "/run/corvo-agent/status.json", which is in

@@ -304,12 +304,3 @@ PackageFolder package_folder(const AgentSettings& settings) {
     }
     return place;
 }
-
-DdiAttributes set_attributes(const AgentSettings& settings) {
-    DdiAttributes attributes;
-    for (const std::string& attribute : settings.attributes) {
-        const size_t equals = attribute.find('=');
-        attributes.emplace_back(attribute.substr(0, equals), attribute.substr(equals + 1));
-    }
-    return attributes;
-}

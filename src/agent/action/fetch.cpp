@@ -1,4 +1,5 @@
-// ACTION_DOWNLOADING: downloads the package into the agent's folder.
+#include "fetch.h"
+
 #include <sys/stat.h>
 #include <time.h>
 
@@ -6,11 +7,11 @@
 
 #include "agent/camera_state.h"
 #include "agent/download.h"
-#include "agent/steps.h"
 #include "cli/progress_line.h"
 #include "package/camera_rules.h"
 #include "package/files.h"
 #include "package/signed_manifest.h"
+#include "result.h"
 
 namespace {
 
@@ -132,7 +133,7 @@ bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64
 void record_checked_file(Agent& agent, const OpenFolder& folder, const std::string& name) {
     struct stat status = {};
     if (find_entry(folder, name, status)) {
-        agent.checked.push_back(stamp_of(folder.path + name, Links::REFUSED, status));
+        agent.package.checked.push_back(stamp_of(folder.path + name, Links::REFUSED, status));
     }
 }
 
@@ -150,7 +151,8 @@ AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
     };
     const uint64_t fetched = bytes_fetched(fetching.folder, file.name);
     AgentStatus status = download_file(agent.files, file, content, fetching.folder, progress);
-    agent.progressed = agent.progressed || bytes_fetched(fetching.folder, file.name) > fetched;
+    agent.polling.progressed =
+        agent.polling.progressed || bytes_fetched(fetching.folder, file.name) > fetched;
     if (status.ok()) {
         record_checked_file(agent, fetching.folder, file.name);
         fetching.before += content == nullptr ? 0 : file.size;
@@ -183,7 +185,7 @@ AgentStatus handle_failure(Agent& agent, const Fetching& fetching, AgentStatus s
             return agent.stop || !fetching.withdrawn ? status : agent_fault(AGENT_GONE, "");
         case AGENT_GONE:
             // Either the file is missing or the action has ended. The next poll shows which.
-            if (++agent.goneOffers < GONE_OFFERS_MAX) {
+            if (++agent.package.goneOffers < GONE_OFFERS_MAX) {
                 return status;
             }
             return finish_action(agent, false, status.text);
@@ -223,7 +225,7 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
             return handle_failure(agent, fetching, status);
         }
     }
-    const PackageStatus packageStatus = read_manifest(agent, manifest);
+    const PackageStatus packageStatus = read_accepted_manifest(agent, manifest);
     return packageStatus.ok() ? AgentStatus{} : finish_action(agent, false, packageStatus.text);
 }
 
@@ -269,11 +271,11 @@ const DdiFile* find_manifest(const DdiAction& offer) {
     return manifest;
 }
 
-PackageStatus read_manifest(const Agent& agent, Manifest& manifest) {
+PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest) {
     Signer signer;
     PackageStatus status =
-        read_signed_manifest(agent.folder + agent.action.manifestFile, agent.keyring, time(nullptr),
-                             manifest, signer, FileKind::NO_LINK);
+        read_signed_manifest(agent.package.folder.path + agent.action.manifestFile, agent.keyring,
+                             time(nullptr), manifest, signer, FileKind::NO_LINK);
     CameraRules rules = {.compatible = agent.settings.compatible, .runningVersion = ""};
     if (status.ok() && !agent.settings.versionFile.empty()) {
         status = read_running_version(agent.settings.versionFile, rules.runningVersion);
@@ -297,7 +299,7 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     }
     end_wait(agent);
     Fetching fetching = {.polledAtMs = monotonic_ms()};
-    AgentStatus status = make_folder(agent.place, fetching.folder);
+    AgentStatus status = make_folder(agent.package.folder, fetching.folder);
     if (!status.ok()) {
         return waits_for_card(agent) ? AgentStatus{} : finish_action(agent, false, status.text);
     }

@@ -6,14 +6,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "agent/attributes.h"
 #include "agent/camera_state.h"
 #include "agent/consent.h"
-#include "agent/steps.h"
 #include "agent/stored_file.h"
 #include "cli/error_line.h"
-#include "package/camera_rules.h"
-#include "package/modules.h"
-#include "package/outcome.h"
+#include "fetch.h"
+#include "result.h"
+#include "upgrade.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ std::string id_of(const std::string& href) {
 }
 
 bool is_answered(const Agent& agent, const std::string& what) {
-    return std::ranges::find(agent.answered, what) != agent.answered.end();
+    return std::ranges::find(agent.polling.answered, what) != agent.polling.answered.end();
 }
 
 // Whether this is answered for the first time in this poll. If an answer has no effect on the
@@ -50,7 +50,7 @@ bool is_first_answer(Agent& agent, const std::string& what) {
     if (is_answered(agent, what)) {
         return false;
     }
-    agent.answered.push_back(what);
+    agent.polling.answered.push_back(what);
     return true;
 }
 
@@ -104,7 +104,7 @@ void take_files(ActionRecord& action, const DdiAction& offer) {
 
 AgentStatus send_attributes(Agent& agent, const std::string& href) {
     AgentStatus status = agent.server.send_attributes(href, camera_attributes(agent.settings));
-    agent.attributesDue = agent.attributesDue && !status.ok();
+    agent.polling.attributesDue = agent.polling.attributesDue && !status.ok();
     return status;
 }
 
@@ -185,11 +185,11 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
     const std::string digest = offer_digest(offer);
     status = consent_given(agent, offer.id, digest, confirmed);
     if (!status.ok()) {
-        agent.waitingFor = WAITS_FOR_CONSENT;
-        agent.waitingId = offer.id;
-        agent.waitingOffer = digest;
-        if (agent.consentLogged != offer.id + digest) {
-            agent.consentLogged = offer.id + digest;
+        agent.waiting.reason = WAITS_FOR_CONSENT;
+        agent.waiting.id = offer.id;
+        agent.waiting.offer = digest;
+        if (agent.waiting.consentLogged != offer.id + digest) {
+            agent.waiting.consentLogged = offer.id + digest;
             log_action(offer.id, "waits for consent: corvo_agent confirm or deny");
         }
         return status.result == AGENT_GONE ? AgentStatus{} : status;
@@ -215,8 +215,8 @@ AgentStatus resend_result(Agent& agent, const DdiAction& offer, const HistoryEnt
     agent.action.message = entry.message;
     // With an empty boot id, a success is checked again before it is sent.
     agent.action.bootId =
-        agent.runningManifest == entry.manifestDigest ? agent.bootId : std::string();
-    agent.checked.clear();
+        agent.camera.runningManifest == entry.manifestDigest ? agent.camera.bootId : std::string();
+    agent.package.checked.clear();
     log_action(agent, "offered again; its stored result will be sent");
     AgentStatus status = store(agent);
     if (status.ok()) {
@@ -238,9 +238,9 @@ AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
     take_files(agent.action, offer);
     agent.action.stage = ACTION_DOWNLOADING;
     agent.action.statuses = statuses;
-    agent.checked.clear();
-    agent.goneOffers = 0;
-    agent.waitingReported.clear();
+    agent.package.checked.clear();
+    agent.package.goneOffers = 0;
+    agent.waiting.reported.clear();
     log_action(agent, "offered, " + std::to_string(offer.files.size()) + " files");
     AgentStatus status = store(agent);
     if (status.ok()) {
@@ -315,8 +315,8 @@ AgentStatus handle_offer(Agent& agent, const std::string& href, bool& again) {
 // Handles a poll while a result is pending. The result is sent only if the server still offers the
 // same files under the action's id, or no longer offers the action.
 AgentStatus handle_result(Agent& agent, const DdiPoll& poll, bool& again) {
-    if (agent.resultSent) {
-        AgentStatus status = archive_result(agent, agent.resultAccepted);
+    if (agent.delivery.isSent) {
+        AgentStatus status = archive_result(agent, agent.delivery.isAccepted);
         again = status.ok();
         return status;
     }
@@ -354,8 +354,8 @@ AgentStatus poll_server(Agent& agent, bool& again) {
     if (!status.ok()) {
         return status;
     }
-    agent.sleepS = poll.sleepS;
-    if (agent.attributesDue || !poll.configData.empty()) {
+    agent.polling.sleepS = poll.sleepS;
+    if (agent.polling.attributesDue || !poll.configData.empty()) {
         // A failure is ignored, because no action depends on the attributes. The next poll sends
         // them again.
         (void)send_attributes(agent, poll.configData);
@@ -401,18 +401,9 @@ AgentStatus poll_once(Agent& agent, bool& again) {
 
 }  // namespace
 
-Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFlag)
-    : settings(given),
-      place(package_folder(given)),
-      folder(place.path),
-      keyring(std::move(keys)),
-      stop(stopFlag),
-      server(given.server, stopFlag),
-      files(given.server, stopFlag) {}
-
 AgentStatus agent_start(Agent& agent) {
-    agent.bootId = kernel_boot_id();
-    if (agent.bootId.empty()) {
+    agent.camera.bootId = kernel_boot_id();
+    if (agent.camera.bootId.empty()) {
         return agent_fault(AGENT_STORAGE, "the kernel's boot id cannot be read");
     }
     AgentStatus status = make_folder(agent.settings.stateFolder);
@@ -430,8 +421,8 @@ AgentStatus agent_start(Agent& agent) {
     }
     // A failure is only logged: without a card the server is polled all the same.
     OpenFolder folder;
-    const AgentStatus made = make_folder(agent.place, folder);
-    if (!made.ok() && agent.attributesDue) {
+    const AgentStatus made = make_folder(agent.package.folder, folder);
+    if (!made.ok() && agent.polling.attributesDue) {
         log_action(agent, made.text);
     }
     remove_unused_files(agent);
@@ -439,10 +430,10 @@ AgentStatus agent_start(Agent& agent) {
 }
 
 AgentStatus agent_poll(Agent& agent) {
-    agent.waitingFor.clear();
-    agent.waitingId.clear();
-    agent.waitingOffer.clear();
-    agent.answered.clear();
+    agent.waiting.reason.clear();
+    agent.waiting.id.clear();
+    agent.waiting.offer.clear();
+    agent.polling.answered.clear();
     AgentStatus status;
     bool again = true;
     for (int i = 0; i < POLLS_MAX && again && status.ok(); ++i) {
@@ -454,37 +445,4 @@ AgentStatus agent_poll(Agent& agent) {
 
 AgentStatus agent_report(Agent& agent) {
     return send_attributes(agent, "");
-}
-
-namespace {
-
-// Without a version file, this is the version that the agent installed last.
-std::string running_version(const AgentSettings& settings) {
-    std::string version;
-    if (settings.versionFile.empty()) {
-        std::vector<HistoryEntry> history;
-        if (!load_history(settings.stateFolder, history).ok()) {
-            return "unknown";
-        }
-        for (const HistoryEntry& entry : history) {
-            version = entry.succeeded ? entry.version : version;
-        }
-        return version.empty() ? "unknown" : version;
-    }
-    return read_running_version(settings.versionFile, version).ok() ? version : "unknown";
-}
-
-}  // namespace
-
-DdiAttributes camera_attributes(const AgentSettings& settings) {
-    DdiAttributes attributes = set_attributes(settings);
-    attributes.emplace_back("version", running_version(settings));
-    std::string modules;
-    for (const OtaPackageEntry& entry : package_entries()) {
-        modules += (modules.empty() ? "" : ",") + std::string(entry.partitionName);
-    }
-    attributes.emplace_back("slot", std::string(1, boot_slot()));
-    attributes.emplace_back("outcome", outcome_words(outcome_record()));
-    attributes.emplace_back("modules", modules);
-    return attributes;
 }

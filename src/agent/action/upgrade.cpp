@@ -1,5 +1,5 @@
-// ACTION_WAITING to ACTION_RESULT: posts the request, follows the upgrade and determines the
-// result.
+#include "upgrade.h"
+
 #include <time.h>
 #include <unistd.h>
 
@@ -7,19 +7,22 @@
 #include <functional>
 
 #include "agent/camera_state.h"
-#include "agent/steps.h"
 #include "agent/verdict.h"
+#include "fetch.h"
 #include "package/camera_rules.h"
 #include "package/modules.h"
 #include "package/outcome.h"
 #include "package/request.h"
 #include "package/version.h"
+#include "result.h"
 
 namespace {
 
 constexpr uint32_t CHECK_INTERVAL_MS = 500;
 constexpr uint64_t MS_PER_S = 1000;
-constexpr uint64_t PATIENCE_MS = SERVICE_PATIENCE_S * MS_PER_S;
+// How long to wait for a service that does not run, or for the restart after a service has ended:
+// long enough for a camera that starts its services slowly.
+constexpr uint64_t PATIENCE_MS = 60 * MS_PER_S;
 // While an upgrade runs, the server is polled again after this time, to answer cancellations.
 constexpr uint64_t WATCH_MS = 600 * MS_PER_S;
 // How long the agent waits for another sender's request on which no service seems to work.
@@ -51,13 +54,13 @@ std::string others_upgrade(Agent& agent) {
                                            : "a restart: another upgrade has ended without one";
     }
     if (queue_use(getpid()) != QueueUse::BY_OTHERS) {
-        agent.othersSinceMs = 0;
+        agent.camera.othersSinceMs = 0;
         return "";
     }
-    if (agent.othersSinceMs == 0) {
-        agent.othersSinceMs = monotonic_ms();
+    if (agent.camera.othersSinceMs == 0) {
+        agent.camera.othersSinceMs = monotonic_ms();
     }
-    return monotonic_ms() - agent.othersSinceMs < OTHERS_PATIENCE_MS ? UNDER_WAY : "";
+    return monotonic_ms() - agent.camera.othersSinceMs < OTHERS_PATIENCE_MS ? UNDER_WAY : "";
 }
 
 std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
@@ -75,13 +78,13 @@ std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
 // not been changed since.
 PackageStatus check_content(Agent& agent, const Manifest& manifest) {
     for (const PackageFile& file : package_files(manifest)) {
-        const std::string path = agent.folder + file.name;
-        const auto known = std::ranges::find(agent.checked, path, &CheckedFile::path);
-        if (known != agent.checked.end()) {
+        const std::string path = agent.package.folder.path + file.name;
+        const auto known = std::ranges::find(agent.package.checked, path, &CheckedFile::path);
+        if (known != agent.package.checked.end()) {
             if (check_unchanged(*known).ok()) {
                 continue;
             }
-            agent.checked.erase(known);
+            agent.package.checked.erase(known);
         }
         CheckedFile checked;
         PackageStatus status = check_file(
@@ -89,20 +92,20 @@ PackageStatus check_content(Agent& agent, const Manifest& manifest) {
         if (!status.ok()) {
             return status;
         }
-        agent.checked.push_back(std::move(checked));
+        agent.package.checked.push_back(std::move(checked));
     }
     return {};
 }
 
 PackageStatus make_request(const Agent& agent, const Manifest& manifest, OtaMessage& request) {
     if (manifest.combined()) {
-        return request_combined(agent.folder, manifest.package, manifest, request);
+        return request_combined(agent.package.folder.path, manifest.package, manifest, request);
     }
     std::vector<const OtaPackageEntry*> modules;
     for (const ManifestModule& module : manifest.modules) {
         modules.push_back(find_module(module.name));
     }
-    return request_files(agent.folder, modules, request);
+    return request_files(agent.package.folder.path, modules, request);
 }
 
 AgentStatus stopped() {
@@ -144,7 +147,7 @@ bool wait_for_card(const Agent& agent) {
     return wait_until(agent, [&agent] {
         OpenFolder folder;
         struct stat status = {};
-        return open_folder(agent.place, folder).ok() &&
+        return open_folder(agent.package.folder, folder).ok() &&
                find_entry(folder, agent.action.manifestFile, status);
     });
 }
@@ -152,7 +155,7 @@ bool wait_for_card(const Agent& agent) {
 bool lacks_files(const Agent& agent) {
     OpenFolder folder;
     struct stat status = {};
-    return open_folder(agent.place, folder).ok() &&
+    return open_folder(agent.package.folder, folder).ok() &&
            std::ranges::any_of(agent.action.files, [&](const OfferedFile& file) {
                return !find_entry(folder, file.name, status);
            });
@@ -173,7 +176,7 @@ AgentStatus end_without_restart(Agent& agent) {
     if (slot != agent.action.slotBefore) {
         // The next start of the camera, whenever it is, may start the new system. The result is
         // determined then.
-        agent.awaitsRestart = true;
+        agent.camera.awaitsRestart = true;
         wait_for(agent, slot == '?' ? "a restart: the slot is unknown"
                                     : "a restart: the slot is switched");
         return {};
@@ -190,14 +193,14 @@ AgentStatus watch_upgrade(Agent& agent) {
     uint64_t busyAt = begin;
     while (monotonic_ms() - begin < WATCH_MS) {
         // The missing restart may take days. Polls continue meanwhile, and each checks only once.
-        if (!agent.awaitsRestart && !wait_ms(agent, CHECK_INTERVAL_MS)) {
+        if (!agent.camera.awaitsRestart && !wait_ms(agent, CHECK_INTERVAL_MS)) {
             return stopped();
         }
         const uint64_t now = monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
-            agent.awaitsRestart = false;
+            agent.camera.awaitsRestart = false;
             busyAt = now;
-        } else if (agent.awaitsRestart || now - busyAt >= PATIENCE_MS) {
+        } else if (agent.camera.awaitsRestart || now - busyAt >= PATIENCE_MS) {
             return end_without_restart(agent);
         }
     }
@@ -255,7 +258,7 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     agent.action.manifest = format_manifest(manifest);
     agent.action.slotBefore = slot;
     agent.action.recordBefore = outcome_record();
-    agent.action.bootId = agent.bootId;
+    agent.action.bootId = agent.camera.bootId;
     agent.action.processId = getpid();
     if (agent.action.slotBefore == '?') {
         return finish_action(agent, false, "the boot environment does not name the current slot");
@@ -383,15 +386,16 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     // The package was suitable when it was downloaded. If it is not suitable now, the device node
     // of a partition may not exist yet.
     if (!wait_until(agent, [&] {
-            packageStatus = read_manifest(agent, manifest);
+            packageStatus = read_accepted_manifest(agent, manifest);
             return is_final(packageStatus) && packageStatus.result != PACKAGE_UNSUITABLE;
         })) {
         return stopped();
     }
     if (agent.action.attempts == 0 && lacks_files(agent)) {
-        log_action(agent, "the package in " + agent.folder + " is incomplete, downloading again");
+        log_action(agent, "the package in " + agent.package.folder.path +
+                              " is incomplete, downloading again");
         agent.action.stage = ACTION_DOWNLOADING;
-        agent.checked.clear();
+        agent.package.checked.clear();
         return store(agent);
     }
     if (packageStatus.ok()) {
@@ -421,7 +425,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
 }
 
 AgentStatus follow_upgrade(Agent& agent) {
-    if (agent.action.bootId != agent.bootId) {
+    if (agent.action.bootId != agent.camera.bootId) {
         return judge_restart(agent);
     }
     if (agent.action.stage == ACTION_COMMITTED) {

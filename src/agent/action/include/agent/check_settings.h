@@ -5,10 +5,8 @@
 #include <stdint.h>
 
 #include <string>
-#include <vector>
 
 #include "agent/agent_result.h"
-#include "agent/ddi.h"
 #include "agent/folder.h"
 #include "agent/settings.h"
 #include "package/certificates.h"
@@ -44,8 +42,5 @@ AgentStatus complete_settings(AgentSettings& settings, Keyring& keyring);
 // Returns the agent's folder below the download folder. If a mounted card is required, the folder
 // must be neither on the root file system nor on that of the parent folder of mounts ("/media").
 PackageFolder package_folder(const AgentSettings& settings);
-
-// Returns the settings "attribute", split into names and values.
-DdiAttributes set_attributes(const AgentSettings& settings);
 
 #endif  // AGENT_CHECK_SETTINGS_H

@@ -1,0 +1,21 @@
+// ACTION_DOWNLOADING: downloads the package of an offer into the agent's folder.
+#ifndef AGENT_FETCH_H
+#define AGENT_FETCH_H
+
+#include "agent/agent.h"
+#include "package/manifest.h"
+#include "package/status.h"
+
+// Returns the one file of the offer that has a signature file, or null when the offer has no such
+// file or more than one.
+const DdiFile* find_manifest(const DdiAction& offer);
+
+// Downloads the missing files. The stage becomes ACTION_WAITING or ACTION_RESULT. Returns AGENT_OK,
+// or why the download could not continue; AGENT_GONE: poll the server again.
+AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
+
+// Reads the manifest in the agent's folder, verifies its signature and checks that this camera
+// accepts the package. Returns PACKAGE_OK or what is wrong.
+PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest);
+
+#endif  // AGENT_FETCH_H

@@ -1,0 +1,24 @@
+// ACTION_WAITING to ACTION_RESULT: posts the request, follows the upgrade and determines the
+// result.
+#ifndef AGENT_UPGRADE_H
+#define AGENT_UPGRADE_H
+
+#include "agent/agent.h"
+
+// ACTION_WAITING: starts the upgrade if it may start now. The stage becomes ACTION_DOWNLOADING
+// again when files are missing and no request was posted yet; the card may have been exchanged, or
+// mounted over the folder after the download.
+AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
+
+// ACTION_COMMITTED and ACTION_POSTED: finds out what happened to the request. Waits for the restart
+// as long as one is possible, and determines the result after the restart. Posts again where
+// nothing was decided. Returns AGENT_OK, with one of these stages, ACTION_WAITING or ACTION_RESULT;
+// AGENT_STORAGE or AGENT_STOPPED.
+AgentStatus follow_upgrade(Agent& agent);
+
+// For a success that was found before the last restart of the camera: checks that the new system
+// still runs. If not, the result becomes a failure. Returns AGENT_OK, AGENT_STORAGE or
+// AGENT_STOPPED.
+AgentStatus recheck_success(Agent& agent);
+
+#endif  // AGENT_UPGRADE_H
