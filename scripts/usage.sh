@@ -50,3 +50,32 @@ show_build() { # LOG
     done
     end_progress
 }
+# Runs a command with its output in a file, and shows meanwhile how far it is: ninja's steps, or the
+# seconds. If the command fails, prints the end of its output and one line, and exits with status 1.
+run_logged() { # LOG TEXT COMMAND...
+    local log=$1 text=$2 begin=$SECONDS status=0 ticker
+    : > "$log"
+    [ -t 1 ] || echo "$text"
+    (
+        while sleep 1 && kill -0 $$ 2> /dev/null; do
+            show_progress "$text: $(tail -n 1 "$log" | grep -o '^\[[0-9]*/[0-9]*\]' || echo "$((SECONDS - begin)) s")"
+        done
+    ) &
+    ticker=$!
+    # Not in the background, where an interrupt would not end it, and not in a condition, where "set -e"
+    # would have no effect.
+    set +e
+    (
+        set -e
+        "${@:3}"
+    ) > "$log" 2>&1
+    status=$?
+    set -e
+    { kill $ticker && wait $ticker; } 2> /dev/null || :
+    end_progress
+    [ $status = 0 ] || {
+        tail -n 20 "$log" >&2
+        echo "${0##*/}: $text: failed; the whole output is in $log" >&2
+        exit 1
+    }
+}
