@@ -6,7 +6,7 @@ from pathlib import Path
 
 import rivals
 import world
-from pairs import Row, in_kib, in_ns, in_seconds, interval, run_rounds
+from pairs import MEMORY_ROUNDS, Row, in_kib, in_ns, in_seconds, interval, plain_row, run_rounds
 from world import MIB, SYNCHRONOUS, Camera, Programs, measured, total
 
 START, WRITTEN, COMPARED = " start, moudle type", "upgrade success", "read verify success"
@@ -101,9 +101,8 @@ def module_figures(module: Module, where: str, seconds: float, only_dd: bool = F
 
 
 def peak_memory(module: Module) -> Row:
-    peaks = [module.service()["peak"] for _ in range(5)]
-    return Row("peak memory of an upgrade", value=round(statistics.median(peaks) / 1024, 2),
-               goal=2.5, unit="MiB")
+    peaks = [module.service()["peak"] / 1024 for _ in range(MEMORY_ROUNDS)]
+    return plain_row("peak memory of an upgrade", peaks, 2.5, "MiB", 2)
 
 
 def read_back(module: Module, where: str) -> Row:
@@ -116,9 +115,10 @@ def read_back(module: Module, where: str) -> Row:
 def growth(programs: Programs, camera: Camera, device: str) -> Row:
     """Returns by how much the peak memory for 256 MiB exceeds that for 16 MiB."""
     modules = [Module(programs, camera, device, size * MIB, 256 * MIB) for size in (16, 64, 256)]
-    peaks = [statistics.median(module.service()["peak"] for _ in range(5)) for module in modules]
-    return Row("16, 64, 256 MiB: peak memory grows by", value=peaks[-1] - peaks[0], goal=64,
-               unit="KiB", note=", ".join(f"{peak:.0f}" for peak in peaks) + " KiB")
+    rounds = [[module.service()["peak"] for module in modules] for _ in range(MEMORY_ROUNDS)]
+    usual = ", ".join(f"{statistics.median(peaks):.0f}" for peaks in zip(*rounds))
+    return plain_row("16, 64, 256 MiB: peak memory grows by", [peaks[-1] - peaks[0] for peaks in rounds],
+                     64, "KiB", note=f"medians {usual} KiB")
 
 
 def erasing(programs: Programs, device: str, size: int, where: str) -> Row:

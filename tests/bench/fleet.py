@@ -15,13 +15,12 @@ from pathlib import Path
 
 import record
 from fleet_world import MIB, Forwarder, OurCamera, Rig, Swupdate
-from pairs import Row, in_kib, in_seconds, print_head, print_row, run_rounds
+from pairs import Row, in_kib, in_seconds, plain_row, print_head, print_row, run_rounds
 from rivals import missing
 
 LARGE, MIDDLE, SMALL = 256, 64, 16  # MiB
 QUIET_POLL, QUIET_SECONDS = "00:01:00", 45
 BUSY_POLL = "00:00:01"
-REPEATS = 3
 POLLS = 3000
 PAUSES = 8.0  # seconds: the fixed pauses of the service in each upgrade, 2, 5 and 1 s
 
@@ -136,13 +135,14 @@ class Download:
                             "cpu", seconds=60, most=12)
         self.agent()
         self.mib = SMALL
-        small = statistics.median(self.agent()["peak"] for _ in range(REPEATS))
-        peak, curl = rounds.median("agent", "peak"), rounds.median("curl", "peak")
+        large, curl = ([round["peak"] for round in rounds.taken[thing]] for thing in ("agent", "curl"))
+        small = [self.agent()["peak"] for _ in large]
         what = f"{LARGE} MiB downloaded and verified"
-        return [Row(f"{what}: peak memory above curl -o", in_kib(peak), in_kib(curl),
-                    round((peak - curl) / 1024, 2), 2, unit="MiB", counted=True),
-                Row(f"{SMALL}, {LARGE} MiB downloaded: peak memory grows by",
-                    value=round(peak - small), goal=128, unit="KiB", counted=True),
+        return [plain_row(f"{what}: peak memory above curl -o", [(a - b) / 1024 for a, b in zip(large, curl)],
+                          2, "MiB", 2, ours=in_kib(statistics.median(large)),
+                          baseline=in_kib(statistics.median(curl)), counted=True),
+                plain_row(f"{SMALL}, {LARGE} MiB downloaded: peak memory grows by",
+                          [a - b for a, b in zip(large, small)], 128, "KiB", counted=True),
                 rounds.row(f"{what}: CPU time / curl | openssl dgst", "agent", "hash", "cpu",
                            in_seconds, 1.3)]
 

@@ -6,6 +6,7 @@ import time
 from dataclasses import dataclass
 
 LEAST_PAIRS = 6  # fewer pairs do not allow an interval of this confidence
+MEMORY_ROUNDS = 11  # peak memory scatters by some pages from run to run
 CONFIDENCE = 0.95
 STABLE = 0.02  # stop when half of the interval's width is less than this part of the median
 NEAR_FLOOR = 1.25  # an unreachable goal counts as reached up to this multiple of the floor
@@ -24,7 +25,7 @@ class Row:
     high: float | None = None
     unit: str = ""  # unit of a plain number; a ratio has none
     floor: float | None = None  # ratio of the unavoidable system calls alone to the same baseline
-    counted: bool = False  # counted, so it does not depend on the load of the machine
+    counted: bool = False  # counted, or memory, so it does not depend on the load of the machine
     note: str = ""
 
     def verdict(self) -> str:
@@ -76,6 +77,13 @@ class Rounds:
         return Row(figure, show(self.median(ours, name)),
                    show(self.median(baseline, baseline_name or name)), statistics.median(ratios),
                    goal, *interval(ratios), **more)
+
+
+def plain_row(figure: str, values: list[float], goal: float, unit: str, digits: int = 0, **more) -> Row:
+    """Returns the row of a plain number that was measured several times."""
+    low, high = interval(values)
+    return Row(figure, value=round(statistics.median(values), digits), goal=goal, low=round(low, digits),
+               high=round(high, digits), unit=unit, **more)
 
 
 def spread(values: list[float]) -> float:
