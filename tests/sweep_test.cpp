@@ -28,13 +28,17 @@ const std::string KERNEL_IMAGE = pattern_bytes(40000, 1);
 const std::string ROOTFS_IMAGE = pattern_bytes(16384, 2);
 const std::string SUCCESS = "UPGRADE_LUMO_UGRADE_SUCCESS";
 
-// One upgrade of two modules, in a camera in its initial state.
+// One upgrade of two modules, in a camera in its initial state: with two copies of what a slot
+// starts, except for "Combined".
 class World {
   public:
     // "Files", "AutoFlash" (files with its flag) or "Combined".
     explicit World(const std::string& mode)
         : message_(Camera::request(mode == "Combined", {KERNEL, ROOTFS})) {
         write_file(OTA_DATA_PATH, OLD_RECORD);
+        if (mode != "Combined") {
+            Camera::make_two_copies();
+        }
         if (mode == "AutoFlash") {
             write_file("/tmp/autoflash", "");
         }
@@ -60,10 +64,11 @@ class World {
         });
     }
     static bool others_untouched() {
-        return std::ranges::all_of(Camera::partitions(), [](const std::string& name) {
-            return name == "kernel" || name == "rootfs" ||
-                   Camera::partition(name) == std::string(Camera::PARTITION_SIZE, 'o');
-        });
+        return Camera::running_copies_untouched() &&
+               std::ranges::all_of(Camera::partitions(), [](const std::string& name) {
+                   return name == "kernel" || name == "rootfs" ||
+                          Camera::partition(name) == std::string(Camera::PARTITION_SIZE, 'o');
+               });
     }
 
     Camera camera;

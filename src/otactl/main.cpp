@@ -152,7 +152,9 @@ void add_others(CLI::App& app, Arguments& arguments) {
     logs->add_option("--address", arguments.logs.address,
                      "Address at which the service publishes its log lines");
 
-    app.add_subcommand("modules", "List the modules that a package may contain, in table order");
+    app.add_subcommand("modules",
+                       "List the modules that a package may contain, in table order, and the "
+                       "devices to which their partitions' names lead");
 
     CLI::App* record = app.add_subcommand("record", "Print the outcome of the last upgrade");
     record->add_option("FILE", arguments.recordPath,

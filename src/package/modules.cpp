@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include "package/partition.h"
+
 std::span<const OtaPackageEntry> package_entries() {
     const OtaPackageTable* tables = nullptr;
     uint32_t count = 0;
@@ -34,11 +36,11 @@ std::string module_names() {
 std::string describe_modules() {
     std::string lines;
     for (const OtaPackageEntry& entry : package_entries()) {
-        char line[128] = {};
-        snprintf(line, sizeof(line), "%3u  %-15s  %-15s  %s\n", entry.moduleType,
+        char columns[128] = {};
+        snprintf(columns, sizeof(columns), "%3u  %-15s  %-15s  %-4s  ", entry.moduleType,
                  entry.partitionName, entry.fileName,
                  entry.flashType == OTA_FLASH_TYPE_MTD ? "mtd" : "emmc");
-        lines += line;
+        lines += columns + partition_device(entry) + '\n';
     }
     return lines;
 }

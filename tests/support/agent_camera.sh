@@ -63,6 +63,7 @@ case $1 in
     *) printf '#!/bin/sh\necho "${1#system}" > /run/slot\n' > /etc/init.d/S99checkboot ;;
 esac
 chmod 755 /etc/init.d/S99checkboot
+case $1 in *two-copies*) sh "${0%/*}/two_copies.sh" A kernel rootfs ;; esac
 boot_id=/proc/sys/kernel/random/boot_id
 echo 0 > /run/boot_id
 [ "$(cat $boot_id)" = 0 ] || mount --bind /run/boot_id $boot_id

@@ -7,6 +7,11 @@ case $1 in *stopped*) : > /run/stop ;; esac
 # The record as it was written by agents that kept only the names of files.
 case $1:$2 in *old-record*:1) sed -i -z 's/{[^{}]*"name": \("[^"]*"\)[^{}]*}/\1/g' /config/agent/action.json ;; esac
 case $1 in *taken-out*) umount /media/mmcblk0p1 ;; esac
+# "two-copies A": the boot loader starts slot A again, although the other slot is selected.
+case $1 in
+    *two-copies\ A) ;;
+    *two-copies*) sh "${0%/*}/two_copies.sh" "$(cat /run/slot)" kernel rootfs ;;
+esac
 # Another system is written manually: by each restart, or after the first one.
 case $1:$2 in *by-hand*:* | later:[!1]*) head -c 98304 /dev/zero | tr '\0' h > /dev/block/by-name/kernel ;; esac
 case $1 in

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -20,6 +21,9 @@
 #include "files.h"
 
 namespace {
+
+const std::string NAMES = "/dev/block/by-name/";
+const std::string RUNNING = "/dev/block/running/";
 
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
@@ -83,9 +87,43 @@ std::vector<std::string> Camera::partitions() {
     return names;
 }
 
+void Camera::make_two_copies() {
+    static std::map<std::string, std::string> links;
+    if (links.empty()) {
+        ASSERT_EQ(0, system("sh " TEXTS "support/two_copies.sh A dtb kernel rootfs system"));
+        for (const std::string& folder : {NAMES, RUNNING}) {
+            for (const auto& file : std::filesystem::directory_iterator(folder)) {
+                if (file.is_symlink()) {
+                    links[file.path()] = std::filesystem::read_symlink(file.path());
+                }
+            }
+        }
+        return;
+    }
+    // Starting the script again would take longer than many an upgrade.
+    std::filesystem::create_directory(RUNNING);
+    for (const auto& [link, copy] : links) {
+        write_file(copy, std::string(PARTITION_SIZE, 'o'));
+        remove(link.c_str());
+        std::filesystem::create_symlink(copy, link);
+    }
+}
+
+bool Camera::running_copies_untouched() {
+    return !std::filesystem::exists(RUNNING) ||
+           std::ranges::all_of(std::filesystem::directory_iterator(RUNNING), [](const auto& link) {
+               const std::string name = link.path().filename();
+               return read_file(link.path()) == std::string(PARTITION_SIZE, 'o') &&
+                      std::filesystem::canonical(link.path()) == NAMES + name + "_a" &&
+                      std::filesystem::canonical(NAMES + name) == NAMES + name + "_b";
+           });
+}
+
 void Camera::clear() {
+    std::filesystem::remove_all(RUNNING);
+    std::filesystem::remove_all(NAMES);
     for (const std::string& name : partitions()) {
-        write_file("/dev/block/by-name/" + name, std::string(PARTITION_SIZE, 'o'));
+        write_file(NAMES + name, std::string(PARTITION_SIZE, 'o'));
     }
     remove("/config/ota_data.dat");
     remove("/tmp/autoflash");
@@ -103,7 +141,7 @@ Camera::~Camera() {
 }
 
 std::string Camera::partition(const std::string& name) {
-    return read_file("/dev/block/by-name/" + name);
+    return read_file(NAMES + name);
 }
 
 OtaMessage Camera::request(int32_t packageType, const std::vector<uint32_t>& moduleTypes) {

@@ -48,6 +48,12 @@ class Camera {
     static std::vector<std::string> partitions();
 
     static void clear();  // fills all partitions with "o"; removes record, package, auto-flash
+    // Gives the camera two copies of the partitions that a slot starts, and starts slot A. Removed
+    // by clear().
+    static void make_two_copies();
+    // Whether the copies of slot A have not been written to, and no name leads to them. True with
+    // one copy.
+    static bool running_copies_untouched();
     static std::string partition(const std::string& name);  // content of a partition
 
     // Returns a request for these module types.

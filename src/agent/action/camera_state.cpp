@@ -98,7 +98,7 @@ PackageStatus check_partition(const ManifestModule& module) {
     if (entry == nullptr) {
         return package_fault(PACKAGE_DIFFERENT, "unknown partition " + module.name);
     }
-    const corvo::UniqueFd partition = open_partition(*entry);
+    const corvo::UniqueFd partition = open_running_partition(*entry);
     std::vector<char> chunk(CHUNK_SIZE);
     Sha256Stream digest;
     uint64_t left = partition.valid() ? module.size : 0;

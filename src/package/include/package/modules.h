@@ -22,7 +22,8 @@ const OtaPackageEntry* find_module(std::string_view nameOrNumber);
 std::string module_names();
 
 // Returns the table as text, one line per row. The columns, separated by spaces, are the module
-// type in decimal, the partition, the file name of the image, and "emmc" or "mtd".
+// type in decimal, the partition, the file name of the image, "emmc" or "mtd", and the device to
+// which the partition's name leads.
 std::string describe_modules();
 
 #endif  // PACKAGE_MODULES_H

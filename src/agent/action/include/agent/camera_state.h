@@ -49,9 +49,9 @@ bool service_is_busy(int64_t sender);
 // Removes a request of this type from the queue. Returns whether it was still in the queue.
 bool take_request_back(long messageType);
 
-// Reads the beginning of each partition of the manifest, as many bytes as its image has, and
-// compares the SHA-256 with the manifest. Returns PACKAGE_OK; PACKAGE_DIFFERENT or
-// PACKAGE_UNREADABLE with a text that names the partition.
+// Reads the beginning of each partition of the manifest, of the running slot's copy where two
+// exist, as many bytes as its image has, and compares the SHA-256 with the manifest. Returns
+// PACKAGE_OK; PACKAGE_DIFFERENT or PACKAGE_UNREADABLE with a text that names the partition.
 PackageStatus check_partitions(const Manifest& manifest);
 
 // Runs the fitness command; blocks for at most a minute. Returns whether the camera may be upgraded
