@@ -1,10 +1,10 @@
 # Input for the shell of scripts/demo --shell: an upgrade, and another one after the restart of the camera.
 set -e
-upgrade() {
+upgrade() { # PARTITION that is expected to be written
     head -c 50000 /dev/urandom > /tmp/kernel
     cp /tmp/kernel /media/mmcblk0p1/ota/kernel.bin
     otactl send files --dir /media/mmcblk0p1/ota/ --unsigned kernel --follow
-    head -c 50000 /dev/block/by-name/kernel | cmp - /tmp/kernel
+    head -c 50000 /dev/block/by-name/$1 | cmp - /tmp/kernel
     otactl record | grep -q succeeded
 }
 wait_for_restart() {
@@ -14,8 +14,8 @@ wait_for_restart() {
     done
     return 1
 }
-upgrade
+upgrade kernel_b
 wait_for_restart
-upgrade
+upgrade kernel_a
 wait_for_restart
 echo "two upgrades, two restarts"
