@@ -8,6 +8,7 @@
 #include "agent/camera_state.h"
 #include "agent/download.h"
 #include "cli/progress_line.h"
+#include "offer.h"
 #include "package/camera_rules.h"
 #include "package/files.h"
 #include "package/signed_manifest.h"
@@ -37,11 +38,6 @@ struct Fetching {
     uint64_t polledAtMs = 0;
     bool withdrawn = false;  // the server no longer offers the action
 };
-
-const DdiFile* find_file(const DdiAction& offer, const std::string& name) {
-    const auto found = std::ranges::find(offer.files, name, &DdiFile::name);
-    return found == offer.files.end() ? nullptr : &*found;
-}
 
 std::string names_of(const DdiAction& offer) {
     std::string names;
@@ -256,20 +252,6 @@ AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer
 }
 
 }  // namespace
-
-const DdiFile* find_manifest(const DdiAction& offer) {
-    const DdiFile* manifest = nullptr;
-    for (const DdiFile& file : offer.files) {
-        if (find_file(offer, file.name + SIGNATURE_SUFFIX) == nullptr) {
-            continue;
-        }
-        if (manifest != nullptr) {
-            return nullptr;
-        }
-        manifest = &file;
-    }
-    return manifest;
-}
 
 PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest) {
     Signer signer;

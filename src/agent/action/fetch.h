@@ -6,10 +6,6 @@
 #include "package/manifest.h"
 #include "package/status.h"
 
-// Returns the one file of the offer that has a signature file, or null when the offer has no such
-// file or more than one.
-const DdiFile* find_manifest(const DdiAction& offer);
-
 // Downloads the missing files. The stage becomes ACTION_WAITING or ACTION_RESULT. Returns AGENT_OK,
 // or why the download could not continue; AGENT_GONE: poll the server again.
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer);

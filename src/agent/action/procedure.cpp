@@ -12,6 +12,7 @@
 #include "agent/stored_file.h"
 #include "cli/error_line.h"
 #include "fetch.h"
+#include "offer.h"
 #include "result.h"
 #include "upgrade.h"
 
@@ -26,18 +27,6 @@ constexpr uint32_t MALFORMED_OFFERS_MAX = 3;
 
 bool is_committed(const ActionRecord& action) {
     return action.stage == ACTION_COMMITTED || action.stage == ACTION_POSTED;
-}
-
-// Whether the upgrade must be completed. This also holds for an interrupted upgrade that waits for
-// its next request, because partitions may be half written.
-bool has_begun(const ActionRecord& action) {
-    return is_committed(action) || (action.stage == ACTION_WAITING && action.attempts > 0);
-}
-
-// "11" for ".../deploymentBase/11?c=-2127183556".
-std::string id_of(const std::string& href) {
-    const std::string path = href.substr(0, href.find('?'));
-    return path.substr(path.rfind('/') + 1);
 }
 
 bool is_answered(const Agent& agent, const std::string& what) {
@@ -63,43 +52,6 @@ AgentStatus get_offer(Agent& agent, const std::string& href, DdiAction& offer) {
                                                   "\" differs from the id in its link");
     }
     return status;
-}
-
-bool has_known_digests(const ActionRecord& action) {
-    return std::ranges::none_of(action.files,
-                                [](const OfferedFile& file) { return file.sha256.empty(); });
-}
-
-// Whether the offer is the accepted one: the same id and the same files, in any order.
-bool is_same_offer(const ActionRecord& action, const DdiAction& offer) {
-    const auto was_offered = [&action](const DdiFile& file) {
-        const auto found = std::ranges::find(action.files, file.name, &OfferedFile::name);
-        return found != action.files.end() && found->size == file.size &&
-               found->sha256 == digest_text(file.sha256);
-    };
-    return action.id == offer.id && action.files.size() == offer.files.size() &&
-           std::ranges::all_of(offer.files, was_offered);
-}
-
-// Digest over the offer that a person consents to: names, sizes and digests of its files, in the
-// server's order.
-std::string offer_digest(const DdiAction& offer) {
-    Sha256Stream stream;
-    for (const DdiFile& file : offer.files) {
-        stream.update(file.name + ' ' + std::to_string(file.size) + ' ' + digest_text(file.sha256) +
-                      '\n');
-    }
-    return digest_text(stream.take());
-}
-
-void take_files(ActionRecord& action, const DdiAction& offer) {
-    action.id = offer.id;
-    for (const DdiFile& file : offer.files) {
-        action.files.push_back(
-            {.name = file.name, .size = file.size, .sha256 = digest_text(file.sha256)});
-    }
-    const DdiFile* const manifest = find_manifest(offer);
-    action.manifestFile = manifest == nullptr ? "" : manifest->name;
 }
 
 AgentStatus send_attributes(Agent& agent, const std::string& href) {
@@ -207,7 +159,7 @@ AgentStatus answer_confirmation(Agent& agent, const std::string& href, bool& aga
 // result, or was polled before it had stored it. The action is never carried out a second time.
 AgentStatus resend_result(Agent& agent, const DdiAction& offer, const HistoryEntry& entry) {
     agent.action = {};
-    take_files(agent.action, offer);
+    take_files(offer, agent.action);
     agent.action.stage = ACTION_RESULT;
     agent.action.manifest = entry.manifest;
     agent.action.slotBefore = entry.slotBefore;
@@ -226,6 +178,10 @@ AgentStatus resend_result(Agent& agent, const DdiAction& offer, const HistoryEnt
 }
 
 AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
+    const bool hasOtherFiles = agent.action.id == offer.id;
+    if (hasOtherFiles) {
+        log_action(agent, "the server now offers other files");
+    }
     const DdiFile* const manifest = find_manifest(offer);
     HistoryEntry entry;
     if (manifest != nullptr && find_in_history(agent.settings.stateFolder, offer.id,
@@ -233,9 +189,9 @@ AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
         return resend_result(agent, offer, entry);
     }
     // The server continues its count of statuses when it changes the files of an action.
-    const uint32_t statuses = agent.action.id == offer.id ? agent.action.statuses : 0;
+    const uint32_t statuses = hasOtherFiles ? agent.action.statuses : 0;
     agent.action = {};
-    take_files(agent.action, offer);
+    take_files(offer, agent.action);
     agent.action.stage = ACTION_DOWNLOADING;
     agent.action.statuses = statuses;
     agent.package.checked.clear();
@@ -250,9 +206,8 @@ AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
 }
 
 // Handles an offer that cannot be parsed. Only the id in its link is known.
-AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentStatus& why,
-                             bool& again) {
-    const std::string id = id_of(href);
+AgentStatus refuse_unreadable(Agent& agent, const std::string& id, const AgentStatus& why,
+                              bool& again) {
     if (id.empty()) {
         return why;
     }
@@ -269,82 +224,93 @@ AgentStatus refuse_malformed(Agent& agent, const std::string& href, const AgentS
     return finish_action(agent, false, why.text);
 }
 
-AgentStatus handle_offer(Agent& agent, const std::string& href, bool& again) {
-    if (has_begun(agent.action)) {
-        return {};  // the started upgrade is completed first, whatever is offered
-    }
-    DdiAction offer;
-    AgentStatus status = get_offer(agent, href, offer);
-    if (status.result == AGENT_GONE) {
+// Reads the action to which the poll leads, unless nothing depends on it. `fault` becomes the error
+// of an action that cannot be parsed.
+AgentStatus read_offer(Agent& agent, const std::string& href, DdiAction& offer, Offer& found,
+                       AgentStatus& fault) {
+    const bool hasResult = agent.action.stage == ACTION_RESULT;
+    if (href.empty() || has_begun(agent.action) || (hasResult && id_of(href) != agent.action.id)) {
+        found = href.empty() ? OFFER_NOTHING : OFFER_OTHER_ACTION;
         return {};
     }
-    if (status.result == AGENT_MALFORMED && agent.action.files.empty()) {
-        return refuse_malformed(agent, href, status, again);
+    AgentStatus status = get_offer(agent, href, offer);
+    // With a stored success or known files, an unreadable answer counts as a failed request.
+    const bool isKnown = hasResult ? agent.action.succeeded : !agent.action.files.empty();
+    if (status.result == AGENT_GONE || (status.result == AGENT_MALFORMED && !isKnown)) {
+        found = status.result == AGENT_GONE ? OFFER_GONE : OFFER_UNREADABLE;
+        fault = std::move(status);
+        return {};
     }
-    if (!status.ok()) {
-        return status;
+    if (status.ok()) {
+        found = compare_offer(agent.action, offer);
     }
-    if (agent.action.stage != ACTION_NONE && agent.action.id != offer.id &&
-        !agent.action.downloadOnly) {
-        status = drop_action(agent, "the server offers another action instead");
-    }
-    if (status.ok() && !is_same_offer(agent.action, offer)) {
-        if (agent.action.id == offer.id) {
-            log_action(agent, "the server now offers other files");
-        }
-        status = accept_offer(agent, offer);
-    }
-    if (!status.ok() || agent.action.stage == ACTION_RESULT) {
-        again = status.ok();
-        return status;
-    }
-    if (agent.action.stage == ACTION_DOWNLOADING) {
-        status = fetch_package(agent, offer);
-        // The server is polled again before the next step. It may have canceled the action
-        // meanwhile.
-        again = (status.ok() && agent.action.stage != ACTION_DOWNLOADING) ||
-                status.result == AGENT_GONE;
-        return status.result == AGENT_GONE ? AgentStatus{} : status;
-    }
-    status = start_upgrade(agent, offer);
+    return status;
+}
+
+AgentStatus download(Agent& agent, const DdiAction& offer, bool& again) {
+    AgentStatus status = fetch_package(agent, offer);
+    // The server is polled again before the next step. It may have canceled the action meanwhile.
+    again =
+        (status.ok() && agent.action.stage != ACTION_DOWNLOADING) || status.result == AGENT_GONE;
+    return status.result == AGENT_GONE ? AgentStatus{} : status;
+}
+
+AgentStatus start(Agent& agent, const DdiAction& offer, bool& again) {
+    AgentStatus status = start_upgrade(agent, offer);
     again = status.ok() &&
             (agent.action.stage == ACTION_RESULT || agent.action.stage == ACTION_DOWNLOADING);
     return status;
 }
 
-// Handles a poll while a result is pending. The result is sent only if the server still offers the
-// same files under the action's id, or no longer offers the action.
-AgentStatus handle_result(Agent& agent, const DdiPoll& poll, bool& again) {
-    if (agent.delivery.isSent) {
-        AgentStatus status = archive_result(agent, agent.delivery.isAccepted);
-        again = status.ok();
-        return status;
-    }
-    if (!poll.cancellation.empty() && !is_answered(agent, poll.cancellation)) {
-        return answer_cancellation(agent, poll.cancellation, again);
-    }
-    const bool offered = id_of(poll.deployment) == agent.action.id;
-    if (offered) {
-        DdiAction offer;
-        AgentStatus status = get_offer(agent, poll.deployment, offer);
-        if (status.result == AGENT_GONE) {
-            return {};
-        }
-        const bool unread = status.result == AGENT_MALFORMED && !agent.action.succeeded;
-        if (!status.ok() && !unread) {
-            return status;
-        }
-        if (status.ok() && has_known_digests(agent.action) && !is_same_offer(agent.action, offer)) {
-            log_action(agent, "the server now offers other files, the result is not sent");
-            again = true;
-            return archive_result(agent, false);
-        }
-    }
+AgentStatus close_action(Agent& agent, bool offered, bool& again) {
     if (!is_first_answer(agent, "result " + agent.action.id)) {
         return {};
     }
-    AgentStatus status = deliver_result(agent, offered || !poll.cancellation.empty());
+    AgentStatus status = deliver_result(agent, offered);
     again = status.ok();
+    return status;
+}
+
+// Does what follows from the poll for the current action. Dropping and accepting an action change
+// what follows, so the table is asked again after them.
+AgentStatus carry_out(Agent& agent, const DdiPoll& poll, bool& again) {
+    DdiAction offer;
+    Offer found = OFFER_NOTHING;
+    AgentStatus fault;
+    AgentStatus status = read_offer(agent, poll.deployment, offer, found, fault);
+    while (status.ok()) {
+        switch (next_step(agent.action, found)) {
+            case Step::POLL:
+                return {};
+            case Step::DROP:
+                status = drop_action(agent, found == OFFER_NOTHING
+                                                ? "the server no longer offers the action"
+                                                : "the server offers another action instead");
+                break;
+            case Step::ACCEPT:
+                status = accept_offer(agent, offer);
+                found = OFFER_SAME;
+                if (status.ok() && agent.action.stage == ACTION_RESULT) {
+                    again = true;
+                    return {};
+                }
+                break;
+            case Step::REFUSE:
+                return refuse_unreadable(agent, id_of(poll.deployment), fault, again);
+            case Step::DOWNLOAD:
+                return download(agent, offer, again);
+            case Step::COMMIT:
+                return start(agent, offer, again);
+            case Step::CLOSE:
+                return close_action(
+                    agent, id_of(poll.deployment) == agent.action.id || !poll.cancellation.empty(),
+                    again);
+            case Step::REMEMBER:
+                log_action(agent, "the server now offers other files, the result is not sent");
+                again = true;
+                return archive_result(agent, false);
+        }
+    }
     return status;
 }
 
@@ -360,22 +326,20 @@ AgentStatus poll_server(Agent& agent, bool& again) {
         // them again.
         (void)send_attributes(agent, poll.configData);
     }
-    if (agent.action.stage == ACTION_RESULT) {
-        return handle_result(agent, poll, again);
+    const bool hasResult = agent.action.stage == ACTION_RESULT;
+    if (hasResult && agent.delivery.isSent) {
+        status = archive_result(agent, agent.delivery.isAccepted);
+        again = status.ok();
+        return status;
     }
-    if (!poll.cancellation.empty()) {
+    // The answer to a cancellation does not hold up a result, if it was given in this poll already.
+    if (!poll.cancellation.empty() && !(hasResult && is_answered(agent, poll.cancellation))) {
         return answer_cancellation(agent, poll.cancellation, again);
     }
-    if (!poll.confirmation.empty()) {
+    if (!poll.confirmation.empty() && !hasResult) {
         return answer_confirmation(agent, poll.confirmation, again);
     }
-    if (!poll.deployment.empty()) {
-        return handle_offer(agent, poll.deployment, again);
-    }
-    if (agent.action.stage == ACTION_NONE || agent.action.downloadOnly || has_begun(agent.action)) {
-        return {};
-    }
-    return drop_action(agent, "the server no longer offers the action");
+    return carry_out(agent, poll, again);
 }
 
 // Continues a started upgrade, then polls once and handles the answer. Sets `again` when the server
