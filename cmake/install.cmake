@@ -1,6 +1,6 @@
 # Installation into the file system of a camera. The components are service (with its daemon), tools,
-# agent, bringup, sysv, systemd, agent_sysv, agent_systemd, and symbols, which are for the developer's
-# host. The last six are installed only when they are named.
+# agent, bringup, commit, sysv, systemd, agent_sysv, agent_systemd, commit_sysv, commit_systemd, and
+# symbols, which are for the developer's host. Only the first three are installed without being named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
@@ -29,6 +29,11 @@ if(CORVO_BUILD_TOOLS)
   # Not in the component tools, because it writes to flash without asking for confirmation.
   corvo_install(hal_tool RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT bringup EXCLUDE_FROM_ALL)
 endif()
+# Not installed by default, because it needs a boot loader that counts starts, and its script becomes the
+# board's own /etc/init.d/S99checkboot.
+if(TARGET corvo_commit)
+  corvo_install(corvo_commit RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT commit EXCLUDE_FROM_ALL)
+endif()
 if(TARGET corvo_agent)
   corvo_install(corvo_agent RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
   corvo_install(corvo_agent_sleeper RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
@@ -49,7 +54,7 @@ string(STRIP "${corvo_running}" corvo_running)
 file(READ ${PROJECT_SOURCE_DIR}/packaging/upgrading.sh.in corvo_upgrading)
 string(CONFIGURE "${corvo_upgrading}" corvo_upgrading @ONLY)
 foreach(name S79corvo_slots S80corvo_upgrade corvo-slots.service corvo-upgrade.service
-             corvo-system-call.service S94corvo_agent corvo-agent.service)
+             corvo-system-call.service S94corvo_agent corvo-agent.service S99checkboot corvo-commit.service)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/${name}.in ${PROJECT_BINARY_DIR}/packaging/${name}
                  @ONLY)
 endforeach()
@@ -67,6 +72,14 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-upgrade.service
 if(CORVO_BUILD_TOOLS)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-system-call.service
           DESTINATION lib/systemd/system COMPONENT systemd EXCLUDE_FROM_ALL)
+endif()
+if(TARGET corvo_commit)
+  install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S99checkboot DESTINATION lib/corvo COMPONENT commit
+          EXCLUDE_FROM_ALL)
+  install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S99checkboot
+          DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d COMPONENT commit_sysv EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/corvo-commit.service DESTINATION lib/systemd/system
+          COMPONENT commit_systemd EXCLUDE_FROM_ALL)
 endif()
 if(TARGET corvo_agent)
   install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/S94corvo_agent

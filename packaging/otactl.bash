@@ -1,15 +1,15 @@
-# bash completion for the commands and options of otactl, based on the output of --help.
+# bash completion for the commands and options of otactl and corvo_commit, based on the output of --help.
 
 _otactl() {
-    local word=$2 before=$3 commands=() candidate help i
+    local program=$1 word=$2 before=$3 commands=() candidate help i
     for ((i = 1; i < COMP_CWORD; i++)); do
         # Commands are the words that the parent's help lists under this title.
         candidate=${COMP_WORDS[i]}
-        help=$(otactl "${commands[@]}" --help 2> /dev/null) || return
+        help=$("$program" "${commands[@]}" --help 2> /dev/null) || return
         [[ $candidate == [a-z]* ]] && sed -n '/^Subcommands:/,/^$/p' <<< "$help" |
             grep -q "^  $candidate\( \|$\)" && commands+=("$candidate")
     done
-    help=$(otactl "${commands[@]}" --help 2> /dev/null) || return
+    help=$("$program" "${commands[@]}" --help 2> /dev/null) || return
     case $before in
         --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --address | --level) ;;
@@ -27,4 +27,4 @@ _otactl() {
             ;;
     esac
 }
-complete -o default -o filenames -F _otactl otactl
+complete -o default -o filenames -F _otactl otactl corvo_commit

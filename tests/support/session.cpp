@@ -31,7 +31,8 @@ void expect_session(const char* name, const std::string& before,
         const std::string command(std::istreambuf_iterator<char>(row), {});
         std::string said = without_source_lines(run(before + command));
         said = replaced(said, R"(there are [^)]*\))", "...)");
-        return replaced(said, "(otactl|hal_tool|corvo_agent): .*(?=.see --help)", "") + more();
+        return replaced(said, "(otactl|hal_tool|corvo_agent|corvo_commit): .*(?=.see --help)", "") +
+               more();
     };
     expect_cases(name, typed, rows);
 }

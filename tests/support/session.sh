@@ -239,3 +239,40 @@ await() { # SECONDS COMMAND...
         sleep 0.02
     done
 }
+
+# Called before each row of cases/commit.txt: a camera with two slots that runs A, with the real tools of the
+# boot environment, which has two copies in one file.
+commit_camera() {
+    cd /run || return
+    rm -rf /config/commit /etc/corvo /run/environment /run/restarts
+    mkdir -p /etc/corvo
+    printf '%s\n' "/run/environment 0x0 0x4000" "/run/environment 0x4000 0x4000" > /etc/fw_env.config
+    head -c 32768 /dev/zero > environment
+    printf 'bootsystem=A\nboot_loader_saved=1\nother=kept\n' > initial
+    fw_setenv -f initial bootcount 3 2> /dev/null
+    for name in kernel rootfs; do seq 1000 > /dev/block/by-name/$name; done
+    checkboot=/etc/init.d/S99checkboot
+    if [ ! -e boot_id ]; then
+        : > boot_id > command_line
+        mount --bind command_line /proc/cmdline
+        mount --bind boot_id /proc/sys/kernel/random/boot_id
+        printf '#!/bin/sh\necho restart >> /run/restarts\n' > /camera/bin/reboot
+        program=$(command -v corvo_commit)
+        sed "s#^program=.*#program=$program#" "${program%/*}/packaging/S99checkboot" > $checkboot
+        chmod 755 $checkboot
+    fi
+    starts A
+}
+# The camera is started in a slot. The boot loader counts.
+starts() { # SLOT
+    echo "console=ttyS0 bootsystem=$1 quiet" > command_line
+    cat /proc/sys/kernel/random/uuid > boot_id 2> /dev/null
+    [ "$(variable upgrade_available)" != 1 ] || fw_setenv bootcount $(($(variable bootcount) + 1))
+}
+variable() { fw_printenv -n "$1" 2> /dev/null; }
+# What the next start finds.
+environment() { fw_printenv | grep -v other= | sort | tr '\n' ' ' | sed 's/boot_loader_saved=1 //;s/ $/\n/'; }
+short() { sed 's/^corvo_commit: //'; }
+trial() { # OPTION...; arms B and starts it
+    $checkboot systemB && starts B && corvo_commit "$@" boot
+}
