@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "base/crc32.h"
 #include "base/open_without_links.h"
 #include "base/unique_fd.h"
+#include "manifest_lines.h"
 #include "openssl_owned.h"
 
 namespace {
@@ -22,12 +22,6 @@ constexpr uint64_t PROGRESS_STEP = 1048576;
 
 PackageStatus differs(const std::string& text) {
     return package_fault(PACKAGE_DIFFERENT, text);
-}
-
-std::string crc_text(uint32_t crc) {
-    char digits[9] = {};
-    snprintf(digits, sizeof(digits), "%08x", crc);
-    return digits;
 }
 
 PackageStatus check_size(const std::string& path, const PackageFile& file, uint64_t size) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/hex.h"
 #include "manifest_lines.h"
 #include "ota/ota_message.h"
 #include "package/modules.h"
@@ -11,7 +12,6 @@ namespace {
 
 constexpr std::string_view MAGIC = "corvo-manifest ";
 constexpr std::string_view FIRST_LINE = "corvo-manifest 2";
-constexpr std::string_view DIGITS = "0123456789abcdef";
 constexpr size_t FILE_NAME_MAX = sizeof(OtaPackageEntry::fileName) - 1;
 constexpr size_t MODULE_NAME_MAX = sizeof(OtaPackageEntry::partitionName) - 1;
 constexpr size_t KIND_MAX = 64;
@@ -61,15 +61,9 @@ bool parse_decimal(std::string_view field, uint64_t& value) {
     return parse_number(field, value, 10) && (field.size() == 1 || field.front() != '0');
 }
 
+// Rejects upper-case digits, so that each digest can be written in one way only.
 bool parse_digest(std::string_view field, Sha256& digest) {
-    if (field.size() != 2 * SHA256_SIZE ||
-        field.find_first_not_of(DIGITS) != std::string_view::npos) {
-        return false;
-    }
-    for (size_t i = 0; i < SHA256_SIZE; ++i) {
-        parse_number(field.substr(2 * i, 2), digest[i], 16);
-    }
-    return true;
+    return corvo::parse_hex(field, digest) && digest_text(digest) == field;
 }
 
 bool split_fields(std::string_view line, std::array<std::string_view, FIELDS>& fields) {
@@ -236,10 +230,5 @@ std::string format_manifest(const Manifest& manifest) {
 }
 
 std::string digest_text(const Sha256& digest) {
-    std::string text;
-    for (const unsigned char byte : digest) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0xF];
-    }
-    return text;
+    return corvo::hex_text(digest);
 }

@@ -2,6 +2,8 @@
 #ifndef PACKAGE_MANIFEST_LINES_H
 #define PACKAGE_MANIFEST_LINES_H
 
+#include <stdint.h>
+
 #include <charconv>
 #include <string>
 #include <string_view>
@@ -25,6 +27,9 @@ std::string check_range(const ManifestModule& module);
 std::string add_module(Manifest& manifest, const ManifestModule& module);
 // Parses one line of version 1, without its line feed, and adds its module.
 std::string take_line_v1(std::string_view line, Manifest& manifest);
+
+// Returns a checksum as eight hexadecimal digits.
+std::string crc_text(uint32_t crc);
 
 std::string format_manifest_v1(const Manifest& manifest);
 

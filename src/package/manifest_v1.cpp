@@ -67,16 +67,19 @@ std::string take_line_v1(std::string_view line, Manifest& manifest) {
     return fault.empty() ? add_module(manifest, module) : fault;
 }
 
+std::string crc_text(uint32_t crc) {
+    char digits[CRC_DIGITS + 1] = {};
+    snprintf(digits, sizeof(digits), "%08x", crc);
+    return digits;
+}
+
 std::string format_manifest_v1(const Manifest& manifest) {
     std::string text = "# module offset size crc32\n";
     for (const ManifestModule& module : manifest.modules) {
         text += module.name;
         text += ' ' + std::to_string(module.offset) + ' ' + std::to_string(module.size);
         if (module.crc) {
-            char digits[CRC_DIGITS + 1] = {};
-            snprintf(digits, sizeof(digits), "%08x", *module.crc);
-            text += ' ';
-            text += digits;
+            text += ' ' + crc_text(*module.crc);
         }
         text += '\n';
     }

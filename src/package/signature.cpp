@@ -1,5 +1,6 @@
 #include "package/signature.h"
 
+#include <ctype.h>
 #include <limits.h>
 #include <time.h>
 
@@ -7,7 +8,9 @@
 #include <array>
 #include <chrono>
 #include <limits>
+#include <span>
 
+#include "base/hex.h"
 #include "openssl_owned.h"
 #include "purpose.h"
 
@@ -37,7 +40,6 @@ int64_t seconds_of(const ASN1_TIME* time) {
 }
 
 std::string fingerprint_of(const X509* certificate) {
-    constexpr char DIGITS[] = "0123456789ABCDEF";
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest = {};
     unsigned size = 0;
     if (X509_digest(certificate, EVP_sha256(), digest.data(), &size) != 1) {
@@ -45,10 +47,9 @@ std::string fingerprint_of(const X509* certificate) {
     }
     std::string text;
     for (unsigned i = 0; i < size; ++i) {
-        text += i == 0 ? "" : ":";
-        text += DIGITS[digest[i] >> 4];
-        text += DIGITS[digest[i] & 0xF];
+        text += (i == 0 ? "" : ":") + corvo::hex_text(std::span(&digest[i], 1));
     }
+    std::ranges::transform(text, text.begin(), toupper);
     return text;
 }
 

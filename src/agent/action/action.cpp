@@ -1,7 +1,5 @@
 #include "agent/action.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -9,6 +7,7 @@
 #include "agent/json_text.h"
 #include "agent/settings.h"
 #include "agent/stored_file.h"
+#include "base/hex.h"
 #include "cli/error_line.h"
 
 namespace {
@@ -44,24 +43,12 @@ void take(const Json& json, const char* name, T& value) {
     }
 }
 
-// JSON cannot store arbitrary bytes, so the outcome record is stored as two hexadecimal digits for
-// each byte.
-std::string bytes_to_digits(std::string_view bytes) {
-    constexpr char DIGITS[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        text += DIGITS[static_cast<unsigned char>(byte) >> 4U];
-        text += DIGITS[static_cast<unsigned char>(byte) & 0xFU];
-    }
-    return text;
-}
-
-std::string digits_to_bytes(const std::string& digits) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes += static_cast<char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16));
-    }
-    return bytes;
+// JSON cannot store arbitrary bytes, so the outcome record is stored as hexadecimal digits.
+std::string record_of(const Json& json) {
+    std::string digits;
+    take(json, "recordBefore", digits);
+    std::string record(digits.size() / 2, '\0');
+    return corvo::parse_hex(digits, record) ? record : "";
 }
 
 bool find_stage(const std::string& word, ActionStage& stage) {
@@ -96,7 +83,7 @@ std::string action_text(const ActionRecord& action) {
                        {"manifest", action.manifest},
                        {"attempts", action.attempts},
                        {"slotBefore", std::string(1, action.slotBefore)},
-                       {"recordBefore", bytes_to_digits(action.recordBefore)},
+                       {"recordBefore", corvo::hex_text(action.recordBefore)},
                        {"bootId", action.bootId},
                        {"processId", action.processId},
                        {"succeeded", action.succeeded},
@@ -136,9 +123,7 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     take(json, "manifest", action.manifest);
     take(json, "attempts", action.attempts);
     action.slotBefore = slot_of(json);
-    std::string record;
-    take(json, "recordBefore", record);
-    action.recordBefore = digits_to_bytes(record);
+    action.recordBefore = record_of(json);
     take(json, "bootId", action.bootId);
     take(json, "processId", action.processId);
     take(json, "succeeded", action.succeeded);

@@ -3,6 +3,7 @@
 #include <inttypes.h>
 #include <stdio.h>
 
+#include "base/hex.h"
 #include "package/files.h"
 
 namespace {
@@ -30,13 +31,9 @@ bool load_part_record(const OpenFolder& folder, const std::string& name, PartRec
     int tag = 0;
     if (sscanf(text.c_str(),
                "corvo-download 1 size %" SCNu64 " sha256 %64s kept %" SCNu64 " different %d etag%n",
-               &record.size, digest, &record.kept, &different, &tag) != 4) {
+               &record.size, digest, &record.kept, &different, &tag) != 4 ||
+        !corvo::parse_hex(digest, record.sha256)) {
         return false;
-    }
-    for (size_t i = 0; i < SHA256_SIZE; ++i) {
-        unsigned byte = 0;
-        sscanf(digest + 2 * i, "%2x", &byte);
-        record.sha256[i] = static_cast<unsigned char>(byte);
     }
     record.cameDifferent = different == 1;
     const auto begin = static_cast<size_t>(tag) + 1;

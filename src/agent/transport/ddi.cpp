@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/json_text.h"
+#include "base/hex.h"
 
 namespace {
 
@@ -173,25 +174,15 @@ std::string take_window(const Json& deployment, bool& outside) {
                : R"(expected "available" or "unavailable" as "maintenanceWindow")";
 }
 
-int digit_value(char c) {
-    constexpr std::string_view DIGITS = "0123456789abcdef";
-    return static_cast<int>(
-        DIGITS.find(c >= 'A' && c <= 'F' ? static_cast<char>(c + 'a' - 'A') : c));
-}
-
 std::string take_digest(const Json& artifact, Sha256& digest) {
     const Json* const hashes = find(artifact, "hashes");
     std::string text;
     if (hashes != nullptr && hashes->is_object()) {
         (void)take_text(*hashes, "sha256", 2 * SHA256_SIZE, text);
     }
-    const bool fits = text.size() == 2 * SHA256_SIZE &&
-                      std::ranges::all_of(text, [](char c) { return digit_value(c) >= 0; });
-    for (size_t i = 0; fits && i < SHA256_SIZE; ++i) {
-        digest[i] = static_cast<unsigned char>(digit_value(text[2 * i]) * 16 +
-                                               digit_value(text[2 * i + 1]));
-    }
-    return fits ? "" : R"(expected 64 hexadecimal digits as "sha256" in "hashes")";
+    return corvo::parse_hex(text, digest)
+               ? ""
+               : R"(expected 64 hexadecimal digits as "sha256" in "hashes")";
 }
 
 // Whether the name cannot be confused with the agent's temporary files (NAME.part, NAME.part.from).
