@@ -7,10 +7,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "base/alternate_stack.h"
+#include "base/monotonic_clock.h"
 #include "base/scoped_lock.h"
 #include "base/unique_fd.h"
 #include "dbus/dbus_socket_common.h"
@@ -32,12 +32,6 @@ struct Connection {
     bool answered;           // a whole record has been received
     int32_t failedAttempts;  // attempts to connect that failed since the last usable connection
 };
-
-int64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // Tries to connect until DBUS_CONNECT_ATTEMPTS attempts have failed, including the *failedAttempts
 // earlier ones, or until the endpoint is being closed. Returns whether the socket is connected. The
@@ -66,7 +60,8 @@ int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info, Connec
     // A server that is terminating still accepts connections until it ends. A connection that is
     // lost soon and without a reply probably reached such a server. It counts as a failed attempt,
     // and the pause gives a new server time to start.
-    if (!connection->answered && monotonic_ms() - connection->madeAtMs < DBUS_CONNECT_PAUSE_MS) {
+    if (!connection->answered &&
+        corvo::monotonic_ms() - connection->madeAtMs < DBUS_CONNECT_PAUSE_MS) {
         ++connection->failedAttempts;
         usleep(DBUS_CONNECT_PAUSE_MS * 1000);
     } else {
@@ -88,7 +83,7 @@ int32_t SystemCall_Dbus_Method_Reconnect_Daemon(SystemCallDbusInfo* info, Connec
         return DBUS_CONNECT_FAILED;
     }
     info->connectionSocket = fd.release();
-    connection->madeAtMs = monotonic_ms();
+    connection->madeAtMs = corvo::monotonic_ms();
     connection->answered = false;
     return DBUS_OK;
 }
@@ -130,7 +125,7 @@ void* SystemCall_Dbus_Method_Thread(void* argument) {
     SystemCallDbusInfo* const info = static_cast<SystemCallDbusInfo*>(argument);
     dbus_name_thread("DbusProcess");
     Connection connection = {};
-    connection.madeAtMs = monotonic_ms();
+    connection.madeAtMs = corvo::monotonic_ms();
     bool keepReading = true;
     while (keepReading) {
         // Only this thread replaces the socket, so it may read it without the lock.
@@ -205,11 +200,12 @@ bool hung_up(int fd) {
 // SYSTEM_CALL_DBUS_CONNECT_MS. Otherwise the record would be lost although a new server may already
 // be listening. Returns the result of record_write().
 ssize_t write_record(SystemCallDbusInfo* info, const SystemCallDbusMsg& record) {
-    const int64_t deadline = monotonic_ms() + SYSTEM_CALL_DBUS_CONNECT_MS;
+    const int64_t deadline = corvo::monotonic_ms() + SYSTEM_CALL_DBUS_CONNECT_MS;
     while (true) {
         {
             const corvo::ScopedLock lock(info->lock);
-            if (!info->reading || !hung_up(info->connectionSocket) || monotonic_ms() >= deadline) {
+            if (!info->reading || !hung_up(info->connectionSocket) ||
+                corvo::monotonic_ms() >= deadline) {
                 return record_write(info->connectionSocket, record);
             }
         }

@@ -2,11 +2,11 @@
 #include <string.h>
 #include <sys/msg.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <sstream>
 
+#include "base/monotonic_clock.h"
 #include "cli/error_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
@@ -20,12 +20,6 @@ constexpr int QUIET_MS = 200;
 constexpr int64_t RECEIVE_LIMIT_MS = 15000;  // the service retries a failed receive after 5 s
 constexpr int64_t LOST_LIMIT_MS = 2000;
 constexpr int BAR_WIDTH = 30;
-
-int64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 void draw_bar(const Progress& progress) {
     const int percent = progress_percent(progress);
@@ -110,12 +104,12 @@ int follow_upgrade(LogStream& log, const std::vector<const OtaPackageEntry*>& mo
                    const OtaMessage& request, int queue, long messageType) {
     const bool terminal = isatty(STDOUT_FILENO) == 1;
     Progress progress = start_progress(modules, request.packageType == OTA_PACKAGE_TYPE_FILES);
-    const int64_t posted = monotonic_ms();
+    const int64_t posted = corvo::monotonic_ms();
     int64_t lastSeen = posted;
     std::string message;
     while (!progress.restarting) {
         const StreamEvent event = log.receive(message, QUIET_MS);
-        const int64_t now = monotonic_ms();
+        const int64_t now = corvo::monotonic_ms();
         if (event == StreamEvent::MESSAGE) {
             lastSeen = now;
             PublishedLine published = {};

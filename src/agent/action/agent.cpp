@@ -116,13 +116,6 @@ bool waits_for_card(Agent& agent) {
     return true;
 }
 
-uint64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * MS_PER_S +
-           static_cast<uint64_t>(now.tv_nsec / NS_PER_MS);
-}
-
 bool wait_ms(const Agent& agent, uint32_t milliseconds) {
     const timespec span = {.tv_sec = static_cast<time_t>(milliseconds / MS_PER_S),
                            .tv_nsec = static_cast<long>(milliseconds % MS_PER_S) * NS_PER_MS};

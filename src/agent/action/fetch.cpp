@@ -7,6 +7,7 @@
 
 #include "agent/camera_state.h"
 #include "agent/download.h"
+#include "base/monotonic_clock.h"
 #include "cli/progress_line.h"
 #include "offer.h"
 #include "package/camera_rules.h"
@@ -22,7 +23,7 @@ constexpr uint32_t PROGRESS_STEPS = 10;
 // While a download runs, the server is polled at this interval, so that a canceled action does not
 // continue to use a slow or expensive connection. Compared with the download, these polls cost the
 // server little.
-constexpr uint64_t POLL_INTERVAL_MS = 10000;
+constexpr int64_t POLL_INTERVAL_MS = 10000;
 constexpr uint32_t GONE_OFFERS_MAX = 2;
 // An answer that is neither the file nor a known refusal may be a temporary fault of a proxy, so
 // the request is repeated.
@@ -35,7 +36,7 @@ struct Fetching {
     uint64_t all = 0;     // bytes of the images
     uint64_t before = 0;  // bytes of those that are complete
     uint32_t step = 0;    // last reported step, of PROGRESS_STEPS
-    uint64_t polledAtMs = 0;
+    int64_t polledAtMs = 0;
     bool withdrawn = false;  // the server no longer offers the action
 };
 
@@ -97,7 +98,7 @@ bool has_room(const OpenFolder& folder, const std::vector<PackageFile>& files, s
 
 // Polls the server at intervals. Returns whether the action is still offered.
 bool still_wanted(Agent& agent, Fetching& fetching) {
-    const uint64_t now = monotonic_ms();
+    const int64_t now = corvo::monotonic_ms();
     if (now - fetching.polledAtMs < POLL_INTERVAL_MS) {
         return true;
     }
@@ -280,7 +281,7 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
         return {};
     }
     end_wait(agent);
-    Fetching fetching = {.polledAtMs = monotonic_ms()};
+    Fetching fetching = {.polledAtMs = corvo::monotonic_ms()};
     AgentStatus status = make_folder(agent.package.folder, fetching.folder);
     if (!status.ok()) {
         return waits_for_card(agent) ? AgentStatus{} : finish_action(agent, false, status.text);

@@ -8,6 +8,7 @@
 
 #include "agent/camera_state.h"
 #include "agent/verdict.h"
+#include "base/monotonic_clock.h"
 #include "fetch.h"
 #include "package/camera_rules.h"
 #include "package/modules.h"
@@ -19,14 +20,14 @@
 namespace {
 
 constexpr uint32_t CHECK_INTERVAL_MS = 500;
-constexpr uint64_t MS_PER_S = 1000;
+constexpr int64_t MS_PER_S = 1000;
 // How long to wait for a service that does not run, or for the restart after a service has ended:
 // long enough for a camera that starts its services slowly.
-constexpr uint64_t PATIENCE_MS = 60 * MS_PER_S;
+constexpr int64_t PATIENCE_MS = 60 * MS_PER_S;
 // While an upgrade runs, the server is polled again after this time, to answer cancellations.
-constexpr uint64_t WATCH_MS = 600 * MS_PER_S;
+constexpr int64_t WATCH_MS = 600 * MS_PER_S;
 // How long the agent waits for another sender's request on which no service seems to work.
-constexpr uint64_t OTHERS_PATIENCE_MS = 600 * MS_PER_S;
+constexpr int64_t OTHERS_PATIENCE_MS = 600 * MS_PER_S;
 constexpr int32_t MINUTES_PER_HOUR = 60;
 constexpr int64_t NO_PROCESS = 0;  // a process id that matches no sender
 
@@ -58,9 +59,9 @@ std::string others_upgrade(Agent& agent) {
         return "";
     }
     if (agent.camera.othersSinceMs == 0) {
-        agent.camera.othersSinceMs = monotonic_ms();
+        agent.camera.othersSinceMs = corvo::monotonic_ms();
     }
-    return monotonic_ms() - agent.camera.othersSinceMs < OTHERS_PATIENCE_MS ? UNDER_WAY : "";
+    return corvo::monotonic_ms() - agent.camera.othersSinceMs < OTHERS_PATIENCE_MS ? UNDER_WAY : "";
 }
 
 std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
@@ -116,12 +117,12 @@ AgentStatus stopped() {
 // the service, the boot environment, a device node or the card may not be available yet. Returns
 // false when the agent is stopping; a failed check has no meaning then.
 bool wait_until(const Agent& agent, const std::function<bool()>& check) {
-    const uint64_t since = monotonic_ms();
+    const int64_t since = corvo::monotonic_ms();
     while (!check()) {
         if (agent.stop) {
             return false;
         }
-        if (monotonic_ms() - since >= PATIENCE_MS) {
+        if (corvo::monotonic_ms() - since >= PATIENCE_MS) {
             return true;
         }
         if (!wait_ms(agent, CHECK_INTERVAL_MS)) {
@@ -189,14 +190,14 @@ AgentStatus end_without_restart(Agent& agent) {
 // Watches the upgrade until the camera restarts, which ends this process, or the service has ended.
 // Returns after WATCH_MS at the latest.
 AgentStatus watch_upgrade(Agent& agent) {
-    const uint64_t begin = monotonic_ms();
-    uint64_t busyAt = begin;
-    while (monotonic_ms() - begin < WATCH_MS) {
+    const int64_t begin = corvo::monotonic_ms();
+    int64_t busyAt = begin;
+    while (corvo::monotonic_ms() - begin < WATCH_MS) {
         // The missing restart may take days. Polls continue meanwhile, and each checks only once.
         if (!agent.camera.awaitsRestart && !wait_ms(agent, CHECK_INTERVAL_MS)) {
             return stopped();
         }
-        const uint64_t now = monotonic_ms();
+        const int64_t now = corvo::monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
             agent.camera.awaitsRestart = false;
             busyAt = now;

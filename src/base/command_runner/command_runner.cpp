@@ -9,7 +9,6 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/monotonic_clock.h"
 #include "base/unique_fd.h"
 
 namespace {
@@ -40,12 +40,6 @@ struct Running {
     bool reaped = false;  // guarded by mutex
     int waitStatus = 0;   // guarded by mutex
 };
-
-int64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // close_from() and become_command() run between fork() and exec() in a process with many threads,
 // so they may use system calls only.
@@ -135,7 +129,7 @@ int status_of(int waitStatus) {
 
 CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char> output) {
     CommandResult result = {.started = true, .killed = false, .status = 0, .outputLength = 0};
-    int64_t deadline = monotonic_ms() + limitMs;
+    int64_t deadline = corvo::monotonic_ms() + limitMs;
     std::array<pollfd, 3> events = {{{.fd = running.ended.get(), .events = POLLIN, .revents = 0},
                                      {.fd = pipe, .events = POLLIN, .revents = 0},
                                      {.fd = g_stop_event, .events = POLLIN, .revents = 0}}};
@@ -143,14 +137,14 @@ CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char>
     pollfd& readable = events[1];
     pollfd& stopping = events[2];
     while (ended.revents == 0) {
-        const int64_t left = deadline - monotonic_ms();
+        const int64_t left = deadline - corvo::monotonic_ms();
         if (left <= 0 && result.killed) {
             break;  // stuck in the kernel even after SIGKILL; reported as killed
         }
         if (left <= 0) {
             result.killed = true;
             kill_group(running);
-            deadline = monotonic_ms() + KILL_GRACE_MS;
+            deadline = corvo::monotonic_ms() + KILL_GRACE_MS;
             continue;
         }
         if (poll(events.data(), events.size(), static_cast<int>(left)) < 0) {
@@ -160,7 +154,7 @@ CommandResult supervise(Running& running, int limitMs, int pipe, std::span<char>
             readable.fd = -1;
         }
         if (stopping.revents != 0) {
-            deadline = std::min(deadline, monotonic_ms() + g_stop_grace_ms);
+            deadline = std::min(deadline, corvo::monotonic_ms() + g_stop_grace_ms);
             stopping.fd = -1;
         }
     }

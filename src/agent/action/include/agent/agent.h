@@ -37,7 +37,7 @@ struct CameraState {
     std::string runningManifest = {};  // digest of the manifest whose system was found running
     bool awaitsRestart = false;        // the upgrade has ended, only the restart is missing
     // When another sender's request was found in the queue; 0: not found.
-    uint64_t othersSinceMs = 0;
+    int64_t othersSinceMs = 0;
 };
 
 // What the current update waits for.
@@ -114,9 +114,6 @@ bool waits_for_card(Agent& agent);
 // Removes all files in the agent's folder that the action does not need. An action with a result
 // needs none.
 void remove_unused_files(const Agent& agent);
-
-// Returns the milliseconds of CLOCK_MONOTONIC, which does not jump when the time is set.
-uint64_t monotonic_ms();
 
 // Waits; a signal ends the wait early. Returns false when the agent is stopping.
 bool wait_ms(const Agent& agent, uint32_t milliseconds);
