@@ -1,6 +1,5 @@
 #include <stdio.h>
 #include <string.h>
-#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include "otactl/log_stream.h"
 #include "otactl/progress.h"
 #include "package/partition.h"
+#include "package/request.h"
 
 namespace {
 
@@ -79,12 +79,6 @@ std::string failure_reason(const OtaPackageEntry& entry, const OtaMessage& reque
     }
     return " (image " + size_text(image) + ", partition " +
            size_text(static_cast<uint64_t>(partition)) + ")";
-}
-
-// Removes the request from the queue. Returns whether it was still there.
-bool withdraw_request(int queue, long messageType) {
-    OtaQueueMessage message = {};
-    return msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
 }
 
 int exit_of(const Progress& progress) {

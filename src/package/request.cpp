@@ -81,3 +81,8 @@ PackageStatus post_request(int queue, const OtaMessage& message, long messageTyp
                          std::string("cannot post the request: ") +
                              (errno == EAGAIN ? "the queue is full" : strerror(errno)));
 }
+
+bool withdraw_request(int queue, long messageType) {
+    OtaQueueMessage message = {};
+    return msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
+}

@@ -176,9 +176,7 @@ bool service_is_busy(int64_t sender) {
 
 bool take_request_back(long messageType) {
     int queue = -1;
-    OtaQueueMessage message = {};
-    return open_request_queue(queue).ok() &&
-           msgrcv(queue, &message, sizeof(message.text), messageType, IPC_NOWAIT) >= 0;
+    return open_request_queue(queue).ok() && withdraw_request(queue, messageType);
 }
 
 PackageStatus check_partitions(const Manifest& manifest) {

@@ -31,4 +31,8 @@ PackageStatus open_request_queue(int& queue);
 // full or cannot be written.
 PackageStatus post_request(int queue, const OtaMessage& message, long messageType);
 
+// Removes a request of this type from the queue, without blocking. Returns whether it was still
+// there: then the service has not received it and never will.
+bool withdraw_request(int queue, long messageType);
+
 #endif  // PACKAGE_REQUEST_H
