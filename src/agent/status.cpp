@@ -13,8 +13,7 @@
 #include "agent/consent.h"
 #include "agent/json_text.h"
 #include "agent/stored_file.h"
-#include "base/owned.h"
-#include "base/unique_fd.h"
+#include "base/replace_file.h"
 #include "cli/error_line.h"
 #include "package/files.h"
 #include "package/signature.h"
@@ -25,7 +24,7 @@ constexpr char RUN_FOLDER[] = "/run/corvo-agent/";
 constexpr char RUN_FILE[] = "/run/corvo-agent/status.json";
 constexpr char RUN_FILE_NEW[] = "/run/corvo-agent/status.json.new";
 constexpr mode_t RUN_FOLDER_MODE = 0755;
-constexpr mode_t RUN_FILE_MODE = 0644;
+constexpr mode_t RUN_FILE_MODE = 0644;       // all users may read it; only its owner may write it
 constexpr size_t RUN_FILE_SIZE_MAX = 65536;  // bytes
 
 std::string text_of(const Json& json, const char* name) {
@@ -137,18 +136,9 @@ void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
     // The folder belongs to the agent's user, and this process may be root. The file is created
     // anew, so that no link in the folder is followed.
     (void)unlink(RUN_FILE_NEW);
-    {
-        // All users may read the file; only its owner may write it.
-        corvo::UniqueFd fd(
-            open(RUN_FILE_NEW, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, RUN_FILE_MODE));
-        const corvo::OwnedFile file(fdopen(fd.get(), "w"));
-        if (!file) {
-            return;
-        }
-        (void)fd.release();
-        fputs(text_of_json(json, 1).c_str(), file.get());
+    if (corvo::create_flushed_file(AT_FDCWD, RUN_FILE_NEW, RUN_FILE_MODE, text_of_json(json, 1))) {
+        (void)rename(RUN_FILE_NEW, RUN_FILE);
     }
-    (void)rename(RUN_FILE_NEW, RUN_FILE);
 }
 
 AgentStatus print_status(const AgentSettings& settings, bool json) {

@@ -8,11 +8,13 @@
 
 #include <set>
 
-#include "base/unique_fd.h"
+#include "base/replace_file.h"
 #include "cli/error_line.h"
 #include "otactl/commands.h"
 
 namespace {
+
+constexpr mode_t MODE = 0666;  // the user's umask decides
 
 int failed(const std::string& what, const std::string& path) {
     print_error(OTACTL, "cannot " + what + " " + path + ": " + strerror(errno));
@@ -26,11 +28,9 @@ std::string directory_of(const std::string& path) {
 
 // Without this a rename or a removal may not survive a power cut.
 int flush_directory(const std::string& directory) {
-    const corvo::UniqueFd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // Some network file systems cannot flush a directory and report EINVAL.
-    return opened.valid() && (fsync(opened.get()) == 0 || errno == EINVAL)
-               ? static_cast<int>(OTACTL_OK)
-               : failed("flush", directory);
+    return corvo::flush_folder(directory.c_str()) || errno == EINVAL ? static_cast<int>(OTACTL_OK)
+                                                                     : failed("flush", directory);
 }
 
 }  // namespace
@@ -45,33 +45,28 @@ std::string OutputFiles::part_of(const std::string& path) {
     return path + ".part";
 }
 
-int OutputFiles::create(const std::string& path, corvo::OwnedFile& file) {
+int OutputFiles::create(const std::string& path, corvo::UniqueFd& file) {
     const std::string part = part_of(path);
     (void)unlink(part.c_str());
-    file.reset(fopen(part.c_str(), "wbxe"));
-    if (!file) {
+    file.reset(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));
+    if (!file.valid()) {
         return failed("write", path);
     }
     paths_.push_back(path);
     return OTACTL_OK;
 }
 
-int OutputFiles::close(const std::string& path, corvo::OwnedFile file) {
-    if (fflush(file.get()) != 0 || fsync(fileno(file.get())) != 0) {
-        return failed("write", path);
-    }
-    return fclose(file.release()) == 0 ? static_cast<int>(OTACTL_OK) : failed("write", path);
+int OutputFiles::flush(const std::string& path, const corvo::UniqueFd& file) {
+    return fsync(file.get()) == 0 ? static_cast<int>(OTACTL_OK) : failed("write", path);
 }
 
 int OutputFiles::write(const std::string& path, std::string_view text) {
-    corvo::OwnedFile file;
+    corvo::UniqueFd file;
     const int result = create(path, file);
     if (result != OTACTL_OK) {
         return result;
     }
-    return fwrite(text.data(), 1, text.size(), file.get()) == text.size()
-               ? close(path, std::move(file))
-               : failed("write", path);
+    return corvo::write_all(file.get(), text) ? flush(path, file) : failed("write", path);
 }
 
 int OutputFiles::put_in_place(const std::string& stale) {

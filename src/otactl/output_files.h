@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/owned.h"
+#include "base/unique_fd.h"
 
 // Each file is first written to a part file, which has the name of the final file and ".part". No
 // file is replaced before all part files are flushed, since a file system may store a rename before
@@ -24,10 +24,10 @@ class OutputFiles {
     static std::string part_of(const std::string& path);
     // Creates an empty part file of `path`. Removes the part file that an earlier run may have
     // left.
-    int create(const std::string& path, corvo::OwnedFile& file);
-    // Flushes and closes the part file of `path`.
-    static int close(const std::string& path, corvo::OwnedFile file);
-    // Creates the part file of `path`, writes the text, flushes and closes it.
+    int create(const std::string& path, corvo::UniqueFd& file);
+    // Flushes the part file of `path`, which is open as `file`.
+    static int flush(const std::string& path, const corvo::UniqueFd& file);
+    // Creates the part file of `path`, writes the text and flushes it.
     int write(const std::string& path, std::string_view text);
     // Renames the part files to their final names, in the order in which they were created. Then
     // removes the file `stale` (which may be empty, or name a missing file), and flushes the

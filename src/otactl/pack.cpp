@@ -1,18 +1,19 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <filesystem>
 
 #include "base/crc32.h"
-#include "base/owned.h"
+#include "base/replace_file.h"
 #include "cli/error_line.h"
 #include "cli/progress_line.h"
 #include "otactl/commands.h"
 #include "otactl/output_files.h"
 #include "package/content.h"
+#include "package/files.h"
 #include "package/manifest.h"
 #include "package/modules.h"
 #include "package/signed_manifest.h"
@@ -122,31 +123,33 @@ std::vector<std::string> list_images(const std::string& directory) {
     return names;
 }
 
-// Computes the size and digest of an image, and appends the image to the package if it is not null.
-int add_image(const Input& input, FILE* package, bool version2, ManifestModule& module) {
-    const corvo::OwnedFile image(fopen(input.path.c_str(), "rbe"));
-    if (!image) {
-        return failed("cannot read", input.path);
-    }
-    std::array<char, 65536> buffer;
+// Computes the size and digest of an image, and appends the image to the package if that is open.
+int add_image(const Input& input, const corvo::UniqueFd& package, bool version2,
+              ManifestModule& module) {
+    const corvo::UniqueFd image(open(input.path.c_str(), O_RDONLY | O_CLOEXEC));
     Sha256Stream sha256;
     uint32_t crc = 0;
+    bool written = true;
     ProgressLine line(true, input.path, input.size);
-    for (size_t n = 0; (n = fread(buffer.data(), 1, buffer.size(), image.get())) > 0;) {
-        const std::span<const char> bytes(buffer.data(), n);
-        if (package != nullptr && fwrite(buffer.data(), 1, n, package) != n) {
-            return failed("cannot write", "the package");
+    const auto add_piece = [&](std::span<const char> bytes) {
+        written = !package.valid() || corvo::write_all(package.get(), {bytes.data(), bytes.size()});
+        if (!written) {
+            return false;
         }
         if (version2) {
             sha256.update(bytes);
         } else {
             crc = corvo::crc32(crc, bytes);
         }
-        module.size += n;
+        module.size += bytes.size();
         line.show(module.size);
-    }
-    if (ferror(image.get()) != 0) {
+        return true;
+    };
+    if (!image.valid() || read_pieces(image.get(), WHOLE_FILE, add_piece) < 0) {
         return failed("cannot read", input.path);
+    }
+    if (!written) {
+        return failed("cannot write", "the package");
     }
     if (version2) {
         module.sha256 = sha256.take();
@@ -158,7 +161,7 @@ int add_image(const Input& input, FILE* package, bool version2, ManifestModule& 
 
 int write_package(const std::vector<Input>& inputs, const std::string& path, Manifest& manifest,
                   OutputFiles& files) {
-    corvo::OwnedFile package;
+    corvo::UniqueFd package;
     const int created = files.create(path, package);
     if (created != OTACTL_OK) {
         return created;
@@ -168,14 +171,14 @@ int write_package(const std::vector<Input>& inputs, const std::string& path, Man
         ManifestModule module = {};
         module.name = input.entry->partitionName;
         module.offset = offset;
-        const int result = add_image(input, package.get(), manifest.format == 2, module);
+        const int result = add_image(input, package, manifest.format == 2, module);
         if (result != OTACTL_OK) {
             return result;
         }
         offset += module.size;
         manifest.modules.push_back(module);
     }
-    return OutputFiles::close(path, std::move(package));
+    return OutputFiles::flush(path, package);
 }
 
 // Starts a manifest: of version 1 if no option requires version 2, otherwise of version 2 with the
@@ -301,7 +304,7 @@ int pack_files(const PackOptions& options) {
             ManifestModule& module = manifest.modules.emplace_back();
             module.name = input.entry->partitionName;
             module.file = input.entry->fileName;
-            result = add_image(input, nullptr, true, module);
+            result = add_image(input, {}, true, module);
         }
     }
     OutputFiles files;

@@ -14,10 +14,10 @@
 #include "base/unique_fd.h"
 #include "manifest_lines.h"
 #include "openssl_owned.h"
+#include "package/files.h"
 
 namespace {
 
-constexpr size_t CHUNK_SIZE = 65536;
 constexpr uint64_t PROGRESS_STEP = 1048576;
 
 PackageStatus differs(const std::string& text) {
@@ -192,28 +192,22 @@ PackageStatus open_file(const std::string& path, Links links, corvo::UniqueFd& f
 
 PackageStatus check_bytes(int file, const std::string& path, ContentCheck& check, uint64_t size,
                           const ContentProgress& progress) {
-    std::vector<char> chunk(CHUNK_SIZE);
+    PackageStatus status;
+    uint64_t done = 0;
     uint64_t reported = 0;
-    for (uint64_t done = 0; done < size;) {
-        const auto wanted = static_cast<size_t>(std::min<uint64_t>(chunk.size(), size - done));
-        const ssize_t taken = read(file, chunk.data(), wanted);
-        if (taken < 0) {
-            return unreadable(path);
-        }
-        if (taken == 0) {
-            break;
-        }
-        PackageStatus status = check.feed({chunk.data(), static_cast<size_t>(taken)});
-        if (!status.ok()) {
-            return status;
-        }
-        done += static_cast<uint64_t>(taken);
-        if (done - reported >= PROGRESS_STEP || done == size) {
+    const int64_t taken = read_pieces(file, size, [&](std::span<const char> bytes) {
+        status = check.feed(bytes);
+        done += bytes.size();
+        if (status.ok() && (done - reported >= PROGRESS_STEP || done == size)) {
             reported = done;
             progress(done);
         }
+        return status.ok();
+    });
+    if (taken < 0) {
+        return unreadable(path);
     }
-    return check.finish();
+    return status.ok() ? check.finish() : status;
 }
 
 }  // namespace

@@ -6,14 +6,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
+#include <memory>
 
 #include "base/open_without_links.h"
 #include "base/unique_fd.h"
 
 namespace {
 
-constexpr size_t CHUNK_SIZE = 4096;
+constexpr size_t PIECE_SIZE = 65536;  // bytes
 
 int open_file(const char* path, FileKind kind) {
     switch (kind) {
@@ -37,6 +38,27 @@ PackageStatus cannot_read(const std::string& path, int error) {
 
 }  // namespace
 
+int64_t read_pieces(int file, uint64_t size, const TakeBytes& take) {
+    const auto pieceSize = static_cast<size_t>(std::min<uint64_t>(size, PIECE_SIZE));
+    const auto piece = std::make_unique_for_overwrite<char[]>(pieceSize);
+    uint64_t done = 0;
+    while (done < size) {
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(size - done, pieceSize));
+        const ssize_t taken = read(file, piece.get(), wanted);
+        if (taken < 0) {
+            return -1;
+        }
+        if (taken == 0) {
+            break;
+        }
+        done += static_cast<uint64_t>(taken);
+        if (!take({piece.get(), static_cast<size_t>(taken)})) {
+            break;
+        }
+    }
+    return static_cast<int64_t>(done);
+}
+
 PackageStatus read_small_file(const std::string& path, size_t limit, FileKind kind,
                               std::string& content) {
     const corvo::UniqueFd file(open_file(path.c_str(), kind));
@@ -51,20 +73,15 @@ PackageStatus read_small_file(const std::string& path, size_t limit, FileKind ki
         return package_fault(PACKAGE_MISSING, "cannot read " + path + ": not a file");
     }
     content.clear();
-    std::array<char, CHUNK_SIZE> chunk;
-    for (;;) {
-        const ssize_t taken = read(file.get(), chunk.data(), chunk.size());
-        if (taken < 0) {
-            return cannot_read(path, errno);
-        }
-        if (taken == 0) {
-            break;
-        }
-        content.append(chunk.data(), static_cast<size_t>(taken));
-        if (content.size() > limit) {
-            return package_fault(PACKAGE_MISSING, "cannot read " + path + ": longer than " +
-                                                      std::to_string(limit) + " bytes");
-        }
+    const int64_t taken = read_pieces(file.get(), limit + 1, [&](std::span<const char> bytes) {
+        content.append(bytes.data(), bytes.size());
+        return true;
+    });
+    if (taken < 0) {
+        return cannot_read(path, errno);
     }
-    return {};
+    return content.size() <= limit
+               ? PackageStatus{}
+               : package_fault(PACKAGE_MISSING, "cannot read " + path + ": longer than " +
+                                                    std::to_string(limit) + " bytes");
 }

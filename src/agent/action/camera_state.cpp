@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <vector>
 
 #include "command_runner/command_runner.h"
 #include "ota/ota_data.h"
@@ -34,7 +33,6 @@ constexpr char BOOT_ID_PATH[] = "/proc/sys/kernel/random/boot_id";
 constexpr char SERVICE_PID_PATH[] = "/tmp/corvo_upgrade.pid";
 constexpr size_t PROCESS_STATUS_MAX = 16384;  // bytes
 constexpr char SERVICE_NAME[] = "corvo_upgrade";
-constexpr size_t CHUNK_SIZE = 65536;
 
 // Returns the first line of a small file; empty when it cannot be read.
 std::string first_line(const std::string& path) {
@@ -99,22 +97,19 @@ PackageStatus check_partition(const ManifestModule& module) {
         return package_fault(PACKAGE_DIFFERENT, "unknown partition " + module.name);
     }
     const corvo::UniqueFd partition = open_running_partition(*entry);
-    std::vector<char> chunk(CHUNK_SIZE);
     Sha256Stream digest;
-    uint64_t left = partition.valid() ? module.size : 0;
-    while (left > 0) {
-        const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
-        const ssize_t taken = read(partition.get(), chunk.data(), wanted);
-        if (taken <= 0) {
-            errno = taken == 0 ? ENODATA : errno;  // the partition is smaller than the image
-            break;
-        }
-        digest.update({chunk.data(), static_cast<size_t>(taken)});
-        left -= static_cast<uint64_t>(taken);
+    int64_t taken = -1;
+    if (partition.valid()) {
+        taken = read_pieces(partition.get(), module.size, [&digest](std::span<const char> bytes) {
+            digest.update(bytes);
+            return true;
+        });
     }
-    if (!partition.valid() || left > 0) {
+    if (taken != static_cast<int64_t>(module.size)) {
+        // The partition is smaller than the image if the reading ended early without an error.
+        const int error = taken < 0 ? errno : ENODATA;
         return package_fault(PACKAGE_UNREADABLE,
-                             "partition " + module.name + " cannot be read: " + strerror(errno));
+                             "partition " + module.name + " cannot be read: " + strerror(error));
     }
     return digest.take() == module.sha256
                ? PackageStatus{}

@@ -14,6 +14,7 @@
 #include "agent/stored_file.h"
 #include "base/open_without_links.h"
 #include "base/owned.h"
+#include "base/replace_file.h"
 #include "base/unique_fd.h"
 
 namespace {
@@ -236,12 +237,8 @@ AgentStatus store_in_folder(const OpenFolder& folder, const std::string& name,
     if (!status.ok()) {
         return status;
     }
-    {
-        const corvo::UniqueFd file(openat(folder.get(), fresh.c_str(),
-                                          O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
-        if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
-            return storage_fault("write", folder.path + fresh);
-        }
+    if (!corvo::create_flushed_file(folder.get(), fresh.c_str(), FILE_MODE, content)) {
+        return storage_fault("write", folder.path + fresh);
     }
     struct stat old = {};
     if (find_entry(folder, name, old) && S_ISDIR(old.st_mode)) {

@@ -7,18 +7,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <memory>
 
 #include "agent/download.h"
 #include "agent/stored_file.h"
+#include "package/files.h"
 
 namespace {
 
 // All bytes up to a multiple of this are flushed before the next byte is written. After a power cut
 // the bytes below the last multiple are therefore reliable.
 constexpr uint64_t FLUSH_STEP = 1048576;
-constexpr size_t READ_SIZE = 65536;
 constexpr char RECORD_SUFFIX[] = ".from";
 constexpr mode_t PART_MODE = 0600;
 
@@ -74,29 +72,21 @@ AgentStatus update_digests(PartFile& part, std::span<const char> bytes) {
     return status.ok() ? AgentStatus{} : different(status.text);
 }
 
-// Reads the first `size` bytes of a file into the digests.
+// Reads `size` bytes from the beginning of a file that has just been opened into the digests.
 AgentStatus read_back(PartFile& part, int file, uint64_t size) {
     begin_digests(part);
-    const auto buffer = std::make_unique<std::array<char, READ_SIZE>>();
-    while (part.position < size) {
-        if (part.stop) {
-            return agent_fault(AGENT_STOPPED, "asked to stop");
-        }
-        errno = EIO;  // reported if pread() returns 0 because the file has become shorter
-        const ssize_t taken =
-            pread(file, buffer->data(),
-                  static_cast<size_t>(std::min<uint64_t>(READ_SIZE, size - part.position)),
-                  static_cast<off_t>(part.position));
-        if (taken <= 0) {
-            return storage_fault("read", whole_path(part));
-        }
-        AgentStatus status = update_digests(part, {buffer->data(), static_cast<size_t>(taken)});
-        if (!status.ok()) {
-            return status;
-        }
-        part.position += static_cast<uint64_t>(taken);
+    AgentStatus status;
+    const int64_t taken = read_pieces(file, size, [&](std::span<const char> bytes) {
+        status =
+            part.stop ? agent_fault(AGENT_STOPPED, "asked to stop") : update_digests(part, bytes);
+        part.position += status.ok() ? bytes.size() : 0;
+        return status.ok();
+    });
+    if (status.ok() && taken < static_cast<int64_t>(size)) {
+        errno = taken < 0 ? errno : EIO;  // the file has become shorter
+        return storage_fault("read", whole_path(part));
     }
-    return {};
+    return status;
 }
 
 // How many bytes of NAME.part are reliable after a power cut. The link that they were downloaded

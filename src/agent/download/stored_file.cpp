@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/unique_fd.h"
+#include "base/replace_file.h"
 #include "package/files.h"
 
 namespace {
@@ -17,17 +17,6 @@ constexpr mode_t FOLDER_MODE = 0700;
 constexpr int ASIDE_MAX = 9;  // names PATH.bad ... PATH.bad9
 
 }  // namespace
-
-bool write_all(int file, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = write(file, content.data(), content.size());
-        if (written < 0) {
-            return false;
-        }
-        content.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
-}
 
 AgentStatus storage_fault(const char* what, const std::string& path) {
     return agent_fault(AGENT_STORAGE,
@@ -40,11 +29,7 @@ std::string fresh_path(const std::string& path) {
 
 AgentStatus flush_folder_of(const std::string& path) {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
-    const corvo::UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!opened.valid() || fsync(opened.get()) != 0) {
-        return storage_fault("flush", folder);
-    }
-    return {};
+    return corvo::flush_folder(folder.c_str()) ? AgentStatus{} : storage_fault("flush", folder);
 }
 
 AgentStatus load_file(const std::string& path, size_t limit, std::string& content) {
@@ -108,12 +93,8 @@ AgentStatus store_file(const std::string& path, std::string_view content) {
     if (unlink(fresh.c_str()) != 0 && errno == EISDIR) {
         (void)put_aside(fresh);
     }
-    {
-        const corvo::UniqueFd file(
-            open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));
-        if (!file.valid() || !write_all(file.get(), content) || fsync(file.get()) != 0) {
-            return storage_fault("write", fresh);
-        }
+    if (!corvo::create_flushed_file(AT_FDCWD, fresh.c_str(), MODE, content)) {
+        return storage_fault("write", fresh);
     }
     bool replaced = rename(fresh.c_str(), path.c_str()) == 0;
     if (!replaced && errno == EISDIR) {

@@ -1,12 +1,26 @@
-// Reads a small file completely into memory.
+// Reads files: in pieces, or a small file completely into memory.
 #ifndef PACKAGE_FILES_H
 #define PACKAGE_FILES_H
 
 #include <stddef.h>
+#include <stdint.h>
 
+#include <functional>
+#include <span>
 #include <string>
 
 #include "package/status.h"
+
+// Takes the next bytes of a file. Returns false to end the reading.
+using TakeBytes = std::function<bool(std::span<const char> bytes)>;
+
+constexpr uint64_t WHOLE_FILE = UINT64_MAX;
+
+// Reads at most `size` bytes (WHOLE_FILE: no limit) from the current position of an open file, and
+// passes them to `take` in pieces of at most 64 KiB. Ends at the end of the file, or when `take`
+// returns false. Returns the number of bytes that were passed, or -1 with errno set when the file
+// cannot be read.
+int64_t read_pieces(int file, uint64_t size, const TakeBytes& take);
 
 enum class FileKind {
     ANY,         // also a FIFO or device; the call may wait for the writer of a FIFO

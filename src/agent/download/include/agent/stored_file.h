@@ -24,9 +24,6 @@ AgentStatus load_file(const std::string& path, size_t limit, std::string& conten
 // If a folder blocks it, "PATH.bad2" to "PATH.bad9" are tried. Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus put_aside(const std::string& path);
 
-// Writes the whole content. Returns false with errno set on failure.
-bool write_all(int file, std::string_view content);
-
 // Replaces the file's content: writes fresh_path(), flushes it, renames it to `path` and flushes
 // the folder. A reader always finds the complete old or the complete new content. The mode is 644.
 // A folder at either path is renamed by put_aside(). Blocks until storage has written the data.
