@@ -3,11 +3,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <mtd/mtd-user.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "hal/flash_mmc.h"
 #include "hal/flash_mtd.h"
@@ -49,9 +46,6 @@ int64_t partition_size(const OtaPackageEntry& entry, const corvo::UniqueFd& part
     if (!partition.valid()) {
         return -1;
     }
-    if (entry.flashType != OTA_FLASH_TYPE_MTD) {
-        return lseek(partition.get(), 0, SEEK_END);
-    }
-    mtd_info_user geometry = {};
-    return ioctl(partition.get(), MEMGETINFO, &geometry) == 0 ? geometry.size : -1;
+    return entry.flashType == OTA_FLASH_TYPE_MTD ? flash_mtd_size(partition.get())
+                                                 : flash_mmc_size(partition.get());
 }

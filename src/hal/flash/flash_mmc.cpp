@@ -15,6 +15,7 @@
 
 #include "base/ignore_result.h"
 #include "base/unique_fd.h"
+#include "package_file.h"
 #include "pal/error_log.h"
 
 namespace {
@@ -31,15 +32,19 @@ constexpr int WRITE_FLAGS = O_RDWR | O_DSYNC;
 
 constexpr int64_t WHOLE_FILE = std::numeric_limits<int64_t>::max();
 
-// Returns the size of the partition in bytes, or -1.
-int64_t partition_size(const corvo::UniqueFd& device) {
-    return lseek(device.get(), 0, SEEK_END);
-}
-
 // The size to print in a report. The reports were designed for 32-bit sizes: a failed query (-1)
 // prints as 0xffffffff, and larger sizes print all their digits.
 unsigned long long shown_size(int64_t size) {
     return size < 0 ? UINT32_MAX : static_cast<unsigned long long>(size);
+}
+
+// Opens the partition and reports a failure under the name `operation`.
+corvo::UniqueFd open_to_write(const char* operation, const char* part) {
+    corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    if (!device.valid()) {
+        HAL_ERROR_AS(operation, "Could not open mmc device:%s for write.", part);
+    }
+    return device;
 }
 
 struct Copy {
@@ -126,20 +131,11 @@ void zero_by_writing(const corvo::UniqueFd& device, int64_t size) {
     corvo::ignore_result(write(device.get(), zeros.data(), static_cast<size_t>(remaining)));
 }
 
-// Opens the partition in order to erase it. Reports a failure as flash_mmc_erase_partition.
-corvo::UniqueFd open_to_erase(const char* part) {
-    corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
-    if (!device.valid()) {
-        HAL_ERROR_AS("flash_mmc_erase_partition", "Could not open mmc device:%s for write.", part);
-    }
-    return device;
-}
-
 // Fills the whole partition with zeros. First asks the kernel to do so in one request, because
 // writing zeros in synchronous 16 KiB chunks, like the copy that follows, would double the time of
 // an upgrade.
 void zero(const corvo::UniqueFd& device) {
-    const int64_t size = partition_size(device);
+    const int64_t size = flash_mmc_size(device.get());
     if (size >= 0 && !zero_by_device(device, size)) {
         zero_by_writing(device, size);
     }
@@ -154,7 +150,7 @@ bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t off
     if (!file.valid() || fstat(file.get(), &status) != 0 || offset >= status.st_size) {
         return false;
     }
-    return (length == WHOLE_FILE ? status.st_size : length) <= partition_size(device);
+    return (length == WHOLE_FILE ? status.st_size : length) <= flash_mmc_size(device.get());
 }
 
 // Erases the partition before a copy. If the copy cannot begin, does not erase, because the
@@ -162,7 +158,7 @@ bool copy_can_begin(const corvo::UniqueFd& device, const char* path, int64_t off
 // FLASH_OK in both cases. When the partition cannot be opened, reports that and returns
 // FLASH_FAILED.
 int erase_for_copy(const char* part, const char* path, int64_t offset, int64_t length) {
-    const corvo::UniqueFd device = open_to_erase(part);
+    const corvo::UniqueFd device = open_to_write("flash_mmc_erase_partition", part);
     if (!device.valid()) {
         return FLASH_FAILED;
     }
@@ -178,6 +174,10 @@ int flash_mmc_open(const char* part, int flags) {
     char path[DEVICE_PATH_SIZE] = {};
     snprintf(path, sizeof(path), "/dev/block/by-name/%s", part);
     return open(path, flags);
+}
+
+int64_t flash_mmc_size(int device) {
+    return lseek(device, 0, SEEK_END);
 }
 
 int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len) {
@@ -199,9 +199,8 @@ int flash_mmc_read_sector(const char* part, void* buf, int offset, unsigned len)
 }
 
 int flash_mmc_write_sector_partition(const char* part, const void* buf, int offset, unsigned len) {
-    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    const corvo::UniqueFd device = open_to_write(__func__, part);
     if (!device.valid()) {
-        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     // The 64-bit sum cannot overflow. A negative offset becomes a large one and is rejected.
@@ -222,7 +221,7 @@ int flash_mmc_write_sector_partition(const char* part, const void* buf, int offs
 }
 
 int flash_mmc_erase_partition(const char* part) {
-    const corvo::UniqueFd device = open_to_erase(part);
+    const corvo::UniqueFd device = open_to_write(__func__, part);
     if (!device.valid()) {
         return FLASH_FAILED;
     }
@@ -232,26 +231,20 @@ int flash_mmc_erase_partition(const char* part) {
 
 int flash_mmc_write_partition(const char* part, const char* image) {
     HAL_INFO("flash_mmc_write_partition.");
-    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    const corvo::UniqueFd device = open_to_write(__func__, part);
     if (!device.valid()) {
-        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
     // Opened read-write although it is only read. A package is deleted after its upgrade; on
     // storage that has become read-only it could not be deleted and would be installed again and
     // again.
-    const corvo::UniqueFd file(open(image, WRITE_FLAGS));
-    if (!file.valid()) {
-        HAL_ERROR("failed to open %s.", image);
+    corvo::UniqueFd file;
+    int64_t imageSize = 0;
+    if (open_package_file(REPORT_SOURCE, __func__, image, WRITE_FLAGS, file, imageSize) !=
+        FLASH_OK) {
         return FLASH_FAILED;
     }
-    const int64_t size = partition_size(device);
-    struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        HAL_ERROR("failed to get file status.");
-        return FLASH_FAILED;
-    }
-    const int64_t imageSize = status.st_size;
+    const int64_t size = flash_mmc_size(device.get());
     HAL_INFO("mmc size = 0x%llx,file size = 0x%llx", shown_size(size), shown_size(imageSize));
     if (size < imageSize) {
         HAL_ERROR("file size is too big!!!");
@@ -277,22 +270,18 @@ int flash_mmc_erase_write_partion(const char* part, const char* image) {
 int flash_mmc_write_partition_by_offset(const char* part, const char* package, int offset,
                                         int length) {
     HAL_INFO("flash_mmc_write_partition.");
-    const corvo::UniqueFd device(flash_mmc_open(part, WRITE_FLAGS));
+    const corvo::UniqueFd device = open_to_write(__func__, part);
     if (!device.valid()) {
-        HAL_ERROR("Could not open mmc device:%s for write.", part);
         return FLASH_FAILED;
     }
-    const corvo::UniqueFd file(open(package, WRITE_FLAGS));
-    if (!file.valid()) {
-        HAL_ERROR("failed to open %s.", package);
-        return FLASH_NO_PACKAGE;
+    corvo::UniqueFd file;
+    int64_t packageSize = 0;
+    const int opened =
+        open_package_file(REPORT_SOURCE, __func__, package, WRITE_FLAGS, file, packageSize);
+    if (opened != FLASH_OK) {
+        return opened;
     }
-    struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        HAL_ERROR("failed to get file status.");
-        return FLASH_NO_PACKAGE_STATUS;
-    }
-    const int64_t size = partition_size(device);
+    const int64_t size = flash_mmc_size(device.get());
     HAL_INFO("mmc size = 0x%llx,file size = 0x%x", shown_size(size), static_cast<unsigned>(length));
     if (length <= 0) {
         HAL_ERROR("partition upgrade file size is zero!!!");

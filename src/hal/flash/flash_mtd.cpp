@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "base/owned.h"
 #include "base/unique_fd.h"
 #include "mtd_table.h"
+#include "package_file.h"
 #include "pal/error_log.h"
 
 namespace {
@@ -58,12 +58,26 @@ std::optional<int> find_device_number(std::string_view part) {
     return std::nullopt;
 }
 
-std::optional<uint32_t> partition_size(const corvo::UniqueFd& device) {
-    mtd_info_user info = {};
-    if (ioctl(device.get(), MEMGETINFO, &info) != 0) {
-        return std::nullopt;
+struct Device {
+    corvo::UniqueFd fd;
+    uint32_t size = 0;  // bytes
+};
+
+// Opens the device of the partition and gets its size. Reports a failure under the name
+// `operation`. Returns FLASH_OK, FLASH_NO_DEVICE or FLASH_NO_GEOMETRY.
+int open_to_write(const char* operation, const char* part, Device& device) {
+    device.fd.reset(flash_mtd_open(part, WRITE_FLAGS));
+    if (!device.fd.valid()) {
+        HAL_ERROR_AS(operation, "Could not open mtd device:%s for write.", part);
+        return FLASH_NO_DEVICE;
     }
-    return info.size;
+    const int64_t size = flash_mtd_size(device.fd.get());
+    if (size < 0) {
+        HAL_ERROR_AS(operation, "Could not get mtd device info.");
+        return FLASH_NO_GEOMETRY;
+    }
+    device.size = static_cast<uint32_t>(size);
+    return FLASH_OK;
 }
 
 int copy_image(const char* operation, int file, int device, uint64_t imageSize) {
@@ -166,22 +180,22 @@ int flash_mtd_open(const char* part, int flags) {
     return open(path, flags);
 }
 
+int64_t flash_mtd_size(int device) {
+    mtd_info_user geometry = {};
+    return ioctl(device, MEMGETINFO, &geometry) == 0 ? int64_t{geometry.size} : -1;
+}
+
 int flash_mtd_erase_partition(const char* part) {
     HAL_INFO("flash_mtd_erase_partition.");
-    const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
-    if (!device.valid()) {
-        HAL_ERROR("Could not open mtd device:%s for write.", part);
-        return FLASH_FAILED;
+    Device device;
+    const int opened = open_to_write(__func__, part, device);
+    if (opened != FLASH_OK) {
+        return opened == FLASH_NO_GEOMETRY ? FLASH_ERASE_NO_GEOMETRY : FLASH_FAILED;
     }
-    const std::optional<uint32_t> size = partition_size(device);
-    if (!size) {
-        HAL_ERROR("Could not get mtd device info.");
-        return FLASH_ERASE_NO_GEOMETRY;
-    }
-    HAL_INFO("mtd size = 0x%x", *size);
+    HAL_INFO("mtd size = 0x%x", device.size);
     // One request is enough: the kernel erases all erase blocks of the range.
-    erase_info_user range = {.start = 0, .length = *size};
-    if (ioctl(device.get(), MEMERASE, &range) < 0) {
+    erase_info_user range = {.start = 0, .length = device.size};
+    if (ioctl(device.fd.get(), MEMERASE, &range) < 0) {
         HAL_ERROR("failed to erase MTD.");
         return FLASH_ERASE_FAILED;
     }
@@ -191,35 +205,22 @@ int flash_mtd_erase_partition(const char* part) {
 
 int flash_mtd_write_partition(const char* part, const char* image) {
     HAL_INFO("flash_mtd_write_partition.");
-    const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
-    if (!device.valid()) {
-        HAL_ERROR("Could not open mtd device:%s for write.", part);
+    Device device;
+    corvo::UniqueFd file;
+    int64_t size = 0;
+    // The image is opened read-write although it is only read, see flash_mmc_write_partition().
+    if (open_to_write(__func__, part, device) != FLASH_OK ||
+        open_package_file(REPORT_SOURCE, __func__, image, WRITE_FLAGS, file, size) != FLASH_OK) {
         return FLASH_FAILED;
     }
-    const std::optional<uint32_t> size = partition_size(device);
-    if (!size) {
-        HAL_ERROR("Could not get mtd device info.");
-        return FLASH_FAILED;
-    }
-    // Opened read-write although it is only read, see flash_mmc_write_partition().
-    const corvo::UniqueFd file(open(image, WRITE_FLAGS));
-    if (!file.valid()) {
-        HAL_ERROR("failed to open %s.", image);
-        return FLASH_FAILED;
-    }
-    struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        HAL_ERROR("failed to get file status.");
-        return FLASH_FAILED;
-    }
-    const auto imageSize = static_cast<unsigned long long>(status.st_size);
-    HAL_INFO("mtd size = 0x%x,file size = 0x%llx", *size, imageSize);
-    if (*size < imageSize) {
+    const auto imageSize = static_cast<unsigned long long>(size);
+    HAL_INFO("mtd size = 0x%x,file size = 0x%llx", device.size, imageSize);
+    if (device.size < imageSize) {
         HAL_ERROR("file size is too big!!!");
         return FLASH_FAILED;
     }
     // Both descriptors have just been opened, so both are at position 0.
-    return copy_image(__func__, file.get(), device.get(), imageSize);
+    return copy_image(__func__, file.get(), device.fd.get(), imageSize);
 }
 
 int flash_mtd_erase_write_partion(const char* part, const char* image) {
@@ -238,35 +239,25 @@ int flash_mtd_erase_write_partion(const char* part, const char* image) {
 int flash_mtd_write_partition_by_offset(const char* part, const char* package, uint64_t offset,
                                         uint64_t length) {
     HAL_INFO("flash_mtd_write_partition_by_offset.");
-    const corvo::UniqueFd device(flash_mtd_open(part, WRITE_FLAGS));
-    if (!device.valid()) {
-        HAL_ERROR("Could not open mtd device:%s for write.", part);
-        return FLASH_NO_DEVICE;
+    Device device;
+    corvo::UniqueFd file;
+    int64_t fileSize = 0;
+    int result = open_to_write(__func__, part, device);
+    if (result == FLASH_OK) {
+        result = open_package_file(REPORT_SOURCE, __func__, package, O_RDONLY, file, fileSize);
     }
-    const std::optional<uint32_t> size = partition_size(device);
-    if (!size) {
-        HAL_ERROR("Could not get mtd device info.");
-        return FLASH_NO_GEOMETRY;
+    if (result != FLASH_OK) {
+        return result;
     }
-    const corvo::UniqueFd file(open(package, O_RDONLY));
-    if (!file.valid()) {
-        HAL_ERROR("failed to open %s.", package);
-        return FLASH_NO_PACKAGE;
-    }
-    struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        HAL_ERROR("failed to get file status.");
-        return FLASH_NO_PACKAGE_STATUS;
-    }
-    const auto packageSize = static_cast<unsigned long long>(status.st_size);
+    const auto packageSize = static_cast<unsigned long long>(fileSize);
     HAL_INFO("part:%s mtd size = 0x%x, file size = %llu, offset = %llu, data len = %llu", part,
-             *size, packageSize, static_cast<unsigned long long>(offset),
+             device.size, packageSize, static_cast<unsigned long long>(offset),
              static_cast<unsigned long long>(length));
     if (packageSize < length) {
         HAL_ERROR("data len is too big!!!");
         return FLASH_BAD_LENGTH;
     }
-    if (*size < length) {
+    if (device.size < length) {
         HAL_ERROR("file size is too big!!!");
         return FLASH_PARTITION_TOO_SMALL;
     }
@@ -274,7 +265,7 @@ int flash_mtd_write_partition_by_offset(const char* part, const char* package, u
         HAL_ERROR("read file failed.");
         return FLASH_MTD_PACKAGE_UNREAD;
     }
-    return copy_range(__func__, file.get(), device.get(), length);
+    return copy_range(__func__, file.get(), device.fd.get(), length);
 }
 
 int flash_mtd_erase_write_partition_by_offset(const char* part, const char* package,

@@ -51,6 +51,31 @@ bool accepts_module_type(uint32_t moduleType) {
     return std::ranges::find(ACCEPTED_MODULE_TYPES, moduleType) != ACCEPTED_MODULE_TYPES.end();
 }
 
+// Checks the arguments of the two operations that write a module; `nullText` is reported when a
+// name is missing. Reports under the name `operation`.
+bool check_upgrade(const char* operation, uint32_t moduleType, uint32_t storageType,
+                   const char* partitionName, const char* filePath, const char* nullText) {
+    HAL_INFO_AS(operation, "eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
+                static_cast<int>(storageType));
+    if (!accepts_module_type(moduleType)) {
+        HAL_ERROR_AS(operation, "unsupport module type = %d", static_cast<int>(moduleType));
+        return false;
+    }
+    if (partitionName == nullptr || filePath == nullptr) {
+        HAL_ERROR_AS(operation, "%s", nullText);
+        return false;
+    }
+    return true;
+}
+
+// Reports the result of these operations if it is a failure, and returns it.
+int32_t report_upgrade(const char* operation, int32_t result) {
+    if (result != HAL_OTA_OK) {
+        HAL_ERROR_AS(operation, "battery_cam_ota_upgrade failed, ret=%d", result);
+    }
+    return result;
+}
+
 // The query of the running slot returns a letter and a line feed; the rest of the buffer stays
 // zero.
 constexpr size_t SLOT_BUFFER_SIZE = 128;
@@ -70,14 +95,8 @@ int32_t axera_ota_deinit() {
 int32_t axera_ota_upgrade(uint32_t moduleType, const char* partitionName, const char* filePath,
                           uint32_t storageType) {
     printf("axera_ota_upgrade eModuleType=%d line%d", static_cast<int>(moduleType), __LINE__);
-    HAL_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
-             static_cast<int>(storageType));
-    if (!accepts_module_type(moduleType)) {
-        HAL_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
-        return HAL_OTA_INVALID_PARAMETER;
-    }
-    if (partitionName == nullptr || filePath == nullptr) {
-        HAL_ERROR("pszPartitionName or pszFilePath is NULL");
+    if (!check_upgrade(__func__, moduleType, storageType, partitionName, filePath,
+                       "pszPartitionName or pszFilePath is NULL")) {
         return HAL_OTA_INVALID_PARAMETER;
     }
     int32_t result = HAL_OTA_OK;
@@ -92,10 +111,7 @@ int32_t axera_ota_upgrade(uint32_t moduleType, const char* partitionName, const 
             HAL_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
-    if (result != HAL_OTA_OK) {
-        HAL_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
-    }
-    return result;
+    return report_upgrade(__func__, result);
 }
 
 int32_t axera_ota_open_partition(const char* partitionName, int32_t flags, uint32_t storageType,
@@ -135,14 +151,8 @@ int32_t axera_ota_erase_partition(const char* partitionName, uint32_t storageTyp
 int32_t axera_ota_write_partition_by_offset(uint32_t moduleType, const char* partitionName,
                                             const char* filePath, uint32_t offset, uint32_t size,
                                             uint32_t storageType) {
-    HAL_INFO("eModuleType=%d, eStorageType=%d", static_cast<int>(moduleType),
-             static_cast<int>(storageType));
-    if (!accepts_module_type(moduleType)) {
-        HAL_ERROR("unsupport module type = %d", static_cast<int>(moduleType));
-        return HAL_OTA_INVALID_PARAMETER;
-    }
-    if (partitionName == nullptr || filePath == nullptr) {
-        HAL_ERROR("partitionName or path is NULL");
+    if (!check_upgrade(__func__, moduleType, storageType, partitionName, filePath,
+                       "partitionName or path is NULL")) {
         return HAL_OTA_INVALID_PARAMETER;
     }
     int32_t result = HAL_OTA_OK;
@@ -166,10 +176,7 @@ int32_t axera_ota_write_partition_by_offset(uint32_t moduleType, const char* par
             HAL_ERROR("failed, unsupport eStorageType:%d", static_cast<int>(storageType));
             return HAL_OTA_UNSUPPORTED;
     }
-    if (result != HAL_OTA_OK) {
-        HAL_ERROR("battery_cam_ota_upgrade failed, ret=%d", result);
-    }
-    return result;
+    return report_upgrade(__func__, result);
 }
 
 int32_t axera_ota_ab_switch(int32_t /*slot*/, uint32_t /*flags*/) {

@@ -9,11 +9,11 @@
 
 namespace {
 
-// Each buffer has room for the line feed that is appended to the longest message.
-constexpr size_t PAL_BUFFER_SIZE = 512;
 constexpr size_t PAL_MESSAGE_LIMIT = 509;  // terminator included
-constexpr size_t HAL_BUFFER_SIZE = 1024;
 constexpr size_t HAL_MESSAGE_LIMIT = 1021;
+constexpr size_t BUFFER_SIZE = 1024;
+// There must be room for the line feed that is appended to the longest message.
+static_assert(PAL_MESSAGE_LIMIT < BUFFER_SIZE && HAL_MESSAGE_LIMIT < BUFFER_SIZE);
 
 #define REPORT_SOURCE_NUMBER(name, tag, number) number,
 constexpr int32_t NUMBERS[] = {REPORT_SOURCES(REPORT_SOURCE_NUMBER)};
@@ -25,28 +25,39 @@ constexpr bool are_unique(const int32_t* first, const int32_t* last) {
 static_assert(are_unique(std::begin(NUMBERS), std::end(NUMBERS)),
               "two sources report under one number");
 
-static_assert(PAL_MESSAGE_LIMIT < PAL_BUFFER_SIZE && HAL_MESSAGE_LIMIT < HAL_BUFFER_SIZE);
+// Where a report comes from, as its line names it.
+struct Origin {
+    const char* layer;
+    const char* function;
+    int32_t line;
+    const char* tag;
+    int32_t id;
+};
+
+__attribute__((format(printf, 4, 0))) void print_report(const Origin& origin, int32_t level,
+                                                        size_t limit, const char* format,
+                                                        va_list arguments) {
+    char message[BUFFER_SIZE] = {};
+    vsnprintf(message, limit, format, arguments);
+    message[strlen(message)] = '\n';
+    printf("%s error %s,%d,%s %d %d %s", origin.layer, origin.function, origin.line, origin.tag,
+           origin.id, level, message);
+}
 
 }  // namespace
 
 void PAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
                   const char* format, ...) {
-    char message[PAL_BUFFER_SIZE] = {};
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(message, PAL_MESSAGE_LIMIT, format, arguments);
+    print_report({"PAL", function, line, tag, id}, level, PAL_MESSAGE_LIMIT, format, arguments);
     va_end(arguments);
-    message[strlen(message)] = '\n';
-    printf("PAL error %s,%d,%s %d %d %s", function, line, tag, id, level, message);
 }
 
 void HAL_ErrorLog(const char* function, int32_t line, const char* tag, int32_t id, int32_t level,
                   const char* format, ...) {
-    char message[HAL_BUFFER_SIZE] = {};
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(message, HAL_MESSAGE_LIMIT, format, arguments);
+    print_report({"hal", function, line, tag, id}, level, HAL_MESSAGE_LIMIT, format, arguments);
     va_end(arguments);
-    message[strlen(message)] = '\n';
-    printf("hal error %s,%d,%s %d %d %s", function, line, tag, id, level, message);
 }

@@ -9,6 +9,8 @@
 #ifndef HAL_FLASH_MMC_H
 #define HAL_FLASH_MMC_H
 
+#include <stdint.h>
+
 #include "hal/flash_result.h"
 
 // Size in bytes of the range, at the start of a partition, in which
@@ -18,6 +20,9 @@ constexpr unsigned FLASH_MMC_SECTOR_LIMIT = 0x10000;
 // Opens the partition; flags as for open(2). Failures are not reported. Returns a descriptor, which
 // the caller closes, or a negative value with errno set.
 int flash_mmc_open(const char* part, int flags);
+
+// Returns the size of an open partition in bytes, or -1 with errno set. Moves its file position.
+int64_t flash_mmc_size(int device);
 
 // Reads len bytes at byte `offset` of the partition into buf. Returns the number of bytes read,
 // which is less than len near the end of the partition, or -1.

@@ -17,6 +17,9 @@
 // reported. Returns a descriptor, which the caller closes, or a negative value.
 int flash_mtd_open(const char* part, int flags);
 
+// Returns the size of an open partition in bytes, or -1 with errno set.
+int64_t flash_mtd_size(int device);
+
 // Erases the whole partition in one request. Returns FLASH_OK, FLASH_FAILED (cannot open the
 // device), FLASH_ERASE_NO_GEOMETRY or FLASH_ERASE_FAILED.
 int flash_mtd_erase_partition(const char* part);
