@@ -1,6 +1,5 @@
 // corvo_agent: downloads packages from an update server, passes them to the upgrade service and
 // reports the results to the server.
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -10,6 +9,7 @@
 #include "agent/loop.h"
 #include "agent/status.h"
 #include "cli/command_line.h"
+#include "cli/settings_file.h"
 
 namespace {
 
@@ -21,33 +21,6 @@ struct Arguments {
     AgentStatus wrongSwitch;   // the error of a setting that is neither on nor off
     bool json = false;
 };
-
-// Parses the configuration file and finds settings without a value. CLI11 treats these as not
-// given, which could silently turn a check off.
-class SettingsFile : public CLI::ConfigBase {
-  public:
-    explicit SettingsFile(std::string& emptySetting) : emptySetting_(emptySetting) {}
-    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
-        std::vector<CLI::ConfigItem> settings = CLI::ConfigBase::from_config(input);
-        for (const CLI::ConfigItem& item : settings) {
-            if (item.inputs.empty() || std::ranges::count(item.inputs, "") > 0) {
-                emptySetting_ = item.fullname();
-            }
-        }
-        return settings;
-    }
-
-  private:
-    std::string& emptySetting_;
-};
-
-void find_empty_option(const CLI::App& app, std::string& name) {
-    for (const CLI::Option* option : app.get_options()) {
-        if (std::ranges::count(option->results(), "") > 0) {
-            name = option->get_lnames().front();
-        }
-    }
-}
 
 // Adds the option of a setting. One overload for each type of value.
 struct AddOption {
@@ -76,7 +49,7 @@ struct AddOption {
 
 void add_settings(CLI::App& app, Arguments& arguments) {
     app.set_config("--config", AGENT_SETTINGS_PATH, "Configuration file");
-    app.config_formatter(std::make_shared<SettingsFile>(arguments.emptySetting));
+    app.config_formatter(std::make_shared<SettingsFile>(FileValues::LISTS, arguments.emptySetting));
     app.allow_config_extras(CLI::config_extras_mode::error);
     for (const Setting& setting : SETTINGS) {
         std::string help = setting.help;

@@ -9,14 +9,21 @@
 
 #include "cli/command_line.h"
 
-// A value is everything after "=": a command with arguments needs no quotation marks. Finds
-// settings without a value, which the parser would treat as not given.
+// What is after "=" in a line of the file.
+enum class FileValues {
+    LISTS,  // one value, or several as ["a", "b"]; quotation marks are removed
+    PLAIN,  // always one value: a command with arguments needs no quotation marks
+};
+
+// Parses the file and finds settings without a value. The parser treats these as not given, which
+// could silently turn a check off.
 class SettingsFile : public CLI::ConfigBase {
   public:
     // `emptySetting` receives the name of a setting without a value.
-    explicit SettingsFile(std::string& emptySetting) : emptySetting_(emptySetting) {
-        // Without the parser's lists, whose elements have spaces or commas between them.
-        arrayBounds('\1', '\2')->arrayDelimiter('\3');
+    SettingsFile(FileValues values, std::string& emptySetting) : emptySetting_(emptySetting) {
+        if (values == FileValues::PLAIN) {
+            arrayBounds('\1', '\2')->arrayDelimiter('\3');  // which no file contains
+        }
     }
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
         std::vector<CLI::ConfigItem> settings = CLI::ConfigBase::from_config(input);

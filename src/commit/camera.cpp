@@ -9,13 +9,13 @@
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 
 #include "base/ignore_result.h"
+#include "base/monotonic_clock.h"
 #include "cli/error_line.h"
 #include "command_runner/command_runner.h"
 
@@ -32,7 +32,6 @@ constexpr int LOCK_ATTEMPTS = 100;
 constexpr int LOCK_PAUSE_MS = 100;
 constexpr size_t OUTPUT_SIZE = 256;
 constexpr int64_t MS_PER_S = 1000;
-constexpr int64_t NS_PER_MS = 1000000;
 
 // Only the variables that are needed, so that the size of the output does not depend on the
 // environment; the status is that of fw_printenv.
@@ -172,9 +171,7 @@ bool restart(void* context) {
 // --- time and signals --------------------------------------------------------------------------
 
 int64_t monotonic_ms(void* /*context*/) {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * MS_PER_S + now.tv_nsec / NS_PER_MS;
+    return corvo::monotonic_ms();
 }
 
 bool wait_for_stop(void* /*context*/, int64_t milliseconds) {

@@ -29,7 +29,7 @@ void add_settings(CLI::App& app, Arguments& arguments) {
         app.add_option(name, value, help)->capture_default_str();
     };
     app.set_config("--config", COMMIT_SETTINGS_PATH, "Configuration file");
-    app.config_formatter(std::make_shared<SettingsFile>(arguments.emptySetting));
+    app.config_formatter(std::make_shared<SettingsFile>(FileValues::PLAIN, arguments.emptySetting));
     app.allow_config_extras(CLI::config_extras_mode::error);
     text("--slot-from", settings.slotFrom,
          "What names the running slot: command-line (of the kernel) or root-device");

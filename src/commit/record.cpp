@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "base/crc32.h"
+#include "base/replace_file.h"
 #include "base/unique_fd.h"
 
 namespace {
@@ -87,16 +88,11 @@ size_t read_file_copy(void* context, int copy, char* bytes, size_t size) {
     return length < 0 ? 0 : static_cast<size_t>(length);
 }
 
-bool flush_folder(const char* path) {
-    const corvo::UniqueFd folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder.valid() && fsync(folder.get()) == 0;
-}
-
 // Without the second flush a power cut could lose the new folder together with the record in it.
 bool make_folder(const RecordFolder& folder) {
     char parent[PATH_SIZE];
     return mkdir(folder.path, FOLDER_MODE) != 0 ||
-           (path_of(folder, "..", parent) && flush_folder(parent));
+           (path_of(folder, "..", parent) && corvo::flush_folder(parent));
 }
 
 // The file is not truncated first: a full storage then still takes the bytes, because they replace
@@ -111,7 +107,7 @@ bool write_file_copy(void* context, int copy, std::span<const char> bytes) {
         open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, FILE_MODE));
     return file.valid() &&
            write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
-           fsync(file.get()) == 0 && flush_folder(folder.path);
+           fsync(file.get()) == 0 && corvo::flush_folder(folder.path);
 }
 
 }  // namespace
