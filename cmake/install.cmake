@@ -1,6 +1,7 @@
 # Installation into the file system of a camera. The components are service (with its daemon), tools,
-# agent, bringup, commit, sysv, systemd, agent_sysv, agent_systemd, commit_sysv, commit_systemd, and
-# symbols, which are for the developer's host. Only the first three are installed without being named.
+# agent, simulated (the replacement of the manufacturer's library), bringup, commit, sysv, systemd,
+# agent_sysv, agent_systemd, commit_sysv, commit_systemd, and symbols, which are for the developer's host.
+# Only the first four are installed without being named.
 #
 #   DESTDIR=ROOT cmake --install build/arm --strip --component service
 include(GNUInstallDirs)
@@ -40,9 +41,10 @@ if(TARGET corvo_agent)
   corvo_install(corvo_agent_prepare RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT agent)
 endif()
 # The manufacturer's platform library is part of the manufacturer's system. Only the replacement in
-# sim/platform_library/ is installed from here.
+# sim/platform_library/ is installed from here, with a separate component: on a camera it must not take
+# the place of the real library.
 if(NOT CORVO_PLATFORM_LIBRARY)
-  corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT service
+  corvo_install(platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT simulated
                 ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development EXCLUDE_FROM_ALL)
 endif()
 

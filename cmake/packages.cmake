@@ -1,5 +1,6 @@
 # Debian packages, built by scripts/package: corvo-upgrade (the service, its daemon and their units),
-# corvo-upgrade-tools, corvo-upgrade-bringup and, if the agent is built, corvo-agent.
+# corvo-upgrade-tools, corvo-upgrade-bringup, corvo-agent if the agent is built, and, without a
+# manufacturer's library, corvo-platform-simulated.
 if(NOT CORVO_BUILD_TOOLS)
   return()
 endif()
@@ -9,6 +10,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_COMPONENTS_ALL service systemd debian_base tools debian_tools bringup debian_bringup)
 set(groups base tools bringup)
+if(NOT CORVO_PLATFORM_LIBRARY)
+  list(APPEND CPACK_COMPONENTS_ALL simulated debian_simulated)
+  list(APPEND groups simulated)
+endif()
 if(TARGET corvo_agent)
   list(APPEND CPACK_COMPONENTS_ALL agent agent_systemd debian_agent)
   list(APPEND groups agent)
@@ -32,11 +37,13 @@ set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_NAME corvo-upgrade)
 set(CPACK_DEBIAN_BASE_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera
 Waits for a request, writes the images that it names into their partitions,
 reads them back, records the outcome, switches the boot slot and restarts the
-camera. Comes with the daemon that runs its shell commands.")
+camera. Comes with the daemon that runs its shell commands. Needs the platform
+library libktmosaic.so of the camera's manufacturer, which is part of the
+camera's system and of no package.")
 # These packages contain the commands that the service runs through the daemon.
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_DEPENDS "mount, psmisc")
 set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_RECOMMENDS "libubootenv-tool")
-set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_SUGGESTS "corvo-upgrade-tools")
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_SUGGESTS "corvo-upgrade-tools, corvo-platform-simulated")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_PACKAGE_NAME corvo-upgrade-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - sender
 otactl makes packages of images, posts upgrade requests to the service and
@@ -46,6 +53,14 @@ set(CPACK_DEBIAN_BRINGUP_PACKAGE_DESCRIPTION "firmware upgrade service of the Co
 hal_tool calls one operation of the hardware modules, for bringing up a new
 board. It writes to flash without asking for confirmation; do not install it
 on cameras that are sold.")
+set(CPACK_DEBIAN_SIMULATED_PACKAGE_PACKAGE_NAME corvo-platform-simulated)
+set(CPACK_DEBIAN_SIMULATED_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - simulation
+A replacement of the platform library libktmosaic.so, with which the service
+runs on a host or an emulator. It initialises no hardware; do not install it
+on cameras, whose manufacturer provides the real library.")
+# Up to this version corvo-upgrade contained the library.
+set(CPACK_DEBIAN_SIMULATED_PACKAGE_PACKAGE_REPLACES "corvo-upgrade (<< 0.0.3)")
+set(CPACK_DEBIAN_SIMULATED_PACKAGE_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/simulated/triggers)
 set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_NAME corvo-agent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - fleets
 corvo_agent polls an update server (Eclipse hawkBit), downloads what it offers
@@ -63,8 +78,7 @@ foreach(name postinst prerm postrm)
                  ${PROJECT_BINARY_DIR}/packaging/debian/${name} @ONLY)
   list(APPEND scripts ${PROJECT_BINARY_DIR}/packaging/debian/${name})
 endforeach()
-set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_CONTROL_EXTRA
-    ${scripts} ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+set(CPACK_DEBIAN_BASE_PACKAGE_PACKAGE_CONTROL_EXTRA ${scripts})
 
 # Files that Debian requires in addition to the programs: manual pages, completion, changelog and
 # copyright. scripts/package has generated the manual pages and the changelog in this folder.
@@ -91,6 +105,9 @@ endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/lintian-overrides
         DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME corvo-upgrade
         COMPONENT debian_base EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/simulated/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME corvo-platform-simulated
+        COMPONENT debian_simulated EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/otactl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME otactl
         COMPONENT debian_tools EXCLUDE_FROM_ALL)
@@ -104,6 +121,9 @@ cpack_add_component(service GROUP base_package)
 cpack_add_component(systemd GROUP base_package)
 cpack_add_component(tools GROUP tools_package)
 cpack_add_component(bringup GROUP bringup_package)
+if(NOT CORVO_PLATFORM_LIBRARY)
+  cpack_add_component(simulated GROUP simulated_package)
+endif()
 if(TARGET corvo_agent)
   cpack_add_component(agent GROUP agent_package)
   cpack_add_component(agent_systemd GROUP agent_package)

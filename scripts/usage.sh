@@ -50,18 +50,30 @@ show_build() { # LOG
     done
     end_progress
 }
-# Runs a command with its output in a file, and shows meanwhile how far it is: ninja's steps, or the
-# seconds. If the command fails, prints the end of its output and one line, and exits with status 1.
-run_logged() { # LOG TEXT COMMAND...
-    local log=$1 text=$2 begin=$SECONDS status=0 ticker
-    : > "$log"
-    [ -t 1 ] || echo "$text"
+# Between these two calls, shows every second how far a command is: ninja's last step in the log, or the
+# seconds. The process in the background ends with the script too.
+begin_progress() { # TEXT [LOG]
+    local begin=$SECONDS
     (
         while sleep 1 && kill -0 $$ 2> /dev/null; do
-            show_progress "$text: $(tail -n 1 "$log" | grep -o '^\[[0-9]*/[0-9]*\]' || echo "$((SECONDS - begin)) s")"
+            show_progress "$1: $(tail -n 1 "${2:-/dev/null}" 2> /dev/null | grep -ao '^\[[0-9]*/[0-9]*\]' ||
+                echo "$((SECONDS - begin)) s")"
         done
     ) &
-    ticker=$!
+    progress_job=$!
+}
+stop_progress() {
+    { kill $progress_job && wait $progress_job; } 2> /dev/null || :
+    end_progress
+}
+# Runs a command with its output in a file, and shows the progress. If the command fails, prints the end of
+# its output and one line, and exits with status 1.
+run_logged() { # LOG TEXT COMMAND...
+    local log=$1 text=$2 status
+    : > "$log"
+    [ -t 1 ] || echo "$text"
+    progress_shown=$SECONDS
+    begin_progress "$text" "$log"
     # Not in the background, where an interrupt would not end it, and not in a condition, where "set -e"
     # would have no effect.
     set +e
@@ -71,8 +83,7 @@ run_logged() { # LOG TEXT COMMAND...
     ) > "$log" 2>&1
     status=$?
     set -e
-    { kill $ticker && wait $ticker; } 2> /dev/null || :
-    end_progress
+    stop_progress
     [ $status = 0 ] || {
         tail -n 20 "$log" >&2
         echo "${0##*/}: $text: failed; the whole output is in $log" >&2

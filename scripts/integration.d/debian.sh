@@ -196,7 +196,7 @@ check_during_upgrade() {
     check "an upgrade runs" await 10 upgrade_is_running
     check "removal of the package is refused during the upgrade" fails inside dpkg -r corvo-upgrade
     check "the package stays installed" test "$(state)" = installed
-    check "the package can be upgraded during the upgrade" inside dpkg -i "${packages[@]}"
+    check "the package can be upgraded during the upgrade" inside dpkg -i "$checkout"/build/packages/corvo-upgrade_*_amd64.deb
     check "the upgrade continues" test "$(main_pid corvo-upgrade)" = "$before"
     check "removal is refused also after that" fails inside dpkg -r corvo-upgrade
     inside rm -f /slow || :
@@ -216,9 +216,29 @@ check_removal() {
     check "the package is removed" inside dpkg -r corvo-upgrade
     check "none of its programs runs" fails inside pgrep -f 'corvo_upgrade|system_call_daemon'
     check "removal requested no reboot" fails test -e "$kept/commands"
-    check "the packages are purged" inside dpkg -P corvo-upgrade corvo-upgrade-tools corvo-upgrade-bringup
+    check "the packages are purged" inside dpkg -P corvo-upgrade corvo-upgrade-tools corvo-upgrade-bringup corvo-platform-simulated
     check "no file of the packages is left" no_output inside find /usr /etc /var/lib -name '*corvo?upgrade*' -newer /sent
     check "the outcome record is kept" inside test -e /config/ota_data.dat
+}
+
+has_change_log() {
+    local deb package
+    for deb in "${packages[@]}" $agent_package; do
+        package=$(dpkg-deb -f "$deb" Package)
+        dpkg-deb --fsys-tarfile "$deb" | tar -xO "./usr/share/doc/$package/changelog.gz" | gzip -dc > "$work/changelog"
+        dpkg-parsechangelog --all -l "$work/changelog" > "$work/changes.txt" 2>&1 && ! grep warning "$work/changes.txt" || return 1
+        diff <(sed -n 's/^## \[\([0-9.]*\)\].*/\1/p' "$checkout/CHANGELOG.md") \
+            <(sed -n 's/^corvo-upgrade (\([0-9.]*\)) .*/\1/p' "$work/changelog") || return 1
+        [ "$(grep -c '^- ' "$checkout/CHANGELOG.md")" = "$(grep -c '^  \* ' "$work/changelog")" ] || return 1
+    done
+}
+
+contained_in() { # PACKAGE FILE
+    local deb
+    for deb in "${packages[@]}" $agent_package; do
+        [[ $(dpkg-deb -c "$deb") != *"$2"* ]] || dpkg-deb -f "$deb" Package
+    done > "$work/owners.txt"
+    [ "$(cat "$work/owners.txt")" = "$1" ]
 }
 
 # Every option and command in the help text of a program must be in its manual page, and must be
@@ -282,10 +302,12 @@ check_without_daemon() {
 
 run_debian() {
     "$checkout/scripts/install_packages" integration
-    "$checkout/scripts/package" > "$work/package.txt" || { cat "$work/package.txt" && return 1; }
-    packages=("$checkout"/build/packages/corvo-upgrade*_amd64.deb)
+    run_logged "$work/package.txt" "building the packages" "$checkout/scripts/package"
+    packages=("$checkout"/build/packages/corvo-{upgrade*,platform-simulated}_*_amd64.deb)
     agent_package=$(ls "$checkout"/build/packages/corvo-agent_*_amd64.deb 2> /dev/null) || :
     check "lintian reports nothing" no_output lintian --allow-root --fail-on error "$checkout"/build/packages/*.deb
+    check "the change log has every version of CHANGELOG.md" has_change_log
+    check "only the package of the simulation contains a platform library" contained_in corvo-platform-simulated libktmosaic
     check_pages
     if ! start_system; then
         end_system

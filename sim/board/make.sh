@@ -107,7 +107,7 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
     cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
     # Installed with cmake --install, as integrators do it.
-    for component in service tools bringup sysv "$@"; do
+    for component in service simulated tools bringup sysv "$@"; do
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
     cp -L build/sysroot/glibc/root/lib/ld-linux-armhf.so.3 "$root/lib/"
