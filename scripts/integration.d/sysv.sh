@@ -1,15 +1,17 @@
 # Tests the init scripts with Debian's dash and busybox's ash and the real programs in a private root.
 # Sourced by scripts/integration.
 
+build_programs() {
+    cd "$checkout"
+    cmake --preset release
+    cmake --build --preset release --target corvo_upgrade system_call_daemon otactl \
+        $(! grep -qx 'CORVO_BUILD_AGENT:BOOL=ON' build/release/CMakeCache.txt || echo corvo_agent)
+}
+
 run_sysv() {
     local shell
     "$checkout/scripts/install_packages" integration
-    (cd "$checkout" && cmake --preset release &&
-        cmake --build --preset release --target corvo_upgrade system_call_daemon otactl \
-            $(! grep -qx 'CORVO_BUILD_AGENT:BOOL=ON' build/release/CMakeCache.txt || echo corvo_agent)) > "$work/build.txt" 2>&1 || {
-        tail -n 20 "$work/build.txt"
-        return 1
-    }
+    run_logged "$work/build.txt" "building the programs" build_programs
     for shell in dash "busybox ash"; do
         check "the init scripts with $shell" "$checkout/scripts/private_root" \
             bash "$checkout/scripts/integration.d/sysv_inside" "$shell"
