@@ -145,7 +145,7 @@ void name_camera(ServerSettings& server) {
 
 AgentStatus check_server(ServerSettings& server) {
     if (!server.url.starts_with("https://") && !server.url.starts_with("http://")) {
-        return wrong("server", SETTINGS.front().missing);
+        return wrong("server", WRONG_SERVER);
     }
     server.url.erase(server.url.find_last_not_of('/') + 1);
     if (server.controllerId.empty()) {

@@ -24,6 +24,9 @@ constexpr char NO_PROXY[] = "none";
 // Value of "version-file" that turns the comparison off: older packages are accepted, too.
 constexpr char NO_VERSION_FILE[] = "none";
 
+// The error of "server", whether it is missing or not a URL.
+constexpr char WRONG_SERVER[] = "must be a URL such as https://updates.example:8443";
+
 // Address of the server, credentials of both sides, and limits.
 struct ServerSettings {
     std::string url = {};  // "https://host:port/path", without "/" at the end
@@ -108,7 +111,7 @@ inline constexpr auto SETTING_ROWS = std::to_array<Setting>({
     {.name = "server",
      .field = &ServerSettings::url,
      .help = "URL of the update server",
-     .missing = "must be a URL such as https://updates.example:8443",
+     .missing = WRONG_SERVER,
      .details = ", without the tenant",
      .example = "https://updates.example:8443",
      .section = "the update server"},
