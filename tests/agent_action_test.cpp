@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "agent/action.h"
-#include "agent/consent.h"
 #include "agent/part_file.h"
 #include "agent_world.h"
 #include "session.h"

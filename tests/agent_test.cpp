@@ -12,8 +12,8 @@
 #include "agent/action.h"
 #include "agent/camera_state.h"
 #include "agent/check_settings.h"
+#include "agent/judge.h"
 #include "agent/loop.h"
-#include "agent/verdict.h"
 #include "base/open_without_links.h"
 #include "files.h"
 #include "session.h"
@@ -51,10 +51,10 @@ const std::map<std::string, std::string> RECORDS = {
     {"6-failed", std::string("\0\2\0\0\0\4", 6)},
 };
 
-TEST(Verdict, FollowsFromRecordSlotAndPackage) {
-    expect_cases("agent_verdicts.txt", [](std::istream& row) {
+TEST(Judgement, FollowsFromRecordSlotAndPackage) {
+    expect_cases("agent_judgements.txt", [](std::istream& row) {
         std::string before, record, package;
-        AfterRestart seen;
+        StateAfterRestart seen;
         row >> before >> record >> seen.slotBefore >> seen.slot >> package >> seen.attempts >>
             std::ws;
         std::getline(row, seen.mismatch);

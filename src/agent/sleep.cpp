@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/sleeper.h"
 #include "base/ignore_result.h"
 #include "base/owned.h"
 #include "base/signal_set.h"

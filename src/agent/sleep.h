@@ -1,12 +1,21 @@
-// The agent's sleep between two polls. SIGHUP ends the sleep; SIGTERM and SIGINT end the agent.
+// The agent's sleep between two polls. SIGHUP ends the sleep; SIGTERM and SIGINT end the agent. The
+// two constants are shared by the agent and its sleeper, each of which starts the other.
 #ifndef AGENT_SLEEP_H
 #define AGENT_SLEEP_H
 
+#include <signal.h>
 #include <stdint.h>
 
 #include <atomic>
 
 #include "base/unique_fd.h"
+
+constexpr char SLEEPER[] = "corvo_agent_sleeper";
+
+// These signals end the sleep. After SIGHUP the agent polls, after the others it ends. Each program
+// blocks them before it starts the other, which waits for them or installs handlers, so that no
+// signal is lost in between.
+constexpr int WAKING_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
 // The state that is kept across sleep_outside().
 struct AgentProcess {

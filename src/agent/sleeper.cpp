@@ -5,8 +5,6 @@
 //
 // Executes the program in the same process after the given time or after SIGHUP. SIGTERM and SIGINT
 // end the sleeper with status 0. Open descriptors stay open.
-#include "agent/sleeper.h"
-
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -17,6 +15,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "agent/sleep.h"
 #include "base/signal_set.h"
 
 namespace {

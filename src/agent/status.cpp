@@ -9,8 +9,8 @@
 
 #include <sstream>
 
+#include "agent/action.h"
 #include "agent/attributes.h"
-#include "agent/consent.h"
 #include "agent/json_text.h"
 #include "agent/stored_file.h"
 #include "base/replace_file.h"

@@ -8,7 +8,6 @@
 
 #include "agent/attributes.h"
 #include "agent/camera_state.h"
-#include "agent/consent.h"
 #include "agent/stored_file.h"
 #include "cli/error_line.h"
 #include "fetch.h"

@@ -7,7 +7,7 @@
 #include <functional>
 
 #include "agent/camera_state.h"
-#include "agent/verdict.h"
+#include "agent/judge.h"
 #include "base/monotonic_clock.h"
 #include "fetch.h"
 #include "package/camera_rules.h"
@@ -315,18 +315,18 @@ AgentStatus judge_restart(Agent& agent) {
         return finish_action(agent, false, parsed.text);
     }
     log_action(agent, "the camera has restarted, checking the running system");
-    AfterRestart state = {.record = outcome_record(),
-                          .recordBefore = agent.action.recordBefore,
-                          .slot = '?',
-                          .slotBefore = agent.action.slotBefore,
-                          .packageComplete = false,
-                          .partitionsRead = false,
-                          .mismatch = "",
-                          .attempts = agent.action.attempts};
+    StateAfterRestart state = {.record = outcome_record(),
+                               .recordBefore = agent.action.recordBefore,
+                               .slot = '?',
+                               .slotBefore = agent.action.slotBefore,
+                               .packageComplete = false,
+                               .partitionsRead = false,
+                               .mismatch = "",
+                               .attempts = agent.action.attempts};
     if (!wait_for_slot(agent, state.slot)) {
         return stopped();
     }
-    if (is_other_slot(state.slot, state.slotBefore)) {
+    if (slot_was_switched(state.slot, state.slotBefore)) {
         state.partitionsRead = agent.settings.checkPartitions;
         if (!wait_for_mismatch(agent, manifest, state.mismatch)) {
             return stopped();
@@ -340,7 +340,7 @@ AgentStatus judge_restart(Agent& agent) {
     std::string message;
     // A package on a card that is not mounted is not a failure. If a complete package would lead to
     // another request, the agent waits for the card.
-    AfterRestart withCard = state;
+    StateAfterRestart withCard = state;
     withCard.packageComplete = true;
     if (judge(withCard, message) == Judgement::AGAIN && waits_for_card(agent)) {
         return {};

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <inttypes.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 
 #include "agent/download.h"
 #include "agent/stored_file.h"
+#include "base/hex.h"
 #include "package/files.h"
 
 namespace {
@@ -18,6 +20,7 @@ namespace {
 // the bytes below the last multiple are therefore reliable.
 constexpr uint64_t FLUSH_STEP = 1048576;
 constexpr char RECORD_SUFFIX[] = ".from";
+constexpr size_t RECORD_SIZE_MAX = 1024;  // bytes
 constexpr mode_t PART_MODE = 0600;
 
 std::string part_name(const PartFile& part) {
@@ -48,6 +51,45 @@ int open_part_file(const PartFile& part, int more) {
 bool is_own_file(int file, struct stat& status) {
     return file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
            status.st_nlink == 1;
+}
+
+// The only valid form of a record. load_record() formats what it has parsed and compares the
+// texts, so that an incomplete or damaged record is refused.
+std::string record_text(const PartRecord& record) {
+    return "corvo-download 1\nsize " + std::to_string(record.size) + "\nsha256 " +
+           digest_text(record.sha256) + "\nkept " + std::to_string(record.kept) + "\ndifferent " +
+           (record.cameDifferent ? "1" : "0") + "\netag " + record.entityTag + "\nend\n";
+}
+
+// Returns false when the record does not exist or is not complete.
+bool load_record(const PartFile& part, PartRecord& record) {
+    std::string text;
+    if (!read_small_file(part.folder.path + record_name(part), RECORD_SIZE_MAX, FileKind::NO_LINK,
+                         text)
+             .ok()) {
+        return false;
+    }
+    record = {};
+    char digest[2 * SHA256_SIZE + 1] = "";
+    int different = 0;
+    int tag = 0;
+    if (sscanf(text.c_str(),
+               "corvo-download 1 size %" SCNu64 " sha256 %64s kept %" SCNu64 " different %d etag%n",
+               &record.size, digest, &record.kept, &different, &tag) != 4 ||
+        !corvo::parse_hex(digest, record.sha256)) {
+        return false;
+    }
+    record.cameDifferent = different == 1;
+    const auto begin = static_cast<size_t>(tag) + 1;
+    const size_t end = text.find('\n', begin);
+    if (tag > 0 && end != std::string::npos) {
+        record.entityTag = text.substr(begin, end - begin);
+    }
+    return record_text(record) == text;
+}
+
+AgentStatus store_record(const PartFile& part) {
+    return store_in_folder(part.folder, record_name(part), record_text(part.record));
 }
 
 AgentStatus different(const std::string& text) {
@@ -137,8 +179,8 @@ AgentStatus open_part(PartFile& part) {
         return storage_fault("write", path);
     }
     PartRecord& record = part.record;
-    if (!load_part_record(part.folder, record_name(part), record) ||
-        record.size != part.file.size || record.sha256 != part.file.sha256) {
+    if (!load_record(part, record) || record.size != part.file.size ||
+        record.sha256 != part.file.sha256) {
         record = {};
     }
     const uint64_t size = reliable_bytes(record, static_cast<uint64_t>(status.st_size));
@@ -175,7 +217,7 @@ AgentStatus start_part(PartFile& part, const std::string& entityTag) {
         return storage_fault("empty", part_path(part));
     }
     part.record.entityTag = entityTag;
-    return store_part_record(part.folder, record_name(part), part.record);
+    return store_record(part);
 }
 
 AgentStatus append_part(PartFile& part, std::span<const char> bytes) {
@@ -209,7 +251,7 @@ AgentStatus keep_part(PartFile& part) {
         return storage_fault("flush", part_path(part));
     }
     part.record.kept = part.position;
-    return store_part_record(part.folder, record_name(part), part.record);
+    return store_record(part);
 }
 
 AgentStatus check_sums(PartFile& part) {

@@ -1,5 +1,5 @@
-// The record of the current action and the history of ended ones. Both are kept in the state folder
-// so that they survive a restart of the agent or of the camera.
+// The record of the current action, the history of ended ones, and the consent of a person. They
+// are kept in the state folder so that they survive a restart of the agent or of the camera.
 //
 // The record is `action.json`. Each change is written to a second file, flushed, renamed to
 // `action.json` and flushed again before the call returns, so that a power cut leaves either the
@@ -106,5 +106,25 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
 // or when the digest is empty (unknown).
 bool find_in_history(const std::string& stateFolder, const std::string& id,
                      const std::string& manifestDigest, HistoryEntry& entry);
+
+// A person's answer, given on the camera, to an update that waits for consent: `consent.json`.
+
+// Stores the answer for the action with this id and replaces an older answer. `offer` is the digest
+// over the offered files; the answer is not valid for other files with the same id. Returns
+// AGENT_OK or AGENT_STORAGE.
+AgentStatus store_consent(const std::string& stateFolder, const std::string& id,
+                          const std::string& offer, bool confirmed);
+
+// Reads the answer for this action. Returns AGENT_OK; AGENT_GONE when no answer is stored or it is
+// for another action; AGENT_MALFORMED when store_consent() did not write the file; or AGENT_STORAGE
+// when it cannot be read.
+AgentStatus find_consent(const std::string& stateFolder, const std::string& id,
+                         const std::string& offer, bool& confirmed);
+
+// Renames a malformed answer as put_aside() does. Returns AGENT_OK or AGENT_STORAGE.
+AgentStatus put_consent_aside(const std::string& stateFolder);
+
+// Returns AGENT_OK or AGENT_STORAGE.
+AgentStatus remove_consent(const std::string& stateFolder);
 
 #endif  // AGENT_ACTION_H

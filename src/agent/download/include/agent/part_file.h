@@ -1,4 +1,6 @@
-// NAME.part: the bytes of a file that have been received so far, and the digests over them.
+// NAME.part: the bytes of a file that have been received so far, and the digests over them. Its
+// record NAME.part.from is replaced as a whole, so that a power cut leaves the old record or the
+// new one.
 #ifndef AGENT_PART_FILE_H
 #define AGENT_PART_FILE_H
 
@@ -12,9 +14,19 @@
 #include "agent/agent_result.h"
 #include "agent/ddi.h"
 #include "agent/folder.h"
-#include "agent/part_record.h"
 #include "base/unique_fd.h"
 #include "package/content.h"
+#include "package/manifest.h"
+
+// The content of NAME.part.from.
+struct PartRecord {
+    uint64_t size = 0;  // bytes of the whole file
+    Sha256 sha256 = {};
+    std::string entityTag;  // printable, up to 256 characters; empty: the server gave none
+    uint64_t kept = 0;      // at least this many bytes are flushed to storage
+    bool cameDifferent =
+        false;  // the file was received once completely and was not the announced one
+};
 
 struct PartFile {
     const DdiFile& file;         // the file that is downloaded, as the server announced it
