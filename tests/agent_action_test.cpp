@@ -7,7 +7,6 @@
 #include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <utility>
 
 #include "agent/action.h"
@@ -22,70 +21,67 @@ using nlohmann::json;
 
 constexpr char OLD_TAG[] = "\"old\"";
 
-// What a step waits for: "STATE" of the action, "N KIND" requests in all, or "+N KIND" more than
-// now; "closed" is feedback that ends an action.
-std::function<bool()> condition_of(SimulatedServer& server, const std::string& number,
-                                   const std::string& kind) {
-    if (kind.empty()) {
-        return [&server, number] { return server.story(ID).starts_with(number); };
+// Returns what a step waits for: "STATE" of the action, "N KIND" requests in all, or "+N KIND" more
+// than now; "closed" is feedback that ends an action.
+std::function<bool()> condition_of(SimulatedServer& server, const std::string& wanted) {
+    const size_t space = wanted.find(' ');
+    if (space == std::string::npos) {
+        return [&server, wanted] { return server.story(ID).starts_with(wanted); };
     }
-    const auto count = [&server, kind] {
+    const auto count = [&server, kind = wanted.substr(space + 1)] {
         return kind == "closed" ? server.count("feedback", kind) : server.count(kind);
     };
-    const size_t wanted = std::stoul(number) + (number.starts_with('+') ? count() : 0);
-    return [count, wanted] { return count() >= wanted; };
+    const size_t least = std::stoul(wanted) + (wanted.starts_with('+') ? count() : 0);
+    return [count, least] { return count() >= least; };
 }
 
-// Does a step of a row when its first word is known here; returns what it prints.
-std::optional<std::string> do_step(World& world, const std::string& verb, const std::string& first,
-                                   const std::string& rest) {
+// The steps of cases/agent_actions.txt.
+std::map<std::string, Step> steps_of(World& world) {
     SimulatedServer& server = world.server;
-    if (verb == "server") {
-        server.misbehave(first + " " + rest);
-    } else if (verb == "offer" || verb == "change") {
-        const SimulatedAction action = make_action(rest, first);
-        verb == "offer" ? server.offer(action)
-                        : server.change(first, [&](SimulatedAction& of) { of = action; });
-    } else if (verb == "cancel") {
-        server.cancel(ID);
-    } else if (verb == "quit") {
-        server.force_quit(ID);
-    } else if (verb == "reinstall") {
-        server.reinstall();
-    } else if (verb == "restart") {
-        world.restart();
-    } else if (verb == "another") {  // sender has taken the request away and posted one
-        OtaQueueMessage own = {};
-        EXPECT_LT(0, msgrcv(Camera::queue(), &own, sizeof(own.text), 0, IPC_NOWAIT));
-        World::post_empty_request();
-    } else if (verb == "answers") {
-        std::string statuses;
-        for (const SimulatedRequest& request : server.requests()) {
-            statuses += request.what == first ? " " + std::to_string(request.status) : "";
-        }
-        return first + statuses;
-    } else if (verb == "live") {
-        const int status = world.live(first.empty() ? 0 : std::stoi(first));
-        return world.agent_was_cut() ? "cut" : status < 0 ? "restarts" : std::to_string(status);
-    } else if (verb == "end") {
-        world.live_to_the_end();
-        return world.summary();
-    } else if (verb == "sees" || verb == "wakes" || verb == "polls") {  // for FIRST milliseconds
-        std::istringstream wanted(verb == "polls" ? "+1 poll" : rest);
-        std::string number, kind;
-        wanted >> number >> kind;
-        const auto holds = condition_of(server, number, kind);
-        if (verb == "polls") {
-            run("hup");
-        }
-        const bool seen = eventually(std::stoi(first), [&] {
-            return (verb == "wakes" ? run("hup") : "0") == "0" && holds();
-        });
-        return seen ? "" : verb + " in vain: " + number + " " + kind;
-    } else {
-        return std::nullopt;
-    }
-    return "";
+    using Text = const std::string&;
+    const auto wait = [&server](Text ms, Text wanted, bool wakes) {
+        const auto holds = condition_of(server, wanted);
+        const bool seen =
+            eventually(std::stoi(ms), [&] { return (wakes ? run("hup") : "0") == "0" && holds(); });
+        return seen ? "" : (wakes ? "wakes in vain: " : "sees in vain: ") + wanted;
+    };
+    return {
+        {"server", [&](Text what, Text rest) { return server.misbehave(what + " " + rest), ""; }},
+        {"offer", [&](Text id, Text kind) { return server.offer(make_action(kind, id)), ""; }},
+        {"change", [&](Text id, Text kind) { return server.change(make_action(kind, id)), ""; }},
+        {"cancel", [&](Text, Text) { return server.cancel(ID), ""; }},
+        {"quit", [&](Text, Text) { return server.force_quit(ID), ""; }},
+        {"reinstall", [&](Text, Text) { return server.reinstall(), ""; }},
+        {"restart", [&](Text, Text) { return world.restart(), ""; }},
+        {"another",  // sender has taken the request away and posted one
+         [](Text, Text) {
+             OtaQueueMessage own = {};
+             EXPECT_LT(0, msgrcv(Camera::queue(), &own, sizeof(own.text), 0, IPC_NOWAIT));
+             World::post_empty_request();
+             return "";
+         }},
+        {"answers",
+         [&](Text kind, Text) {
+             std::string statuses = kind;
+             for (const SimulatedRequest& request : server.requests()) {
+                 statuses += request.what == kind ? " " + std::to_string(request.status) : "";
+             }
+             return statuses;
+         }},
+        {"live",
+         [&](Text cut, Text) {
+             const int status = world.live(cut.empty() ? 0 : std::stoi(cut));
+             return world.agent_was_cut() ? "cut"
+                    : status < 0          ? "restarts"
+                                          : std::to_string(status);
+         }},
+        {"end", [&](Text, Text) { return world.live_to_the_end(), world.summary(); }},
+        {"sees", [wait](Text ms, Text wanted) { return wait(ms, wanted, false); }},
+        {"wakes", [wait](Text ms, Text wanted) { return wait(ms, wanted, true); }},
+        {"polls", [&, wait](Text ms, Text) {
+             const std::string next = std::to_string(server.count("poll") + 1) + " poll";
+             return run("hup"), wait(ms, next, false);
+         }}};
 }
 
 // Rows read CAMERA; ACTION; STEPS with " | " between them. Steps that are not known here are typed.
@@ -94,16 +90,12 @@ TEST(Action, EndsAsItDeserves) {
     expect_cases(
         "agent_actions.txt",
         [](std::istream& row) {
-            std::string camera, action, steps;
+            std::string camera, action;
             std::getline(row, camera, ';');
             std::getline(row >> std::ws, action, ';');
-            std::getline(row >> std::ws, steps);
             World world(camera, action);
             world.start_service();
-            std::string printed =
-                do_steps(steps, [&world](const auto& verb, const auto& first, const auto& rest) {
-                    return do_step(world, verb, first, rest);
-                });
+            std::string printed = do_steps(rest_of(row), steps_of(world));
             run("stop_agent KILL");
             return printed;
         },

@@ -58,10 +58,9 @@ struct World {
         : server(setup), elsewhere(elsewhereSetup), settings(settings_of(server)) {
         std::filesystem::remove_all(FOLDER);
         std::filesystem::create_directories(FOLDER);
-        SimulatedAction action = {.id = "11", .files = {{"kernel.bin", KERNEL}}};
-        action.consent = step == "consent" || step == "word";
-        elsewhere.offer(action);
-        server.offer(action);
+        offered.consent = step == "consent" || step == "word";
+        elsewhere.offer(offered);
+        server.offer(offered);
         if (step == "cancellation" || step == "answer") {
             server.cancel("11");
         }
@@ -124,6 +123,7 @@ struct World {
                outcome_of(status);
     }
 
+    SimulatedAction offered = {.id = "11", .files = {{"kernel.bin", KERNEL}}};
     SimulatedServer server;
     SimulatedServer elsewhere;
     ServerSettings settings;
@@ -176,9 +176,9 @@ std::string try_status_codes(World& world, const std::string& step) {
 
 TEST(AgentTransport, ServerThatMisbehaves) {
     expect_cases("agent_server.txt", [](std::istream& row) {
-        std::string generation, step, faults;
-        row >> generation >> step >> std::ws;
-        std::getline(row, faults);
+        std::string generation, step;
+        row >> generation >> step;
+        std::string faults = rest_of(row);
         World world({.old = generation == "old"}, step);
         if (faults.starts_with("codes")) {
             return try_status_codes(world, step);
@@ -238,10 +238,9 @@ std::string read_answer(const std::string& kind, const std::string& text) {
 TEST(AgentTransport, AnswersAreReadOrRefused) {
     const json good = json::parse(read_file(TEXTS "cases/agent_answers.json"));
     expect_cases("agent_answers.txt", [&good](std::istream& row) {
-        std::string kind, pointer, value;
-        row >> kind >> pointer >> std::ws;
-        std::getline(row, value);
-        value.resize(value.find_last_not_of(' ') + 1);
+        std::string kind, pointer;
+        row >> kind >> pointer;
+        const std::string value = rest_of(row);
         json text = good[kind];
         if (pointer == "text") {
             return read_answer(kind, value);
@@ -309,9 +308,7 @@ TEST(AgentTransport, SignalEndsItWithinASecond) {
     EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
 }
 
-// Does a step of a row when its first word is known here; returns what it prints.
-std::optional<std::string> do_step(World& world, const std::string& verb, const std::string& first,
-                                   const std::string& rest) {
+std::string do_row(std::istream& row) {
     static const std::map<std::string, std::string ServerSettings::*> SETTINGS = {
         {"ca", &ServerSettings::ca},
         {"certificate", &ServerSettings::certificate},
@@ -321,38 +318,49 @@ std::optional<std::string> do_step(World& world, const std::string& verb, const 
         {"tenant", &ServerSettings::tenant},
         {"authorization", &ServerSettings::authorization},
         {"token-file", &ServerSettings::tokenFile}};
-    if (verb == "server") {
-        const std::string insecure = replaced(world.server.url(), "https", "http");
-        world.server.misbehave(replaced(first + " " + rest, "INSECURE", insecure));
-    } else if (verb == "elsewhere") {
-        world.server.change(
-            "11", [&](SimulatedAction& action) { action.elsewhere = world.elsewhere.url(); });
-    } else if (verb == "set") {
-        world.settings.*SETTINGS.at(first) = rest == "SERVER" ? world.server.url() : rest;
-    } else if (verb == "environment") {
-        rest.empty() ? unsetenv(first.c_str()) : setenv(first.c_str(), rest.c_str(), 1);
-    } else if (verb == "asked") {
-        const std::string text = asked(first == "elsewhere" ? world.elsewhere : world.server, rest);
-        return text.empty() ? "not asked" : "asked " + text;
-    } else if (verb == "poll" || verb == "feedback" || verb == "file") {
-        EXPECT_EQ(0, seteuid(first.empty() ? 0 : 990));
-        const std::string outcome = world.outcome_of(world.run(verb));
+    std::string certificate, otherCertificate;
+    row >> certificate >> otherCertificate;
+    World world(setup_of(certificate, false), "file", setup_of(otherCertificate, true));
+    SimulatedServer& server = world.server;
+    const auto request = [&world](const std::string& step, const std::string& as) {
+        EXPECT_EQ(0, seteuid(as.empty() ? 0 : 990));
+        const std::string outcome = world.outcome_of(world.run(step));
         EXPECT_EQ(0, seteuid(0));
-        return outcome + (verb == "file" ? ";" + names_left() : "");
-    } else {
-        return std::nullopt;
-    }
-    return "";
-}
-
-std::string do_row(std::istream& row) {
-    std::string server, elsewhere, steps;
-    row >> server >> elsewhere >> std::ws;
-    std::getline(row, steps);
-    World world(setup_of(server, false), "file", setup_of(elsewhere, true));
-    return do_steps(steps, [&world](const auto& verb, const auto& first, const auto& rest) {
-        return do_step(world, verb, first, rest);
-    });
+        return outcome + (step == "file" ? ";" + names_left() : "");
+    };
+    using Text = const std::string&;
+    return do_steps(
+        rest_of(row),
+        {{"server",
+          [&](Text first, Text rest) {
+              const std::string insecure = replaced(server.url(), "https", "http");
+              server.misbehave(replaced(first + " " + rest, "INSECURE", insecure));
+              return "";
+          }},
+         {"elsewhere",
+          [&](Text, Text) {
+              world.offered.elsewhere = world.elsewhere.url();
+              server.change(world.offered);
+              return "";
+          }},
+         {"set",
+          [&](Text first, Text rest) {
+              world.settings.*SETTINGS.at(first) = rest == "SERVER" ? server.url() : rest;
+              return "";
+          }},
+         {"environment",
+          [&](Text first, Text rest) {
+              rest.empty() ? unsetenv(first.c_str()) : setenv(first.c_str(), rest.c_str(), 1);
+              return "";
+          }},
+         {"asked",
+          [&](Text first, Text rest) {
+              const std::string text = asked(first == "server" ? server : world.elsewhere, rest);
+              return text.empty() ? "not asked" : "asked " + text;
+          }},
+         {"poll", [&](Text as, Text) { return request("poll", as); }},
+         {"feedback", [&](Text as, Text) { return request("feedback", as); }},
+         {"file", [&](Text as, Text) { return request("file", as); }}});
 }
 
 TEST(AgentTransport, ProofsProxiesAndPowerCuts) {

@@ -72,6 +72,13 @@ int open_descriptors() {
     return static_cast<int>(std::distance(all, {})) - 1;
 }
 
+std::string rest_of(std::istream& row) {
+    std::string text;
+    std::getline(row >> std::ws, text);
+    text.resize(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);

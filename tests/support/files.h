@@ -33,6 +33,9 @@ inline bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// Returns the rest of a row without the spaces at its ends.
+std::string rest_of(std::istream& row);
+
 // Splits the text into lines without line feeds.
 std::vector<std::string> lines_of(const std::string& text);
 

@@ -28,8 +28,7 @@ std::string run(const std::string& command) {
 void expect_session(const char* name, const std::string& before,
                     const std::function<std::string()>& more, Rows rows) {
     const auto typed = [&before, &more](std::istream& row) {
-        const std::string command(std::istreambuf_iterator<char>(row), {});
-        std::string said = without_source_lines(run(before + command));
+        std::string said = without_source_lines(run(before + rest_of(row)));
         said = replaced(said, R"(there are [^)]*\))", "...)");
         return replaced(said, "(otactl|hal_tool|corvo_agent|corvo_commit): .*(?=.see --help)", "") +
                more();
@@ -37,21 +36,16 @@ void expect_session(const char* name, const std::string& before,
     expect_cases(name, typed, rows);
 }
 
-std::string do_steps(const std::string& steps,
-                     const std::function<std::optional<std::string>(
-                         const std::string&, const std::string&, const std::string&)>& known) {
+std::string do_steps(const std::string& steps, const std::map<std::string, Step>& known) {
     std::string printed;
     for (const std::string& step : lines_of(replaced(steps, " \\| ", "\n"))) {
-        std::string verb, first, rest;
+        std::string verb, first;
         std::istringstream words(step);
-        words >> verb >> first >> std::ws;
-        std::getline(words, rest);
-        rest.resize(rest.find_last_not_of(' ') + 1);
-        std::optional<std::string> each = known(verb, first, rest);
-        if (!each) {
-            each = replaced(run(step), "^0( / )?", "");
-        }
-        printed += (printed.empty() || each->empty() ? "" : " / ") + *each;
+        words >> verb >> first;
+        const auto found = known.find(verb);
+        const std::string each = found != known.end() ? found->second(first, rest_of(words))
+                                                      : replaced(run(step), "^0( / )?", "");
+        printed += (printed.empty() || each.empty() ? "" : " / ") + each;
     }
     return printed.empty() ? "done" : printed;
 }

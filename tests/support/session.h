@@ -3,7 +3,7 @@
 #define TESTS_SUPPORT_SESSION_H
 
 #include <functional>
-#include <optional>
+#include <map>
 #include <string>
 
 #include "files.h"
@@ -19,11 +19,10 @@ void expect_session(
     Rows rows = Rows::BUILD_ON_EACH_OTHER);
 
 // Does the steps of a row, which have " | " between them; returns what they print, with " / "
-// between, or "done". `known` does those whose first word it knows; others are typed.
-std::string do_steps(
-    const std::string& steps,
-    const std::function<std::optional<std::string>(
-        const std::string& verb, const std::string& first, const std::string& rest)>& known);
+// between, or "done". A step whose first word is in `known` calls that with its second word and the
+// rest; others are commands.
+using Step = std::function<std::string(const std::string& first, const std::string& rest)>;
+std::string do_steps(const std::string& steps, const std::map<std::string, Step>& known);
 
 // The request that was posted to the queue, as text with " / " before it; "" when there is none.
 // `flags` as msgrcv(2) has them.

@@ -25,113 +25,95 @@ json member(const json& object, const char* name, const json& other) {
     return found.type() == other.type() ? found : other;
 }
 
+json offer_of(const SimulatedAction& action, const std::string& url) {
+    const std::string base = action.elsewhere.empty() ? url : action.elsewhere;
+    const char* const link = base.starts_with("https") ? "download" : "download-http";
+    json artifacts = json::array();
+    for (const auto& [name, bytes] : action.files) {
+        const std::string href =
+            base + CONTROLLER_PATH + "/softwaremodules/" + action.id + "/artifacts/" + name;
+        artifacts.push_back({{"filename", name},
+                             {"size", bytes.size()},
+                             {"hashes", {{"sha256", digest_of(bytes)}}},
+                             {"_links", {{link, {{"href", href}}}}}});
+    }
+    json offer = {{"download", action.download},
+                  {"update", action.update},
+                  {"chunks", {{{"part", "os"}, {"artifacts", artifacts}}}}};
+    if (!action.window.empty()) {
+        offer["maintenanceWindow"] = action.window;
+    }
+    return offer;
+}
+
 }  // namespace
 
-void classify(SimulatedRequest& request, const std::string& path) {
-    const std::string base = std::string("/") + SimulatedServer::TENANT + "/controller/v1/" +
-                             SimulatedServer::CONTROLLER;
-    if (!path.starts_with(base)) {
-        return;
-    }
+void SimulatedHawkbit::classify(SimulatedRequest& request, const std::string& path) {
+    static const std::string BASE = std::string("/DEFAULT/controller/v1/") + CONTROLLER;
+    static const std::map<std::string, std::pair<const char*, const char*>> NAMES = {
+        {"", {"poll", ""}},
+        {"configData", {"attributes", ""}},
+        {"deploymentBase", {"action", "feedback"}},
+        {"confirmationBase", {"consent", "word"}},
+        {"cancelAction", {"cancellation", "answer"}},
+        {"softwaremodules", {"file", ""}}};
     // "", "deploymentBase", "11", "feedback"
     std::vector<std::string> parts(5);
-    std::istringstream stream(path.substr(base.size()));
+    std::istringstream stream(path.starts_with(BASE) ? path.substr(BASE.size()) : "/other");
     for (std::string& part : parts) {
         std::getline(stream, part, '/');
     }
-    struct Name {
-        const char* part;
-        const char* got;
-        const char* fed;
-    };
-    for (const Name& name :
-         {Name{"", "poll", ""}, Name{"configData", "attributes", ""},
-          Name{"deploymentBase", "action", "feedback"}, Name{"confirmationBase", "consent", "word"},
-          Name{"cancelAction", "cancellation", "answer"}, Name{"softwaremodules", "file", ""}}) {
-        if (parts[1] == name.part) {
-            request.what = parts[3] == "feedback" ? name.fed : name.got;
-        }
+    if (const auto name = NAMES.find(parts[1]); name != NAMES.end()) {
+        request.what = parts[3] == "feedback" ? name->second.second : name->second.first;
     }
     request.id = parts[2];
     request.file = parts[4];
 }
 
-SimulatedHawkbit::Action* SimulatedHawkbit::find(const std::string& id) {
-    const auto found = std::ranges::find(
-        actions, id, [](const Action& action) -> const auto& { return action.offered.id; });
-    return found == actions.end() ? nullptr : &*found;
-}
-
 SimulatedAnswer SimulatedHawkbit::answer(const SimulatedRequest& request) {
-    if (request.what == "poll") {
-        return poll();
+    static const std::map<std::string, std::string> STATES = {
+        {"cancellation", "cancelling"}, {"consent", "waiting"}, {"action", "offered"}};
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::string& what = request.what;
+    if (what == "poll" || what == "attributes") {
+        return what == "poll" ? poll() : take_attributes(request.body);
     }
-    if (request.what == "attributes") {
-        return take_attributes(request.body);
+    const auto found = actions_.find(request.id);
+    const bool ended = found == actions_.end() || found->second.ended();
+    if (found != actions_.end() && request.line.starts_with("POST")) {
+        return ended ? SimulatedAnswer{.status = 410} : feedback(found->second, request);
     }
-    Action* const action = find(request.id);
-    const bool feeds = request.line.starts_with("POST");
-    if (action == nullptr || (action->ended() && !feeds)) {
+    if (!ended && what == "file") {
+        return file(found->second, request);
+    }
+    if (ended || found->second.state != STATES.at(what)) {
         return {.status = 404};
     }
-    if (feeds) {
-        return action->ended() ? SimulatedAnswer{.status = 410} : feedback(*action, request);
-    }
-    if (request.what == "file") {
-        return file(*action, request);
-    }
-    const char* const asked = request.what == "cancellation" ? "cancelling"
-                              : request.what == "consent"    ? "waiting"
-                                                             : "offered";
-    if (action->state != asked) {
-        return {.status = 404};
-    }
-    if (request.what == "cancellation") {
-        return {.body =
-                    json{{"id", request.id}, {"cancelAction", {{"stopId", request.id}}}}.dump()};
-    }
-    return offer(*action, request.what == "consent" ? "confirmation" : "deployment");
+    const std::string& id = request.id;
+    const json body = what == "cancellation"
+                          ? json{{"id", id}, {"cancelAction", {{"stopId", id}}}}
+                          : json{{"id", id},
+                                 {what == "consent" ? "confirmation" : "deployment",
+                                  offer_of(found->second.offered, url_)}};
+    return {.body = body.dump()};
 }
 
 SimulatedAnswer SimulatedHawkbit::poll() const {
-    json root = {{"config", {{"polling", {{"sleep", sleep}}}}}};
-    if (attributesWanted) {
-        root["_links"]["configData"]["href"] = url + CONTROLLER_PATH + "/configData";
+    json root = {{"config", {{"polling", {{"sleep", sleep_}}}}}};
+    if (attributesWanted_) {
+        root["_links"]["configData"]["href"] = url_ + CONTROLLER_PATH + "/configData";
     }
-    for (const Action& action : actions) {
-        if (!action.ended()) {
-            const std::string part = action.state == "cancelling" ? "cancelAction"
-                                     : action.state == "waiting"  ? "confirmationBase"
-                                                                  : "deploymentBase";
-            root["_links"][part]["href"] = url + CONTROLLER_PATH + "/" + part + "/" +
-                                           action.offered.id + (part[0] == 'c' ? "" : "?c=-211");
-            break;
-        }
+    const auto current =
+        std::ranges::find_if(actions_, [](const auto& each) { return !each.second.ended(); });
+    if (current != actions_.end()) {
+        const std::string& state = current->second.state;
+        const std::string part = state == "cancelling" ? "cancelAction"
+                                 : state == "waiting"  ? "confirmationBase"
+                                                       : "deploymentBase";
+        root["_links"][part]["href"] = url_ + CONTROLLER_PATH + "/" + part + "/" + current->first +
+                                       (part[0] == 'c' ? "" : "?c=-211");
     }
     return {.body = root.dump()};
-}
-
-SimulatedAnswer SimulatedHawkbit::offer(const Action& action, const char* name) const {
-    const SimulatedAction& offered = action.offered;
-    const std::string base = offered.elsewhere.empty() ? url : offered.elsewhere;
-    json artifacts = json::array();
-    for (const SimulatedFile& file : offered.files) {
-        const std::string href =
-            base + CONTROLLER_PATH + "/softwaremodules/" + offered.id + "/artifacts/" + file.name;
-        artifacts.push_back(
-            {{"filename", file.name},
-             {"size", file.bytes.size()},
-             {"hashes", {{"sha256", digest_of(file.bytes)}}},
-             {"_links",
-              {{base.starts_with("https") ? "download" : "download-http", {{"href", href}}}}}});
-    }
-    json deployment = {{"download", offered.download},
-                       {"update", offered.update},
-                       {"chunks", {{{"part", "os"}, {"artifacts", artifacts}}}}};
-    if (!offered.window.empty()) {
-        deployment["maintenanceWindow"] = offered.window;
-    }
-    return {.body = json{{"id", offered.id}, {name, deployment}}.dump()};
 }
 
 SimulatedAnswer SimulatedHawkbit::file(Action& action, const SimulatedRequest& request) const {
@@ -140,22 +122,22 @@ SimulatedAnswer SimulatedHawkbit::file(Action& action, const SimulatedRequest& r
     if (file == files.end()) {
         return {.status = 404};
     }
-    action.statuses += old || action.statuses == 0 ? 1 : 0;
+    action.statuses += old_ || action.statuses == 0 ? 1 : 0;
     const std::string tag = digest_of(file->bytes).substr(0, 40);
-    SimulatedAnswer answer = {.body = file->bytes, .tag = old ? tag : "\"" + tag + "\""};
-    const std::string size = std::to_string(file->bytes.size());
-    unsigned long from = 0;
-    if (sscanf(request.range.c_str(), "bytes=%lu-", &from) != 1 ||
+    SimulatedAnswer answer = {.body = file->bytes, .tag = old_ ? tag : "\"" + tag + "\""};
+    const size_t size = file->bytes.size();
+    size_t from = 0;
+    if (sscanf(request.range.c_str(), "bytes=%zu-", &from) != 1 ||
         (!request.condition.empty() && request.condition != answer.tag)) {
         return answer;
     }
-    if (from >= file->bytes.size()) {
-        return {.status = 416, .range = "bytes */" + size};
+    if (from >= size) {
+        return {.status = 416, .range = "bytes */" + std::to_string(size)};
     }
     answer.status = 206;
     answer.body.erase(0, from);
-    answer.range =
-        "bytes " + std::to_string(from) + "-" + std::to_string(file->bytes.size() - 1) + "/" + size;
+    answer.range = "bytes " + std::to_string(from) + "-" + std::to_string(size - 1) + "/" +
+                   std::to_string(size);
     return answer;
 }
 
@@ -164,16 +146,15 @@ SimulatedAnswer SimulatedHawkbit::feedback(Action& action, const SimulatedReques
     const bool word = request.what == "word";
     const json status = word ? root : member(root, "status", json::object());
     const std::string execution = member(status, word ? "confirmation" : "execution", "");
-    const json result = member(status, "result", json::object());
-    const std::string finished = member(result, "finished", "");
+    const std::string finished = member(member(status, "result", json::object()), "finished", "");
     if (execution.empty()) {
         return {.status = 400};
     }
-    if (old && member(root, "id", "") != request.id) {
+    if (old_ && member(root, "id", "") != request.id) {
         return {.status = 404};
     }
-    if (action.statuses >= STATUSES_MAX && (old || execution != "closed")) {
-        return {.status = old ? 403 : 429};
+    if (action.statuses >= STATUSES_MAX && (old_ || execution != "closed")) {
+        return {.status = old_ ? 403 : 429};
     }
     if (word && execution == "confirmed") {
         action.state = "offered";
@@ -184,7 +165,7 @@ SimulatedAnswer SimulatedHawkbit::feedback(Action& action, const SimulatedReques
         action.state = execution == "closed" ? "canceled" : "offered";
     } else if (execution == "closed") {
         action.state = finished == "failure" ? "failure" : "success";
-        attributesWanted = attributesWanted || action.state == "success";
+        attributesWanted_ = attributesWanted_ || action.state == "success";
     } else if (execution == "downloaded" && action.offered.update == "skip" &&
                action.offered.window.empty()) {
         action.state = "downloaded";
@@ -202,13 +183,49 @@ SimulatedAnswer SimulatedHawkbit::feedback(Action& action, const SimulatedReques
 
 SimulatedAnswer SimulatedHawkbit::take_attributes(const std::string& body) {
     const json root = json::parse(body, nullptr, false);
-    const json data = member(root, "data", json::object());
     if (member(root, "mode", "") == "replace") {
-        attributes.clear();
+        attributes_.clear();
     }
+    const json data = member(root, "data", json::object());
     for (const auto& [name, value] : data.items()) {
-        attributes[name] = value.get<std::string>();
+        attributes_[name] = value.get<std::string>();
     }
-    attributesWanted = false;
+    attributesWanted_ = false;
     return {.status = root.is_object() ? 200 : 400};
+}
+
+void SimulatedHawkbit::offer(const SimulatedAction& action) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& [id, older] : actions_) {
+        older.state = older.ended() ? older.state : "cancelling";
+    }
+    actions_[action.id] = {.offered = action,
+                           .state = action.consent && !old_ ? "waiting" : "offered"};
+}
+
+void SimulatedHawkbit::set_state(const std::string& id, const char* state) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Action& action = actions_.at(id);
+    action.state = action.ended() ? action.state : state;
+}
+
+void SimulatedHawkbit::change(const SimulatedAction& action) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    actions_.at(action.id).offered = action;
+}
+
+void SimulatedHawkbit::reinstall() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    actions_.clear();
+}
+
+std::map<std::string, std::string> SimulatedHawkbit::attributes() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return attributes_;
+}
+
+std::string SimulatedHawkbit::story(const std::string& id) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = actions_.find(id);
+    return found == actions_.end() ? "unknown" : found->second.state + found->second.story;
 }

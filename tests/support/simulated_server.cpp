@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "simulated_hawkbit.h"
+#include "files.h"
 
 namespace {
 
@@ -18,23 +18,12 @@ struct Fault {
     std::string argument;
 };
 
-std::vector<Fault> read_faults(const std::string& text) {
-    std::vector<Fault> faults;
-    std::istringstream rows(text);
-    for (std::string row; std::getline(rows, row, ';');) {
-        std::istringstream words(row);
-        Fault fault;
-        words >> fault.what >> fault.kind >> std::ws;
-        std::getline(words, fault.argument);
-        if (const size_t colon = fault.what.find(':'); colon != std::string::npos) {
-            fault.from = atoi(fault.what.c_str() + colon + 1);
-            fault.to = fault.what.ends_with('+') ? INT_MAX : fault.from;
-            fault.what.resize(colon);
-        }
-        faults.push_back(fault);
-    }
-    return faults;
-}
+// An answer, and how it is sent.
+struct SentAnswer : SimulatedAnswer {
+    size_t cut = SIZE_MAX;
+    int dripMs = 0;  // pause between two bytes; 0: sends the whole content at once
+    bool chunked = false;
+};
 
 std::string subject_of(const httplib::Request& request) {
     const std::unique_ptr<X509, decltype(&X509_free)> certificate(
@@ -46,23 +35,61 @@ std::string subject_of(const httplib::Request& request) {
     return name;
 }
 
-// How an answer is sent.
-struct Manner {
-    size_t cut = SIZE_MAX;
-    int dripMs = 0;  // pause between two bytes; 0: sends the whole content at once
-    bool chunked = false;
-};
+void set_header(httplib::Response& response, const char* name, const std::string& value) {
+    if (!value.empty()) {
+        response.set_header(name, value);
+    }
+}
+
+// Changes an answer according to a fault.
+void apply(const Fault& fault, const std::string& url, bool old, SentAnswer& answer,
+           httplib::Response& response) {
+    const std::string& kind = fault.kind;
+    const std::string& text = fault.argument;
+    const size_t number = strtoul(text.c_str(), nullptr, 10);
+    const size_t space = std::min(text.find(' '), text.size());
+    const std::string first = text.substr(0, space);
+    const std::string rest = text.substr(std::min(space + 1, text.size()));
+    if (kind == "status" || kind == "redirect") {
+        answer.status = static_cast<int>(number);
+    }
+    if (kind == "status") {
+        answer.body = old ? "" : R"({"errorCode":"played","message":"as\ttold"})";
+        set_header(response, "Retry-After", rest);
+    } else if (kind == "redirect") {
+        response.set_header("Location", replaced(rest, "^here", url));
+    } else if (kind == "date") {
+        response.set_header("Date", text);
+    } else if (kind == "say") {
+        answer.body = text;
+    } else if (kind == "swap") {
+        answer.body.replace(answer.body.find(first), first.size(), rest);
+    } else if (kind == "cut") {
+        answer.cut = number;
+    } else if (kind == "drip") {
+        answer.dripMs = number > 0 ? static_cast<int>(number) : 100;
+    } else if (kind == "flip") {
+        answer.body.at(number) = static_cast<char>(answer.body[number] ^ 1);
+    } else if (kind == "length" || kind == "chunked") {
+        answer.body.resize(number, ' ');
+        answer.chunked = kind == "chunked";
+    } else if (kind == "tag") {
+        answer.tag = text;
+    } else if (kind == "range") {
+        answer.range = text;
+    }
+}
 
 }  // namespace
 
 struct SimulatedServer::Impl {
-    Setup setup;
+    SimulatedServer& server;
+    const Setup setup;
     std::unique_ptr<httplib::Server> http = {};
     std::thread thread = {};
     std::atomic<bool> ending = false;
 
     std::mutex mutex = {};  // guards the members below
-    SimulatedHawkbit hawkbit = {};
     std::vector<Fault> faults = {};
     std::map<std::string, int> counts = {};  // requests of each kind since the faults were set
     std::vector<SimulatedRequest> requests = {};
@@ -70,105 +97,42 @@ struct SimulatedServer::Impl {
     bool make_server();
     void serve(httplib::Request& request, httplib::Response& response);
     std::vector<Fault> faults_of(const SimulatedRequest& request);
-    void send(const SimulatedAnswer& answer, Manner manner, const std::string& type,
-              httplib::Response& response);
+    void send(const SentAnswer& answer, const std::string& type, httplib::Response& response);
 };
 
 std::vector<Fault> SimulatedServer::Impl::faults_of(const SimulatedRequest& request) {
-    std::vector<std::string> names = {request.what, "any"};
-    if (request.what == "feedback" && request.body.find("\"closed\"") != std::string::npos) {
-        names.emplace_back("closed");
-    }
+    const bool closes = request.what == "feedback" && contains(request.body, "\"closed\"");
+    std::vector<std::string> names = {request.what, "any", closes ? "closed" : "any other"};
     for (const std::string& name : names) {
         ++counts[name];
     }
-    std::vector<Fault> wanted;
-    for (const Fault& fault : faults) {
+    std::vector<Fault> wanted = faults;
+    std::erase_if(wanted, [&](const Fault& fault) {
         const int count = counts[fault.what];
-        if (std::ranges::find(names, fault.what) != names.end() && count >= fault.from &&
-            count <= fault.to) {
-            wanted.push_back(fault);
-        }
-    }
+        return std::ranges::count(names, fault.what) == 0 || count < fault.from || count > fault.to;
+    });
     return wanted;
 }
 
-// Changes an answer according to a fault.
-static void apply(const Fault& fault, const SimulatedHawkbit& hawkbit, SimulatedAnswer& answer,
-                  Manner& manner, httplib::Response& response) {
-    std::istringstream words(fault.argument);
-    size_t number = 0;
-    if (fault.kind == "status") {
-        words >> answer.status >> std::ws;
-        answer.body = hawkbit.old ? "" : R"({"errorCode":"played","message":"as\ttold"})";
-        std::string seconds;
-        if (std::getline(words, seconds)) {
-            response.set_header("Retry-After", seconds);
-        }
-    } else if (fault.kind == "redirect") {
-        std::string place;
-        words >> answer.status >> place;
-        response.set_header("Location",
-                            place.starts_with("here") ? hawkbit.url + place.substr(4) : place);
-    } else if (fault.kind == "date") {
-        response.set_header("Date", fault.argument);
-    } else if (fault.kind == "say") {
-        answer.body = fault.argument;
-    } else if (fault.kind == "swap") {
-        std::string old, fresh;
-        words >> old >> fresh;
-        answer.body.replace(answer.body.find(old), old.size(), fresh);
-    } else if (fault.kind == "cut") {
-        words >> manner.cut;
-    } else if (fault.kind == "drip") {
-        manner.dripMs = 100;
-        words >> manner.dripMs;
-        manner.dripMs = words ? manner.dripMs : 100;
-    } else if (fault.kind == "flip") {
-        words >> number;
-        answer.body.at(number) = static_cast<char>(answer.body[number] ^ 1);
-    } else if (fault.kind == "length" || fault.kind == "chunked") {
-        words >> number;
-        answer.body.resize(number, ' ');
-        manner.chunked = fault.kind == "chunked";
-    } else if (fault.kind == "tag") {
-        answer.tag = fault.argument;
-    } else if (fault.kind == "range") {
-        answer.range = fault.argument;
-    }
-}
-
-void SimulatedServer::Impl::send(const SimulatedAnswer& answer, Manner manner,
-                                 const std::string& type, httplib::Response& response) {
+void SimulatedServer::Impl::send(const SentAnswer& answer, const std::string& type,
+                                 httplib::Response& response) {
     response.status = answer.status;
-    if (!answer.tag.empty()) {
-        response.set_header("ETag", answer.tag);
-    }
-    if (!answer.range.empty()) {
-        response.set_header("Content-Range", answer.range);
-    }
-    const size_t size = answer.body.size();
+    set_header(response, "ETag", answer.tag);
+    set_header(response, "Content-Range", answer.range);
     // Sends a piece of the content; false ends the connection.
-    const auto piece = [this, manner, body = answer.body](size_t at, httplib::DataSink& sink) {
-        const size_t most = std::min({body.size() - at, manner.dripMs > 0 ? 1 : PIECE_SIZE,
-                                      manner.cut - std::min(manner.cut, at)});
-        if (manner.dripMs > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(manner.dripMs));
-        }
-        return most > 0 && !ending && sink.write(body.data() + at, most);
+    const auto piece = [this, answer](size_t at, size_t /*most*/, httplib::DataSink& sink) {
+        const size_t most = std::min({answer.body.size() - at, answer.dripMs > 0 ? 1 : PIECE_SIZE,
+                                      answer.cut - std::min(answer.cut, at)});
+        std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
+        return most > 0 && !ending && sink.write(answer.body.data() + at, most);
     };
-    if (manner.chunked) {
+    const size_t size = answer.body.size();
+    if (answer.chunked) {
         response.set_chunked_content_provider(type, [=](size_t at, httplib::DataSink& sink) {
-            if (at < size) {
-                return piece(at, sink);
-            }
-            sink.done();
-            return true;
+            return at < size ? piece(at, size, sink) : (sink.done(), true);
         });
     } else if (size > 0) {
-        response.set_content_provider(
-            size, type,
-            [=](size_t at, size_t /*most*/, httplib::DataSink& sink) { return piece(at, sink); });
+        response.set_content_provider(size, type, piece);
     }
 }
 
@@ -181,32 +145,28 @@ void SimulatedServer::Impl::serve(httplib::Request& request, httplib::Response& 
                              .body = request.body};
     // Otherwise the library would apply the range to our answer.
     request.ranges.clear();
-    const std::string& path = request.path;
-    classify(seen, path.starts_with("http://") ? path.substr(path.find('/', 7)) : path);
+    classify(seen, replaced(request.path, "^http://[^/]*", ""));
     const std::lock_guard<std::mutex> lock(mutex);
     const std::vector<Fault> wanted = faults_of(seen);
     const auto meets = [&wanted](const char* kind) {
-        return std::ranges::find(wanted, kind, &Fault::kind) != wanted.end();
+        return std::ranges::count(wanted, kind, &Fault::kind) > 0;
     };
-    const bool known = setup.onlyFiles
-                           ? seen.what == "file"
-                           : seen.authorization == AUTHORIZATION || !seen.subject.empty();
-    SimulatedAnswer answer = {.status = known ? 404 : 401};
+    const bool isFile = seen.what == "file";
+    const bool known =
+        setup.onlyFiles ? isFile : seen.authorization == AUTHORIZATION || !seen.subject.empty();
+    SentAnswer answer = {{.status = known ? 404 : 401}};
     // A request that is refused or redirected has no effect.
     if (known && !seen.what.empty() && !meets("status") && !meets("redirect")) {
         SimulatedRequest heard = seen;
         heard.range = meets("no-ranges") ? "" : seen.range;
-        answer = hawkbit.answer(heard);
+        answer = {server.answer(heard)};
     }
-    Manner manner;
     for (const Fault& fault : wanted) {
-        apply(fault, hawkbit, answer, manner, response);
+        apply(fault, server.url_, setup.old, answer, response);
     }
-    send(answer, manner,
-         seen.what == "file" ? "application/octet-stream"
-         : setup.old         ? "application/hal+json"
-                             : "application/hal+json;charset=UTF-8",
-         response);
+    const std::string json =
+        setup.old ? "application/hal+json" : "application/hal+json;charset=UTF-8";
+    send(answer, isFile ? "application/octet-stream" : json, response);
     seen.status = answer.status;
     requests.push_back(std::move(seen));
 }
@@ -227,7 +187,8 @@ bool SimulatedServer::Impl::make_server() {
     return http->is_valid();
 }
 
-SimulatedServer::SimulatedServer(const Setup& setup) : impl_(new Impl{.setup = setup}) {
+SimulatedServer::SimulatedServer(const Setup& setup)
+    : SimulatedHawkbit(setup.old, setup.sleep), impl_(new Impl{.server = *this, .setup = setup}) {
     if (!impl_->make_server()) {
         abort();
     }
@@ -244,10 +205,8 @@ SimulatedServer::SimulatedServer(const Setup& setup) : impl_(new Impl{.setup = s
     });
     http.set_keep_alive_timeout(1);
     http.set_tcp_nodelay(true);
-    impl_->hawkbit.old = setup.old;
-    impl_->hawkbit.sleep = setup.sleep;
-    impl_->hawkbit.url = (setup.certificate.empty() ? "http://localhost:" : "https://localhost:") +
-                         std::to_string(http.bind_to_any_port("127.0.0.1"));
+    url_ = (setup.certificate.empty() ? "http://localhost:" : "https://localhost:") +
+           std::to_string(http.bind_to_any_port("127.0.0.1"));
     impl_->thread = std::thread([&http] { http.listen_after_bind(); });
 }
 
@@ -260,40 +219,23 @@ SimulatedServer::~SimulatedServer() {
     impl_->thread.join();
 }
 
-std::string SimulatedServer::url() const {
-    return impl_->hawkbit.url;
-}
-
-void SimulatedServer::offer(const SimulatedAction& action) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    for (SimulatedHawkbit::Action& older : impl_->hawkbit.actions) {
-        older.state = older.ended() ? older.state : "cancelling";
-    }
-    const bool waits = action.consent && !impl_->setup.old;
-    impl_->hawkbit.actions.push_back({.offered = action, .state = waits ? "waiting" : "offered"});
-}
-
-void SimulatedServer::reinstall() {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    impl_->hawkbit.actions.clear();
-}
-
-void SimulatedServer::set_state(const std::string& id, const char* state) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    SimulatedHawkbit::Action* const action = impl_->hawkbit.find(id);
-    action->state = action->ended() ? action->state : state;
-}
-
-void SimulatedServer::change(const std::string& id,
-                             const std::function<void(SimulatedAction& action)>& how) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    how(impl_->hawkbit.find(id)->offered);
-}
-
 void SimulatedServer::misbehave(const std::string& faults) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    impl_->faults = read_faults(faults);
+    impl_->faults.clear();
     impl_->counts.clear();
+    std::istringstream rows(faults);
+    for (std::string row; std::getline(rows, row, ';');) {
+        std::istringstream words(row);
+        Fault fault;
+        words >> fault.what >> fault.kind >> std::ws;
+        std::getline(words, fault.argument);
+        if (const size_t colon = fault.what.find(':'); colon != std::string::npos) {
+            fault.from = atoi(fault.what.c_str() + colon + 1);
+            fault.to = fault.what.ends_with('+') ? INT_MAX : fault.from;
+            fault.what.resize(colon);
+        }
+        impl_->faults.push_back(fault);
+    }
 }
 
 std::vector<SimulatedRequest> SimulatedServer::requests() const {
@@ -304,17 +246,6 @@ std::vector<SimulatedRequest> SimulatedServer::requests() const {
 size_t SimulatedServer::count(const std::string& what, const std::string& text) const {
     const std::vector<SimulatedRequest> all = requests();
     return static_cast<size_t>(std::ranges::count_if(all, [&](const SimulatedRequest& request) {
-        return request.what == what && request.body.find(text) != std::string::npos;
+        return request.what == what && contains(request.body, text);
     }));
-}
-
-std::map<std::string, std::string> SimulatedServer::attributes() const {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    return impl_->hawkbit.attributes;
-}
-
-std::string SimulatedServer::story(const std::string& id) const {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const SimulatedHawkbit::Action* const action = impl_->hawkbit.find(id);
-    return action == nullptr ? "unknown" : action->state + action->story;
 }
