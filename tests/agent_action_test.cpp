@@ -1,13 +1,7 @@
 // Whole actions: the agent's program and the real service on a simulated camera, a simulated
 // server, and what an operator, a network or a loss of power can do to them.
-#include <gtest/gtest.h>
-#include <sys/msg.h>
 
-#include <algorithm>
-#include <atomic>
-#include <filesystem>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "agent/action.h"
 #include "agent/part_file.h"

@@ -1,13 +1,4 @@
 // The agent's decisions, as tables; these need no server and no camera.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <map>
-#include <sstream>
 
 #include "agent/action.h"
 #include "agent/camera_state.h"

@@ -1,14 +1,7 @@
 // The agent with update servers that behave well or badly: invalid JSON, truncated answers, wrong
 // files. The cases are data.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <future>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "agent/download.h"
 #include "session.h"

@@ -1,16 +1,5 @@
 // The transport and the system-call client: concurrent callers, time-outs, reconnection, and peers
 // that violate the protocol.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <sstream>
-#include <thread>
 
 #include "base/ignore_result.h"
 #include "dbus/dbus_socket_common.h"

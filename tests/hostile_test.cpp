@@ -1,14 +1,4 @@
 // Other processes that misbehave while the real program performs an upgrade.
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/msg.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <functional>
-#include <thread>
 
 #include "files.h"
 #include "ota/ota_data.h"

@@ -1,12 +1,4 @@
 // The status LED: patterns tick by tick, and the worker with plain files as sysfs lines.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <functional>
-#include <map>
-#include <thread>
 
 #include "faults.h"
 #include "files.h"

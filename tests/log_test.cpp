@@ -1,9 +1,5 @@
 // Format and limits of the log line, and the bytes that a subscriber receives.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <time.h>
-#include <unistd.h>
 
 #include "files.h"
 #include "kt_mmc.h"

@@ -1,8 +1,4 @@
 // Power cuts while otactl writes files.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
 
 #include "files.h"
 #include "forgetful_storage.h"

@@ -1,12 +1,5 @@
 // Packages with valid and invalid signatures: with the command otactl, and with the library where a
 // process for each case would take too long.
-#include <gtest/gtest.h>
-#include <sys/msg.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <future>
-#include <random>
 
 #include "files.h"
 #include "log/log_producer.h"

@@ -1,15 +1,5 @@
 // The platform abstraction and its modules: checks and codes, the slot switch (with a fake of the
 // daemon's client), NV, and the reporters.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <limits.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <thread>
 
 #include "faults.h"
 #include "files.h"

@@ -1,11 +1,4 @@
 // The real program when it receives a signal to stop, and when it crashes.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
-
-#include <chrono>
-#include <filesystem>
-#include <thread>
 
 #include "files.h"
 #include "simulated_camera.h"

@@ -1,14 +1,6 @@
 // Whole upgrades with a power cut or a fault at every possible position. Positions are numbered, so
 // that a single one can be repeated:
 //   --gtest_filter='*Files*' with CORVO_ONLY=17 in the environment tries position 17 only.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "files.h"
 #include "ota/ota_data.h"

@@ -1,18 +1,5 @@
 // The companion programs: the real system-call daemon with the service's client, and the commands
 // of otactl.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/msg.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <future>
-#include <thread>
 
 #include "base/ignore_result.h"
 #include "base/unique_fd.h"
@@ -21,7 +8,6 @@
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
-#include "otactl/progress.h"
 #include "session.h"
 #include "simulated_daemon.h"
 
@@ -185,74 +171,59 @@ TEST(Slots, NoNameLeadsToACopyOfTheRunningSlot) {
     }
 }
 
-TEST_F(Otactl, ProgressEndsAtAHundredPercent) {
-    static constexpr OtaPackageEntry KERNEL = {3, "kernel", "kernel.bin", OTA_FLASH_TYPE_EMMC, 0};
-    Progress progress = start_progress({&KERNEL}, true);
-    for (const char* line :
-         {"UPGRADE_LUMO_RECV_MSG", "ota kill process end", "partition: kernel read verify success",
-          "UPGRADE_LUMO_UGRADE_SUCCESS", "Restart the system"}) {
-        EXPECT_LT(progress_percent(progress), 100);
-        advance_progress(progress, line);
-    }
-    EXPECT_EQ(progress_percent(progress), 100);
-}
-
+// The test publishes the log lines of the service, see cases/follow.txt.
 TEST_F(Otactl, FollowsToTheVerdict) {
-    write_file("/run/images/kernel.bin", "image");
-    write_file("/dev/block/by-name/kernel", "old");
-    const std::string send = "otactl send files --dir /run/images --follow kernel";
-    EXPECT_EQ('2', run(send)[0]) << "nobody publishes";
-    EXPECT_EQ("", posted(IPC_NOWAIT));
-    ASSERT_EQ(LOG_PRODUCER_OK, Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK));
-    auto heard = std::async(std::launch::async, run, "timeout 10 otactl logs --level 4 | head -1");
-    while (heard.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
-        UPGRADE_LOG("ordinary");
-        UPGRADE_EVENT(LOG_EVENT_RECEIVED, "event");
-    }
-    EXPECT_TRUE(heard.get().ends_with(";event"));
-    write_file("/run/images/dtb.bin", "");
-    run("otactl send files --dir /run/images dtb");  // a request of another sender
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ("2 / otactl: the service did not receive the request, which is withdrawn",
-              run("CORVO_CLOCK_RATE=10 timeout 15 otactl_with_faults" + send.substr(6)));
-    EXPECT_EQ(" / type 0 /run/images/, 20: 0 at 0", posted(IPC_NOWAIT));
-    // otactl waits for 15 s; in this test its clock is ten times as fast.
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
-    EXPECT_EQ("", posted(IPC_NOWAIT));
-    for (const auto& [verdict, status] : {std::pair("UPGRADE_LUMO_UGRADE_SUCCESS", '0'),
-                                          {"UPGRADE_LUMO_UGRADE_FAILED", '1'},
-                                          {"moduleType 255 no find", '1'}}) {
-        auto follower = std::async(std::launch::async, run, send);
-        ASSERT_NE("", posted(0));
-        for (const char* line :
-             {"UPGRADE_LUMO_RECV_MSG", "upgrade /run/images/kernel.bin start, moudle type:3",
-              verdict, "Restart the system"}) {
-            UPGRADE_LOG("%s", line);
-        }
-        const std::string followed = follower.get();
-        EXPECT_EQ(status, followed[0]) << followed;
-        EXPECT_TRUE(contains(followed, "  kernel: writing / ")) << followed;
-    }
-    for (const std::string& command :
-         {send, std::string("cd /run/images; echo kernel 0 5 > m; otactl send combined --follow "
-                            "--package kernel.bin --manifest m")}) {
-        auto follower = std::async(std::launch::async, run, command);
-        posted(0);
-        UPGRADE_LOG("ota kernel failed");
-        UPGRADE_LOG("Restart the system");
-        EXPECT_TRUE(contains(follower.get(), "kernel: failed (image 5 bytes, partition 3 bytes)"));
-    }
-    auto follower = std::async(std::launch::async, run, "timeout 20 " + send);
-    posted(0);
-    UPGRADE_LOG("UPGRADE_LUMO_RECV_MSG");
-    UPGRADE_LOG("UPGRADE_LUMO_UGRADE_SUCCESS");
+    using Text = const std::string&;
+    std::future<std::string> started;
+    std::chrono::steady_clock::time_point begin;
+    const auto running = [&started] {
+        return started.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready;
+    };
+    const std::map<std::string, Step> steps = {
+        {"open", [](Text, Text) { return Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK), ""; }},
+        {"close",
+         [&](Text, Text) {
+             begin = std::chrono::steady_clock::now();
+             return Corvo_LogProducerUnInit(), "";
+         }},
+        {"start",
+         [&](Text first, Text rest) {
+             begin = std::chrono::steady_clock::now();
+             started = std::async(std::launch::async, run, first + " " + rest);
+             return "";
+         }},
+        {"publish",
+         [](Text first, Text rest) {
+             UPGRADE_LOG("%s %s", first.c_str(), rest.c_str());
+             return "";
+         }},
+        {"floods",  // until the command has ended
+         [&](Text, Text) {
+             while (running()) {
+                 UPGRADE_LOG("ordinary");
+                 UPGRADE_EVENT(LOG_EVENT_RECEIVED, "event");
+             }
+             return "";
+         }},
+        {"takes", [&](Text, Text) { return posted(0).substr(3); }},
+        {"posted", [&](Text, Text) { return "posted" + posted(IPC_NOWAIT); }},
+        {"unqueue", [&](Text, Text) { return msgctl(queue_, IPC_RMID, nullptr), ""; }},
+        {"ends",
+         [&](Text, Text) {
+             const std::string text =
+                 replaced(started.get(), R"((\d\d:){2}\S*|\d{10}\.\d{3};[^;]*;\d+)", "TIME");
+             return replaced(text, "[\r\033]", "^");
+         }},
+        {"took",  // so many milliseconds since `start` or `close`
+         [&](Text least, Text most) {
+             const auto took = std::chrono::steady_clock::now() - begin;
+             EXPECT_GE(took, std::chrono::milliseconds(std::stoi(least)));
+             EXPECT_LE(took, std::chrono::milliseconds(std::stoi(most)));
+             return "";
+         }}};
+    expect_cases("follow.txt",
+                 [&steps](std::istream& row) { return do_steps(rest_of(row), steps); });
     Corvo_LogProducerUnInit();
-    const auto died = std::chrono::steady_clock::now();
-    EXPECT_EQ('2', follower.get()[0]) << "the service died";
-    const auto patience = std::chrono::steady_clock::now() - died;
-    EXPECT_TRUE(patience > std::chrono::seconds(2) && patience < std::chrono::seconds(10));
-    msgctl(queue_, IPC_RMID, nullptr);
-    EXPECT_EQ('2', run(send)[0]) << "no queue";
 }
 
 }  // namespace

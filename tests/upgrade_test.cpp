@@ -1,14 +1,5 @@
 // Whole upgrades with the real program; compares output, commands, record, partitions and files
 // exactly.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <string.h>
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <sstream>
 
 #include "console.h"
 #include "files.h"

@@ -1,14 +1,6 @@
 #include "agent_world.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/msg.h>
-#include <sys/wait.h>
-
-#include <atomic>
-#include <filesystem>
-#include <utility>
 
 #include "session.h"
 

@@ -2,8 +2,6 @@
 #ifndef TESTS_SUPPORT_AGENT_WORLD_H
 #define TESTS_SUPPORT_AGENT_WORLD_H
 
-#include <optional>
-
 #include "files.h"
 #include "forgetful_storage.h"
 #include "simulated_camera.h"

@@ -1,12 +1,5 @@
 #include "console.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <span>
-
 #include "files.h"
 
 namespace {

@@ -2,9 +2,7 @@
 #ifndef TESTS_SUPPORT_CONSOLE_H
 #define TESTS_SUPPORT_CONSOLE_H
 
-#include <map>
-#include <string>
-#include <vector>
+#include "test.h"
 
 // Placeholders in the texts for values that differ between runs and package tables: words, such as
 // "pid=PID" for "pid=42", and lines, such as "@deleted", each of which stands for a list of lines.

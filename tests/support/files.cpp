@@ -1,20 +1,7 @@
 #include "files.h"
 
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/mman.h>
-
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <numeric>
-#include <random>
 #include <regex>
-#include <set>
-#include <sstream>
-#include <thread>
 
 #include "stride.h"
 

@@ -2,11 +2,8 @@
 #ifndef TESTS_SUPPORT_FILES_H
 #define TESTS_SUPPORT_FILES_H
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "base/unique_fd.h"
+#include "test.h"
 
 // Returns the content of a file; fails the test and returns "" if it cannot be read.
 std::string read_file(const std::string& path);

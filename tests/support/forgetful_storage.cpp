@@ -1,13 +1,5 @@
 #include "forgetful_storage.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <set>
-
 #include "files.h"
 
 namespace {

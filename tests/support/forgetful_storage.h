@@ -7,13 +7,7 @@
 #ifndef TESTS_SUPPORT_FORGETFUL_STORAGE_H
 #define TESTS_SUPPORT_FORGETFUL_STORAGE_H
 
-#include <stdint.h>
-
-#include <functional>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
+#include "test.h"
 
 class ForgetfulStorage {
   public:

@@ -1,12 +1,5 @@
 #include "session.h"
 
-#include <stdio.h>
-#include <string.h>
-#include <sys/msg.h>
-#include <sys/wait.h>
-
-#include <sstream>
-
 #include "files.h"
 #include "ota/ota_message.h"
 

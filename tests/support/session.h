@@ -2,10 +2,6 @@
 #ifndef TESTS_SUPPORT_SESSION_H
 #define TESTS_SUPPORT_SESSION_H
 
-#include <functional>
-#include <map>
-#include <string>
-
 #include "files.h"
 
 // Runs a shell command; returns its exit status and its lines of output, each after " / ".

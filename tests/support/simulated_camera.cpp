@@ -1,23 +1,5 @@
 #include "simulated_camera.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <string.h>
-#include <sys/ipc.h>
-#include <sys/mman.h>
-#include <sys/msg.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <map>
-#include <mutex>
-#include <sstream>
-#include <thread>
-
 #include "files.h"
 
 namespace {

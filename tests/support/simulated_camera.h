@@ -3,18 +3,12 @@
 #ifndef TESTS_SUPPORT_SIMULATED_CAMERA_H
 #define TESTS_SUPPORT_SIMULATED_CAMERA_H
 
-#include <sys/types.h>
-
-#include <memory>
-#include <span>
-#include <string>
-#include <vector>
-
 #include "base/unique_fd.h"
 #include "faults.h"
 #include "ota/ota_message.h"
 #include "ota/ota_package.h"
 #include "simulated_daemon.h"
+#include "test.h"
 
 struct Outcome {
     bool ended = false;  // true: ended by itself with status 0; false: it was killed

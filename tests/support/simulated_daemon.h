@@ -2,14 +2,12 @@
 #ifndef TESTS_SUPPORT_SIMULATED_DAEMON_H
 #define TESTS_SUPPORT_SIMULATED_DAEMON_H
 
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include "base/unique_fd.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
+#include "test.h"
 
 constexpr sockaddr_un DAEMON_ADDRESS = {AF_UNIX, "/tmp/" SYSTEM_CALL_DAEMON_SOCKET_PREFIX};
 

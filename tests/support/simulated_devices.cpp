@@ -1,14 +1,7 @@
 // For the hal_tool of the tests: adds what plain files cannot do in place of devices. Each file
 // /dev/mtd* behaves as a NOR chip. A descriptor that is left open is reported at the end.
-#include <errno.h>
 #include <mtd/mtd-user.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "faults.h"
 #include "files.h"

@@ -1,8 +1,6 @@
 #include "simulated_hawkbit.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "package/content.h"
 

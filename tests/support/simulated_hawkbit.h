@@ -6,11 +6,7 @@
 #ifndef TESTS_SUPPORT_SIMULATED_HAWKBIT_H
 #define TESTS_SUPPORT_SIMULATED_HAWKBIT_H
 
-#include <functional>
-#include <map>
-#include <mutex>
-#include <string>
-#include <vector>
+#include "test.h"
 
 struct SimulatedFile {
     std::string name;

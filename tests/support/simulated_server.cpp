@@ -2,8 +2,6 @@
 
 #include <httplib.h>
 
-#include <sstream>
-
 #include "files.h"
 
 namespace {

@@ -7,8 +7,6 @@
 #ifndef TESTS_SUPPORT_SIMULATED_SERVER_H
 #define TESTS_SUPPORT_SIMULATED_SERVER_H
 
-#include <memory>
-
 #include "simulated_hawkbit.h"
 
 class SimulatedServer : public SimulatedHawkbit {
