@@ -287,20 +287,6 @@ TEST(AgentTransport, LargestAnswersAreReadInLinearTime) {
               parse_poll(R"({"a":[)" + repeated("1,") + "1]}", poll).text);
 }
 
-TEST(AgentTransport, SignalEndsItWithinASecond) {
-    World world;
-    world.server.misbehave("file:1 cut 600000; file:2 drip");
-    EXPECT_EQ(AGENT_UNREACHABLE, world.run("file").result);
-    auto running = std::async(std::launch::async, [&] { return world.run("file").result; });
-    EXPECT_TRUE(eventually(5000, [&] { return world.server.requests().size() == 4; }));
-    world.stop = true;
-    EXPECT_EQ(std::future_status::ready, running.wait_for(std::chrono::milliseconds(1500)));
-    EXPECT_EQ(AGENT_STOPPED, running.get());
-    world.stop = false;
-    EXPECT_EQ("", world.run("file").text);
-    EXPECT_EQ(KERNEL, read_file(FOLDER + "kernel.bin"));
-}
-
 std::string do_row(std::istream& row) {
     static const std::map<std::string, std::string ServerSettings::*> SETTINGS = {
         {"ca", &ServerSettings::ca},

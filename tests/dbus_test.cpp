@@ -1,7 +1,6 @@
 // The transport and the system-call client: concurrent callers, time-outs, reconnection, and peers
 // that violate the protocol.
 
-#include "base/ignore_result.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
 #include "endpoint.h"
@@ -82,6 +81,14 @@ struct Dbus : testing::Test {
         server.reset();
         devices = {};
         EXPECT_EQ(open_descriptors(), descriptors);
+    }
+    // Replaces the server by a socket that nobody accepts from; the client connects to it.
+    corvo::UniqueFd listen_instead() {
+        system_call_exit();
+        server.reset();
+        corvo::UniqueFd listener = listening_as_daemon();
+        EXPECT_EQ(system_call_init(), DBUS_OK);
+        return listener;
     }
 
     const int descriptors = open_descriptors();
@@ -211,9 +218,7 @@ TEST_F(Dbus, ConnectionsToDyingServersAreReplacedUntilOneLives) {
 TEST_F(Dbus, ServerThatHangsUpOnEverybodyIsGivenUp) {
     system_call_exit();
     devices.hurry = 100;
-    server.reset();
-    const corvo::UniqueFd listener = listening_as_daemon();
-    ASSERT_EQ(system_call_init(), DBUS_OK);
+    const corvo::UniqueFd listener = listen_instead();
     std::thread hangsUp([&listener] {
         while (corvo::UniqueFd(accept4(listener.get(), nullptr, nullptr, 0)).valid()) {
         }
@@ -255,10 +260,7 @@ TEST_F(Dbus, RepliesThatBreakTheRulesDoNoHarm) {
 }
 
 TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
-    system_call_exit();
-    server.reset();
-    const corvo::UniqueFd listener = listening_as_daemon();
-    ASSERT_EQ(system_call_init(), DBUS_OK);
+    const corvo::UniqueFd listener = listen_instead();
     CapturedOutput output;
     const auto start = steady_clock::now();
     int32_t result = DBUS_CALL_FAILED;
@@ -271,12 +273,7 @@ TEST_F(Dbus, PeerThatDoesNotReadCostsABoundedWait) {
     EXPECT_TRUE(contains(output.take(), "disconnect with server, reconnect"));
     system_call_exit();
     devices.hurry = 1000;
-    const auto* const address = reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS);
-    corvo::UniqueFd waiting[3];  // more connections than the listener's backlog
-    for (corvo::UniqueFd& fd : waiting) {
-        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        corvo::ignore_result(connect(fd.get(), address, sizeof(DAEMON_ADDRESS)));
-    }
+    const std::vector<corvo::UniqueFd> waiting = fill_backlog();
     EXPECT_EQ(system_call_init(), DBUS_CONNECT_FAILED);
     remove(SOCKET);
 }
@@ -286,9 +283,7 @@ TEST_F(Dbus, RebootReachesABusyDaemonAsAnyCommandDoes) {
     EXPECT_TRUE(system_call_reboot(5000));
     system_call_exit();
     EXPECT_FALSE(system_call_reboot(5000));
-    server.reset();
-    const corvo::UniqueFd listener = listening_as_daemon();
-    ASSERT_EQ(system_call_init(), DBUS_OK);
+    const corvo::UniqueFd listener = listen_instead();
     g_longest_send = SIZE_MAX;
     EXPECT_TRUE(system_call_reboot(10)) << "not answered in time, but sent";
     EXPECT_EQ(system_call_reboot_unlocked(), DBUS_OK);

@@ -1,7 +1,6 @@
 // The companion programs: the real system-call daemon with the service's client, and the commands
 // of otactl.
 
-#include "base/ignore_result.h"
 #include "base/unique_fd.h"
 #include "dbus/system_call.h"
 #include "files.h"
@@ -75,12 +74,7 @@ TEST_F(SystemCallDaemon, NeitherAHangingCommandNorItsChildrenHoldItUp) {
 
 TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
     corvo::UniqueFd busy = listening_as_daemon();
-    corvo::UniqueFd waiting[3];  // more connections than the listener's backlog
-    for (corvo::UniqueFd& fd : waiting) {
-        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        corvo::ignore_result(connect(fd.get(), reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS),
-                                     sizeof(DAEMON_ADDRESS)));
-    }
+    const std::vector<corvo::UniqueFd> waiting = fill_backlog();
     EXPECT_TRUE(run("timeout 5 " SYSTEM_CALL_DAEMON).starts_with("1 ")) << "busy, but there";
     busy.reset();
     start("60000");
@@ -132,13 +126,13 @@ TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {
 // The service's queue without the service; removes the queue at the end.
 struct Otactl : testing::Test {
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
-    std::string posted(int flags) const { return posted_request(queue_, flags); }
+    std::string posted() const { return posted_request(queue_); }
 
     int queue_ = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), IPC_CREAT | 0666);
 };
 
 TEST_F(Otactl, SessionAtTheShell) {
-    expect_session("otactl.txt", "cd /run; ", [this] { return posted(IPC_NOWAIT); });
+    expect_session("otactl.txt", "cd /run; ", [this] { return posted(); });
 }
 
 TEST(HalTool, SessionAtTheShell) {
@@ -205,8 +199,13 @@ TEST_F(Otactl, FollowsToTheVerdict) {
              }
              return "";
          }},
-        {"takes", [&](Text, Text) { return posted(0).substr(3); }},
-        {"posted", [&](Text, Text) { return "posted" + posted(IPC_NOWAIT); }},
+        {"takes",
+         [&](Text, Text) {
+             std::string request;
+             eventually(20000, [&] { return !(request = posted()).empty(); });
+             return request.empty() ? "nothing" : request.substr(3);
+         }},
+        {"posted", [&](Text, Text) { return "posted" + posted(); }},
         {"unqueue", [&](Text, Text) { return msgctl(queue_, IPC_RMID, nullptr), ""; }},
         {"ends",
          [&](Text, Text) {

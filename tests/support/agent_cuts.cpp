@@ -16,21 +16,19 @@
 
 #include <atomic>
 
-#ifdef CORVO_COVERAGE
 extern "C" {
-void __gcov_dump();
-void __gcov_reset();
+void __gcov_dump() __attribute__((weak));
+void __gcov_reset() __attribute__((weak));
 }
-#endif
 
 namespace {
 
 // Saves the coverage counters, because a process that is killed does not.
 void keep_counts() {
-#ifdef CORVO_COVERAGE
-    __gcov_dump();
-    __gcov_reset();
-#endif
+    if (__gcov_dump != nullptr) {
+        __gcov_dump();
+        __gcov_reset();
+    }
 }
 
 constexpr long NS_PER_S = 1000000000;

@@ -10,16 +10,6 @@ constexpr char SLOT[] = "/run/slot";
 const std::string ROOTFS = pattern_bytes(16384, 2);
 const std::vector<std::string> FOLDERS = {STATE_FOLDER, AGENT_FOLDER};
 
-// What appears late, and how often the agent is looked at before that.
-struct Late {
-    const char* word;
-    std::string path;
-    std::string before;
-};
-const Late LATE[] = {{"late-card", AGENT_FOLDER, CARD_FOLDER + "unmounted"},
-                     {"late-partition", "/dev/block/by-name/kernel", "/dev/block/late"}};
-constexpr int APPEARS_AFTER_LOOKS = 50;
-
 std::atomic<bool> g_delays{false};  // the service's next command, for half a second
 
 // What the service has the system-call daemon run, as far as this camera has it.
@@ -54,26 +44,26 @@ msqid_ds queue_status() {
 }  // namespace
 
 SimulatedAction make_action(const std::string& kind, const std::string& id) {
-    SimulatedAction action = {.id = id, .files = {}};
-    std::vector<std::string> names = {"package.manifest", "package.manifest.sig", "kernel.bin",
-                                      "rootfs.img"};
-    if (kind == "combined") {
-        names = {"all.manifest", "all.manifest.sig", "all.pkg"};
-    } else if (kind == "unsigned") {
-        names.erase(names.begin() + 1);
-    } else if (kind == "too-little" || kind == "large") {
-        names.pop_back();
-    } else if (kind == "two-manifests") {
-        names.insert(names.end(), {"all.manifest", "all.manifest.sig"});
-    } else if (kind == "too-much") {
-        names.emplace_back("all.pkg");
-    }
+    static const std::map<std::string, std::string> NAMES = {
+        {"combined", "all.manifest all.manifest.sig all.pkg"},
+        {"unsigned", "package.manifest kernel.bin rootfs.img"},
+        {"too-little", "package.manifest package.manifest.sig kernel.bin"},
+        {"large", "package.manifest package.manifest.sig kernel.bin"},
+        {"two-manifests",
+         "package.manifest package.manifest.sig kernel.bin rootfs.img all.manifest "
+         "all.manifest.sig"},
+        {"too-much", "package.manifest package.manifest.sig kernel.bin rootfs.img all.pkg"},
+        {"", "package.manifest package.manifest.sig kernel.bin rootfs.img"}};
     const bool waits = kind == "download-only" || kind == "large" || kind == "outside-window";
-    action.update = waits ? "skip" : kind == "attempt" ? "attempt" : "forced";
-    action.window = kind == "outside-window" ? "unavailable" : "";
-    action.consent = kind == "consent";
     const bool isOther = kind == "older" || kind == "foreign" || kind == "large";
-    for (const std::string& name : names) {
+    SimulatedAction action = {.id = id,
+                              .update = waits               ? "skip"
+                                        : kind == "attempt" ? "attempt"
+                                                            : "forced",
+                              .window = kind == "outside-window" ? "unavailable" : "",
+                              .consent = kind == "consent"};
+    std::istringstream names(NAMES.at(NAMES.contains(kind) ? kind : ""));
+    for (std::string name; names >> name;) {
         action.files.push_back(
             {name, read_file("/run/packages/" + (isOther ? kind : "files") + "/" + name)});
     }
@@ -114,11 +104,6 @@ void World::restart(int lostAt) {
     }
     EXPECT_EQ(
         "0", run("sh $TEXTS/support/agent_restart.sh '" + mode_ + "' " + std::to_string(++boots_)));
-    for (const Late& late : LATE) {
-        if (is(late.word)) {
-            EXPECT_EQ(0, rename(late.path.c_str(), late.before.c_str())) << late.word;
-        }
-    }
     start_service();
 }
 
@@ -155,14 +140,8 @@ int World::live(int cutAt, bool powerGoesToo) {
     start_agent(cutAt);
     int status = 0;
     bool restarts = false;
-    int looks = 0;
     EXPECT_TRUE(eventually(30000, [&] {
         count_requests();
-        if (++looks == APPEARS_AFTER_LOOKS) {
-            for (const Late& late : LATE) {
-                rename(late.before.c_str(), late.path.c_str());
-            }
-        }
         interfere();
         if (act_ && server.requests().size() >= actAt_) {
             std::exchange(act_, nullptr)();

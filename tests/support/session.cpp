@@ -43,10 +43,10 @@ std::string do_steps(const std::string& steps, const std::map<std::string, Step>
     return printed.empty() ? "done" : printed;
 }
 
-std::string posted_request(int queue, int flags) {
+std::string posted_request(int queue) {
     OtaQueueMessage queued = {};
     OtaMessage message = {};
-    if (msgrcv(queue, &queued, sizeof(queued.text), 0, flags) != OTA_MSG_TEXT_SIZE) {
+    if (msgrcv(queue, &queued, sizeof(queued.text), 0, IPC_NOWAIT) != OTA_MSG_TEXT_SIZE) {
         return "";
     }
     memcpy(&message.packageType, queued.text, sizeof(queued.text));

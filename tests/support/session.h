@@ -21,7 +21,6 @@ using Step = std::function<std::string(const std::string& first, const std::stri
 std::string do_steps(const std::string& steps, const std::map<std::string, Step>& known);
 
 // The request that was posted to the queue, as text with " / " before it; "" when there is none.
-// `flags` as msgrcv(2) has them.
-std::string posted_request(int queue, int flags);
+std::string posted_request(int queue);
 
 #endif  // TESTS_SUPPORT_SESSION_H

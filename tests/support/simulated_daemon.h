@@ -4,6 +4,7 @@
 
 #include <sys/un.h>
 
+#include "base/ignore_result.h"
 #include "base/unique_fd.h"
 #include "dbus/dbus_socket_common.h"
 #include "dbus/system_call.h"
@@ -19,6 +20,17 @@ inline corvo::UniqueFd listening_as_daemon() {
     EXPECT_EQ(bind(listener.get(), address, sizeof(DAEMON_ADDRESS)), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
     return listener;
+}
+
+// Returns more connections to a socket that listens at the daemon's address than its backlog takes.
+inline std::vector<corvo::UniqueFd> fill_backlog() {
+    std::vector<corvo::UniqueFd> waiting(3);
+    for (corvo::UniqueFd& fd : waiting) {
+        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        corvo::ignore_result(connect(fd.get(), reinterpret_cast<const sockaddr*>(&DAEMON_ADDRESS),
+                                     sizeof(DAEMON_ADDRESS)));
+    }
+    return waiting;
 }
 
 class SimulatedDaemon {
