@@ -270,6 +270,27 @@ PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest) {
     return objections.empty() ? PackageStatus{} : std::move(objections.front());
 }
 
+PackageStatus check_content(Agent& agent, const Manifest& manifest) {
+    for (const PackageFile& file : package_files(manifest)) {
+        const std::string path = agent.package.folder.path + file.name;
+        const auto known = std::ranges::find(agent.package.checked, path, &CheckedFile::path);
+        if (known != agent.package.checked.end()) {
+            if (check_unchanged(*known).ok()) {
+                continue;
+            }
+            agent.package.checked.erase(known);
+        }
+        CheckedFile checked;
+        PackageStatus status = check_file(
+            path, file, [](uint64_t) {}, checked, Links::REFUSED);
+        if (!status.ok()) {
+            return status;
+        }
+        agent.package.checked.push_back(std::move(checked));
+    }
+    return {};
+}
+
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     std::string wrong;
     const bool fit = camera_is_fit(agent.settings.fitnessCommand, wrong);

@@ -14,4 +14,8 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
 // accepts the package. Returns PACKAGE_OK or what is wrong.
 PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest);
 
+// Reads and verifies all files, except those that this process has verified already and that have
+// not been changed since. Returns PACKAGE_OK or what is wrong.
+PackageStatus check_content(Agent& agent, const Manifest& manifest);
+
 #endif  // AGENT_FETCH_H

@@ -8,7 +8,7 @@
 #include "package/content.h"
 #include "package/files.h"
 #include "package/manifest.h"
-#include "upgrade.h"
+#include "restart.h"
 
 namespace {
 

@@ -4,26 +4,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "agent/camera_state.h"
 #include "agent/judge.h"
 #include "base/monotonic_clock.h"
 #include "fetch.h"
-#include "package/camera_rules.h"
 #include "package/modules.h"
 #include "package/outcome.h"
 #include "package/request.h"
-#include "package/version.h"
+#include "patience.h"
+#include "restart.h"
 #include "result.h"
 
 namespace {
 
-constexpr uint32_t CHECK_INTERVAL_MS = 500;
 constexpr int64_t MS_PER_S = 1000;
-// How long to wait for a service that does not run, or for the restart after a service has ended:
-// long enough for a camera that starts its services slowly.
-constexpr int64_t PATIENCE_MS = 60 * MS_PER_S;
 // While an upgrade runs, the server is polled again after this time, to answer cancellations.
 constexpr int64_t WATCH_MS = 600 * MS_PER_S;
 // How long the agent waits for another sender's request on which no service seems to work.
@@ -75,29 +70,6 @@ std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
     return camera_is_fit(agent.settings.fitnessCommand, message) ? "" : message;
 }
 
-// Reads and verifies all files, except those that this process has verified already and that have
-// not been changed since.
-PackageStatus check_content(Agent& agent, const Manifest& manifest) {
-    for (const PackageFile& file : package_files(manifest)) {
-        const std::string path = agent.package.folder.path + file.name;
-        const auto known = std::ranges::find(agent.package.checked, path, &CheckedFile::path);
-        if (known != agent.package.checked.end()) {
-            if (check_unchanged(*known).ok()) {
-                continue;
-            }
-            agent.package.checked.erase(known);
-        }
-        CheckedFile checked;
-        PackageStatus status = check_file(
-            path, file, [](uint64_t) {}, checked, Links::REFUSED);
-        if (!status.ok()) {
-            return status;
-        }
-        agent.package.checked.push_back(std::move(checked));
-    }
-    return {};
-}
-
 PackageStatus make_request(const Agent& agent, const Manifest& manifest, OtaMessage& request) {
     if (manifest.combined()) {
         return request_combined(agent.package.folder.path, manifest.package, manifest, request);
@@ -107,50 +79,6 @@ PackageStatus make_request(const Agent& agent, const Manifest& manifest, OtaMess
         modules.push_back(find_module(module.name));
     }
     return request_files(agent.package.folder.path, modules, request);
-}
-
-AgentStatus stopped() {
-    return agent_fault(AGENT_STOPPED, "");
-}
-
-// Calls `check` until it returns true, for at most PATIENCE_MS. Soon after a start of the camera
-// the service, the boot environment, a device node or the card may not be available yet. Returns
-// false when the agent is stopping; a failed check has no meaning then.
-bool wait_until(const Agent& agent, const std::function<bool()>& check) {
-    const int64_t since = corvo::monotonic_ms();
-    while (!check()) {
-        if (agent.stop) {
-            return false;
-        }
-        if (corvo::monotonic_ms() - since >= PATIENCE_MS) {
-            return true;
-        }
-        if (!wait_ms(agent, CHECK_INTERVAL_MS)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Whether the result is final. A file or device that is missing or unreadable may appear later.
-bool is_final(const PackageStatus& status) {
-    return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING;
-}
-
-// Reads the slot; it is '?' when it stays unknown. Returns as wait_until() does.
-bool wait_for_slot(const Agent& agent, char& slot) {
-    return wait_until(agent, [&slot] { return (slot = boot_slot()) != '?'; });
-}
-
-// Waits until the manifest exists. The service deletes images but never the manifest, so its
-// presence proves that the package's card is mounted. Returns as wait_until() does.
-bool wait_for_card(const Agent& agent) {
-    return wait_until(agent, [&agent] {
-        OpenFolder folder;
-        struct stat status = {};
-        return open_folder(agent.package.folder, folder).ok() &&
-               find_entry(folder, agent.action.manifestFile, status);
-    });
 }
 
 bool lacks_files(const Agent& agent) {
@@ -281,85 +209,6 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     return post(agent);
 }
 
-// Compares the running version and the partitions with the manifest, as far as the settings ask for
-// it. Returns PACKAGE_OK when they agree.
-PackageStatus find_mismatch(const Agent& agent, const Manifest& manifest) {
-    if (!agent.settings.versionFile.empty()) {
-        std::string version;
-        PackageStatus read = read_running_version(agent.settings.versionFile, version);
-        if (read.ok() && !std::is_eq(compare_versions(version, manifest.version))) {
-            read = package_fault(PACKAGE_DIFFERENT,
-                                 "version " + version + " instead of " + manifest.version);
-        }
-        if (!read.ok()) {
-            return read;
-        }
-    }
-    return agent.settings.checkPartitions ? check_partitions(manifest) : PackageStatus{};
-}
-
-// Calls find_mismatch() until its result is final. `wrong` becomes the mismatch, or empty. Returns
-// as wait_until() does.
-bool wait_for_mismatch(const Agent& agent, const Manifest& manifest, std::string& wrong) {
-    return wait_until(agent, [&] {
-        const PackageStatus found = find_mismatch(agent, manifest);
-        wrong = found.text;
-        return is_final(found);
-    });
-}
-
-AgentStatus judge_restart(Agent& agent) {
-    Manifest manifest;
-    const PackageStatus parsed = parse_manifest(agent.action.manifest, manifest);
-    if (!parsed.ok()) {
-        return finish_action(agent, false, parsed.text);
-    }
-    log_action(agent, "the camera has restarted, checking the running system");
-    StateAfterRestart state = {.record = outcome_record(),
-                               .recordBefore = agent.action.recordBefore,
-                               .slot = '?',
-                               .slotBefore = agent.action.slotBefore,
-                               .packageComplete = false,
-                               .partitionsRead = false,
-                               .mismatch = "",
-                               .attempts = agent.action.attempts};
-    if (!wait_for_slot(agent, state.slot)) {
-        return stopped();
-    }
-    if (slot_was_switched(state.slot, state.slotBefore)) {
-        state.partitionsRead = agent.settings.checkPartitions;
-        if (!wait_for_mismatch(agent, manifest, state.mismatch)) {
-            return stopped();
-        }
-    } else {
-        if (!wait_for_card(agent)) {
-            return stopped();
-        }
-        state.packageComplete = check_content(agent, manifest).ok();
-    }
-    std::string message;
-    // A package on a card that is not mounted is not a failure. If a complete package would lead to
-    // another request, the agent waits for the card.
-    StateAfterRestart withCard = state;
-    withCard.packageComplete = true;
-    if (judge(withCard, message) == Judgement::AGAIN && waits_for_card(agent)) {
-        return {};
-    }
-    switch (judge(state, message)) {
-        case Judgement::SUCCESS:
-            return finish_action(agent, true, message);
-        case Judgement::FAILURE:
-            return finish_action(agent, false, message);
-        case Judgement::AGAIN:
-            break;
-    }
-    // start_upgrade() checks again whether the upgrade may start. The server gets no status here,
-    // because a server that does not answer must not delay the request.
-    log_action(agent, message + "; the request is repeated");
-    agent.action.stage = ACTION_WAITING;
-    return store(agent);
-}
-
 }  // namespace
 
 AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
@@ -457,24 +306,4 @@ AgentStatus follow_upgrade(Agent& agent) {
         }
     }
     return watch_upgrade(agent);
-}
-
-AgentStatus recheck_success(Agent& agent) {
-    Manifest manifest;
-    std::string wrong = parse_manifest(agent.action.manifest, manifest).text;
-    if (wrong.empty()) {
-        char slot = '?';
-        if (!wait_for_slot(agent, slot)) {
-            return stopped();
-        }
-        wrong = slot == agent.action.slotBefore ? "the slot was switched back" : "";
-    }
-    if (wrong.empty() && !wait_for_mismatch(agent, manifest, wrong)) {
-        return stopped();
-    }
-    if (wrong.empty()) {
-        return {};
-    }
-    return finish_action(agent, false,
-                         "the upgrade succeeded, but another system runs now: " + wrong);
 }

@@ -1,5 +1,4 @@
-// ACTION_WAITING to ACTION_RESULT: posts the request, follows the upgrade and determines the
-// result.
+// ACTION_WAITING to ACTION_RESULT: posts the request and follows the upgrade.
 #ifndef AGENT_UPGRADE_H
 #define AGENT_UPGRADE_H
 
@@ -15,10 +14,5 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer);
 // nothing was decided. Returns AGENT_OK, with one of these stages, ACTION_WAITING or ACTION_RESULT;
 // AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus follow_upgrade(Agent& agent);
-
-// For a success that was found before the last restart of the camera: checks that the new system
-// still runs. If not, the result becomes a failure. Returns AGENT_OK, AGENT_STORAGE or
-// AGENT_STOPPED.
-AgentStatus recheck_success(Agent& agent);
 
 #endif  // AGENT_UPGRADE_H

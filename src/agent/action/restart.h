@@ -1,0 +1,17 @@
+// The step after a restart of the camera: finds out which system runs.
+#ifndef AGENT_RESTART_H
+#define AGENT_RESTART_H
+
+#include "agent/agent.h"
+
+// Determines the result of an upgrade after the restart. The stage becomes ACTION_RESULT, or
+// ACTION_WAITING when nothing was decided and another request follows; it does not change while the
+// agent waits for the card. Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
+AgentStatus judge_restart(Agent& agent);
+
+// For a success that was found before the last restart of the camera: checks that the new system
+// still runs. If not, the result becomes a failure. Returns AGENT_OK, AGENT_STORAGE or
+// AGENT_STOPPED.
+AgentStatus recheck_success(Agent& agent);
+
+#endif  // AGENT_RESTART_H
