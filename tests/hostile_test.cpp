@@ -2,6 +2,7 @@
 
 #include "files.h"
 #include "ota/ota_data.h"
+#include "ota/ota_message.h"
 #include "otactl/log_stream.h"
 #include "simulated_camera.h"
 
@@ -67,11 +68,12 @@ TEST_F(Hostile, FloodedQueueDelaysNothing) {
 TEST_F(Hostile, MessageTooLongForARequestIsNotTaken) {
     struct {
         long mtype = 1;
-        char text[521] = {};
+        char text[OTA_MSG_TEXT_SIZE + 1] = {};
     } tooLong;
     ASSERT_EQ(msgsnd(Camera::queue(), &tooLong, sizeof(tooLong.text), 0), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    ASSERT_EQ(msgrcv(Camera::queue(), &tooLong, sizeof(tooLong.text), 0, 0), 521);
+    ASSERT_EQ(msgrcv(Camera::queue(), &tooLong, sizeof(tooLong.text), 0, 0),
+              ssize_t{sizeof(tooLong.text)});
     msqid_ds status = {};
     EXPECT_EQ(msgctl(Camera::queue(), IPC_STAT, &status), 0);
     EXPECT_EQ(status.msg_perm.mode, 0666) << "others post";
