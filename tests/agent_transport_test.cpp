@@ -143,7 +143,7 @@ std::string asked(const SimulatedServer& server, const std::string& step) {
     return text;
 }
 
-// What is left of a download: names, of which kernel.bin is whole.
+// Returns the names of the files that a download left. kernel.bin alone must be the complete file.
 std::string names_left() {
     std::string left = names_in(FOLDER);
     EXPECT_TRUE(left != " kernel.bin" || read_file(FOLDER + "kernel.bin") == KERNEL);

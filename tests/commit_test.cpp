@@ -319,7 +319,7 @@ TEST(Trial, EndsAsItDeserves) {
     });
 }
 
-// The result of a whole upgrade, from the arming to the last decision, whatever the power cuts.
+// Checks the result of a whole upgrade, from the arming to the last decision, after any power cuts.
 void expect_whole_result(SimulatedCamera& camera, size_t cuts) {
     EXPECT_TRUE(camera.start_to_the_end()) << camera.log;
     EXPECT_EQ("committed", camera.state()) << camera.log;

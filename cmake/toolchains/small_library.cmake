@@ -24,5 +24,5 @@ set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static)
 include(${CMAKE_CURRENT_LIST_DIR}/sysroot_only.cmake)
 set(ENV{PKG_CONFIG_LIBDIR} ${CORVO_SYSROOT}/root/usr/lib/pkgconfig)
 # The manufacturer's platform library is a shared library, which a static program cannot use. It is
-# linked with the static replacement in platform/ instead.
+# linked with the static replacement in sim/platform_library instead.
 set(CORVO_PLATFORM_TYPE STATIC)

@@ -36,7 +36,8 @@ uint32_t random_number() {
     return number;
 }
 
-// Reports an error once, and once its end, not with every poll. `reported` is the last error.
+// Prints an error when it begins and again when it has ended, not with every poll. `reported` is
+// the last error that was printed.
 void report_error(const AgentStatus& status, std::string& reported) {
     const std::string text = status.result == AGENT_STOPPED ? "" : status.text;
     if (text != reported) {

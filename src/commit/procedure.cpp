@@ -11,8 +11,8 @@ namespace {
 constexpr int64_t MS_PER_S = 1000;
 // A command that starts just before the deadline gets this time.
 constexpr int64_t LIMIT_MIN_MS = 1000;
-// An orderly end counts as at least this part of the deadline, so that a system which restarts
-// itself again and again comes to the end of its trial.
+// A start that ends in an orderly way uses up at least this much of the deadline. Otherwise the
+// trial of a system that restarts itself again and again would never end.
 constexpr uint32_t ELAPSED_MIN_S = 5;
 
 void report(const CommitPlatform& platform, const std::string& line) {
@@ -257,7 +257,7 @@ int try_system(const CommitPlatform& platform, const TrialSettings& settings,
 int finish(const CommitPlatform& platform, const Observation& seen, TrialRecord record) {
     record.phase = Phase::COMMITTED;
     record.committed = seen.running;
-    // This system needs no trial, and the boot loader would count its starts.
+    // The trial has ended. With these variables the boot loader no longer counts the starts.
     const std::string slot(1, seen.running);
     const BootValue values[] = {
         {BOOTSYSTEM, slot.c_str()}, {UPGRADE_AVAILABLE, "0"}, {BOOTCOUNT, "0"}};

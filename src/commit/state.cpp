@@ -83,8 +83,9 @@ uint8_t selection(const Observation& seen) {
                                       : SELECTED_OTHER;
 }
 
-// rolled_back stays in the environment, which a committed system does not write. So it is news only
-// until the failure of that slot is recorded.
+// Whether the boot loader has returned from the other slot and that is not recorded yet. Its
+// variable rolled_back proves that only until then: a committed system does not write to the
+// environment, so the variable keeps its value.
 bool is_fallback(const Observation& seen) {
     const TrialRecord& record = seen.record;
     const char failed = slot_in(seen.environment.values[ROLLED_BACK]);

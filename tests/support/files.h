@@ -17,7 +17,7 @@ std::string names_in(const std::string& folder);
 // Returns `size` pseudo-random bytes; they are the same for the same seed.
 std::string pattern_bytes(size_t size, unsigned seed);
 
-// Returns the errno with this name; 0 if there is none.
+// Returns the errno with this name; 0 for an unknown name.
 int error_number(const std::string& name);
 
 // Checks every 10 ms, for at most `patienceMs`, until the condition is true; returns whether it is.

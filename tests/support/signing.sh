@@ -82,7 +82,7 @@ as() { # NAME [ARGUMENT...]
         -certfile $pki/authority.pem -outform DER -out package.manifest.sig "$@"
 }
 
-# What a camera with this time makes of the package.
+# Checks the package as a camera whose clock shows this date.
 at() { # DATE ARGUMENTS OF verify...
     seconds=$(date -d "$1" +%s)
     shift

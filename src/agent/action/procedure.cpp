@@ -233,7 +233,8 @@ AgentStatus read_offer(Agent& agent, const std::string& href, DdiAction& offer, 
         return {};
     }
     AgentStatus status = get_offer(agent, href, offer);
-    // With a stored success or known files, an unreadable answer counts as a failed request.
+    // An action that has succeeded, or whose files are known, must not fail because of an
+    // unreadable answer: that is only a failed request.
     const bool isKnown = hasResult ? agent.action.succeeded : !agent.action.files.empty();
     if (status.result == AGENT_GONE || (status.result == AGENT_MALFORMED && !isKnown)) {
         found = status.result == AGENT_GONE ? OFFER_GONE : OFFER_UNREADABLE;

@@ -57,7 +57,7 @@ struct RecordStorage {
 
 using StoredRecord = std::array<char, STORED_RECORD_SIZE>;
 
-// The bytes of a copy. Generations are compared modulo 2^32.
+// Returns the record as the bytes of a copy. Generations are compared modulo 2^32.
 StoredRecord encode_record(const TrialRecord& record, uint32_t generation);
 
 // Returns whether the bytes are a complete copy, of this version or of a later one.

@@ -68,7 +68,8 @@ uint8_t Corvo_GetLogOutputForceInit();
 void Corvo_SetLogCentorWorkingFlag(uint8_t flag);
 bool Corvo_GetLogCentorWorkingFlag();
 
-// A hook that receives key events in addition to standard output. It ignores the line. Returns 0.
+// Receives the key events in addition to standard output. No program of this camera needs them, so
+// the line is ignored. Returns 0.
 int32_t Corvo_LogAuxSink(uint32_t level, const char* line, uint32_t length);
 
 // Writes the local time as MMDDhhmmss.mmm, 14 characters and a NUL, to buf. capacity is the size of
