@@ -165,6 +165,16 @@ TEST(Slots, NoNameLeadsToACopyOfTheRunningSlot) {
     }
 }
 
+// The stand-in of a boot loader, on which simulated cameras and the emulated board rely.
+TEST(BootLoader, CountsStartsOfATrialAndFallsBack) {
+    if (run("command -v fw_setenv")[0] != '0') {
+        GTEST_SKIP() << "no tools for a boot environment here";
+    }
+    expect_session(
+        "boot_loader.txt", "shell=\"busybox ash\"; boots ", [] { return ""; },
+        Rows::ARE_INDEPENDENT);
+}
+
 // The test publishes the log lines of the service, see cases/follow.txt.
 TEST_F(Otactl, FollowsToTheVerdict) {
     using Text = const std::string&;

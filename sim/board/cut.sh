@@ -4,7 +4,8 @@
 #   1  the record says "succeeded" only if the first image was not begun, or all are written and verified
 #   2  package files are deleted only after the record says "succeeded"
 #   3  the boot slot is switched only after the record says "succeeded"
-#   4  partitions that are not in the request are unchanged
+#   4  partitions that are not in the request are unchanged, and so are the copies of the running slot. With
+#      two copies the board always starts: the boot loader's stand-in finds a whole system
 #   5  the record's other keys have their old values, or the file is short because the power cut
 #      interrupted its rewrite
 #   6  if the success verdict was not recorded yet, sending the same request again ends in success
@@ -90,7 +91,7 @@ stage_of() { # FILE; prints the stage according to the last line of the service'
 images_on_card() { # prints how many of the requested partitions contain their images
     local i count=0
     for i in "${!sent_modules[@]}"; do
-        ! holds_image "$folder/card.img" "${sent_modules[$i]}" "$made/images/${sent_files[$i]}" ||
+        ! holds_image "$folder/card.img" "$(target_of "${sent_modules[$i]}" B)" "$made/images/${sent_files[$i]}" ||
             count=$((count + 1))
     done
     echo $count
@@ -98,8 +99,8 @@ images_on_card() { # prints how many of the requested partitions contain their i
 
 check_untouched() {
     local name
-    for name in "${modules[@]}" nv_user nv_factory rec_data misc; do
-        [[ " ${sent_modules[*]} " != *" $name "* ]] || continue
+    for name in $(for name in "${modules[@]}"; do copies_of "$name"; done) nv_user nv_factory rec_data misc; do
+        [[ " $targets " != *" $name "* ]] || continue
         same_as_before "$folder/card.img" $name || broken "4: $name differs"
     done
 }
@@ -148,6 +149,7 @@ one_cut() {
     images=$(images_on_card)
     check_untouched
     boot again || broken "the board does not start again"
+    ! grep -qa 'no slot can be started' "$console" || broken "4: no slot contains a whole system"
     record=$(state_of record) slot=$(state_of slot) files=$(state_of package)
     check_after_cut "$record" "$slot" "$files" "$images" $begun
     if [ "$record" != $verdict ]; then
@@ -163,7 +165,8 @@ one_cut() {
 
 run_cuts() {
     local cut wrong again=0 short=0 passed=0 failed=0 upgrade_ms first_written last_written
-    local requested=${#sent_modules[@]} last_verified all_files
+    local requested=${#sent_modules[@]} last_verified all_files targets
+    targets=$(for name in "${sent_modules[@]}"; do target_of "$name" B; done | paste -s -d ' ')
     last_verified="partition: ${sent_modules[-1]} read verify success"
     printf -v all_files '%s ' "${sent_files[@]}"
     RANDOM=$seed

@@ -1,11 +1,14 @@
 # Creates the files that the board boots from: kernel, device tree, initramfs, card and NOR chip. Files
 # for all runs are below $work, files of one run below $made. Sourced by scripts/board.
 
+doubled=()      # the rows whose partitions have two copies, NAME_a and NAME_b
 modules=()      # the rows of the package table, in table order; the card has a partition for each
 sent_modules=() # the rows in the board's first request
 sent_files=()   # the image files of these
 # Rows that are not in the first request: uboot and dtb are in the second one, the others in none.
 not_sent=" spl uboot dtb ota_package "
+# Rows whose partitions have one copy on every board.
+once=" spl uboot ota_package "
 # Other programs of the board. Their libraries are in these packages or in the sysroot.
 board_packages=(busybox-static nanomsg-utils libubootenv-tool libubootenv0.1)
 
@@ -13,6 +16,7 @@ read_modules() {
     local name file
     while read -r _ name file _; do
         modules+=("$name")
+        [ $copies = one ] || [[ $once == *" $name "* ]] || doubled+=("$name")
         [[ $not_sent != *" $name "* ]] || continue
         sent_modules+=("$name")
         sent_files+=("$file")
@@ -111,8 +115,13 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
     cp -L build/sysroot/glibc/root/lib/ld-linux-armhf.so.3 "$root/lib/"
-    copy_libraries "$root" "$root"/bin/{fw_printenv,nanocat} "$root"/usr/*bin/*
-    cp "$parts/init" "$parts/probe" "$root/"
+    copy_libraries "$root" "$root"/bin/{fw_printenv,nanocat} $(find "$root"/usr/*bin -type f ! -name corvo_slots)
+    cp "$parts/init" "$parts/probe" "$parts/../boot_loader" "$root/"
+    if [ ${#doubled[@]} -gt 0 ]; then
+        mkdir -p "$root/etc/corvo"
+        printf '%s\n' "doubled = ${doubled[*]}" 'slot-from = command-line' 'word-a = bootsystem=A' \
+            'word-b = bootsystem=B' > "$root/etc/corvo/slots.conf"
+    fi
     cp "$parts/S99checkboot" "$root/etc/init.d/"
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
@@ -133,22 +142,36 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
     (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/initramfs.gz"
 }
 
-# Random content. The sizes are not multiples of any block size, so that a lost tail is detected.
+# Makes an image of random bytes that the stand-in of the boot loader accepts (sim/boot_loader).
+make_image() { # VERSION SIZE; on standard output
+    local rest=$made/rest head
+    # The line has a fixed length, so it is known in advance.
+    head -c $(($2 - ${#1} - 77)) /dev/urandom > "$rest"
+    head=$(printf '%s %10d %s' "$1" "$(stat -c %s "$rest")" "$(sha256sum < "$rest" | cut -c 1-64)")
+    echo "$head" | cat - "$rest"
+}
+
+# The sizes are not multiples of any block size, so that a lost tail is detected.
 make_images() {
     local folder=$made/images file size=150007
     rm -rf "$folder"
     mkdir -p "$folder"
     for file in "${sent_files[@]}"; do
-        head -c $size /dev/urandom > "$folder/$file"
+        make_image 2.0 $size > "$folder/$file"
         size=$((size % 300000 + 50001))
     done
     head -c 200003 /dev/urandom > "$made/uboot.bin"
-    head -c 65537 /dev/urandom > "$made/dtb.bin"
-    head -c 310009 /dev/urandom > "$made/system2.img"
+    make_image 2.1 65537 > "$made/dtb.bin"
+    make_image 2.1 310009 > "$made/system2.img"
     # The combined package of the second upgrade.
     qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl pack \
         --output "$folder/camera.pkg" --manifest "$folder/camera.manifest" \
         uboot="$made/uboot.bin" dtb="$made/dtb.bin" system="$made/system2.img" > /dev/null
+}
+
+# Prints the partitions of a row of the package table; an upgrade of slot A writes to the last one.
+copies_of() { # ROW
+    if [[ " ${doubled[*]} " == *" $1 "* ]]; then echo "$1_a $1_b"; else echo "$1"; fi
 }
 
 partitions=$parts/partitions
@@ -157,7 +180,7 @@ card_partitions() { # prints one line "NAME KIB" for each partition
     while read -r name size; do
         case $name in
             \#*) ;;
-            modules) printf "%s $size\n" "${modules[@]}" ;;
+            modules) for name in "${modules[@]}"; do printf "%s $size\n" $(copies_of "$name"); done ;;
             *) echo "$name $size" ;;
         esac
     done < "$partitions"
@@ -180,8 +203,13 @@ make_card() { # SIZE FOLDER; SIZE is a power of two, FOLDER has the content of t
             END { print name, first * 512, sectors * 512 }'
     done > "$made/layout"
     # Fill each partition with random data, so that lost data is detected.
-    for name in "${modules[@]}" nv_user nv_factory rec_data misc; do
+    for name in $(for name in "${modules[@]}"; do copies_of "$name"; done) nv_user nv_factory rec_data misc; do
         head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
+    done
+    # Both slots contain a whole system, because a package need not contain all of it.
+    for name in "${doubled[@]}"; do
+        make_image 1.0 "$(bytes_of "${name}_a")" | put_partition "$card" "${name}_a"
+        make_image 1.0 "$(bytes_of "${name}_b")" | put_partition "$card" "${name}_b"
     done
     put_partition "$card" nv_factory < "$made/factory_data"
     make_file_system config "$made/config"

@@ -55,7 +55,8 @@ class Judge:
         self.wrong: list[str] = []
 
     def remember(self, camera: Camera) -> None:
-        self.before[camera.name] = {name: camera.digest(name) for name in IMAGES}
+        self.before[camera.name] = {partition: camera.digest(partition)
+                                    for name in IMAGES for partition in camera.copies(name)}
 
     def row(self, camera: Camera, end: End) -> str:
         """Returns a line of the table; adds each difference to the list `wrong` too."""
@@ -76,11 +77,14 @@ class Judge:
         ]
         shown = []
         for name, (image, size) in self.images.items():
-            whole = camera.digest(name)
-            same = (camera.digest(name, size) == image) if end.written else (
-                whole == self.before[camera.name][name])
-            checks.append((f"partition {name}", same, whole[:16]))
-            shown.append(f"{name} {camera.digest(name, size)[:8]}"
+            *kept, written = camera.copies(name)
+            whole = camera.digest(written)
+            same = (camera.digest(written, size) == image) if end.written else (
+                whole == self.before[camera.name][written])
+            checks.append((f"partition {written}", same, whole[:16]))
+            checks += [(f"partition {copy} of the slot that ran before", digest == self.before[camera.name][copy], digest)
+                       for copy in kept for digest in [camera.digest(copy)]]
+            shown.append(f"{written} {camera.digest(written, size)[:8]}"
                          f"{' image' if end.written and same else ' as before' if same else ' ?'}")
         bad = [f"{camera.name}: {what} is {got}" for what, right, got in checks if not right]
         self.wrong += bad

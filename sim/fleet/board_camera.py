@@ -11,6 +11,7 @@ from server import HOST
 
 HOST_FROM_BOARD = "10.0.2.2"  # address of the host's loopback in the emulator's network
 CARD_KIB = 24576  # size of the memory card, enough for the package
+ONCE = ("spl", "uboot", "ota_package")  # modules whose partitions have one copy on every board
 OTHER_KIB = 128  # size of partitions that are not in the package
 
 
@@ -23,11 +24,14 @@ class BoardCamera(Camera):
         modules = [line.split()[1] for line in subprocess.run(
             [self.programs / "otactl", "modules"], check=True, capture_output=True,
             text=True).stdout.splitlines()]
+        if self.doubled:
+            self.doubled = [name for name in modules if name not in ONCE]
         # The partitions of the other boards in the same order, but large enough for this package.
         rows: dict[str, int] = {}
         for line in (self.scripts.parent / "sim/board/partitions").read_text().splitlines():
             if line.startswith("modules "):
-                rows |= {name: sizes.get(name, OTHER_KIB * 1024) // 1024 for name in modules}
+                rows |= {copy: sizes.get(name, OTHER_KIB * 1024) // 1024
+                         for name in modules for copy in self.copies(name)}
             elif not line.startswith("#"):
                 name, kib = line.split()
                 rows[name] = CARD_KIB if name == "media" else int(kib)
@@ -49,7 +53,7 @@ class BoardCamera(Camera):
             raise OSError("the board cannot be made")
 
     def command(self, act: str = "run") -> list:
-        return [self.scripts / "board", "camera", self.folder, act]
+        return [self.scripts / "board", "camera", self.folder, act, *([] if self.doubled else ["--one-copy"])]
 
     def digest(self, partition: str, size: int | None = None) -> str:
         rows = (line.split() for line in (self.folder / "made/layout").read_text().splitlines())

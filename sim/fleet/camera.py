@@ -8,10 +8,12 @@ import shutil
 import subprocess
 import time
 import uuid
+from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import ClassVar
 
+from package import make_image
 from server import DIES_WITH_PARENT
 
 STARTS_MAX = 30
@@ -57,6 +59,7 @@ class Camera:
     programs: Path
     group: int = 0
     small: bool = False  # a partition is too small for its image
+    doubled: Iterable[str] = ()  # the partitions that have two copies, one for each slot
     action: str = ""
     stage: str = "off"
     percent: int | None = None
@@ -69,11 +72,17 @@ class Camera:
 
     def make(self, sizes: dict[str, int], settings: dict[str, str]) -> None:
         """Creates the camera. `sizes`: size of each partition in bytes; they get random content, so that lost
-        data is detected."""
+        data is detected. Of two copies, that of slot A gets a whole image of the old version."""
         for part in ("config", "card/ota", "flash"):
             (self.folder / part).mkdir(parents=True)
         for name, size in sizes.items():
-            (self.folder / "flash" / name).write_bytes(os.urandom(size))
+            for partition in self.copies(name):
+                image = make_image(OLD_VERSION, size) if partition == f"{name}_a" else os.urandom(size)
+                (self.folder / "flash" / partition).write_bytes(image)
+        if self.doubled:
+            (self.folder / "slots.conf").write_text(
+                f"doubled = {' '.join(self.doubled)}\nslot-from = command-line\n"
+                "word-a = bootsystem=A\nword-b = bootsystem=B\n")
         (self.folder / "flash/nv_factory").write_bytes(bytes(PLATFORM_FACTORY_BYTES))
         (self.folder / "version").write_text(f"{OLD_VERSION}\n")
         (self.folder / "started_slot").write_text("A\n")
@@ -83,6 +92,11 @@ class Camera:
         (self.folder / "agent.conf").write_text(
             "".join(f"{name} = {value}\n" for name, value in settings.items()))
         self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
+
+    def copies(self, name: str) -> list[str]:
+        """Returns the partitions that a name of the package table stands for; the one that the first upgrade
+        writes is the last."""
+        return [f"{name}_a", f"{name}_b"] if name in self.doubled else [name]
 
     def command(self, *more: str) -> list:
         return [self.scripts / "private_root", self.scripts.parent / "sim/fleet/camera", self.folder,

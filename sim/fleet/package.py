@@ -1,5 +1,6 @@
-"""The package of a rollout: images of random bytes and a signed manifest. The first line of the root file
-system's image is its version."""
+"""The package of a rollout: images of random bytes and a signed manifest. The first line of an image is its
+version, and the size and SHA-256 of the rest, which the stand-in of the boot loader checks (sim/boot_loader)."""
+import hashlib
 import os
 import subprocess
 from pathlib import Path
@@ -11,6 +12,13 @@ NEW_VERSION = "2.0"
 IMAGES = {"kernel": 1000 * KIB + 7, "rootfs": 3000 * KIB + 11, "system": 2000 * KIB + 13}
 PARTITIONS = {name: size + 100 * KIB for name, size in IMAGES.items()}
 TOO_SMALL = {**PARTITIONS, "rootfs": IMAGES["rootfs"] - 512}
+
+
+def make_image(version: str, size: int) -> bytes:
+    """Returns an image of this size in bytes, at least 100."""
+    # The digest has a fixed length, and sizes are padded, so the length of the line is known in advance.
+    rest = os.urandom(size - len(f"{version} {size:>10} {'':64}\n"))
+    return f"{version} {len(rest):>10} {hashlib.sha256(rest).hexdigest()}\n".encode() + rest
 
 
 class Package:
@@ -30,8 +38,7 @@ class Package:
             [self.programs / "otactl", "modules"], check=True, capture_output=True,
             text=True).stdout.splitlines())
         for partition, size in IMAGES.items():
-            head = f"{NEW_VERSION}\n".encode()
-            (self.folder / names[partition]).write_bytes(head + os.urandom(size - len(head)))
+            (self.folder / names[partition]).write_bytes(make_image(NEW_VERSION, size))
         subprocess.run([self.programs / "otactl", "pack", "files", "--dir", self.folder,
                         "--compatible", COMPATIBLE, "--version", NEW_VERSION,
                         "--key", self.keys / "signer.key", "--certificate",

@@ -15,7 +15,7 @@ from board_camera import BoardCamera
 from camera import Camera
 from certificates import Authority
 from management import Management, Refused
-from package import COMPATIBLE, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
+from package import COMPATIBLE, IMAGES, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
 from server import Proxy, Server
 from table import Table
 
@@ -143,6 +143,7 @@ class Fleet:
         if self.options.board:
             self.choose_board()
         for camera in self.cameras:
+            camera.doubled = () if self.options.one_copy else tuple(IMAGES)
             camera.make(TOO_SMALL if camera.small else PARTITIONS, self.settings(camera.name))
             self.judge.remember(camera)
 
@@ -325,7 +326,7 @@ def main() -> int:
     arguments = argparse.ArgumentParser()
     for name in ("work", "programs", "jar", "nginx", "ca"):
         arguments.add_argument(f"--{name}", type=Path)
-    for name in ("bad", "board", "cut", "certificates", "serve"):
+    for name in ("bad", "board", "cut", "certificates", "one-copy", "serve"):
         arguments.add_argument(f"--{name}", action="store_true")
     for name in ("server", "user"):
         arguments.add_argument(f"--{name}", default="")

@@ -137,6 +137,31 @@ mount_root() { # COPY
     mknod /run/slots/$1 b ${number%:*} ${number#*:}
 }
 
+# Runs a row of cases/boot_loader.txt on a camera with two copies of kernel and rootfs, whole systems 1.0 in slot A
+# and 2.0 in slot B: the command of the row, then the boot loader. Prints its output, its exit status, and the
+# variables of the boot environment afterwards.
+boots() { # COMMAND
+    rm -rf /dev/block
+    mkdir -p /dev/block/by-name
+    for name in kernel rootfs; do
+        echo "1.0 5 $(printf %s "$name" | head -c 5 | sha256sum | cut -c 1-64)" > /dev/block/by-name/${name}_a
+        sed s/1.0/2.0/ /dev/block/by-name/${name}_a > /dev/block/by-name/${name}_b
+        echo $name | tee -a /dev/block/by-name/${name}_a >> /dev/block/by-name/${name}_b
+    done
+    printf '/run/environment 0x0 0x1000\n/run/environment 0x1000 0x1000\n' > /etc/fw_env.config
+    head -c 8192 /dev/zero > /run/environment
+    echo bootsystem=A > /run/initial
+    fw_setenv -f /run/initial bootsystem A 2> /dev/null
+    look=
+    eval "$1"
+    $shell "$TEXTS/../sim/boot_loader" $look kernel rootfs
+    echo $?
+    fw_printenv
+}
+variables() { printf '%s\n' "$@" | fw_setenv -s -; } # NAME=VALUE...
+on_trial() { variables bootsystem=B upgrade_available=1 bootcount=$1 bootlimit=3 boot_loader_saved=1; }
+tear() { for name; do printf x | dd of=/dev/block/by-name/$name bs=1 seek=75 conv=notrunc 2> /dev/null; done; }
+
 # Called before each row of cases/agent_camera.txt: ends the earlier process and removes the pid file.
 camera() {
     cd /run
