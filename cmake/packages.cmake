@@ -1,6 +1,6 @@
 # Debian packages, built by scripts/package: corvo-upgrade (the service, its daemon and their units),
-# corvo-upgrade-tools, corvo-upgrade-bringup, corvo-agent if the agent is built, and, without a
-# manufacturer's library, corvo-platform-simulated.
+# corvo-upgrade-tools, corvo-upgrade-bringup, corvo-commit, corvo-agent if the agent is built, and,
+# without a manufacturer's library, corvo-platform-simulated.
 if(NOT CORVO_BUILD_TOOLS)
   return()
 endif()
@@ -8,8 +8,9 @@ endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
-set(CPACK_COMPONENTS_ALL service systemd debian_base tools debian_tools bringup debian_bringup)
-set(groups base tools bringup)
+set(CPACK_COMPONENTS_ALL service systemd debian_base tools debian_tools bringup debian_bringup
+                         commit commit_systemd debian_commit)
+set(groups base tools bringup commit)
 if(NOT CORVO_PLATFORM_LIBRARY)
   list(APPEND CPACK_COMPONENTS_ALL simulated debian_simulated)
   list(APPEND groups simulated)
@@ -61,6 +62,15 @@ on cameras, whose manufacturer provides the real library.")
 # Up to this version corvo-upgrade contained the library.
 set(CPACK_DEBIAN_SIMULATED_PACKAGE_PACKAGE_REPLACES "corvo-upgrade (<< 0.0.3)")
 set(CPACK_DEBIAN_SIMULATED_PACKAGE_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/simulated/triggers)
+set(CPACK_DEBIAN_COMMIT_PACKAGE_PACKAGE_NAME corvo-commit)
+set(CPACK_DEBIAN_COMMIT_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - trials
+corvo_commit decides at each start whether a new system stays: it commits the
+system of the running slot when that is healthy, and otherwise returns to the
+other slot. Comes with the script that switches slots in a U-Boot environment.")
+set(CPACK_DEBIAN_COMMIT_PACKAGE_PACKAGE_DEPENDS "libubootenv-tool, systemd")
+set(commit_scripts ${PROJECT_SOURCE_DIR}/packaging/debian/commit)
+set(CPACK_DEBIAN_COMMIT_PACKAGE_PACKAGE_CONTROL_EXTRA ${commit_scripts}/postinst ${commit_scripts}/prerm
+                                                      ${commit_scripts}/postrm)
 set(CPACK_DEBIAN_AGENT_PACKAGE_PACKAGE_NAME corvo-agent)
 set(CPACK_DEBIAN_AGENT_PACKAGE_DESCRIPTION "firmware upgrade service of the Corvo camera - fleets
 corvo_agent polls an update server (Eclipse hawkBit), downloads what it offers
@@ -97,6 +107,8 @@ install(FILES ${CORVO_DEBIAN_PAPERS}/otactl.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT debian_tools EXCLUDE_FROM_ALL)
 install(FILES ${CORVO_DEBIAN_PAPERS}/hal_tool.8.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_bringup EXCLUDE_FROM_ALL)
+install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_commit.8.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT debian_commit EXCLUDE_FROM_ALL)
 if(TARGET corvo_agent)
   install(FILES ${CORVO_DEBIAN_PAPERS}/corvo_agent.8.gz ${CORVO_DEBIAN_PAPERS}/corvo_agent_sleeper.8.gz
                 ${CORVO_DEBIAN_PAPERS}/corvo_agent_prepare.8.gz
@@ -111,6 +123,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/simulated/lintian-overrides
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/otactl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME otactl
         COMPONENT debian_tools EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/otactl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME corvo_commit
+        COMPONENT debian_commit EXCLUDE_FROM_ALL)
 
 include(CPack)
 foreach(group IN LISTS groups)
@@ -124,6 +139,8 @@ cpack_add_component(bringup GROUP bringup_package)
 if(NOT CORVO_PLATFORM_LIBRARY)
   cpack_add_component(simulated GROUP simulated_package)
 endif()
+cpack_add_component(commit GROUP commit_package)
+cpack_add_component(commit_systemd GROUP commit_package)
 if(TARGET corvo_agent)
   cpack_add_component(agent GROUP agent_package)
   cpack_add_component(agent_systemd GROUP agent_package)

@@ -29,6 +29,8 @@ run_buildroot() {
     check "the agent's unit" makefile_prints "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "the agent's user" makefile_prints "$checkout" "corvo-agent -1 corvo-agent -1 * - - corvo-flash " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "without the agent, nothing of it is installed" fails makefile_prints "$checkout" corvo-agent BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
+    check "the unit of corvo_commit" makefile_prints "$checkout" corvo-commit.service BR2_PACKAGE_CORVO_UPGRADE_COMMIT=y
+    check "without corvo_commit, its unit is not installed" fails makefile_prints "$checkout" corvo-commit BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
     check "the kernel gets System V message queues" makefile_prints "$checkout" "enable CONFIG_SYSVIPC"
     check "the simple rules of buildroot's check-package" follows_rules "$package"
     skip "builds in a tree: scripts/buildroot TREE runs them"

@@ -107,6 +107,50 @@ check_agent() {
     check "no file of the agent is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?agent*' -newer /sent
 }
 
+# Tests the unit of corvo_commit: the systems of this camera are slot A on trial, with the real tools of the
+# boot environment.
+check_commit() {
+    inside sh -e << 'END'
+for name in fw_printenv reboot; do mv /usr/local/sbin/$name /$name.kept; done
+printf '#!/bin/sh\necho restart >> /restarts\n' > /usr/local/sbin/reboot
+chmod 755 /usr/local/sbin/reboot
+head -c 32768 /dev/zero > /environment
+printf '/environment 0x0 0x4000\n/environment 0x4000 0x4000\n' > /etc/fw_env.config
+printf 'bootsystem=A\nboot_loader_saved=1\nupgrade_available=1\n' > /initial
+fw_setenv -f /initial bootcount 1 2> /dev/null
+printf 'word-a = %s\nword-b = -\nhealth-command = sleep 30\n' "$(cut -d ' ' -f 1 /proc/cmdline)" > /etc/corvo/commit.conf
+END
+    check "corvo-commit is installed" inside dpkg -i "$checkout"/build/packages/corvo-commit_*_amd64.deb
+    check "its unit is enabled, and not started by the installation" says inactive inside sh -c \
+        'systemctl is-enabled corvo-commit && systemctl is-active corvo-commit'
+    check "systemd-analyze verify is silent about it" no_output inside systemd-analyze verify \
+        /usr/lib/systemd/system/corvo-commit.service
+    inside systemctl start corvo-commit
+    check "a trial begins" await 10 says "starts 1" inside corvo_commit status
+    inside systemctl stop corvo-commit
+    check "a stop is not counted as a failed start" says "starts 0" inside corvo_commit status
+    check "the boot loader's count is taken back" says bootcount=0 inside fw_printenv bootcount
+    inside sed -i '/health-command/d' /etc/corvo/commit.conf
+    check_boot_complete
+    check "corvo-commit is purged" inside dpkg -P corvo-commit
+    check "no file of it is left" no_output inside find /usr /etc /var/lib /config -name '*corvo?commit*' -newer /sent
+    inside sh -c 'for name in fw_printenv reboot; do mv /$name.kept /usr/local/sbin/$name; done'
+}
+
+check_boot_complete() {
+    inside sh -c 'echo "deadline = 3" >> /etc/corvo/commit.conf
+        cd /etc/systemd/system && mkdir boot-complete.target.requires
+        printf "[Unit]\nBefore=boot-complete.target\n[Service]\nType=oneshot\nExecStart=test -e /well\n" > health.service
+        ln -s ../health.service boot-complete.target.requires/
+        systemctl daemon-reload && systemctl stop boot-complete.target && systemctl start corvo-commit'
+    check "a failed unit before boot-complete.target is a return" await 20 says "bootsystem=B" inside fw_printenv bootsystem
+    check "the restart is requested" await 10 inside test -e /restarts
+    inside sh -c 'touch /well && fw_setenv upgrade_available 1 && fw_setenv bootsystem A && rm -r /config/commit
+        systemctl start corvo-commit'
+    check "after boot-complete.target the system is committed" await 10 says "upgrade_available=0" inside fw_printenv upgrade_available
+    inside sh -c 'rm -r /etc/systemd/system/boot-complete.target.requires /etc/systemd/system/health.service; systemctl daemon-reload'
+}
+
 # Between two polls the agent's process executes a smaller program, corvo_agent_sleeper, under the same
 # restrictions.
 check_sleep() {
@@ -245,7 +289,7 @@ contained_in() { # PACKAGE FILE
 # completed.
 check_pages() {
     local program page
-    for program in otactl system_call_daemon hal_tool ${agent_package:+corvo_agent}; do
+    for program in otactl system_call_daemon hal_tool corvo_commit ${agent_package:+corvo_agent}; do
         page=$(gzip -dc "$checkout/build/papers/$program".[18].gz | man --warnings -l - 2> "$work/page.txt" | col -b)
         check "the manual page of $program has no errors" test ! -s "$work/page.txt"
         check "the manual page of $program lists every option" has_all_options "$page" "$program"
@@ -317,6 +361,7 @@ run_debian() {
     make_camera
     check_installation
     [ -z "$agent_package" ] || check_agent
+    check_commit
     check_idle
     check_during_upgrade
     check_removal

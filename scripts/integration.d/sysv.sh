@@ -4,7 +4,7 @@
 build_programs() {
     cd "$checkout"
     cmake --preset release
-    cmake --build --preset release --target corvo_upgrade system_call_daemon otactl \
+    cmake --build --preset release --target corvo_upgrade system_call_daemon otactl corvo_commit \
         $(! grep -qx 'CORVO_BUILD_AGENT:BOOL=ON' build/release/CMakeCache.txt || echo corvo_agent)
 }
 

@@ -79,6 +79,22 @@ endef
 CORVO_UPGRADE_POST_INSTALL_TARGET_HOOKS += CORVO_UPGRADE_INSTALL_BRINGUP
 endif
 
+ifeq ($(BR2_PACKAGE_CORVO_UPGRADE_COMMIT),y)
+# The script is needed with every init system, because the service calls it.
+define CORVO_UPGRADE_INSTALL_COMMIT
+	$(TARGET_MAKE_ENV) DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) \
+		--install $(CORVO_UPGRADE_BUILDDIR) --component commit
+	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S99checkboot \
+		$(TARGET_DIR)/etc/init.d/S99checkboot
+endef
+CORVO_UPGRADE_POST_INSTALL_TARGET_HOOKS += CORVO_UPGRADE_INSTALL_COMMIT
+
+define CORVO_UPGRADE_INSTALL_COMMIT_UNIT
+	$(INSTALL) -D -m 644 $(CORVO_UPGRADE_BUILDDIR)/packaging/corvo-commit.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/corvo-commit.service
+endef
+endif
+
 # buildroot calls one of these, depending on the selected init system.
 define CORVO_UPGRADE_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 755 $(CORVO_UPGRADE_BUILDDIR)/packaging/S79corvo_slots \
@@ -95,6 +111,7 @@ define CORVO_UPGRADE_INSTALL_INIT_SYSTEMD
 		$(TARGET_DIR)/usr/lib/systemd/system/corvo-slots.service
 	$(CORVO_UPGRADE_INSTALL_DAEMON_UNIT)
 	$(CORVO_UPGRADE_INSTALL_AGENT_UNIT)
+	$(CORVO_UPGRADE_INSTALL_COMMIT_UNIT)
 endef
 
 # For the request queue, and for the GPIO lines of the status LED.
