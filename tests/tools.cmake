@@ -13,7 +13,7 @@ add_dependencies(tools_test otactl otactl_with_faults hal_tool_with_faults syste
 # A second build of otactl, with fault injection and a faster clock.
 add_executable(otactl_with_faults $<TARGET_OBJECTS:otactl_main> support/fast_clock.cpp)
 target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime -Wl,--wrap=time)
-target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package command_line)
+target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package commit_record command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
 corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK upgrade_package log TIMEOUT 900)
@@ -22,7 +22,7 @@ target_compile_definitions(
                        EMULATED=false)
 if(NOT CORVO_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_executable(otactl_short_of_memory $<TARGET_OBJECTS:otactl_main> support/short_memory.cpp)
-  target_link_libraries(otactl_short_of_memory PRIVATE otactl_parts upgrade_package command_line)
+  target_link_libraries(otactl_short_of_memory PRIVATE otactl_parts upgrade_package commit_record command_line)
   set_target_properties(otactl_short_of_memory PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
   add_dependencies(package_test otactl_short_of_memory)
 endif()

@@ -35,7 +35,8 @@ struct SendOptions {
     std::string manifest;              // path; for files, empty means the one in `directory`
     TrustOptions trust;
     std::string logAddress;
-    bool follow = false;  // wait until the upgrade ends
+    bool follow = false;       // wait until the upgrade ends
+    bool duringTrial = false;  // post although a new system is on trial
 };
 
 // Posts a request for a directory with one file per image. If no modules are named, the request is

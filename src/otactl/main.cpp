@@ -56,6 +56,8 @@ void add_send(CLI::App& app, Arguments& arguments) {
                           "Wait and show the upgrade's stages; exit 0 on success, 1 on failure");
         command->add_option("--address", arguments.send.logAddress,
                             "Address at which the service publishes its log lines");
+        command->add_flag("--during-trial", arguments.send.duringTrial,
+                          "Post the request although a new system is on trial");
         add_trust(command, arguments.send.trust);
     };
     CLI::App* files = send->add_subcommand("files", "One image file per module in a directory");

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "cli/error_line.h"
+#include "commit/record.h"
 #include "otactl/commands.h"
 #include "otactl/log_stream.h"
 #include "otactl/trust.h"
@@ -138,7 +139,21 @@ int post(int queue, const Request& request, long messageType) {
     return status.ok() ? static_cast<int>(OTACTL_OK) : refuse(status, request.signatureChecked);
 }
 
+// An upgrade during a trial overwrites the system to which the camera returns if the trial fails.
+bool is_on_trial() {
+    RecordFolder folder = {.path = COMMIT_FOLDER};
+    TrialRecord record;
+    return load_record(files_of(folder), record) == RECORD_OK && record.phase != Phase::COMMITTED;
+}
+
 int send_request(const Request& request, const SendOptions& options) {
+    if (!options.duringTrial && is_on_trial()) {
+        print_error(
+            OTACTL,
+            "a new system is on trial (corvo_commit status); an upgrade now would overwrite "
+            "the system to return to (--during-trial)");
+        return OTACTL_FAILED;
+    }
     int queue = -1;
     const PackageStatus status = open_request_queue(queue);
     if (!status.ok()) {

@@ -71,6 +71,8 @@ RecordResult load_record(const RecordStorage& storage, TrialRecord& record);
 // the other copy is still complete.
 RecordResult store_record(const RecordStorage& storage, const TrialRecord& record);
 
+constexpr char COMMIT_FOLDER[] = "/config/commit/";  // unless the program's settings name another
+
 // The copies as files of a folder.
 struct RecordFolder {
     const char* path;  // ends in "/"

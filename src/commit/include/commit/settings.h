@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "commit/procedure.h"
+#include "commit/record.h"
 
 constexpr char COMMIT[] = "corvo_commit";
 constexpr char COMMIT_SETTINGS_PATH[] = "/etc/corvo/commit.conf";
-constexpr char COMMIT_FOLDER[] = "/config/commit/";  // default of "state-folder"
 
 // The values as they were given. A setting's name is that of the field, with "-" before a
 // lower-case letter instead of a capital ("slot-from").
