@@ -38,6 +38,10 @@ otactl send files --dir /media/mmcblk0p1/ota/ kernel > /dev/null
 until ! kill -0 $service 2> /dev/null; do sleep 0.2; done
 made
 
+running=$(cut -d ' ' -f 1 /proc/cmdline)
+corvo_commit --word-a "$running" boot 2> $work/commit.txt
+corvo_commit --word-a "$running" commit 2>> $work/commit.txt
+
 # The preparation by the unit or the init script. With a mounted card, without which the agent does not write.
 mount -t tmpfs -o mode=755 card /media/mmcblk0p1
 group=$(id -gn nobody)
