@@ -198,14 +198,14 @@ TEST_F(Otactl, FollowsToTheVerdict) {
          }},
         {"publish",
          [](Text first, Text rest) {
-             UPGRADE_LOG("%s %s", first.c_str(), rest.c_str());
+             UPGRADE_LOG_AS("test", "%s %s", first.c_str(), rest.c_str());
              return "";
          }},
         {"floods",  // until the command has ended
          [&](Text, Text) {
              while (running()) {
-                 UPGRADE_LOG("ordinary");
-                 UPGRADE_EVENT(LOG_EVENT_RECEIVED, "event");
+                 UPGRADE_LOG_AS("test", "ordinary");
+                 UPGRADE_EVENT_AS("test", LOG_EVENT_RECEIVED, "event");
              }
              return "";
          }},

@@ -28,8 +28,9 @@ json offer_of(const SimulatedAction& action, const std::string& url) {
     const char* const link = base.starts_with("https") ? "download" : "download-http";
     json artifacts = json::array();
     for (const auto& [name, bytes] : action.files) {
-        const std::string href =
-            base + CONTROLLER_PATH + "/softwaremodules/" + action.id + "/artifacts/" + name;
+        std::string href = base;
+        href.append(CONTROLLER_PATH).append("/softwaremodules/").append(action.id);
+        href.append("/artifacts/").append(name);
         artifacts.push_back({{"filename", name},
                              {"size", bytes.size()},
                              {"hashes", {{"sha256", digest_of(bytes)}}},
