@@ -62,6 +62,13 @@ std::map<std::string, Step> steps_of(World& world) {
              }
              return statuses;
          }},
+        {"when",
+         [&](Text requests, Text steps) {
+             world.when_asked(std::stoul(requests), [&world, steps] {
+                 EXPECT_EQ("done", do_steps(replaced(steps, " \\+ ", " | "), steps_of(world)));
+             });
+             return "";
+         }},
         {"live",
          [&](Text cut, Text) {
              const int status = world.live(cut.empty() ? 0 : std::stoi(cut));
@@ -276,9 +283,7 @@ bool cut_agent(World& world, int place, bool powerGoesToo) {
 
 // Checks every state that a power cut can leave at each step of the agent.
 TEST(Action, IsKeptWhateverAPowerCutForgets) {
-    struct Row {
-        std::string camera, action, faults, told;
-    };
+    using Row = std::array<std::string, 4>;
     const std::string old = std::string("; file:3 tag ") + OLD_TAG;
     for (const auto& [camera, action, faults, told] : std::vector<Row>{
              {"good", "files", "", " post closed"},
@@ -288,7 +293,7 @@ TEST(Action, IsKeptWhateverAPowerCutForgets) {
              // The second answer is another one, and comes in two parts.
              {"good", "large", "file:3 flip 0; file:3 cut 1500000; file:4 cut 2200000" + old, ""},
          }) {
-        SCOPED_TRACE(std::string(camera).append(" ").append(action));
+        SCOPED_TRACE(testing::Message() << camera << " " << action);
         World world(camera, action);
         Promise promise(world, action == "large" ? LARGE_KERNEL : KERNEL);
         std::filesystem::resize_file("/dev/block/by-name/kernel", 3000000);
@@ -333,17 +338,14 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
 // An action can be cancelled, force-quit or replaced by a newer one at any moment: the result must
 // be true, and nothing may be left over.
 TEST(Action, EndsWhateverTheOperatorDoes) {
-    const std::vector<std::function<void(SimulatedServer&)>> acts = {
-        [](SimulatedServer& server) { server.cancel(ID); },
-        [](SimulatedServer& server) { server.force_quit(ID); },
-        [](SimulatedServer& server) { server.offer(make_action("files", "12")); }};
+    const std::vector<std::string> acts = {"cancel", "quit", "offer 12 files"};
     for (size_t requests = 1; requests < 40 && !HasFailure();
          requests += static_cast<size_t>(sweep_stride())) {
         for (size_t i = 0; i < acts.size(); ++i) {
             SCOPED_TRACE(std::to_string(i) + " " + std::to_string(requests));
             World world("good", "files");
             world.start_service();
-            world.when_asked(requests, [&] { acts[i](world.server); });
+            world.when_asked(requests, [&] { do_steps(acts[i], steps_of(world)); });
             world.live_to_the_end();
             if (!world.acted()) {
                 return;  // the action ended with fewer requests
@@ -352,26 +354,6 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
             world.live_to_the_end(last);
             world.expect_promise(i == 1 ? "" : last);
         }
-    }
-}
-
-// The package takes 43 s, the server's interval is an hour. A cancellation while the first image
-// comes spares the second one; without it there is a poll every ten seconds at the most.
-TEST(Action, CancellationIsNoticedInTheMiddleOfADownload) {
-    for (const bool cancelled : {true, false}) {
-        World world("slow", "files");
-        world.start_service();
-        world.when_asked(3, [&] {
-            EXPECT_EQ("0", run("await 5 test -e /run/gate"));
-            if (cancelled) {
-                world.server.cancel(ID);
-            }
-            run("rm /run/gate");
-        });
-        EXPECT_EQ(cancelled ? 0 : -1, world.live());
-        EXPECT_EQ(cancelled ? 3U : 4U, world.server.count("file"));
-        EXPECT_EQ(cancelled, world.server.story(ID).starts_with("canceled"));
-        EXPECT_LE(world.server.count("poll"), 1U + 4U + 1U);
     }
 }
 
