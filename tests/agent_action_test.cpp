@@ -15,28 +15,26 @@ using nlohmann::json;
 
 constexpr char OLD_TAG[] = "\"old\"";
 
-// Returns what a step waits for: "STATE" of the action, "N KIND" requests in all, or "+N KIND" more
-// than now; "closed" is feedback that ends an action.
-std::function<bool()> condition_of(SimulatedServer& server, const std::string& wanted) {
-    const size_t space = wanted.find(' ');
-    if (space == std::string::npos) {
-        return [&server, wanted] { return server.story(ID).starts_with(wanted); };
-    }
-    const auto count = [&server, kind = wanted.substr(space + 1)] {
-        return kind == "closed" ? server.count("feedback", kind) : server.count(kind);
-    };
-    const size_t least = std::stoul(wanted) + (wanted.starts_with('+') ? count() : 0);
-    return [count, least] { return count() >= least; };
-}
-
 // The steps of cases/agent_actions.txt.
 std::map<std::string, Step> steps_of(World& world) {
     SimulatedServer& server = world.server;
     using Text = const std::string&;
-    const auto wait = [&server](Text ms, Text wanted, bool wakes) {
-        const auto holds = condition_of(server, wanted);
-        const bool seen =
-            eventually(std::stoi(ms), [&] { return (wakes ? run("hup") : "0") == "0" && holds(); });
+    const auto count = [&server](const std::string& kind) {
+        return kind == "closed" ? server.count("feedback", kind) : server.count(kind);
+    };
+    // Waits for "STATE" of the action, "N KIND" requests in all, or "+N KIND" more than now;
+    // "closed" is feedback that ends an action.
+    const auto wait = [&server, count](Text ms, Text wanted, bool wakes) {
+        const std::string kind = wanted.substr(wanted.find(' ') + 1);
+        const bool isState = kind == wanted;
+        const size_t least = isState                   ? 0
+                             : wanted.starts_with('+') ? std::stoul(wanted) + count(kind)
+                                                       : std::stoul(wanted);
+        const bool seen = eventually(std::stoi(ms), [&] {
+            const bool isAwake = !wakes || run("hup") == "0";
+            return isAwake &&
+                   (isState ? server.story(ID).starts_with(wanted) : count(kind) >= least);
+        });
         return seen ? "" : (wakes ? "wakes in vain: " : "sees in vain: ") + wanted;
     };
     return {
@@ -64,9 +62,10 @@ std::map<std::string, Step> steps_of(World& world) {
          }},
         {"when",
          [&](Text requests, Text steps) {
-             world.when_asked(std::stoul(requests), [&world, steps] {
+             world.actAt = std::stoul(requests);
+             world.act = [&world, steps] {
                  EXPECT_EQ("done", do_steps(replaced(steps, " \\+ ", " | "), steps_of(world)));
-             });
+             };
              return "";
          }},
         {"live",
@@ -124,22 +123,23 @@ void sweep(const std::function<bool(World& world, int place)>& cut_at) {
 // What must be true at every power cut, and whenever the agent posts a request or sends a report.
 class Promise {
   public:
+    std::string sent;    // what was posted and closed, in this order
+    bool begun = false;  // the server knows that the action has begun
+
     Promise(World& world, const std::string& kernel) : bytes_(kernel), world_(world) {
         Sha256Stream sha256;
         sha256.update(bytes_);
         kernel_ = {.name = NAME, .size = bytes_.size(), .sha256 = sha256.take(), .href = {}};
-        world.watch_storage([this](const std::string& call, const std::string& sent) {
+        world.watch_storage([this](const std::string& call, const std::string& bytes) {
             if (call == "msgsnd") {
                 expect_flushed_request();
-            } else if (!sent.empty()) {
-                expect_flushed_report(sent);
-            } else {
+            } else if (bytes.starts_with("POST ")) {
+                expect_flushed_report(bytes);
+            } else if (bytes.empty()) {
                 expect_states();
             }
         });
     }
-    [[nodiscard]] const std::string& told() const { return told_; }
-    void expect_cancellation() { begun_ = false; }
 
   private:
     static constexpr uint64_t COST_MAX = 2097152;  // bytes
@@ -188,15 +188,12 @@ class Promise {
                         states.front().at(path) == states.back().at(path))
                 << path << " is not flushed";
         }
-        told_ += " post";
+        sent += " post";
     }
 
     void expect_flushed_report(const std::string& request) {
-        if (!request.starts_with("POST ")) {
-            return;
-        }
         const ActionRecord action = flushed_action();
-        told_ += contains(request, "\"closed\"") ? " closed" : "";
+        sent += contains(request, "\"closed\"") ? " closed" : "";
         EXPECT_TRUE(confirmed_ || !contains(request, "/confirmationBase/"));
         if (!contains(request, "/deploymentBase/")) {
             return;
@@ -205,7 +202,7 @@ class Promise {
         EXPECT_EQ(contains(request, "\"closed\""), action.stage == ACTION_RESULT) << request;
         EXPECT_EQ(contains(request, "\"success\""), action.succeeded) << request;
         EXPECT_EQ(contains(request, "\"downloaded\""), action.downloadOnly) << request;
-        begun_ = true;
+        begun = true;
     }
 
     void expect_states() {
@@ -223,7 +220,7 @@ class Promise {
 
     void expect_recovery(const State& state, const State& written) {
         const ActionRecord action = load(state);
-        EXPECT_TRUE(!begun_ || action.id == ID ||
+        EXPECT_TRUE(!begun || action.id == ID ||
                     std::ranges::find(history_, ID, &HistoryEntry::id) != history_.end())
             << "the action is forgotten";
         if (action.stage > ACTION_DOWNLOADING && action.stage < ACTION_RESULT) {
@@ -267,8 +264,6 @@ class Promise {
     std::vector<HistoryEntry> history_;
     bool confirmed_ = false;
     int boots_ = 0;
-    bool begun_ = false;
-    std::string told_;
 };
 
 // Kills the agent, or cuts the power, at the change number `place` that it makes to the outside.
@@ -304,10 +299,10 @@ TEST(Action, IsKeptWhateverAPowerCutForgets) {
             EXPECT_EQ("0", run(ForgetfulStorage::tracer(TRACE) + "corvo_agent confirm"));
         }
         world.live_to_the_end();
-        promise.expect_cancellation();
+        promise.begun = false;  // a cancelled action may be forgotten
         world.server.cancel(ID);
         world.live();
-        EXPECT_EQ(told, promise.told()) << world.server.story(ID);
+        EXPECT_EQ(told, promise.sent) << world.server.story(ID);
     }
 }
 
@@ -345,9 +340,10 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
             SCOPED_TRACE(std::to_string(i) + " " + std::to_string(requests));
             World world("good", "files");
             world.start_service();
-            world.when_asked(requests, [&] { do_steps(acts[i], steps_of(world)); });
+            world.actAt = requests;
+            world.act = [&] { do_steps(acts[i], steps_of(world)); };
             world.live_to_the_end();
-            if (!world.acted()) {
+            if (world.act) {
                 return;  // the action ended with fewer requests
             }
             const char* const last = i == 2 ? "12" : ID;

@@ -161,10 +161,9 @@ std::string try_status_codes(World& world, const std::string& step) {
     }
     std::string text;
     for (const auto& [name, list] : codes) {
-        text += text.empty() ? "" : "; ";
-        text += name + list;
+        text.append(name).append(list).append("; ");
     }
-    return text;
+    return text.substr(0, text.size() - 2);
 }
 
 TEST(AgentTransport, ServerThatMisbehaves) {

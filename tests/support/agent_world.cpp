@@ -44,16 +44,15 @@ msqid_ds queue_status() {
 }  // namespace
 
 SimulatedAction make_action(const std::string& kind, const std::string& id) {
-    static const std::map<std::string, std::string> NAMES = {
+    const std::string one = "package.manifest package.manifest.sig kernel.bin";
+    const std::string both = one + " rootfs.img";
+    const std::map<std::string, std::string> others = {
         {"combined", "all.manifest all.manifest.sig all.pkg"},
         {"unsigned", "package.manifest kernel.bin rootfs.img"},
-        {"too-little", "package.manifest package.manifest.sig kernel.bin"},
-        {"large", "package.manifest package.manifest.sig kernel.bin"},
-        {"two-manifests",
-         "package.manifest package.manifest.sig kernel.bin rootfs.img all.manifest "
-         "all.manifest.sig"},
-        {"too-much", "package.manifest package.manifest.sig kernel.bin rootfs.img all.pkg"},
-        {"", "package.manifest package.manifest.sig kernel.bin rootfs.img"}};
+        {"too-little", one},
+        {"large", one},
+        {"two-manifests", both + " all.manifest all.manifest.sig"},
+        {"too-much", both + " all.pkg"}};
     const bool waits = kind == "download-only" || kind == "large" || kind == "outside-window";
     const bool isOther = kind == "older" || kind == "foreign" || kind == "large";
     SimulatedAction action = {.id = id,
@@ -62,7 +61,7 @@ SimulatedAction make_action(const std::string& kind, const std::string& id) {
                                                             : "forced",
                               .window = kind == "outside-window" ? "unavailable" : "",
                               .consent = kind == "consent"};
-    std::istringstream names(NAMES.at(NAMES.contains(kind) ? kind : ""));
+    std::istringstream names(others.contains(kind) ? others.at(kind) : both);
     for (std::string name; names >> name;) {
         action.files.push_back(
             {name, read_file("/run/packages/" + (isOther ? kind : "files") + "/" + name)});
@@ -131,11 +130,6 @@ void World::watch_storage(ForgetfulStorage::Observer observer) {
     storage_.emplace(FOLDERS);
 }
 
-void World::when_asked(size_t requests, std::function<void()> act) {
-    actAt_ = requests;
-    act_ = std::move(act);
-}
-
 int World::live(int cutAt, bool powerGoesToo) {
     start_agent(cutAt);
     int status = 0;
@@ -143,8 +137,8 @@ int World::live(int cutAt, bool powerGoesToo) {
     EXPECT_TRUE(eventually(30000, [&] {
         count_requests();
         interfere();
-        if (act_ && server.requests().size() >= actAt_) {
-            std::exchange(act_, nullptr)();
+        if (act && server.requests().size() >= actAt) {
+            std::exchange(act, nullptr)();
         }
         restarts = serves_ && service_has_ended();
         return restarts || waitpid(agent_, &status, WNOHANG) != 0;

@@ -27,9 +27,11 @@ class World {
     World& operator=(const World&) = delete;
 
     SimulatedServer server;
+    // What the operator does, once, when the server has been asked so often.
+    std::function<void()> act;
+    size_t actAt = 0;
 
     [[nodiscard]] int posted() const { return posted_; }  // requests to the service
-    [[nodiscard]] bool acted() const { return !act_; }
     [[nodiscard]] int boots() const { return boots_; }
     [[nodiscard]] bool agent_was_cut() const { return cut_; }
 
@@ -43,9 +45,6 @@ class World {
     // each operation of the agent, at the end of each life.
     void watch_storage(ForgetfulStorage::Observer observer);
     [[nodiscard]] const ForgetfulStorage& storage() const { return *storage_; }
-
-    // What the operator does when the server has been asked so often.
-    void when_asked(size_t requests, std::function<void()> act);
 
     // One life of the agent: until it ends by itself or is cut (CORVO_CUT of agent_cuts.cpp), or
     // the camera restarts, which it does when the service has ended. Returns its exit status, -1
@@ -82,8 +81,6 @@ class World {
     int posted_ = 0;
     std::optional<ForgetfulStorage> storage_;
     ForgetfulStorage::Observer observer_;
-    size_t actAt_ = 0;
-    std::function<void()> act_;
 };
 
 #endif  // TESTS_SUPPORT_AGENT_WORLD_H
