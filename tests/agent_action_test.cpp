@@ -71,9 +71,7 @@ std::map<std::string, Step> steps_of(World& world) {
         {"live",
          [&](Text cut, Text) {
              const int status = world.live(cut.empty() ? 0 : std::stoi(cut));
-             return world.agent_was_cut() ? "cut"
-                    : status < 0          ? "restarts"
-                                          : std::to_string(status);
+             return world.wasCut ? "cut" : status < 0 ? "restarts" : std::to_string(status);
          }},
         {"end", [&](Text, Text) { return world.live_to_the_end(), world.summary(); }},
         {"sees", [wait](Text ms, Text wanted) { return wait(ms, wanted, false); }},
@@ -111,10 +109,10 @@ void sweep(const std::function<bool(World& world, int place)>& cut_at) {
         World world("good", "files");
         cut = cut_at(world, place);
         const bool decided = world.server.story(ID).starts_with("success");
-        const int posted = world.posted();
+        const int posted = world.posted;
         world.live_to_the_end();
-        EXPECT_TRUE(!decided || posted == world.posted()) << "flashed twice";
-        cut = cut || world.boots() > 1;  // one restart belongs to the upgrade
+        EXPECT_TRUE(!decided || posted == world.posted) << "flashed twice";
+        cut = cut || world.boots > 1;  // one restart belongs to the upgrade
         world.expect_promise();
         EXPECT_TRUE(world.server.story(ID).starts_with("success"));
     }
@@ -207,7 +205,7 @@ class Promise {
 
     void expect_states() {
         const std::vector<State> states = world_.storage().states();
-        if (std::exchange(boots_, world_.boots()) != world_.boots()) {
+        if (std::exchange(boots_, world_.boots) != world_.boots) {
             there_.clear();  // the service may have removed the files of the package
         }
         there_.insert(states.back().begin(), states.back().end());
@@ -273,7 +271,7 @@ bool cut_agent(World& world, int place, bool powerGoesToo) {
     }
     world.start_service();
     world.live(place, powerGoesToo);
-    return world.agent_was_cut();
+    return world.wasCut;
 }
 
 // Checks every state that a power cut can leave at each step of the agent.
@@ -319,7 +317,7 @@ TEST(Action, SurvivesAPowerCutAtEveryStepAfterTheRestart) {
         world.start_service();
         EXPECT_EQ(-1, world.live());
         world.live(place, true);
-        return world.agent_was_cut();
+        return world.wasCut;
     });
 }
 
@@ -333,22 +331,23 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheService) {
 // An action can be cancelled, force-quit or replaced by a newer one at any moment: the result must
 // be true, and nothing may be left over.
 TEST(Action, EndsWhateverTheOperatorDoes) {
-    const std::vector<std::string> acts = {"cancel", "quit", "offer 12 files"};
+    // What the operator does, and the action whose result the server must have in the end.
+    const std::map<std::string, std::string> acts = {
+        {"cancel", ID}, {"quit", ""}, {"offer 12 files", "12"}};
     for (size_t requests = 1; requests < 40 && !HasFailure();
          requests += static_cast<size_t>(sweep_stride())) {
-        for (size_t i = 0; i < acts.size(); ++i) {
-            SCOPED_TRACE(std::to_string(i) + " " + std::to_string(requests));
+        for (const auto& [act, last] : acts) {
+            SCOPED_TRACE(act + " " + std::to_string(requests));
             World world("good", "files");
             world.start_service();
             world.actAt = requests;
-            world.act = [&] { do_steps(acts[i], steps_of(world)); };
+            world.act = [&] { do_steps(act, steps_of(world)); };
             world.live_to_the_end();
             if (world.act) {
                 return;  // the action ended with fewer requests
             }
-            const char* const last = i == 2 ? "12" : ID;
-            world.live_to_the_end(last);
-            world.expect_promise(i == 1 ? "" : last);
+            world.live_to_the_end(last.empty() ? ID : last);
+            world.expect_promise(last);
         }
     }
 }

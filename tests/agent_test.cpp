@@ -52,30 +52,24 @@ TEST(Judgement, FollowsFromRecordSlotAndPackage) {
 }
 
 TEST(Settings, WrongOnesAreOneLineThatNamesThem) {
-    expect_session(
-        "agent_settings.txt",
-        "cd /run; [ -d pki ] || \"$TEXTS/../scripts/make_pki\" pki; echo secret > token; "
-        "chmod 600 token; printf 'server = https://localhost:1\\ncontroller-id = cam\\n"
-        "keyring = pki/root.pem\\nstate-folder = /run/state\\ncompatible = R5C20\\n"
-        "version-file = none\\nrequire-mount = no\\n' > conf; "
-        "agent() { corvo_agent --config conf \"$@\"; }; ");
+    expect_session("agent_settings.txt", "write_settings; ");
 }
 
 // Returns a value as in the configuration file; empty when it is not set.
 std::string text_of(const Setting& setting) {
     AgentSettings settings;
     const SettingValue value = value_of(settings, setting.field);
-    if (const auto* const text = std::get_if<std::string*>(&value)) {
-        return **text;
-    }
     if (const auto* const isOn = std::get_if<bool*>(&value)) {
         return **isOn ? "on" : "off";
     }
-    if (const auto* const number = std::get_if<uint32_t*>(&value)) {
-        return std::to_string(**number);
-    }
-    const auto* const large = std::get_if<uint64_t*>(&value);
-    return large == nullptr ? "" : std::to_string(**large);
+    std::ostringstream text;
+    const auto print = [&text](const auto* each) {
+        if constexpr (requires { text << *each; }) {
+            text << *each;
+        }
+    };
+    std::visit(print, value);
+    return text.str();
 }
 
 // The parts of the page and of the example that follow from the table of settings. Each is compared

@@ -101,8 +101,8 @@ void World::restart(int lostAt) {
         }
         storage_.emplace(FOLDERS);
     }
-    EXPECT_EQ(
-        "0", run("sh $TEXTS/support/agent_restart.sh '" + mode_ + "' " + std::to_string(++boots_)));
+    EXPECT_EQ("0",
+              run("sh $TEXTS/support/agent_restart.sh '" + mode_ + "' " + std::to_string(++boots)));
     start_service();
 }
 
@@ -112,7 +112,7 @@ void World::start_service(std::vector<Fault> faults) {
     }
     camera_.daemon.reset();
     camera_.daemon = std::make_unique<SimulatedDaemon>(run_command, print_slot);
-    if (is("service-dies") || (is("dies-once") && boots_ == 0)) {
+    if (is("service-dies") || (is("dies-once") && boots == 0)) {
         faults.push_back({.call = "image", .ordinal = 1, .effect = CRASH});
     } else if (is("fails")) {
         faults.push_back({.call = "image", .ordinal = -1, .effect = FLIP});
@@ -143,13 +143,13 @@ int World::live(int cutAt, bool powerGoesToo) {
         restarts = serves_ && service_has_ended();
         return restarts || waitpid(agent_, &status, WNOHANG) != 0;
     })) << "the agent hangs";
-    cut_ = !restarts && WIFSIGNALED(status);
+    wasCut = !restarts && WIFSIGNALED(status);
     if (!restarts) {
         agent_ = -1;
         observe_storage();
     }
-    if (restarts || (cut_ && powerGoesToo)) {
-        restart(cut_ ? cutAt : -1);
+    if (restarts || (wasCut && powerGoesToo)) {
+        restart(wasCut ? cutAt : -1);
         return -1;
     }
     EXPECT_NE(64, WIFEXITED(status) ? WEXITSTATUS(status) : -1) << "settings";
@@ -176,7 +176,7 @@ std::string World::summary() {
     }
     const bool lost =
         run("grep told /config/agent/history.json | tail -n 1 | grep -q false") == "0";
-    return std::to_string(posted_) + (queue_status().msg_qnum > 0 ? " in the queue" : "") +
+    return std::to_string(posted) + (queue_status().msg_qnum > 0 ? " in the queue" : "") +
            (lost ? " not delivered" : "") + (left.empty() ? "" : " left" + left) + " " +
            story.substr(0, story.find(" | ")) +
            (contains(story, " | ")
@@ -195,7 +195,7 @@ void World::expect_promise(const std::string& id) {
         EXPECT_TRUE(contains(read_file(STATE_FOLDER + "history.json"), "\"id\": \"" + id + "\""));
     }
     EXPECT_EQ("", names_in(AGENT_FOLDER));
-    EXPECT_LE(posted_, 3);
+    EXPECT_LE(posted, 3);
 }
 
 void World::post_empty_request() {
@@ -285,6 +285,6 @@ void World::interfere() {
 void World::count_requests() {
     if (!counted_ && queue_status().msg_stime != 0) {
         counted_ = true;
-        ++posted_;
+        ++posted;
     }
 }

@@ -31,9 +31,9 @@ class World {
     std::function<void()> act;
     size_t actAt = 0;
 
-    [[nodiscard]] int posted() const { return posted_; }  // requests to the service
-    [[nodiscard]] int boots() const { return boots_; }
-    [[nodiscard]] bool agent_was_cut() const { return cut_; }
+    int posted = 0;  // requests to the service
+    int boots = 0;
+    bool wasCut = false;  // the agent, in its last life
 
     // Power off and on. With a place of the agent's power cut, what it had not flushed is lost.
     void restart(int lostAt = -1);
@@ -76,9 +76,6 @@ class World {
     pid_t agent_ = -1;
     bool serves_ = false;
     bool counted_ = false;
-    bool cut_ = false;
-    int boots_ = 0;
-    int posted_ = 0;
     std::optional<ForgetfulStorage> storage_;
     ForgetfulStorage::Observer observer_;
 };

@@ -301,3 +301,16 @@ short() { sed 's/^corvo_commit: //'; }
 trial() { # OPTION...; arms B and starts it
     $checkboot systemB && starts B && corvo_commit "$@" boot
 }
+
+# Settings of an agent in /run/conf, which the commands of cases/agent_settings.txt change.
+write_settings() {
+    cd /run
+    [ -d pki ] || "$TEXTS/../scripts/make_pki" pki
+    echo secret > token
+    chmod 600 token
+    printf '%s\n' 'server = https://localhost:1' 'controller-id = cam' 'keyring = pki/root.pem' \
+        'state-folder = /run/state' 'compatible = R5C20' 'version-file = none' 'require-mount = no' > conf
+}
+agent() {
+    corvo_agent --config conf "$@"
+}
