@@ -341,7 +341,7 @@ TEST(Action, EndsWhateverTheOperatorDoes) {
             World world("good", "files");
             world.start_service();
             world.actAt = requests;
-            world.act = [&] { do_steps(act, steps_of(world)); };
+            world.act = [&world, step = act] { do_steps(step, steps_of(world)); };
             world.live_to_the_end();
             if (world.act) {
                 return;  // the action ended with fewer requests

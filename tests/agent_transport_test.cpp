@@ -16,7 +16,6 @@ const std::string PKI = "/run/tls/";
 const std::string KERNEL = pattern_bytes(1200000, 1);
 constexpr int CALLS_MAX = 20;
 
-const std::string TLS = "test -e /run/tls/ca.pem || sh " TEXTS "support/tls.sh /run/tls";
 const std::string PLACE = "/DEFAULT/controller/v1/cam%201/";
 
 std::string name_of(const AgentStatus& status) {
@@ -25,19 +24,12 @@ std::string name_of(const AgentStatus& status) {
     return NAMES[status.result];
 }
 
-ServerSettings settings_of(const SimulatedServer& server) {
-    return {.url = server.url(),
-            .controllerId = SimulatedServer::CONTROLLER,
-            .authorization = SimulatedServer::AUTHORIZATION,
-            .ca = PKI + "ca.pem"};
-}
-
 // Speaks https with this certificate, or "http".
 SimulatedServer::Setup setup_of(const std::string& certificate, bool onlyFiles) {
     if (certificate == "http") {
         return {.onlyFiles = onlyFiles};
     }
-    EXPECT_EQ(0, system(TLS.c_str()));
+    EXPECT_EQ(0, system("test -e /run/tls/ca.pem || sh " TEXTS "support/tls.sh /run/tls"));
     return {.certificate = PKI + certificate + ".pem",
             .key = PKI + certificate + ".key",
             .clients = PKI + "ca.pem",
@@ -48,7 +40,7 @@ SimulatedServer::Setup setup_of(const std::string& certificate, bool onlyFiles) 
 struct World {
     explicit World(const SimulatedServer::Setup& setup = {}, const std::string& step = "file",
                    const SimulatedServer::Setup& elsewhereSetup = {.onlyFiles = true})
-        : server(setup), elsewhere(elsewhereSetup), settings(settings_of(server)) {
+        : server(setup), elsewhere(elsewhereSetup) {
         std::filesystem::remove_all(FOLDER);
         std::filesystem::create_directories(FOLDER);
         offered.consent = step == "consent" || step == "word";
@@ -119,7 +111,10 @@ struct World {
     SimulatedAction offered = {.id = "11", .files = {{"kernel.bin", KERNEL}}};
     SimulatedServer server;
     SimulatedServer elsewhere;
-    ServerSettings settings;
+    ServerSettings settings = {.url = server.url(),
+                               .controllerId = SimulatedServer::CONTROLLER,
+                               .authorization = SimulatedServer::AUTHORIZATION,
+                               .ca = PKI + "ca.pem"};
     const PackageFile* content = nullptr;
     std::atomic<bool> stop{false};
     uint64_t told = 0;
@@ -304,8 +299,8 @@ std::string do_row(std::istream& row) {
         rest_of(row),
         {{"server",
           [&](Text first, Text rest) {
-              const std::string insecure = replaced(server.url(), "https", "http");
-              server.misbehave(replaced(first + " " + rest, "INSECURE", insecure));
+              server.misbehave(replaced(first + " " + rest, "INSECURE",
+                                        replaced(server.url(), "https", "http")));
               return "";
           }},
          {"elsewhere",
@@ -356,12 +351,10 @@ TEST(AgentTransport, ServerAndManifestMustAgree) {
         for (size_t from = 0; row >> size >> from; content.size += size) {
             Sha256Stream stream;
             stream.update({KERNEL.data() + from, size});
-            content.modules.push_back({.name = "module",
-                                       .file = {},
-                                       .offset = content.size,
-                                       .size = size,
-                                       .crc = {},
-                                       .sha256 = stream.take()});
+            auto& module = content.modules.emplace_back();
+            module.offset = content.size;
+            module.size = size;
+            module.sha256 = stream.take();
         }
         World world;
         world.content = &content;
