@@ -5,9 +5,9 @@
 #include "test.h"
 
 // Placeholders in the texts for values that differ between runs and package tables: words, such as
-// "pid=PID" for "pid=42", and lines, such as "@deleted", each of which stands for a list of lines.
-// Any other "@other" stands for the lines of expected/other.txt, "\e" for an escape, "\0" for a
-// NUL.
+// "pid=PID" for "pid=42", and lines: "@deleted" stands for the list of lines with the name
+// "deleted". Any other "@other" stands for the lines of expected/other.txt, "\e" for an escape,
+// "\0" for a NUL.
 struct ConsoleValues {
     std::vector<std::pair<std::string, std::string>> words;
     std::map<std::string, std::vector<std::string>> lines;
