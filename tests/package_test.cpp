@@ -24,14 +24,14 @@ struct SignedPackage : testing::Test {
 };
 
 TEST_F(SignedPackage, IsTakenAndNothingElse) {
-    expect_session("signed.txt", BEFORE, [this] { return posted(); });
+    expect_session("signed.txt", BEFORE, Rows::BUILD_ON_EACH_OTHER, queue_);
 }
 
 TEST_F(SignedPackage, IsMadeWithAKeyInAToken) {
     if (EMULATED || run("command -v softhsm2-util")[0] != '0') {
         GTEST_SKIP() << "no SoftHSM for this processor: keys in tokens are not tested";
     }
-    expect_session("token.txt", BEFORE, [this] { return posted(); });
+    expect_session("token.txt", BEFORE, Rows::BUILD_ON_EACH_OTHER, queue_);
 }
 
 TEST_F(SignedPackage, SignatureIsWholeAndOfThisManifest) {

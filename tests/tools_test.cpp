@@ -126,13 +126,12 @@ TEST_F(SystemCallDaemon, KilledAndRestartedAtOnceItServesTheNextCall) {
 // The service's queue without the service; removes the queue at the end.
 struct Otactl : testing::Test {
     void TearDown() override { msgctl(queue_, IPC_RMID, nullptr); }
-    std::string posted() const { return posted_request(queue_); }
 
     int queue_ = msgget(ftok(OTA_MSG_QUEUE_PATH, OTA_MSG_QUEUE_PROJECT), IPC_CREAT | 0666);
 };
 
 TEST_F(Otactl, SessionAtTheShell) {
-    expect_session("otactl.txt", "cd /run; ", [this] { return posted(); });
+    expect_session("otactl.txt", "cd /run; ", Rows::BUILD_ON_EACH_OTHER, queue_);
 }
 
 TEST(HalTool, SessionAtTheShell) {
@@ -140,9 +139,8 @@ TEST(HalTool, SessionAtTheShell) {
 }
 
 TEST(HalTool, WritesToEitherStorageEndAsTheyDeserve) {
-    const auto nothing = [] { return ""; };
-    expect_session("flash.txt", "flash ", nothing, Rows::ARE_INDEPENDENT);
-    expect_session("upgrade_arguments.txt", "upgrade_arguments ", nothing, Rows::ARE_INDEPENDENT);
+    expect_session("flash.txt", "flash ", Rows::ARE_INDEPENDENT);
+    expect_session("upgrade_arguments.txt", "upgrade_arguments ", Rows::ARE_INDEPENDENT);
 }
 
 TEST(HalTool, ErasesABlockDevice) {
@@ -159,9 +157,8 @@ TEST(Slots, NoNameLeadsToACopyOfTheRunningSlot) {
     }
     for (const std::string shell : {"sh", "busybox ash"}) {
         const testing::ScopedTrace trace(__FILE__, __LINE__, shell);
-        expect_session(
-            "slots.txt", "shell=\"" + shell + "\"; conf=/run/slots/conf; slots ", [] { return ""; },
-            Rows::ARE_INDEPENDENT);
+        expect_session("slots.txt", "shell=\"" + shell + "\"; conf=/run/slots/conf; slots ",
+                       Rows::ARE_INDEPENDENT);
     }
 }
 
@@ -170,32 +167,27 @@ TEST(BootLoader, CountsStartsOfATrialAndFallsBack) {
     if (run("command -v fw_setenv")[0] != '0') {
         GTEST_SKIP() << "no tools for a boot environment here";
     }
-    expect_session(
-        "boot_loader.txt", "shell=\"busybox ash\"; boots ", [] { return ""; },
-        Rows::ARE_INDEPENDENT);
+    expect_session("boot_loader.txt", "shell=\"busybox ash\"; boots ", Rows::ARE_INDEPENDENT);
 }
 
 // The test publishes the log lines of the service, see cases/follow.txt.
 TEST_F(Otactl, FollowsToTheVerdict) {
     using Text = const std::string&;
+    using std::chrono::steady_clock;
     std::future<std::string> started;
-    std::chrono::steady_clock::time_point begin;
+    steady_clock::time_point begin;
     const auto running = [&started] {
         return started.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready;
     };
     const std::map<std::string, Step> steps = {
         {"open", [](Text, Text) { return Corvo_LogProducerInit(CORVO_LOG_MODULE_MASK), ""; }},
-        {"close",
-         [&](Text, Text) {
-             begin = std::chrono::steady_clock::now();
-             return Corvo_LogProducerUnInit(), "";
-         }},
+        {"close", [](Text, Text) { return Corvo_LogProducerUnInit(), ""; }},
         {"start",
          [&](Text first, Text rest) {
-             begin = std::chrono::steady_clock::now();
              started = std::async(std::launch::async, run, first + " " + rest);
              return "";
          }},
+        {"begin", [&](Text, Text) { return begin = steady_clock::now(), ""; }},
         {"publish",
          [](Text first, Text rest) {
              UPGRADE_LOG_AS("test", "%s %s", first.c_str(), rest.c_str());
@@ -212,20 +204,19 @@ TEST_F(Otactl, FollowsToTheVerdict) {
         {"takes",
          [&](Text, Text) {
              std::string request;
-             eventually(20000, [&] { return !(request = posted()).empty(); });
+             eventually(20000, [&] { return !(request = posted_request(queue_)).empty(); });
              return request.empty() ? "nothing" : request.substr(3);
          }},
-        {"posted", [&](Text, Text) { return "posted" + posted(); }},
+        {"posted", [&](Text, Text) { return "posted" + posted_request(queue_); }},
         {"unqueue", [&](Text, Text) { return msgctl(queue_, IPC_RMID, nullptr), ""; }},
         {"ends",
          [&](Text, Text) {
-             const std::string text =
-                 replaced(started.get(), R"((\d\d:){2}\S*|\d{10}\.\d{3};[^;]*;\d+)", "TIME");
-             return replaced(text, "[\r\033]", "^");
+             constexpr char STAMPS[] = R"((\d\d:){2}\S*|\d{10}\.\d{3};[^;]*;\d+)";
+             return replaced(replaced(started.get(), STAMPS, "TIME"), "[\r\033]", "^");
          }},
-        {"took",  // so many milliseconds since `start` or `close`
+        {"took",  // so many milliseconds since `begin`
          [&](Text least, Text most) {
-             const auto took = std::chrono::steady_clock::now() - begin;
+             const auto took = steady_clock::now() - begin;
              EXPECT_GE(took, std::chrono::milliseconds(std::stoi(least)));
              EXPECT_LE(took, std::chrono::milliseconds(std::stoi(most)));
              return "";

@@ -18,13 +18,12 @@ std::string run(const std::string& command) {
     return text;
 }
 
-void expect_session(const char* name, const std::string& before,
-                    const std::function<std::string()>& more, Rows rows) {
-    const auto typed = [&before, &more](std::istream& row) {
+void expect_session(const char* name, const std::string& before, Rows rows, int queue) {
+    const auto typed = [&before, queue](std::istream& row) {
         std::string said = without_source_lines(run(before + rest_of(row)));
         said = replaced(said, R"(there are [^)]*\))", "...)");
         return replaced(said, "(otactl|hal_tool|corvo_agent|corvo_commit): .*(?=.see --help)", "") +
-               more();
+               posted_request(queue);
     };
     expect_cases(name, typed, rows);
 }

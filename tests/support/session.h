@@ -7,12 +7,11 @@
 // Runs a shell command; returns its exit status and its lines of output, each after " / ".
 std::string run(const std::string& command);
 
-// Runs each row of cases/NAME as a command after `before`; `more` is appended to the row's result.
-// Of the error messages of the argument parser, only our hint is compared.
-void expect_session(
-    const char* name, const std::string& before,
-    const std::function<std::string()>& more = [] { return ""; },
-    Rows rows = Rows::BUILD_ON_EACH_OTHER);
+// Runs each row of cases/NAME as a command after `before`; a request that it posted to the queue is
+// appended to the row's result. Of the error messages of the argument parser, only our hint is
+// compared.
+void expect_session(const char* name, const std::string& before,
+                    Rows rows = Rows::BUILD_ON_EACH_OTHER, int queue = -1);
 
 // Does the steps of a row, which have " | " between them; returns what they print, with " / "
 // between, or "done". A step whose first word is in `known` calls that with its second word and the
