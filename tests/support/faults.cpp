@@ -84,8 +84,13 @@ int use_up_stack(int steps) {
     return steps == 0 ? 0 : use_up_stack(steps - 1) + frame[0];
 }
 
-// Counts the call and returns the fault that is set for it, with errno set. CRASH and OVERFLOW do
-// not return.
+[[noreturn]] void cut_power() {
+    kill(getpid(), SIGKILL);
+    abort();
+}
+
+// Counts the call and returns the fault that is set for it, with errno set. CRASH, OVERFLOW and CUT
+// do not return.
 Fault next(const char* call, int amount = 1) {
     const Fault met = met_by(call, amount);
     if (met.effect == CRASH) {
@@ -93,6 +98,9 @@ Fault next(const char* call, int amount = 1) {
     }
     if (met.effect == OVERFLOW) {
         use_up_stack(1 << 30);
+    }
+    if (met.effect == CUT) {
+        cut_power();
     }
     errno = met.effect > 0 ? met.effect : errno;
     return met;
@@ -102,19 +110,12 @@ bool fails(const char* call) {
     return next(call).effect > 0;
 }
 
-[[noreturn]] void cut_power() {
-    kill(getpid(), SIGKILL);
-    abort();
-}
-
 void change() {
     if (g_record_unflushed) {
         fputs("the outcome record is not flushed\n", stderr);
         abort();
     }
-    if (next("change").effect == CUT) {
-        cut_power();
-    }
+    next("change");
 }
 
 const char* real_path(const char* path) {
@@ -249,19 +250,21 @@ const char* Faults::opened() {
 
 // Defines the replacement of a call with this result type, parameters and arguments. `name`: the
 // name for its faults; `changes`: whether the call changes something outside of the process.
-#define CALL(result, symbol, name, failure, changes, parameters, arguments) \
-    result __real_##symbol parameters;                                      \
-    result __wrap_##symbol parameters {                                     \
-        if (changes) {                                                      \
-            change();                                                       \
-        }                                                                   \
-        return fails(name) ? (failure) : __real_##symbol arguments;         \
+#define CALL_AS(result, symbol, name, failure, changes, parameters, arguments) \
+    result __real_##symbol parameters;                                         \
+    result __wrap_##symbol parameters {                                        \
+        if (changes) {                                                         \
+            change();                                                          \
+        }                                                                      \
+        return fails(name) ? (failure) : __real_##symbol arguments;            \
     }
+#define CALL(result, symbol, failure, changes, parameters, arguments) \
+    CALL_AS(result, symbol, #symbol, failure, changes, parameters, arguments)
 // For calls with a variant for large files ("64"): both names, because C libraries use different
 // ones.
 #define CALL_BOTH(result, symbol, failure, changes, parameters, arguments) \
-    CALL(result, symbol, #symbol, failure, changes, parameters, arguments) \
-    CALL(result, symbol##64, #symbol, failure, changes, parameters, arguments)
+    CALL(result, symbol, failure, changes, parameters, arguments)          \
+    CALL_AS(result, symbol##64, #symbol, failure, changes, parameters, arguments)
 
 extern "C" {
 
@@ -277,25 +280,22 @@ int __wrap_fsync(int fd) {
     change();
     return fails("fsync") ? -1 : __real_fsync(fd);
 }
-CALL(int, fdatasync, "fdatasync", -1, true, (int fd), (fd))
-CALL(int, remove, "remove", -1, true, (const char* path), (path))
-CALL(int, msgctl, "msgctl", -1, true, (int id, int command, msqid_ds* data), (id, command, data))
-CALL(ssize_t, msgrcv, "msgrcv", -1, false, (int id, void* to, size_t size, long type, int flags),
+CALL(int, fdatasync, -1, true, (int fd), (fd))
+CALL(int, remove, -1, true, (const char* path), (path))
+CALL(int, msgctl, -1, true, (int id, int command, msqid_ds* data), (id, command, data))
+CALL(ssize_t, msgrcv, -1, false, (int id, void* to, size_t size, long type, int flags),
      (id, to, size, type, flags))
-CALL(int, socket, "socket", -1, false, (int domain, int type, int protocol),
-     (domain, type, protocol))
-CALL(int, connect, "connect", -1, false, (int fd, const sockaddr* address, socklen_t size),
-     (fd, address, size))
-CALL(int, bind, "bind", -1, true, (int fd, const sockaddr* address, socklen_t size),
-     (fd, address, size))
-CALL(int, listen, "listen", -1, true, (int fd, int backlog), (fd, backlog))
-CALL(int, accept4, "accept4", -1, false, (int fd, sockaddr* address, socklen_t* size, int flags),
+CALL(int, socket, -1, false, (int domain, int type, int protocol), (domain, type, protocol))
+CALL(int, connect, -1, false, (int fd, const sockaddr* peer, socklen_t size), (fd, peer, size))
+CALL(int, bind, -1, true, (int fd, const sockaddr* peer, socklen_t size), (fd, peer, size))
+CALL(int, listen, -1, true, (int fd, int backlog), (fd, backlog))
+CALL(int, accept4, -1, false, (int fd, sockaddr* address, socklen_t* size, int flags),
      (fd, address, size, flags))
-CALL(int, msgget, "msgget", -1, false, (key_t key, int flags), (key, flags))
-CALL(key_t, ftok, "ftok", -1, false, (const char* path, int project), (path, project))
-CALL(DIR*, opendir, "opendir", nullptr, false, (const char* path), (path))
-CALL(void*, calloc, "calloc", nullptr, false, (size_t count, size_t size), (count, size))
-CALL(int, pthread_create, "pthread_create", errno, false,
+CALL(int, msgget, -1, false, (key_t key, int flags), (key, flags))
+CALL(key_t, ftok, -1, false, (const char* path, int project), (path, project))
+CALL(DIR*, opendir, nullptr, false, (const char* path), (path))
+CALL(void*, calloc, nullptr, false, (size_t count, size_t size), (count, size))
+CALL(int, pthread_create, errno, false,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* given),
      (thread, attributes, body, given))
 
@@ -369,9 +369,7 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
 void __real_sync();
 void __wrap_sync() {
     change();
-    if (next("sync").effect == CUT) {
-        cut_power();
-    }
+    next("sync");
     __real_sync();
 }
 
@@ -383,9 +381,7 @@ int __wrap_usleep(unsigned microseconds) {
 }
 
 unsigned __wrap_sleep(unsigned seconds) {
-    if (next("sleep", static_cast<int>(seconds)).effect == CUT) {
-        cut_power();
-    }
+    next("sleep", static_cast<int>(seconds));
     __real_usleep(seconds * 1000);
     return 0;
 }

@@ -4,8 +4,9 @@
 
 namespace {
 
-const std::string NAMES = "/dev/block/by-name/";
-const std::string RUNNING = "/dev/block/running/";
+const std::string BLOCK_DEVICES = "/dev/block/";
+const std::string NAMES = BLOCK_DEVICES + "by-name/";
+const std::string RUNNING = BLOCK_DEVICES + "running/";
 
 std::mutex g_mutex;
 std::vector<std::string> g_commands;
@@ -70,25 +71,16 @@ std::vector<std::string> Camera::partitions() {
 }
 
 void Camera::make_two_copies() {
-    static std::map<std::string, std::string> links;
-    if (links.empty()) {
-        ASSERT_EQ(0, system("sh " TEXTS "support/two_copies.sh A dtb kernel rootfs system"));
-        for (const std::string& folder : {NAMES, RUNNING}) {
-            for (const auto& file : std::filesystem::directory_iterator(folder)) {
-                if (file.is_symlink()) {
-                    links[file.path()] = std::filesystem::read_symlink(file.path());
-                }
-            }
-        }
-        return;
-    }
     // Starting the script again would take longer than many an upgrade.
-    std::filesystem::create_directory(RUNNING);
-    for (const auto& [link, copy] : links) {
-        write_file(copy, std::string(PARTITION_SIZE, 'o'));
-        remove(link.c_str());
-        std::filesystem::create_symlink(copy, link);
+    constexpr char RESULT_OF_THE_SCRIPT[] = "/tmp/two_copies";
+    constexpr auto WITH_LINKS =
+        std::filesystem::copy_options::recursive | std::filesystem::copy_options::copy_symlinks;
+    if (!std::filesystem::exists(RESULT_OF_THE_SCRIPT)) {
+        ASSERT_EQ(0, system("sh " TEXTS "support/two_copies.sh A dtb kernel rootfs system"));
+        std::filesystem::copy(BLOCK_DEVICES, RESULT_OF_THE_SCRIPT, WITH_LINKS);
     }
+    std::filesystem::remove_all(BLOCK_DEVICES);
+    std::filesystem::copy(RESULT_OF_THE_SCRIPT, BLOCK_DEVICES, WITH_LINKS);
 }
 
 bool Camera::running_copies_untouched() {
@@ -189,9 +181,7 @@ Outcome Camera::finish() {
     pid_t ended = 0;
     eventually(60000, [&] { return (ended = waitpid(pid_, &status, WNOHANG)) != 0; });
     EXPECT_NE(ended, 0) << "the service hangs";
-    if (ended != 0) {
-        pid_ = -1;
-    }
+    pid_ = ended != 0 ? -1 : pid_;
     outcome.ended = ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     EXPECT_TRUE(outcome.ended || !WIFEXITED(status)) << "exit status " << WEXITSTATUS(status);
     outcome.text = console();
