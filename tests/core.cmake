@@ -1,5 +1,5 @@
 corvo_test(log_test SOURCES log_test.cpp LINK log otactl_parts PkgConfig::NANOMSG
-           WRAP nn_socket nn_allocmsg nn_send gettimeofday usleep)
+           WRAP nn_socket nn_allocmsg nn_send gettimeofday)
 target_include_directories(log_test PRIVATE ${PROJECT_SOURCE_DIR}/src/log)
 
 corvo_test(dbus_test SOURCES dbus_test.cpp LINK test_faults dbus)

@@ -20,22 +20,8 @@ REFUSABLE(void*, nn_allocmsg, nullptr, (size_t size, int type), (size, type))
 REFUSABLE(int, nn_send, -1, (int socket, const void* data, size_t size, int flags),
           (socket, data, size, flags))
 
-static unsigned g_slept_us = 0;  // duration of the last call
-
-extern "C" int __real_usleep(unsigned microseconds);
-extern "C" int __wrap_usleep(unsigned microseconds) {
-    g_slept_us = microseconds;
-    return __real_usleep(microseconds);
-}
-
-static const timeval* g_clock_reads = nullptr;  // simulated wall clock; null: the real one
-
-extern "C" int __real_gettimeofday(timeval* now, void* zone);
-extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
-    if (g_clock_reads == nullptr) {
-        return __real_gettimeofday(now, zone);
-    }
-    *now = *g_clock_reads;
+extern "C" int __wrap_gettimeofday(timeval* now, void* /*zone*/) {
+    *now = {.tv_sec = 1800000000, .tv_usec = 45999};  // 15 January 2027, 8:00 UTC
     return 0;
 }
 
@@ -52,30 +38,24 @@ std::string printed(uint32_t level, uint32_t mask, const std::string& text) {
 TEST(Log, LineHasStampFieldsTextAndNewline) {
     setenv("TZ", "XYZ-5:45", 1);
     tzset();
-    constexpr timeval NOW = {.tv_sec = 1800000000, .tv_usec = 45999};  // 15 January 2027, 8:00 UTC
-    g_clock_reads = &NOW;
     CapturedOutput output;
     Corvo_LogPrint(4, 3, CORVO_LOG_PREFIX "count %d", "main", 120, 0x0D737001U, 4, 7);
     EXPECT_EQ(output.take(), "0115134500.045;main;120;0d737001;4;count 7\n");
-    g_clock_reads = nullptr;
     const std::string longest = printed(3, LOG_OUTPUT_CONSOLE, std::string(600, 'x'));
     EXPECT_EQ(longest.size(), 509U);
     EXPECT_TRUE(longest.ends_with("xx\n"));
 }
 
 TEST(Log, ThresholdMaskAndGateDecideWhatIsPrinted) {
-    const auto passes = [](uint32_t level, uint32_t mask) {
-        return !printed(level, mask, "").empty();
-    };
-    EXPECT_FALSE(passes(2, LOG_OUTPUT_CONSOLE));
-    EXPECT_TRUE(passes(3, LOG_OUTPUT_CONSOLE));
-    EXPECT_FALSE(passes(4, LOG_OUTPUT_AUX));
+    EXPECT_EQ(printed(2, LOG_OUTPUT_CONSOLE, "x"), "");
+    EXPECT_NE(printed(3, LOG_OUTPUT_CONSOLE, "x"), "");
+    EXPECT_EQ(printed(4, LOG_OUTPUT_AUX, "x"), "");
     CapturedOutput output;
     Corvo_SetLogLevel(2);
     Corvo_SetLogOutputForceInit(1);
-    EXPECT_FALSE(passes(4, LOG_OUTPUT_CONSOLE)) << "the gate is shut";
+    EXPECT_EQ(printed(4, LOG_OUTPUT_CONSOLE, "x"), "") << "the gate is shut";
     Corvo_SetLogCentorWorkingFlag(1);
-    EXPECT_TRUE(passes(2, LOG_OUTPUT_CONSOLE));
+    EXPECT_NE(printed(2, LOG_OUTPUT_CONSOLE, "x"), "");
     Corvo_SetLogLevel(LOG_LEVEL_ORDINARY);
     EXPECT_EQ(
         output.take(),
@@ -90,8 +70,10 @@ TEST(Log, SubscriberReceivesTheExactRecordInOrder) {
     ASSERT_TRUE(subscriber.open("ipc:///tmp/corvo_log_pub_ipc010", record)) << record;
     usleep(50000);  // the first attempt to connect fails
     // With several bits the highest one counts: 768 is module 10, like 512.
+    const auto begin = std::chrono::steady_clock::now();
     ASSERT_EQ(Corvo_LogProducerInit(768), LOG_PRODUCER_OK);
-    EXPECT_EQ(g_slept_us, 100000U) << "subscribers connect meanwhile";
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100))
+        << "subscribers connect meanwhile";
     EXPECT_EQ(Corvo_LogProducerInit(512), LOG_PRODUCER_ALREADY_OPEN);
     ASSERT_TRUE(subscriber.wait_connected(500)) << "it tries much more often";
     const std::string line = std::string(38, 'a') + '\n' + '\0';
@@ -126,11 +108,6 @@ TEST(Log, RefusedCallsAndArgumentsAreCodes) {
     EXPECT_EQ(open_descriptors(), descriptors);
     remove("/tmp/corvo_log_pub_ipc010");
     char text[32] = "";
-    void* nothing = nullptr;
-    EXPECT_EQ(KT_mmcSocket(nullptr), LOG_PRODUCER_MISSING_ARGUMENT);
-    EXPECT_EQ(KT_mmcSendMsg(0, &nothing), LOG_PRODUCER_NULL_MESSAGE);
-    EXPECT_EQ(KT_mmcTopicMsgSize("topic", 1, nullptr), LOG_PRODUCER_MISSING_ARGUMENT);
-    EXPECT_EQ(KT_mmcPutTopic(nullptr, text, 1), LOG_PRODUCER_MISSING_ARGUMENT);
     EXPECT_EQ(KT_mmcPutTopic("topic", text, 5), LOG_PRODUCER_BUFFER_TOO_SMALL);
     ts_format_log(text, 23);
     EXPECT_STREQ(text, "");
