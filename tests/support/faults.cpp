@@ -20,6 +20,7 @@
 #include <iterator>
 
 #include "base/ignore_result.h"
+#include "base/monotonic_clock.h"
 #include "base/scoped_lock.h"
 #include "base/unique_fd.h"
 
@@ -45,12 +46,13 @@ Counter g_counters[32];
 char g_opened[4096];
 char g_waits[512];
 
-// A byte that the storage loses. Reads return the wrong byte only after the page cache was dropped.
-struct WeakByte {
+struct Place {
     char path[64];
     off_t at;
 };
-WeakByte g_weak_bytes[16];
+// The first byte that the storage loses. Reads return the wrong byte only after the page cache was
+// dropped.
+Place g_weak_byte;
 
 thread_local bool g_record_unflushed = false;
 
@@ -126,8 +128,8 @@ const char* real_path(const char* path) {
 }
 
 // Returns the descriptor's file and its position in it.
-WeakByte place_of(int fd) {
-    WeakByte place = {};
+Place place_of(int fd) {
+    Place place = {};
     char link[32];
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
     corvo::ignore_result(readlink(link, place.path, sizeof(place.path) - 1));
@@ -142,7 +144,7 @@ bool is_record(int fd) {
 // Returns whether these are image data for a partition. Aborts if image data or the outcome record
 // are not written synchronously.
 bool is_image(int fd, const char* data, size_t size) {
-    const WeakByte target = place_of(fd);
+    const Place target = place_of(fd);
     // Erasing writes zeros.
     const bool image = (strstr(target.path, "/dev/block/") == target.path ||
                         strstr(target.path, "/dev/mtd") == target.path) &&
@@ -154,26 +156,15 @@ bool is_image(int fd, const char* data, size_t size) {
     return image;
 }
 
-// Notes that the storage loses the last one of the bytes that are written next.
-void add_weak_byte(int fd, size_t size) {
-    WeakByte* const unused = std::find_if(std::begin(g_weak_bytes), std::end(g_weak_bytes) - 1,
-                                          [](const WeakByte& each) { return each.path[0] == 0; });
-    *unused = place_of(fd);
-    unused->at += static_cast<off_t>(size) - 1;
-}
-
 // Drops the page cache: reads of the descriptor's file now return the content of the storage.
 void drop_cache(int fd) {
-    const WeakByte dropped = place_of(fd);
-    for (WeakByte& weak : g_weak_bytes) {
-        if (strcmp(weak.path, dropped.path) == 0) {
-            const corvo::UniqueFd file(__real_open64(weak.path, O_RDWR | O_CLOEXEC, 0));
-            char byte = 0;
-            corvo::ignore_result(pread(file.get(), &byte, 1, weak.at));
-            byte = static_cast<char>(byte ^ 1);
-            corvo::ignore_result(pwrite(file.get(), &byte, 1, weak.at));
-            weak = {};
-        }
+    if (strcmp(g_weak_byte.path, place_of(fd).path) == 0) {
+        const corvo::UniqueFd file(__real_open64(g_weak_byte.path, O_RDWR | O_CLOEXEC, 0));
+        char byte = 0;
+        corvo::ignore_result(pread(file.get(), &byte, 1, g_weak_byte.at));
+        byte = static_cast<char>(byte ^ 1);
+        corvo::ignore_result(pwrite(file.get(), &byte, 1, g_weak_byte.at));
+        g_weak_byte = {};
     }
 }
 
@@ -356,8 +347,10 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
     }
     const size_t moved = met.effect == SHORT ? std::min(met.count, size) : size;
     memcpy(stored, data, moved);
-    if (is_image(fd, stored, moved) && next("image").effect == FLIP) {
-        add_weak_byte(fd, moved);
+    if (is_image(fd, stored, moved) && next("image").effect == FLIP &&
+        g_weak_byte.path[0] == '\0') {
+        g_weak_byte = place_of(fd);
+        g_weak_byte.at += static_cast<off_t>(moved) - 1;
     }
     g_record_unflushed = g_record_unflushed || is_record(fd);
     if (devices.write != nullptr) {
@@ -414,9 +407,7 @@ int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* deadline);
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline) {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const int64_t nowMs = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    const int64_t nowMs = corvo::monotonic_ms();
     int64_t endMs = int64_t{deadline->tv_sec} * 1000 + deadline->tv_nsec / 1000000;
     note_wait(endMs - nowMs);
     const Fault met = next("pthread_cond_timedwait");
