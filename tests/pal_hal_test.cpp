@@ -52,6 +52,7 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     EXPECT_EQ(read_file(BY_NAME + "kernel"), "old");
     EXPECT_EQ(flash_mmc_write_sector_partition("kernel", "", 1, UINT_MAX), -1);
     EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, nullptr, 0, 1), FLASH_OK);
+    EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, "", 0, 1), FLASH_NO_DEVICE);
     write_file("/tmp/proc_mtd", "mtd7: 1 1 \"dtb\"");
     write_file("/dev/mtd7", "");
     devices.ioctl = [](int, unsigned long, void*) { return 0; };
@@ -81,9 +82,7 @@ TEST(Ota, SlotSwitchRunsTheScriptOfTheOtherSlot) {
 TEST(Ota, OperationsWaitForEachOther) {
     g_slow_query = 1;
     std::thread holder([] { PAL_OTA_AB_SWITCH(0, 0); });
-    while (g_slow_query == 1) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(eventually(10000, [] { return g_slow_query == 2; }));
     EXPECT_EQ(PAL_OTA_Init(), 0);
     EXPECT_EQ(g_slow_query, 3);
     holder.join();

@@ -134,11 +134,8 @@ TEST_F(Otactl, SessionAtTheShell) {
     expect_session("otactl.txt", "cd /run; ", Rows::BUILD_ON_EACH_OTHER, queue_);
 }
 
-TEST(HalTool, SessionAtTheShell) {
-    expect_session("hal_tool.txt", "cd /dev/block/by-name; ");
-}
-
 TEST(HalTool, WritesToEitherStorageEndAsTheyDeserve) {
+    expect_session("hal_tool.txt", "cd /dev/block/by-name; ");
     expect_session("flash.txt", "flash ", Rows::ARE_INDEPENDENT);
     expect_session("upgrade_arguments.txt", "upgrade_arguments ", Rows::ARE_INDEPENDENT);
 }

@@ -66,9 +66,10 @@ void expect_others_refused(Outcome& outcome, const OtaMessage& message,
     const auto is_other = [](const std::string& line) {
         return !contains(line, "no find upgrade type:");
     };
-    const auto refusals = std::ranges::stable_partition(outcome.lines, is_other);
-    const Lines said(refusals.begin(), refusals.end());
-    outcome.lines.resize(outcome.lines.size() - said.size());
+    const auto refusals =
+        std::stable_partition(outcome.lines.begin(), outcome.lines.end(), is_other);
+    const Lines said(refusals, outcome.lines.end());
+    outcome.lines.erase(refusals, outcome.lines.end());
     wanted.resize(contains(outcome.text, "UGRADE_SUCCESS") ? wanted.size() : said.size());
     EXPECT_EQ(said, wanted);
 }
@@ -97,10 +98,7 @@ struct Upgrade : testing::Test {
             } else if (key == "count") {
                 message.moduleCount = number;
             } else if (key == "record") {
-                write_file(OTA_DATA_PATH, std::string(1, '\0') + static_cast<char>(number / 10) +
-                                              std::string(3, '\0') +
-                                              static_cast<char>(number % 10) +
-                                              std::string("\0+", 2));
+                write_file(OTA_DATA_PATH, std::string("\0\2\0\0\0\6\0+", 8));
             } else if (key == "weak") {
                 faults = {{"image", number, FLIP}};
             } else if (key[0] == '/') {

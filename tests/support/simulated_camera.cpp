@@ -179,8 +179,8 @@ Outcome Camera::finish() {
     Outcome outcome;
     int status = 0;
     pid_t ended = 0;
-    eventually(60000, [&] { return (ended = waitpid(pid_, &status, WNOHANG)) != 0; });
-    EXPECT_NE(ended, 0) << "the service hangs";
+    EXPECT_TRUE(eventually(60000, [&] { return (ended = waitpid(pid_, &status, WNOHANG)) != 0; }))
+        << "the service hangs";
     pid_ = ended != 0 ? -1 : pid_;
     outcome.ended = ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     EXPECT_TRUE(outcome.ended || !WIFEXITED(status)) << "exit status " << WEXITSTATUS(status);
