@@ -134,7 +134,8 @@ struct Upgrade : testing::Test {
             std::string source = "spoilt";
             for (const auto& [file, bytes] : files) {
                 const size_t at = bytes.find(image);
-                source = at == bytes.npos ? source : file + "+" + std::to_string(at);
+                const std::string place = std::string(file).append("+").append(std::to_string(at));
+                source = at == bytes.npos ? source : place;
             }
             text << " " << row.partitionName << "=" << source << ":" << image.size();
         }
