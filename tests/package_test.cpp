@@ -151,7 +151,7 @@ TEST_F(SignedPackage, IsNotTakenWhenMemoryIsShort) {
     ASSERT_NE("", posted());
     const long all = std::stol(read_file("/tmp/allocations"));
     for (long most = 1; most < all; most += 1 + all / 150) {
-        const std::string said = run(BEFORE + ("ALLOCATIONS=" + std::to_string(most) + " " + send));
+        std::string said = run(BEFORE + ("ALLOCATIONS=" + std::to_string(most) + " " + send));
         const std::string request = posted();
         if (said.starts_with("0 ")) {
             // Success is allowed only if nearly all allocations had succeeded.
@@ -159,6 +159,11 @@ TEST_F(SignedPackage, IsNotTakenWhenMemoryIsShort) {
             continue;
         }
         EXPECT_EQ("", request) << most << ": " << said;
+        // The shortage may begin after the signature was accepted.
+        const size_t accepted = said.find(" / R5C20");
+        if (accepted != std::string::npos) {
+            said.erase(accepted, said.find(" / ", accepted + 1) - accepted);
+        }
         EXPECT_EQ(said.find(" / "), said.rfind(" / ")) << "more than one line: " << said;
     }
 }

@@ -6,6 +6,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <exception>
@@ -35,10 +36,16 @@ inline std::optional<int> parse_command_line(CLI::App& app, int argc, char** arg
 }
 
 // Runs a program's body with all three standard descriptors open. An exception, which means that
-// memory or threads ran out, is also reported as one line.
+// memory or threads ran out, is also reported as one line, even where it cannot be caught.
 template <typename Body>
 int run_guarded(const char* program, Body body) {
     corvo::occupy_standard_descriptors();
+    // CLI11 allocates in functions that it declares noexcept.
+    static const char* name = program;
+    std::set_terminate([] {
+        fprintf(stderr, "%s: out of memory\n", name);
+        _exit(EXIT_FAILURE);
+    });
     try {
         return body();
     } catch (const std::bad_alloc&) {
