@@ -347,6 +347,10 @@ TEST(Record, SurvivesWrapsAndTornCopiesAndIsReadAcrossVersions) {
         EXPECT_EQ('A', read.committed) << i;
         camera.copies[1] = whole;
     }
+    camera.copies[0] = camera.copies[1] = "garbage";
+    EXPECT_EQ(RECORD_CORRUPT, load_record(storage, read));
+    EXPECT_EQ(RECORD_OK, store_record(storage, {.phase = Phase::COMMITTED, .committed = 'B'}));
+    EXPECT_EQ(RECORD_OK, load_record(storage, read));
     // A later version has appended fields.
     put(0, 'B', 7);
     std::string later = camera.copies[0].substr(0, whole.size() - 4);

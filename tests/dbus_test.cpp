@@ -135,7 +135,11 @@ TEST_F(Dbus, ConcurrentCallersGetTheirOwnReplies) {
         }));
     }
     for (std::future<bool>& caller : callers) {
-        ASSERT_TRUE(caller.wait_until(limit) == std::future_status::ready && caller.get());
+        if (caller.wait_until(limit) != std::future_status::ready) {
+            ADD_FAILURE() << "a caller hangs";  // the end of the test would wait for it
+            abort();
+        }
+        EXPECT_TRUE(caller.get());
     }
 }
 
@@ -393,6 +397,18 @@ TEST_F(Dbus, SignalsReachTheirHandler) {
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &none, 1), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Pop(client, &none, &none), DBUS_INVALID_ARGUMENT);
     EXPECT_EQ(SystemCall_Dbus_Method_Msg_Push(client, &none), DBUS_OK);
+    const auto guarded = {SystemCall_Dbus_Send_Signal(nullptr, "d", "s", "", 0),
+                          SystemCall_Dbus_Call_Method(nullptr, "d", "m", "", 0, nullptr, 0, 1),
+                          SystemCall_Dbus_Method_Msg_Push(client, nullptr),
+                          SystemCall_Dbus_Method_Msg_Result(client, nullptr),
+                          SystemCall_Dbus_Method_Msg_Pop(client, nullptr, &none),
+                          SystemCall_Dbus_Method_Msg_Pop(client, &none, nullptr)};
+    EXPECT_EQ(std::vector<int32_t>(guarded), std::vector<int32_t>(6, DBUS_INVALID_ARGUMENT));
+    EXPECT_EQ(Dbus_Lock(nullptr), DBUS_LOCK_NULL);
+    EXPECT_EQ(Dbus_UnLock(nullptr), DBUS_UNLOCK_NULL);
+    Dbus_Lock(client);
+    EXPECT_EQ(pthread_mutex_trylock(&client->lock), EBUSY);
+    Dbus_UnLock(client);
     other.id = 1;
     EXPECT_EQ(SystemCall_Dbus_Method_Wait(client, &other, 1), DBUS_NOT_PENDING);
     const auto begin = steady_clock::now();  // 999 ms nearly always reach into the next second

@@ -108,6 +108,12 @@ TEST(Log, RefusedCallsAndArgumentsAreCodes) {
     EXPECT_EQ(open_descriptors(), descriptors);
     remove("/tmp/corvo_log_pub_ipc010");
     char text[32] = "";
+    void* nothing = nullptr;
+    const auto guarded = {KT_mmcSocket(nullptr), KT_mmcTopicMsgSize("topic", 1, nullptr),
+                          KT_mmcPutTopic(nullptr, text, 1), KT_mmcPutTopic("topic", nullptr, 9)};
+    EXPECT_EQ(std::vector<uint32_t>(guarded),
+              std::vector<uint32_t>(4, LOG_PRODUCER_MISSING_ARGUMENT));
+    EXPECT_EQ(KT_mmcSendMsg(0, &nothing), LOG_PRODUCER_NULL_MESSAGE);
     EXPECT_EQ(KT_mmcPutTopic("topic", text, 5), LOG_PRODUCER_BUFFER_TOO_SMALL);
     ts_format_log(text, 23);
     EXPECT_STREQ(text, "");

@@ -41,15 +41,21 @@ TEST(Hal, GuardsAgainstNullAndOpensForReadingOnly) {
     CapturedOutput output;
     EXPECT_EQ(PAL_OTA_OpenPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
     EXPECT_TRUE(output.take().ends_with("PAL_OTA 10 4 Param invalid\n"));
-    EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, nullptr), 2);
-    for (const uint32_t storageType : {STORAGE_TYPE_MIN - 1, STORAGE_TYPE_MAX + 1}) {
-        EXPECT_EQ(PAL_OTA_OpenPartition("kernel", 0, storageType, &fd), 2);
-    }
-    EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, nullptr, "/none", STORAGE_TYPE_MMC), 2);
-    EXPECT_EQ(PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, "kernel", nullptr, STORAGE_TYPE_MMC), 2);
-    EXPECT_EQ(PAL_OTA_UpgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC), 2);
-    EXPECT_EQ(AXERA_OTA_INTERFACE.openPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd), 2);
+    const HalOtaInterface& ota = AXERA_OTA_INTERFACE;
+    const auto guarded = {
+        PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MMC, nullptr),
+        PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MIN - 1, &fd),
+        PAL_OTA_OpenPartition("kernel", 0, STORAGE_TYPE_MAX + 1, &fd),
+        PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, nullptr, "/none", STORAGE_TYPE_MMC),
+        PAL_OTA_Upgrade(MODULE_TYPE_KERNEL, "kernel", nullptr, STORAGE_TYPE_MMC),
+        PAL_OTA_UpgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC),
+        ota.upgradeByOffset(MODULE_TYPE_KERNEL, nullptr, "", 0, 1, STORAGE_TYPE_MMC),
+        ota.openPartition(nullptr, 0, STORAGE_TYPE_MMC, &fd),
+        ota.openPartition("kernel", O_RDWR, STORAGE_TYPE_MMC, &fd),
+        ota.erasePartition(nullptr, STORAGE_TYPE_MMC)};
+    EXPECT_EQ(std::vector<int32_t>(guarded), std::vector<int32_t>(10, 2));
     EXPECT_EQ(read_file(BY_NAME + "kernel"), "old");
+    EXPECT_EQ(NV_INTERFACE.init() + NV_INTERFACE.deinit(), 0);
     EXPECT_EQ(flash_mmc_write_sector_partition("kernel", "", 1, UINT_MAX), -1);
     EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, nullptr, 0, 1), FLASH_OK);
     EXPECT_EQ(flash_mtd_erase_write_partition_by_offset(nullptr, "", 0, 1), FLASH_NO_DEVICE);

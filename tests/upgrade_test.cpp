@@ -168,7 +168,14 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     OtaMessage tooMany = Camera::request(1, {});
     tooMany.moduleCount = OTA_MSG_MAX_MODULES + 1;
     memcpy(tooMany.packageFile, &KERNEL, sizeof(KERNEL));  // follows the array of types
-    EXPECT_EQ(OTA_CheckNeedUpgrade(OTA_LumoFindModuleByMoudleType(KERNEL), &tooMany), OTA_FAILED);
+    const OtaPackageEntry* const kernel = OTA_LumoFindModuleByMoudleType(KERNEL);
+    const OtaMessage none = Camera::request(1, {});
+    uint64_t offset = 0;
+    const auto refused = {OTA_CheckNeedUpgrade(kernel, &tooMany),
+                          OTA_CheckNeedUpgrade(nullptr, nullptr),
+                          get_partition_info_by_msg(kernel, &none, &offset, &offset),
+                          get_partition_info_by_msg(nullptr, nullptr, nullptr, nullptr)};
+    EXPECT_EQ(std::vector<int32_t>(refused), std::vector<int32_t>(4, OTA_FAILED));
 }
 
 TEST(ReadBack, PartitionThatEndsBeforeTheImageDiffers) {
