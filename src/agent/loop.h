@@ -2,7 +2,6 @@
 #ifndef AGENT_LOOP_H
 #define AGENT_LOOP_H
 
-#include "agent/agent_result.h"
 #include "agent/settings.h"
 #include "agent/sleep.h"
 #include "package/certificates.h"

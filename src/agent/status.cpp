@@ -11,8 +11,8 @@
 
 #include "agent/action.h"
 #include "agent/attributes.h"
+#include "agent/check_settings.h"
 #include "agent/json_text.h"
-#include "agent/stored_file.h"
 #include "base/replace_file.h"
 #include "cli/error_line.h"
 #include "package/files.h"

@@ -1,5 +1,4 @@
 #include <errno.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include <array>

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string_view>
 
 #include "agent/json_text.h"
 #include "agent/settings.h"

@@ -1,7 +1,6 @@
 #include "agent/agent.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "agent/check_settings.h"
 #include "base/owned.h"
 #include "cli/error_line.h"
 
@@ -16,6 +16,8 @@ namespace {
 
 constexpr uint64_t MS_PER_S = 1000;
 constexpr long NS_PER_MS = 1000000;
+// After so many statuses of an action, reasons for waiting are no longer sent.
+constexpr uint32_t WAITING_STATUSES_MAX = 100;
 
 // Whether the entry is one of the files or a temporary file of its download ("NAME.part...").
 bool belongs_to(const std::string& entry, const std::vector<OfferedFile>& files) {

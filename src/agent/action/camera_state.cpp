@@ -1,7 +1,6 @@
 #include "agent/camera_state.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <string.h>
@@ -11,11 +10,11 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 
 #include "command_runner/command_runner.h"
 #include "ota/ota_data.h"
-#include "ota/ota_message.h"
 #include "package/content.h"
 #include "package/files.h"
 #include "package/modules.h"

@@ -1,8 +1,5 @@
 #include "agent/procedure.h"
 
-#include <stdio.h>
-#include <time.h>
-
 #include <algorithm>
 #include <utility>
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "agent/camera_state.h"
+#include "agent/check_settings.h"
 #include "agent/judge.h"
 #include "base/monotonic_clock.h"
 #include "fetch.h"

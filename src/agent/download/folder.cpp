@@ -4,12 +4,10 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 
 #include "agent/stored_file.h"
 #include "base/open_without_links.h"

@@ -1,4 +1,4 @@
-// The state of the agent's process, and what all steps of its procedure do with it.
+// The state of the agent's process, and the functions that all steps of its procedure share.
 #ifndef AGENT_AGENT_H
 #define AGENT_AGENT_H
 
@@ -10,16 +10,15 @@
 
 #include "agent/action.h"
 #include "agent/agent_result.h"
-#include "agent/check_settings.h"
+#include "agent/folder.h"
 #include "agent/server.h"
+#include "agent/settings.h"
 #include "package/certificates.h"
 #include "package/content.h"
 
 // Maximum number of statuses that are sent for one action. The server stores 1000; the rest is kept
 // free for the result.
 constexpr uint32_t STATUSES_MAX = 900;
-// After so many statuses of an action, reasons for waiting are no longer sent.
-constexpr uint32_t WAITING_STATUSES_MAX = 100;
 
 // The value of `Waiting::reason` until a person on the camera has confirmed or denied the update.
 constexpr char WAITS_FOR_CONSENT[] = "consent";

@@ -5,10 +5,8 @@
 
 #include <stdint.h>
 
-#include <functional>
 #include <string>
 
-#include "agent/agent_result.h"
 #include "package/manifest.h"
 #include "package/status.h"
 

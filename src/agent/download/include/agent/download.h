@@ -14,7 +14,6 @@
 #include <stdint.h>
 
 #include <functional>
-#include <string>
 
 #include "agent/agent_result.h"
 #include "agent/ddi.h"

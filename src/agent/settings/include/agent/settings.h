@@ -7,7 +7,6 @@
 #ifndef AGENT_SETTINGS_H
 #define AGENT_SETTINGS_H
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include <array>

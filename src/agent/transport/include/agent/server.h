@@ -7,10 +7,7 @@
 #ifndef AGENT_SERVER_H
 #define AGENT_SERVER_H
 
-#include <stdint.h>
-
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 
