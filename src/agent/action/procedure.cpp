@@ -9,6 +9,7 @@
 #include "cli/error_line.h"
 #include "fetch.h"
 #include "offer.h"
+#include "restart.h"
 #include "result.h"
 #include "upgrade.h"
 
@@ -263,7 +264,10 @@ AgentStatus close_action(Agent& agent, bool offered, bool& again) {
     if (!is_first_answer(agent, "result " + agent.action.id)) {
         return {};
     }
-    AgentStatus status = deliver_result(agent, offered);
+    AgentStatus status = recheck_success(agent);
+    if (status.ok()) {
+        status = deliver_result(agent, offered);
+    }
     again = status.ok();
     return status;
 }

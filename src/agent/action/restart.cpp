@@ -96,6 +96,9 @@ AgentStatus judge_restart(Agent& agent) {
 }
 
 AgentStatus recheck_success(Agent& agent) {
+    if (!agent.action.succeeded || agent.action.bootId == agent.camera.bootId) {
+        return {};
+    }
     Manifest manifest;
     std::string wrong = parse_manifest(agent.action.manifest, manifest).text;
     if (wrong.empty()) {
@@ -109,6 +112,8 @@ AgentStatus recheck_success(Agent& agent) {
         return stopped();
     }
     if (wrong.empty()) {
+        agent.action.bootId = agent.camera.bootId;
+        agent.camera.runningManifest = manifest_digest(agent.action);
         return {};
     }
     return finish_action(agent, false,

@@ -9,9 +9,9 @@
 // agent waits for the card. Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus judge_restart(Agent& agent);
 
-// For a success that was found before the last restart of the camera: checks that the new system
-// still runs. If not, the result becomes a failure. Returns AGENT_OK, AGENT_STORAGE or
-// AGENT_STOPPED.
+// To be called before a result is sent. If it is a success that was found before the last restart
+// of the camera, checks that the new system still runs. If not, the result becomes a failure.
+// Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus recheck_success(Agent& agent);
 
 #endif  // AGENT_RESTART_H

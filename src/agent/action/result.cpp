@@ -8,7 +8,6 @@
 #include "package/content.h"
 #include "package/files.h"
 #include "package/manifest.h"
-#include "restart.h"
 
 namespace {
 
@@ -53,7 +52,7 @@ AgentStatus finish_action(Agent& agent, bool succeeded, const std::string& messa
     agent.action.stage = ACTION_RESULT;
     agent.action.succeeded = succeeded;
     agent.action.message = message;
-    // A success is valid until the camera restarts; deliver_result() then checks it again.
+    // A success is valid until the camera restarts; recheck_success() then checks it again.
     agent.action.bootId = agent.camera.bootId;
     agent.delivery.lastFailed = !succeeded;
     find_manifest_digest(agent);
@@ -109,16 +108,6 @@ AgentStatus deliver_result(Agent& agent, bool offered) {
         }
         agent.delivery.isUnstored = false;
         remove_unused_files(agent);
-    }
-    if (agent.action.succeeded && agent.action.bootId != agent.camera.bootId) {
-        AgentStatus status = recheck_success(agent);
-        if (!status.ok()) {
-            return status;
-        }
-        if (agent.action.succeeded) {
-            agent.action.bootId = agent.camera.bootId;
-            agent.camera.runningManifest = manifest_digest(agent.action);
-        }
     }
     agent.delivery.lastFailed = !agent.action.succeeded;
     AgentStatus status = agent.server.send_feedback(
