@@ -163,7 +163,7 @@ AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
     for (int answers = 1; status.result == AGENT_MALFORMED && answers < UNEXPECTED_ANSWERS_MAX;
          ++answers) {
         if (!wait_ms(agent, UNEXPECTED_PAUSE_MS)) {
-            return agent_fault(AGENT_STOPPED, "asked to stop");
+            return agent_stopped();
         }
         status = request_file(agent, fetching, file, content);
     }
@@ -295,7 +295,7 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
     std::string wrong;
     const bool fit = camera_is_fit(agent.settings.fitnessCommand, wrong);
     if (agent.stop) {
-        return agent_fault(AGENT_STOPPED, "");  // the signal may have killed the fitness command
+        return agent_stopped();  // the signal may have killed the fitness command
     }
     if (!fit) {
         wait_for(agent, wrong);

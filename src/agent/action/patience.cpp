@@ -37,7 +37,3 @@ bool wait_for_card(const Agent& agent) {
 bool is_final(const PackageStatus& status) {
     return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING;
 }
-
-AgentStatus stopped() {
-    return agent_fault(AGENT_STOPPED, "");
-}

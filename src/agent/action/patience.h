@@ -29,7 +29,4 @@ bool wait_for_card(const Agent& agent);
 // Whether the result is final. A file or device that is missing or unreadable may appear later.
 bool is_final(const PackageStatus& status);
 
-// Returns AGENT_STOPPED.
-AgentStatus stopped();
-
 #endif  // AGENT_PATIENCE_H

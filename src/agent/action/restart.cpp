@@ -59,16 +59,16 @@ AgentStatus judge_restart(Agent& agent) {
                                .mismatch = "",
                                .attempts = agent.action.attempts};
     if (!wait_for_slot(agent, state.slot)) {
-        return stopped();
+        return agent_stopped();
     }
     if (slot_was_switched(state.slot, state.slotBefore)) {
         state.partitionsRead = agent.settings.checkPartitions;
         if (!wait_for_mismatch(agent, manifest, state.mismatch)) {
-            return stopped();
+            return agent_stopped();
         }
     } else {
         if (!wait_for_card(agent)) {
-            return stopped();
+            return agent_stopped();
         }
         state.packageComplete = check_content(agent, manifest).ok();
     }
@@ -104,12 +104,12 @@ AgentStatus recheck_success(Agent& agent) {
     if (wrong.empty()) {
         char slot = '?';
         if (!wait_for_slot(agent, slot)) {
-            return stopped();
+            return agent_stopped();
         }
         wrong = slot == agent.action.slotBefore ? "the slot was switched back" : "";
     }
     if (wrong.empty() && !wait_for_mismatch(agent, manifest, wrong)) {
-        return stopped();
+        return agent_stopped();
     }
     if (wrong.empty()) {
         agent.action.bootId = agent.camera.bootId;

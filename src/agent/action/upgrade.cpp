@@ -101,7 +101,7 @@ AgentStatus end_without_restart(Agent& agent) {
     }
     char slot = '?';
     if (!wait_for_slot(agent, slot)) {
-        return stopped();
+        return agent_stopped();
     }
     if (slot != agent.action.slotBefore) {
         // The next start of the camera, whenever it is, may start the new system. The result is
@@ -124,7 +124,7 @@ AgentStatus watch_upgrade(Agent& agent) {
     while (corvo::monotonic_ms() - begin < WATCH_MS) {
         // The missing restart may take days. Polls continue meanwhile, and each checks only once.
         if (!agent.camera.awaitsRestart && !wait_ms(agent, CHECK_INTERVAL_MS)) {
-            return stopped();
+            return agent_stopped();
         }
         const int64_t now = corvo::monotonic_ms();
         if (service_is_busy(agent.action.processId)) {
@@ -146,7 +146,7 @@ AgentStatus post(Agent& agent) {
     if (status.ok()) {
         // The commit may have been made by an earlier process, so the package is checked again.
         if (!wait_for_card(agent)) {
-            return stopped();
+            return agent_stopped();
         }
         if (waits_for_card(agent)) {
             return {};
@@ -183,7 +183,7 @@ AgentStatus post(Agent& agent) {
 AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& mark) {
     char slot = '?';
     if (!wait_for_slot(agent, slot)) {
-        return stopped();
+        return agent_stopped();
     }
     agent.action.manifest = format_manifest(manifest);
     agent.action.slotBefore = slot;
@@ -223,7 +223,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     }
     std::string reason = reason_to_wait(agent, offer);
     if (agent.stop) {
-        return stopped();  // the signal may have killed the fitness command
+        return agent_stopped();  // the signal may have killed the fitness command
     }
     if (!reason.empty()) {
         wait_for(agent, reason);
@@ -240,7 +240,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
             packageStatus = read_accepted_manifest(agent, manifest);
             return is_final(packageStatus) && packageStatus.result != PACKAGE_UNSUITABLE;
         })) {
-        return stopped();
+        return agent_stopped();
     }
     if (agent.action.attempts == 0 && lacks_files(agent)) {
         log_action(agent, "the package in " + agent.package.folder.path +
@@ -260,7 +260,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         return serviceRuns = serviceRuns || queue_use(getpid()) != QueueUse::NO_QUEUE;
     };
     if (!wait_until(agent, check)) {
-        return stopped();
+        return agent_stopped();
     }
     if (!serviceRuns) {
         return finish_action(agent, false, "the upgrade service does not run");

@@ -24,8 +24,7 @@ AgentStatus different(const Download& download, const std::string& how) {
 }
 
 AgentStatus report_progress(Download& download) {
-    return download.progress(download.part.position) ? AgentStatus{}
-                                                     : agent_fault(AGENT_STOPPED, "asked to stop");
+    return download.progress(download.part.position) ? AgentStatus{} : agent_stopped();
 }
 
 AgentStatus begin_part(Fetch& fetch, const HttpHead& head) {

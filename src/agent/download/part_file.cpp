@@ -119,8 +119,7 @@ AgentStatus read_back(PartFile& part, int file, uint64_t size) {
     begin_digests(part);
     AgentStatus status;
     const int64_t taken = read_pieces(file, size, [&](std::span<const char> bytes) {
-        status =
-            part.stop ? agent_fault(AGENT_STOPPED, "asked to stop") : update_digests(part, bytes);
+        status = part.stop ? agent_stopped() : update_digests(part, bytes);
         part.position += status.ok() ? bytes.size() : 0;
         return status.ok();
     });

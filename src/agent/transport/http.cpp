@@ -293,7 +293,7 @@ std::string Http::path_part(const std::string& text) const {
 AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpContent& content) {
     head = {};
     if (stop_) {
-        return agent_fault(AGENT_STOPPED, "asked to stop");
+        return agent_stopped();
     }
     CURL* const handle = handle_.get();
     curl_easy_reset(handle);  // keeps open connections
@@ -336,7 +336,7 @@ AgentStatus Http::exchange(const Request& request, HttpHead& head, const HttpCon
         return exchange.status;
     }
     if (options.fault == CURLE_ABORTED_BY_CALLBACK) {
-        return agent_fault(AGENT_STOPPED, "asked to stop");
+        return agent_stopped();
     }
     return options.fault == CURLE_OK
                ? AgentStatus{}

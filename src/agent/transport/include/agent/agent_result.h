@@ -35,4 +35,8 @@ inline AgentStatus agent_fault(AgentResult result, std::string text) {
     return {result, std::move(text)};
 }
 
+inline AgentStatus agent_stopped() {
+    return agent_fault(AGENT_STOPPED, "asked to stop");
+}
+
 #endif  // AGENT_AGENT_RESULT_H
