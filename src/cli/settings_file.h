@@ -9,7 +9,7 @@
 
 #include "cli/command_line.h"
 
-// What is after "=" in a line of the file.
+// The form of a value, which is the text after "=" in a line of the file.
 enum class FileValues {
     LISTS,  // one value, or several as ["a", "b"]; quotation marks are removed
     PLAIN,  // always one value: a command with arguments needs no quotation marks
@@ -22,7 +22,7 @@ class SettingsFile : public CLI::ConfigBase {
     // `emptySetting` receives the name of a setting without a value.
     SettingsFile(FileValues values, std::string& emptySetting) : emptySetting_(emptySetting) {
         if (values == FileValues::PLAIN) {
-            arrayBounds('\1', '\2')->arrayDelimiter('\3');  // which no file contains
+            arrayBounds('\1', '\2')->arrayDelimiter('\3');  // characters that no file contains
         }
     }
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
@@ -39,8 +39,8 @@ class SettingsFile : public CLI::ConfigBase {
     std::string& emptySetting_;
 };
 
-// Finds an option that was given an empty value on the command line or in the file. Leaves `name`
-// as it is if there is none.
+// Sets `name` to the name of an option that was given an empty value on the command line or in the
+// file. If every option has a value, `name` keeps what SettingsFile has stored in it.
 inline void find_empty_option(const CLI::App& app, std::string& name) {
     for (const CLI::Option* option : app.get_options()) {
         if (std::ranges::count(option->results(), "") > 0) {

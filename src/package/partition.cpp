@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr char PARTITION_NAMES[] = "/dev/block/by-name/";
 // Made by corvo_slots on boards with two copies of their partitions.
 constexpr char RUNNING_COPIES[] = "/dev/block/running/";
 
@@ -37,7 +36,7 @@ corvo::UniqueFd open_running_partition(const OtaPackageEntry& entry) {
 
 std::string partition_device(const OtaPackageEntry& entry) {
     char path[PATH_MAX] = {};
-    const std::string name = std::string(PARTITION_NAMES) + entry.partitionName;
+    const std::string name = std::string(FLASH_MMC_NAMES) + entry.partitionName;
     const bool isMtd = entry.flashType == OTA_FLASH_TYPE_MTD;
     return isMtd || realpath(name.c_str(), path) == nullptr ? "-" : path;
 }

@@ -20,9 +20,9 @@ AgentStatus drop_action(Agent& agent, const std::string& why);
 
 // ACTION_RESULT: sends the result to the server, once. recheck_success() must have checked it. If
 // the server accepts the result, it is moved to the history. If not, the record is kept and the
-// result is sent with later polls, up to REFUSED_RESULTS_MAX times. A "not found" moves it to the history at once only if `offered` is
-// false, that is if the server no longer offers the action. Returns AGENT_OK, AGENT_STORAGE,
-// AGENT_STOPPED, or the result of the request.
+// result is sent with later polls, up to REFUSED_RESULTS_MAX times. A "not found" moves it to the
+// history at once only if `offered` is false, that is if the server no longer offers the action.
+// Returns AGENT_OK, AGENT_STORAGE, AGENT_STOPPED, or the result of the request.
 AgentStatus deliver_result(Agent& agent, bool offered);
 
 // Adds the result to the history and removes the record. `accepted`: the server has accepted the

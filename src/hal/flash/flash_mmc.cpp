@@ -171,7 +171,7 @@ int erase_for_copy(const char* part, const char* path, int64_t offset, int64_t l
 
 int flash_mmc_open(const char* part, int flags) {
     char path[DEVICE_PATH_SIZE] = {};
-    snprintf(path, sizeof(path), "/dev/block/by-name/%s", part);
+    snprintf(path, sizeof(path), "%s%s", FLASH_MMC_NAMES, part);
     return open(path, flags);
 }
 

@@ -89,7 +89,7 @@ struct Setting {
     SettingField field;  // its value in a new record is the default
     const char* help;    // the line of --help, with which the explanation in docs/fleet.md begins
 
-    // Limits. check_settings.h checks them, and what is not a matter of one value.
+    // Limits of this value. check_settings.h checks them, and rules about several settings.
     // The error if the setting has no value; null: the setting is optional.
     const char* missing = nullptr;
     std::array<const char*, 3> choices = {};  // the valid values of a text; empty: any text

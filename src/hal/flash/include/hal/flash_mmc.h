@@ -1,4 +1,4 @@
-// eMMC driver: partitions are block devices, found by name under "/dev/block/by-name".
+// eMMC driver: partitions are block devices, found by name.
 //
 // Every operation opens the files that it needs and closes them before it returns. All operations
 // block until the data is stored on the device. No lock is taken.
@@ -12,6 +12,9 @@
 #include <stdint.h>
 
 #include "hal/flash_result.h"
+
+// Folder of the partitions' names, which are links to their block devices.
+constexpr char FLASH_MMC_NAMES[] = "/dev/block/by-name/";
 
 // Size in bytes of the range, at the start of a partition, in which
 // flash_mmc_write_sector_partition() may write.
