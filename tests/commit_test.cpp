@@ -40,8 +40,9 @@ class SimulatedCamera {
     std::map<char, std::string> systems = {{'A', "healthy"}, {'B', "healthy"}};
     std::map<char, int> starts;
     int restarts = 0;
-    int orderlyStops = 0;         // the camera stops in this many first checks of B
-    std::set<std::string> words;  // what else is wrong: see cases/commit_trials.txt
+    int orderlyStops = 0;             // the camera stops in this many first checks of B
+    std::function<void()> meanwhile;  // happens once between two checks; then the camera stops
+    std::set<std::string> words;      // what else is wrong: see cases/commit_trials.txt
     std::string copies[RECORD_COPIES];
     std::array<std::string, BOOT_VARIABLES.size()> variables = {"A", "", "", "", "1"};
     char running = 'A';
@@ -115,19 +116,24 @@ class SimulatedCamera {
             .monotonic_ms = [](void* context) { return of(context).nowMs_; },
             .wait =
                 [](void* context, int64_t milliseconds) {
-                    of(context).nowMs_ += milliseconds;
-                    if (milliseconds > 0 && of(context).is("crashes")) {
+                    SimulatedCamera& camera = of(context);
+                    camera.nowMs_ += milliseconds;
+                    if (milliseconds > 0 && camera.is("crashes")) {
                         throw PowerCut();
                     }
-                    return !of(context).isDown_;
+                    if (milliseconds > 0 && camera.meanwhile) {
+                        std::exchange(camera.meanwhile, nullptr)();
+                        camera.isDown_ = true;
+                    }
+                    return !camera.isDown_;
                 },
             .restart =
                 [](void* context) {
                     ++of(context).restarts;
                     return of(context).isDown_ = true;
                 },
-            .lock = [](void*) {},
-            .unlock = [](void*) {},
+            .lock = [](void* context) { EXPECT_EQ(1, ++of(context).locks_) << "waits for itself"; },
+            .unlock = [](void* context) { --of(context).locks_; },
             .log = [](void* context, const std::string& line) { of(context).log += line + '\n'; }};
     }
 
@@ -135,6 +141,7 @@ class SimulatedCamera {
     int boot_ = 0;
     int64_t nowMs_ = 0;  // since the start
     bool isDown_ = false;
+    int locks_ = 0;
 
     static SimulatedCamera& of(void* context) { return *static_cast<SimulatedCamera*>(context); }
     [[nodiscard]] bool is(const char* system) { return systems[running] == system; }
@@ -151,6 +158,7 @@ class SimulatedCamera {
 
     static bool write_copy(void* context, int copy, std::span<const char> bytes) {
         SimulatedCamera& camera = of(context);
+        EXPECT_EQ(1, camera.locks_) << "another instance can decide at the same time";
         if (!camera.has("full")) {
             camera.store([&](Torn torn) {
                 write_torn(camera.copies[copy], {bytes.data(), bytes.size()}, torn);
@@ -224,6 +232,8 @@ void prepare(SimulatedCamera& camera, std::istream& row) {
             EVENTS.at(word)(camera);
         } else if (word.starts_with("stops=")) {
             camera.orderlyStops = std::stoi(word.substr(6));
+        } else if (word.starts_with("meanwhile=")) {
+            camera.meanwhile = [&camera, event = EVENTS.at(word.substr(10))] { event(camera); };
         } else if (word[1] == '=') {
             camera.systems[word[0]] = word.substr(2);
         } else {
@@ -318,8 +328,10 @@ TEST(State, FollowsFromWhatRunsIsSelectedAndRecorded) {
         seen.isReadable = seen.environment.values[BOOTSYSTEM] != std::string("unreadable");
         row >> text >> seen.record.committed >> seen.record.trial;
         seen.record.phase = static_cast<Phase>(std::ranges::find(PHASES, text) - PHASES);
-        // A committed record names the system that it tried only when that failed.
-        seen.record.reason[0] = text == "committed" && seen.record.trial != NO_SLOT ? '!' : '\0';
+        // A committed record has a reason if the system that it tried failed.
+        const bool hasFailed =
+            seen.record.trial != NO_SLOT && seen.record.trial != seen.record.committed;
+        seen.record.reason[0] = text == "committed" && hasFailed ? '!' : '\0';
         seen.isRestarted = rest_of(row) == "later";
         return std::string(state_of(seen).name);
     });
@@ -329,7 +341,9 @@ TEST(Record, SurvivesWrapsAndTornCopiesAndIsReadAcrossVersions) {
     TrialRecord read;
     uint32_t generation = 0;
     SimulatedCamera camera;
-    const RecordStorage storage = camera.platform().records;
+    const CommitPlatform platform = camera.platform();
+    const RecordStorage& storage = platform.records;
+    platform.lock(platform.context);
     const auto put = [&](int copy, char slot, uint32_t number) {
         const TrialRecord record = {.phase = Phase::COMMITTED, .committed = slot};
         const StoredRecord bytes = encode_record(record, number);

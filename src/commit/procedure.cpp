@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <mutex>
 
 namespace {
 
@@ -14,6 +15,18 @@ constexpr int64_t LIMIT_MIN_MS = 1000;
 // A start that ends in an orderly way uses up at least this much of the deadline. Otherwise the
 // trial of a system that restarts itself again and again would never end.
 constexpr uint32_t ELAPSED_MIN_S = 5;
+
+// The platform's lock as a mutex. Whoever changes the record first reads it under this lock, so
+// that no decision of another instance of the program is overwritten.
+class InstanceLock {
+  public:
+    explicit InstanceLock(const CommitPlatform& platform) : platform_(platform) {}
+    void lock() { platform_.lock(platform_.context); }
+    void unlock() { platform_.unlock(platform_.context); }
+
+  private:
+    const CommitPlatform& platform_;
+};
 
 void report(const CommitPlatform& platform, const std::string& line) {
     platform.log(platform.context, line);
@@ -40,9 +53,7 @@ bool keep_environment(const CommitPlatform& platform, std::span<const BootValue>
     const auto isKept = [&] {
         BootEnvironment environment;
         return platform.read_environment(platform.context, environment) &&
-               std::ranges::all_of(values, [&environment](const BootValue& wanted) {
-                   return strcmp(environment.values[wanted.variable], wanted.value) == 0;
-               });
+               has_values(environment, values);
     };
     if (isKept()) {
         return true;
@@ -83,7 +94,8 @@ bool commit(const CommitPlatform& platform, TrialRecord record) {
 
 // --- rollback ----------------------------------------------------------------------------------
 
-int roll_back(const CommitPlatform& platform, TrialRecord record) {
+// Returns whether the other slot is selected and the restart is requested.
+bool roll_back(const CommitPlatform& platform, TrialRecord record) {
     const std::string failed(1, record.trial);
     const std::string good(1, other_slot(record.trial));
     const std::string why = slot_name(record.trial) + ": " + record.reason;
@@ -91,7 +103,7 @@ int roll_back(const CommitPlatform& platform, TrialRecord record) {
     if (record.restarts >= ROLLBACK_RESTARTS_MAX) {
         report(platform, why + "; still running after " + std::to_string(record.restarts) +
                              " attempts to go back to slot " + good);
-        return COMMIT_EXIT_FAILED;
+        return false;
     }
     ++record.restarts;
     // Goes on if the record cannot be stored: rolled_back is then the trace of the rollback, and
@@ -103,16 +115,17 @@ int roll_back(const CommitPlatform& platform, TrialRecord record) {
                                 {ROLLED_BACK, failed.c_str()}};
     if (!keep_environment(platform, values)) {
         report(platform, why + "; not rolled back");
-        return COMMIT_EXIT_FAILED;
+        return false;
     }
     report(platform, why + "; going back to slot " + good);
     if (!platform.restart(platform.context)) {
         report(platform, "the restart cannot be requested");
+        return false;
     }
-    return COMMIT_EXIT_FAILED;
+    return true;
 }
 
-int roll_back(const CommitPlatform& platform, TrialRecord record, const std::string& reason) {
+bool roll_back(const CommitPlatform& platform, TrialRecord record, const std::string& reason) {
     set_reason(record, reason);
     return roll_back(platform, record);
 }
@@ -161,9 +174,21 @@ bool count_start(const CommitPlatform& platform, TrialRecord& record) {
     return true;
 }
 
+// Returns whether a person has committed or rolled back in the meantime.
+bool is_decided(const CommitPlatform& platform, const Trial& trial) {
+    TrialRecord record;
+    return trial.isCounted && load_record(platform.records, record) == RECORD_OK &&
+           (record.phase == Phase::COMMITTED || record.phase == Phase::ROLLING_BACK);
+}
+
 // The camera stops in an orderly way: this start is not a failure, neither here nor for the boot
 // loader.
 int end_in_order(const CommitPlatform& platform, Trial& trial) {
+    InstanceLock lock(platform);
+    const std::scoped_lock guard(lock);
+    if (is_decided(platform, trial)) {
+        return COMMIT_EXIT_OK;
+    }
     const int64_t tookMs = platform.monotonic_ms(platform.context) - trial.begunMs;
     TrialRecord& record = trial.record;
     record.elapsedS += std::max(ELAPSED_MIN_S, static_cast<uint32_t>(tookMs / MS_PER_S));
@@ -183,22 +208,19 @@ int end_in_order(const CommitPlatform& platform, Trial& trial) {
     return isKept ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
 }
 
-// Returns whether a person has committed or rolled back in the meantime.
-bool is_decided(const CommitPlatform& platform, const Trial& trial) {
-    TrialRecord record;
-    return trial.isCounted && load_record(platform.records, record) == RECORD_OK &&
-           (record.phase == Phase::COMMITTED || record.phase == Phase::ROLLING_BACK);
-}
-
 int check_until_decided(const CommitPlatform& platform, const TrialSettings& settings,
                         Trial& trial) {
     TrialRecord& record = trial.record;
+    InstanceLock lock(platform);
     const int64_t deadlineS =
         int64_t{settings.deadlineS} - std::min(record.elapsedS, settings.deadlineS);
     const int64_t deadlineMs = trial.begunMs + deadlineS * MS_PER_S;
     for (;;) {
         std::string reason = "the starts of the trial cannot be recorded";
-        trial.isCounted = trial.isCounted || count_start(platform, record);
+        if (!trial.isCounted) {
+            const std::scoped_lock guard(lock);
+            trial.isCounted = count_start(platform, record);
+        }
         const int64_t leftMs = deadlineMs - platform.monotonic_ms(platform.context);
         const bool isHealthy =
             trial.isCounted &&
@@ -207,24 +229,17 @@ int check_until_decided(const CommitPlatform& platform, const TrialSettings& set
         if (!isHealthy && !isLate && !platform.wait(platform.context, 0)) {
             return end_in_order(platform, trial);
         }
-        platform.lock(platform.context);
-        if (is_decided(platform, trial)) {
-            platform.unlock(platform.context);
-            return COMMIT_EXIT_OK;
-        }
-        if (isHealthy) {
-            if (commit(platform, record)) {
-                platform.unlock(platform.context);
+        {
+            const std::scoped_lock guard(lock);
+            if (is_decided(platform, trial) || (isHealthy && commit(platform, record))) {
                 return COMMIT_EXIT_OK;
             }
-            reason = "healthy, but the commit cannot be stored";
+            if (isLate) {
+                roll_back(platform, record,
+                          isHealthy ? "healthy, but the commit cannot be stored" : reason);
+                return COMMIT_EXIT_FAILED;
+            }
         }
-        if (isLate) {
-            const int status = roll_back(platform, record, reason);
-            platform.unlock(platform.context);
-            return status;
-        }
-        platform.unlock(platform.context);
         const int64_t pauseMs = std::min(settings.intervalS * MS_PER_S,
                                          deadlineMs - platform.monotonic_ms(platform.context));
         if (!platform.wait(platform.context, std::max<int64_t>(pauseMs, 0))) {
@@ -233,22 +248,26 @@ int check_until_decided(const CommitPlatform& platform, const TrialSettings& set
     }
 }
 
+// `guard` holds the lock until this start is counted.
 int try_system(const CommitPlatform& platform, const TrialSettings& settings,
-               const Observation& seen) {
+               const Observation& seen, std::unique_lock<InstanceLock>& guard) {
     Trial trial = {.record = trial_record(seen),
                    .isCounted = false,
                    .begunMs = platform.monotonic_ms(platform.context)};
     trial.isCounted = count_start(platform, trial.record);
     if (!trial.isCounted && !is_flagged(seen)) {
         // A system that restarts before its check would be started for ever.
-        return roll_back(platform, trial.record, "nobody can count the starts of the trial");
+        roll_back(platform, trial.record, "nobody can count the starts of the trial");
+        return COMMIT_EXIT_FAILED;
     }
     if (trial.record.starts > settings.startLimit) {
-        return roll_back(platform, trial.record,
-                         "not confirmed in " + std::to_string(trial.record.starts - 1) + " starts");
+        roll_back(platform, trial.record,
+                  "not confirmed in " + std::to_string(trial.record.starts - 1) + " starts");
+        return COMMIT_EXIT_FAILED;
     }
     report(platform,
            slot_name(seen.running) + " is on trial, start " + std::to_string(trial.record.starts));
+    guard.unlock();
     return check_until_decided(platform, settings, trial);
 }
 
@@ -307,7 +326,7 @@ std::string lost_reason(const Observation& seen) {
 }
 
 int act(const CommitPlatform& platform, const TrialSettings& settings, const Observation& seen,
-        const State& state) {
+        const State& state, std::unique_lock<InstanceLock>& guard) {
     switch (state.action) {
         case Action::REPORT:
             report(platform, state.meaning);
@@ -319,14 +338,15 @@ int act(const CommitPlatform& platform, const TrialSettings& settings, const Obs
         case Action::TRY_OR_ADOPT:
             report(platform, state.meaning);
             return settings.adoptSwitched ? finish(platform, seen, {})
-                                          : try_system(platform, settings, seen);
+                                          : try_system(platform, settings, seen, guard);
         case Action::TRY:
-            return try_system(platform, settings, seen);
+            return try_system(platform, settings, seen, guard);
         case Action::FINISH_COMMIT:
         case Action::FINISH_ROLLBACK:
             return finish(platform, seen, seen.record);
         case Action::ROLL_BACK:
-            return roll_back(platform, seen.record);
+            roll_back(platform, seen.record);
+            return COMMIT_EXIT_FAILED;
         case Action::RECORD_FALLBACK:
             return finish_failed(platform, seen, fallback_reason(seen));
         case Action::RECORD_LOST:
@@ -336,6 +356,12 @@ int act(const CommitPlatform& platform, const TrialSettings& settings, const Obs
 }
 
 }  // namespace
+
+bool has_values(const BootEnvironment& environment, std::span<const BootValue> values) {
+    return std::ranges::all_of(values, [&environment](const BootValue& wanted) {
+        return strcmp(environment.values[wanted.variable], wanted.value) == 0;
+    });
+}
 
 Observation observe(const CommitPlatform& platform) {
     Observation seen;
@@ -352,47 +378,51 @@ Observation observe(const CommitPlatform& platform) {
 }
 
 int decide_at_boot(const CommitPlatform& platform, const TrialSettings& settings) {
+    InstanceLock lock(platform);
+    std::unique_lock guard(lock);
     const Observation seen = observe(platform);
-    return act(platform, settings, seen, state_of(seen));
+    return act(platform, settings, seen, state_of(seen), guard);
 }
 
 int commit_now(const CommitPlatform& platform) {
-    platform.lock(platform.context);
+    InstanceLock lock(platform);
+    const std::scoped_lock guard(lock);
     const Observation seen = observe(platform);
     const State& state = state_of(seen);
-    int status = COMMIT_EXIT_FAILED;
     if (is_on_trial(state)) {
-        status = commit(platform, trial_record(seen)) ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
-    } else if (state.action == Action::NOTHING && seen.record.committed == seen.running &&
-               seen.record.phase == Phase::COMMITTED) {
-        report(platform, slot_name(seen.running) + " is committed already");
-        status = COMMIT_EXIT_OK;
-    } else {
-        report(platform, std::string("nothing can be committed: ") + state.meaning);
+        return commit(platform, trial_record(seen)) ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
     }
-    platform.unlock(platform.context);
-    return status;
+    if (state.action == Action::NOTHING && seen.record.phase == Phase::COMMITTED) {
+        report(platform, slot_name(seen.running) + " is committed already");
+        return COMMIT_EXIT_OK;
+    }
+    report(platform, std::string("nothing can be committed: ") + state.meaning);
+    return COMMIT_EXIT_FAILED;
 }
 
 int roll_back_now(const CommitPlatform& platform) {
-    platform.lock(platform.context);
+    InstanceLock lock(platform);
+    const std::scoped_lock guard(lock);
     const Observation seen = observe(platform);
     const State& state = state_of(seen);
-    int status = COMMIT_EXIT_FAILED;
-    if (is_on_trial(state)) {
-        roll_back(platform, trial_record(seen), "rolled back by a person");
-        status = COMMIT_EXIT_OK;
-    } else {
+    if (!is_on_trial(state)) {
         report(platform, std::string("nothing can be rolled back: ") + state.meaning);
+        return COMMIT_EXIT_FAILED;
     }
-    platform.unlock(platform.context);
-    return status;
+    return roll_back(platform, trial_record(seen), "rolled back by a person") ? COMMIT_EXIT_OK
+                                                                              : COMMIT_EXIT_FAILED;
 }
 
 int record_arming(const CommitPlatform& platform, char slot) {
-    const char running = platform.running_slot(platform.context);
-    if (running == slot) {
+    InstanceLock lock(platform);
+    const std::scoped_lock guard(lock);
+    const Observation seen = observe(platform);
+    if (seen.running == slot) {
         report(platform, slot_name(slot) + " is running and cannot be tried");
+        return COMMIT_EXIT_REFUSED;
+    }
+    if (state_of(seen).action == Action::TRY) {
+        report(platform, slot_name(seen.running) + " is still on trial");
         return COMMIT_EXIT_REFUSED;
     }
     TrialRecord record = {};
@@ -400,8 +430,5 @@ int record_arming(const CommitPlatform& platform, char slot) {
     record.committed = other_slot(slot);
     record.trial = slot;
     platform.boot_id(platform.context, record.boot);
-    platform.lock(platform.context);
-    const bool isKept = keep(platform, record);
-    platform.unlock(platform.context);
-    return isKept ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
+    return keep(platform, record) ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
 }

@@ -20,6 +20,9 @@ struct BootValue {
     const char* value;  // "" removes the variable
 };
 
+// Returns whether all these variables have these values.
+bool has_values(const BootEnvironment& environment, std::span<const BootValue> values);
+
 // What the procedures use. The tests have another table, which simulates boot loader, clock and
 // power cuts.
 struct CommitPlatform {
@@ -65,12 +68,15 @@ Observation observe(const CommitPlatform& platform);
 // status.
 int decide_at_boot(const CommitPlatform& platform, const TrialSettings& settings);
 
-// Commits or gives up a system that is on trial, without a check. Each returns an exit status.
+// Commits or gives up a system that is on trial, without a check. Each returns COMMIT_EXIT_OK, or
+// COMMIT_EXIT_FAILED if nothing is on trial, or if a step, the restart too, was not possible.
 int commit_now(const CommitPlatform& platform);
 int roll_back_now(const CommitPlatform& platform);
 
 // Records that the other slot is about to be selected for a trial. Returns COMMIT_EXIT_OK;
-// COMMIT_EXIT_FAILED if this cannot be recorded; COMMIT_EXIT_REFUSED if that slot is running.
+// COMMIT_EXIT_FAILED if this cannot be recorded; COMMIT_EXIT_REFUSED if that slot is running, or
+// if the running system is on trial: the slot to return to must not be tried before that is
+// decided.
 int record_arming(const CommitPlatform& platform, char slot);
 
 #endif  // COMMIT_PROCEDURE_H
