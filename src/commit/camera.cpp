@@ -125,8 +125,7 @@ void store_environment(void* context, std::span<const BootValue> values) {
         command += " | fw_setenv -s - > /dev/null 2>&1";
         run_command(command.c_str(), TOOL_LIMIT_MS, {});
         BootEnvironment environment;
-        if (read_environment(context, environment) &&
-            strcmp(environment.values[values[0].variable], values[0].value) == 0) {
+        if (read_environment(context, environment) && has_values(environment, values)) {
             return;
         }
     }
