@@ -175,7 +175,9 @@ int64_t monotonic_ms(void* /*context*/) {
 
 bool wait_for_stop(void* /*context*/, int64_t milliseconds) {
     pollfd stop = {.fd = g_stop, .events = POLLIN, .revents = 0};
-    corvo::ignore_result(poll(&stop, 1, static_cast<int>(milliseconds)));
+    // A signal that stops the camera interrupts the first call and makes the second one return.
+    while (poll(&stop, 1, static_cast<int>(milliseconds)) < 0 && errno == EINTR) {
+    }
     return stop.revents == 0;
 }
 
