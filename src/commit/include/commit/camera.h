@@ -18,8 +18,8 @@ struct Camera {
 // The table of operations. The camera, whose settings are complete, must outlive it.
 CommitPlatform platform_of(Camera& camera);
 
-// Finds the word of one slot on a kernel command line. Returns NO_SLOT if there is none, or if the
-// words of both slots are there.
+// Returns the slot whose word is on a kernel command line; NO_SLOT if the line contains neither
+// word, or both.
 char slot_on_command_line(const std::string& line, const std::string& wordA,
                           const std::string& wordB);
 
