@@ -405,12 +405,15 @@ int roll_back_now(const CommitPlatform& platform) {
     const std::scoped_lock guard(lock);
     const Observation seen = observe(platform);
     const State& state = state_of(seen);
-    if (!is_on_trial(state)) {
+    bool isDone = false;
+    if (is_on_trial(state)) {
+        isDone = roll_back(platform, trial_record(seen), "rolled back by a person");
+    } else if (state.action == Action::ROLL_BACK) {
+        isDone = roll_back(platform, seen.record);
+    } else {
         report(platform, std::string("nothing can be rolled back: ") + state.meaning);
-        return COMMIT_EXIT_FAILED;
     }
-    return roll_back(platform, trial_record(seen), "rolled back by a person") ? COMMIT_EXIT_OK
-                                                                              : COMMIT_EXIT_FAILED;
+    return isDone ? COMMIT_EXIT_OK : COMMIT_EXIT_FAILED;
 }
 
 int record_arming(const CommitPlatform& platform, char slot) {

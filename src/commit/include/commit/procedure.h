@@ -68,8 +68,9 @@ Observation observe(const CommitPlatform& platform);
 // status.
 int decide_at_boot(const CommitPlatform& platform, const TrialSettings& settings);
 
-// Commits or gives up a system that is on trial, without a check. Each returns COMMIT_EXIT_OK, or
-// COMMIT_EXIT_FAILED if nothing is on trial, or if a step, the restart too, was not possible.
+// Commits or gives up a system that is on trial, without a check. roll_back_now() also continues a
+// rollback that was interrupted. Each returns COMMIT_EXIT_OK; COMMIT_EXIT_FAILED if nothing is on
+// trial, or if a step failed, be it the last one, the restart.
 int commit_now(const CommitPlatform& platform);
 int roll_back_now(const CommitPlatform& platform);
 
