@@ -44,10 +44,6 @@ struct Copy {
     TrialRecord record;
 };
 
-bool is_slot(char slot) {
-    return slot == 'A' || slot == 'B';
-}
-
 bool is_newer(uint32_t one, uint32_t other) {
     return static_cast<int32_t>(one - other) > 0;
 }

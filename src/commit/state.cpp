@@ -58,10 +58,6 @@ constexpr State STATES[] = {
      "committed"},
 };
 
-bool is_slot(char slot) {
-    return slot == 'A' || slot == 'B';
-}
-
 char slot_in(const char* value) {
     return strlen(value) == 1 && is_slot(value[0]) ? value[0] : NO_SLOT;
 }

@@ -20,6 +20,9 @@ enum class Phase : uint8_t {
 };
 
 constexpr char NO_SLOT = '?';  // the other values of a slot are 'A' and 'B'
+constexpr bool is_slot(char slot) {
+    return slot == 'A' || slot == 'B';
+}
 constexpr size_t REASON_SIZE = 128;
 constexpr size_t BOOT_ID_SIZE = 40;
 
