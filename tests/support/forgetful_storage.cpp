@@ -166,7 +166,8 @@ void ForgetfulStorage::perform(const Operation& operation) {
 
 void ForgetfulStorage::replay(const std::string& log, const Observer& before) {
     // The tracer may still write for a moment after the program has ended.
-    EXPECT_TRUE(eventually(10000, [&log] { return read_file(log).ends_with("+++\n"); }));
+    EXPECT_TRUE(eventually(10000, [&log] { return read_file(log).ends_with("+++\n"); }))
+        << "the trace has no end: " << read_file(log).size() << " bytes";
     std::optional<Operation> pending;
     const auto finish = [&] {
         if (pending && pending->leaves()) {
