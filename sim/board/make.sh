@@ -186,7 +186,17 @@ card_partitions() { # prints one line "NAME KIB" for each partition
     done < "$partitions"
 }
 
-# Creates the card, and $made/layout with one line "NAME FIRST_BYTE BYTES" for each partition.
+write_layout() { # CARD PARTITIONS; one line "NAME FIRST_BYTE BYTES" for each partition
+    local number
+    for number in $(seq "$2"); do
+        sgdisk -i "$number" "$1" | awk '
+            /^First sector/ { first = $3 } /^Partition size/ { sectors = $3 }
+            /^Partition name/ { gsub("\047", "", $3); name = $3 }
+            END { print name, first * 512, sectors * 512 }'
+    done > "$made/layout"
+}
+
+# Creates the card and $made/layout.
 make_card() { # SIZE FOLDER; SIZE is a power of two, FOLDER has the content of the memory card
     local card=$made/card.img name size number=0 arguments=()
     while read -r name size; do
@@ -196,12 +206,7 @@ make_card() { # SIZE FOLDER; SIZE is a power of two, FOLDER has the content of t
     rm -f "$card"
     truncate -s "$1" "$card"
     sgdisk -a 2 -o "${arguments[@]}" "$card" > /dev/null
-    for ((; number > 0; number--)); do
-        sgdisk -i $number "$card" | awk '
-            /^First sector/ { first = $3 } /^Partition size/ { sectors = $3 }
-            /^Partition name/ { gsub("\047", "", $3); name = $3 }
-            END { print name, first * 512, sectors * 512 }'
-    done > "$made/layout"
+    write_layout "$card" $number
     # Fill each partition with random data, so that lost data is detected.
     for name in $(for name in "${modules[@]}"; do copies_of "$name"; done) nv_user nv_factory rec_data misc; do
         head -c "$(bytes_of $name)" /dev/urandom | put_partition "$card" $name
