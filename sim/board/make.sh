@@ -122,7 +122,7 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
         printf '%s\n' "doubled = ${doubled[*]}" 'slot-from = command-line' 'word-a = bootsystem=A' \
             'word-b = bootsystem=B' > "$root/etc/corvo/slots.conf"
     fi
-    cp "$parts/S99checkboot" "$root/etc/init.d/"
+    cp "$parts/../S99checkboot" "$root/etc/init.d/"
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"

@@ -1,7 +1,7 @@
 # Input for the shell of scripts/demo --shell: an upgrade, and another one after the restart of the camera.
 set -e
 upgrade() { # PARTITION that is expected to be written
-    head -c 50000 /dev/urandom > /tmp/kernel
+    make_image 2.0 50000 > /tmp/kernel
     cp /tmp/kernel /media/mmcblk0p1/ota/kernel.bin
     otactl send files --dir /media/mmcblk0p1/ota/ --unsigned kernel --follow
     head -c 50000 /dev/block/by-name/$1 | cmp - /tmp/kernel
