@@ -11,6 +11,7 @@ import time
 from dataclasses import asdict
 from pathlib import Path
 
+import commit
 import counted
 import figures
 import hardening
@@ -46,6 +47,8 @@ def timed(programs: Programs, work: Path, show) -> dict:
         for row in figures.request_figures(programs, camera):
             show(row)
         show(signed.timed_row(programs))
+        for row in commit.rows(programs):
+            show(row)
         disk = loops.attach(work / "disk", 64 * MIB)
         twice = loops.attach(work / "twice", 128 * MIB)
         erased = loops.attach(work / "erased", 256 * MIB)

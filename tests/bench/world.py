@@ -23,6 +23,7 @@ class Programs:
         self.service = build / "corvo_upgrade"
         self.unpaused = build / "tests/bench/unpaused/corvo_upgrade"
         self.otactl = build / "otactl"
+        self.commit = build / "corvo_commit"
         self.bench = build / "tests/bench"
         self.unhardened = build / "unhardened"
 
