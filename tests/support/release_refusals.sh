@@ -32,6 +32,9 @@ printf '/*.key\n/*.pem\n' >> .git/info/exclude
 read -ra key < <(sed -n 's#^ *scripts/release \(--key .*\)#\1#p' "$checkout/docs/releasing.md")
 prints 0 "release 1.2.3: nothing prevents it; it would be written to release/1.2.3" --dry-run "${key[@]}"
 prints 1 "release: --key: no.key does not exist" --dry-run --key "$work/no.key"
+(cd "$pki" && openssl ca -config pki.cnf -batch -notext -extensions signer -startdate 200101000000Z -enddate 210101000000Z \
+    -in signer.csr -out old.pem 2> /dev/null)
+prints 1 "release: pki/old.pem has expired" --dry-run --key "$pki/signer.key" --certificate "$pki/old.pem"
 git tag v1.2.3
 touch other
 mkdir -p "$work/there"
