@@ -382,6 +382,17 @@ TEST(Commit, SessionAtTheShell) {
     expect_session("commit.txt", "commit_camera; ");
 }
 
+// By the root's device, when the kernel's command line does not name it.
+TEST(Commit, FindsTheSlotOfTheRootDevice) {
+    if (run("n=$(mountpoint -d /); mknod /run/root b ${n%:*} ${n#*:} && mknod /run/spare b 0 99") !=
+        "0") {
+        GTEST_SKIP() << "no device nodes here";
+    }
+    EXPECT_EQ("0 / running    A / running    B",
+              run("slot() { corvo_commit --slot-from root-device --root-a /run/$1 --root-b /run/$2 "
+                  "status | grep ^running; }; slot root spare; slot spare root"));
+}
+
 // The record on simulated storage that loses what was not flushed: at every power cut the old or
 // the new one is read.
 TEST(Commit, RecordIsOldOrNewAtEveryPowerCut) {
