@@ -127,7 +127,7 @@ setting() { # NAME [VALUE]; without a value the line is removed
 }
 # A file system on the block device that is a copy of rootfs, without a real disk: a node with its number.
 mount_root() { # COPY
-    umount /run/root 2> /dev/null
+    while umount /run/root 2> /dev/null; do :; done
     mkdir -p /run/root
     mount -t tmpfs root /run/root
     setting slot-from root-device
