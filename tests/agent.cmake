@@ -25,4 +25,4 @@ corvo_test(agent_action_test SOURCES agent_action_test.cpp support/agent_world.c
 target_compile_definitions(agent_action_test PRIVATE
   AGENT_WITH_CUTS="$<TARGET_FILE:corvo_agent_with_cuts>"
   PROGRAMS="$<TARGET_FILE_DIR:otactl>")
-add_dependencies(agent_action_test otactl corvo_agent_with_cuts corvo_agent)
+add_dependencies(agent_action_test otactl corvo_agent_with_cuts corvo_agent corvo_commit)

@@ -60,6 +60,15 @@ std::map<std::string, Step> steps_of(World& world) {
              }
              return statuses;
          }},
+        {"attributes",
+         [&](Text, Text) {
+             std::string text;
+             for (const auto& [name, value] : server.attributes()) {
+                 const bool isTrial = name == "committed" || name == "trial" || name == "fallback";
+                 text += isTrial ? (text.empty() ? "" : " ") + name + "=" + value : "";
+             }
+             return text;
+         }},
         {"when",
          [&](Text requests, Text steps) {
              world.actAt = std::stoul(requests);

@@ -122,7 +122,8 @@ void reload_token(Agent& agent) {
 // as verified files or the number of failures.
 bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
     const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
-    return status.ok() && !pending && agent.waiting.reason.empty() && !agent.polling.attributesDue;
+    return status.ok() && !pending && agent.waiting.reason.empty() &&
+           !agent.polling.attributesDue && !agent.camera.isOnTrial;
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
-rm -rf /config/agent $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/begins /run/late /run/agent.log /run/fitness.pid
+rm -rf /config/agent /config/commit $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/begins /run/late /run/agent.log /run/fitness.pid
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # The package folder is a link to a folder with other files.
@@ -63,6 +63,38 @@ case $1 in
     *) printf '#!/bin/sh\necho "${1#system}" > /run/slot\n' > /etc/init.d/S99checkboot ;;
 esac
 chmod 755 /etc/init.d/S99checkboot
+# corvo_commit decides about the new system. An old failure is recorded.
+case $1 in
+    *on-trial*)
+        cat > /camera/bin/fw_printenv << 'end'
+#!/bin/sh
+[ $# -gt 0 ] || printf bootsystem=
+cat /run/slot
+[ $# -gt 0 ] || cat /run/boot_variables
+end
+        cat > /camera/bin/fw_setenv << 'end'
+#!/bin/sh
+cat > /run/stored
+sed -n 's/^bootsystem=//p' /run/stored > /run/selected
+[ ! -s /run/selected ] || cp /run/selected /run/slot
+sed '/^bootsystem=/d; /=$/d' /run/stored > /run/boot_variables
+end
+        chmod 755 /camera/bin/fw_setenv
+        program=$(command -v corvo_commit)
+        cat > /etc/init.d/S99checkboot << end
+#!/bin/sh
+$program arm "\${1#system}" && printf '%s\n' "bootsystem=\${1#system}" upgrade_available=1 | fw_setenv
+end
+        case $1 in *unhealthy*) health="echo dark; false" ;; *) health=true ;; esac
+        mkdir -p /etc/corvo
+        printf '%s\n' "word-a = slot=A" "word-b = slot=B" "health-command = '$health'" "deadline = 1" \
+            "interval = 1" "restart-command = :" > /etc/corvo/commit.conf
+        printf '%s\n' rolled_back=B > /run/boot_variables
+        sh "${0%/*}/two_copies.sh" A kernel rootfs
+        corvo_commit boot > /run/commit.log 2>&1
+        : > /run/boot_variables
+        ;;
+esac
 case $1 in *two-copies*) sh "${0%/*}/two_copies.sh" A kernel rootfs ;; esac
 boot_id=/proc/sys/kernel/random/boot_id
 echo 0 > /run/boot_id

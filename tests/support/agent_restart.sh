@@ -12,6 +12,19 @@ case $1 in
     *two-copies\ A) ;;
     *two-copies*) sh "${0%/*}/two_copies.sh" "$(cat /run/slot)" kernel rootfs ;;
 esac
+# The boot loader, or corvo_commit, returns to slot A.
+returns() {
+    sh "${0%/*}/two_copies.sh" "$(cat /run/slot)" kernel rootfs
+    echo "$boot-$(cat /run/slot)" > /run/boot_id
+    corvo_commit boot >> /run/commit.log 2>&1 || :
+}
+boot=$2
+case $1 in
+    *undecided*) ;;
+    *on-trial\ falls-back*) printf '%s\n' bootsystem=A rolled_back=B | fw_setenv && returns ;;
+    *on-trial\ unhealthy*) returns && returns ;;
+    *on-trial*) returns ;;
+esac
 # Another system is written manually: by each restart, or after the first one.
 case $1:$2 in *by-hand*:* | later:[!1]*) head -c 98304 /dev/zero | tr '\0' h > /dev/block/by-name/kernel ;; esac
 case $1 in
@@ -20,7 +33,6 @@ case $1 in
     *) [ "$(cat /run/slot)" != B ] || echo 2.0 > /etc/version ;;
 esac
 # What appears only half a second after the agent has started.
-boot=$2
 late() { # PATH PLACE-BEFORE
     mv "$1" "$2"
     rm -f /run/agent.pid

@@ -76,7 +76,8 @@ SimulatedAction make_action(const std::string& kind, const std::string& id) {
 }
 
 World::World(const std::string& camera, const std::string& action)
-    : server({.old = contains(camera, "0.3"), .sleep = camera == "slow" ? "01:00:00" : "00:00:02"}),
+    : server({.old = contains(camera, "0.3"),
+              .sleep = contains(camera, "slow") ? "01:00:00" : "00:00:02"}),
       mode_(camera) {
     EXPECT_EQ("0", make_packages());
     EXPECT_EQ("0", run("sh $TEXTS/support/agent_camera.sh '" + camera + "' " + server.url() + " '" +

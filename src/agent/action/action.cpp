@@ -87,6 +87,7 @@ std::string action_text(const ActionRecord& action) {
                        {"recordBefore", corvo::hex_text(action.recordBefore)},
                        {"bootId", action.bootId},
                        {"processId", action.processId},
+                       {"trialBefore", action.trialBefore},
                        {"succeeded", action.succeeded},
                        {"words", action.message},
                        {"refusedResults", action.refusedResults}};
@@ -127,6 +128,7 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     action.recordBefore = record_of(json);
     take(json, "bootId", action.bootId);
     take(json, "processId", action.processId);
+    take(json, "trialBefore", action.trialBefore);
     take(json, "succeeded", action.succeeded);
     take(json, "words", action.message);
     take(json, "refusedResults", action.refusedResults);

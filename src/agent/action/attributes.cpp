@@ -8,6 +8,7 @@
 #include "package/camera_rules.h"
 #include "package/modules.h"
 #include "package/outcome.h"
+#include "trial.h"
 
 namespace {
 
@@ -46,7 +47,15 @@ DdiAttributes camera_attributes(const AgentSettings& settings) {
     for (const OtaPackageEntry& entry : package_entries()) {
         modules += (modules.empty() ? "" : ",") + std::string(entry.partitionName);
     }
-    attributes.emplace_back("slot", std::string(1, boot_slot()));
+    const char slot = boot_slot();
+    const Trial trial = read_trial(slot);
+    attributes.emplace_back("slot", std::string(1, slot));
+    if (trial.isRecorded) {
+        attributes.emplace_back("committed", std::string(1, trial.committed));
+        attributes.emplace_back("trial", trial.isUndecided ? std::string(1, trial.tried) : "no");
+        // The server keeps an attribute that is not sent, so the end of the failure is sent too.
+        attributes.emplace_back("fallback", trial.reason.empty() ? "no" : trial.reason);
+    }
     attributes.emplace_back("outcome", outcome_words(outcome_record()));
     attributes.emplace_back("modules", modules);
     return attributes;

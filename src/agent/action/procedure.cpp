@@ -11,6 +11,7 @@
 #include "offer.h"
 #include "restart.h"
 #include "result.h"
+#include "trial.h"
 #include "upgrade.h"
 
 namespace {
@@ -343,6 +344,17 @@ AgentStatus poll_server(Agent& agent, bool& again) {
     return carry_out(agent, poll, again);
 }
 
+// The attributes are sent again when a trial has ended. The slot is not read with each poll,
+// because a trial begins with a start of the camera.
+void note_trial(Agent& agent) {
+    if (!agent.polling.attributesDue && !agent.camera.isOnTrial) {
+        return;
+    }
+    const bool isOnTrial = read_trial().isUndecided;
+    agent.polling.attributesDue = agent.polling.attributesDue || !isOnTrial;
+    agent.camera.isOnTrial = isOnTrial;
+}
+
 // Continues a started upgrade, then polls once and handles the answer. Sets `again` when the server
 // has to be polled again at once.
 AgentStatus poll_once(Agent& agent, bool& again) {
@@ -399,6 +411,7 @@ AgentStatus agent_poll(Agent& agent) {
     agent.waiting.id.clear();
     agent.waiting.offer.clear();
     agent.polling.answered.clear();
+    note_trial(agent);
     AgentStatus status;
     bool again = true;
     for (int i = 0; i < POLLS_MAX && again && status.ok(); ++i) {

@@ -11,6 +11,7 @@
 #include "package/version.h"
 #include "patience.h"
 #include "result.h"
+#include "trial.h"
 
 namespace {
 
@@ -49,7 +50,9 @@ AgentStatus judge_restart(Agent& agent) {
     if (!parsed.ok()) {
         return finish_action(agent, false, parsed.text);
     }
-    log_action(agent, "the camera has restarted, checking the running system");
+    if (agent.waiting.reported != WAITS_FOR_COMMIT) {
+        log_action(agent, "the camera has restarted, checking the running system");
+    }
     StateAfterRestart state = {.record = outcome_record(),
                                .recordBefore = agent.action.recordBefore,
                                .slot = '?',
@@ -60,6 +63,20 @@ AgentStatus judge_restart(Agent& agent) {
                                .attempts = agent.action.attempts};
     if (!wait_for_slot(agent, state.slot)) {
         return agent_stopped();
+    }
+    const Trial trial = read_trial(state.slot);
+    if (trial.isUndecided) {
+        wait_for(agent, WAITS_FOR_COMMIT);
+        return {};
+    }
+    if (agent.waiting.reported == WAITS_FOR_COMMIT) {
+        end_wait(agent);
+    }
+    // An old reason, of a trial before this upgrade, explains nothing.
+    if (state.slot == state.slotBefore && !trial.reason.empty() &&
+        trial.mark != agent.action.trialBefore) {
+        return finish_action(agent, false,
+                             std::string("slot ") + trial.tried + " was given up: " + trial.reason);
     }
     if (slot_was_switched(state.slot, state.slotBefore)) {
         state.partitionsRead = agent.settings.checkPartitions;

@@ -6,7 +6,8 @@
 
 // Determines the result of an upgrade after the restart. The stage becomes ACTION_RESULT, or
 // ACTION_WAITING when nothing was decided and another request follows; it does not change while the
-// agent waits for the card. Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
+// agent waits for the card, or while corvo_commit has not decided about the running system. Returns
+// AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus judge_restart(Agent& agent);
 
 // To be called before a result is sent. If it is a success that was found before the last restart

@@ -16,6 +16,7 @@
 #include "patience.h"
 #include "restart.h"
 #include "result.h"
+#include "trial.h"
 
 namespace {
 
@@ -62,6 +63,10 @@ std::string others_upgrade(Agent& agent) {
 
 std::string reason_to_wait(const Agent& agent, const DdiAction& offer) {
     std::string message;
+    // An upgrade would overwrite the system to which the camera returns if the trial fails.
+    if (read_trial().isUndecided) {
+        return WAITS_FOR_COMMIT;
+    }
     if (offer.outsideWindow) {
         return "the server's maintenance window";
     }
@@ -190,6 +195,7 @@ AgentStatus commit(Agent& agent, const Manifest& manifest, const std::string& ma
     agent.action.recordBefore = outcome_record();
     agent.action.bootId = agent.camera.bootId;
     agent.action.processId = getpid();
+    agent.action.trialBefore = read_trial(slot).mark;
     if (agent.action.slotBefore == '?') {
         return finish_action(agent, false, "the boot environment does not name the current slot");
     }

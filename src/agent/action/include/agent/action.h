@@ -53,6 +53,7 @@ struct ActionRecord {
     std::string recordBefore;  // the outcome record, byte for byte
     std::string bootId;        // kernel_boot_id() at the commit, or when a success was last checked
     int64_t processId = 0;     // of the agent that posts the request
+    std::string trialBefore;   // Trial::mark at the commit
 
     // The result.
     bool succeeded = false;

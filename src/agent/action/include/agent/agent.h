@@ -37,6 +37,7 @@ struct CameraState {
     bool awaitsRestart = false;        // the upgrade has ended, only the restart is missing
     // When another sender's request was found in the queue; 0: not found.
     int64_t othersSinceMs = 0;
+    bool isOnTrial = false;  // corvo_commit had not decided at the last poll
 };
 
 // What the current update waits for.
