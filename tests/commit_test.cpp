@@ -221,6 +221,7 @@ void prepare(SimulatedCamera& camera, std::istream& row) {
         {"no-record", [](SimulatedCamera& at) { at.copies[0] = at.copies[1] = ""; }},
         // The defaults that are compiled into the boot loader.
         {"lost", [](SimulatedCamera& at) { at.variables = {"A"}; }},
+        {"storable", [](SimulatedCamera& at) { at.words.erase("full-environment"); }},
         {"arm", [](SimulatedCamera& at) { at.arm(); }},
         {"record-only", [](SimulatedCamera& at) { record_arming(at.platform(), 'B'); }},
         {"commit", [](SimulatedCamera& at) { commit_now(at.platform()); }},

@@ -100,21 +100,26 @@ bool roll_back(const CommitPlatform& platform, TrialRecord record) {
     const std::string good(1, other_slot(record.trial));
     const std::string why = slot_name(record.trial) + ": " + record.reason;
     record.phase = Phase::ROLLING_BACK;
-    if (record.restarts >= ROLLBACK_RESTARTS_MAX) {
-        report(platform, why + "; still running after " + std::to_string(record.restarts) +
-                             " attempts to go back to slot " + good);
-        return false;
+    // After the last restart the environment is still stored: attempts that were interrupted count
+    // too, and then the next start leads back, whoever requests it.
+    const bool isExhausted = record.restarts >= ROLLBACK_RESTARTS_MAX;
+    if (!isExhausted) {
+        ++record.restarts;
+        // Goes on if the record cannot be stored: rolled_back is then the trace of the rollback,
+        // and the changed slot ends it.
+        keep(platform, record);
     }
-    ++record.restarts;
-    // Goes on if the record cannot be stored: rolled_back is then the trace of the rollback, and
-    // the changed slot ends it.
-    keep(platform, record);
     const BootValue values[] = {{BOOTSYSTEM, good.c_str()},
                                 {UPGRADE_AVAILABLE, "0"},
                                 {BOOTCOUNT, "0"},
                                 {ROLLED_BACK, failed.c_str()}};
     if (!keep_environment(platform, values)) {
         report(platform, why + "; not rolled back");
+        return false;
+    }
+    if (isExhausted) {
+        report(platform, why + "; still running after " + std::to_string(record.restarts) +
+                             " attempts to go back to slot " + good);
         return false;
     }
     report(platform, why + "; going back to slot " + good);
