@@ -1,18 +1,28 @@
 /*
- * A model of one action: update server, agent, upgrade service and the camera's storage. Between any two
- * steps a disturbance can happen: the power is cut; the boot loader starts the former slot; the agent or
- * the service dies; a request or its answer is lost; a proxy answers a result with "not found"; the server
- * loses a result, changes the files of an action, is never reached again, or is replaced by a new server
- * that uses the same ids; the operator cancels, force quits or assigns a newer action; or a person starts a
- * manual upgrade. A run has at most DISTURBANCES of these, in any order. Each step of the model is one
- * effect that another part can observe. scripts/check_protocol explores all possible runs. With
+ * A model of one action: update server, agent, upgrade service, boot loader, commit program and the
+ * camera's storage. The new system is on trial until the commit program commits it; the boot loader or the
+ * commit program can return to the former one instead, at any time (so the new system may be unhealthy,
+ * hang or panic). What the agent observes of that are the steps of src/commit/trial_views.pml; the model
+ * src/commit/trial.pml has the details. Between any two steps a disturbance can happen: the power is cut;
+ * no trace of a trial is stored; the agent or the service dies; a request or its answer is lost; a proxy
+ * answers a result with "not found"; the server loses a result, changes the files of an action, is never
+ * reached again, or is replaced by a new server that uses the same ids; the operator cancels, force quits
+ * or assigns a newer action; or a person starts a manual upgrade. A run has at most DISTURBANCES of these,
+ * in any order. Each step of the model is one effect that another part can observe. scripts/check_protocol
+ * explores all possible runs. With ONE_COPY the camera has one copy of each partition and no trials: an
+ * upgrade overwrites the running system, and the boot loader may start the former slot. With
  * RELIABLE_SERVER the server stores all results, keeps the files and is always reached, so that a run can
  * have more of the other disturbances.
  *
  * Properties that are checked:
- *   - "success" is never sent for a system that does not run, nor for files that are not the offered ones
- *   - every run ends. At its end no action is open, no file is left, and "failure" was not sent for the
- *     system that the camera starts. If the server is gone, no upgrade is left unfinished
+ *   - "success" is never sent for a system that does not run or is not committed, nor for files that are not
+ *     the offered ones
+ *   - during a trial no request is posted, and the cancellation of its action is not confirmed. A package
+ *     whose system was given up is not posted again, unless a manual upgrade has replaced the trial's record
+ *   - with two copies every start finds a whole system
+ *   - every run ends. At its end the system is committed, no action is open, no file is left, and
+ *     "failure" was not sent for the system that the camera starts. If the server is gone, no upgrade is
+ *     left unfinished
  *   - there are never two requests of the agent at once, and none for an action that has its result, even
  *     when the action is offered again
  *   - no upgrade is begun for files that are no longer offered. An upgrade that has begun is not given up
@@ -48,12 +58,21 @@
  *   BEGUN_ASKS_FIRST        an upgrade that has begun continues only while the server offers it
  *   STOP_IS_FAILURE         an agent that is stopped before it can determine the result stores a failure
  *   CARD_NOT_AWAITED        a package on a card that is not mounted yet counts as lost
+ *   SUCCESS_IN_TRIAL        a system that runs counts as success although it is on trial
+ *   CHECKED_IN_TRIAL        a success that was found earlier is checked again although a trial has not ended
+ *   POSTED_IN_TRIAL         a request is posted although a trial has not ended
+ *   MANUAL_IN_TRIAL         otactl posts a request although a trial has not ended
+ *   CANCELLED_IN_TRIAL      a cancellation during the trial is confirmed
+ *   GIVEN_UP_AGAIN          an upgrade whose system was given up is tried again
+ *   OLD_TRIAL_BELIEVED      the record of a trial before the commit counts as that of this action
  */
 #ifndef DISTURBANCES
 #define DISTURBANCES 5
 #endif
 #define ATTEMPTS 3        /* requests for one action */
 #define REFUSED_RESULTS 2 /* refusals of one result; the agent's limit is higher */
+
+#include "trial_views.pml"
 
 /* --- the server ---------------------------------------------------------------------------------- */
 
@@ -78,6 +97,7 @@ byte record_action, record_package;
 bit this_boot;     /* the record's boot id is that of the running kernel */
 bit slot_before;
 bit failed_before; /* the outcome record before the commit, reduced to whether it was a failure */
+bit old_trial;     /* the trial's record is that of before the commit, and contains a reason */
 byte attempts;
 bit success;       /* the result */
 byte refused;      /* how often the server refused the result */
@@ -99,10 +119,19 @@ byte result = RESULT_SUCCEEDED, state = STATE_SUCCESS;
 #define FORMER 4
 #define MANUAL 5
 #define MIXED 6
+#ifdef ONE_COPY
 byte image = FORMER;
-bit half_written; /* by an upgrade of the agent that was not given up yet */
 bit image_slot; /* the slot that starts `image` */
+#define content_of(s) (s == image_slot -> image : MIXED)
+#define read_content image
+#else
+byte content[2] = FORMER;
+#define content_of(s) content[s]
+#define read_content content[slot]
+#endif
+bit half_written; /* by an upgrade of the agent that was not given up yet */
 bit slot;
+mtype:view view = SETTLED; /* of the trial, as other programs observe it */
 
 /* --- state that a restart clears ----------------------------------------------------------------- */
 
@@ -115,8 +144,8 @@ byte waiting, second; /* the first and the second request in the queue: a packag
 mtype:sender = { NOBODY, RECORDED, ANOTHER };
 mtype:sender sender = NOBODY; /* RECORDED: the process that the agent's record names */
 
-mtype:service = { DOWN, IDLE, TAKEN, PREPARED, WRITING, FAILING, RECORDING, SUCCEEDING, SWITCHING, DELETING, ENDING,
-                  RESTARTING, GONE };
+mtype:service = { DOWN, IDLE, TAKEN, PREPARED, WRITING, FAILING, RECORDING, SUCCEEDING, SWITCHING, ARMING, DELETING,
+                  ENDING, RESTARTING, GONE };
 mtype:service service = DOWN;
 bit half;     /* the first of two steps of rewriting the outcome record is done */
 byte request; /* the request that the service works on */
@@ -127,6 +156,7 @@ mtype:at = { POLL, DOWNLOAD, COMMIT, COMMIT_LATE, POST, NOTE_POSTED, AWAIT, GIVE
              CHECK_AGAIN, CLEAN, CLOSE, REMEMBER, FORGET, CONFIRM, DROP };
 mtype:at at = POLL;
 byte polled; /* the action whose cancellation the last poll returned */
+byte given_up; /* the package whose system was given up last */
 bit delivered; /* the server has accepted the result, or does not wait for it */
 #ifdef HISTORY_LATE
 byte removed; /* the package of the removed record */
@@ -153,9 +183,19 @@ inline start_agent()
     fi
 }
 
+inline observe(next)
+{
+    assert(may_follow(view, next));
+    view = next
+}
+
 inline start_camera()
 {
-    running = (slot == image_slot -> image : MIXED);
+    running = content_of(slot);
+#ifndef ONE_COPY
+    assert(running != MIXED);
+    view = (view == ARMED -> TRIAL : view);
+#endif
     begun = 0; queue = 0; waiting = 0; second = 0; sender = NOBODY;
     service = DOWN; half = 0; request = 0; new_result = 0; new_state = 0;
     this_boot = 0;
@@ -168,7 +208,8 @@ inline start_camera()
 
 inline commit()
 {
-    stage = ACTION_COMMITTED; this_boot = 1; slot_before = slot; failed_before = is_failure
+    stage = ACTION_COMMITTED; this_boot = 1; slot_before = slot; failed_before = is_failure;
+    old_trial = (view == GIVEN_UP)
 }
 
 #define is_own(message) (message != 0 && message != MANUAL)
@@ -185,6 +226,7 @@ inline count_attempt()
 inline post()
 {
     assert(!is_own(waiting) && second == 0 && !is_own(request) && !known[record_package]);
+    assert(view != TRIAL && record_package != given_up);
     if
     :: waiting == 0 -> waiting = record_package
     :: else -> second = record_package
@@ -194,8 +236,8 @@ inline post()
 
 inline decide(good_result)
 {
-    stage = ACTION_RESULT; success = good_result; this_boot = 1; failed_before = 0; attempts = 0; at = CLEAN;
-    half_written = 0
+    stage = ACTION_RESULT; success = good_result; this_boot = 1; failed_before = 0; old_trial = 0; attempts = 0;
+    at = CLEAN; half_written = 0
 }
 
 inline judge_failure()
@@ -207,7 +249,7 @@ inline judge_failure()
 inline forget()
 {
     stage = ACTION_NONE; record_action = 0; record_package = 0; success = 0; this_boot = 0; slot_before = 0;
-    attempts = 0; refused = 0; delivered = 0; at = POLL
+    old_trial = 0; attempts = 0; refused = 0; delivered = 0; at = POLL
 }
 
 inline add_to_history(package, good_result)
@@ -228,30 +270,57 @@ inline resend_result(package)
 #define poll_has_effect (!away && (stage != ACTION_NONE || offered != 0))
 #define must_reject (!away && offered == record_action && action[offered] == CANCELLING)
 #define must_close (!away && at == CLOSE && is_pending(record_action) && !must_reject)
+/* The agent waits until the new system is committed or given up. */
+#define awaits_decision (at == JUDGE && !is_settled(view))
 #define is_exchanging ((at == POLL && poll_has_effect) || (!away && (at == CONFIRM || at == CLOSE)) || \
-                    (at == AWAIT && must_reject))
+                    ((at == AWAIT || awaits_decision) && must_reject))
 
 /* How the server changes by the message that the agent sends in this step. */
 inline server_receives()
 {
     if
-    :: at == CONFIRM && action[polled] == CANCELLING -> action[polled] = CANCELED
-    :: (at == AWAIT || at == CLOSE) && must_reject -> action[record_action] = OPEN
+    :: at == CONFIRM && action[polled] == CANCELLING ->
+        assert(!is_begun || view != TRIAL);
+        action[polled] = CANCELED
+    :: (at == AWAIT || at == CLOSE || awaits_decision) && must_reject -> action[record_action] = OPEN
 #if defined(OFFER_UNCHECKED_LATE) || defined(MANIFEST_UNCHECKED)
     :: must_close ->
 #else
     :: must_close && is_same ->
 #endif
-        assert(!success || (running == record_package && is_same));
+        assert(!success || (running == record_package && is_same && view != TRIAL));
         action[record_action] = (success -> SUCCEEDED : FAILED)
     :: else
     fi
 }
 
-#ifdef BEGUN_UNCHECKED
-#define service_is_free (queue && sender == NOBODY)
+#ifdef POSTED_IN_TRIAL
+#define is_decided 1
 #else
-#define service_is_free (queue && sender == NOBODY && !begun)
+#define is_decided is_settled(view)
+#endif
+#ifdef BEGUN_UNCHECKED
+#define service_is_free (queue && sender == NOBODY && is_decided)
+#else
+#define service_is_free (queue && sender == NOBODY && !begun && is_decided)
+#endif
+/* The record of a trial contains a reason, and that trial began after the commit. */
+#if defined(GIVEN_UP_AGAIN)
+#define is_given_up 0
+#elif defined(OLD_TRIAL_BELIEVED)
+#define is_given_up (view == GIVEN_UP)
+#else
+#define is_given_up (view == GIVEN_UP && !old_trial)
+#endif
+#ifdef SUCCESS_IN_TRIAL
+#define may_judge (is_settled(view) || (slot != slot_before && read_content == record_package))
+#else
+#define may_judge is_settled(view)
+#endif
+#ifdef CHECKED_IN_TRIAL
+#define may_check_again 1
+#else
+#define may_check_again is_settled(view)
 #endif
 #ifdef BEGUN_ASKS_FIRST
 #define may_commit (!away && is_pending(record_action) && is_same)
@@ -354,30 +423,35 @@ end:
         :: else -> decide(0)
         fi }
 
-    :: d_step { at == JUDGE ->
+#ifdef CANCELLED_IN_TRIAL
+    :: d_step { awaits_decision && must_reject && !away -> polled = offered; at = CONFIRM }
+#endif
+    :: d_step { awaits_decision && must_reject -> server_receives() }
+    :: d_step { at == JUDGE && may_judge ->
         if
 #if defined(RECORD_ALONE)
         :: result == RESULT_SUCCEEDED -> decide(1)
 #elif defined(PARTITIONS_UNCHECKED)
         :: result == RESULT_SUCCEEDED && slot != slot_before -> decide(1)
 #elif defined(RECORD_NEEDED)
-        :: result == RESULT_SUCCEEDED && slot != slot_before && image == record_package -> decide(1)
+        :: result == RESULT_SUCCEEDED && slot != slot_before && read_content == record_package -> decide(1)
 #else
-        :: slot != slot_before && image == record_package -> decide(1)
+        :: slot != slot_before && read_content == record_package -> decide(1)
 #endif
         :: else ->
             if
-            :: slot == slot_before && files == ALL_FILES && (!is_failure || failed_before) && attempts < ATTEMPTS ->
+            :: slot == slot_before && files == ALL_FILES && (!is_failure || failed_before) && attempts < ATTEMPTS &&
+               !is_given_up ->
                 at = COMMIT
             :: else -> judge_failure()
             fi
         fi }
 #ifdef CARD_NOT_AWAITED
-    :: d_step { at == JUDGE && slot == slot_before -> judge_failure() }
+    :: d_step { at == JUDGE && may_judge && slot == slot_before -> judge_failure() }
 #endif
     /* A success that was found before the last restart and possibly not received by the server. */
-    :: d_step { at == CHECK_AGAIN ->
-        this_boot = 1; success = (slot != slot_before && image == record_package); at = CLEAN }
+    :: d_step { at == CHECK_AGAIN && may_check_again ->
+        this_boot = 1; success = (slot != slot_before && read_content == record_package); at = CLEAN }
     :: d_step { at == CLEAN -> files = NO_FILES; at = CLOSE }
     :: d_step { at == CLOSE && must_reject -> server_receives() }
     /* If other files are offered under its id, the result goes only to the history and the offer is new. */
@@ -417,15 +491,34 @@ end:
     :: d_step { service == TAKEN -> rewrite(PREPARED) }
     :: d_step { service == PREPARED -> new_state = STATE_FAILURE; service = FAILING }
     :: d_step { service == PREPARED ->
-        image = MIXED; image_slot = 1 - slot; half_written = (half_written || request != MANUAL); service = WRITING }
+#ifdef ONE_COPY
+        image = MIXED; image_slot = 1 - slot;
+#else
+        content[1 - slot] = MIXED;
+#endif
+        half_written = (half_written || request != MANUAL); service = WRITING }
     :: d_step { service == WRITING -> new_state = STATE_FAILURE; service = FAILING }
     :: d_step { service == WRITING ->
         assert(request == MANUAL || files == ALL_FILES);
-        image = request; half_written = 0; new_result = RESULT_SUCCEEDED; service = RECORDING }
+#ifdef ONE_COPY
+        image = request;
+#else
+        content[1 - slot] = request;
+#endif
+        half_written = 0; new_result = RESULT_SUCCEEDED; service = RECORDING }
     :: d_step { service == FAILING -> rewrite(ENDING) }
     :: d_step { service == RECORDING -> rewrite(SUCCEEDING) }
     :: d_step { service == SUCCEEDING -> new_state = STATE_SUCCESS; rewrite(SWITCHING) }
+#ifdef ONE_COPY
     :: d_step { service == SWITCHING -> slot = 1 - slot; service = DELETING }
+#else
+    /* The trial is recorded, then armed. */
+    :: d_step { service == SWITCHING && view != TRIAL ->
+        given_up = (request == MANUAL -> 0 : given_up);
+        observe(UNSETTLED); old_trial = 0; service = ARMING }
+    :: d_step { service == ARMING -> slot = 1 - slot; observe(ARMED); service = DELETING }
+    :: d_step { service == ARMING -> service = DELETING }
+#endif
     :: d_step { service == SWITCHING -> service = DELETING }
     :: d_step { service == DELETING ->
         if
@@ -441,15 +534,61 @@ end:
     od
 }
 
+/* --- boot loader and commit program -------------------------------------------------------------- */
+
+#ifndef ONE_COPY
+inline return_to_former(next)
+{
+    given_up = (next == UNSETTLED && running != MANUAL -> running : given_up);
+    slot = 1 - slot;
+    observe(next);
+    start_camera()
+}
+
+/* Also if it never starts the slot that is selected. */
+active proctype boot_loader()
+{
+end:
+    do
+    :: d_step { view == TRIAL -> return_to_former(UNSETTLED) }
+    :: d_step { left > 0 && view == TRIAL -> left--; return_to_former(SETTLED) }
+    :: d_step { left > 0 && view == TRIAL -> left--; return_to_former(GIVEN_UP) }
+    od
+}
+
+active proctype commit_program()
+{
+end:
+    do
+    :: d_step { view == TRIAL -> observe(SETTLED) }
+    :: d_step { view == TRIAL -> return_to_former(UNSETTLED) }
+    :: d_step { view == UNSETTLED && service != ARMING -> observe(GIVEN_UP); old_trial = 0 }
+    od
+}
+#endif
+
 /* --- the world ----------------------------------------------------------------------------------- */
+
+#ifdef MANUAL_IN_TRIAL
+#define may_send 1
+#else
+#define may_send (view != TRIAL && view != ARMED) /* otactl */
+#endif
 
 active proctype world()
 {
     action[1] = OPEN;
     do
     :: d_step { left > 0 -> left--; start_camera() }
+#ifdef ONE_COPY
     /* The new system does not start, and the boot loader starts the other slot. */
     :: d_step { left > 0 && slot == image_slot && image != FORMER -> left--; slot = 1 - slot; start_camera() }
+#else
+    /* The trial cannot be recorded. */
+    :: d_step { left > 0 && service == SWITCHING && view != TRIAL ->
+        left--; given_up = (request == MANUAL -> 0 : given_up);
+        slot = 1 - slot; observe(ARMED); service = DELETING }
+#endif
     :: d_step { left > 0 -> left--; start_agent() }
     /* An idle service may be stopped and started again, and so may one that has finished. One that dies
        during an upgrade is started again only with the camera. Otherwise it could process a second
@@ -461,7 +600,7 @@ active proctype world()
     :: d_step { left > 0 && is_exchanging -> left-- }
     :: d_step { left > 0 && is_exchanging && at != POLL -> left--; server_receives() }
     /* A manual request: alone; after the agent's request; or before it, just after the agent's check. */
-    :: d_step { left > 0 && queue && waiting == 0 -> left--; waiting = MANUAL; sender = ANOTHER }
+    :: d_step { left > 0 && queue && waiting == 0 && may_send -> left--; waiting = MANUAL; sender = ANOTHER }
     :: d_step { left > 0 && is_own(waiting) -> left--; second = MANUAL; sender = ANOTHER }
     :: d_step { left > 0 && is_own(waiting) -> left--; second = waiting; waiting = MANUAL }
     /* An empty message, which the service ignores. */
@@ -499,12 +638,15 @@ end:
     do
     :: timeout ->
         if
-        :: d_step { at == AWAIT_RESTART -> start_camera() } /* a person switches the camera off and on */
+        :: d_step { at == AWAIT_RESTART || view == ARMED -> start_camera() } /* a person turns it off and on */
         :: else -> break
         fi
     od;
     assert(away || (stage == ACTION_NONE && files == NO_FILES && offered == 0));
     assert(!is_begun && !half_written);
-    assert(slot != image_slot || image != package_of(1) || action[1] != FAILED);
-    assert(slot != image_slot || image != 2 || action[2] != FAILED)
+#ifndef ONE_COPY
+    assert(is_settled(view) && running == content_of(slot));
+#endif
+    assert(content_of(slot) != package_of(1) || action[1] != FAILED);
+    assert(content_of(slot) != 2 || action[2] != FAILED)
 }
