@@ -266,9 +266,10 @@ AgentStatus close_action(Agent& agent, bool offered, bool& again) {
         return {};
     }
     AgentStatus status = recheck_success(agent);
-    if (status.ok()) {
-        status = deliver_result(agent, offered);
+    if (!status.ok() || needs_recheck(agent)) {
+        return status;
     }
+    status = deliver_result(agent, offered);
     again = status.ok();
     return status;
 }

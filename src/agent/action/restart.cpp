@@ -112,8 +112,12 @@ AgentStatus judge_restart(Agent& agent) {
     return store(agent);
 }
 
+bool needs_recheck(const Agent& agent) {
+    return agent.action.succeeded && agent.action.bootId != agent.camera.bootId;
+}
+
 AgentStatus recheck_success(Agent& agent) {
-    if (!agent.action.succeeded || agent.action.bootId == agent.camera.bootId) {
+    if (!needs_recheck(agent)) {
         return {};
     }
     Manifest manifest;
@@ -122,6 +126,10 @@ AgentStatus recheck_success(Agent& agent) {
         char slot = '?';
         if (!wait_for_slot(agent, slot)) {
             return agent_stopped();
+        }
+        if (read_trial(slot).isUndecided) {
+            wait_for(agent, WAITS_FOR_COMMIT);
+            return {};
         }
         wrong = slot == agent.action.slotBefore ? "the slot was switched back" : "";
     }

@@ -10,9 +10,13 @@
 // AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus judge_restart(Agent& agent);
 
-// To be called before a result is sent. If it is a success that was found before the last restart
-// of the camera, checks that the new system still runs. If not, the result becomes a failure.
-// Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
+// Whether the result is a success that was found before the last restart of the camera. It must not
+// be sent then.
+bool needs_recheck(const Agent& agent);
+
+// To be called before a result is sent. Of a success that needs it, checks that the new system
+// still runs. If not, the result becomes a failure. Nothing changes while corvo_commit has not
+// decided about the running system. Returns AGENT_OK, AGENT_STORAGE or AGENT_STOPPED.
 AgentStatus recheck_success(Agent& agent);
 
 #endif  // AGENT_RESTART_H
