@@ -83,7 +83,7 @@ build_programs() { # ADDITIONAL TARGET...
     "$checkout/scripts/sysroot" glibc
     echo "building build/arm"
     cmake --preset arm > "$log" 2>&1 &&
-        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl hal_tool "$@" \
+        cmake --build build/arm --target corvo_upgrade system_call_daemon otactl hal_tool corvo_commit "$@" \
             >> "$log" 2>&1 || {
         tail -n 20 "$log" >&2
         fail "cannot build; the whole output is in $log"
@@ -111,6 +111,7 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
     cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
     # Installed with cmake --install, as integrators do it.
+    [ ${#doubled[@]} = 0 ] || set -- commit commit_sysv "$@"
     for component in service simulated tools bringup sysv "$@"; do
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
@@ -121,8 +122,11 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
         mkdir -p "$root/etc/corvo"
         printf '%s\n' "doubled = ${doubled[*]}" 'slot-from = command-line' 'word-a = bootsystem=A' \
             'word-b = bootsystem=B' > "$root/etc/corvo/slots.conf"
+        printf '%s\n' 'health-command = health_check' 'interval = 1' 'deadline = 3' > "$root/etc/corvo/commit.conf"
+        cp "$parts/../health_check" "$root/bin/"
+    else
+        cp "$parts/../S99checkboot" "$root/etc/init.d/"
     fi
-    cp "$parts/../S99checkboot" "$root/etc/init.d/"
     chmod 755 "$root/init" "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"
@@ -132,23 +136,14 @@ make_initramfs() { # COMPONENT...: install these components in addition to those
     echo "${sent_modules[*]}" > "$root/sent_modules"
     echo "${sent_files[*]}" > "$root/sent_files"
     head -c 1792 "$made/factory_data" > "$root/factory_data"
-    for module in imx2_wdt gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim micrel fec; do
+    for module in imx2_wdt softdog gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim micrel fec; do
         modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module |
             awk '$1 == "insmod" { print $2 }'
     done | awk '!seen[$0]++' > "$made/modules"
     xargs cp -t "$root/modules" < "$made/modules"
-    # crc32-arm-ce is for a newer processor; nandsim is loaded only for its tests.
-    sed 's#.*/##' "$made/modules" | grep -vxE 'nandsim.ko|crc32-arm-ce.ko' > "$root/modules/order"
+    # crc32-arm-ce is for a newer processor; nandsim and softdog are loaded only for their tests.
+    sed 's#.*/##' "$made/modules" | grep -vxE 'nandsim.ko|softdog.ko|crc32-arm-ce.ko' > "$root/modules/order"
     (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/initramfs.gz"
-}
-
-# Makes an image of random bytes that the stand-in of the boot loader accepts (sim/boot_loader).
-make_image() { # VERSION SIZE; on standard output
-    local rest=$made/rest head
-    # The line has a fixed length, so it is known in advance.
-    head -c $(($2 - ${#1} - 77)) /dev/urandom > "$rest"
-    head=$(printf '%s %10d %s' "$1" "$(stat -c %s "$rest")" "$(sha256sum < "$rest" | cut -c 1-64)")
-    echo "$head" | cat - "$rest"
 }
 
 # The sizes are not multiples of any block size, so that a lost tail is detected.
@@ -157,12 +152,12 @@ make_images() {
     rm -rf "$folder"
     mkdir -p "$folder"
     for file in "${sent_files[@]}"; do
-        make_image 2.0 $size > "$folder/$file"
+        "$parts/../make_image" 2.0 $size > "$folder/$file"
         size=$((size % 300000 + 50001))
     done
     head -c 200003 /dev/urandom > "$made/uboot.bin"
-    make_image 2.1 65537 > "$made/dtb.bin"
-    make_image 2.1 310009 > "$made/system2.img"
+    "$parts/../make_image" 2.1 65537 > "$made/dtb.bin"
+    "$parts/../make_image" 2.1 310009 > "$made/system2.img"
     # The combined package of the second upgrade.
     qemu-arm-static -L build/sysroot/glibc/root build/arm/otactl pack \
         --output "$folder/camera.pkg" --manifest "$folder/camera.manifest" \
@@ -213,8 +208,8 @@ make_card() { # SIZE FOLDER; SIZE is a power of two, FOLDER has the content of t
     done
     # Both slots contain a whole system, because a package need not contain all of it.
     for name in "${doubled[@]}"; do
-        make_image 1.0 "$(bytes_of "${name}_a")" | put_partition "$card" "${name}_a"
-        make_image 1.0 "$(bytes_of "${name}_b")" | put_partition "$card" "${name}_b"
+        "$parts/../make_image" 1.0 "$(bytes_of "${name}_a")" | put_partition "$card" "${name}_a"
+        "$parts/../make_image" 1.0 "$(bytes_of "${name}_b")" | put_partition "$card" "${name}_b"
     done
     put_partition "$card" nv_factory < "$made/factory_data"
     make_file_system config "$made/config"

@@ -75,6 +75,10 @@ class Judge:
             ("record", record == end.record, record),
             ("files left", state.get("files") == "0", state.get("files")),
         ]
+        if camera.doubled:
+            commit = state["commit"]
+            decided = commit.get("state"), commit.get("committed")
+            checks.append(("decision", decided == ("committed", end.slot), commit))
         shown = []
         for name, (image, size) in self.images.items():
             *kept, written = camera.copies(name)

@@ -11,7 +11,7 @@ import uuid
 from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import ClassVar
+from typing import Any, ClassVar
 
 from package import make_image
 from server import DIES_WITH_PARENT
@@ -167,15 +167,16 @@ class Camera:
             self.stage = stage
             self.changes.append((time.monotonic(), stage))
 
-    def state(self) -> dict[str, str]:
+    def state(self) -> dict[str, Any]:
         """Returns the state that the camera itself reports. Call only while it is off."""
         done = subprocess.run(self.command("look"), capture_output=True, text=True, errors="replace",
                               stdin=subprocess.DEVNULL)
         state = dict(line.partition(" ")[::2] for line in done.stdout.splitlines())
-        try:
-            state["agent"] = json.loads(state.get("agent") or "{}")
-        except ValueError:
-            state["agent"] = {}
+        for program in ("agent", "commit"):
+            try:
+                state[program] = json.loads(state.get(program) or "{}")
+            except ValueError:
+                state[program] = {}
         return state
 
     def digest(self, partition: str, size: int | None = None) -> str:
