@@ -19,10 +19,14 @@ class End:
     outcome: str  # result of the last action in the agent's status
     record: str  # outcome in the record of the service
     written: bool  # True: the partitions contain the images; False: they are unchanged
+    reason: str = ""  # a part of what the server must have been told
 
 
 UPGRADED = End(("in_sync",), "B", NEW_VERSION, "success", "succeeded", True)
 REFUSED = End(("error",), "A", OLD_VERSION, "failure", "none", False)
+# The new system was started, and given up.
+GIVEN_UP = End(("error",), "A", OLD_VERSION, "failure", "succeeded", True,
+               'slot B was given up: health command "health_check": status 1: no picture')
 UNTOUCHED = End(("registered", "unknown"), "A", OLD_VERSION, "none", "none", False)
 
 RECORD = re.compile(r"result: 1\b.*succeeded"), re.compile(r"result: 2\b")
@@ -79,6 +83,11 @@ class Judge:
             commit = state["commit"]
             decided = commit.get("state"), commit.get("committed")
             checks.append(("decision", decided == ("committed", end.slot), commit))
+        if end.reason:
+            action = self.management.last_action(camera.name)
+            messages = [text for status in self.management.statuses(camera.name, action["id"])
+                        for text in status["messages"]]
+            checks.append(("the reason at the server", any(end.reason in text for text in messages), messages))
         shown = []
         for name, (image, size) in self.images.items():
             *kept, written = camera.copies(name)

@@ -39,6 +39,7 @@ class BoardCamera(Camera):
         (config / "version").write_text(f"{OLD_VERSION}\n")
         (config / "started_slot").write_text("A\n")
         (config / "token").write_text(f"{self.token}\n")
+        self.provide_needed()
         settings["server"] = settings["server"].replace(f"//{HOST}:", f"//{HOST_FROM_BOARD}:")
         # Copy the files that settings name to the board's /config.
         for name, value in settings.items():

@@ -59,6 +59,7 @@ class Camera:
     programs: Path
     group: int = 0
     small: bool = False  # a partition is too small for its image
+    needed: str = ""  # a file in /config that this camera has and the new system needs
     doubled: Iterable[str] = ()  # the partitions that have two copies, one for each slot
     action: str = ""
     stage: str = "off"
@@ -83,6 +84,7 @@ class Camera:
             (self.folder / "slots.conf").write_text(
                 f"doubled = {' '.join(self.doubled)}\nslot-from = command-line\n"
                 "word-a = bootsystem=A\nword-b = bootsystem=B\n")
+        self.provide_needed()
         (self.folder / "flash/nv_factory").write_bytes(bytes(PLATFORM_FACTORY_BYTES))
         (self.folder / "version").write_text(f"{OLD_VERSION}\n")
         (self.folder / "started_slot").write_text("A\n")
@@ -92,6 +94,10 @@ class Camera:
         (self.folder / "agent.conf").write_text(
             "".join(f"{name} = {value}\n" for name, value in settings.items()))
         self.agent, self.service = Tail(self.folder / "agent.txt"), Tail(self.folder / "service.txt")
+
+    def provide_needed(self) -> None:
+        if self.needed:
+            (self.folder / "config" / self.needed).touch()
 
     def copies(self, name: str) -> list[str]:
         """Returns the partitions that a name of the package table stands for; the one that the first upgrade

@@ -14,10 +14,12 @@ PARTITIONS = {name: size + 100 * KIB for name, size in IMAGES.items()}
 TOO_SMALL = {**PARTITIONS, "rootfs": IMAGES["rootfs"] - 512}
 
 
-def make_image(version: str, size: int) -> bytes:
-    """Returns an image of this size in bytes, at least 100."""
+def make_image(version: str, size: int, text: str = "") -> bytes:
+    """Returns an image of this size in bytes, at least 200. `text` is a line after the first one, for
+    sim/health_check."""
     # The digest has a fixed length, and sizes are padded, so the length of the line is known in advance.
-    rest = os.urandom(size - len(f"{version} {size:>10} {'':64}\n"))
+    rest = f"{text}\n".encode() if text else b""
+    rest += os.urandom(size - len(f"{version} {size:>10} {'':64}\n") - len(rest))
     return f"{version} {len(rest):>10} {hashlib.sha256(rest).hexdigest()}\n".encode() + rest
 
 
@@ -31,14 +33,16 @@ class Package:
     def image(self, partition: str) -> Path:
         return next(self.folder.glob(f"{partition}.[bi]*"))
 
-    def make(self) -> list[Path]:
-        """Creates the package and returns all its files."""
+    def make(self, needed: str = "") -> list[Path]:
+        """Creates the package and returns all its files. Without the file `needed` on the camera the new system
+        is unhealthy."""
         self.folder.mkdir()
         names = dict(line.split()[1:3] for line in subprocess.run(
             [self.programs / "otactl", "modules"], check=True, capture_output=True,
             text=True).stdout.splitlines())
         for partition, size in IMAGES.items():
-            (self.folder / names[partition]).write_bytes(make_image(NEW_VERSION, size))
+            text = f"needs {needed}" if needed and partition == "rootfs" else ""
+            (self.folder / names[partition]).write_bytes(make_image(NEW_VERSION, size, text))
         subprocess.run([self.programs / "otactl", "pack", "files", "--dir", self.folder,
                         "--compatible", COMPATIBLE, "--version", NEW_VERSION,
                         "--key", self.keys / "signer.key", "--certificate",

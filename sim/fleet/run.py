@@ -10,7 +10,7 @@ import time
 from pathlib import Path
 
 import picture
-from agreement import HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
+from agreement import GIVEN_UP, HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
 from board_camera import BoardCamera
 from camera import Camera
 from certificates import Authority
@@ -20,14 +20,15 @@ from server import Proxy, Server
 from table import Table
 
 MOST_GROUPS = 4
-MOST_ERRORS = 25  # percent of a group; with --bad half of the cameras of each group fail
+MOST_ERRORS = 25  # percent of a group; with --bad or --unhealthy half of the cameras of each group fail
 CUTS = 2  # power cuts of each camera; fewer than the three requests that the agent posts for an action
 # The stages in which the power may be cut (a part of the stage's name), at most CUT_WITHIN s after the
 # stage begins.
 CUT_STAGES = ("downloading", "downloaded and verified", "request posted", "writing", "reading",
-              "slot switched", "restarting")
+              "slot switched", "restarting", "waits for corvo_commit")
 CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
+NEEDED = "lens.cal"  # with --unhealthy, the file in /config that the new system needs
 BOARD_SECONDS = 240  # additional time for the emulated board
 LAST_REPORT_SECONDS = 20  # time for the cameras to report their version and slot after the result
 ASK_SECONDS = 1.0
@@ -106,7 +107,7 @@ class Fleet:
 
     def make_package(self) -> None:
         self.package = Package(self.folder, self.options.programs, self.scripts)
-        self.files = self.package.make()
+        self.files = self.package.make(f"/config/{NEEDED}" if self.options.unhealthy else "")
         self.judge = Judge(self.management, self.package)
 
     def make_rollout(self) -> None:
@@ -135,11 +136,13 @@ class Fleet:
         self.cameras.sort(key=lambda camera: (camera.group, camera.name))
 
     def make_cameras(self) -> None:
-        """With --bad, every other camera of each group has a partition that is too small."""
+        """Every other camera of each group has a partition that is too small (--bad), or has not the file that
+        the new system needs (--unhealthy)."""
         group, place = 0, 0
         for camera in self.cameras:
             group, place = camera.group, place + 1 if camera.group == group else 0
             camera.small = self.options.bad and place % 2 == 0
+            camera.needed = NEEDED if self.options.unhealthy and place % 2 == 1 else ""
         if self.options.board:
             self.choose_board()
         for camera in self.cameras:
@@ -149,13 +152,13 @@ class Fleet:
 
     def choose_board(self) -> None:
         """Replaces the first camera that need not fail by the emulated board."""
-        place = next((i for i, camera in enumerate(self.cameras) if not camera.small), None)
+        place = next((i for i, camera in enumerate(self.cameras) if not self.must_fail(camera)), None)
         if place is None:
             print("without the board: every camera must fail")
             return
         was = self.cameras[place]
         self.cameras[place] = BoardCamera(was.name, was.token, was.folder, was.scripts,
-                                          was.programs, was.group)
+                                          was.programs, was.group, needed=was.needed)
         print(f"{was.name} is the emulated board", flush=True)
 
     def wait_for_rollout(self, *wanted: str) -> None:
@@ -211,7 +214,7 @@ class Fleet:
             # Sorted, because a stage that the camera has passed does not come again.
             plan = self.plan.setdefault(camera.name, sorted(
                 self.random.choices(range(len(CUT_STAGES)), k=CUTS)))
-            if CUT_STAGES[plan[camera.cuts]] in camera.stage or self.has_succeeded(camera):
+            if CUT_STAGES[plan[camera.cuts]] in camera.stage or self.has_result(camera):
                 self.due[camera.name] = now + self.random.uniform(0, CUT_WITHIN)
         elif now >= due and camera.process is not None:
             camera.kill()
@@ -221,21 +224,24 @@ class Fleet:
             self.due[camera.name] = now + self.random.uniform(*OFF_SECONDS)
         elif now >= due:
             del self.due[camera.name]
-            camera.enter("on again after its success" if self.has_succeeded(camera)
+            camera.enter("on again after its result" if self.has_result(camera)
                          else "starts again")
             camera.start()
 
     @staticmethod
-    def has_succeeded(camera: Camera) -> bool:
-        return any("success" in stage for _, stage in camera.changes)
+    def has_result(camera: Camera) -> bool:
+        return any(word in stage for _, stage in camera.changes for word in ("success", "failure"))
 
     def is_over(self) -> bool:
         self.status = self.management.rollout_status(self.rollout)
         if self.status == "paused":
             # The cameras of the first group still finish their upgrade.
-            return all(self.has_ended(camera) for camera in self.cameras if camera.group == 1)
-        return self.status == "finished" and not (self.options.cut and any(
-            camera.cuts < CUTS or camera.name in self.due for camera in self.cameras))
+            first = [camera for camera in self.cameras if camera.group == 1]
+            return all(self.has_ended(camera) for camera in first) and not self.are_cuts_due(first)
+        return self.status == "finished" and not self.are_cuts_due(self.cameras)
+
+    def are_cuts_due(self, cameras: list[Camera]) -> bool:
+        return self.options.cut and any(camera.cuts < CUTS or camera.name in self.due for camera in cameras)
 
     def has_ended(self, camera: Camera) -> bool:
         target = self.management.call("GET", f"targets/{camera.name}")
@@ -243,12 +249,18 @@ class Fleet:
 
     # --- the result ---
 
+    def must_fail(self, camera: Camera) -> bool:
+        return camera.small or (self.options.unhealthy and not camera.needed)
+
     def end_of(self, camera: Camera):
-        if not self.options.bad:
+        if not self.stops():
             return UPGRADED
         if camera.group > 1:
             return UNTOUCHED
-        return REFUSED if camera.small else UPGRADED
+        return UPGRADED if not self.must_fail(camera) else REFUSED if camera.small else GIVEN_UP
+
+    def stops(self) -> bool:
+        return self.options.bad or self.options.unhealthy
 
     def compare(self) -> None:
         until = time.monotonic() + LAST_REPORT_SECONDS
@@ -262,7 +274,7 @@ class Fleet:
         time.sleep(max(camera.SETTLES for camera in self.cameras))
         for camera in self.cameras:
             camera.kill()
-        wanted = "paused" if self.options.bad else "finished"
+        wanted = "paused" if self.stops() else "finished"
         self.status = self.management.rollout_status(self.rollout)
         print(f"\nThe rollout is {self.status} after {self.ended - self.began:.0f} s, "
               f"{self.groups} groups"
@@ -326,7 +338,7 @@ def main() -> int:
     arguments = argparse.ArgumentParser()
     for name in ("work", "programs", "jar", "nginx", "ca"):
         arguments.add_argument(f"--{name}", type=Path)
-    for name in ("bad", "board", "cut", "certificates", "one-copy", "serve"):
+    for name in ("bad", "unhealthy", "board", "cut", "certificates", "one-copy", "serve"):
         arguments.add_argument(f"--{name}", action="store_true")
     for name in ("server", "user"):
         arguments.add_argument(f"--{name}", default="")
