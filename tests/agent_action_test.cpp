@@ -64,8 +64,9 @@ std::map<std::string, Step> steps_of(World& world) {
          [&](Text, Text) {
              std::string text;
              for (const auto& [name, value] : server.attributes()) {
-                 const bool isTrial = name == "committed" || name == "trial" || name == "fallback";
-                 text += isTrial ? (text.empty() ? "" : " ") + name + "=" + value : "";
+                 if (name == "committed" || name == "trial" || name == "fallback") {
+                     text.append(text.empty() ? "" : " ").append(name).append("=").append(value);
+                 }
              }
              return text;
          }},
