@@ -103,47 +103,69 @@ copy_libraries() { # ROOT FILE...
     done
 }
 
-make_initramfs() { # COMPONENT...: install these components in addition to those of every board
-    local root=$made/initramfs module component from=$work/packages
+# Begins a root file system with what those of all boards have in common. The settings of slots and commit
+# belong to boards with two copies.
+begin_root() { # ROOT INIT COMPONENT...; INIT: the first process
+    local root=$1 init=$2 component
+    shift 2
     rm -rf "$root"
-    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,run,modules,etc/init.d,var/lock,usr/sbin,lib/arm-linux-gnueabihf}
-    cp "$from/bin/busybox" "$root/bin/"
-    cp "$from/usr/bin/fw_printenv" "$from/usr/bin/nanocat" "$root/bin/"
+    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,run,modules,etc/corvo,etc/init.d,var/lock,usr/sbin} \
+        "$root/lib/arm-linux-gnueabihf"
+    cp "$work/packages"/{bin/busybox,usr/bin/fw_printenv,usr/bin/nanocat} "$root/bin/"
     ln -s fw_printenv "$root/bin/fw_setenv"
     # Installed with cmake --install, as integrators do it.
-    [ ${#doubled[@]} = 0 ] || set -- commit commit_sysv "$@"
     for component in service simulated tools bringup sysv "$@"; do
         DESTDIR=$root cmake --install build/arm --strip --component "$component" > /dev/null
     done
     cp -L build/sysroot/glibc/root/lib/ld-linux-armhf.so.3 "$root/lib/"
     copy_libraries "$root" "$root"/bin/{fw_printenv,nanocat} $(find "$root"/usr/*bin -type f ! -name corvo_slots)
-    cp "$parts/init" "$parts/probe" "$parts/../boot_loader" "$root/"
+    cp "$init" "$root/init"
+    chmod 755 "$root/init"
+    printf '%s\n' 'root:x:0:0::/:/bin/sh' 'corvo-agent:x:990:990::/:/bin/false' > "$root/etc/passwd"
+    printf '%s\n' 'root:x:0:' 'corvo-flash:x:991:corvo-agent' 'corvo-agent:x:990:' > "$root/etc/group"
+}
+double_slots() { # ROOT ROWS DEADLINE HEALTH_COMMAND...
+    local root=$1 rows=$2 deadline=$3
+    shift 3
+    printf '%s\n' "doubled = $rows" 'slot-from = command-line' 'word-a = bootsystem=A' 'word-b = bootsystem=B' \
+        > "$root/etc/corvo/slots.conf"
+    printf '%s\n' 'interval = 1' "deadline = $deadline" "${@/#/health-command = }" > "$root/etc/corvo/commit.conf"
+}
+# crc32-arm-ce is for a newer processor.
+add_modules() { # ROOT LATER MODULE...; LATER: the names of those that are not loaded at the start, with "|"
+    local root=$1 later=$2 module
+    shift 2
+    for module; do
+        modprobe -d "$work/kernel" -S "$kernel_version" --show-depends "$module" |
+            awk '$1 == "insmod" { print $2 }'
+    done | awk '!seen[$0]++' > "$made/modules"
+    xargs cp -t "$root/modules" < "$made/modules"
+    sed 's#.*/##' "$made/modules" | grep -vxE "($later|crc32-arm-ce)\.ko" > "$root/modules/order"
+}
+pack_folder() { (cd "$1" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1); } # FOLDER; on standard output
+
+make_initramfs() { # COMPONENT...: install these components in addition to those of every board
+    local root=$made/initramfs
+    [ ${#doubled[@]} = 0 ] || set -- commit commit_sysv "$@"
+    begin_root "$root" "$parts/init" "$@"
+    cp "$parts/probe" "$parts/../boot_loader" "$root/"
     if [ ${#doubled[@]} -gt 0 ]; then
-        mkdir -p "$root/etc/corvo"
-        printf '%s\n' "doubled = ${doubled[*]}" 'slot-from = command-line' 'word-a = bootsystem=A' \
-            'word-b = bootsystem=B' > "$root/etc/corvo/slots.conf"
-        printf '%s\n' 'health-command = health_check' 'interval = 1' 'deadline = 3' > "$root/etc/corvo/commit.conf"
+        double_slots "$root" "${doubled[*]}" 3 health_check
         cp "$parts/../health_check" "$root/bin/"
     else
         cp "$parts/../S99checkboot" "$root/etc/init.d/"
     fi
-    chmod 755 "$root/init" "$root"/etc/init.d/*
+    chmod 755 "$root"/etc/init.d/*
     printf '%s 0x0 0x4000\n%s 0x10000 0x4000\n' /dev/block/by-name/env /dev/block/by-name/env \
         > "$root/etc/fw_env.config"
-    printf '%s\n' 'root:x:0:0::/:/bin/sh' 'corvo-agent:x:990:990::/:/bin/false' > "$root/etc/passwd"
-    printf '%s\n' 'root:x:0:' 'corvo-flash:x:991:corvo-agent' 'corvo-agent:x:990:' > "$root/etc/group"
     card_partitions | wc -l > "$root/last_partition"
     echo "${sent_modules[*]}" > "$root/sent_modules"
     echo "${sent_files[*]}" > "$root/sent_files"
     head -c 1792 "$made/factory_data" > "$root/factory_data"
-    for module in imx2_wdt softdog gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx ext4 nandsim micrel fec; do
-        modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module |
-            awk '$1 == "insmod" { print $2 }'
-    done | awk '!seen[$0]++' > "$made/modules"
-    xargs cp -t "$root/modules" < "$made/modules"
-    # crc32-arm-ce is for a newer processor; nandsim and softdog are loaded only for their tests.
-    sed 's#.*/##' "$made/modules" | grep -vxE 'nandsim.ko|softdog.ko|crc32-arm-ce.ko' > "$root/modules/order"
-    (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/initramfs.gz"
+    # nandsim and softdog are loaded only for their tests.
+    add_modules "$root" 'nandsim|softdog' imx2_wdt softdog gpio-mxc sdhci-esdhc-imx spi-nor ofpart spi-imx \
+        ext4 nandsim micrel fec
+    pack_folder "$root" > "$made/initramfs.gz"
 }
 
 # The sizes are not multiples of any block size, so that a lost tail is detected.

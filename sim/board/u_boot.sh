@@ -18,41 +18,24 @@ rootfs_bytes=$((16384 * 1024))
 
 # --- making it ------------------------------------------------------------------------------------
 
-make_u_boot_root() { # the folder of the first system
-    local root=$made/initramfs from=$work/packages component module
-    rm -rf "$root"
-    mkdir -p "$root"/{bin,sbin,dev,proc,sys,tmp,run,modules,etc/corvo,etc/init.d,var/lock,usr/sbin} \
-        "$root/lib/arm-linux-gnueabihf"
-    cp "$from/bin/busybox" "$from/usr/bin/fw_printenv" "$root/bin/"
-    ln -s fw_printenv "$root/bin/fw_setenv"
-    for component in service simulated tools sysv commit commit_sysv; do
-        DESTDIR=$root cmake --install build/arm --strip --component $component > /dev/null
-    done
-    cp -L build/sysroot/glibc/root/lib/ld-linux-armhf.so.3 "$root/lib/"
-    copy_libraries "$root" "$root/bin/fw_printenv" $(find "$root"/usr/*bin -type f ! -name corvo_slots)
-    cp "$parts/u_boot_init" "$root/init"
-    chmod 755 "$root/init"
-    printf '%s\n' 'doubled = kernel rootfs' 'slot-from = command-line' 'word-a = bootsystem=A' \
-        'word-b = bootsystem=B' > "$root/etc/corvo/slots.conf"
-    printf '%s\n' 'health-command = grep -qw healthy /system' \
-        'health-command = pidof corvo_upgrade' 'interval = 1' 'deadline = 4' > "$root/etc/corvo/commit.conf"
+make_u_boot_root() { # the root file system of all systems, which differ in /system
+    local root=$made/initramfs
+    begin_root "$root" "$parts/u_boot_init" commit commit_sysv
+    # Longer than on the other board, whose clock counts instructions: this one's is that of a busy host.
+    double_slots "$root" 'kernel rootfs' 8 'grep -qw healthy /system' 'pidof corvo_upgrade'
     echo '/dev/block/by-name/env 0x0 0x4000' > "$root/etc/fw_env.config"
-    echo 'root:x:0:0::/:/bin/sh' > "$root/etc/passwd"
-    echo 'root:x:0:' > "$root/etc/group"
-    for module in virtio_mmio virtio_blk ext4 softdog; do
-        modprobe -d "$work/kernel" -S "$kernel_version" --show-depends $module | awk '$1 == "insmod" { print $2 }'
-    done | awk '!seen[$0]++' > "$made/modules"
-    xargs cp -t "$root/modules" < "$made/modules"
-    # softdog is loaded only by a system that hangs; crc32-arm-ce is for a newer processor.
-    sed 's#.*/##' "$made/modules" | grep -vxE 'softdog.ko|crc32-arm-ce.ko' > "$root/modules/order"
-    (cd "$root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) > "$made/root.gz"
+    # softdog is loaded only by a system that hangs.
+    add_modules "$root" softdog virtio_mmio virtio_blk ext4 softdog
+    pack_folder "$root" > "$made/root.gz"
 }
 
 # An image as large as its partition, so that nothing of an earlier, longer one follows it.
 make_system() { # VERSION BEHAVIOUR; the image is $made/rootfs-VERSION.img
     local image=$made/rootfs-$1.img
-    echo "$1 $2" > "$made/system"
-    (cd "$made" && echo system | cpio -o -H newc -R 0:0 --quiet | gzip -1) | cat "$made/root.gz" - > "$image"
+    rm -rf "$made/system"
+    mkdir "$made/system"
+    echo "$1 $2" > "$made/system/system"
+    pack_folder "$made/system" | cat "$made/root.gz" - > "$image"
     [ "$(stat -c %s "$image")" -le $rootfs_bytes ] || fail "the root file system is larger than its partition"
     truncate -s $rootfs_bytes "$image"
 }
@@ -136,7 +119,10 @@ settle() {
     done
     return 1
 }
-state_of_u_boot() { tr -d '\r' < "$folder/start.txt" | sed -n "s/^STATE $1 //p"; } # WHAT
+what_runs() { # WHAT...; prints what the last start printed of it
+    local what
+    for what; do tr -d '\r' < "$folder/start.txt" | sed -n "s/^STATE $what //p"; done | paste -s -d ' ' | sed 's/ *$//'
+}
 started() { # prints the slot and count of every start of this upgrade
     tr -d '\r' < "$console" | sed -n 's/^BOARD U-Boot starts slot \(.\), count /\1/p' | paste -s -d ' '
 }
@@ -154,8 +140,7 @@ upgrade() { # VERSION BEHAVIOUR OF A B STARTS STATE: what follows an upgrade to 
     end_start && settle || echo "CHECK FAIL: no system decides"
     tr -d '\r' < "$console" | grep -aE '^(CHECK|BOARD)' || :
     check "system $version $behaviour: the starts" equals "$(started)" "$starts"
-    check "system $version $behaviour: what runs" equals \
-        "$(for what in version slot trial commit reason; do state_of_u_boot $what; done | paste -s -d ' ' | sed 's/ *$//')" "$state"
+    check "system $version $behaviour: what runs" equals "$(what_runs version slot trial commit reason)" "$state"
     check "system $version $behaviour: slot A holds $a" slot_holds a "$a"
     check "system $version $behaviour: slot B holds $b" slot_holds b "$b"
 }
@@ -175,25 +160,26 @@ upgrades() {
 
 # --- power cuts -----------------------------------------------------------------------------------
 
+time_start() { # VARIABLE WHAT; sets the variable to the duration of one start in ms
+    local begin
+    begin=$(date +%s%3N)
+    start_u_boot
+    end_start || fail "$2 without a power cut does not complete"
+    printf -v "$1" %d $(($(date +%s%3N) - begin))
+}
+
 # Prepares $made/before-BEHAVIOUR.img and $made/armed-BEHAVIOUR.img, the card before an upgrade of the first
 # system and after it. Measures how long the starts take, in ms.
 prepare_cuts() { # VERSION BEHAVIOUR
-    local begin
     cp --sparse=always "$made/card.img" "$card"
     make_system "$1" "$2"
     put_package "$1"
     set_task upgrade
     cp --sparse=always "$card" "$made/before-$2.img"
-    begin=$(date +%s%3N)
-    start_u_boot
-    end_start || fail "an upgrade without a power cut does not complete"
-    upgrade_ms=$(($(date +%s%3N) - begin))
+    time_start upgrade_ms "an upgrade"
     set_task wait
     cp --sparse=always "$card" "$made/armed-$2.img"
-    begin=$(date +%s%3N)
-    start_u_boot
-    end_start || fail "a trial without a power cut does not complete"
-    trial_ms=$(($(date +%s%3N) - begin))
+    time_start trial_ms "a trial"
 }
 
 # One cut of three is in the start that writes, one in the start of the new system, one in the start after
@@ -218,7 +204,7 @@ u_boot_cut() {
     cat "$folder/start.txt" >> "$console"
     settle || broken "no system decides"
     starts=$(started)
-    state=$(for what in version slot trial commit; do state_of_u_boot $what; done | paste -s -d ' ')
+    state=$(what_runs version slot trial commit)
     slot_holds a 1.0 || broken "the copies of slot A differ"
     case $state in
         "1.0 A "*" committed: committed") ;;
