@@ -42,7 +42,7 @@ struct Counter {
 
 pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the variables below
 Fault g_faults[MOST_FAULTS] = {};
-Counter g_counters[32];
+Counter g_counters[40];
 char g_opened[4096];
 char g_waits[512];
 
@@ -156,9 +156,10 @@ bool is_image(int fd, const char* data, size_t size) {
     return image;
 }
 
-// Drops the page cache: reads of the descriptor's file now return the content of the storage.
-void drop_cache(int fd) {
-    if (strcmp(g_weak_byte.path, place_of(fd).path) == 0) {
+// Returns the descriptor. If its page cache is dropped, reads of its file return the content of the
+// storage from now on.
+int advised(int fd, int advice) {
+    if (advice == POSIX_FADV_DONTNEED && strcmp(g_weak_byte.path, place_of(fd).path) == 0) {
         const corvo::UniqueFd file(__real_open64(g_weak_byte.path, O_RDWR | O_CLOEXEC, 0));
         char byte = 0;
         corvo::ignore_result(pread(file.get(), &byte, 1, g_weak_byte.at));
@@ -166,6 +167,7 @@ void drop_cache(int fd) {
         corvo::ignore_result(pwrite(file.get(), &byte, 1, g_weak_byte.at));
         g_weak_byte = {};
     }
+    return fd;
 }
 
 void note_wait(int64_t ms) {
@@ -285,6 +287,9 @@ CALL(int, accept4, -1, false, (int fd, sockaddr* address, socklen_t* size, int f
 CALL(int, msgget, -1, false, (key_t key, int flags), (key, flags))
 CALL(key_t, ftok, -1, false, (const char* path, int project), (path, project))
 CALL(DIR*, opendir, nullptr, false, (const char* path), (path))
+CALL_BOTH(int, posix_fadvise, errno, false, (int fd, off_t offset, off_t size, int advice),
+          (advised(fd, advice), offset, size, advice))
+CALL(void, sync, void(), true, (), ())
 CALL(void*, calloc, nullptr, false, (size_t count, size_t size), (count, size))
 CALL(int, pthread_create, errno, false,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* given),
@@ -359,13 +364,6 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
     return __real_write(fd, stored, moved);
 }
 
-void __real_sync();
-void __wrap_sync() {
-    change();
-    next("sync");
-    __real_sync();
-}
-
 // Pauses of polls and retries are only shortened, not removed.
 int __real_usleep(unsigned microseconds);
 int __wrap_usleep(unsigned microseconds) {
@@ -384,17 +382,6 @@ int __wrap_nanosleep(const timespec* wanted, timespec* /*left*/) {
         static_cast<unsigned>(wanted->tv_sec * 1000000 + wanted->tv_nsec / 1000);
     return __real_usleep(microseconds / devices.hurry);
 }
-
-#define ADVISE(symbol)                                                  \
-    int __real_##symbol(int fd, off_t offset, off_t size, int advice);  \
-    int __wrap_##symbol(int fd, off_t offset, off_t size, int advice) { \
-        if (advice == POSIX_FADV_DONTNEED) {                            \
-            drop_cache(fd);                                             \
-        }                                                               \
-        return __real_##symbol(fd, offset, size, advice);               \
-    }
-ADVISE(posix_fadvise)
-ADVISE(posix_fadvise64)
 
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout);
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* bad, timeval* timeout) {
