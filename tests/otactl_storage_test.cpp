@@ -46,13 +46,12 @@ TEST(Otactl, LeavesOldOrNewFilesAtEveryPowerCut) {
         EXPECT_FALSE(fresh == old);
         for (const ForgetfulStorage::State& state : states) {
             for (const auto& [path, content] : old) {
-                const auto now = state.find(path);
-                const auto then = fresh.find(path);
-                const bool isOld = now != state.end() && now->second == content;
-                const bool isNew = now == state.end()
-                                       ? then == fresh.end()
-                                       : then != fresh.end() && now->second == then->second;
-                EXPECT_TRUE(isOld || isNew) << path;
+                const auto content_in = [&name = path](const ForgetfulStorage::State& files) {
+                    const auto file = files.find(name);
+                    return file == files.end() ? std::nullopt : std::optional(file->second);
+                };
+                const auto now = content_in(state);
+                EXPECT_TRUE(now == content || now == content_in(fresh)) << path;
             }
         }
     }
