@@ -6,7 +6,7 @@ corvo_test(dbus_test SOURCES dbus_test.cpp LINK test_faults dbus)
 target_include_directories(dbus_test PRIVATE ${PROJECT_SOURCE_DIR}/src/dbus)
 
 add_library(test_camera STATIC support/simulated_camera.cpp)
-target_link_libraries(test_camera PUBLIC test_support dbus ota_request)
+target_link_libraries(test_camera PUBLIC test_support dbus upgrade_package)
 target_precompile_headers(test_camera REUSE_FROM test_support)
 target_compile_definitions(test_camera PRIVATE
   SERVICE_PROGRAM="$<TARGET_FILE:corvo_upgrade>"

@@ -37,13 +37,13 @@ ConsoleValues console_values(int pid) {
     values.words = {
         {"pid=PID", "pid=" + std::to_string(pid)},
         {"echo PID", "echo " + std::to_string(pid)},
-        {"module length ROWS", "module length " + std::to_string(Camera::rows().size())},
-        {"moduleLen:ROWS", "moduleLen:" + std::to_string(Camera::rows().size())}};
+        {"module length ROWS", "module length " + std::to_string(package_entries().size())},
+        {"moduleLen:ROWS", "moduleLen:" + std::to_string(package_entries().size())}};
     if (const char* const runsAs = getenv("CORVO_VALGRIND")) {
         values.words.emplace_back("(corvo_upgrade", "(" + std::string(runsAs));
     }
     Lines& deleted = values.lines["deleted"];
-    for (const OtaPackageEntry& row : Camera::rows()) {
+    for (const OtaPackageEntry& row : package_entries()) {
         const std::string image =
             ";upgrade_handler;#;0d737004;3;delete file " + Camera::PACKAGE_DIR + row.fileName;
         deleted.insert(deleted.end(), {image, image + ".md5"});
@@ -56,7 +56,7 @@ ConsoleValues console_values(int pid) {
 void expect_others_refused(Outcome& outcome, const OtaMessage& message,
                            const std::map<std::string, std::string>& files) {
     Lines wanted;
-    for (const OtaPackageEntry& row : Camera::rows()) {
+    for (const OtaPackageEntry& row : package_entries()) {
         const bool named = std::ranges::count(message.moduleTypes, row.moduleType) != 0;
         if (!named && (message.packageType != 0 || files.contains(row.fileName))) {
             wanted.push_back(";OTA_CheckNeedUpgrade;#;0d737000;3;no find upgrade type:" +
@@ -125,7 +125,7 @@ struct Upgrade : testing::Test {
              std::filesystem::exists(OTA_DATA_PATH) ? read_file(OTA_DATA_PATH) : "") {
             text << " " << static_cast<int>(key);
         }
-        for (const OtaPackageEntry& row : Camera::rows()) {
+        for (const OtaPackageEntry& row : package_entries()) {
             const std::string content = Camera::partition(row.partitionName);
             if (content == std::string(Camera::PARTITION_SIZE, 'o')) {
                 continue;

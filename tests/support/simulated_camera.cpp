@@ -55,16 +55,9 @@ Camera::Camera() {
     clear();
 }
 
-std::span<const OtaPackageEntry> Camera::rows() {
-    const OtaPackageTable* tables = nullptr;
-    uint32_t count = 0;
-    OTA_GetPackageTables(0, &tables, &count);
-    return {tables[0].entries, static_cast<size_t>(tables[0].entryCount)};
-}
-
 std::vector<std::string> Camera::partitions() {
     std::vector<std::string> names = {"nv_factory", "misc"};
-    for (const OtaPackageEntry& row : rows()) {
+    for (const OtaPackageEntry& row : package_entries()) {
         names.emplace_back(row.partitionName);
     }
     return names;

@@ -6,7 +6,7 @@
 #include "base/unique_fd.h"
 #include "faults.h"
 #include "ota/ota_message.h"
-#include "ota/ota_package.h"
+#include "package/modules.h"
 #include "simulated_daemon.h"
 #include "test.h"
 
@@ -37,8 +37,6 @@ class Camera {
     // `patienceMs`, because the daemon may receive it only after the service has ended.
     static bool asked(const std::string& command, int patienceMs);
 
-    // The rows of the package table.
-    static std::span<const OtaPackageEntry> rows();
     static std::vector<std::string> partitions();
 
     static void clear();  // fills all partitions with "o"; removes record, package, auto-flash
