@@ -34,11 +34,12 @@ Lines commands_of(const Lines& lines) {
 // Returns the values that depend on the package table and on the run.
 ConsoleValues console_values(int pid) {
     ConsoleValues values;
-    values.words = {
+    const std::pair<std::string, std::string> words[] = {
         {"pid=PID", "pid=" + std::to_string(pid)},
         {"echo PID", "echo " + std::to_string(pid)},
         {"module length ROWS", "module length " + std::to_string(package_entries().size())},
         {"moduleLen:ROWS", "moduleLen:" + std::to_string(package_entries().size())}};
+    values.words.insert(values.words.end(), std::begin(words), std::end(words));
     if (const char* const runsAs = getenv("CORVO_VALGRIND")) {
         values.words.emplace_back("(corvo_upgrade", "(" + std::string(runsAs));
     }

@@ -10,19 +10,6 @@ std::string path_of(const std::string& name) {
     return TEXTS "expected/" + name + ".txt";
 }
 
-void replace_all(std::string& text, const std::string& from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-        text.replace(at, from.size(), to);
-    }
-}
-
-std::vector<std::pair<std::string, std::string>> words_of(const ConsoleValues& values) {
-    auto words = values.words;
-    words.emplace_back("\\e", "\033");
-    words.emplace_back("\\0", std::string(1, '\0'));
-    return words;
-}
-
 std::string joined(const Lines& lines) {
     std::string text;
     for (const std::string& line : lines) {
@@ -39,7 +26,7 @@ void accept(const std::string& name, const ConsoleValues& values, const Lines& p
          {"start", "initialised", "kernel_copied", "switched", "deleted", "end"}) {
         replace_all(accepted, joined(console_lines(common, values)), "@" + common + "\n");
     }
-    for (const auto& [word, value] : words_of(values)) {
+    for (const auto& [word, value] : values.words) {
         replace_all(accepted, value, word);
     }
     write_file(path_of(name), accepted);
@@ -58,7 +45,7 @@ Lines console_lines(const std::string& name, const ConsoleValues& values) {
             lines.insert(lines.end(), named.begin(), named.end());
             continue;
         }
-        for (const auto& [word, value] : words_of(values)) {
+        for (const auto& [word, value] : values.words) {
             replace_all(line, word, value);
         }
         lines.push_back(line);
@@ -71,11 +58,5 @@ void expect_console(const std::string& name, const ConsoleValues& values, const 
         accept(name, values, printed);
         return;
     }
-    const Lines expected = console_lines(name, values);
-    const auto [line, wanted] = std::ranges::mismatch(printed, expected);
-    if (line != printed.end() || wanted != expected.end()) {
-        ADD_FAILURE() << path_of(name) << ": " << (line == printed.end() ? "(end)" : *line)
-                      << "\ninstead of\n"
-                      << (wanted == expected.end() ? "(end)" : *wanted);
-    }
+    EXPECT_EQ(joined(console_lines(name, values)), joined(printed)) << path_of(name);
 }

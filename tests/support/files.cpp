@@ -83,6 +83,12 @@ bool matches(const std::string& text, const std::string& pattern) {
     return std::regex_match(text, std::regex(pattern));
 }
 
+void replace_all(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
 std::string without_source_lines(const std::string& text) {
     // "PAL error name,LINE,", "hal error name,LINE,", "...:function:LINE] ", ";function;LINE;",
     // "eModuleType=N lineLINE"
@@ -106,9 +112,7 @@ void expect_cases(const std::string& name, const std::function<std::string(std::
             const std::string text = line.substr(0, line.find("->"));
             std::istringstream input(text);
             std::string outcome = text + (text.ends_with(' ') ? "-> " : " -> ") + run(input);
-            for (size_t at = 0; (at = outcome.find('\0', at)) != std::string::npos;) {
-                outcome.replace(at, 1, "\\0");
-            }
+            replace_all(outcome, std::string(1, '\0'), "\\0");
             if (getenv("CORVO_ACCEPT") == nullptr && outcome != line) {
                 ADD_FAILURE_AT(path.c_str(), number) << outcome << "\ninstead of\n" << line;
             }

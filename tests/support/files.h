@@ -40,6 +40,9 @@ std::vector<std::string> lines_of(const std::string& text);
 // In a function, so that only one file includes <regex>, which takes long to compile.
 std::string replaced(const std::string& text, const std::string& pattern, const std::string& with);
 
+// Replaces each occurrence of `from`, which is no pattern.
+void replace_all(std::string& text, const std::string& from, const std::string& to);
+
 // Returns whether the whole text matches the pattern.
 bool matches(const std::string& text, const std::string& pattern);
 
