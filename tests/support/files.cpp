@@ -5,6 +5,13 @@
 
 #include "stride.h"
 
+namespace {
+
+const std::string NEEDS = "# needs: ";
+constexpr char QUIET[] = " > /dev/null 2>&1";
+
+}  // namespace
+
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file) << "cannot read " << path;
@@ -107,6 +114,9 @@ void expect_cases(const std::string& name, const std::function<std::string(std::
     int row = 0;
     for (std::string line : lines_of(read_file(path))) {
         ++number;
+        if (line.starts_with(NEEDS) && system((line.substr(NEEDS.size()) + QUIET).c_str()) != 0) {
+            GTEST_SKIP() << path << ": " << line;
+        }
         if (!line.empty() && !line.starts_with('#') && (row++ % sweep_stride() == 0 || all)) {
             const testing::ScopedTrace trace(path.c_str(), number, "this row");
             const std::string text = line.substr(0, line.find("->"));

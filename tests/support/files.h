@@ -51,10 +51,10 @@ bool matches(const std::string& text, const std::string& pattern);
 std::string without_source_lines(const std::string& text);
 
 // Runs each case of cases/NAME. A line is "INPUT -> OUTCOME", where "\\0" stands for a NUL; `run`
-// returns the outcome for an input. Empty lines and lines that begin with "#" are ignored. A
-// failure names the row's file and line; with CORVO_ACCEPT in the environment the outcomes are
-// rewritten instead. If the rows are independent of each other, some of them may be skipped
-// (stride.h).
+// returns the outcome for an input. Empty lines and lines that begin with "#" are ignored, except
+// for "# needs: COMMAND": without success of this shell command the test is skipped. A failure
+// names the row's file and line; with CORVO_ACCEPT in the environment the outcomes are rewritten
+// instead. If the rows are independent of each other, some of them may be skipped (stride.h).
 enum class Rows { BUILD_ON_EACH_OTHER, ARE_INDEPENDENT };
 void expect_cases(const std::string& name, const std::function<std::string(std::istream&)>& run,
                   Rows rows = Rows::BUILD_ON_EACH_OTHER);
