@@ -18,7 +18,6 @@ constexpr char OLD_TAG[] = "\"old\"";
 // The steps of cases/agent_actions.txt.
 std::map<std::string, Step> steps_of(World& world) {
     SimulatedServer& server = world.server;
-    using Text = const std::string&;
     const auto count = [&server](const std::string& kind) {
         return kind == "closed" ? server.count("feedback", kind) : server.count(kind);
     };

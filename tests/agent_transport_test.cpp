@@ -314,7 +314,6 @@ std::string do_row(std::istream& row) {
         EXPECT_EQ(0, seteuid(0));
         return outcome + (step == "file" ? ";" + names_left() : "");
     };
-    using Text = const std::string&;
     return do_steps(
         rest_of(row),
         {{"server",

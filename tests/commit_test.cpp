@@ -1,14 +1,7 @@
 // Trials of a new system: the table of states, whole trials with power cuts on a simulated camera,
 // and the programs with the real tools of the boot environment.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <map>
-#include <sstream>
-
 #include "base/crc32.h"
 #include "commit/procedure.h"
-#include "files.h"
 #include "forgetful_storage.h"
 #include "session.h"
 

@@ -1,9 +1,7 @@
 // The companion programs: the real system-call daemon with the service's client, and the commands
 // of otactl.
 
-#include "base/unique_fd.h"
 #include "dbus/system_call.h"
-#include "files.h"
 #include "log/log_front_end.h"
 #include "log/log_producer.h"
 #include "ota/ota_message.h"
@@ -160,7 +158,6 @@ TEST(BootLoader, CountsStartsOfATrialAndFallsBack) {
 
 // The test publishes the log lines of the service, see cases/follow.txt.
 TEST_F(Otactl, FollowsToTheVerdict) {
-    using Text = const std::string&;
     using std::chrono::steady_clock;
     std::future<std::string> started;
     steady_clock::time_point begin;

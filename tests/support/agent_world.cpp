@@ -200,9 +200,7 @@ void World::expect_promise(const std::string& id) {
 }
 
 void World::post_empty_request() {
-    OtaMessage empty = {};
-    empty.mtype = 1;
-    Camera::post(empty, 0);
+    Camera::post(Camera::request(0, {}), 0);
 }
 
 void World::start_agent(int cutAt) {

@@ -23,8 +23,6 @@ class World {
     // The camera is described by the words of support/agent_camera.sh; the action is offered.
     World(const std::string& camera, const std::string& action);
     ~World();
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
 
     SimulatedServer server;
     // What the operator does, once, when the server has been asked so often.

@@ -64,8 +64,6 @@ class CapturedOutput {
   public:
     CapturedOutput();
     ~CapturedOutput();
-    CapturedOutput(const CapturedOutput&) = delete;
-    CapturedOutput& operator=(const CapturedOutput&) = delete;
     // Ends the capture and returns the output. May be called once.
     std::string take();
 

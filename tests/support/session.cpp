@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include "files.h"
 #include "ota/ota_message.h"
 
 std::string run(const std::string& command) {

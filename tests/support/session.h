@@ -16,7 +16,8 @@ void expect_session(const char* name, const std::string& before,
 // Does the steps of a row, which have " | " between them; returns what they print, with " / "
 // between, or "done". A step whose first word is in `known` calls that with its second word and the
 // rest; others are commands.
-using Step = std::function<std::string(const std::string& first, const std::string& rest)>;
+using Text = const std::string&;
+using Step = std::function<std::string(Text first, Text rest)>;
 std::string do_steps(const std::string& steps, const std::map<std::string, Step>& known);
 
 // The request that was posted to the queue, as text with " / " before it; "" when there is none.

@@ -25,8 +25,6 @@ class Camera {
 
     Camera();
     ~Camera();
-    Camera(const Camera&) = delete;
-    Camera& operator=(const Camera&) = delete;
 
     // Creates a daemon that runs no commands: each succeeds after `commandMs`, and the current slot
     // is A. Only one daemon may exist at a time.
