@@ -63,7 +63,8 @@ std::map<std::string, Step> steps_of(World& world) {
          [&](Text, Text) {
              std::string text;
              for (const auto& [name, value] : server.attributes()) {
-                 if (name == "committed" || name == "trial" || name == "fallback") {
+                 if (name == "committed" || name == "trial" || name == "fallback" ||
+                     name == "installed") {
                      text.append(text.empty() ? "" : " ").append(name).append("=").append(value);
                  }
              }

@@ -123,7 +123,8 @@ void reload_token(Agent& agent) {
 bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
     const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
     return status.ok() && !pending && agent.waiting.reason.empty() &&
-           !agent.polling.attributesDue && !agent.camera.isOnTrial;
+           !agent.polling.attributesDue && agent.polling.installed.name.empty() &&
+           !agent.camera.isOnTrial;
 }
 
 }  // namespace

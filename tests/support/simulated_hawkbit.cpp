@@ -38,7 +38,7 @@ json offer_of(const SimulatedAction& action, const std::string& url) {
     }
     json offer = {{"download", action.download},
                   {"update", action.update},
-                  {"chunks", {{{"part", "os"}, {"artifacts", artifacts}}}}};
+                  {"chunks", {{{"part", "os"}, {"name", "camera"}, {"artifacts", artifacts}}}}};
     if (!action.window.empty()) {
         offer["maintenanceWindow"] = action.window;
     }
@@ -55,6 +55,7 @@ void SimulatedHawkbit::classify(SimulatedRequest& request, const std::string& pa
         {"deploymentBase", {"action", "feedback"}},
         {"confirmationBase", {"consent", "word"}},
         {"cancelAction", {"cancellation", "answer"}},
+        {"installedBase", {"installed", ""}},
         {"softwaremodules", {"file", ""}}};
     // "", "deploymentBase", "11", "feedback"
     std::vector<std::string> parts(5);
@@ -76,6 +77,11 @@ SimulatedAnswer SimulatedHawkbit::answer(const SimulatedRequest& request) {
     const std::string& what = request.what;
     if (what == "poll" || what == "attributes") {
         return what == "poll" ? poll() : take_attributes(request.body);
+    }
+    if (what == "installed") {
+        const json root = json::parse(request.body, nullptr, false);
+        attributes_[what] = root.value("name", "") + "-" + root.value("version", "");
+        return {.status = old_ ? 404 : 201};
     }
     const auto found = actions_.find(request.id);
     const bool ended = found == actions_.end() || found->second.ended();
@@ -101,6 +107,10 @@ SimulatedAnswer SimulatedHawkbit::poll() const {
     json root = {{"config", {{"polling", {{"sleep", sleep_}}}}}};
     if (attributesWanted_) {
         root["_links"]["configData"]["href"] = url_ + CONTROLLER_PATH + "/configData";
+    }
+    if (!old_ && std::ranges::any_of(
+                     actions_, [](const auto& each) { return each.second.state == "success"; })) {
+        root["_links"]["installedBase"]["href"] = url_ + CONTROLLER_PATH + "/installedBase/11";
     }
     const auto current =
         std::ranges::find_if(actions_, [](const auto& each) { return !each.second.ended(); });
@@ -183,7 +193,7 @@ SimulatedAnswer SimulatedHawkbit::feedback(Action& action, const SimulatedReques
 SimulatedAnswer SimulatedHawkbit::take_attributes(const std::string& body) {
     const json root = json::parse(body, nullptr, false);
     if (member(root, "mode", "") == "replace") {
-        attributes_.clear();
+        std::erase_if(attributes_, [](const auto& each) { return each.first != "installed"; });
     }
     const json data = member(root, "data", json::object());
     for (const auto& [name, value] : data.items()) {

@@ -26,7 +26,7 @@ struct SimulatedAction {
 // A request and the status of its answer.
 struct SimulatedRequest {
     // "poll", "attributes", "action", "cancellation", "consent", "feedback", "answer" to a
-    // cancellation, "word" of consent, "file"; "" for anything else.
+    // cancellation, "word" of consent, "file", "installed"; "" for anything else.
     std::string what = {};
     std::string id = {};             // id of the action
     std::string file = {};           // name of the file
@@ -60,7 +60,7 @@ class SimulatedHawkbit {
     void change(const SimulatedAction& action);  // what the action with this id offers
     void reinstall();
 
-    // The attributes that the camera has sent.
+    // The attributes that the camera has sent, and as "installed" what it reported as installed.
     [[nodiscard]] std::map<std::string, std::string> attributes() const;
     // Returns the state of an action ("offered", "waiting", "cancelling", "success", "failure",
     // "canceled", "downloaded", "quit") and, each after " | ", the statuses that were received:

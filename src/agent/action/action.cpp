@@ -78,6 +78,7 @@ std::string action_text(const ActionRecord& action) {
                        {"files", files},
                        {"manifestFile", action.manifestFile},
                        {"downloadOnly", action.downloadOnly},
+                       {"module", action.module},
                        {"statuses", action.statuses},
                        {"malformedOffers", action.malformedOffers},
                        {"refusedCancellation", action.refusedCancellation},
@@ -119,6 +120,7 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     }
     take(json, "manifestFile", action.manifestFile);
     take(json, "downloadOnly", action.downloadOnly);
+    take(json, "module", action.module);
     take(json, "statuses", action.statuses);
     take(json, "malformedOffers", action.malformedOffers);
     take(json, "refusedCancellation", action.refusedCancellation);
@@ -133,6 +135,27 @@ bool parse_action_text(const std::string& text, ActionRecord& action) {
     take(json, "words", action.message);
     take(json, "refusedResults", action.refusedResults);
     return find_stage(stage, action.stage) && !action.id.empty();
+}
+
+AgentStatus store_history(const std::string& stateFolder,
+                          const std::vector<HistoryEntry>& history) {
+    Json json = Json::array();
+    const size_t skipped = history.size() > HISTORY_ENTRIES ? history.size() - HISTORY_ENTRIES : 0;
+    for (size_t i = skipped; i < history.size(); ++i) {
+        const HistoryEntry& line = history[i];
+        json.push_back({{"id", line.id},
+                        {"manifestDigest", line.manifestDigest},
+                        {"version", line.version},
+                        {"succeeded", line.succeeded},
+                        {"told", line.reported},
+                        {"words", line.message},
+                        {"manifest", line.manifest},
+                        {"slotBefore", std::string(1, line.slotBefore)},
+                        {"module", line.module},
+                        {"installed", line.installed},
+                        {"time", line.time}});
+    }
+    return store_file(stateFolder + HISTORY_FILE, text_of_json(json, 1) + '\n');
 }
 
 }  // namespace
@@ -196,6 +219,8 @@ AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntr
             take(line, "words", entry.message);
             take(line, "manifest", entry.manifest);
             entry.slotBefore = slot_of(line);
+            take(line, "module", entry.module);
+            take(line, "installed", entry.installed);
             take(line, "time", entry.time);
             history.push_back(std::move(entry));
         }
@@ -219,21 +244,24 @@ AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entr
         return old.id == entry.id && old.manifestDigest == entry.manifestDigest;
     });
     history.push_back(entry);
-    Json json = Json::array();
-    const size_t skipped = history.size() > HISTORY_ENTRIES ? history.size() - HISTORY_ENTRIES : 0;
-    for (size_t i = skipped; i < history.size(); ++i) {
-        const HistoryEntry& line = history[i];
-        json.push_back({{"id", line.id},
-                        {"manifestDigest", line.manifestDigest},
-                        {"version", line.version},
-                        {"succeeded", line.succeeded},
-                        {"told", line.reported},
-                        {"words", line.message},
-                        {"manifest", line.manifest},
-                        {"slotBefore", std::string(1, line.slotBefore)},
-                        {"time", line.time}});
+    return store_history(stateFolder, history);
+}
+
+const HistoryEntry* last_success(const std::vector<HistoryEntry>& history) {
+    const auto found = std::find_if(history.rbegin(), history.rend(),
+                                    [](const HistoryEntry& entry) { return entry.succeeded; });
+    return found == history.rend() ? nullptr : &*found;
+}
+
+AgentStatus store_installed(const std::string& stateFolder, const std::string& version) {
+    std::vector<HistoryEntry> history;
+    AgentStatus status = load_history(stateFolder, history);
+    const HistoryEntry* const last = last_success(history);
+    if (last == nullptr) {
+        return status;
     }
-    return store_file(stateFolder + HISTORY_FILE, text_of_json(json, 1) + '\n');
+    history[static_cast<size_t>(last - history.data())].installed = version;
+    return store_history(stateFolder, history);
 }
 
 bool find_in_history(const std::string& stateFolder, const std::string& id,

@@ -22,19 +22,17 @@ DdiAttributes set_attributes(const AgentSettings& settings) {
     return attributes;
 }
 
-// Without a version file, this is the version that the agent installed last.
-std::string running_version(const AgentSettings& settings) {
-    std::string version;
+// Without a version file, this is the version that the agent installed last, unless the camera has
+// returned to the slot that ran before.
+std::string running_version(const AgentSettings& settings, char slot) {
     if (settings.versionFile.empty()) {
         std::vector<HistoryEntry> history;
-        if (!load_history(settings.stateFolder, history).ok()) {
-            return "unknown";
-        }
-        for (const HistoryEntry& entry : history) {
-            version = entry.succeeded ? entry.version : version;
-        }
-        return version.empty() ? "unknown" : version;
+        (void)load_history(settings.stateFolder, history);  // an unreadable history counts as empty
+        const HistoryEntry* const last = last_success(history);
+        const bool isKnown = last != nullptr && !last->version.empty() && last->slotBefore != slot;
+        return isKnown ? last->version : "unknown";
     }
+    std::string version;
     return read_running_version(settings.versionFile, version).ok() ? version : "unknown";
 }
 
@@ -42,12 +40,12 @@ std::string running_version(const AgentSettings& settings) {
 
 DdiAttributes camera_attributes(const AgentSettings& settings) {
     DdiAttributes attributes = set_attributes(settings);
-    attributes.emplace_back("version", running_version(settings));
+    const char slot = boot_slot();
+    attributes.emplace_back("version", running_version(settings, slot));
     std::string modules;
     for (const OtaPackageEntry& entry : package_entries()) {
         modules += (modules.empty() ? "" : ",") + std::string(entry.partitionName);
     }
-    const char slot = boot_slot();
     const Trial trial = read_trial(slot);
     attributes.emplace_back("slot", std::string(1, slot));
     if (trial.isRecorded) {

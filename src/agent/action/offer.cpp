@@ -103,4 +103,5 @@ void take_files(const DdiAction& offer, ActionRecord& action) {
     }
     const DdiFile* const manifest = find_manifest(offer);
     action.manifestFile = manifest == nullptr ? "" : manifest->name;
+    action.module = manifest == nullptr ? "" : manifest->module;
 }

@@ -56,7 +56,7 @@ const DdiFile* find_file(const DdiAction& offer, const std::string& name);
 // file or more than one.
 const DdiFile* find_manifest(const DdiAction& offer);
 
-// Adds id and files of the offer to an empty record.
+// Adds id, files and module of the offer to an empty record.
 void take_files(const DdiAction& offer, ActionRecord& action);
 
 #endif  // AGENT_OFFER_H

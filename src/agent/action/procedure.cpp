@@ -8,6 +8,7 @@
 #include "agent/stored_file.h"
 #include "cli/error_line.h"
 #include "fetch.h"
+#include "installed.h"
 #include "offer.h"
 #include "restart.h"
 #include "result.h"
@@ -329,6 +330,7 @@ AgentStatus poll_server(Agent& agent, bool& again) {
         // them again.
         (void)send_attributes(agent, poll.configData);
     }
+    report_installed(agent, poll);
     const bool hasResult = agent.action.stage == ACTION_RESULT;
     if (hasResult && agent.delivery.isSent) {
         status = archive_result(agent, agent.delivery.isAccepted);
@@ -345,15 +347,16 @@ AgentStatus poll_server(Agent& agent, bool& again) {
     return carry_out(agent, poll, again);
 }
 
-// The attributes are sent again when a trial has ended. The slot is not read with each poll,
-// because a trial begins with a start of the camera.
+// When a trial has ended, the attributes are sent again, and a fallback is found. The slot is not
+// read with each poll, because a trial begins with a start of the camera.
 void note_trial(Agent& agent) {
     if (!agent.polling.attributesDue && !agent.camera.isOnTrial) {
         return;
     }
-    const bool isOnTrial = read_trial().isUndecided;
-    agent.polling.attributesDue = agent.polling.attributesDue || !isOnTrial;
-    agent.camera.isOnTrial = isOnTrial;
+    const Trial trial = read_trial();
+    agent.polling.attributesDue = agent.polling.attributesDue || !trial.isUndecided;
+    agent.camera.isOnTrial = trial.isUndecided;
+    agent.polling.installed = find_unreported_system(agent.settings, trial);
 }
 
 // Continues a started upgrade, then polls once and handles the answer. Sets `again` when the server

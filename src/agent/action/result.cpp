@@ -27,6 +27,8 @@ AgentStatus add_to_history(const Agent& agent, bool reported) {
                         .message = action.message,
                         .manifest = action.succeeded ? action.manifest : "",
                         .slotBefore = action.slotBefore,
+                        .module = action.module,
+                        .installed = "",
                         .time = time(nullptr)});
 }
 

@@ -11,6 +11,7 @@ constexpr size_t DEPTH_MAX = 64;
 constexpr size_t VALUES_MAX = 65536;
 constexpr size_t ID_SIZE_MAX = 64;
 constexpr size_t NAME_SIZE_MAX = 128;
+constexpr size_t MODULE_SIZE_MAX = 512;  // the server's limit is 128 characters
 constexpr size_t LINK_SIZE_MAX = 4096;
 constexpr size_t DETAILS_MAX = 50;
 constexpr size_t MESSAGE_SIZE_MAX = 200;
@@ -224,8 +225,9 @@ bool same_name(std::string_view left, std::string_view right) {
     return std::ranges::equal(left, right, [](char a, char b) { return tolower(a) == tolower(b); });
 }
 
-std::string add_file(const Json& artifact, std::vector<DdiFile>& files) {
+std::string add_file(const Json& artifact, const std::string& module, std::vector<DdiFile>& files) {
     DdiFile file;
+    file.module = module;
     std::string fault = artifact.is_object() ? take_file(artifact, file) : "not an object";
     if (!fault.empty()) {
         return fault;
@@ -255,8 +257,10 @@ std::string take_files(const Json& deployment, std::vector<DdiFile>& files) {
         if (!artifacts->is_array()) {
             return "expected a list as \"artifacts\" of each chunk";
         }
+        std::string module;
+        (void)take_text(chunk, "name", MODULE_SIZE_MAX, module);
         for (const Json& artifact : *artifacts) {
-            std::string fault = add_file(artifact, files);
+            std::string fault = add_file(artifact, module, files);
             if (!fault.empty()) {
                 return fault;
             }
@@ -316,6 +320,7 @@ AgentStatus parse_poll(std::string_view text, DdiPoll& poll) {
     if (!links->is_object()) {
         return malformed("poll's answer", "expected an object as \"_links\"");
     }
+    poll.hasInstalled = find(*links, "installedBase") != nullptr;
     struct Link {
         const char* name;
         std::string& href;
@@ -404,4 +409,8 @@ std::string attributes_text(const DdiAttributes& attributes) {
         data[name] = truncated(value, DDI_ATTRIBUTE_SIZE_MAX);
     }
     return text_of_json({{"mode", "replace"}, {"data", std::move(data)}});
+}
+
+std::string installed_text(const DdiVersion& installed) {
+    return text_of_json({{"name", installed.name}, {"version", installed.version}});
 }

@@ -77,3 +77,8 @@ AgentStatus Server::send_attributes(const std::string& href, const DdiAttributes
     return send_body(*http_, "PUT", href.empty() ? controller_place(*http_) + "/configData" : href,
                      attributes_text(attributes));
 }
+
+AgentStatus Server::send_installed(const DdiVersion& installed) {
+    return send_body(*http_, "PUT", controller_place(*http_) + "/installedBase",
+                     installed_text(installed));
+}

@@ -42,7 +42,8 @@ struct ActionRecord {
     std::string manifestFile;   // its name in `files`; empty when the offer has not exactly one
     bool downloadOnly = false;  // the server asked for the download only; the files are kept
                                 // for a later action
-    uint32_t statuses = 0;      // statuses that the server has stored, including requests for files
+    std::string module;     // the server's name of the software module that contains the manifest
+    uint32_t statuses = 0;  // statuses that the server has stored, including requests for files
     uint32_t malformedOffers = 0;     // unreadable offers in a row; `files` is empty then
     std::string refusedCancellation;  // id of the last cancellation that was refused
 
@@ -91,7 +92,9 @@ struct HistoryEntry {
     // Set for a success, to check later that the same system still runs; as in ActionRecord.
     std::string manifest;
     char slotBefore = '?';
-    int64_t time = 0;  // seconds since 1970, by the camera's clock
+    std::string module;     // as in ActionRecord
+    std::string installed;  // version that was reported as installed later; empty: none
+    int64_t time = 0;       // seconds since 1970, by the camera's clock
 };
 
 // Reads `history.json`; `history` is empty when the file does not exist. Returns AGENT_OK;
@@ -102,6 +105,13 @@ AgentStatus load_history(const std::string& stateFolder, std::vector<HistoryEntr
 // put_aside() does, and reported on standard error. A file that cannot be read is not changed.
 // Returns AGENT_OK or AGENT_STORAGE.
 AgentStatus add_history(const std::string& stateFolder, const HistoryEntry& entry);
+
+// Returns the last entry of a success, or null.
+const HistoryEntry* last_success(const std::vector<HistoryEntry>& history);
+
+// Stores in the last entry of a success that this version was reported as installed. Returns
+// AGENT_OK, or the result of load_history().
+AgentStatus store_installed(const std::string& stateFolder, const std::string& version);
 
 // Finds the action with this id and manifest. Returns false when the history does not contain it,
 // or when the digest is empty (unknown).

@@ -31,6 +31,8 @@ struct DdiPoll {
     std::string deployment;
     std::string confirmation;
     std::string cancellation;
+    // The answer names an installed distribution set. Servers of the 0.3 generation never do.
+    bool hasInstalled = false;
 };
 
 enum class DdiHandling { SKIP, ATTEMPT, FORCED };
@@ -39,7 +41,8 @@ struct DdiFile {
     std::string name;   // letters, digits, ".", "-", "_"; at most 128; does not end in ".part"
     uint64_t size = 0;  // bytes, at most INT64_MAX
     Sha256 sha256 = {};
-    std::string href;  // the https link if the server gives one, else the http link
+    std::string href;         // the https link if the server gives one, else the http link
+    std::string module = {};  // name of its software module; empty: missing or too long
 };
 
 // An action, as "deploymentBase" or "confirmationBase" returns it.
@@ -69,6 +72,12 @@ struct DdiFeedback {
     std::vector<std::string> details;
 };
 
+// The name and the version of a distribution set.
+struct DdiVersion {
+    std::string name = {};
+    std::string version = {};
+};
+
 using DdiAttributes = std::vector<std::pair<std::string, std::string>>;
 
 // All return AGENT_OK or AGENT_MALFORMED.
@@ -85,5 +94,6 @@ std::string error_message(std::string_view text);
 std::string feedback_text(const DdiFeedback& feedback);
 std::string confirmation_text(bool confirmed, std::string_view detail);
 std::string attributes_text(const DdiAttributes& attributes);
+std::string installed_text(const DdiVersion& installed);
 
 #endif  // AGENT_DDI_H

@@ -39,6 +39,10 @@ class Server {
                                   const std::string& detail);
     // With an empty `href` the controller's standard URL for attributes is used.
     AgentStatus send_attributes(const std::string& href, const DdiAttributes& attributes);
+    // Sets what the server shows as installed. It must have a distribution set with exactly this
+    // name and version, or the result is AGENT_GONE. It ignores the request while it offers an
+    // action. Only for servers that named an installed set (DdiPoll).
+    AgentStatus send_installed(const DdiVersion& installed);
 
     // Reads the token file again. This also happens after each 401. Returns AGENT_OK, or
     // AGENT_MALFORMED when the file cannot be used; the old token stays in use then.
