@@ -114,16 +114,19 @@ bool read_environment(void* /*context*/, BootEnvironment& environment) {
 }
 
 // libubootenv separates name and value by "=", older tools of U-Boot by a space. Each of them
-// ignores or refuses the other form without storing anything, which is found out by reading.
+// ignores or refuses the other form without storing anything, which is found out by reading. A tool
+// that was killed, because flash or processor were busy for too long, gets a second chance.
 void store_environment(void* context, std::span<const BootValue> values) {
-    for (const char* separator : {"=", " "}) {
+    for (const char* separator : {"=", " ", "=", " "}) {
         std::string command = "printf '%s\\n'";
         for (const BootValue& value : values) {
             command +=
                 std::string(" '") + BOOT_VARIABLES[value.variable] + separator + value.value + '\'';
         }
         command += " | fw_setenv -s - > /dev/null 2>&1";
-        run_command(command.c_str(), TOOL_LIMIT_MS, {});
+        if (run_command(command.c_str(), TOOL_LIMIT_MS, {}).killed) {
+            print_error(COMMIT, "fw_setenv does not end in time");
+        }
         BootEnvironment environment;
         if (read_environment(context, environment) && has_values(environment, values)) {
             return;
