@@ -41,6 +41,19 @@ struct Running {
     int waitStatus = 0;   // guarded by mutex
 };
 
+// The signals that have a handler or are ignored.
+sigset_t handled_signals() {
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (int number = 1; number < NSIG; ++number) {
+        struct sigaction action = {};
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_DFL) {
+            sigaddset(&handled, number);
+        }
+    }
+    return handled;
+}
+
 // close_from() and become_command() run between fork() and exec() in a process with many threads,
 // so they may use system calls only.
 void close_from(unsigned first, unsigned descriptorLimit) {
@@ -55,12 +68,14 @@ void close_from(unsigned first, unsigned descriptorLimit) {
 }
 
 [[noreturn]] void become_command(const char* command, int standardInput, int standardOutput,
-                                 unsigned descriptorLimit) {
+                                 const sigset_t& handled, unsigned descriptorLimit) {
     setpgid(0, 0);
     struct sigaction defaults = {};
     defaults.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number) {
-        sigaction(number, &defaults, nullptr);
+        if (sigismember(&handled, number) == 1) {
+            sigaction(number, &defaults, nullptr);
+        }
     }
     sigset_t none;
     sigemptyset(&none);
@@ -94,6 +109,11 @@ void kill_group(Running& running) {
     if (!running.reaped) {
         kill(-running.pid, SIGKILL);
     }
+}
+
+bool is_reaped(Running& running) {
+    const std::lock_guard<std::mutex> lock(running.mutex);
+    return running.reaped;
 }
 
 // Reads from the pipe and appends to output. Bytes that do not fit are discarded, so that the
@@ -189,26 +209,36 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
     }
     rlimit descriptors = {};
     getrlimit(RLIMIT_NOFILE, &descriptors);
+    const sigset_t handled = handled_signals();
 
     running->pid = fork();
     if (running->pid < 0) {
         return notStarted;
     }
     if (running->pid == 0) {
-        become_command(command, nothing.get(), writeEnd.get(),
+        become_command(command, nothing.get(), writeEnd.get(), handled,
                        static_cast<unsigned>(std::min<rlim_t>(descriptors.rlim_cur, 65536)));
     }
     // Both processes call setpgid(), so that the group exists whichever runs first.
     setpgid(running->pid, running->pid);
     writeEnd.reset();
+    std::thread waiter;
     try {
-        std::thread(wait_for_end, running).detach();
+        waiter = std::thread(wait_for_end, running);
     } catch (const std::system_error&) {
         kill_group(*running);
         waitpid(running->pid, nullptr, 0);
         return notStarted;
     }
-    return supervise(*running, limitMs, readEnd.get(), output);
+    const CommandResult result = supervise(*running, limitMs, readEnd.get(), output);
+    // A thread that is still ending would hold locks of the run-time libraries during the next
+    // fork(), for ever in the new process. A process that is stuck in the kernel is not waited for.
+    if (is_reaped(*running)) {
+        waiter.join();
+    } else {
+        waiter.detach();
+    }
+    return result;
 }
 
 void stop_commands(int graceMs) {
