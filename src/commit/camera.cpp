@@ -115,9 +115,9 @@ bool read_environment(void* /*context*/, BootEnvironment& environment) {
 
 // libubootenv separates name and value by "=", older tools of U-Boot by a space. Each of them
 // ignores or refuses the other form without storing anything, which is found out by reading. A tool
-// that was killed, because flash or processor were busy for too long, gets a second chance.
+// that was killed, because flash or processor were busy for too long, is started once more.
 void store_environment(void* context, std::span<const BootValue> values) {
-    for (const char* separator : {"=", " ", "=", " "}) {
+    for (const char* separator : {"=", " "}) {
         std::string command = "printf '%s\\n'";
         for (const BootValue& value : values) {
             command +=
@@ -126,6 +126,7 @@ void store_environment(void* context, std::span<const BootValue> values) {
         command += " | fw_setenv -s - > /dev/null 2>&1";
         if (run_command(command.c_str(), TOOL_LIMIT_MS, {}).killed) {
             print_error(COMMIT, "fw_setenv does not end in time");
+            run_command(command.c_str(), TOOL_LIMIT_MS, {});
         }
         BootEnvironment environment;
         if (read_environment(context, environment) && has_values(environment, values)) {

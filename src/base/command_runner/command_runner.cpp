@@ -41,7 +41,8 @@ struct Running {
     int waitStatus = 0;   // guarded by mutex
 };
 
-// The signals that have a handler or are ignored.
+// The signals that have a handler or are ignored. The new process resets only these, because with
+// the thread sanitizer sigaction() may wait for a lock, which another thread held during fork().
 sigset_t handled_signals() {
     sigset_t handled;
     sigemptyset(&handled);
@@ -231,8 +232,9 @@ CommandResult run_command(const char* command, int limitMs, std::span<char> outp
         return notStarted;
     }
     const CommandResult result = supervise(*running, limitMs, readEnd.get(), output);
-    // A thread that is still ending would hold locks of the run-time libraries during the next
-    // fork(), for ever in the new process. A process that is stuck in the kernel is not waited for.
+    // A thread that is still ending may hold a lock of a run-time library. If the next fork()
+    // copies the lock, nobody releases it in the new process. A command that is stuck in the kernel
+    // is not waited for.
     if (is_reaped(*running)) {
         waiter.join();
     } else {
