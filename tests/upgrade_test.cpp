@@ -179,9 +179,11 @@ TEST(Package, TypesOfTheRequestAreTurnedIntoThePlatforms) {
     EXPECT_EQ(std::vector<int32_t>(refused), std::vector<int32_t>(4, OTA_FAILED));
 }
 
+// The chunks of the image are equal, so the bytes of the previous chunk must not count as read.
 TEST(ReadBack, PartitionThatEndsBeforeTheImageDiffers) {
-    write_file("/dev/block/by-name/kernel", "image");
-    write_file("/tmp/image", "image of a kernel");
+    const std::string image(size_t{2} * OTA_VERIFY_CHUNK, 'x');
+    write_file("/dev/block/by-name/kernel", image.substr(1));
+    write_file("/tmp/image", image);
     EXPECT_EQ(
         upgrade_verifyPartition("kernel", "/tmp/image", OTA_GetHalStorageType(OTA_FLASH_TYPE_EMMC)),
         OTA_FAILED);
