@@ -1,10 +1,11 @@
 """Checks that the state of a camera at the server, the state that the camera reports and the content of its
 partitions agree."""
 import hashlib
+import math
 import re
 from dataclasses import dataclass
 
-from camera import OLD_VERSION, Camera
+from camera import OLD_VERSION, STOPPING, SWITCHED, Camera
 from management import Management
 from package import IMAGES, NEW_VERSION, Package
 
@@ -79,12 +80,18 @@ class Judge:
             ("record", record == end.record, record),
             ("files left", state.get("files") == "0", state.get("files")),
         ]
+        # A request is repeated only after a power cut, and never when the slot has been switched.
+        steps = [stage for _, stage in camera.changes if stage in (STOPPING, SWITCHED)]
+        flashed = steps.count(STOPPING)
+        checks += [("number of requests that the service began", flashed <= 1 + camera.cuts, flashed),
+                   ("the order of requests and slot switches", STOPPING not in steps[steps.index(SWITCHED):]
+                    if SWITCHED in steps else True, steps)]
         if camera.doubled:
             commit = state["commit"]
             decided = commit.get("state"), commit.get("committed")
             checks.append(("decision", decided == ("committed", end.slot), commit))
         if end.reason:
-            action = self.management.last_action(camera.name)
+            action = self.management.actions(camera.name)[0]
             messages = [text for status in self.management.statuses(camera.name, action["id"])
                         for text in status["messages"]]
             checks.append(("the reason at the server", any(end.reason in text for text in messages), messages))
@@ -105,3 +112,22 @@ class Judge:
                 f"{attributes.get('version', '-'):<8} {attributes.get('slot', '-'):<7}  "
                 f"{outcome:<11}{record:<11}{state.get('version', '-'):<8} "
                 f"{state.get('slot', '-'):<7}  {', '.join(shown)}")
+
+    def check_order(self, cameras: list[Camera]) -> None:
+        """Checks at the server that each camera has one action, and that a group was started only after each
+        action of the groups before had succeeded."""
+        ended = 0.0  # when the groups before the present one had succeeded, in the server's milliseconds
+        for number in sorted({camera.group for camera in cameras}):
+            group = [camera for camera in cameras if camera.group == number]
+            ends = [ended]
+            for camera in group:
+                actions = self.management.actions(camera.name)
+                if len(actions) != 1:
+                    self.wrong.append(f"{camera.name}: number of its actions is {len(actions)}")
+                statuses = [status for status in self.management.statuses(camera.name, actions[-1]["id"])
+                            if status["type"] != "scheduled"] if actions else []
+                if any(status["reportedAt"] < ended for status in statuses):
+                    self.wrong.append(f"{camera.name}: its group {number} was started too early")
+                ends.append(max((status["reportedAt"] for status in statuses
+                                 if status["type"] == "finished"), default=math.inf))
+            ended = max(ends)

@@ -20,12 +20,15 @@ STARTS_MAX = 30
 OLD_VERSION = "1.0"
 PLATFORM_FACTORY_BYTES = 65536
 AGENT_LINE = re.compile(r"^action (\S+): (.*?)(?:,? (\d+) %)?$")
+ERROR_LINE = re.compile(r"^corvo_agent: (.*)")
+RECOVERED = "recovered"  # the agent's line after an error has ended
+STOPPING, SWITCHED = "stopping the applications", "slot switched"
 # Lines of the service's output, and the stage that the table shows for each.
 SERVICE_LINES = (
-    (re.compile(r"UPGRADE_LUMO_RECV_MSG"), "stopping the applications"),
+    (re.compile(r"UPGRADE_LUMO_RECV_MSG"), STOPPING),
     (re.compile(r"upgrade \S*/(\S+?)(?:\.\w+)? start, moudle type"), "writing {}"),
     (re.compile(r"partition: (\S+) upgrade success"), "reading {} back"),
-    (re.compile(r"AB switch end"), "slot switched"),
+    (re.compile(r"AB switch end"), SWITCHED),
     (re.compile(r"Restart the system"), "restarting"),
 )
 PROGRESS = re.compile(r">>> write flash progress (\d+)%")
@@ -65,6 +68,7 @@ class Camera:
     stage: str = "off"
     percent: int | None = None
     changes: list[tuple[float, str]] = field(default_factory=list)  # when each stage began
+    errors: list[tuple[float, str]] = field(default_factory=list)  # the agent's errors, and RECOVERED after each
     starts: int = 0
     cuts: int = 0  # power cuts so far
     fault: str = ""  # why the camera cannot continue
@@ -110,6 +114,7 @@ class Camera:
 
     def start(self) -> None:
         self.starts += 1
+        self.errors.append((time.monotonic(), RECOVERED))  # the new agent prints an error that still exists again
         (self.folder / "boot_id").write_text(f"{uuid.uuid4()}\n")
         self.held, inside = os.pipe()
         with open(self.folder / "camera.txt", "ab") as output:
@@ -146,6 +151,9 @@ class Camera:
             if found := AGENT_LINE.match(line):
                 self.action = found[1]
                 self.enter(found[2].rstrip(), found[3] and int(found[3]))
+                self.errors.append((time.monotonic(), RECOVERED))  # it continues, as yet without that line
+            elif found := ERROR_LINE.match(line):
+                self.errors.append((time.monotonic(), found[1]))
 
     def update(self) -> None:
         """Reads the output, and starts the camera again if it asked for a restart."""

@@ -16,13 +16,28 @@ build_server() {
     fi
 }
 
-# nginx is only unpacked: installing the package would start a web server on this machine.
+# These are only unpacked: installing the packages would start a web server and a database on this machine.
+unpack_packages() { # NAME PACKAGE...: into $work/NAME
+    rm -rf "${work:?}/$1"
+    mkdir -p "$work/$1"
+    echo "fetching $1"
+    (cd "$work/$1" && apt-get download "${@:2}" && for deb in *.deb; do dpkg-deb -x "$deb" .; done) \
+        > "$work/$1.txt" 2>&1 || skip "$1 cannot be downloaded, see $work/$1.txt"
+}
 unpack_nginx() {
     nginx=$work/nginx/usr/sbin/nginx
-    [ ! -x "$nginx" ] || return 0
-    rm -rf "$work/nginx"
-    mkdir -p "$work/nginx"
-    echo "fetching nginx"
-    (cd "$work/nginx" && apt-get download nginx && dpkg-deb -x nginx_*.deb .) > "$work/nginx.txt" 2>&1 ||
-        skip "nginx cannot be downloaded, see $work/nginx.txt"
+    [ -x "$nginx" ] || unpack_packages nginx nginx
+}
+# Their other libraries come with curl's and cmake's.
+unpack_postgresql() {
+    local server
+    postgresql=$work/postgresql
+    [ -e "$postgresql/usable" ] || {
+        server=$(apt-cache depends postgresql | sed -n 's/.*Depends: \(postgresql-[0-9]*\)$/\1/p')
+        unpack_packages postgresql ${server:-postgresql} libpq5
+        LD_LIBRARY_PATH=$(echo "$postgresql"/usr/lib/*/libpq.so.5 | xargs dirname) \
+            "$postgresql"/usr/lib/postgresql/*/bin/postgres --version >> "$work/postgresql.txt" 2>&1 ||
+            skip "PostgreSQL does not run here, see $work/postgresql.txt"
+        touch "$postgresql/usable"
+    }
 }

@@ -121,9 +121,9 @@ class Management:
     def attributes(self, name: str) -> dict[str, str]:
         return self.call("GET", f"targets/{name}/attributes") or {}
 
-    def last_action(self, name: str) -> dict | None:
-        found = self.call("GET", f"targets/{name}/actions?limit=1&sort=id:DESC")["content"]
-        return found[0] if found else None
+    def actions(self, name: str) -> list[dict]:
+        """Returns the actions of a camera, the newest first."""
+        return self.call("GET", f"targets/{name}/actions?limit={MOST}&sort=id:DESC")["content"]
 
     def statuses(self, name: str, action: int) -> list[dict]:
         """Returns the status messages, newest first; each has "type", "messages" and "reportedAt"."""

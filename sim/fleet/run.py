@@ -7,6 +7,7 @@ import shutil
 import signal
 import sys
 import time
+from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 
 import picture
@@ -14,6 +15,7 @@ from agreement import GIVEN_UP, HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
 from board_camera import BoardCamera
 from camera import Camera
 from certificates import Authority
+from cluster import FAULTS, RATE_LIMIT, Cluster, Faults, experience
 from management import Management, Refused
 from package import COMPATIBLE, IMAGES, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
 from server import Proxy, Server
@@ -30,6 +32,7 @@ CUT_WITHIN = 2.0
 OFF_SECONDS = (0.2, 1.0)
 NEEDED = "lens.cal"  # with --unhealthy, the file in /config that the new system needs
 BOARD_SECONDS = 240  # additional time for the emulated board
+CLUSTER_SECONDS = 120  # additional time for the faults of a cluster
 LAST_REPORT_SECONDS = 20  # time for the cameras to report their version and slot after the result
 ASK_SECONDS = 1.0
 
@@ -42,6 +45,8 @@ class Fleet:
         self.random = random.Random(options.seed)
         self.server: Server | None = None
         self.proxy: Proxy | None = None
+        self.cluster: Cluster | None = None
+        self.faults: Faults | None = None
         self.cameras: list[Camera] = []
         self.made: list[tuple[str, int | str]] = []  # created at the server; removed from an existing one
         self.plan: dict[str, list[int]] = {}  # in which stages the power of a camera is cut
@@ -58,22 +63,33 @@ class Fleet:
             user, _, password = options.user.partition(":")
             self.management = Management(self.url, user, password, self.ca)
             return
-        self.server = Server(options.jar, self.folder / "server", self.tls,
-                             tls=not options.certificates)
-        print("starting the rollout server", flush=True)
-        self.server.start()
         self.ca = self.tls.certificate
-        self.management = Management(self.server.management_url, self.server.user,
-                                     self.server.password, self.ca)
+        if options.cluster:
+            print("starting PostgreSQL, two instances of the rollout server and nginx", flush=True)
+            self.cluster = Cluster(options, self.folder / "cluster", self.scripts, self.tls)
+            self.cluster.start()
+            self.proxy = self.cluster.proxy
+            self.management = self.cluster.management(self.ca)
+        else:
+            self.start_one_server()
         if options.certificates:
-            self.proxy = Proxy(options.nginx, self.scripts, self.server,
-                               self.folder / "proxy", self.tls)
-            self.proxy.start()
             self.management.set("authentication.header.enabled", True)
             self.management.set("authentication.header.authority", self.proxy.voucher)
         else:
             self.management.set("authentication.targettoken.enabled", True)
-        self.url = self.server.url
+        self.url = self.proxy.url if self.proxy else self.server.url
+
+    def start_one_server(self) -> None:
+        options = self.options
+        self.server = Server(options.jar, self.folder / "server", self.tls,
+                             tls=not options.certificates)
+        print("starting the rollout server", flush=True)
+        self.server.start()
+        self.management = Management(self.server.management_url, self.server.user,
+                                     self.server.password, self.ca)
+        if options.certificates:
+            self.proxy = Proxy(options.nginx, self.scripts, [self.server], self.folder / "proxy", self.tls, True)
+            self.proxy.start()
 
     def check_server(self) -> None:
         if self.options.certificates:
@@ -101,6 +117,8 @@ class Fleet:
                 who["allow-unencrypted-token"] = "on"
         if self.ca:
             who["ca"] = self.ca
+        if self.options.cluster:
+            who["rate-limit"] = str(RATE_LIMIT)
         return {"server": self.url, "controller-id": name, **who, "keyring": self.package.keyring,
                 "compatible": COMPATIBLE, "version-file": "/etc/camera_version",
                 "download-folder": "/media/mmcblk0p1/ota/", "state-folder": "/config/agent/"}
@@ -171,7 +189,8 @@ class Fleet:
     # --- while it runs ---
 
     def seconds_allowed(self) -> float:
-        seconds = 180 + 6 * len(self.cameras) + (BOARD_SECONDS if self.options.board else 0)
+        seconds = (180 + 6 * len(self.cameras) + (BOARD_SECONDS if self.options.board else 0)
+                   + (CLUSTER_SECONDS if self.options.cluster else 0))
         if self.options.server:
             hours, minutes, rest = self.management.setting("pollingTime").split(":")
             seconds += 2 * self.groups * (3600 * int(hours) + 60 * int(minutes) + int(rest))
@@ -182,20 +201,27 @@ class Fleet:
         self.table = Table(self.cameras)
         self.began = time.monotonic()
         end, ask = self.began + self.seconds_allowed(), 0.0
+        over: Future | None = None
         for camera in self.cameras:
             camera.enter("waits for its turn")
             camera.start()
         self.management.start_rollout(self.rollout)
+        if self.cluster:
+            self.faults = Faults(self.cluster, self.cameras, self.options.fault, self.options.seed)
+        # Another thread asks the server, because while that is not available an answer takes long.
+        operator = ThreadPoolExecutor(1)
         while time.monotonic() < end and not any(camera.fault for camera in self.cameras):
             self.update()
-            if time.monotonic() >= ask:
-                ask = time.monotonic() + ASK_SECONDS
-                if self.is_over():
+            if time.monotonic() >= ask and (over is None or over.done()):
+                if over and over.result():
                     break
+                ask = time.monotonic() + ASK_SECONDS
+                over = operator.submit(self.is_over)
             time.sleep(0.1)
         else:
             self.judge.wrong += [camera.fault for camera in self.cameras if camera.fault] or [
                 f"the rollout is \"{self.status}\" after {time.monotonic() - self.began:.0f} s"]
+        operator.shutdown()
         self.ended = time.monotonic()
 
     def update(self) -> None:
@@ -203,7 +229,10 @@ class Fleet:
             camera.update()
             if self.options.cut:
                 self.cut_power(camera)
-        self.table.show(f"rollout {NEW_VERSION}: {self.status}")
+        if self.faults:
+            self.faults.update()
+        self.table.show(f"rollout {NEW_VERSION}: {self.status}"
+                        + (f", without {self.faults.now}" if self.faults and self.faults.now else ""))
 
     def cut_power(self, camera: Camera) -> None:
         """Cuts the power of a camera, or switches it on again, when it is time."""
@@ -233,6 +262,10 @@ class Fleet:
         return any(word in stage for _, stage in camera.changes for word in ("success", "failure"))
 
     def is_over(self) -> bool:
+        over = self.is_rollout_over()
+        return over and (self.faults is None or self.faults.over)
+
+    def is_rollout_over(self) -> bool:
         self.status = self.management.rollout_status(self.rollout)
         if self.status == "paused":
             # The cameras of the first group still finish their upgrade.
@@ -285,6 +318,12 @@ class Fleet:
         print(HEAD)
         for camera in self.cameras:
             print(self.judge.row(camera, self.end_of(camera)), flush=True)
+        self.judge.check_order(self.cameras)
+        if self.cluster:
+            print("What the cameras experienced:")
+            for begin, end, what in self.faults.happened:
+                print(f"  {begin - self.began:7.1f} s  {what} was not available for {end - begin:.1f} s")
+            print("\n".join(experience(self.cameras, self.proxy.requests, self.ended)))
 
     def draw(self) -> None:
         drawing = self.options.work / "rollout.svg"
@@ -302,7 +341,7 @@ class Fleet:
                     self.management.remove(what, number)
                 except (OSError, Refused) as reason:
                     print(f"fleet: cannot remove {what} {number} from the server: {reason}", file=sys.stderr)
-        for process in (self.proxy, self.server):
+        for process in (self.cluster, self.proxy, self.server):
             if process is not None:
                 process.stop()
 
@@ -336,10 +375,11 @@ class Fleet:
 
 def main() -> int:
     arguments = argparse.ArgumentParser()
-    for name in ("work", "programs", "jar", "nginx", "ca"):
+    for name in ("work", "programs", "jar", "nginx", "postgresql", "ca"):
         arguments.add_argument(f"--{name}", type=Path)
-    for name in ("bad", "unhealthy", "board", "cut", "certificates", "one-copy", "serve"):
+    for name in ("bad", "unhealthy", "board", "cut", "certificates", "one-copy", "serve", "cluster"):
         arguments.add_argument(f"--{name}", action="store_true")
+    arguments.add_argument("--fault", choices=("", *FAULTS), default="")
     for name in ("server", "user"):
         arguments.add_argument(f"--{name}", default="")
     for name in ("cameras", "seed"):

@@ -80,7 +80,7 @@ class Rig:
         made = self.management.create_set(f"{package}-{secrets.token_hex(4)}", VERSION,
                                           self.modules[package])
         self.management.assign(made, target, kind)
-        return self.management.last_action(target)["id"]
+        return self.management.actions(target)[0]["id"]
 
     def status(self, target: str, action: int, wanted: str) -> int | None:
         """Returns when the action got the status `wanted` (ms of the server's clock); None: not yet."""
