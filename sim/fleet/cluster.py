@@ -23,14 +23,15 @@ SHORT_START = ("-XX:TieredStopAtLevel=1", "-XX:+UseSerialGC")
 # the files, so that this works for each user of this machine.
 AS_NOBODY = ("unshare", "--user", "--map-user=65534", "--map-group=65534")
 # A fault begins at most FAULT_WITHIN s after a camera has entered the fault's stage. If none does so for
-# WAIT_SECONDS, the fault begins then.
+# WAIT_SECONDS, the fault begins then; the wait for a download is long enough for the next group to begin.
 FAULT_STAGES = ("downloading", "downloaded and verified", "stopping", "writing", "slot switched",
                 "waits for corvo_commit", "success", "failure")
 FAULT_WITHIN = 1.0
-WAIT_SECONDS = 8.0
+WAIT_SECONDS, DOWNLOAD_WAIT_SECONDS = 5.0, 40.0
 DOWN_SECONDS = (0.5, 4.0)  # until a killed program is started again
 ARTIFACTS_SECONDS = 10.0
 RATE_LIMIT = 2000000  # bytes a second for each camera, so that downloads last long enough to be interrupted
+CACHE_MS = 2000  # how long an instance may use a setting of the tenant that the other one has changed
 PATIENCE_SECONDS = 60  # how long a question of the operator is repeated
 REQUEST = re.compile(r"\S+ (\d+) ([^|]*)\|/[^/]+/controller/(?:artifacts/)?v1/([^/?]+)")
 
@@ -59,7 +60,8 @@ class Database(Contained):
 
     def connect(self, server: Server) -> None:
         """Makes the server use this database."""
-        server.command += ["--spring.profiles.active=cluster", "--spring.jpa.database=POSTGRESQL",
+        server.command += ["--spring.profiles.active=cluster", f"--hawkbit.cache.global.ttl={CACHE_MS}",
+                           "--spring.jpa.database=POSTGRESQL",
                            "--spring.datasource.driverClassName=org.postgresql.Driver",
                            f"--spring.datasource.url=jdbc:postgresql://{HOST}:{self.port}/postgres"]
         server.secrets |= {"SPRING_DATASOURCE_USERNAME": "fleet", "SPRING_DATASOURCE_PASSWORD": self.password}
@@ -121,15 +123,19 @@ class Cluster:
 
 
 class Faults:
-    """The faults of one run, one after the other, in an order and at moments that the seed determines."""
+    """The faults of one run, one after the other, in an order and at moments that the seed determines. If the
+    rollout `stops` after its first group, the fault of the packages comes first, because no camera of another group
+    will download any."""
 
-    def __init__(self, cluster: Cluster, cameras: list[Camera], only: str, seed: int):
+    def __init__(self, cluster: Cluster, cameras: list[Camera], only: str, seed: int, stops: bool):
         self.cluster, self.cameras = cluster, cameras
         self.random = random.Random(f"{seed} faults")
         targets = [("instance", number) for number in range(INSTANCES)] + [
             (what, 0) for what in FAULTS if what != "instance"]
         self.plan = [target for target in targets if only in ("", target[0])]
         self.random.shuffle(self.plan)
+        if stops:
+            self.plan.sort(key=lambda target: target[0] != "artifacts")
         self.happened: list[tuple[float, float, str]] = []  # begin, end, what
         self.now = ""  # what is unavailable at present
         self.over = False
@@ -144,7 +150,7 @@ class Faults:
         for what, number in self.plan:
             stage = "downloading" if what == "artifacts" else self.random.choice(FAULT_STAGES)
             delay, down = self.random.uniform(0, FAULT_WITHIN), self.random.uniform(*DOWN_SECONDS)
-            yield from self.wait_for_stage(stage)
+            yield from self.wait_for_stage(stage, DOWNLOAD_WAIT_SECONDS if what == "artifacts" else WAIT_SECONDS)
             yield from pause(delay)
             begin = time.monotonic()
             self.now = f"instance {number + 1}" if what == "instance" else what
@@ -157,8 +163,8 @@ class Faults:
             self.happened.append((begin, time.monotonic(), self.now))
             self.now = ""
 
-    def wait_for_stage(self, stage: str) -> Iterator[str]:
-        until, entered = time.monotonic() + WAIT_SECONDS, [len(camera.changes) for camera in self.cameras]
+    def wait_for_stage(self, stage: str, seconds: float) -> Iterator[str]:
+        until, entered = time.monotonic() + seconds, [len(camera.changes) for camera in self.cameras]
         while time.monotonic() < until and not any(
                 stage in name for camera, number in zip(self.cameras, entered)
                 for _, name in camera.changes[number:]):

@@ -207,7 +207,8 @@ class Fleet:
             camera.start()
         self.management.start_rollout(self.rollout)
         if self.cluster:
-            self.faults = Faults(self.cluster, self.cameras, self.options.fault, self.options.seed)
+            self.faults = Faults(self.cluster, self.cameras, self.options.fault, self.options.seed,
+                                 self.stops())
         # Another thread asks the server, because while that is not available an answer takes long.
         operator = ThreadPoolExecutor(1)
         while time.monotonic() < end and not any(camera.fault for camera in self.cameras):
