@@ -27,7 +27,7 @@ AS_NOBODY = ("unshare", "--user", "--map-user=65534", "--map-group=65534")
 FAULT_STAGES = ("downloading", "downloaded and verified", "stopping", "writing", "slot switched",
                 "waits for corvo_commit", "success", "failure")
 FAULT_WITHIN = 1.0
-WAIT_SECONDS, DOWNLOAD_WAIT_SECONDS = 5.0, 40.0
+WAIT_SECONDS, DOWNLOAD_WAIT_SECONDS, FIRST_DOWNLOAD_SECONDS = 5.0, 40.0, 15.0
 DOWN_SECONDS = (0.5, 4.0)  # until a killed program is started again
 ARTIFACTS_SECONDS = 10.0
 RATE_LIMIT = 2000000  # bytes a second for each camera, so that downloads last long enough to be interrupted
@@ -134,6 +134,7 @@ class Faults:
             (what, 0) for what in FAULTS if what != "instance"]
         self.plan = [target for target in targets if only in ("", target[0])]
         self.random.shuffle(self.plan)
+        self.download_wait = FIRST_DOWNLOAD_SECONDS if stops else DOWNLOAD_WAIT_SECONDS
         if stops:
             self.plan.sort(key=lambda target: target[0] != "artifacts")
         self.happened: list[tuple[float, float, str]] = []  # begin, end, what
@@ -150,7 +151,7 @@ class Faults:
         for what, number in self.plan:
             stage = "downloading" if what == "artifacts" else self.random.choice(FAULT_STAGES)
             delay, down = self.random.uniform(0, FAULT_WITHIN), self.random.uniform(*DOWN_SECONDS)
-            yield from self.wait_for_stage(stage, DOWNLOAD_WAIT_SECONDS if what == "artifacts" else WAIT_SECONDS)
+            yield from self.wait_for_stage(stage, self.download_wait if what == "artifacts" else WAIT_SECONDS)
             yield from pause(delay)
             begin = time.monotonic()
             self.now = f"instance {number + 1}" if what == "instance" else what
