@@ -18,13 +18,13 @@ run_buildroot() {
     check "OVERRIDE_SRCDIR replaces the source folder" makefile_prints "" "dependencies host-pkgconf nanomsg " \
         BR2_PACKAGE_CORVO_UPGRADE=y BR_BUILDING=y CORVO_UPGRADE_OVERRIDE_SRCDIR=/elsewhere
     check "a manufacturer's library and the tools" makefile_prints "$checkout" \
-        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON -DCORVO_BUILD_AGENT=OFF dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl " \
+        "-DCORVO_PLATFORM_LIBRARY=/maker/libktmosaic.so -DCORVO_BUILD_TOOLS=ON -DCORVO_BUILD_AGENT=OFF dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl zstd " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y 'BR2_PACKAGE_CORVO_UPGRADE_PLATFORM_LIBRARY="/maker/libktmosaic.so"'
     check "the units of the tools" makefile_prints "$checkout" "corvo-system-call.service" \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y
     check "without the tools, the unit of the daemon is not installed" fails makefile_prints "$checkout" corvo-system-call.service
     check "the agent" makefile_prints "$checkout" \
-        "-DCORVO_BUILD_AGENT=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl libcurl " \
+        "-DCORVO_BUILD_AGENT=ON dependencies host-pkgconf nanomsg cli11 json-for-modern-cpp openssl zstd libcurl " \
         BR2_PACKAGE_CORVO_UPGRADE_TOOLS=y BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "the agent's unit" makefile_prints "$checkout" corvo-agent.service BR2_PACKAGE_CORVO_UPGRADE_AGENT=y
     check "the agent's user" makefile_prints "$checkout" "corvo-agent -1 corvo-agent -1 * - - corvo-flash " BR2_PACKAGE_CORVO_UPGRADE_AGENT=y

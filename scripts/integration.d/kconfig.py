@@ -28,6 +28,8 @@ config BR2_PACKAGE_JSON_FOR_MODERN_CPP
 	bool "json"
 config BR2_PACKAGE_OPENSSL
 	bool "openssl"
+config BR2_PACKAGE_ZSTD
+	bool "zstd"
 config BR2_PACKAGE_LIBCURL
 	bool "libcurl"
 source "%s"
@@ -66,7 +68,8 @@ off = tree(path, *TOOLCHAIN, "BR2_USE_MMU")
 assert not is_on(off, PACKAGE) and not is_on(off, "BR2_PACKAGE_NANOMSG") and not comment_shows(off)
 
 whole = tree(path, *TOOLCHAIN, "BR2_USE_MMU", PACKAGE)
-OF_THE_TOOLS = ("BR2_PACKAGE_CLI11", "BR2_PACKAGE_JSON_FOR_MODERN_CPP", "BR2_PACKAGE_OPENSSL")
+OF_THE_TOOLS = ("BR2_PACKAGE_CLI11", "BR2_PACKAGE_JSON_FOR_MODERN_CPP", "BR2_PACKAGE_OPENSSL",
+                "BR2_PACKAGE_ZSTD")
 for name in (PACKAGE, PACKAGE + "_TOOLS", *OF_THE_TOOLS, "BR2_PACKAGE_NANOMSG", "BR2_HOST_CMAKE_AT_LEAST_3_25"):
     assert is_on(whole, name), name + " is off"
 for name in (PACKAGE + "_BRINGUP", PACKAGE + "_AGENT", "BR2_PACKAGE_LIBCURL"):
