@@ -40,7 +40,8 @@ struct SendOptions {
 };
 
 // Posts a request for a directory with one file per image. If no modules are named, the request is
-// for all modules of the manifest. The manifest is optional if no signature is required.
+// for all modules of the manifest. The manifest is optional if no signature is required. A chunked
+// image that is not in the directory, or is another one, is restored there first.
 int send_files(const SendOptions& options);
 
 // Posts a request for a combined package.
@@ -78,13 +79,15 @@ struct PackOptions {
     std::string compatible;  // with one of the next two, the manifest has version 2
     std::string version;
     std::string description;
+    bool chunked = false;    // for pack_files(): write the chunks of large images too
     SigningOptions signing;  // an empty key: do not sign
 };
 
 // Creates a combined package, its manifest, and the manifest's signature.
 int pack_combined(const PackOptions& options);
 
-// Creates the manifest and its signature for the images in a folder.
+// Creates the manifest and its signature for the images in a folder, and the files of chunked
+// images.
 int pack_files(const PackOptions& options);
 
 // Signs any file of up to 1 MiB. The signature of FILE becomes FILE.sig, as for a manifest.

@@ -4,9 +4,11 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/error_line.h"
+#include "cli/progress_line.h"
 #include "otactl/commands.h"
 #include "otactl/log_line.h"
 #include "otactl/trust.h"
+#include "package/chunked.h"
 
 namespace {
 
@@ -58,6 +60,10 @@ PackageStatus read_findings(const std::string& path, const Trust& trust, Finding
     return read_unsigned_manifest(path, findings.manifest);
 }
 
+nlohmann::ordered_json file_json(const ManifestFile& file) {
+    return {{"file", file.name}, {"size", file.size}, {"sha256", digest_text(file.sha256)}};
+}
+
 nlohmann::ordered_json modules_json(const Manifest& manifest) {
     nlohmann::ordered_json modules = nlohmann::ordered_json::array();
     for (const ManifestModule& module : manifest.modules) {
@@ -70,6 +76,10 @@ nlohmann::ordered_json modules_json(const Manifest& manifest) {
         entry["size"] = module.size;
         if (module.sha256) {
             entry["sha256"] = digest_text(*module.sha256);
+        }
+        if (module.chunked) {
+            entry["frames"] = file_json(module.chunked->frames);
+            entry["index"] = file_json(module.chunked->index);
         }
         modules.push_back(std::move(entry));
     }
@@ -116,6 +126,15 @@ void print_line(const char* what, const std::string& words) {
     printf("%-12s %s\n", what, printable(words).c_str());
 }
 
+std::string chunked_text(const ManifestModule& module) {
+    if (!module.chunked) {
+        return "";
+    }
+    const ChunkedFiles& files = *module.chunked;
+    return ", chunked: " + std::to_string(files.frames.size) + " in " + files.frames.name + ", " +
+           std::to_string(files.index.size) + " in " + files.index.name;
+}
+
 void print_signer(const Findings& findings, const Trust& trust) {
     if (!findings.isSigned) {
         print_line("signed by", trust.needsSignature ? "not signed" : "no readable signature");
@@ -151,7 +170,8 @@ void print_text(const Findings& findings, const Trust& trust, bool contentRead, 
         print_line(module.name.c_str(),
                    std::to_string(module.size) + " bytes " +
                        (manifest.combined() ? "at " + std::to_string(module.offset)
-                                            : "in " + module.file));
+                                            : "in " + module.file) +
+                       chunked_text(module));
     }
     print_signer(findings, trust);
     if (contentRead) {
@@ -179,8 +199,23 @@ PackageStatus check_content(const Manifest& manifest, const std::string& path,
         return package_fault(PACKAGE_MALFORMED,
                              path + " does not name its package: name it with --package");
     }
+    Manifest whole = manifest;
+    std::erase_if(whole.modules,
+                  [](const ManifestModule& module) { return module.chunked.has_value(); });
+    for (const ManifestModule& module : manifest.modules) {
+        PackageStatus status;
+        if (module.chunked) {
+            ProgressLine line(!options.json, module.chunked->frames.name + " checked", module.size);
+            status = restore_image(
+                directory, module, [](std::span<const char>) { return true; },
+                [&line](uint64_t bytes) { line.show(bytes); });
+        }
+        if (!status.ok()) {
+            return status;
+        }
+    }
     std::vector<CheckedFile> checked;
-    return check_files(manifest, directory, package, !options.json, checked);
+    return check_files(whole, directory, package, !options.json, checked);
 }
 
 int inspect(const InspectOptions& options, bool readsContent) {

@@ -117,6 +117,10 @@ void add_pack(CLI::App& app, PackOptions& options) {
     files
         ->add_option("MODULE", options.modules, "Names of the modules (default: every image in it)")
         ->option_text("...");
+    files->add_flag(
+        "--chunked", options.chunked,
+        "Also write IMAGE.zst and IMAGE.chunks for each image larger than 1 MiB, so that "
+        "cameras need to download only what changed");
     for (CLI::App* command : {pack, files}) {
         add_value(command, "--manifest", options.manifest, "The manifest");
         add_value(command, "--compatible", options.compatible,

@@ -10,6 +10,7 @@
 #include "base/replace_file.h"
 #include "cli/error_line.h"
 #include "cli/progress_line.h"
+#include "otactl/chunk_image.h"
 #include "otactl/commands.h"
 #include "otactl/output_files.h"
 #include "package/content.h"
@@ -20,6 +21,9 @@
 #include "package/version.h"
 
 namespace {
+
+// Smaller images are not worth two more files and the requests for their parts.
+constexpr uint64_t UNCHUNKED_SIZE_MAX = 1048576;  // bytes
 
 struct Input {
     const OtaPackageEntry* entry;
@@ -231,6 +235,13 @@ int finish(const Manifest& manifest, const std::string& path, const SigningOptio
         printf("%-12s %10llu bytes %s%s\n", module.name.c_str(),
                static_cast<unsigned long long>(module.size), manifest.combined() ? "at " : "in ",
                manifest.combined() ? std::to_string(module.offset).c_str() : module.file.c_str());
+        if (!module.chunked) {
+            continue;
+        }
+        for (const ManifestFile& file : {module.chunked->frames, module.chunked->index}) {
+            printf("%-12s %10llu bytes in %s\n", "", static_cast<unsigned long long>(file.size),
+                   file.name.c_str());
+        }
     }
     return OTACTL_OK;
 }
@@ -299,14 +310,20 @@ int pack_files(const PackOptions& options) {
     if (result == OTACTL_OK && inputs.empty()) {
         result = wrong_use("no image in " + all.directory);
     }
+    OutputFiles files;
     for (const Input& input : inputs) {
-        if (result == OTACTL_OK) {
-            ManifestModule& module = manifest.modules.emplace_back();
-            module.name = input.entry->partitionName;
-            module.file = input.entry->fileName;
+        if (result != OTACTL_OK) {
+            return result;
+        }
+        ManifestModule& module = manifest.modules.emplace_back();
+        module.name = input.entry->partitionName;
+        module.file = input.entry->fileName;
+        if (all.chunked && input.size > UNCHUNKED_SIZE_MAX) {
+            manifest.format = 3;
+            result = chunk_image(input.path, input.size, files, module);
+        } else {
             result = add_image(input, {}, true, module);
         }
     }
-    OutputFiles files;
     return result == OTACTL_OK ? finish(manifest, all.manifest, all.signing, files) : result;
 }

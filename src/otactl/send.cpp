@@ -11,6 +11,7 @@
 #include "commit/record.h"
 #include "otactl/commands.h"
 #include "otactl/log_stream.h"
+#include "otactl/restore.h"
 #include "otactl/trust.h"
 #include "package/modules.h"
 #include "package/request.h"
@@ -98,22 +99,26 @@ PackageStatus select_modules(const Modules& requested, const std::string& path,
     return {};
 }
 
+PackageStatus first_objection(const Manifest& manifest, const Trust& trust) {
+    std::vector<PackageStatus> objections = camera_objections(manifest, trust.rules);
+    return objections.empty() ? PackageStatus{} : std::move(objections.front());
+}
+
 // Checks the package completely and fills in the request, which is posted later. `package` is the
 // file name of a combined package, and empty otherwise.
 PackageStatus check_package(const Manifest& manifest, const std::string& directory,
                             const std::string& package, const Trust& trust, Request& request) {
-    std::vector<PackageStatus> objections = camera_objections(manifest, trust.rules);
-    if (!objections.empty()) {
-        return objections.front();
+    PackageStatus status = first_objection(manifest, trust);
+    if (!status.ok()) {
+        return status;
     }
     request.modules.clear();
     for (const ManifestModule& module : manifest.modules) {
         request.modules.push_back(find_module(module.name));
     }
     request.signatureChecked = trust.needsSignature;
-    PackageStatus status = manifest.combined()
-                               ? request_combined(directory, package, manifest, request.message)
-                               : request_files(directory, request.modules, request.message);
+    status = manifest.combined() ? request_combined(directory, package, manifest, request.message)
+                                 : request_files(directory, request.modules, request.message);
     return status.ok() ? check_files(manifest, directory, package, true, request.checked) : status;
 }
 
@@ -214,6 +219,13 @@ int request_listed_files(const std::string& directory, const std::string& manife
         status = select_modules(request.modules, manifestPath, manifest);
     }
     if (status.ok()) {
+        status = first_objection(manifest, trust);
+    }
+    if (status.ok()) {
+        const int result = restore_images(manifest, directory, trust.needsSignature);
+        if (result != OTACTL_OK) {
+            return result;
+        }
         status = check_package(manifest, directory, "", trust, request);
     }
     if (!status.ok()) {

@@ -1,8 +1,10 @@
 #include "package/manifest.h"
 
 #include <algorithm>
+#include <span>
 
 #include "base/hex.h"
+#include "chunks/index.h"
 #include "manifest_lines.h"
 #include "ota/ota_message.h"
 #include "package/modules.h"
@@ -12,11 +14,13 @@ namespace {
 
 constexpr std::string_view MAGIC = "corvo-manifest ";
 constexpr std::string_view FIRST_LINE = "corvo-manifest 2";
+constexpr std::string_view FIRST_LINE_CHUNKED = "corvo-manifest 3";
 constexpr size_t FILE_NAME_MAX = sizeof(OtaPackageEntry::fileName) - 1;
 constexpr size_t MODULE_NAME_MAX = sizeof(OtaPackageEntry::partitionName) - 1;
 constexpr size_t KIND_MAX = 64;
 constexpr size_t DESCRIPTION_MAX = 200;
 constexpr size_t FIELDS = 4;
+constexpr size_t FIELDS_CHUNKED = 10;
 
 // Accepts letters, digits, ".", "_" and "-" only, which are safe in a path, a URL and a shell.
 bool is_name(std::string_view text, size_t most) {
@@ -66,23 +70,55 @@ bool parse_digest(std::string_view field, Sha256& digest) {
     return corvo::parse_hex(field, digest) && digest_text(digest) == field;
 }
 
-bool split_fields(std::string_view line, std::array<std::string_view, FIELDS>& fields) {
-    for (size_t i = 0; i < FIELDS; ++i) {
+// Returns the fields between single spaces, or none if one of them is empty.
+std::vector<std::string_view> split_fields(std::string_view line) {
+    std::vector<std::string_view> fields;
+    for (;;) {
         const size_t end = std::min(line.find(' '), line.size());
-        fields[i] = line.substr(0, end);
-        if (fields[i].empty() || (end == line.size()) != (i + 1 == FIELDS)) {
-            return false;
+        if (end == 0) {
+            return {};
         }
-        line.remove_prefix(std::min(end + 1, line.size()));
+        fields.push_back(line.substr(0, end));
+        if (end == line.size()) {
+            return fields;
+        }
+        line.remove_prefix(end + 1);
     }
-    return true;
+}
+
+// Parses the fields NAME SIZE SHA256 of one of the two files of a chunked image.
+std::string take_file(std::span<const std::string_view> fields, const std::string& name,
+                      uint64_t most, ManifestFile& file) {
+    if (fields[0] != name) {
+        return "expected the file name " + name;
+    }
+    file.name = name;
+    if (!parse_decimal(fields[1], file.size) || file.size == 0 || file.size > most) {
+        return "the size of " + name + " is not a number of bytes from 1 to " +
+               std::to_string(most);
+    }
+    return parse_digest(fields[2], file.sha256)
+               ? ""
+               : "the SHA-256 of " + name + " is not 64 hexadecimal digits in lower case";
+}
+
+std::string take_chunked_files(std::span<const std::string_view> fields, ManifestModule& module) {
+    ChunkedFiles& files = module.chunked.emplace();
+    const std::string fault =
+        take_file(fields.first(3), module.file + FRAMES_SUFFIX, IMAGE_SIZE_MAX, files.frames);
+    return fault.empty() ? take_file(fields.subspan(3), module.file + INDEX_SUFFIX,
+                                     chunk_index_size_max(module.size), files.index)
+                         : fault;
 }
 
 std::string take_module(std::string_view line, Manifest& manifest) {
-    std::array<std::string_view, FIELDS> fields;
-    if (!split_fields(line, fields)) {
+    const std::vector<std::string_view> fields = split_fields(line);
+    const bool chunked = manifest.format == 3 && fields.size() == FIELDS_CHUNKED;
+    if (!chunked && fields.size() != FIELDS) {
         return std::string("expected NAME ") + (manifest.combined() ? "OFFSET" : "FILE") +
-               " SIZE SHA256";
+               " SIZE SHA256" +
+               (manifest.format == 3 ? ", and for a chunked image also FILE SIZE SHA256 twice"
+                                     : "");
     }
     ManifestModule module = {};
     if (!is_name(fields[0], MODULE_NAME_MAX)) {
@@ -104,7 +140,10 @@ std::string take_module(std::string_view line, Manifest& manifest) {
     if (!parse_digest(fields[3], module.sha256.emplace())) {
         return "the SHA-256 is not 64 hexadecimal digits in lower case";
     }
-    const std::string fault = check_range(module);
+    std::string fault = check_range(module);
+    if (fault.empty() && chunked) {
+        fault = take_chunked_files(std::span(fields).subspan(FIELDS), module);
+    }
     return fault.empty() ? add_module(manifest, module) : fault;
 }
 
@@ -118,6 +157,9 @@ std::string take_line(std::string_view line, Manifest& manifest, size_t& next) {
         if (there ? !head.valid(value) : head.required) {
             return head.expected;
         }
+        if (there && manifest.format == 3 && head.field == &Manifest::package) {
+            return "a combined package has a manifest of version 2";
+        }
         ++next;
         if (there) {
             manifest.*head.field = value;
@@ -130,6 +172,34 @@ std::string take_line(std::string_view line, Manifest& manifest, size_t& next) {
 PackageStatus malformed(size_t line, const std::string& fault) {
     return package_fault(PACKAGE_MALFORMED,
                          line == 0 ? fault : "line " + std::to_string(line) + ": " + fault);
+}
+
+// Returns the names of the files of which the module is made, some of which may be empty.
+std::array<std::string_view, 3> file_names(const ManifestModule& module) {
+    std::array<std::string_view, 3> names = {module.file};
+    if (module.chunked) {
+        names = {module.file, module.chunked->frames.name, module.chunked->index.name};
+    }
+    return names;
+}
+
+bool shares_file(const ManifestModule& left, const ManifestModule& right) {
+    const auto others = file_names(right);
+    return std::ranges::any_of(file_names(left), [&others](std::string_view name) {
+        return !name.empty() && std::ranges::find(others, name) != others.end();
+    });
+}
+
+bool is_chunked(const ManifestModule& module) {
+    return module.chunked.has_value();
+}
+
+std::string_view first_line(const Manifest& manifest) {
+    return manifest.format == 3 ? FIRST_LINE_CHUNKED : FIRST_LINE;
+}
+
+std::string file_fields(const ManifestFile& file) {
+    return ' ' + file.name + ' ' + std::to_string(file.size) + ' ' + digest_text(file.sha256);
 }
 
 }  // namespace
@@ -162,7 +232,7 @@ std::string add_module(Manifest& manifest, const ManifestModule& module) {
         if (other.name == module.name) {
             return "the module is named twice";
         }
-        if (!module.file.empty() && other.file == module.file) {
+        if (shares_file(module, other)) {
             return "the image is named twice";
         }
         if (manifest.combined() && module.offset < other.offset + other.size &&
@@ -182,7 +252,7 @@ PackageStatus parse_manifest(std::string_view text, Manifest& manifest) {
     if (text.size() > MANIFEST_SIZE_MAX) {
         return malformed(0, "longer than " + std::to_string(MANIFEST_SIZE_MAX) + " bytes");
     }
-    manifest.format = text.starts_with(MAGIC) ? 2 : 1;
+    manifest.format = !text.starts_with(MAGIC) ? 1 : text.starts_with(FIRST_LINE_CHUNKED) ? 3 : 2;
     size_t next = 0;
     size_t number = 0;
     while (!text.empty()) {
@@ -198,22 +268,29 @@ PackageStatus parse_manifest(std::string_view text, Manifest& manifest) {
             fault = "the line does not end with a line feed";
         } else if (number > 1) {
             fault = take_line(line, manifest, next);
-        } else if (line != FIRST_LINE) {
-            fault = "expected \"" + std::string(FIRST_LINE) + "\"";
+        } else if (line != first_line(manifest)) {
+            fault = "expected \"" + std::string(FIRST_LINE) + "\" or \"" +
+                    std::string(FIRST_LINE_CHUNKED) + '"';
         }
         if (!fault.empty()) {
             return malformed(number, fault);
         }
         text.remove_prefix(std::min(end + 1, text.size()));
     }
-    return manifest.modules.empty() ? malformed(0, "the manifest has no modules") : PackageStatus{};
+    if (manifest.modules.empty()) {
+        return malformed(0, "the manifest has no modules");
+    }
+    // Otherwise the same package could also be described by version 2, which all cameras can read.
+    return manifest.format == 3 && std::ranges::none_of(manifest.modules, is_chunked)
+               ? malformed(0, "the manifest has version 3, but no chunked image")
+               : PackageStatus{};
 }
 
 std::string format_manifest(const Manifest& manifest) {
     if (manifest.format == 1) {
         return format_manifest_v1(manifest);
     }
-    std::string text = std::string(FIRST_LINE) + '\n';
+    std::string text = std::string(first_line(manifest)) + '\n';
     for (const HeadLine& head : HEAD) {
         const std::string& value = manifest.*head.field;
         if (!value.empty()) {
@@ -223,8 +300,11 @@ std::string format_manifest(const Manifest& manifest) {
     for (const ManifestModule& module : manifest.modules) {
         text += module.name + ' ' +
                 (manifest.combined() ? std::to_string(module.offset) : module.file) + ' ' +
-                std::to_string(module.size) + ' ' + digest_text(module.sha256.value_or(Sha256{})) +
-                '\n';
+                std::to_string(module.size) + ' ' + digest_text(module.sha256.value_or(Sha256{}));
+        if (module.chunked) {
+            text += file_fields(module.chunked->frames) + file_fields(module.chunked->index);
+        }
+        text += '\n';
     }
     return text;
 }

@@ -8,7 +8,7 @@ pack() { # NAME VERSION KEYS [IMAGES]
     cp -r ${4:-/run/images} /run/packages/$1
     set -- /run/packages/$1 --compatible R5C20 --version $2 --key $3/signer.key \
         --certificate $3/signer.pem --intermediate $3/authority.pem
-    otactl pack files --dir "$@" > /dev/null
+    otactl pack files --dir "$@" $more > /dev/null
     folder=$1
     shift
     otactl pack --output $folder/all.pkg --manifest $folder/all.manifest "$@" > /dev/null \
@@ -19,3 +19,4 @@ pack files 2.0 /run/pki
 pack older 1.8 /run/pki
 pack foreign 2.0 /run/foreign
 pack large 2.0 /run/pki /run/large
+more=--chunked pack chunked 2.0 /run/pki /run/large

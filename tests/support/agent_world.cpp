@@ -51,10 +51,12 @@ SimulatedAction make_action(const std::string& kind, const std::string& id) {
         {"unsigned", "package.manifest kernel.bin rootfs.img"},
         {"too-little", one},
         {"large", one},
+        {"chunked", "package.manifest package.manifest.sig kernel.bin.zst kernel.bin.chunks"},
         {"two-manifests", both + " all.manifest all.manifest.sig"},
         {"too-much", both + " all.pkg"}};
     const bool waits = kind == "download-only" || kind == "large" || kind == "outside-window";
-    const bool isOther = kind == "older" || kind == "foreign" || kind == "large";
+    const bool isOther =
+        kind == "older" || kind == "foreign" || kind == "large" || kind == "chunked";
     SimulatedAction action = {.id = id,
                               .update = waits               ? "skip"
                                         : kind == "attempt" ? "attempt"

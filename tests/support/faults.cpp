@@ -346,7 +346,7 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
         __real_write(fd, data, size / 2);
         cut_power();
     }
-    char stored[16384];  // the largest transfer
+    char stored[40960];  // the largest transfer
     if (size > sizeof(stored)) {
         abort();
     }

@@ -197,6 +197,28 @@ failing() { # FAULTS COMMAND...
     return $code
 }
 
+# Makes the package anew with an image that is chunked, and removes the image.
+chunked() {
+    if ! [ -d /run/chunked ]; then
+        cp -r /run/good /run/chunked
+        seq 200000 > /run/chunked/kernel.bin
+        (cd /run/chunked && otactl pack files --dir . --chunked $head $key > /dev/null && mv kernel.bin /run/whole.bin)
+    fi
+    cp /run/chunked/* .
+    rm -f kernel.bin
+    head -c 2000000 /dev/zero > $image/kernel
+}
+
+# Checks packages with a chunked image that the maker has signed with an error.
+wrong() { # CHANGE..., see chunked.py
+    for change; do
+        chunked
+        python3 "$TEXTS/support/chunked.py" edit kernel.bin "$change"
+        as signer
+        otactl verify .
+    done
+}
+
 if ! [ -d /run/good ]; then
     (make_people) > /tmp/people.txt 2>&1 || cat /tmp/people.txt
     (make_good)

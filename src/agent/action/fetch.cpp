@@ -223,7 +223,17 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
         }
     }
     const PackageStatus packageStatus = read_accepted_manifest(agent, manifest);
-    return packageStatus.ok() ? AgentStatus{} : finish_action(agent, false, packageStatus.text);
+    if (!packageStatus.ok()) {
+        return finish_action(agent, false, packageStatus.text);
+    }
+    for (const ManifestModule& module : manifest.modules) {
+        if (module.chunked) {
+            return finish_action(
+                agent, false,
+                module.file + " is a chunked image, which this agent cannot download");
+        }
+    }
+    return {};
 }
 
 AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer) {
