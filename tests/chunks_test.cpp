@@ -11,13 +11,13 @@ struct ChunkedImage {
 };
 
 // Cuts the image, which arrives in pieces of random sizes.
-std::vector<std::string> chunks_of(const std::string& image) {
+std::vector<std::string> chunks_of(const std::string& image, size_t pieceMax = 50000) {
     std::minstd_rand random(1);
     std::vector<std::string> chunks;
     ChunkCutter cutter;
     bool complete = true;
     for (size_t at = 0; at < image.size();) {
-        const size_t piece = std::min<size_t>(1 + random() % 50000, image.size() - at);
+        const size_t piece = std::min<size_t>(1 + random() % pieceMax, image.size() - at);
         const size_t begin = at;
         while (at < begin + piece) {
             if (complete) {
@@ -79,6 +79,7 @@ TEST(Chunks, RestoreImagesOfAllSizesAndContents) {
         for (const std::string& image :
              {random.substr(0, size), std::string(size, '\0'), std::string(size, '\xff')}) {
             EXPECT_TRUE(restore(pack(image), size) == image) << size;
+            EXPECT_TRUE(chunks_of(image, 100) == chunks_of(image)) << size;
         }
     }
 }

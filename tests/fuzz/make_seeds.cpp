@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include "chunks/frame.h"
 #include "dbus/system_call.h"
 #include "ota/ota_message.h"
 
@@ -62,6 +63,37 @@ void request_seeds() {
     seed("fuzz_request", "combined", yes + bytes_of(message));
 }
 
+// Frames of zeros, of text and of bytes that cannot be compressed, and their index.
+void chunk_seeds() {
+    ChunkWriter writer;
+    ChunkIndex index;
+    std::string entries;
+    if (make_chunk_writer(writer) != CHUNKS_OK) {
+        return;
+    }
+    for (const unsigned step : {0U, 1U, 77U}) {
+        std::string chunk;
+        unsigned value = 1;
+        for (unsigned i = 0; i < 3000; ++i) {
+            value = value * 1664525 + step;
+            chunk += static_cast<char>(step == 1 ? 'a' + i % 7 : (value >> 24) * step);
+        }
+        char frame[FRAME_SIZE_MAX];
+        ChunkEntry entry;
+        (void)make_frame(writer, chunk, frame, entry);
+        const uint16_t size = static_cast<uint16_t>(entry.size - 1);
+        seed("fuzz_chunk_frame", "frame-" + std::to_string(step),
+             bytes_of(size) + std::string(frame, entry.frameSize));
+        const auto bytes = format_chunk_entry(entry);
+        entries.append(bytes.begin(), bytes.end());
+        ++index.count;
+        index.imageSize += entry.size;
+        index.framesSize += entry.frameSize;
+    }
+    const auto head = format_chunk_index_head(index);
+    seed("fuzz_chunk_index", "index", std::string(head.begin(), head.end()) + entries);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -72,6 +104,7 @@ int main(int argc, char** argv) {
     mkdir(g_folder.c_str(), 0755);
     record_seeds();
     request_seeds();
+    chunk_seeds();
     seed("fuzz_mtd_table", "line", "mtd3: 00080000 00020000 \"kernel\"\n");
     seed("fuzz_log_line", "text", "moduleType %d %s %n");
     seed("fuzz_manifest", "version_1", "# a package\nkernel 0 100 0123abcd\nrootfs 100 5\n");
@@ -79,6 +112,9 @@ int main(int argc, char** argv) {
     const std::string digest(64, 'a');
     seed("fuzz_manifest", "files",
          head + "kernel kernel.bin 100 " + digest + "\nrootfs rootfs.img 5 " + digest + "\n");
+    seed("fuzz_manifest", "chunked",
+         "corvo-manifest 3\ncompatible R5C20\nversion 2.7.1\nrootfs a 9999 " + digest +
+             " a.zst 99 " + digest + " a.chunks 64 " + digest + '\n');
     seed("fuzz_manifest", "combined",
          head + "description New\npackage all.pkg\nkernel 0 100 " + digest + "\nrootfs 200 5 " +
              digest + "\n");
