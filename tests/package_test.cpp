@@ -26,6 +26,10 @@ TEST_F(SignedPackage, IsTakenAndNothingElse) {
     expect_session("signed.txt", BEFORE, Rows::BUILD_ON_EACH_OTHER, queue_);
 }
 
+TEST_F(SignedPackage, WithAChunkedImageIsRestoredOrRefused) {
+    expect_session("chunked.txt", BEFORE, Rows::BUILD_ON_EACH_OTHER, queue_);
+}
+
 TEST_F(SignedPackage, IsMadeWithAKeyInAToken) {
     if (EMULATED || run("command -v softhsm2-util")[0] != '0') {
         GTEST_SKIP() << "no SoftHSM for this processor: keys in tokens are not tested";
