@@ -112,11 +112,12 @@ TEST(Action, EndsAsItDeserves) {
 
 // Tries one position after the other until `cut_at` returns that no cut happened. After a single
 // cut at any position, the camera must be upgraded and the server must have the result.
-void sweep(const std::function<bool(World& world, int place)>& cut_at) {
+void sweep(const std::function<bool(World& world, int place)>& cut_at,
+           const std::string& camera = "good", const std::string& action = "files", int step = 1) {
     bool cut = true;
-    for (int place = 1; cut && !testing::Test::HasFailure(); place += sweep_stride()) {
+    for (int place = 1; cut && !testing::Test::HasFailure(); place += step * sweep_stride()) {
         SCOPED_TRACE(place);
-        World world("good", "files");
+        World world(camera, action);
         cut = cut_at(world, place);
         const bool decided = world.server.story(ID).starts_with("success");
         const int posted = world.posted;
@@ -186,12 +187,20 @@ class Promise {
         return action;
     }
 
+    // Of a chunked image the file of its frames is offered, and the image is stored.
+    static std::vector<std::string> stored_files(const ActionRecord& action) {
+        std::vector<std::string> paths;
+        for (const OfferedFile& file : action.files) {
+            paths.push_back(AGENT_FOLDER + replaced(file.name, "[.]zst$", ""));
+        }
+        return paths;
+    }
+
     void expect_flushed_request() {
         const ActionRecord action = flushed_action();
         EXPECT_EQ(ACTION_COMMITTED, action.stage);
         const std::vector<State> states = world_.storage().states();
-        for (const OfferedFile& file : action.files) {
-            const std::string path = AGENT_FOLDER + file.name;
+        for (const std::string& path : stored_files(action)) {
             EXPECT_TRUE(states.front().contains(path) &&
                         states.front().at(path) == states.back().at(path))
                 << path << " is not flushed";
@@ -232,14 +241,13 @@ class Promise {
                     std::ranges::find(history_, ID, &HistoryEntry::id) != history_.end())
             << "the action is forgotten";
         if (action.stage > ACTION_DOWNLOADING && action.stage < ACTION_RESULT) {
-            for (const OfferedFile& file : action.files) {
-                const std::string path = AGENT_FOLDER + file.name;
+            for (const std::string& path : stored_files(action)) {
                 EXPECT_TRUE(state.contains(path) || !there_.contains(path)) << path << " is lost";
             }
         }
         if (const auto whole = state.find(AGENT_FOLDER + NAME); whole != state.end()) {
             EXPECT_TRUE(whole->second == bytes_) << NAME << " is not whole";
-        } else if (state.contains(AGENT_FOLDER)) {
+        } else if (state.contains(AGENT_FOLDER) && bytes_ != CHUNKED_KERNEL) {
             expect_part(written);
         }
     }
@@ -291,7 +299,9 @@ TEST(Action, IsKeptWhateverAPowerCutForgets) {
         std::getline(row, camera, ';');
         std::getline(row >> std::ws, action, ';');
         World world(camera, action);
-        Promise promise(world, action == "large" ? LARGE_KERNEL : KERNEL);
+        Promise promise(world, action == "large"     ? LARGE_KERNEL
+                               : action == "chunked" ? CHUNKED_KERNEL
+                                                     : KERNEL);
         std::filesystem::resize_file("/dev/block/by-name/kernel", 3000000);
         world.server.misbehave(rest_of(row));
         world.start_service();
@@ -313,6 +323,13 @@ TEST(Action, SurvivesTheAgentsDeathAtEveryStep) {
 
 TEST(Action, SurvivesAPowerCutAtEveryStepOfTheAgent) {
     sweep([](World& world, int place) { return cut_agent(world, place, true); });
+}
+
+// Each chunk is a step, so only some are tried.
+TEST(Action, SurvivesAPowerCutWhileChunksAreDownloaded) {
+    constexpr int STEP = 7;
+    sweep([](World& world, int place) { return cut_agent(world, place, true); }, "older", "chunked",
+          STEP);
 }
 
 TEST(Action, SurvivesAPowerCutAtEveryStepAfterTheRestart) {

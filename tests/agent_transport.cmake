@@ -14,3 +14,7 @@ target_link_libraries(simulated_server PUBLIC test_support PRIVATE upgrade_packa
 corvo_test(agent_transport_test SOURCES agent_transport_test.cpp support/session.cpp LINK simulated_server agent_download
                                         nlohmann_json::nlohmann_json TIMEOUT 300)
 target_compile_definitions(agent_transport_test PRIVATE PROGRAMS="/usr/bin")
+
+corvo_test(agent_chunks_test SOURCES agent_chunks_test.cpp support/chunked_images.cpp support/session.cpp
+                             LINK simulated_server agent_download TIMEOUT 300)
+target_compile_definitions(agent_chunks_test PRIVATE PROGRAMS="/usr/bin")

@@ -16,7 +16,7 @@ target_link_options(otactl_with_faults PRIVATE -Wl,--wrap=clock_gettime -Wl,--wr
 target_link_libraries(otactl_with_faults PRIVATE test_faults otactl_parts upgrade_package commit_record command_line)
 set_target_properties(otactl_with_faults PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_faults)
 
-corvo_test(chunks_test SOURCES chunks_test.cpp LINK chunks)
+corvo_test(chunks_test SOURCES chunks_test.cpp support/chunked_images.cpp LINK chunks)
 
 corvo_test(package_test SOURCES package_test.cpp support/session.cpp LINK upgrade_package log TIMEOUT 900)
 target_compile_definitions(

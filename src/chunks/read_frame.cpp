@@ -41,9 +41,13 @@ ChunkResult make_chunk_reader(ChunkReader& reader) {
     return reader.hash && reader.decompressor ? CHUNKS_OK : CHUNKS_NO_MEMORY;
 }
 
+ChunkResult digest_chunk(ChunkReader& reader, std::span<const char> chunk, ChunkDigest& digest) {
+    return start_of_digest(reader.hash, chunk, digest);
+}
+
 ChunkResult check_chunk(ChunkReader& reader, const ChunkEntry& entry, std::span<const char> chunk) {
     ChunkDigest found = {};
-    const ChunkResult result = start_of_digest(reader.hash, chunk, found);
+    const ChunkResult result = digest_chunk(reader, chunk, found);
     if (result != CHUNKS_OK) {
         return result;
     }

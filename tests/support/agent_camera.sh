@@ -95,6 +95,8 @@ end
         : > /run/boot_variables
         ;;
 esac
+# Its partition has an older image.
+case $1 in *older*) head -c 1200000 /dev/zero | cat /run/older - > /dev/block/by-name/kernel ;; esac
 case $1 in *two-copies*) sh "${0%/*}/two_copies.sh" A kernel rootfs ;; esac
 boot_id=/proc/sys/kernel/random/boot_id
 echo 0 > /run/boot_id
@@ -111,6 +113,7 @@ chmod 600 /etc/corvo/token
     case $1 in *cardless*) ;; *) echo "require-mount = no" ;; esac
     case $1 in
         *unchecked*) echo "check-partitions = off" ;;
+        *delta*) echo "delta-source = kernel=/run/older" ;;
         asks*) echo "confirm = ask" ;;
         # Somebody writes to what was checked, right before it is asked for.
         tampers) echo "fitness-command = \"[ ! -e $folder/agent/kernel.bin ] || echo x >> $folder/agent/kernel.bin\"" ;;

@@ -30,6 +30,11 @@ int32_t print_slot(const void* /*command*/, uint32_t /*length*/, void* out, uint
 std::string make_packages() {
     write_file("/run/images/kernel.bin", KERNEL);
     write_file("/run/large/kernel.bin", LARGE_KERNEL);
+    write_file("/run/chunked/kernel.bin", CHUNKED_KERNEL);
+    write_file("/run/chunked/rootfs.img", ROOTFS);
+    // What a camera of the row "older" has in its partition.
+    write_file("/run/older",
+               CHUNKED_KERNEL.substr(0, 400000) + KERNEL + CHUNKED_KERNEL.substr(450000) + KERNEL);
     write_file("/run/images/rootfs.img", ROOTFS);
     return run("sh $TEXTS/support/agent_packages.sh $TEXTS/../scripts/make_pki");
 }
@@ -46,12 +51,14 @@ msqid_ds queue_status() {
 SimulatedAction make_action(const std::string& kind, const std::string& id) {
     const std::string one = "package.manifest package.manifest.sig kernel.bin";
     const std::string both = one + " rootfs.img";
+    const std::string chunked =
+        "package.manifest package.manifest.sig rootfs.img kernel.bin.chunks";
     const std::map<std::string, std::string> others = {
         {"combined", "all.manifest all.manifest.sig all.pkg"},
         {"unsigned", "package.manifest kernel.bin rootfs.img"},
         {"too-little", one},
         {"large", one},
-        {"chunked", "package.manifest package.manifest.sig kernel.bin.zst kernel.bin.chunks"},
+        {"chunked", chunked + " kernel.bin.zst"},
         {"two-manifests", both + " all.manifest all.manifest.sig"},
         {"too-much", both + " all.pkg"}};
     const bool waits = kind == "download-only" || kind == "large" || kind == "outside-window";
@@ -80,7 +87,8 @@ SimulatedAction make_action(const std::string& kind, const std::string& id) {
 World::World(const std::string& camera, const std::string& action)
     : server({.old = contains(camera, "0.3"),
               .sleep = contains(camera, "slow") ? "01:00:00" : "00:00:02"}),
-      mode_(camera) {
+      mode_(camera),
+      kernel_(action == "chunked" ? CHUNKED_KERNEL : KERNEL) {
     EXPECT_EQ("0", make_packages());
     EXPECT_EQ("0", run("sh $TEXTS/support/agent_camera.sh '" + camera + "' " + server.url() + " '" +
                        SimulatedServer::CONTROLLER + "'"));
@@ -189,7 +197,7 @@ std::string World::summary() {
 
 void World::expect_promise(const std::string& id) {
     const std::string story = server.story(id);
-    const bool runs = Camera::partition("kernel").starts_with(KERNEL) &&
+    const bool runs = Camera::partition("kernel").starts_with(kernel_) &&
                       Camera::partition("rootfs").starts_with(ROOTFS) &&
                       (read_file(SLOT) == "B\n" || id != ID);
     EXPECT_TRUE(id.empty() || runs == story.starts_with("success")) << story;

@@ -12,6 +12,7 @@ inline const std::string AGENT_FOLDER = CARD_FOLDER + "agent/";
 inline const std::string STATE_FOLDER = "/config/agent/";
 inline const std::string KERNEL = pattern_bytes(70000, 1);
 inline const std::string LARGE_KERNEL = pattern_bytes(2500000, 3);
+inline const std::string CHUNKED_KERNEL = pattern_bytes(1100000, 4);
 constexpr char ID[] = "11";  // of the first action
 constexpr char TRACE[] = "/run/storage.trace";
 
@@ -71,6 +72,7 @@ class World {
 
     Camera camera_;
     std::string mode_;
+    std::string kernel_;  // the image that the action has
     pid_t agent_ = -1;
     bool serves_ = false;
     bool counted_ = false;

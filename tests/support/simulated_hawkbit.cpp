@@ -136,7 +136,8 @@ SimulatedAnswer SimulatedHawkbit::file(Action& action, const SimulatedRequest& r
     SimulatedAnswer answer = {.body = file->bytes, .tag = old_ ? tag : "\"" + tag + "\""};
     const size_t size = file->bytes.size();
     size_t from = 0;
-    if (sscanf(request.range.c_str(), "bytes=%zu-", &from) != 1 ||
+    size_t last = size - 1;
+    if (sscanf(request.range.c_str(), "bytes=%zu-%zu", &from, &last) < 1 ||
         (!request.condition.empty() && request.condition != answer.tag)) {
         return answer;
     }
@@ -144,9 +145,10 @@ SimulatedAnswer SimulatedHawkbit::file(Action& action, const SimulatedRequest& r
         return {.status = 416, .range = "bytes */" + std::to_string(size)};
     }
     answer.status = 206;
-    answer.body.erase(0, from);
-    answer.range = "bytes " + std::to_string(from) + "-" + std::to_string(size - 1) + "/" +
-                   std::to_string(size);
+    last = std::min(last, size - 1);
+    answer.body = answer.body.substr(from, last + 1 - from);
+    answer.range =
+        "bytes " + std::to_string(from) + "-" + std::to_string(last) + "/" + std::to_string(size);
     return answer;
 }
 

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <utility>
 
 #include "agent/check_settings.h"
+#include "agent/download.h"
 #include "base/owned.h"
 #include "cli/error_line.h"
 
@@ -19,10 +21,16 @@ constexpr long NS_PER_MS = 1000000;
 // After so many statuses of an action, reasons for waiting are no longer sent.
 constexpr uint32_t WAITING_STATUSES_MAX = 100;
 
-// Whether the entry is one of the files or a temporary file of its download ("NAME.part...").
+// Whether the entry is one of the files or a temporary file of its download ("NAME.part..."). Of a
+// chunked image NAME.zst is offered, and NAME is made.
 bool belongs_to(const std::string& entry, const std::vector<OfferedFile>& files) {
+    const auto belongs = [&entry](const std::string& name) {
+        return entry == name || entry.starts_with(name + PART_SUFFIX);
+    };
     return std::ranges::any_of(files, [&](const OfferedFile& file) {
-        return entry == file.name || (entry.starts_with(file.name + ".part"));
+        return belongs(file.name) ||
+               (file.name.ends_with(FRAMES_SUFFIX) &&
+                belongs(file.name.substr(0, file.name.size() - strlen(FRAMES_SUFFIX))));
     });
 }
 

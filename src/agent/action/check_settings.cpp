@@ -12,6 +12,7 @@
 #include "agent/url.h"
 #include "ota/ota_message.h"
 #include "package/manifest.h"
+#include "package/modules.h"
 
 namespace {
 
@@ -208,6 +209,13 @@ AgentStatus check_texts(const AgentSettings& settings) {
     for (const std::string& attribute : settings.attributes) {
         if (attribute.find('=') == std::string::npos || attribute.starts_with('=')) {
             return wrong("attribute", "must be NAME=VALUE, not \"" + attribute + "\"");
+        }
+    }
+    for (const std::string& source : settings.deltaSources) {
+        const size_t end = source.find("=/");
+        if (end == std::string::npos || find_module(source.substr(0, end)) == nullptr) {
+            return wrong("delta-source",
+                         "must be PARTITION=PATH with an absolute path, not \"" + source + "\"");
         }
     }
     return {};

@@ -4,8 +4,12 @@
 #include <time.h>
 
 #include <algorithm>
+#include <functional>
+#include <optional>
+#include <utility>
 
 #include "agent/camera_state.h"
+#include "agent/chunked_download.h"
 #include "agent/download.h"
 #include "base/monotonic_clock.h"
 #include "cli/progress_line.h"
@@ -14,6 +18,7 @@
 #include "package/files.h"
 #include "package/signed_manifest.h"
 #include "result.h"
+#include "sources.h"
 
 namespace {
 
@@ -33,9 +38,10 @@ constexpr uint32_t UNEXPECTED_PAUSE_MS = 2000;
 // The state of one package's download.
 struct Fetching {
     OpenFolder folder = {};
-    uint64_t all = 0;     // bytes of the images
-    uint64_t before = 0;  // bytes of those that are complete
-    uint32_t step = 0;    // last reported step, of PROGRESS_STEPS
+    uint64_t all = 0;       // bytes to be downloaded for the images
+    uint64_t before = 0;    // bytes of files that are complete
+    uint64_t expected = 0;  // of the chunked image that is downloaded now, part of `all`
+    uint32_t step = 0;      // last reported step, of PROGRESS_STEPS
     int64_t polledAtMs = 0;
     bool withdrawn = false;  // the server no longer offers the action
 };
@@ -48,10 +54,28 @@ std::string names_of(const DdiAction& offer) {
     return names;
 }
 
+// The files that the package has on the server.
+std::vector<ManifestFile> offered_files(const Manifest& manifest) {
+    std::vector<ManifestFile> files;
+    if (manifest.combined()) {
+        const PackageFile file = package_files(manifest).front();
+        return {{.name = file.name, .size = file.size}};
+    }
+    for (const ManifestModule& module : manifest.modules) {
+        if (module.chunked) {
+            files.push_back(module.chunked->frames);
+            files.push_back(module.chunked->index);
+        } else {
+            files.push_back({.name = module.file, .size = module.size});
+        }
+    }
+    return files;
+}
+
 // Whether the offer has exactly the files that the manifest names.
 bool is_complete(const DdiAction& offer, const std::string& manifestName,
-                 const std::vector<PackageFile>& files, std::string& wrong) {
-    for (const PackageFile& file : files) {
+                 const std::vector<ManifestFile>& files, std::string& wrong) {
+    for (const ManifestFile& file : files) {
         const DdiFile* const offered = find_file(offer, file.name);
         if (offered == nullptr || offered->size != file.size) {
             wrong = "the manifest names " + file.name + " of " + std::to_string(file.size) +
@@ -64,7 +88,7 @@ bool is_complete(const DdiAction& offer, const std::string& manifestName,
     for (const DdiFile& file : offer.files) {
         const bool named = file.name == manifestName ||
                            file.name == manifestName + SIGNATURE_SUFFIX ||
-                           std::ranges::find(files, file.name, &PackageFile::name) != files.end();
+                           std::ranges::find(files, file.name, &ManifestFile::name) != files.end();
         if (!named) {
             wrong = "the manifest does not name " + file.name;
             return false;
@@ -84,11 +108,18 @@ uint64_t bytes_fetched(const OpenFolder& folder, const std::string& name) {
     return std::max(size_of_file(folder, name), size_of_file(folder, name + PART_SUFFIX));
 }
 
-bool has_room(const OpenFolder& folder, const std::vector<PackageFile>& files, std::string& wrong) {
+bool has_room(const OpenFolder& folder, const Manifest& manifest, std::string& wrong) {
     uint64_t needed = SPACE_LEFT;
-    for (const PackageFile& file : files) {
-        const uint64_t fetched = bytes_fetched(folder, file.name);
-        needed += file.size - std::min(file.size, fetched);
+    const auto add = [&](const std::string& name, uint64_t size) {
+        needed += size - std::min(size, bytes_fetched(folder, name));
+    };
+    for (const PackageFile& file : package_files(manifest)) {
+        add(file.name, file.size);
+    }
+    for (const ManifestModule& module : manifest.modules) {
+        if (module.chunked) {
+            add(module.chunked->index.name, module.chunked->index.size);
+        }
     }
     const uint64_t room = free_space(folder.get());
     wrong = "the package needs " + std::to_string(needed) + " more bytes, " + folder.path +
@@ -109,7 +140,8 @@ bool still_wanted(Agent& agent, Fetching& fetching) {
 }
 
 bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64_t bytes) {
-    const uint64_t done = fetching.before + bytes;
+    // What has arrived twice counts once.
+    const uint64_t done = std::min(fetching.before + bytes, fetching.all);
     const auto step = static_cast<uint32_t>(done * PROGRESS_STEPS / fetching.all);
     if (step > fetching.step) {
         fetching.step = step;
@@ -134,11 +166,18 @@ void record_checked_file(Agent& agent, const OpenFolder& folder, const std::stri
     }
 }
 
+// The server may store a status for each request for a file.
+AgentStatus count_request(Agent& agent) {
+    return ++agent.action.statuses < STATUSES_MAX
+               ? AgentStatus{}
+               : agent_fault(AGENT_DIFFERENT, "too many interrupted downloads");
+}
+
 AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
                          const PackageFile* content) {
-    // The server may store a status for each request for a file.
-    if (++agent.action.statuses >= STATUSES_MAX) {
-        return agent_fault(AGENT_DIFFERENT, "too many interrupted downloads");
+    AgentStatus counted = count_request(agent);
+    if (!counted.ok()) {
+        return counted;
     }
     ProgressLine line(content != nullptr, file.name + " downloaded",
                       std::max<uint64_t>(file.size, 1));
@@ -157,17 +196,80 @@ AgentStatus request_file(Agent& agent, Fetching& fetching, const DdiFile& file,
     return status;
 }
 
-AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
-                       const PackageFile* content) {
-    AgentStatus status = request_file(agent, fetching, file, content);
+// Requests again after an answer that may be a temporary fault.
+AgentStatus repeat(Agent& agent, const std::function<AgentStatus()>& request) {
+    AgentStatus status = request();
     for (int answers = 1; status.result == AGENT_MALFORMED && answers < UNEXPECTED_ANSWERS_MAX;
          ++answers) {
         if (!wait_ms(agent, UNEXPECTED_PAUSE_MS)) {
             return agent_stopped();
         }
-        status = request_file(agent, fetching, file, content);
+        status = request();
     }
     return status;
+}
+
+AgentStatus fetch_file(Agent& agent, Fetching& fetching, const DdiFile& file,
+                       const PackageFile* content) {
+    return repeat(agent, [&] { return request_file(agent, fetching, file, content); });
+}
+
+// Downloads the chunks of an image that the camera does not have. `all` counts all of NAME.zst
+// until it is known which these are.
+AgentStatus request_chunks(Agent& agent, Fetching& fetching, const ChunkedImage& image,
+                           std::vector<ChunkSource>& sources) {
+    const std::string& name = image.module.file;
+    std::optional<ProgressLine> line;
+    const ChunkedCalls calls = {
+        .request = [&] { return count_request(agent); },
+        .plan =
+            [&](uint64_t toFetch, uint64_t copied) {
+                log_action(agent, name + ": " + std::to_string(copied) + " of " +
+                                      std::to_string(image.module.size) +
+                                      " bytes are on the camera, " + std::to_string(toFetch) +
+                                      " bytes of " + image.frames.name + " to be downloaded");
+                fetching.all += toFetch;
+                fetching.all -= std::exchange(fetching.expected, toFetch);
+                line.emplace(true, image.frames.name + " downloaded",
+                             std::max<uint64_t>(toFetch, 1));
+            },
+        .progress =
+            [&](uint64_t bytes) {
+                line->show(std::min(bytes, fetching.expected));
+                return show_progress(agent, fetching, image.frames, bytes);
+            }};
+    const uint64_t stored = bytes_fetched(fetching.folder, name);
+    AgentStatus status = download_chunked(agent.files, image, sources, fetching.folder, calls);
+    agent.polling.progressed =
+        agent.polling.progressed || bytes_fetched(fetching.folder, name) > stored;
+    if (status.ok()) {
+        record_checked_file(agent, fetching.folder, name);
+        fetching.before += std::exchange(fetching.expected, 0);
+    }
+    return status;
+}
+
+AgentStatus fetch_chunked(Agent& agent, Fetching& fetching, const DdiAction& offer,
+                          const ManifestModule& module) {
+    const ManifestFile& index = module.chunked->index;
+    const DdiFile& offered = *find_file(offer, index.name);
+    if (offered.sha256 != index.sha256) {
+        return agent_fault(AGENT_DIFFERENT,
+                           index.name + ": server and manifest name different digests or sizes");
+    }
+    AgentStatus status = fetch_file(agent, fetching, offered, nullptr);
+    if (!status.ok()) {
+        return status;
+    }
+    fetching.before += index.size;
+    fetching.expected = module.chunked->frames.size;
+    const char slot = boot_slot();
+    const ChunkedImage image = {.module = module,
+                                .frames = *find_file(offer, module.chunked->frames.name),
+                                // The image will be in the slot that does not run now.
+                                .storedIndex = stored_index_path(agent, module, other_slot(slot))};
+    std::vector<ChunkSource> sources = open_sources(agent, module, slot);
+    return repeat(agent, [&] { return request_chunks(agent, fetching, image, sources); });
 }
 
 // Decides what a failed download means for the action.
@@ -226,11 +328,19 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
     if (!packageStatus.ok()) {
         return finish_action(agent, false, packageStatus.text);
     }
-    for (const ManifestModule& module : manifest.modules) {
-        if (module.chunked) {
-            return finish_action(
-                agent, false,
-                module.file + " is a chunked image, which this agent cannot download");
+    return {};
+}
+
+// Downloads the images, each with its file in the manifest.
+AgentStatus fetch_images(Agent& agent, Fetching& fetching, const DdiAction& offer,
+                         const Manifest& manifest) {
+    for (const PackageFile& file : package_files(manifest)) {
+        const ManifestModule& module = file.modules.front();
+        AgentStatus status = module.chunked
+                                 ? fetch_chunked(agent, fetching, offer, module)
+                                 : fetch_file(agent, fetching, *find_file(offer, file.name), &file);
+        if (!status.ok()) {
+            return status;
         }
     }
     return {};
@@ -243,19 +353,17 @@ AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer
     if (!status.ok() || agent.action.stage == ACTION_RESULT) {
         return status;
     }
-    const std::vector<PackageFile> files = package_files(manifest);
+    const std::vector<ManifestFile> files = offered_files(manifest);
     if (!is_complete(offer, agent.action.manifestFile, files, wrong) ||
-        !has_room(fetching.folder, files, wrong)) {
+        !has_room(fetching.folder, manifest, wrong)) {
         return finish_action(agent, false, wrong);
     }
-    for (const PackageFile& file : files) {
+    for (const ManifestFile& file : files) {
         fetching.all += file.size;
     }
-    for (const PackageFile& file : files) {
-        status = fetch_file(agent, fetching, *find_file(offer, file.name), &file);
-        if (!status.ok()) {
-            return handle_failure(agent, fetching, status);
-        }
+    status = fetch_images(agent, fetching, offer, manifest);
+    if (!status.ok()) {
+        return handle_failure(agent, fetching, status);
     }
     log_action(agent, "version " + manifest.version + " is downloaded and verified");
     agent.action.stage = ACTION_WAITING;

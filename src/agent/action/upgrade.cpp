@@ -87,12 +87,21 @@ PackageStatus make_request(const Agent& agent, const Manifest& manifest, OtaMess
     return request_files(agent.package.folder.path, modules, request);
 }
 
-bool lacks_files(const Agent& agent) {
+bool lacks_files(const Agent& agent, const Manifest& manifest) {
     OpenFolder folder;
     struct stat status = {};
+    // Of a chunked image the file of its frames is offered, and the image is stored.
+    const auto stored_name = [&manifest](const std::string& offered) {
+        for (const ManifestModule& module : manifest.modules) {
+            if (module.chunked && module.chunked->frames.name == offered) {
+                return module.file;
+            }
+        }
+        return offered;
+    };
     return open_folder(agent.package.folder, folder).ok() &&
            std::ranges::any_of(agent.action.files, [&](const OfferedFile& file) {
-               return !find_entry(folder, file.name, status);
+               return !find_entry(folder, stored_name(file.name), status);
            });
 }
 
@@ -248,7 +257,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         })) {
         return agent_stopped();
     }
-    if (agent.action.attempts == 0 && lacks_files(agent)) {
+    if (agent.action.attempts == 0 && lacks_files(agent, manifest)) {
         log_action(agent, "the package in " + agent.package.folder.path +
                               " is incomplete, downloading again");
         agent.action.stage = ACTION_DOWNLOADING;

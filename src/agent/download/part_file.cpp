@@ -119,8 +119,7 @@ AgentStatus read_back(PartFile& part, int file, uint64_t size) {
     begin_digests(part);
     AgentStatus status;
     const int64_t taken = read_pieces(file, size, [&](std::span<const char> bytes) {
-        status = part.stop ? agent_stopped() : update_digests(part, bytes);
-        part.position += status.ok() ? bytes.size() : 0;
+        status = part.stop ? agent_stopped() : take_stored(part, bytes);
         return status.ok();
     });
     if (status.ok() && taken < static_cast<int64_t>(size)) {
@@ -163,7 +162,7 @@ AgentStatus check_whole_file(PartFile& part) {
     return result;
 }
 
-AgentStatus open_part(PartFile& part) {
+AgentStatus open_unrecorded_part(PartFile& part, uint64_t& size) {
     const std::string path = part_path(part);
     struct stat status = {};
     part.descriptor.reset(open_part_file(part, 0));
@@ -177,17 +176,40 @@ AgentStatus open_part(PartFile& part) {
     if (!is_own_file(part.descriptor.get(), status)) {
         return storage_fault("write", path);
     }
+    size = static_cast<uint64_t>(status.st_size);
+    begin_digests(part);
+    return {};
+}
+
+AgentStatus take_stored(PartFile& part, std::span<const char> bytes) {
+    AgentStatus status = update_digests(part, bytes);
+    part.position += status.ok() ? bytes.size() : 0;
+    return status;
+}
+
+AgentStatus cut_part(PartFile& part) {
+    return ftruncate(part.descriptor.get(), static_cast<off_t>(part.position)) == 0
+               ? AgentStatus{}
+               : storage_fault("truncate", part_path(part));
+}
+
+AgentStatus open_part(PartFile& part) {
+    uint64_t stored = 0;
+    AgentStatus opened = open_unrecorded_part(part, stored);
+    if (!opened.ok()) {
+        return opened;
+    }
     PartRecord& record = part.record;
     if (!load_record(part, record) || record.size != part.file.size ||
         record.sha256 != part.file.sha256) {
         record = {};
     }
-    const uint64_t size = reliable_bytes(record, static_cast<uint64_t>(status.st_size));
+    const uint64_t size = reliable_bytes(record, stored);
     if (size == 0) {
         return empty_part(part);
     }
     if (ftruncate(part.descriptor.get(), static_cast<off_t>(size)) != 0) {
-        return storage_fault("truncate", path);
+        return storage_fault("truncate", part_path(part));
     }
     AgentStatus result = read_back(part, part.descriptor.get(), size);
     return result.result == AGENT_DIFFERENT ? empty_part(part) : result;
@@ -246,11 +268,17 @@ AgentStatus keep_part(PartFile& part) {
     if (part.record.kept == part.position) {
         return {};
     }
-    if (fdatasync(part.descriptor.get()) != 0) {
-        return storage_fault("flush", part_path(part));
+    AgentStatus status = flush_part(part);
+    if (!status.ok()) {
+        return status;
     }
     part.record.kept = part.position;
     return store_record(part);
+}
+
+AgentStatus flush_part(PartFile& part) {
+    return fdatasync(part.descriptor.get()) == 0 ? AgentStatus{}
+                                                 : storage_fault("flush", part_path(part));
 }
 
 AgentStatus check_sums(PartFile& part) {

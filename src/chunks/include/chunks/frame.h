@@ -36,6 +36,9 @@ struct ChunkReader {
 // Returns CHUNKS_OK or CHUNKS_NO_MEMORY.
 ChunkResult make_chunk_reader(ChunkReader& reader);
 
+// Computes the digest of a chunk, as its entry has it. Returns CHUNKS_OK or CHUNKS_NO_MEMORY.
+ChunkResult digest_chunk(ChunkReader& reader, std::span<const char> chunk, ChunkDigest& digest);
+
 // Checks bytes that may be the chunk of an entry, from wherever they come. Returns CHUNKS_OK,
 // CHUNKS_DIGEST, or CHUNKS_NO_MEMORY.
 ChunkResult check_chunk(ChunkReader& reader, const ChunkEntry& entry, std::span<const char> chunk);

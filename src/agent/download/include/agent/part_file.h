@@ -54,6 +54,18 @@ AgentStatus check_whole_file(PartFile& part);
 // stopping.
 AgentStatus open_part(PartFile& part);
 
+// Opens NAME.part as open_part() does, but without a record and without reading its bytes: `size`
+// becomes their number, and `position` is 0. The caller, who can check each of them, adds those
+// that are right to the digests with take_stored() and discards the rest with cut_part().
+AgentStatus open_unrecorded_part(PartFile& part, uint64_t& size);
+
+// Includes bytes that are stored at `position` already in the digests. Returns AGENT_DIFFERENT when
+// they contradict the manifest.
+AgentStatus take_stored(PartFile& part, std::span<const char> bytes);
+
+// Discards the bytes after `position`.
+AgentStatus cut_part(PartFile& part);
+
 // Discards all bytes received so far.
 AgentStatus empty_part(PartFile& part);
 
@@ -66,6 +78,9 @@ AgentStatus append_part(PartFile& part, std::span<const char> bytes);
 
 // Flushes and records all stored bytes after an interruption, so that none is downloaded again.
 AgentStatus keep_part(PartFile& part);
+
+// Flushes all stored bytes.
+AgentStatus flush_part(PartFile& part);
 
 // Compares the digests once all bytes are stored. Returns AGENT_DIFFERENT when they differ.
 AgentStatus check_sums(PartFile& part);

@@ -60,7 +60,8 @@ struct AgentSettings {
     std::string downloadFolder = "/media/mmcblk0p1/ota/";
     std::string requireMount = "auto";  // or "yes", "no"
     std::string stateFolder = "/config/agent/";
-    std::vector<std::string> attributes;  // "name=value"
+    std::vector<std::string> attributes;    // "name=value"
+    std::vector<std::string> deltaSources;  // "partition=path"
 
     std::string confirm = "auto";  // or "ask"
     std::string window;            // "02:00-04:00", local time, or empty: always
@@ -218,6 +219,13 @@ inline constexpr auto SETTING_ROWS = std::to_array<Setting>({
      .help = "Download limit in bytes a second, at least 1024; 0: no limit",
      // A lower rate would look like a stall. libcurl's limit is a signed number.
      .range = {.min = 1024, .zero = true, .unit = "bytes a second"}},
+    {.name = "delta-source",
+     .field = &AgentSettings::deltaSources,
+     .help = "PARTITION=PATH of a file with parts of that partition's images",
+     .details = ", such as the image that the camera was delivered with; any number of times. Of a "
+                "chunked image only those parts are downloaded that neither the partition nor such "
+                "a file has. The content of the file is not trusted",
+     .example = "\"rootfs=/media/factory/rootfs.img\""},
     {.name = "connect-timeout",
      .field = &ServerSettings::connectTimeoutS,
      .help = "Seconds until a connection must be established",

@@ -41,7 +41,7 @@ struct DdiFile {
     std::string name;   // letters, digits, ".", "-", "_"; at most 128; does not end in ".part"
     uint64_t size = 0;  // bytes, at most INT64_MAX
     Sha256 sha256 = {};
-    std::string href;         // the https link if the server gives one, else the http link
+    std::string href = {};    // the https link if the server gives one, else the http link
     std::string module = {};  // name of its software module; empty: missing or too long
 };
 
