@@ -19,4 +19,4 @@ pack files 2.0 /run/pki
 pack older 1.8 /run/pki
 pack foreign 2.0 /run/foreign
 pack large 2.0 /run/pki /run/large
-more=--chunked pack chunked 2.0 /run/pki /run/chunked
+[ ! -d /run/chunked ] || more=--chunked pack chunked 2.0 /run/pki /run/chunked

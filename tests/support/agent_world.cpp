@@ -146,12 +146,12 @@ int World::live(int cutAt, bool powerGoesToo) {
     int status = 0;
     bool restarts = false;
     EXPECT_TRUE(eventually(30000, [&] {
-        count_requests();
+        restarts = serves_ && service_has_ended();
+        count_requests(restarts);
         interfere();
         if (act && server.requests().size() >= actAt) {
             std::exchange(act, nullptr)();
         }
-        restarts = serves_ && service_has_ended();
         return restarts || waitpid(agent_, &status, WNOHANG) != 0;
     })) << "the agent hangs";
     wasCut = !restarts && WIFSIGNALED(status);
@@ -292,9 +292,11 @@ void World::interfere() {
     }
 }
 
-// A queue takes one request, and keeps the time of the last one.
-void World::count_requests() {
-    if (!counted_ && queue_status().msg_stime != 0) {
+// A queue takes one request, and keeps the time of the last one. A service that has ended has removed
+// its queue, and if it had a request, left its pid file.
+void World::count_requests(bool hasEnded) {
+    const bool wasServed = hasEnded && std::filesystem::exists("/tmp/corvo_upgrade.pid");
+    if (!counted_ && (queue_status().msg_stime != 0 || wasServed)) {
         counted_ = true;
         ++posted;
     }

@@ -68,7 +68,7 @@ class World {
     [[nodiscard]] bool service_has_ended() const;
     void stop_service();
     void interfere();
-    void count_requests();
+    void count_requests(bool hasEnded);
 
     Camera camera_;
     std::string mode_;
