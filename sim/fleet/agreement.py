@@ -3,11 +3,11 @@ partitions agree."""
 import hashlib
 import math
 import re
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 from camera import OLD_VERSION, STOPPING, SWITCHED, Camera
 from management import Management
-from package import IMAGES, NEW_VERSION, Package
+from package import IMAGES, NEW_VERSION, NEXT_VERSION, Package
 
 
 @dataclass(frozen=True)
@@ -24,6 +24,7 @@ class End:
 
 
 UPGRADED = End(("in_sync",), "B", NEW_VERSION, "success", "succeeded", True)
+UPGRADED_AGAIN = replace(UPGRADED, slot="A", version=NEXT_VERSION)
 REFUSED = End(("error",), "A", OLD_VERSION, "failure", "none", False)
 # The new system was started, and given up.
 GIVEN_UP = End(("error",), "A", OLD_VERSION, "failure", "succeeded", True,
@@ -52,9 +53,10 @@ HEAD = (f"  {'':<5}  {'':<10}  {'server':<28}  {'camera':<38}  partitions\n"
 
 
 class Judge:
-    def __init__(self, management: Management, package: Package):
-        self.management = management
-        self.images = {name: (hashlib.sha256(package.image(name).read_bytes()).hexdigest(), size)
+    def __init__(self, management: Management, package: Package, rollouts: int = 1):
+        """`rollouts`: the number of rollouts to these cameras so far, with this one. Each writes the other slot."""
+        self.management, self.rollouts = management, rollouts
+        self.images = {name: (hashlib.sha256(package.images[name].read_bytes()).hexdigest(), size)
                        for name, size in IMAGES.items()}
         self.before: dict[str, dict[str, str]] = {}
         self.wrong: list[str] = []
@@ -97,7 +99,7 @@ class Judge:
             checks.append(("the reason at the server", any(end.reason in text for text in messages), messages))
         shown = []
         for name, (image, size) in self.images.items():
-            *kept, written = camera.copies(name)
+            *kept, written = camera.copies(name) if self.rollouts % 2 else reversed(camera.copies(name))
             whole = camera.digest(written)
             same = (camera.digest(written, size) == image) if end.written else (
                 whole == self.before[camera.name][written])
@@ -114,7 +116,7 @@ class Judge:
                 f"{state.get('slot', '-'):<7}  {', '.join(shown)}")
 
     def check_order(self, cameras: list[Camera]) -> None:
-        """Checks at the server that each camera has one action, and that a group was started only after each
+        """Checks at the server that each camera has one action of each rollout, and that a group was started only after each
         action of the groups before had succeeded."""
         ended = 0.0  # when the groups before the present one had succeeded, in the server's milliseconds
         for number in sorted({camera.group for camera in cameras}):
@@ -122,9 +124,9 @@ class Judge:
             ends = [ended]
             for camera in group:
                 actions = self.management.actions(camera.name)
-                if len(actions) != 1:
+                if len(actions) != self.rollouts:
                     self.wrong.append(f"{camera.name}: number of its actions is {len(actions)}")
-                statuses = [status for status in self.management.statuses(camera.name, actions[-1]["id"])
+                statuses = [status for status in self.management.statuses(camera.name, actions[0]["id"])
                             if status["type"] != "scheduled"] if actions else []
                 if any(status["reportedAt"] < ended for status in statuses):
                     self.wrong.append(f"{camera.name}: its group {number} was started too early")

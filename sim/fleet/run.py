@@ -11,15 +11,16 @@ from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 
 import picture
-from agreement import GIVEN_UP, HEAD, REFUSED, UNTOUCHED, UPGRADED, Judge
+from agreement import GIVEN_UP, HEAD, REFUSED, UNTOUCHED, UPGRADED, UPGRADED_AGAIN, Judge
 from board_camera import BoardCamera
 from camera import Camera
 from certificates import Authority
 from cluster import FAULTS, RATE_LIMIT, Cluster, Faults, experience
 from management import Management, Refused
-from package import COMPATIBLE, IMAGES, NEW_VERSION, PARTITIONS, TOO_SMALL, Package
+from package import COMPATIBLE, IMAGES, NEW_VERSION, NEXT_VERSION, PARTITIONS, TOO_SMALL, Package
 from server import Proxy, Server
 from table import Table
+from traffic import MOST_PERCENT, MOST_PERCENT_WITH_CUTS, Traffic
 
 MOST_GROUPS = 4
 MOST_ERRORS = 25  # percent of a group; with --bad or --unhealthy half of the cameras of each group fail
@@ -52,6 +53,8 @@ class Fleet:
         self.plan: dict[str, list[int]] = {}  # in which stages the power of a camera is cut
         self.due: dict[str, float] = {}  # when the power of a camera is cut, or comes back
         self.status = ""
+        self.version, self.rollouts = NEW_VERSION, 0
+        self.traffic: Traffic | None = None
 
     # --- the server ---
 
@@ -82,13 +85,14 @@ class Fleet:
     def start_one_server(self) -> None:
         options = self.options
         self.server = Server(options.jar, self.folder / "server", self.tls,
-                             tls=not options.certificates)
+                             tls=not options.certificates and not options.chunked)
         print("starting the rollout server", flush=True)
         self.server.start()
         self.management = Management(self.server.management_url, self.server.user,
                                      self.server.password, self.ca)
-        if options.certificates:
-            self.proxy = Proxy(options.nginx, self.scripts, [self.server], self.folder / "proxy", self.tls, True)
+        if options.certificates or options.chunked:  # nginx also counts the bytes
+            self.proxy = Proxy(options.nginx, self.scripts, [self.server], self.folder / "proxy", self.tls,
+                               options.certificates)
             self.proxy.start()
 
     def check_server(self) -> None:
@@ -125,10 +129,8 @@ class Fleet:
 
     def make_package(self) -> None:
         self.package = Package(self.folder, self.options.programs, self.scripts)
-        self.files = self.package.make(f"/config/{NEEDED}" if self.options.unhealthy else "")
-        self.judge = Judge(self.management, self.package)
 
-    def make_rollout(self) -> None:
+    def make_cameras_known(self) -> None:
         # An existing server may have other cameras, so the names need a unique prefix.
         self.prefix = f"corvo-{secrets.token_hex(3)}-" if self.options.server else "cam-"
         for number in range(1, self.options.cameras + 1):
@@ -137,10 +139,16 @@ class Fleet:
                                        self.scripts, self.options.programs))
         self.made += [("targets", camera.name) for camera in self.cameras]
         self.management.create_targets({camera.name: camera.token for camera in self.cameras})
-        name = f"{self.prefix}{NEW_VERSION}"
-        module = self.management.create_module(name, NEW_VERSION, self.files)
+
+    def make_rollout(self) -> None:
+        self.rollouts += 1
+        files = self.package.make(self.version, f"/config/{NEEDED}" if self.options.unhealthy else "",
+                                  self.options.chunked, NEW_VERSION if self.rollouts > 1 else "")
+        self.judge = Judge(self.management, self.package, self.rollouts)
+        name = f"{self.prefix}{self.version}"
+        module = self.management.create_module(name, self.version, files)
         self.made.append(("softwaremodules", module))
-        distribution_set = self.management.create_set(name, NEW_VERSION, module)
+        distribution_set = self.management.create_set(name, self.version, module)
         self.made.append(("distributionsets", distribution_set))
         self.groups = min(MOST_GROUPS, len(self.cameras))
         self.rollout = self.management.create_rollout(
@@ -166,7 +174,6 @@ class Fleet:
         for camera in self.cameras:
             camera.doubled = () if self.options.one_copy else tuple(IMAGES)
             camera.make(TOO_SMALL if camera.small else PARTITIONS, self.settings(camera.name))
-            self.judge.remember(camera)
 
     def choose_board(self) -> None:
         """Replaces the first camera that need not fail by the emulated board."""
@@ -199,10 +206,13 @@ class Fleet:
     def watch(self) -> None:
         """Runs the cameras until the rollout has ended or a camera is broken."""
         self.table = Table(self.cameras)
+        if self.proxy:
+            self.traffic = Traffic(self.proxy.requests, sum(IMAGES.values()))
         self.began = time.monotonic()
         end, ask = self.began + self.seconds_allowed(), 0.0
         over: Future | None = None
         for camera in self.cameras:
+            self.judge.remember(camera)
             camera.enter("waits for its turn")
             camera.start()
         self.management.start_rollout(self.rollout)
@@ -232,7 +242,7 @@ class Fleet:
                 self.cut_power(camera)
         if self.faults:
             self.faults.update()
-        self.table.show(f"rollout {NEW_VERSION}: {self.status}"
+        self.table.show(f"rollout {self.version}: {self.status}"
                         + (f", without {self.faults.now}" if self.faults and self.faults.now else ""))
 
     def cut_power(self, camera: Camera) -> None:
@@ -288,7 +298,7 @@ class Fleet:
 
     def end_of(self, camera: Camera):
         if not self.stops():
-            return UPGRADED
+            return UPGRADED if self.rollouts == 1 else UPGRADED_AGAIN
         if camera.group > 1:
             return UNTOUCHED
         return UPGRADED if not self.must_fail(camera) else REFUSED if camera.small else GIVEN_UP
@@ -320,6 +330,11 @@ class Fleet:
         for camera in self.cameras:
             print(self.judge.row(camera, self.end_of(camera)), flush=True)
         self.judge.check_order(self.cameras)
+        if self.options.chunked:
+            if self.rollouts > 1:
+                self.traffic.limit(MOST_PERCENT_WITH_CUTS if self.options.cut else MOST_PERCENT)
+            print("Bytes over the air, with headers:")
+            print("\n".join(self.traffic.lines(self.cameras, self.judge.wrong)))
         if self.cluster:
             print("What the cameras experienced:")
             for begin, end, what in self.faults.happened:
@@ -329,7 +344,7 @@ class Fleet:
     def draw(self) -> None:
         drawing = self.options.work / "rollout.svg"
         drawing.write_text(picture.draw(
-            self.cameras, f"Rollout of {NEW_VERSION} to {len(self.cameras)} cameras: {self.status}",
+            self.cameras, f"Rollout of {self.version} to {len(self.cameras)} cameras: {self.status}",
             self.began, self.ended))
         print(f"The rollout over time: {drawing}")
 
@@ -354,11 +369,15 @@ class Fleet:
             return self.serve()
         self.check_server()
         self.make_package()
+        self.make_cameras_known()
         self.make_rollout()
         self.make_cameras()
-        self.watch()
-        self.compare()
-        self.draw()
+        self.roll_out()
+        if self.options.chunked and not self.judge.wrong:
+            self.version = NEXT_VERSION
+            self.forget_rollout()
+            self.make_rollout()
+            self.roll_out()
         if self.judge.wrong:
             print("These are not as expected:")
             print("\n".join(self.judge.wrong))
@@ -366,6 +385,17 @@ class Fleet:
             return 1
         print("Server, cameras and partitions agree.")
         return 0
+
+    def roll_out(self) -> None:
+        self.watch()
+        self.compare()
+        self.draw()
+
+    def forget_rollout(self) -> None:
+        """Makes the cameras ready for another rollout."""
+        self.plan, self.due = {}, {}
+        for camera in self.cameras:
+            camera.changes, camera.cuts, camera.starts, camera.stage = [], 0, 0, "off"
 
     def serve(self) -> int:
         print(f"server: {self.url}\nuser: {self.server.user}:{self.server.password}\n"
@@ -378,7 +408,8 @@ def main() -> int:
     arguments = argparse.ArgumentParser()
     for name in ("work", "programs", "jar", "nginx", "postgresql", "ca"):
         arguments.add_argument(f"--{name}", type=Path)
-    for name in ("bad", "unhealthy", "board", "cut", "certificates", "one-copy", "serve", "cluster"):
+    for name in ("bad", "unhealthy", "board", "cut", "certificates", "one-copy", "serve", "cluster",
+                 "chunked"):
         arguments.add_argument(f"--{name}", action="store_true")
     arguments.add_argument("--fault", choices=("", *FAULTS), default="")
     for name in ("server", "user"):

@@ -151,7 +151,7 @@ error_log {folder}/nginx.txt;
 user root;
 events {{}}
 http {{
-    log_format requests "$msec $status $upstream_addr|$request_uri";
+    log_format requests "$msec $status $upstream_addr|$request_uri|$request_length $bytes_sent";
     access_log {self.requests} requests;
     ssl_certificate {certificate};
     ssl_certificate_key {key};
