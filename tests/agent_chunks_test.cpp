@@ -113,6 +113,10 @@ struct World {
                                         },
                                     .plan =
                                         [&](uint64_t toFetch, uint64_t copied) {
+                                            if (contains(words, "changing")) {
+                                                write_file("/run/partition",
+                                                           pattern_bytes(image_.size(), 8));
+                                            }
                                             outcome.toFetch = toFetch;
                                             outcome.copied = copied;
                                         },

@@ -220,14 +220,19 @@ AgentStatus request_chunks(Agent& agent, Fetching& fetching, const ChunkedImage&
                            std::vector<ChunkSource>& sources) {
     const std::string& name = image.module.file;
     std::optional<ProgressLine> line;
+    uint64_t logged = 0;
     const ChunkedCalls calls = {
         .request = [&] { return count_request(agent); },
         .plan =
             [&](uint64_t toFetch, uint64_t copied) {
-                log_action(agent, name + ": " + std::to_string(copied) + " of " +
-                                      std::to_string(image.module.size) +
-                                      " bytes are on the camera, " + std::to_string(toFetch) +
-                                      " bytes of " + image.frames.name + " to be downloaded");
+                // It may change a little with each chunk that turns out to be another one.
+                if (!line || toFetch > 2 * logged) {
+                    logged = toFetch;
+                    log_action(agent, name + ": " + std::to_string(copied) + " of " +
+                                          std::to_string(image.module.size) +
+                                          " bytes are on the camera, " + std::to_string(toFetch) +
+                                          " bytes of " + image.frames.name + " to be downloaded");
+                }
                 fetching.all += toFetch;
                 fetching.all -= std::exchange(fetching.expected, toFetch);
                 line.emplace(true, image.frames.name + " downloaded",

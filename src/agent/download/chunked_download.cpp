@@ -18,6 +18,9 @@ namespace {
 // Two ranges are requested as one if the bytes between them cost less than another request. If
 // there are too many ranges, this number of bytes is doubled.
 constexpr uint64_t FIRST_GAP_MAX = 16384;
+// A source that changes more often while it is copied is not used any more. A file system that is
+// mounted writable changes a few chunks.
+constexpr uint32_t DIFFERENCES_MAX = 16;
 
 struct Assembly {
     Http& http;
@@ -149,6 +152,13 @@ AgentStatus copy_chunk(Assembly& assembly) {
         return search_and_plan(assembly);
     }
     assembly.places[assembly.next] = NOT_ON_CAMERA;
+    if (++source.differences > DIFFERENCES_MAX) {
+        for (ChunkPlace& other : assembly.places) {
+            if (other != NOT_ON_CAMERA && &source_of(assembly.sources, other) == &source) {
+                other = NOT_ON_CAMERA;
+            }
+        }
+    }
     plan_ranges(assembly);
     return {};
 }
@@ -273,7 +283,9 @@ AgentStatus request_frames(Assembly& assembly, bool& unfit) {
     if (!assembly.whole) {
         headers.push_back("Range: bytes=" + std::to_string(assembly.nextFrame) + "-" +
                           std::to_string(assembly.nextFrame + fetch.range.bytes - 1));
-        if (!assembly.entityTag.empty()) {
+        // A weak tag is not allowed there (RFC 9110, chapter 13.1.5); servers then send the whole
+        // file. Every frame is verified anyway.
+        if (!assembly.entityTag.empty() && !assembly.entityTag.starts_with("W/")) {
             headers.push_back("If-Range: " + assembly.entityTag);
         }
     }

@@ -25,6 +25,7 @@ struct ChunkSource {
     corvo::UniqueFd file;  // a partition or a file, open for reading
     // Path of the stored index of its content; empty: the source is cut.
     std::string storedIndex = {};
+    uint32_t differences = 0;  // chunks that were found in it, and then had changed
 };
 
 // Where a chunk is: its source and the offset in it, in one number. There is one for each chunk of
