@@ -224,6 +224,19 @@ TEST(AgentChunks, OnlyMissingOnesAreDownloaded) {
     });
 }
 
+// 80 small changes at growing distances: no more ranges are joined than the limit requires.
+TEST(AgentChunks, JoinsUntilTheLimitOfRequests) {
+    const std::string before = pattern_bytes(4000000, 8);
+    std::string image = before;
+    for (size_t i = 0, at = 10000; i < 80; ++i, at += 30000 + 400 * i) {
+        image[at] ^= 1;
+    }
+    World world(image, pack(image), before, "partition stored");
+    EXPECT_EQ("", world.run().status.text);
+    EXPECT_EQ(CHUNK_REQUESTS_MAX, world.requests);
+    EXPECT_TRUE(read_file(FOLDER + "rootfs.img") == image);
+}
+
 // Whatever was edited, no more is fetched than the frames of changed chunks and the gaps between
 // them, in 64 requests at most.
 TEST(AgentChunks, RandomEditsCostWhatTheyChange) {

@@ -16,7 +16,7 @@
 namespace {
 
 // Two ranges are requested as one if the bytes between them cost less than another request. If
-// there are too many ranges, this number of bytes is doubled.
+// there are too many ranges, larger gaps are joined, too.
 constexpr uint64_t FIRST_GAP_MAX = 16384;
 // A source that changes more often while it is copied is not used any more. A file system that is
 // mounted writable changes a few chunks.
@@ -99,15 +99,19 @@ Need sum_ranges(const Assembly& assembly) {
     return need;
 }
 
-// Decides which ranges are joined.
+// Decides which ranges are joined: no more than necessary.
 void plan_ranges(Assembly& assembly) {
     const uint32_t left = CHUNK_REQUESTS_MAX - std::min(assembly.requests, CHUNK_REQUESTS_MAX - 1);
+    // A binary search, because a list of all gaps could be as large as the index.
+    uint64_t tooSmall = FIRST_GAP_MAX - 1;
+    uint64_t enough = std::max(assembly.index.framesSize, FIRST_GAP_MAX);
     assembly.gapMax = FIRST_GAP_MAX;
-    Need need = sum_ranges(assembly);
-    while (need.ranges > left) {
-        assembly.gapMax *= 2;
-        need = sum_ranges(assembly);
+    while (enough - tooSmall > 1) {
+        (sum_ranges(assembly).ranges > left ? tooSmall : enough) = assembly.gapMax;
+        assembly.gapMax = tooSmall + (enough - tooSmall) / 2;
     }
+    assembly.gapMax = enough;
+    const Need need = sum_ranges(assembly);
     uint64_t copied = 0;
     for (uint32_t i = assembly.next; i < assembly.index.count; ++i) {
         copied += assembly.places[i] == NOT_ON_CAMERA ? 0 : entry_of(assembly, i).size;
