@@ -28,7 +28,8 @@ from server import DIES_WITH_PARENT, HOST, Server  # noqa: E402
 MIB = 1 << 20
 COMPATIBLE, VERSION = "camera", "2.0"
 # Processes of the simulation, which are not counted as processes of the camera.
-NOT_COUNTED = ("bash", "sleep", "unshare", "setpriv", "private_root", "camera")
+NOT_COUNTED = ("bash", "sleep", "unshare", "setpriv", "private_root", "camera", "measure",
+               "curl", "swupdate-client")
 LONGEST_ACTION = 300  # seconds
 # swupdate keeps its state in the boot environment, and does not start without one.
 ENVIRONMENT = """
@@ -141,13 +142,15 @@ class Processes:
         if self.space == os.readlink("/proc/self/ns/pid"):
             raise OSError("the private root does not exist yet")
 
-    def each(self) -> list[Path]:
+    def each(self, name: str = "") -> list[Path]:
+        """Returns their folders in /proc; with a name only those of that program."""
         found = []
         for entry in Path("/proc").glob("[0-9]*"):
             try:
-                if os.readlink(entry / "ns/pid") == self.space and (
-                        (entry / "comm").read_text().strip() not in NOT_COUNTED):
-                    found.append(entry)
+                if os.readlink(entry / "ns/pid") == self.space:
+                    program = (entry / "comm").read_text().strip()
+                    if program == name if name else program not in NOT_COUNTED:
+                        found.append(entry)
             except OSError:
                 pass  # the process has ended
         return found

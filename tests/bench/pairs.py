@@ -92,8 +92,9 @@ def spread(values: list[float]) -> float:
     return (high - low) / 2 / statistics.median(values)
 
 
-def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int = 41) -> Rounds:
-    """Runs all things alternately; each is a function that returns its result. Runs at least LEAST_PAIRS
+def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int = 41,
+               least: int = LEAST_PAIRS) -> Rounds:
+    """Runs all things alternately; each is a function that returns its result. Runs at least `least`
     rounds, then continues until the ratio of the first two things in `name` is stable or the time is up."""
     rounds = Rounds()
     ours, baseline = list(things)[:2]
@@ -101,7 +102,7 @@ def run_rounds(things: dict, name: str = "wall", seconds: float = 20, most: int 
     for count in range(1, most + 1):
         for thing, run in things.items():
             rounds.taken.setdefault(thing, []).append(run())
-        if count < LEAST_PAIRS:
+        if count < least:
             continue
         if spread(rounds.ratios(ours, baseline, name)) < STABLE or time.monotonic() > end:
             break

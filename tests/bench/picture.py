@@ -1,4 +1,5 @@
-"""Measures the duration of each stage of an upgrade with the unmodified service, and draws them as SVG."""
+"""Measures the duration of each stage of an upgrade with the unmodified service, and draws them as SVG. Also draws
+what each release transfers."""
 # Name of the stage, text of the line with which it ends, colour of its bar.
 STAGES = (
     ("stop the applications (2 s pause)", "ota kill process end", "#8da0cb"),
@@ -40,4 +41,31 @@ def draw(taken: list[tuple[str, float]], title: str) -> str:
         parts.append(f'<rect x="{left}" y="{y - 2}" width="14" height="14" '
                      f'fill="{colours[name]}"/>')
         parts.append(f'<text x="{left + 24}" y="{y + 10}">{seconds:8.3f} s   {name}</text>')
+    return "\n".join(parts + ["</svg>", ""])
+
+
+def draw_releases(taken: dict[str, list[int]], title: str) -> str:
+    """Draws a bar with the bytes of each release for each way to download it."""
+    bar, gap, left, top, height = 40, 40, 20, 60, 240
+    colours = ("#b3b3b3", "#8da0cb", "#fc8d62")
+    most = max(max(counts) for counts in taken.values())
+    group = len(taken) * bar + gap
+    count = len(next(iter(taken.values())))
+    width, bottom = 2 * left + count * group, top + height
+    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{bottom + 64}" '
+             'font-family="sans-serif" font-size="13">',
+             '<rect width="100%" height="100%" fill="white"/>',
+             f'<text x="{left}" y="26" font-weight="bold">{title}</text>']
+    for number in range(count):
+        parts.append(f'<text x="{left + number * group}" y="{bottom + 20}">release {number + 1}</text>')
+    for place, (name, counts) in enumerate(taken.items()):
+        for number, value in enumerate(counts):
+            x, tall = left + number * group + place * bar, height * value / most
+            parts.append(f'<rect x="{x}" y="{bottom - tall:.1f}" width="{bar - 4}" height="{tall:.1f}" '
+                         f'fill="{colours[place]}"/>')
+            parts.append(f'<text x="{x + bar / 2 - 2:.0f}" y="{bottom - tall - 5:.1f}" text-anchor="middle">'
+                         f'{value / 1e6:.1f}</text>')
+        x = left + place * 170
+        parts.append(f'<rect x="{x}" y="{bottom + 36}" width="14" height="14" fill="{colours[place]}"/>')
+        parts.append(f'<text x="{x + 20}" y="{bottom + 48}">{name}</text>')
     return "\n".join(parts + ["</svg>", ""])

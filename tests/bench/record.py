@@ -1,4 +1,5 @@
-"""Writes the figures of a run into a page: the table between its two marks, and the picture.
+"""Writes the figures of a run into a page: the table between its two marks, and the picture. A page with several
+tables has several pairs of marks; the result names the one of its table.
 
     record.py RESULT.json DOCUMENT.md [PICTURE.svg]
 """
@@ -10,7 +11,7 @@ from pathlib import Path
 import picture
 from pairs import Row, shown_interval, shown_value
 
-BEGIN, END = "<!-- figures of a run: begin -->", "<!-- figures of a run: end -->"
+MARKS = "<!-- figures of {}: {} -->"
 
 
 def machine() -> list[str]:
@@ -48,13 +49,19 @@ def main() -> None:
     result_file, document, *drawing = (Path(name) for name in sys.argv[1:])
     result = json.loads(result_file.read_text())
     for file in drawing:
+        if "releases" in result:
+            file.write_text(picture.draw_releases(result["releases"], "Transferred to a camera for each release, in MB"))
+            continue
         file.write_text(picture.draw(
             result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
             f"{1000 * result['flush']:.2f} ms per synchronous 16 KiB"))
+    begin, end = (MARKS.format(result.get("of", "a run"), mark) for mark in ("begin", "end"))
     text = document.read_text()
-    head, _, rest = text.partition(BEGIN)
-    _, _, tail = rest.partition(END)
-    document.write_text(f"{head}{BEGIN}\n{table(result)}\n{END}{tail}")
+    head, found, rest = text.partition(begin)
+    if not found:
+        sys.exit(f"record: {document} has no {begin}")
+    _, _, tail = rest.partition(end)
+    document.write_text(f"{head}{begin}\n{table(result)}\n{end}{tail}")
 
 
 if __name__ == "__main__":

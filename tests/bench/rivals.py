@@ -34,6 +34,24 @@ def make_signer() -> None:
             "keyUsage=digitalSignature", "-keyout", SIGNER / "key.pem", "-out", SIGNER / "cert.pem")
 
 
+def sign_package(folder: Path, file: Path, handling: str) -> Path:
+    """Creates a package for swupdate in `folder`, which contains `file`. `handling`: what is done with it."""
+    digest = subprocess.run(["sha256sum", file], check=True, capture_output=True, text=True)
+    description = folder / "sw-description"
+    description.write_text(
+        'software = { version = "1.0"; hardware-compatibility: [ "1.0" ]; '
+        f'images: ( {{ filename = "{file.name}"; {handling} sha256 = "{digest.stdout.split()[0]}"; }} ); }}\n')
+    quietly("openssl", "cms", "-sign", "-in", description, "-out", folder / "sw-description.sig", "-signer",
+            SIGNER / "cert.pem", "-inkey", SIGNER / "key.pem", "-outform", "DER", "-nosmimecap", "-binary")
+    package = folder / "camera.swu"
+    with open(package, "wb") as out:
+        # swupdate requires that the description is the first file.
+        subprocess.run(["cpio", "-o", "-L", "-H", "crc"], check=True, cwd=folder, stdout=out,
+                       input=f"sw-description\nsw-description.sig\n{file.name}\n".encode(),
+                       stderr=subprocess.DEVNULL)
+    return package
+
+
 class Swupdate:
     needs = ("swupdate", "openssl", "cpio")
 
@@ -41,22 +59,8 @@ class Swupdate:
         make_signer()
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir()
-        digest = subprocess.run(["sha256sum", image], check=True, capture_output=True, text=True)
-        description = folder / "sw-description"
-        description.write_text(
-            'software = { version = "1.0"; hardware-compatibility: [ "1.0" ]; '
-            'images: ( { filename = "kernel.bin"; '
-            f'device = "{device}"; type = "raw"; sha256 = "{digest.stdout.split()[0]}"; }} ); }}\n')
         (folder / "kernel.bin").symlink_to(image)
-        quietly("openssl", "cms", "-sign", "-in", description, "-out",
-                folder / "sw-description.sig", "-signer", SIGNER / "cert.pem", "-inkey",
-                SIGNER / "key.pem", "-outform", "DER", "-nosmimecap", "-binary")
-        self.package = folder / "camera.swu"
-        with open(self.package, "wb") as out:
-            # swupdate requires that the description is the first file.
-            subprocess.run(["cpio", "-o", "-L", "-H", "crc"], check=True, cwd=folder, stdout=out,
-                           input=b"sw-description\nsw-description.sig\nkernel.bin\n",
-                           stderr=subprocess.DEVNULL)
+        self.package = sign_package(folder, folder / "kernel.bin", f'device = "{device}"; type = "raw";')
 
     def run(self, programs: Programs) -> dict[str, float]:
         return measured(programs, ["swupdate", "-l", "1", "-M", "-m", "-H", "camera:1.0", "-k",
