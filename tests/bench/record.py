@@ -50,7 +50,7 @@ def main() -> None:
     result = json.loads(result_file.read_text())
     for file in drawing:
         if "releases" in result:
-            file.write_text(picture.draw_releases(result["releases"], "Transferred to a camera for each release, in MB"))
+            file.write_text(picture.draw_releases(result["releases"], "Transferred to a camera by each release, MB"))
             continue
         file.write_text(picture.draw(
             result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
