@@ -292,8 +292,8 @@ void World::interfere() {
     }
 }
 
-// A queue takes one request, and keeps the time of the last one. A service that has ended has removed
-// its queue, and if it had a request, left its pid file.
+// A queue takes one request, and keeps the time of the last one. A service that has ended has
+// removed its queue, and if it had a request, left its pid file.
 void World::count_requests(bool hasEnded) {
     const bool wasServed = hasEnded && std::filesystem::exists("/tmp/corvo_upgrade.pid");
     if (!counted_ && (queue_status().msg_stime != 0 || wasServed)) {
