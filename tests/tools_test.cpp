@@ -20,6 +20,7 @@ struct SystemCallDaemon : testing::Test {
             signal(SIGCHLD, SIG_IGN);
             umask(0);
             dup2(STDIN_FILENO, 77);
+            close(STDOUT_FILENO);
             execl(SYSTEM_CALL_DAEMON, "system_call_daemon", "--system-limit", limitMs,
                   "--popen-limit", popenLimitMs, nullptr);
             _exit(127);
@@ -50,6 +51,7 @@ TEST_F(SystemCallDaemon, RepliesWithExitStatusAndOutputAndCommandsInheritNothing
     EXPECT_EQ(0, kill(pid_, SIGPIPE));
     EXPECT_EQ(0, system_call("true", 0));
     EXPECT_EQ(7, system_call("exit 7", 0));
+    EXPECT_EQ(0, system_call("echo printed", 0));
     EXPECT_EQ(128 + SIGTERM, system_call("kill -15 $$", 0));
     EXPECT_EQ(std::string(1024, 'x'), output_of("head -c 300000 /dev/zero | tr '\\0' x"));
     EXPECT_EQ(std::string(1018, 'y') + "\n", output_of("echo " + std::string(1018, 'y')));

@@ -16,6 +16,7 @@
 
 #include "base/ignore_result.h"
 #include "base/monotonic_clock.h"
+#include "base/standard_descriptors.h"
 #include "cli/error_line.h"
 #include "command_runner/command_runner.h"
 
@@ -39,7 +40,12 @@ constexpr char READ_COMMAND[] =
     "all=$(fw_printenv 2> /dev/null) || exit; printf '%s\\n' \"$all\" | "
     "grep -E '^(bootsystem|upgrade_available|bootcount|rolled_back|boot_loader_saved)='; :";
 
-const int g_stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+// Opened before main(), so it could become a standard descriptor, as the event in
+// command_runner.cpp.
+const int g_stop = [] {
+    corvo::occupy_standard_descriptors();
+    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}();
 
 Camera& camera_of(void* context) {
     return *static_cast<Camera*>(context);

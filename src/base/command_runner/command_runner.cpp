@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "base/monotonic_clock.h"
+#include "base/standard_descriptors.h"
 #include "base/unique_fd.h"
 
 namespace {
@@ -28,8 +29,13 @@ constexpr int KILL_GRACE_MS = 2000;  // for a process that is stuck in the kerne
 constexpr int EXIT_CANNOT_RUN = 127;
 constexpr int EXIT_SIGNAL_BASE = 128;
 
-// Readable from the call of stop_commands() on; never reset.
-const int g_stop_event = eventfd(0, EFD_CLOEXEC);
+// Readable from the call of stop_commands() on; never reset. It is opened before main(), so closed
+// standard descriptors must be occupied here. Otherwise it could become the standard output, which
+// commands would then find closed, and what this process prints could set it.
+const int g_stop_event = [] {
+    corvo::occupy_standard_descriptors();
+    return eventfd(0, EFD_CLOEXEC);
+}();
 std::atomic<int> g_stop_grace_ms{0};
 
 // One command, shared by the calling thread and the thread that waits for the command to end.
