@@ -327,7 +327,7 @@ TEST(Action, SurvivesAPowerCutAtEveryStepOfTheAgent) {
 
 // Each chunk is a step, so only some are tried.
 TEST(Action, SurvivesAPowerCutWhileChunksAreDownloaded) {
-    constexpr int STEP = 7;
+    constexpr int STEP = 11;
     sweep([](World& world, int place) { return cut_agent(world, place, true); }, "older", "chunked",
           STEP);
 }
