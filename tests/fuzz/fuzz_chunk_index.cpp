@@ -1,6 +1,6 @@
-// Fuzzes the index of a chunked image. It must be refused with an error of its own, or its entries
-// must be within the limits, add up, and be written again as the same bytes. The sizes of image and
-// frames are those of its head, as a maker would sign them.
+// Fuzzes the index of a chunked image. It must be refused with an error of the index, or its
+// entries must be within the limits, add up, and be written again as the same bytes. The sizes of
+// image and frames are those of its head, as a maker would sign them.
 #include <string>
 
 #include "chunks/index.h"

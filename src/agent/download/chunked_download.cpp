@@ -65,7 +65,7 @@ struct FrameRange {
 };
 
 // Returns the first range from chunk `from` on whose chunks the camera does not have, with those
-// between them that `gapMax` allows; `first` is the number of chunks if there is none.
+// between them that `gapMax` allows; `first` is the number of chunks if the camera has all of them.
 FrameRange find_range(const Assembly& assembly, uint32_t from) {
     const uint32_t count = assembly.index.count;
     FrameRange range = {.first = from};

@@ -27,7 +27,7 @@
 #include "chunks/cutter.h"
 #include "chunks/result.h"
 
-// 16 bytes identify a chunk, also among those that somebody else put into an image. 12 bytes
+// 16 bytes identify a chunk, also among those that an attacker put into an image. 12 bytes
 // protect the decompressor: to find a frame that has the digest of any of 65,536 frames takes 2^80
 // attempts.
 constexpr size_t CHUNK_DIGEST_SIZE = 16;
