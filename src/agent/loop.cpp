@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "agent/procedure.h"
-#include "agent/status.h"
+#include "agent/publish.h"
 #include "agent/stored_file.h"
 #include "base/ignore_result.h"
 #include "cli/error_line.h"

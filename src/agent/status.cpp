@@ -13,18 +13,13 @@
 #include "agent/attributes.h"
 #include "agent/check_settings.h"
 #include "agent/json_text.h"
-#include "base/replace_file.h"
+#include "agent/publish.h"
 #include "cli/error_line.h"
 #include "package/files.h"
 #include "package/signature.h"
 
 namespace {
 
-constexpr char RUN_FOLDER[] = "/run/corvo-agent/";
-constexpr char RUN_FILE[] = "/run/corvo-agent/status.json";
-constexpr char RUN_FILE_NEW[] = "/run/corvo-agent/status.json.new";
-constexpr mode_t RUN_FOLDER_MODE = 0755;
-constexpr mode_t RUN_FILE_MODE = 0644;       // all users may read it; only its owner may write it
 constexpr size_t RUN_FILE_SIZE_MAX = 65536;  // bytes
 
 std::string text_of(const Json& json, const char* name) {
@@ -55,6 +50,20 @@ Json action_json(const ActionRecord& action) {
             {"stage", stage_name(action.stage)},
             {"attempts", action.attempts},
             {"words", action.message}};
+}
+
+// What the agent has published about the download of this action.
+Json download_json(const ActionRecord& action, const Json& published) {
+    if (action.stage != ACTION_DOWNLOADING || text_of(published, "id") != action.id) {
+        return nullptr;
+    }
+    return {{"done", number_of(published, "done")}, {"of", number_of(published, "of")}};
+}
+
+std::string bytes_text(const Json& download) {
+    return download.is_null() ? ""
+                              : ", " + std::to_string(number_of(download, "done")) + " of " +
+                                    std::to_string(number_of(download, "of")) + " bytes";
 }
 
 Json history_json(const std::vector<HistoryEntry>& history) {
@@ -91,6 +100,7 @@ void print_text(const AgentSettings& settings, const Json& status) {
                action.is_null()
                    ? "nothing"
                    : "action " + text_of(action, "id") + ", " + text_of(action, "stage") +
+                         bytes_text(status["download"]) +
                          (number_of(action, "attempts") > 1 ? ", not the first request" : ""));
     const std::string downloaded = text_of(status, "downloaded");
     if (!downloaded.empty()) {
@@ -122,25 +132,6 @@ void print_text(const AgentSettings& settings, const Json& status) {
 
 }  // namespace
 
-void publish_status(const Agent& agent, const AgentStatus& lastPoll) {
-    const Json json = {{"pid", getpid()},
-                       {"poll",
-                        {{"time", time(nullptr)},
-                         {"result", static_cast<int32_t>(lastPoll.result)},
-                         {"trouble", lastPoll.text}}},
-                       {"waits",
-                        {{"id", agent.waiting.id},
-                         {"for", agent.waiting.reason},
-                         {"offer", agent.waiting.offer}}}};
-    (void)mkdir(RUN_FOLDER, RUN_FOLDER_MODE);
-    // The folder belongs to the agent's user, and this process may be root. The file is created
-    // anew, so that no link in the folder is followed.
-    (void)unlink(RUN_FILE_NEW);
-    if (corvo::create_flushed_file(AT_FDCWD, RUN_FILE_NEW, RUN_FILE_MODE, text_of_json(json, 1))) {
-        (void)rename(RUN_FILE_NEW, RUN_FILE);
-    }
-}
-
 AgentStatus print_status(const AgentSettings& settings, bool json) {
     ActionRecord action;
     AgentStatus loaded = load_action(settings.stateFolder, action);
@@ -157,6 +148,7 @@ AgentStatus print_status(const AgentSettings& settings, bool json) {
                      {"result", number_of(poll, "result")},
                      {"trouble", text_of(poll, "trouble")}}}};
     status["action"] = action_json(action);
+    status["download"] = download_json(action, file.value("download", Json()));
     // The server asked only for the download; the files are kept for a later action.
     status["downloaded"] = action.downloadOnly ? Json(action.id) : Json(nullptr);
     std::vector<HistoryEntry> history;

@@ -2,14 +2,8 @@
 #ifndef AGENT_STATUS_H
 #define AGENT_STATUS_H
 
-#include "agent/agent.h"
 #include "agent/agent_result.h"
 #include "agent/settings.h"
-
-// Writes the last poll and what the update waits for to "/run/corvo-agent/status.json", which is in
-// memory, so that polls do not wear the flash. If the agent's user may not create the folder, the
-// start script must do it. Without the folder `status` does not show these values.
-void publish_status(const Agent& agent, const AgentStatus& lastPoll);
 
 // Prints the pending action, the last poll, the last result and the running system. Returns
 // AGENT_OK, AGENT_STORAGE when a record cannot be read, or AGENT_MALFORMED when an agent has not

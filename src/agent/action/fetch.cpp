@@ -11,6 +11,7 @@
 #include "agent/camera_state.h"
 #include "agent/chunked_download.h"
 #include "agent/download.h"
+#include "agent/publish.h"
 #include "base/monotonic_clock.h"
 #include "cli/progress_line.h"
 #include "offer.h"
@@ -145,6 +146,9 @@ bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64
     const auto step = static_cast<uint32_t>(done * PROGRESS_STEPS / fetching.all);
     if (step > fetching.step) {
         fetching.step = step;
+        agent.polling.bytesFetched = done;
+        agent.polling.bytesToFetch = fetching.all;
+        publish_status(agent, {});
         const std::string text =
             "downloading " + file.name + ", " + std::to_string(done * 100 / fetching.all) + " %";
         if (isatty(STDOUT_FILENO) != 1) {

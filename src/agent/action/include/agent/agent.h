@@ -62,6 +62,8 @@ struct Polling {
     uint32_t sleepS = 0;                     // the server's polling interval; 0: unknown
     std::vector<std::string> answered = {};  // what was answered in this poll, to answer it once
     bool progressed = false;                 // new bytes of a file were downloaded in this poll
+    uint64_t bytesFetched = 0;  // of the last download, in bytes, when its progress was last sent
+    uint64_t bytesToFetch = 0;  // by that download; 0: there was none
     DdiVersion installed = {};  // to be reported as installed; without a name: nothing is
     bool attributesDue = true;  // they are sent after a start and after each result, but not after
                                 // each sleep
