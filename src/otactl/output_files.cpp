@@ -6,6 +6,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "base/replace_file.h"
@@ -46,6 +48,13 @@ std::string OutputFiles::part_of(const std::string& path) {
 }
 
 int OutputFiles::create(const std::string& path, corvo::UniqueFd& file) {
+    const auto plain = [](const std::string& of) {
+        return std::filesystem::path(of).lexically_normal();
+    };
+    if (std::ranges::find(paths_, plain(path), plain) != paths_.end()) {
+        print_error(OTACTL, path + " would be written twice");
+        return OTACTL_FAILED;
+    }
     const std::string part = part_of(path);
     (void)unlink(part.c_str());
     file.reset(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, MODE));

@@ -23,7 +23,7 @@ class OutputFiles {
     // Returns the path of the part file of `path`.
     static std::string part_of(const std::string& path);
     // Creates an empty part file of `path`. Removes the part file that an earlier run may have
-    // left.
+    // left. Fails if the same file is already one of those to be written.
     int create(const std::string& path, corvo::UniqueFd& file);
     // Flushes the part file of `path`, which is open as `file`.
     static int flush(const std::string& path, const corvo::UniqueFd& file);
