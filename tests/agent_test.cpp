@@ -3,8 +3,8 @@
 #include "agent/action.h"
 #include "agent/camera_state.h"
 #include "agent/check_settings.h"
+#include "agent/delay.h"
 #include "agent/judge.h"
-#include "agent/loop.h"
 #include "base/open_without_links.h"
 #include "session.h"
 
@@ -119,6 +119,11 @@ TEST(Times, AreThoseOfTheSettingsAndTheServer) {
                                                                        : "outside");
         }
         uint32_t sleepS = 0, failures = 0, retryAfterS = 0, random = 0;
+        if (what == "first") {
+            uint64_t uptimeS = 0;
+            row >> sleepS >> uptimeS >> random;
+            return std::to_string(first_delay_ms(sleepS, uptimeS, random));
+        }
         row >> sleepS >> failures >> retryAfterS >> random;
         return std::to_string(delay_ms(sleepS, failures, retryAfterS, random));
     });

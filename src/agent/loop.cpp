@@ -7,10 +7,12 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <utility>
 
+#include "agent/camera_state.h"
+#include "agent/delay.h"
 #include "agent/procedure.h"
 #include "agent/publish.h"
 #include "agent/stored_file.h"
@@ -21,12 +23,12 @@ namespace {
 
 constexpr char LOCK_FILE[] = "lock";
 constexpr mode_t LOCK_MODE = 0600;
-constexpr uint32_t SLEEP_UNKNOWN_S = 300;
-constexpr uint32_t FIRST_RETRY_S = 5;
-constexpr uint32_t LONGEST_RETRY_S = 3600;
-constexpr uint32_t DOUBLINGS_MAX = 10;
-constexpr uint32_t MS_PER_S = 1000;
+// The server's polling interval in seconds, which is needed before the server is reached.
+constexpr char INTERVAL_FILE[] = "polling_interval";
+constexpr size_t INTERVAL_SIZE_MAX = 16;  // bytes
+constexpr uint32_t INTERVAL_MAX_S = 86400;
 
+constexpr uint32_t MS_PER_S = 1000;
 // For a shorter sleep, starting the program again is not worth the saved memory.
 constexpr uint32_t SLEEP_OUTSIDE_FROM_MS = 30000;
 
@@ -118,6 +120,41 @@ void reload_token(Agent& agent) {
     }
 }
 
+// Returns the stored polling interval; 0 when none was stored, or the file cannot be used.
+uint32_t load_interval(const std::string& folder) {
+    std::string text;
+    uint32_t seconds = 0;
+    const bool read = load_file(folder + INTERVAL_FILE, INTERVAL_SIZE_MAX, text).ok();
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    return read && parsed.ec == std::errc() && seconds <= INTERVAL_MAX_S ? seconds : 0;
+}
+
+// Stores the polling interval if the stored one is no good estimate of it. A server may vary the
+// interval with each answer, which must not wear out the flash.
+void store_interval(const std::string& folder, uint32_t seconds, uint32_t& stored) {
+    if (seconds == 0 || (seconds >= stored / 2 && seconds / 2 <= stored)) {
+        return;
+    }
+    // A failure is ignored, because the interval is only an estimate. It is stored at most once.
+    stored = seconds;
+    (void)store_file(folder + INTERVAL_FILE, std::to_string(seconds) + '\n');
+}
+
+// After a power failure all cameras of a fleet may start in the same second, so that the first poll
+// is delayed, unless the server may wait for a result.
+void wait_for_first_poll(Agent& agent) {
+    const uint32_t delay =
+        first_delay_ms(agent.polling.sleepS, seconds_since_start(), random_number());
+    if (delay == 0 || !agent_may_wait(agent)) {
+        return;
+    }
+    log_action("", "the camera has just started: the first poll follows in " +
+                       std::to_string(delay / MS_PER_S) + " s");
+    if (sleep_inside(delay) && !agent.stop) {
+        reload_token(agent);
+    }
+}
+
 // Whether the process keeps no state in memory that a sleep outside of the program would lose, such
 // as verified files or the number of failures.
 bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
@@ -129,19 +166,6 @@ bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
 
 }  // namespace
 
-uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random) {
-    const uint32_t interval = sleepS == 0 ? SLEEP_UNKNOWN_S : sleepS;
-    if (failures == 0) {
-        // A random time from 90 % to 110 % of the interval.
-        return interval * 900 + random % (interval * 200 + 1);
-    }
-    const uint32_t longest = std::max(LONGEST_RETRY_S, interval);
-    const uint32_t grown = FIRST_RETRY_S << std::min(failures - 1, DOUBLINGS_MAX);
-    const uint32_t chosen = std::min(grown, longest);
-    const uint32_t delay = chosen * 500 + random % (chosen * 1000 + 1);
-    return std::max(delay, retryAfterS * MS_PER_S);
-}
-
 int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& process) {
     std::atomic<bool>& stop = catch_signals();
     Agent agent(settings, std::move(keyring), stop);
@@ -150,6 +174,11 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     if (started != AGENT_EXIT_OK) {
         return started;
     }
+    uint32_t interval = load_interval(settings.stateFolder);
+    agent.polling.sleepS = interval;
+    if (!process.slept) {
+        wait_for_first_poll(agent);
+    }
     std::string reported;
     uint32_t failures = 0;
     while (!stop) {
@@ -157,6 +186,7 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         const AgentStatus status = agent_poll(agent);
         report_error(status, reported);
         publish_status(agent, status);
+        store_interval(settings.stateFolder, agent.polling.sleepS, interval);
         // A download that makes progress starts the back-off again, so that it ends even on a
         // connection that often fails.
         failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;

@@ -25,10 +25,4 @@ int run_once(const AgentSettings& settings, Keyring keyring);
 // Sends the camera's attributes to the server. Returns the exit status.
 int report(const AgentSettings& settings, Keyring keyring);
 
-// Returns the milliseconds until the next poll. `failures` is the number of failed polls in a row
-// without progress of a download; with it the time grows, up to an hour or to the polling interval
-// if that is longer. It is at least `retryAfterS` then. `random` is a random number that spreads
-// the polls of many cameras.
-uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random);
-
 #endif  // AGENT_LOOP_H

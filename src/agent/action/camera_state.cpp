@@ -29,6 +29,7 @@ constexpr int FITNESS_LIMIT_MS = 60000;
 constexpr size_t RECORD_SIZE_MAX = 64;  // bytes
 constexpr size_t SMALL_TEXT_MAX = 128;  // bytes
 constexpr char BOOT_ID_PATH[] = "/proc/sys/kernel/random/boot_id";
+constexpr char UPTIME_PATH[] = "/proc/uptime";
 constexpr char SERVICE_PID_PATH[] = "/tmp/corvo_upgrade.pid";
 constexpr size_t PROCESS_STATUS_MAX = 16384;  // bytes
 constexpr char SERVICE_NAME[] = "corvo_upgrade";
@@ -134,6 +135,11 @@ std::string outcome_record() {
 
 std::string kernel_boot_id() {
     return first_line(BOOT_ID_PATH);
+}
+
+uint64_t seconds_since_start() {
+    const std::string line = first_line(UPTIME_PATH);
+    return line.empty() ? UINT64_MAX : strtoull(line.c_str(), nullptr, 10);
 }
 
 QueueUse queue_use(int64_t processId) {

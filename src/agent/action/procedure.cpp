@@ -410,6 +410,12 @@ AgentStatus agent_start(Agent& agent) {
     return {};
 }
 
+bool agent_may_wait(Agent& agent) {
+    note_trial(agent);
+    const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
+    return !pending && !agent.camera.isOnTrial && agent.polling.installed.name.empty();
+}
+
 AgentStatus agent_poll(Agent& agent) {
     agent.waiting.reason.clear();
     agent.waiting.id.clear();

@@ -21,6 +21,9 @@ std::string outcome_record();
 // when it cannot be read.
 std::string kernel_boot_id();
 
+// Returns the time since the kernel was started; UINT64_MAX when it cannot be read.
+uint64_t seconds_since_start();
+
 // Which process used the service's request queue last (msgctl(2), IPC_STAT).
 enum class QueueUse {
     NO_QUEUE,  // the service does not run, or its upgrade has ended

@@ -10,6 +10,11 @@
 // AGENT_STORAGE when the state folder cannot be used or the kernel's boot id cannot be read.
 AgentStatus agent_start(Agent& agent);
 
+// Whether the first poll may be delayed, after agent_start(): no action is pending, no new system is
+// on trial, and no fallback is to be reported. Blocks as reading the boot environment does, for at
+// most 10 s.
+bool agent_may_wait(Agent& agent);
+
 // Polls once and continues the current action. Blocks as long as that takes: for a download, and
 // after a request for the upgrade, which ends with a restart of the camera. Returns AGENT_OK when
 // all requests to the server succeeded; AGENT_UNREACHABLE, AGENT_REFUSED or AGENT_MALFORMED when

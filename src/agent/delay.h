@@ -1,0 +1,20 @@
+// The time until the next poll of the update server. Needs neither the server nor the camera.
+#ifndef AGENT_DELAY_H
+#define AGENT_DELAY_H
+
+#include <stdint.h>
+
+// Returns the milliseconds until the next poll. `sleepS` is the server's polling interval, 0 when
+// it is unknown. `failures` is the number of failed polls in a row without progress of a download;
+// with it the time grows up to the polling interval, which is the load that the server is planned
+// for. It is at least `retryAfterS` then. `random` is a random number that spreads the polls of
+// many cameras.
+uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random);
+
+// Returns the milliseconds until the first poll of an agent that has nothing to report. If the
+// camera was started less than ten minutes ago, this is a random part of the polling interval,
+// because the power may have returned to the whole fleet. Otherwise, or when the interval is
+// unknown, it is 0. `uptimeS` is the time since the camera was started.
+uint32_t first_delay_ms(uint32_t sleepS, uint64_t uptimeS, uint32_t random);
+
+#endif  // AGENT_DELAY_H
