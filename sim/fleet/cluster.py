@@ -1,4 +1,4 @@
-"""Two instances of the rollout server with one PostgreSQL and one folder of packages, nginx in front of them, and
+"""Instances of the rollout server with one PostgreSQL and one folder of packages, nginx in front of them, and
 the faults that they have during a rollout."""
 import http.client
 import random
@@ -83,7 +83,7 @@ class PatientManagement(Management):
 
 
 class Cluster:
-    def __init__(self, options, folder: Path, scripts: Path, authority: Authority):
+    def __init__(self, options, folder: Path, scripts: Path, authority: Authority, instances: int = INSTANCES):
         # Like a network share: without it, the instances find an empty folder and can write to it.
         self.artifacts, self.share, self.mount_point = (
             folder / name for name in ("artifacts", "share", "mount-point"))
@@ -94,7 +94,7 @@ class Cluster:
         password = secrets.token_hex(16)
         self.instances = [Server(options.jar, folder / f"instance-{number}", authority, tls=False,
                                  files=self.artifacts, password=password)
-                          for number in range(1, INSTANCES + 1)]
+                          for number in range(1, instances + 1)]
         for server in self.instances:
             server.command[1:1] = SHORT_START
             self.database.connect(server)

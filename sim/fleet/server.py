@@ -149,7 +149,7 @@ daemon off;
 pid /run/nginx.pid;
 error_log {folder}/nginx.txt;
 user root;
-events {{}}
+events {{ worker_connections 4096; }}
 http {{
     log_format requests "$msec $status $upstream_addr|$request_uri|$request_length $bytes_sent";
     access_log {self.requests} requests;

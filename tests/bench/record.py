@@ -29,6 +29,8 @@ def table(result: dict) -> str:
         lines.append("one synchronous 16 KiB write to the disk: "
                      f"{1000 * result['flush']:.2f} ms")
     lines = [f"- {line}" for line in lines] + [""]
+    if "lines" in result:
+        return "\n".join(lines + result["lines"])
     lines += ["| Figure | Ours | Baseline | Ratio | 95 % interval | Goal | ok |",
               "|---|---|---|---|---|---|---|"]
     for taken in result["rows"]:
@@ -51,6 +53,9 @@ def main() -> None:
     for file in drawing:
         if "releases" in result:
             file.write_text(picture.draw_releases(result["releases"], "Transferred to a camera by each release, MB"))
+            continue
+        if "power" in result:
+            file.write_text(picture.draw_power(result["power"]))
             continue
         file.write_text(picture.draw(
             result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
