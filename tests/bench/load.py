@@ -28,12 +28,13 @@ from management import Refused  # noqa: E402
 SEED = 1
 # Seconds, and the groups of a rollout. With this interval, 10,000 cameras use half of what one instance can answer on
 # the project's machine.
-FULL = {"interval": 60, "upgrade": 10, "downs": (300, 0), "groups": 10, "warm": 15, "saturated": 20}
-QUICK = {"interval": 2, "upgrade": 1, "downs": (6,), "groups": 3, "warm": 3, "saturated": 3}
+FULL = {"interval": 60, "upgrade": 10, "downs": (300, 0), "spreads": (True, False), "groups": 10, "warm": 15,
+        "saturated": 20}
+QUICK = {"interval": 2, "upgrade": 1, "downs": (6,), "spreads": (True,), "groups": 3, "warm": 3, "saturated": 3}
 PLAN = ((1000, 1, "rollout"), (10000, 1, "rollout+power"), (1000, 2, "rollout"), (10000, 2, "rollout"))
 QUICK_PLAN = ((50, 1, "rollout+power"),)
 BATCH = 250  # targets that are created with one request
-FILES = {"kernel.bin": 65536, "package.manifest": 1200, "package.manifest.sig": 2400}  # bytes; their content is not read
+FILES = {"kernel.bin": 65536, "package.manifest": 1200, "package.manifest.sig": 2400}  # bytes; nobody reads them
 CAPACITY_CAMERAS, CAPACITY_WORKERS = 200, 32
 MOST_SECONDS = 3600  # of one run of the generator
 MOST_ERRORS = 50  # percent of a group; no camera may fail
@@ -176,7 +177,7 @@ class Site:
         offered = min(10 ** digits - 1, self.cameras)
         rollout = self.make_rollout(f"load-{'0' * (6 - digits)}*", 1)
         lines = self.folder / "seconds"
-        generator = self.launch(interval + down + 4 * interval, 0, "--start-within", interval, "--upgrade-seconds",
+        generator = self.launch(interval + down + 3 * interval, 0, "--start-within", interval, "--upgrade-seconds",
                                 interval // 2, "--power-at", interval, "--seconds-file", lines, *more)
         began = time.monotonic()
         self.management.start_rollout(rollout)
@@ -280,8 +281,9 @@ def measure(options: argparse.Namespace, site: Site, results: Results, kinds: st
         results.add("rollouts", site.roll_out())
         results.store()
         print("\n".join(rollout_lines(results.taken)[2:]), flush=True)
-    for down in options.downs if "power" in kinds else ():
-        for spread in (True,) if options.quick else (True, False):
+    # The second pass, without what limits the load after a failure, is for comparison.
+    for spread in options.spreads if "power" in kinds else ():
+        for down in options.downs:
             run = site.fail_power(down, *([] if spread else ["--unspread"]))
             results.add("power", {**run, "spread": spread, "capacity": round(capacity)})
             results.store()
@@ -312,6 +314,10 @@ def main() -> int:
     plan = QUICK_PLAN if options.quick else PLAN
     if options.only:
         plan = [(int(options.only[0]), int(options.only[1]), options.only[2])]
+    refused = subprocess.run([options.build / "tests/bench/load_generator", "--server", "https://192.0.2.1"],
+                             capture_output=True, text=True)
+    if refused.returncode != 64 or refused.stderr.count("\n") != 1:
+        raise OSError(f"load_generator does not refuse another host: {refused.stderr}")
     results = Results(options.work / ("load-quick.json" if options.quick else "load.json"), bool(options.only))
     print("\n".join(record.machine()), flush=True)
     for cameras, instances, kinds in plan:

@@ -82,7 +82,6 @@ struct Load {
     uint32_t powerFailures = 0;
     bool hasLeader =
         false;  // one idle worker waits for the next wake-up, the others for that worker
-    bool over = false;
 
     [[nodiscard]] int64_t now_ms() const { return corvo::monotonic_ms() - beganMs; }
     Second& second_of(int64_t ms) {
@@ -358,7 +357,7 @@ bool is_over(const Load& load) {
 
 void work(Load& load) {
     std::unique_lock lock(load.mutex);
-    while (!(load.over = load.over || is_over(load))) {
+    while (!is_over(load)) {
         const int64_t now = load.now_ms();
         if (load.powerFailures == 0 && load.options.powerAtS != 0 &&
             now >= load.options.powerAtS * MS_PER_S) {
@@ -406,10 +405,14 @@ void run_cameras(Load& load) {
         workers.emplace_back(work, std::ref(load));
     }
     // Requests that take longer than the time that is left are ended, and not counted.
-    while (!load.over && !is_over(load)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    bool over = false;
+    while (!over) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(LOOK_MS));
+        const std::lock_guard lock(load.mutex);
+        over = is_over(load);
     }
     load.stop = load.now_ms() >= options.seconds * MS_PER_S;
+    load.changed.notify_all();
     for (std::thread& worker : workers) {
         worker.join();
     }
