@@ -29,7 +29,6 @@ def agent_number(name: str) -> int:
 
 
 FIRST_RETRY_S = agent_number("FIRST_RETRY_S")
-LONGEST_RETRY_S = agent_number("LONGEST_RETRY_S")
 DOUBLINGS_MAX = agent_number("DOUBLINGS_MAX")
 DOWNLOAD_POLL_S = agent_number("POLL_INTERVAL_MS") / 1000
 STALL_S = 60  # the agent's setting stall-timeout: a request without an answer has failed
@@ -47,8 +46,7 @@ def delay_s(interval: float, failures: int, random: Random) -> float:
     """Returns the time until the agent's next poll, as the agent's delay_ms() does."""
     if failures == 0:
         return interval * (0.9 + 0.2 * random.random())
-    longest = max(LONGEST_RETRY_S, interval)
-    chosen = min(FIRST_RETRY_S << min(failures - 1, DOUBLINGS_MAX), longest)
+    chosen = min(FIRST_RETRY_S << min(failures - 1, DOUBLINGS_MAX), interval)
     return chosen * (0.5 + random.random())
 
 
