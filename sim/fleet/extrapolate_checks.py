@@ -84,6 +84,12 @@ def known_results():
     run = Rollout(Scenario(groups=(1,), polling_s=100, upgrade_s=50, longest_s=300),
                   Costs(poll_s=0, request_s=61, requests=12), Middle()).run()
     yield "a server that is too slow: repeated requests", run.failed_requests, 4, 0
+    busy = Costs(poll_s=1 / 400, request_s=1 / 400, requests=24)
+    one, many = (Rollout(Scenario(groups=(2000,), polling_s=60, upgrade_s=10, ranges=64, together=together,
+                                  instances=10), busy, Random(1)).run() for together in (1, 16))
+    yield "16 requests in one event: busy in the busiest minute", many.busiest_load, one.busiest_load, 2
+    yield "16 requests in one event: seconds until half of the cameras have succeeded", *(
+        run.seconds_until(0.5) for run in (many, one)), 2
     yield "longest delay after failures", delay_s(300, 40, Middle()), 300, 0
 
 

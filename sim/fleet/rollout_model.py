@@ -1,9 +1,9 @@
 """A rollout to any number of cameras as discrete events (SimPy): cameras with the agent's rules, instances of the
 server with a queue each, and a line that the downloads share.
 
-Each request of an action, each download and each upgrade is an event. The polls of cameras without a pending action,
-of cameras that wait for their window, and those during a download are a load that takes its share of each instance,
-because a million cameras poll a hundred million times a day.
+Events are the requests of an action, one by one or several as one event, the downloads and the upgrades. The polls of
+cameras without a pending action, of cameras that wait for their window, and those during a download are a load that
+takes its share of each instance, because a million cameras poll a hundred million times a day.
 """
 import heapq
 import re
@@ -36,7 +36,6 @@ STALL_S = 60  # the agent's setting stall-timeout: a request without an answer h
 # result, poll, attributes. All others of an action, among them those for files, come before the download ends.
 REQUESTS_BEFORE_UPGRADE = 3
 REQUESTS_AFTER_RESTART = 6
-RANGES_AT_ONCE = 8
 SCHEDULER_S = 2  # how often the server checks the conditions of its groups
 MINUTE = 60
 DAY = 86400
@@ -79,6 +78,7 @@ class Scenario:
     failure_s: float = 0.0  # for these, from the request to the first poll of the old system
     window: tuple[float, float] | None = None  # seconds of the day; None: upgrades are forced
     start_of_day_s: float = 0.0  # time of day at which the rollout begins
+    together: int = 1  # requests of an action that are one event, at most
     longest_s: float = 400.0 * DAY  # the simulation ends then in any case
 
     @property
@@ -174,16 +174,17 @@ class Line:
 class Rollout:
     def __init__(self, scenario: Scenario, costs: Costs, random: Random):
         self.scenario, self.costs, self.random = scenario, costs, random
+        self.cameras = sum(scenario.groups)
         self.env = Environment()
         self.instances = Instances(self.env, scenario.instances)
         self.line = Line(self.env, scenario.line_bytes_s, scenario.camera_bytes_s)
         self.result = Result(array("d"))
         self.restart_at = max(costs.requests - REQUESTS_AFTER_RESTART, 1)
         self.download_at = max(self.restart_at - REQUESTS_BEFORE_UPGRADE, 1)
-        self.step = bytearray(scenario.cameras)  # answered requests of the action
-        self.ranges = bytearray(scenario.cameras)  # requested
-        self.failures = bytearray(scenario.cameras)  # failed requests in a row
-        self.fails = bytearray(scenario.cameras)  # whether the image fails on the camera
+        self.step = bytearray(self.cameras)  # answered requests of the action
+        self.ranges = bytearray(self.cameras)  # requested
+        self.failures = bytearray(self.cameras)  # failed requests in a row
+        self.fails = bytearray(self.cameras)  # whether the image fails on the camera
         self.group_of = array("H")
         for number, size in enumerate(scenario.groups):
             self.group_of.extend([number] * size)
@@ -258,7 +259,7 @@ class Rollout:
         self.active += active
         self.downloading += downloading
         self.waiting += waiting
-        idle = (scenario.cameras - self.active) / scenario.polling_s
+        idle = (self.cameras - self.active) / scenario.polling_s
         # A camera that waits for its window also requests the offer. During a download the connection is kept.
         others = 2 * self.waiting / scenario.polling_s + self.downloading / DOWNLOAD_POLL_S
         self.rates = (idle + others, idle * costs.poll_s + others * costs.request_s,
@@ -284,9 +285,15 @@ class Rollout:
         self.result.slowest_s = max(self.result.slowest_s, seconds - (requests - 1) * costs.request_s)
         return seconds
 
+    def block(self, camera: int) -> int:
+        """Returns how many requests of an action are the next event."""
+        step = self.step[camera]
+        stop = next(at for at in (self.download_at, self.restart_at, self.costs.requests) if at > step)
+        return min(self.scenario.together, stop - step)
+
     def send(self, event: Timeout) -> None:
         camera = event.value
-        seconds = self.ask(1)
+        seconds = self.ask(self.block(camera))
         if seconds <= STALL_S:
             self.failures[camera] = 0
             self.after(seconds, self.answered, camera)
@@ -298,7 +305,7 @@ class Rollout:
 
     def answered(self, event: Timeout) -> None:
         camera = event.value
-        self.step[camera] += 1
+        self.step[camera] += self.block(camera)
         step = self.step[camera]
         if step == self.download_at:
             self.download(event)
@@ -310,9 +317,9 @@ class Rollout:
             self.send(event)
 
     def download(self, event: Timeout) -> None:
-        """Requests the ranges of a download, several as one event, and then transfers all bytes."""
+        """Requests the ranges of a download, and then transfers all bytes."""
         camera = event.value
-        requests = min(self.scenario.ranges - self.ranges[camera], RANGES_AT_ONCE)
+        requests = min(self.scenario.ranges - self.ranges[camera], self.scenario.together)
         if requests > 0:
             self.ranges[camera] += requests
             self.after(self.ask(requests), self.download, camera)
