@@ -1,12 +1,29 @@
 // Downloads of chunked images: what the camera has is not downloaded, whatever server and storage
 // do. The cases are data.
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "agent/chunked_download.h"
 #include "chunked_images.h"
 #include "package/content.h"
 #include "session.h"
 #include "simulated_server.h"
 #include "stride.h"
+
+namespace {
+
+uint64_t g_flushed = 0;  // size of the file that was flushed last
+
+}  // namespace
+
+// Takes the place of the C library's.
+extern "C" int fdatasync(int fd) {
+    struct stat status = {};
+    g_flushed = fstat(fd, &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    return static_cast<int>(syscall(SYS_fdatasync, fd));
+}
 
 namespace {
 
@@ -199,28 +216,31 @@ TEST(AgentChunks, OnlyMissingOnesAreDownloaded) {
         std::getline(row, sources, ';');
         static const PackedImage PACKED = pack(IMAGE);
         World world(IMAGE, PACKED, image_before(edit, number), sources);
-        return do_steps(rest_of(row),
-                        {{"server",
-                          [&](Text first, Text rest) {
-                              world.server.misbehave(first + " " + rest);
-                              return "";
-                          }},
-                         {"image", [&](Text, Text) { return world.text_of(world.run()); }},
-                         {"images", [&](Text, Text) { return world.run_until_decided(); }},
-                         {"store",
-                          [&](Text path, Text) {
-                              const std::string text = world.text_of(world.run(path));
-                              return text + (std::filesystem::exists(path) &&
-                                                     read_file(path) == world.packed.index
-                                                 ? " and its index"
-                                                 : "");
-                          }},
-                         {"stop",
-                          [&](Text bytes, Text) {
-                              world.stopAt = strtoull(bytes.c_str(), nullptr, 10);
-                              return "";
-                          }},
-                         {"asked", [&](Text, Text) { return asked(world.server); }}});
+        return do_steps(
+            rest_of(row),
+            {{"server",
+              [&](Text first, Text rest) {
+                  world.server.misbehave(first + " " + rest);
+                  return "";
+              }},
+             {"image", [&](Text, Text) { return world.text_of(world.run()); }},
+             {"images", [&](Text, Text) { return world.run_until_decided(); }},
+             {"store",
+              [&](Text path, Text) {
+                  const std::string text = world.text_of(world.run(path));
+                  return text +
+                         (std::filesystem::exists(path) && read_file(path) == world.packed.index
+                              ? " and its index"
+                              : "");
+              }},
+             {"stop",
+              [&](Text bytes, Text) {
+                  world.stopAt = strtoull(bytes.c_str(), nullptr, 10);
+                  return "";
+              }},
+             {"flushed",
+              [&](Text, Text) { return "flushed " + std::to_string(std::exchange(g_flushed, 0)); }},
+             {"asked", [&](Text, Text) { return asked(world.server); }}});
     });
 }
 

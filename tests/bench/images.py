@@ -1,4 +1,4 @@
-"""Makes images of a root file system and of its releases, from Debian packages for the camera's architecture.
+"""Makes images of a root file system and of its releases, from packages of Debian 12 for the camera's architecture.
 
     images.py FOLDER [RELEASES]     writes release-0.squashfs to release-RELEASES.squashfs (default 1) into FOLDER
 
