@@ -7,6 +7,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <utility>
@@ -129,25 +130,33 @@ uint32_t load_interval(const std::string& folder) {
     return read && parsed.ec == std::errc() && seconds <= INTERVAL_MAX_S ? seconds : 0;
 }
 
+// A failure is ignored, because the interval is only an estimate.
+void write_interval(const std::string& folder, uint32_t seconds) {
+    (void)store_file(folder + INTERVAL_FILE, std::to_string(seconds) + '\n');
+}
+
 // Stores the polling interval if the stored one is no good estimate of it. A server may vary the
 // interval with each answer, which must not wear out the flash.
 void store_interval(const std::string& folder, uint32_t seconds, uint32_t& stored) {
     if (seconds == 0 || (seconds >= stored / 2 && seconds / 2 <= stored)) {
         return;
     }
-    // A failure is ignored, because the interval is only an estimate. It is stored at most once.
     stored = seconds;
-    (void)store_file(folder + INTERVAL_FILE, std::to_string(seconds) + '\n');
+    write_interval(folder, seconds);
 }
 
 // After a power failure all cameras of a fleet may start in the same second, so that the first poll
-// is delayed, unless the server may wait for a result.
-void wait_for_first_poll(Agent& agent) {
+// is delayed, unless the server may wait for a result. A camera that is only switched on for a
+// short time now and then must reach the server, too: after each start without a poll the delay is
+// shorter, because half of the interval is stored. The next poll stores the whole.
+void wait_for_first_poll(Agent& agent, uint32_t& stored) {
     const uint32_t delay =
         first_delay_ms(agent.polling.sleepS, seconds_since_start(), random_number());
     if (delay == 0 || !agent_may_wait(agent)) {
         return;
     }
+    write_interval(agent.settings.stateFolder, std::max(stored / 2, 1U));
+    stored = 0;
     log_action("", "the camera has just started: the first poll follows in " +
                        std::to_string(delay / MS_PER_S) + " s");
     if (sleep_inside(delay) && !agent.stop) {
@@ -177,7 +186,7 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     uint32_t interval = load_interval(settings.stateFolder);
     agent.polling.sleepS = interval;
     if (!process.slept) {
-        wait_for_first_poll(agent);
+        wait_for_first_poll(agent, interval);
     }
     std::string reported;
     uint32_t failures = 0;
