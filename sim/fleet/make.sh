@@ -32,9 +32,9 @@ unpack_nginx() {
 unpack_postgresql() {
     local server
     postgresql=$work/postgresql
-    [ -e "$postgresql/usable" ] || {
+    [ -e "$postgresql/usable" ] && [ -n "$(compgen -G "$postgresql/usr/lib/postgresql/*/bin/psql")" ] || {
         server=$(apt-cache depends postgresql | sed -n 's/.*Depends: \(postgresql-[0-9]*\)$/\1/p')
-        unpack_packages postgresql ${server:-postgresql} libpq5
+        unpack_packages postgresql ${server:-postgresql} ${server/postgresql/postgresql-client} libpq5
         LD_LIBRARY_PATH=$(echo "$postgresql"/usr/lib/*/libpq.so.5 | xargs dirname) \
             "$postgresql"/usr/lib/postgresql/*/bin/postgres --version >> "$work/postgresql.txt" 2>&1 ||
             skip "PostgreSQL does not run here, see $work/postgresql.txt"

@@ -119,8 +119,11 @@ class Proxy(Contained):
     """nginx in front of one or several instances of the server. With `certificates` it checks those of the
     cameras; otherwise they send tokens. Operators of several instances use `management_url`."""
 
+    LOG_FORMAT = "$msec $status $upstream_addr|$request_uri|$request_length $bytes_sent"
+
     def __init__(self, nginx: Path, scripts: Path, servers: list[Server], folder: Path, authority: Authority,
-                 certificates: bool):
+                 certificates: bool, public_port: int = 0):
+        """`public_port`: the port that cameras use, if it is not the proxy's own."""
         self.folder = folder
         self.voucher = secrets.token_hex(VOUCHER_BYTES) if certificates else ""
         folder.mkdir(parents=True, exist_ok=True)
@@ -128,7 +131,8 @@ class Proxy(Contained):
         self.configuration, self.requests = folder / "nginx.conf", folder / "requests.txt"
         super().__init__(scripts, free_port(), folder / "nginx-start.txt",
                          [nginx, "-c", self.configuration, "-e", folder / "nginx.txt"])
-        self.url = f"https://{HOST}:{self.port}"
+        public_port = public_port or self.port
+        self.url = f"https://{HOST}:{public_port}"
         operators = free_port()
         self.management_url = f"https://{HOST}:{operators}" if len(servers) > 1 else servers[0].management_url
         checked = "$camera" if certificates else '""'
@@ -151,7 +155,7 @@ error_log {folder}/nginx.txt;
 user root;
 events {{ worker_connections 4096; }}
 http {{
-    log_format requests "$msec $status $upstream_addr|$request_uri|$request_length $bytes_sent";
+    log_format requests "{self.LOG_FORMAT}";
     access_log {self.requests} requests;
     ssl_certificate {certificate};
     ssl_certificate_key {key};
@@ -184,7 +188,7 @@ http {{
             # The server limits the number of requests by address.
             proxy_set_header X-Forwarded-For $remote_addr;
             proxy_set_header X-Forwarded-Proto https;
-            proxy_set_header X-Forwarded-Port {self.port};
+            proxy_set_header X-Forwarded-Port {public_port};
             proxy_set_header X-Ssl-Client-Cn {checked};
             proxy_set_header X-Ssl-Issuer-Hash-1 "{self.voucher}";
             proxy_set_header X-Controller-Id {checked};

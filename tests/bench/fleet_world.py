@@ -56,13 +56,16 @@ class Rig:
         self.tls = Authority(self.work / "tls", "authority")
         self.ca = self.tls.certificate
         subprocess.run([SCRIPTS / "make_pki", self.work / "maker"], check=True)
-        self.server = Server(jar, self.work / "server", self.tls, tls=True)
-        self.server.start()
-        self.url = self.server.url
-        self.management = Management(self.url, self.server.user, self.server.password, self.ca)
+        self.start_server(jar)
+        self.management = Management(self.server.management_url, self.server.user, self.server.password, self.ca)
         self.management.set("authentication.targettoken.enabled", True)
         self.tokens: dict[str, str] = {}
         self.modules: dict[str, int] = {}
+
+    def start_server(self, jar: Path) -> None:
+        self.server = Server(jar, self.work / "server", self.tls, tls=True)
+        self.server.start()
+        self.url = self.server.url
 
     def close(self) -> None:
         self.server.stop()
@@ -243,10 +246,11 @@ class Swupdate:
     """A camera with swupdate in its mode for this server. Instead of a restart of the camera, only swupdate is
     started again, with the option to confirm the upgrade."""
 
-    def __init__(self, rig: Rig, name: str, image: Path, mib: int):
+    def __init__(self, rig: Rig, name: str, image: Path, mib: int, configuration: str = ""):
         self.rig, self.name = rig, name
         self.folder = rig.work / name
         self.folder.mkdir()
+        (self.folder / "swupdate.cfg").write_text(f"globals: {{ }};\n{configuration}")
         partition = self.folder / "kernel"
         partition.write_bytes(os.urandom(mib * MIB))
         self.package = rivals.Swupdate(image, str(partition), self.folder / "package").package
@@ -260,9 +264,9 @@ class Swupdate:
         with open(self.folder / "output.txt", "ab") as output:
             self.process = subprocess.Popen(
                 [*DIES_WITH_PARENT, SCRIPTS / "private_root", "bash", "-c", ENVIRONMENT, "environment",
-                 self.folder / "environment", "swupdate", "-B", "uboot", "-l", "3", "-M", "-m", "-H",
-                 "camera:1.0", "-k", rivals.SIGNER / "cert.pem", "-p", f"touch {self.installed}",
-                 "-u", " ".join(options)], stdin=subprocess.DEVNULL, stdout=output,
+                 self.folder / "environment", "swupdate", "-f", self.folder / "swupdate.cfg", "-B", "uboot",
+                 "-l", "3", "-M", "-m", "-H", "camera:1.0", "-k", rivals.SIGNER / "cert.pem", "-p",
+                 f"touch {self.installed}", "-u", " ".join(options)], stdin=subprocess.DEVNULL, stdout=output,
                 stderr=subprocess.STDOUT, start_new_session=True)
 
     def stop(self) -> None:
@@ -297,10 +301,11 @@ class Swupdate:
 
 
 class Forwarder:
-    """Forwards connections to the server, and counts the bytes that the server sends on all of them."""
+    """Forwards connections to the server, and counts them and the bytes: `count` of the server, `sent` by clients."""
 
     def __init__(self, port: int):
         self.target, self.count, self.limit = port, 0, 0
+        self.connections, self.sent = 0, 0
         self.reached = threading.Event()
         self.listener = socket.create_server((HOST, 0))
         self.port = self.listener.getsockname()[1]
@@ -309,6 +314,7 @@ class Forwarder:
     def serve(self) -> None:
         while True:
             client, _ = self.listener.accept()
+            self.connections += 1
             threading.Thread(target=self.forward, args=(client,), daemon=True).start()
 
     def forward(self, client: socket.socket) -> None:
@@ -324,7 +330,9 @@ class Forwarder:
                         (server if ready is client else client).sendall(data)
                     except OSError:
                         return
-                    if ready is server:
+                    if ready is client:
+                        self.sent += len(data)
+                    else:
                         self.count += len(data)
                         if self.limit and self.count >= self.limit:
                             self.reached.set()

@@ -1,5 +1,6 @@
 """Writes the figures of a run into a page: the table between its two marks, and the picture. A page with several
-tables has several pairs of marks; the result names the one of its table.
+tables has several pairs of marks; the result names the one of its table. Figures that simulations use are also written
+into sim/fleet/measured.json.
 
     record.py RESULT.json DOCUMENT.md [PICTURE.svg]
 """
@@ -11,6 +12,7 @@ from pathlib import Path
 import picture
 from pairs import Row, shown_interval, shown_value
 
+MEASURED = Path(__file__).resolve().parents[2] / "sim/fleet/measured.json"
 MARKS = "<!-- figures of {}: {} -->"
 
 
@@ -42,8 +44,9 @@ def table(result: dict) -> str:
             continue
         goal = "" if row.goal is None else f"<= {row.goal:g}"
         floor = "" if row.floor is None else f", floor {row.floor:.2f}"
+        reason = f": {row.note}" if verdict == "NO" and row.note else ""
         lines.append(f"| {row.figure} | {row.ours} | {row.baseline} | {shown_value(row)} "
-                     f"| {shown_interval(row)} | {goal} | {verdict}{floor} |")
+                     f"| {shown_interval(row)} | {goal} | {verdict}{floor}{reason} |")
     return "\n".join(lines)
 
 
@@ -60,6 +63,9 @@ def main() -> None:
         file.write_text(picture.draw(
             result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "
             f"{1000 * result['flush']:.2f} ms per synchronous 16 KiB"))
+    if "measured" in result:
+        measured = json.loads(MEASURED.read_text()) if MEASURED.exists() else {}
+        MEASURED.write_text(json.dumps({**measured, **result["measured"]}, indent=1) + "\n")
     begin, end = (MARKS.format(result.get("of", "a run"), mark) for mark in ("begin", "end"))
     text = document.read_text()
     head, found, rest = text.partition(begin)
