@@ -59,6 +59,14 @@ std::map<std::string, Step> steps_of(World& world) {
              }
              return statuses;
          }},
+        {"connections",
+         [&](Text, Text) {
+             std::set<int> ports;
+             for (const SimulatedRequest& request : server.requests()) {
+                 ports.insert(request.port);
+             }
+             return std::to_string(ports.size());
+         }},
         {"attributes",
          [&](Text, Text) {
              std::string text;

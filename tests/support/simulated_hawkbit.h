@@ -35,6 +35,7 @@ struct SimulatedRequest {
     std::string range = {};
     std::string condition = {};  // If-Range
     std::string subject = {};    // subject of the client's certificate
+    int port = 0;                // of the client: one for each connection
     std::string body = {};
     int status = 0;  // status of the answer
 };

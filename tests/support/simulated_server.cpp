@@ -140,6 +140,7 @@ void SimulatedServer::Impl::serve(httplib::Request& request, httplib::Response& 
                              .range = request.get_header_value("Range"),
                              .condition = request.get_header_value("If-Range"),
                              .subject = subject_of(request),
+                             .port = request.remote_port,
                              .body = request.body};
     // Otherwise the library would apply the range to our answer.
     request.ranges.clear();
@@ -202,6 +203,7 @@ SimulatedServer::SimulatedServer(const Setup& setup)
                       : httplib::Server::HandlerResponse::Unhandled;
     });
     http.set_keep_alive_timeout(1);
+    http.set_keep_alive_max_count(100);  // requests; real servers allow more than the library
     http.set_tcp_nodelay(true);
     url_ = (setup.certificate.empty() ? "http://localhost:" : "https://localhost:") +
            std::to_string(http.bind_to_any_port("127.0.0.1"));

@@ -41,7 +41,7 @@ Agent::Agent(const AgentSettings& given, Keyring keys, std::atomic<bool>& stopFl
       keyring(std::move(keys)),
       stop(stopFlag),
       server(given.server, stopFlag),
-      files(given.server, stopFlag),
+      files(given.server, stopFlag, server),
       package({.folder = package_folder(given)}) {}
 
 void log_action(const Agent& agent, const std::string& text) {

@@ -26,6 +26,9 @@ namespace {
 // Bytes that stay free on the card for other files.
 constexpr uint64_t SPACE_LEFT = 1048576;
 constexpr uint32_t PROGRESS_STEPS = 10;
+// The server stores each status. Of a download that takes less than this, only its end is of use,
+// and the statuses of the upgrade show that.
+constexpr int64_t REPORT_INTERVAL_MS = 60000;
 // While a download runs, the server is polled at this interval, so that a canceled action does not
 // continue to use a slow or expensive connection. Compared with the download, these polls cost the
 // server little.
@@ -44,6 +47,7 @@ struct Fetching {
     uint64_t expected = 0;  // of the chunked image that is downloaded now, part of `all`
     uint32_t step = 0;      // last reported step, of PROGRESS_STEPS
     int64_t polledAtMs = 0;
+    int64_t reportedAtMs = 0;
     bool withdrawn = false;  // the server no longer offers the action
 };
 
@@ -154,9 +158,13 @@ bool show_progress(Agent& agent, Fetching& fetching, const DdiFile& file, uint64
         if (isatty(STDOUT_FILENO) != 1) {
             log_action(agent, text);
         }
-        const AgentStatus sent =
-            send_status(agent, DdiExecution::DOWNLOAD, text, step, PROGRESS_STEPS);
-        fetching.withdrawn = sent.result == AGENT_GONE;
+        const int64_t now = corvo::monotonic_ms();
+        if (now - fetching.reportedAtMs >= REPORT_INTERVAL_MS) {
+            fetching.reportedAtMs = now;
+            const AgentStatus sent =
+                send_status(agent, DdiExecution::DOWNLOAD, text, step, PROGRESS_STEPS);
+            fetching.withdrawn = sent.result == AGENT_GONE;
+        }
     }
     return !fetching.withdrawn && still_wanted(agent, fetching);
 }
@@ -429,7 +437,8 @@ AgentStatus fetch_package(Agent& agent, const DdiAction& offer) {
         return {};
     }
     end_wait(agent);
-    Fetching fetching = {.polledAtMs = corvo::monotonic_ms()};
+    const int64_t now = corvo::monotonic_ms();
+    Fetching fetching = {.polledAtMs = now, .reportedAtMs = now};
     AgentStatus status = make_folder(agent.package.folder, fetching.folder);
     if (!status.ok()) {
         return waits_for_card(agent) ? AgentStatus{} : finish_action(agent, false, status.text);

@@ -318,22 +318,10 @@ AgentStatus carry_out(Agent& agent, const DdiPoll& poll, bool& again) {
     return status;
 }
 
-AgentStatus poll_server(Agent& agent, bool& again) {
-    DdiPoll poll;
-    AgentStatus status = agent.server.poll(poll);
-    if (!status.ok()) {
-        return status;
-    }
-    agent.polling.sleepS = poll.sleepS;
-    if (agent.polling.attributesDue || !poll.configData.empty()) {
-        // A failure is ignored, because no action depends on the attributes. The next poll sends
-        // them again.
-        (void)send_attributes(agent, poll.configData);
-    }
-    report_installed(agent, poll);
+AgentStatus handle_poll(Agent& agent, const DdiPoll& poll, bool& again) {
     const bool hasResult = agent.action.stage == ACTION_RESULT;
     if (hasResult && agent.delivery.isSent) {
-        status = archive_result(agent, agent.delivery.isAccepted);
+        AgentStatus status = archive_result(agent, agent.delivery.isAccepted);
         again = status.ok();
         return status;
     }
@@ -345,6 +333,30 @@ AgentStatus poll_server(Agent& agent, bool& again) {
         return answer_confirmation(agent, poll.confirmation, again);
     }
     return carry_out(agent, poll, again);
+}
+
+AgentStatus poll_server(Agent& agent, bool& again) {
+    DdiPoll poll;
+    AgentStatus status = agent.server.poll(poll);
+    if (!status.ok()) {
+        return status;
+    }
+    agent.polling.sleepS = poll.sleepS;
+    const bool areDue = agent.polling.attributesDue || !poll.configData.empty();
+    // After a delivered result the server wants the attributes in any case, so a pending result
+    // goes first, and they are sent only once.
+    const bool resultFirst = agent.action.stage == ACTION_RESULT;
+    // A failure is ignored, because no action depends on the attributes. The next poll sends them
+    // again.
+    if (areDue && !resultFirst) {
+        (void)send_attributes(agent, poll.configData);
+    }
+    report_installed(agent, poll);
+    status = handle_poll(agent, poll, again);
+    if (areDue && resultFirst && !again) {
+        (void)send_attributes(agent, poll.configData);
+    }
+    return status;
 }
 
 // When a trial has ended, the attributes are sent again, and a fallback is found. The slot is not

@@ -236,6 +236,24 @@ void set_limits(Options& options, const ServerSettings& settings, uint32_t limit
     options.set(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(bytesPerS));
 }
 
+// Returns a record of open connections and TLS sessions, for handles of one thread.
+std::shared_ptr<void> make_share() {
+    // Each of these calls needs a curl_global_cleanup(), too.
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+        throw std::bad_alloc();
+    }
+    std::shared_ptr<void> share(curl_share_init(), [](void* made) {
+        curl_share_cleanup(made);
+        curl_global_cleanup();
+    });
+    for (const int what : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION}) {
+        if (!share || curl_share_setopt(share.get(), CURLSHOPT_SHARE, what) != CURLSHE_OK) {
+            throw std::bad_alloc();
+        }
+    }
+    return share;
+}
+
 }  // namespace
 
 struct Http::Request {
@@ -254,12 +272,19 @@ void CurlDeleter::operator()(void* handle) const {
 }
 
 Http::Http(ServerSettings settings, const std::atomic<bool>& stop)
-    : settings_(std::move(settings)), stop_(stop) {
+    : Http(std::move(settings), stop, make_share()) {}
+
+Http::Http(ServerSettings settings, const std::atomic<bool>& stop, const Http& other)
+    : Http(std::move(settings), stop, other.share_) {}
+
+Http::Http(ServerSettings settings, const std::atomic<bool>& stop, std::shared_ptr<void> share)
+    : settings_(std::move(settings)), stop_(stop), share_(std::move(share)) {
     // Each of these calls needs a curl_global_cleanup(), which CurlDeleter calls.
     if (curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
         handle_.reset(curl_easy_init());
     }
-    if (!handle_) {
+    // curl_easy_reset() keeps this option.
+    if (!handle_ || curl_easy_setopt(handle_.get(), CURLOPT_SHARE, share_.get()) != CURLE_OK) {
         throw std::bad_alloc();
     }
 }

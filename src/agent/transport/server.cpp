@@ -42,6 +42,9 @@ AgentStatus send_body(Http& http, const char* method, const std::string& url,
 Server::Server(ServerSettings settings, const std::atomic<bool>& stop)
     : http_(std::make_unique<Http>(std::move(settings), stop)) {}
 
+Server::Server(ServerSettings settings, const std::atomic<bool>& stop, const Server& other)
+    : http_(std::make_unique<Http>(std::move(settings), stop, *other.http_)) {}
+
 Server::~Server() = default;
 
 AgentStatus Server::poll(DdiPoll& poll) {

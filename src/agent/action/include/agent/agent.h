@@ -78,7 +78,9 @@ struct Agent {
     Keyring keyring;
     std::atomic<bool>& stop;
     Server server;
-    Server files;  // for downloads, because `server` is used while a download is running
+    // For downloads, because `server` is used while a download is running. Between downloads both
+    // use the same connection.
+    Server files;
 
     ActionRecord action;
     Package package;

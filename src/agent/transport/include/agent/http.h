@@ -54,6 +54,9 @@ class Http {
   public:
     // Both arguments are described in server.h.
     Http(ServerSettings settings, const std::atomic<bool>& stop);
+    // Shares open connections and TLS sessions with `other`. Both must be used from the same
+    // thread; either may be destroyed first.
+    Http(ServerSettings settings, const std::atomic<bool>& stop, const Http& other);
     Http(const Http&) = delete;
     Http& operator=(const Http&) = delete;
 
@@ -82,11 +85,13 @@ class Http {
 
   private:
     struct Request;
+    Http(ServerSettings settings, const std::atomic<bool>& stop, std::shared_ptr<void> share);
     AgentStatus exchange(const Request& request, HttpHead& head, const HttpContent& content);
     bool has_new_token(std::string& fault);
 
     ServerSettings settings_;
     const std::atomic<bool>& stop_;
+    std::shared_ptr<void> share_;  // a CURLSH; destroyed after the handles that use it
     std::unique_ptr<void, CurlDeleter> handle_;
 };
 

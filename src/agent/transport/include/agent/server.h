@@ -23,6 +23,9 @@ class Server {
   public:
     // `stop` must outlive the Server. Setting it ends a running call; a signal handler may do so.
     Server(ServerSettings settings, const std::atomic<bool>& stop);
+    // Shares open connections with `other`. A connection on which a call of `other` is running is
+    // not used; both must be used from the same thread.
+    Server(ServerSettings settings, const std::atomic<bool>& stop, const Server& other);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
