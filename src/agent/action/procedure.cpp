@@ -247,11 +247,17 @@ AgentStatus read_offer(Agent& agent, const std::string& href, DdiAction& offer, 
     return status;
 }
 
-AgentStatus download(Agent& agent, const DdiAction& offer, bool& again) {
+// Downloads the package, then reads the offer again, which may have changed meanwhile. This needs
+// no poll: an action that is canceled, or replaced by a newer one, cannot be read any more.
+AgentStatus download(Agent& agent, const std::string& href, DdiAction& offer, Offer& found,
+                     bool& again) {
     AgentStatus status = fetch_package(agent, offer);
-    // The server is polled again before the next step. It may have canceled the action meanwhile.
-    again =
-        (status.ok() && agent.action.stage != ACTION_DOWNLOADING) || status.result == AGENT_GONE;
+    again = (status.ok() && agent.action.stage == ACTION_RESULT) || status.result == AGENT_GONE;
+    if (status.ok() && agent.action.stage == ACTION_WAITING) {
+        AgentStatus fault;
+        status = read_offer(agent, href, offer, found, fault);
+        again = status.ok() && found != OFFER_SAME;
+    }
     return status.result == AGENT_GONE ? AgentStatus{} : status;
 }
 
@@ -302,7 +308,11 @@ AgentStatus carry_out(Agent& agent, const DdiPoll& poll, bool& again) {
             case Step::REFUSE:
                 return refuse_unreadable(agent, id_of(poll.deployment), fault, again);
             case Step::DOWNLOAD:
-                return download(agent, offer, again);
+                status = download(agent, poll.deployment, offer, found, again);
+                if (again || agent.action.stage != ACTION_WAITING) {
+                    return status;
+                }
+                break;
             case Step::COMMIT:
                 return start(agent, offer, again);
             case Step::CLOSE:
