@@ -65,8 +65,8 @@ def known_results():
     yield "two groups of 5 cameras: seconds", run.seconds, 302, 0
     # 12 for each action, 5 * 50 / 10 during the downloads of each group, and 2020 camera-seconds between actions.
     yield "two groups of 5 cameras: requests", run.requests, 120 + 2 * 25 + 20.2, 0
-    # From 50 s to 110 s the instance answers the 60 requests before the upgrades. The first camera starts again at
-    # 151 s, and from then on 60 requests follow without a gap.
+    # From 50 s to 120 s the instance answers the 70 requests before the upgrades. The first camera starts again at
+    # 161 s, and from then on 50 requests follow without a gap.
     run = Rollout(Scenario(groups=(10,), polling_s=100, upgrade_s=50), Costs(poll_s=0, request_s=1, requests=12),
                   Middle()).run()
     yield "10 cameras at a slow instance: seconds", run.seconds, 211, 0

@@ -32,10 +32,10 @@ FIRST_RETRY_S = agent_number("FIRST_RETRY_S")
 DOUBLINGS_MAX = agent_number("DOUBLINGS_MAX")
 DOWNLOAD_POLL_S = agent_number("POLL_INTERVAL_MS") / 1000
 STALL_S = 60  # the agent's setting stall-timeout: a request without an answer has failed
-# The agent's requests before it posts the upgrade: poll, offer, report. After the restart: poll, attributes, offer,
-# result, poll, attributes. All others of an action, among them those for files, come before the download ends.
-REQUESTS_BEFORE_UPGRADE = 3
-REQUESTS_AFTER_RESTART = 6
+# The agent's requests between download and upgrade: offer, report. After the restart: poll, offer, result, poll,
+# attributes. All others of an action, among them those for files, come before the end of the download.
+REQUESTS_BEFORE_UPGRADE = 2
+REQUESTS_AFTER_RESTART = 5
 SCHEDULER_S = 2  # how often the server checks the conditions of its groups
 MINUTE = 60
 DAY = 86400
