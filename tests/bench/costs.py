@@ -27,6 +27,8 @@ LONG_POLL, POLL, SHORT_POLL = "00:30:00", "00:00:05", "00:00:01"
 # The server collects the times of the cameras' last polls, for 10 s unless this is set, and writes them together.
 # Here each poll is to be counted with its own row.
 FLUSH_MS = 100
+# The server's regular work on rollouts and assignments, otherwise every two seconds, takes more than a camera's polls.
+REGULAR_WORK = [f"--hawkbit.{work}.scheduler.fixedDelay=3600000" for work in ("rollout", "autoassign")]
 SETTLE_SECONDS, QUIET_SECONDS, LONGEST = 0.5, 2, 120
 WARM_UP = 1000  # polls: the server compiles its code at run time
 TICKS = os.sysconf("SC_CLK_TCK")
@@ -94,7 +96,7 @@ class CountingRig(Rig):
         self.database.ask("create extension pg_stat_statements")
         self.server = Server(jar, self.work / "server", self.tls, tls=False)
         self.server.command[1:1] = SHORT_START
-        self.server.command.append(f"--hawkbit.server.repository.pollPersistenceFlushTime={FLUSH_MS}")
+        self.server.command += [*REGULAR_WORK, f"--hawkbit.server.repository.pollPersistenceFlushTime={FLUSH_MS}"]
         self.database.connect(self.server)
         self.server.start()
         self.line = Forwarder(0)
@@ -239,8 +241,15 @@ class Other:
         # Only what follows its first polls and its attributes is measured.
         self.rig.wait_for("/swupdate ", before, 3)
 
-    def stop(self) -> None:
+    def end_process(self) -> None:
+        """Waits for all of its processes, so that none still uses the files of the next start."""
+        processes = self.camera.processes()
         self.camera.stop()
+        while processes.each():
+            time.sleep(0.01)
+
+    def stop(self) -> None:
+        self.end_process()
         self.rig.management.set("pollingTime", LONG_POLL)
 
     def poll(self, count: int) -> None:
@@ -255,10 +264,11 @@ class Other:
         end = time.monotonic() + LONGEST
         while not self.camera.installed.exists():
             if self.camera.process.poll() is not None or time.monotonic() > end:
-                raise RuntimeError(f"swupdate has not installed it, see {self.camera.folder}/output.txt")
+                output = (self.camera.folder / "output.txt").read_text(errors="replace")
+                raise RuntimeError(f"swupdate has not installed it: {output[-500:]}")
             time.sleep(0.05)
         self.rig.wait_until_quiet()
-        self.camera.stop()
+        self.end_process()
         before = len(self.rig.requests())
         self.camera.start("-c", "2")
         self.rig.wait_for("configData", before)
@@ -291,7 +301,7 @@ def rows_of(what: str, ours: Cost, other: Cost | None, quick: bool) -> list[Row]
     for name, figure in FIGURES.items():
         is_time = name.endswith("_ms")
         unit = "ms" if is_time else "B" if name in ("sent", "received") else ""
-        mine, theirs = round(ours[name], 2), round(other[name], 2) if other else 0
+        mine, theirs = round(ours[name], 1), round(other[name], 1) if other else 0
         goal = 1 if theirs > 0 else 0
         found.append(Row(f"{what}: {figure}" + (" / swupdate" if other else ""), f"{mine:g} {unit}",
                          f"{theirs:g} {unit}" if other else "", mine / theirs if goal else mine,
