@@ -24,18 +24,19 @@
 #include "agent/url.h"
 #include "base/monotonic_clock.h"
 #include "cli/command_line.h"
-#include "package/signed_manifest.h"
 
 namespace {
 
 constexpr char PROGRAM[] = "load_generator";
 constexpr int64_t MS_PER_S = 1000;
-constexpr int POLLS_MAX = 12;            // in one wake-up, as in the agent
-constexpr uint64_t PROGRESS_STEPS = 10;  // statuses of a download, as in the agent
-constexpr int64_t LOOK_MS = 100;         // how late a wake-up is noticed at most
+constexpr int POLLS_MAX = 12;     // in one wake-up, as in the agent
+constexpr int64_t LOOK_MS = 100;  // how late a wake-up is noticed at most
 constexpr int64_t START_WITHIN_MS = 1000;
 // With --unspread, the polling interval by which retries are limited.
 constexpr uint32_t UNSPREAD_INTERVAL_S = 3600;
+
+const DdiAttributes ATTRIBUTES = {
+    {"version", "2.0"}, {"slot", "B"}, {"modules", "kernel"}, {"outcome", "success"}};
 
 struct Options {
     std::string server, ca, secondsFile;
@@ -77,7 +78,7 @@ struct Load {
     std::priority_queue<Due, std::vector<Due>, std::greater<>> queue;
     std::vector<Second> seconds;
     std::map<std::string, uint64_t> errors;
-    uint64_t requests = 0, wakes = 0, done = 0, bytes = 0;
+    uint64_t requests = 0, wakes = 0, done = 0;
     int64_t slowestMs = 0, latestMs = 0;
     uint32_t powerFailures = 0;
     bool hasLeader =
@@ -195,14 +196,9 @@ class Wake {
         }
         camera_.sleepS = poll.sleepS;
         camera_.servedMs = camera_.servedMs < 0 ? load_.now_ms() : camera_.servedMs;
-        if (camera_.attributesDue || !poll.configData.empty()) {
-            status = request([&] {
-                return server_.send_attributes(poll.configData,
-                                               {{"version", camera_.action.empty() ? "1.0" : "2.0"},
-                                                {"slot", "A"},
-                                                {"modules", "kernel rootfs"},
-                                                {"outcome", "none"}});
-            });
+        // A result goes first, because the attributes are due again after it.
+        if ((camera_.attributesDue || !poll.configData.empty()) && camera_.stage != Stage::RESULT) {
+            status = request([&] { return server_.send_attributes(poll.configData, ATTRIBUTES); });
             camera_.attributesDue = camera_.attributesDue && !status.ok();
         }
         if (poll.deployment.empty()) {
@@ -230,15 +226,8 @@ class Wake {
         }
     }
 
+    // The files are small, so that their progress is not reported.
     AgentStatus download(const DdiAction& action, bool& again) {
-        Server files(settings_, load_.stop);  // the agent has a second connection for downloads
-        uint64_t all = 0, done = 0, step = 0;
-        const auto is_image = [](const DdiFile& file) {
-            return file.name.find(".manifest") == std::string::npos;
-        };
-        for (const DdiFile& file : action.files) {
-            all += is_image(file) ? file.size : 0;
-        }
         camera_.action = action.id;
         for (const DdiFile& file : action.files) {
             if (!url_parts(file.href).same_origin(url_parts(settings_.url))) {
@@ -246,22 +235,12 @@ class Wake {
             }
             HttpHead head;
             uint64_t received = 0;
-            const auto discard = [&](const HttpHead& /*head*/, std::span<const char> bytes) {
+            const auto discard = [&received](const HttpHead&, std::span<const char> bytes) {
                 received += bytes.size();
-                done += is_image(file) ? bytes.size() : 0;
-                const uint64_t reached = all == 0 ? 0 : done * PROGRESS_STEPS / all;
-                if (reached > step) {
-                    step = reached;
-                    (void)send(action.id, {.id = action.id,
-                                           .execution = DdiExecution::DOWNLOAD,
-                                           .done = static_cast<uint32_t>(step),
-                                           .of = PROGRESS_STEPS,
-                                           .details = {"downloading " + file.name}});
-                }
                 return AgentStatus{};
             };
             AgentStatus status =
-                request([&] { return files.http().fetch(file.href, {}, head, discard); });
+                request([&] { return server_.http().fetch(file.href, {}, head, discard); });
             if (status.ok() && received != file.size) {
                 status = agent_fault(AGENT_DIFFERENT, "download: not the announced size");
                 count_error("not the announced size");
@@ -270,8 +249,6 @@ class Wake {
                 return status;
             }
             camera_.progressed = true;
-            const std::lock_guard lock(load_.mutex);
-            load_.bytes += received;
         }
         camera_.stage = Stage::DOWNLOADED;
         again = true;
@@ -440,7 +417,6 @@ Json result_of(const Load& load) {
             {"wakes", load.wakes},
             {"errors", load.errors},
             {"done", load.done},
-            {"bytes", load.bytes},
             {"slowest_ms", load.slowestMs},
             {"latest_ms", load.latestMs},
             {"served", served.size()},

@@ -74,7 +74,7 @@ def draw_releases(taken: dict[str, list[int]], title: str) -> str:
 def draw_power(runs: list[dict]) -> str:
     """Draws the requests of all cameras over time after the power has returned: a chart for each state of the server,
     in it a line for each way of choosing the pauses, and the capacity of the server."""
-    width, height, left, gap = 860, 200, 70, 90
+    width, height, left, gap = 860, 200, 96, 90
     downs = sorted({run["down_seconds"] for run in runs})
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 20}" '
              f'height="{len(downs) * (height + gap) + 20}" font-family="sans-serif" font-size="13">',
@@ -87,7 +87,7 @@ def draw_power(runs: list[dict]) -> str:
         server = f"the server is down for {down} s" if down else "the server is healthy"
         parts.append(f'<text x="{left}" y="{top - 14}" font-weight="bold">Power returns to {shown[0]["cameras"]:,} '
                      f'cameras, {server}: requests a second</text>')
-        for value, name in ((0, "0"), (capacity, "capacity"), (2 * capacity, "twice")):
+        for value, name in ((0, "0"), (capacity, f"capacity {capacity}"), (2 * capacity, "twice")):
             y = bottom - height * value / most
             parts.append(f'<line x1="{left}" y1="{y:.1f}" x2="{left + width}" y2="{y:.1f}" stroke="#b3b3b3"/>')
             parts.append(f'<text x="{left - 6}" y="{y + 4:.1f}" text-anchor="end">{name}</text>')
@@ -99,7 +99,7 @@ def draw_power(runs: list[dict]) -> str:
                               for second, value in enumerate(run["demanded"]))
             parts.append(f'<polyline points="{points}" fill="none" stroke="{colour}"/>')
             name = "first poll and retries within the interval" if run["spread"] else "first poll at once, retries up to 1 h"
-            parts.append(f'<rect x="{left + 330 * number}" y="{bottom + 28}" width="14" height="14" fill="{colour}"/>')
-            parts.append(f'<text x="{left + 330 * number + 20}" y="{bottom + 40}">{name}, first second '
+            parts.append(f'<rect x="{left + 430 * number}" y="{bottom + 28}" width="14" height="14" fill="{colour}"/>')
+            parts.append(f'<text x="{left + 430 * number + 20}" y="{bottom + 40}">{name}, first second '
                          f'{run["demanded"][0]}</text>')
     return "\n".join(parts + ["</svg>", ""])
