@@ -6,6 +6,7 @@ namespace {
 
 constexpr uint32_t SLEEP_UNKNOWN_S = 300;
 constexpr uint32_t FIRST_RETRY_S = 5;
+constexpr uint32_t IDLE_RETRY_PARTS = 4;
 constexpr uint32_t DOUBLINGS_MAX = 10;
 constexpr uint32_t MS_PER_S = 1000;
 // Longer than a camera needs to start its services.
@@ -13,13 +14,16 @@ constexpr uint64_t JUST_STARTED_S = 600;
 
 }  // namespace
 
-uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, uint32_t random) {
+uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool isIdle,
+                  uint32_t random) {
     const uint32_t interval = sleepS == 0 ? SLEEP_UNKNOWN_S : sleepS;
     if (failures == 0) {
         // A random time from 90 % to 110 % of the interval.
         return interval * 900 + random % (interval * 200 + 1);
     }
-    const uint32_t grown = FIRST_RETRY_S << std::min(failures - 1, DOUBLINGS_MAX);
+    const uint32_t first =
+        isIdle ? std::max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS) : FIRST_RETRY_S;
+    const uint32_t grown = first << std::min(failures - 1, DOUBLINGS_MAX);
     const uint32_t chosen = std::min(grown, interval);
     const uint32_t delay = chosen * 500 + random % (chosen * 1000 + 1);
     return std::max(delay, retryAfterS * MS_PER_S);

@@ -167,10 +167,7 @@ void wait_for_first_poll(Agent& agent, uint32_t& stored) {
 // Whether the process keeps no state in memory that a sleep outside of the program would lose, such
 // as verified files or the number of failures.
 bool has_no_volatile_state(const Agent& agent, const AgentStatus& status) {
-    const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
-    return status.ok() && !pending && agent.waiting.reason.empty() &&
-           !agent.polling.attributesDue && agent.polling.installed.name.empty() &&
-           !agent.camera.isOnTrial;
+    return status.ok() && agent_is_idle(agent) && !agent.polling.attributesDue;
 }
 
 }  // namespace
@@ -199,8 +196,8 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         // A download that makes progress starts the back-off again, so that it ends even on a
         // connection that often fails.
         failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;
-        const uint32_t delay =
-            delay_ms(agent.polling.sleepS, failures, status.retryAfterS, random_number());
+        const uint32_t delay = delay_ms(agent.polling.sleepS, failures, status.retryAfterS,
+                                        agent_is_idle(agent), random_number());
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_no_volatile_state(agent, status)) {
             sleep_outside(process, delay);
         }

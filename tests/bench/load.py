@@ -189,6 +189,7 @@ class Site:
             self.cluster.proxy.stop()
             time.sleep(down)
             self.cluster.proxy.start()
+        returned = time.monotonic() - began - interval if down else 0.0
         taken = self.result(generator)
         seconds = [[int(number) for number in line.split()] for line in lines.read_text().splitlines()]
         demanded = [row[1] for row in seconds[interval:]]
@@ -199,9 +200,10 @@ class Site:
                 "down_seconds": down, "offered": offered, "lost": lost,
                 "unserved": self.cameras - taken["served"],
                 "most_requests_per_second": max(demanded[60 if not options.quick else 5:]),
-                "served_seconds": [round(ms / 1000 - down, 1) for ms in taken["served_ms"]],
-                "errors": taken["errors"], "slowest_ms": taken["slowest_ms"], "latest_ms": taken["latest_ms"],
-                "demanded": demanded}
+                "served_seconds": [round(ms / 1000 - returned, 1) for ms in taken["served_ms"]],
+                "errors": taken["errors"],
+                "errors_after_return": sum(row[3] for row in seconds[interval + int(returned) + 1:]),
+                "slowest_ms": taken["slowest_ms"], "latest_ms": taken["latest_ms"], "demanded": demanded}
 
 
 # --- the results ---

@@ -312,7 +312,9 @@ int64_t next_ms(Load& load, Camera& camera, const AgentStatus& status) {
     const uint32_t sleepS = options.unspread && camera.failures > 0
                                 ? std::max(UNSPREAD_INTERVAL_S, camera.sleepS)
                                 : camera.sleepS;
-    return now + delay_ms(sleepS, camera.failures, status.retryAfterS, random_of(load, camera));
+    const bool isIdle = camera.stage == Stage::IDLE && !options.unspread;
+    return now +
+           delay_ms(sleepS, camera.failures, status.retryAfterS, isIdle, random_of(load, camera));
 }
 
 // All cameras that are not awake start again; the others do so at the end of their wake-up.

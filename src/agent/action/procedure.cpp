@@ -432,10 +432,15 @@ AgentStatus agent_start(Agent& agent) {
     return {};
 }
 
+bool agent_is_idle(const Agent& agent) {
+    const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
+    return !pending && agent.waiting.reason.empty() && !agent.camera.isOnTrial &&
+           agent.polling.installed.name.empty();
+}
+
 bool agent_may_wait(Agent& agent) {
     note_trial(agent);
-    const bool pending = agent.action.stage != ACTION_NONE && !agent.action.downloadOnly;
-    return !pending && !agent.camera.isOnTrial && agent.polling.installed.name.empty();
+    return agent_is_idle(agent);
 }
 
 AgentStatus agent_poll(Agent& agent) {

@@ -10,9 +10,12 @@
 // AGENT_STORAGE when the state folder cannot be used or the kernel's boot id cannot be read.
 AgentStatus agent_start(Agent& agent);
 
-// Whether the first poll may be delayed, after agent_start(): no action is pending, no new system is
-// on trial, and no fallback is to be reported. Blocks as reading the boot environment does, for at
-// most 10 s.
+// Whether no action is pending or waits for consent, no new system was on trial at the last poll,
+// and no fallback is to be reported.
+bool agent_is_idle(const Agent& agent);
+
+// Whether the first poll may be delayed, after agent_start(): whether the agent is idle. Reads the
+// record of the trial first, and so blocks as reading the boot environment does, for at most 10 s.
 bool agent_may_wait(Agent& agent);
 
 // Polls once and continues the current action. Blocks as long as that takes: for a download, and
