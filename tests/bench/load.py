@@ -24,6 +24,7 @@ sys.path.append(str(CHECKOUT / "sim/fleet"))
 from certificates import Authority  # noqa: E402
 from cluster import SHORT_START, Cluster  # noqa: E402
 from management import Refused  # noqa: E402
+from server import DIES_WITH_PARENT  # noqa: E402
 
 SEED = 1
 # Seconds, and the groups of a rollout. With this interval, the polls of 10,000 cameras use a quarter of what one
@@ -104,7 +105,7 @@ class Site:
 
     def launch(self, seconds: int, cameras: int = 0, *more) -> subprocess.Popen:
         return subprocess.Popen(
-            [self.generator, "--server", self.cluster.proxy.url, "--ca", self.tls.certificate, "--seed", str(SEED),
+            [*DIES_WITH_PARENT, self.generator, "--server", self.cluster.proxy.url, "--ca", self.tls.certificate, "--seed", str(SEED),
              "--cameras", str(cameras or self.cameras), "--seconds", str(seconds), *map(str, more)],
             stdout=subprocess.PIPE, text=True)
 
