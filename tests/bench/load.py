@@ -2,7 +2,6 @@
 started by scripts/bench.
 
     load.py BUILD WORK SERVER.jar NGINX POSTGRESQL [--quick | --only CAMERAS INSTANCES KIND]
-    load.py --record RESULT.json MEASURED.json
 
 The database, the instances, nginx and the generator share the processors of this machine.
 """
@@ -225,6 +224,9 @@ class Results:
     def store(self) -> None:
         picture = "![Requests a second after the power has returned to all cameras](fleet-power.svg)"
         self.taken["lines"] = [*rollout_lines(self.taken), "", *power_lines(self.taken), "", picture]
+        # What simulations of larger fleets are compared with.
+        self.taken["measured"] = {"load": self.taken["rollouts"],
+                                  "capacity_requests_per_second": self.taken["capacity"]}
         self.file.write_text(json.dumps(self.taken, indent=1))
 
 
@@ -307,18 +309,7 @@ def measure(options: argparse.Namespace, site: Site, results: Results, kinds: st
             print("\n".join(power_lines(results.taken)[2:]), flush=True)
 
 
-def record_measured(results: Path, file: Path) -> None:
-    """Writes what simulations of larger fleets are compared with."""
-    taken, all_measured = json.loads(results.read_text()), json.loads(file.read_text()) if file.exists() else {}
-    all_measured["load"] = taken["rollouts"]
-    all_measured["capacity_requests_per_second"] = taken["capacity"]
-    file.write_text(json.dumps(all_measured, indent=1) + "\n")
-
-
 def main() -> int:
-    if sys.argv[1:2] == ["--record"]:
-        record_measured(*map(Path, sys.argv[2:]))
-        return 0
     arguments = argparse.ArgumentParser()
     for name in ("build", "work", "jar", "nginx", "postgresql"):
         arguments.add_argument(name, type=Path)

@@ -213,21 +213,26 @@ class Wake {
         if (!status.ok()) {
             return status;
         }
-        switch (camera_.stage) {
-            case Stage::IDLE:
-                return download(action, again);
-            case Stage::DOWNLOADED:
-                camera_.stage = Stage::UPGRADING;
-                // The agent posts the request first, so that a failure has no effect.
-                (void)send(action.id, {.id = action.id, .details = {"upgrading, request 1"}});
-                return {};
-            default:
-                return report(action, again);
+        if (camera_.stage == Stage::RESULT) {
+            return report(action, again);
         }
+        if (camera_.stage == Stage::IDLE) {
+            status = download(action);
+            if (status.ok()) {  // the offer may have changed meanwhile
+                status = request([&] { return server_.get_action(poll.deployment, action); });
+            }
+            if (!status.ok()) {
+                return status;
+            }
+        }
+        camera_.stage = Stage::UPGRADING;
+        // The agent posts the request first, so that a failure has no effect.
+        (void)send(action.id, {.id = action.id, .details = {"upgrading, request 1"}});
+        return {};
     }
 
     // The files are small, so that their progress is not reported.
-    AgentStatus download(const DdiAction& action, bool& again) {
+    AgentStatus download(const DdiAction& action) {
         camera_.action = action.id;
         for (const DdiFile& file : action.files) {
             if (!url_parts(file.href).same_origin(url_parts(settings_.url))) {
@@ -251,7 +256,6 @@ class Wake {
             camera_.progressed = true;
         }
         camera_.stage = Stage::DOWNLOADED;
-        again = true;
         return {};
     }
 
