@@ -179,20 +179,21 @@ class Site:
         offered = min(10 ** digits - 1, self.cameras)
         rollout = self.make_rollout(f"load-{'0' * (6 - digits)}*", 1)
         lines = self.folder / "seconds"
-        generator = self.launch(interval + down + 2 * interval + LATE_SECONDS, 0, "--start-within", interval,
-                                "--upgrade-seconds", interval // 2, "--power-at", interval, "--seconds-file", lines,
-                                *more)
+        # Late enough for all cameras to have polled: before its first poll, a camera does not know the interval.
+        failure = 3 * interval // 2
+        generator = self.launch(failure + down + 2 * interval + LATE_SECONDS, 0, "--start-within", interval,
+                                "--upgrade-seconds", interval, "--power-at", failure, "--seconds-file", lines, *more)
         began = time.monotonic()
         self.management.start_rollout(rollout)
-        time.sleep(began + interval - time.monotonic())
+        time.sleep(began + failure - time.monotonic())
         if down:
             self.cluster.proxy.stop()
             time.sleep(down)
             self.cluster.proxy.start()
-        returned = time.monotonic() - began - interval if down else 0.0
+        returned = time.monotonic() - began - failure if down else 0.0
         taken = self.result(generator)
         seconds = [[int(number) for number in line.split()] for line in lines.read_text().splitlines()]
-        demanded = [row[1] for row in seconds[interval:]]
+        demanded = [row[1] for row in seconds[failure:]]
         lost = offered - taken["done"]
         if not lost:
             self.wait_for(rollout, "finished", 60)
@@ -202,7 +203,7 @@ class Site:
                 "most_requests_per_second": max(demanded[60 if not options.quick else 5:]),
                 "served_seconds": [round(ms / 1000 - returned, 1) for ms in taken["served_ms"]],
                 "errors": taken["errors"],
-                "errors_after_return": sum(row[3] for row in seconds[interval + int(returned) + 1:]),
+                "errors_after_return": sum(row[3] for row in seconds[failure + int(returned) + 1:]),
                 "slowest_ms": taken["slowest_ms"], "latest_ms": taken["latest_ms"], "demanded": demanded}
 
 
@@ -271,8 +272,8 @@ def power_lines(taken: dict) -> list[str]:
     return lines
 
 
-def faults(taken: dict) -> list[str]:
-    """Returns the goals that are missed."""
+def faults(taken: dict, quick: bool) -> list[str]:
+    """Returns the goals that are missed. Those of rates and times need an idle machine and a full run."""
     missed = [f"{run['cameras']} cameras, {run['instances']} instances: {run['error_kinds']}"
               for run in taken["rollouts"] if run["errors"]]
     missed += [f"{run['cameras']} cameras, {run['instances']} instances: {what} of a camera {percent:+.0f} %"
@@ -283,6 +284,8 @@ def faults(taken: dict) -> list[str]:
         what = f"power with the server down for {run['down_seconds']} s: "
         if run["lost"] or run["unserved"]:
             missed.append(f"{what}{run['lost']} results lost, {run['unserved']} cameras not answered")
+        if quick:
+            continue
         if run["most_requests_per_second"] >= 2 * run["capacity"]:
             missed.append(f"{what}{run['most_requests_per_second']} requests a second")
         if run["served_seconds"][2] > 2 * run["polling_seconds"]:
@@ -334,7 +337,7 @@ def main() -> int:
             measure(options, site, results, kinds)
         finally:
             site.close()
-    missed = faults(results.taken)
+    missed = faults(results.taken, options.quick)
     print("\n".join(missed or ["no goal is missed"]))
     return 1 if missed else 0
 
