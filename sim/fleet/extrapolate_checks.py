@@ -79,9 +79,9 @@ def known_results():
     run = Rollout(Scenario(groups=(10,), polling_s=3600, upgrade_s=50, window=(2 * 3600, 4 * 3600),
                            start_of_day_s=20 * 3600), free, Middle()).run()
     yield "window: seconds until all have succeeded", run.seconds, 6.5 * 3600 + 50, 0
-    # An answer takes 61 s, and the agent waits for 60. It sends the request at 50 s, and after delays of 5, 10 and 20 s
-    # again at 115, 185 and 265 s.
-    run = Rollout(Scenario(groups=(1,), polling_s=100, upgrade_s=50, longest_s=300),
+    # An answer takes 61 s, and the agent waits for 60. It sends the poll at 50 s, and after delays of 25, 50 and 100 s
+    # again at 135, 245 and 405 s.
+    run = Rollout(Scenario(groups=(1,), polling_s=100, upgrade_s=50, longest_s=500),
                   Costs(poll_s=0, request_s=61, requests=12), Middle()).run()
     yield "a server that is too slow: repeated requests", run.failed_requests, 4, 0
     busy = Costs(poll_s=1 / 400, request_s=1 / 400, requests=24)
@@ -91,6 +91,7 @@ def known_results():
     yield "16 requests in one event: seconds until half of the cameras have succeeded", *(
         run.seconds_until(0.5) for run in (many, one)), 2
     yield "longest delay after failures", delay_s(300, 40, Middle()), 300, 0
+    yield "first delay with a pending action", delay_s(300, 1, Middle(), is_idle=False), 5, 0
 
 
 def check(measured: dict, scenario_of) -> bool:

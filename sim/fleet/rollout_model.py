@@ -29,6 +29,7 @@ def agent_number(name: str) -> int:
 
 
 FIRST_RETRY_S = agent_number("FIRST_RETRY_S")
+IDLE_RETRY_PARTS = agent_number("IDLE_RETRY_PARTS")
 DOUBLINGS_MAX = agent_number("DOUBLINGS_MAX")
 DOWNLOAD_POLL_S = agent_number("POLL_INTERVAL_MS") / 1000
 STALL_S = 60  # the agent's setting stall-timeout: a request without an answer has failed
@@ -41,11 +42,12 @@ MINUTE = 60
 DAY = 86400
 
 
-def delay_s(interval: float, failures: int, random: Random) -> float:
+def delay_s(interval: float, failures: int, random: Random, is_idle: bool = True) -> float:
     """Returns the time until the agent's next poll, as the agent's delay_ms() does."""
     if failures == 0:
         return interval * (0.9 + 0.2 * random.random())
-    chosen = min(FIRST_RETRY_S << min(failures - 1, DOUBLINGS_MAX), interval)
+    first = max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS) if is_idle else FIRST_RETRY_S
+    chosen = min(first * 2 ** min(failures - 1, DOUBLINGS_MAX), interval)
     return chosen * (0.5 + random.random())
 
 
@@ -301,7 +303,9 @@ class Rollout:
         # The agent gives up, but the server carries the request out all the same.
         self.failures[camera] = min(self.failures[camera] + 1, 255)
         self.result.failed_requests += 1
-        self.after(STALL_S + delay_s(self.scenario.polling_s, self.failures[camera], self.random), self.send, camera)
+        is_idle = self.step[camera] == 0  # the agent does not know of the action
+        delay = delay_s(self.scenario.polling_s, self.failures[camera], self.random, is_idle)
+        self.after(STALL_S + delay, self.send, camera)
 
     def answered(self, event: Timeout) -> None:
         camera = event.value
