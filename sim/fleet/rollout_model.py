@@ -61,7 +61,6 @@ class Costs:
     request_database_s: float = 0.0
     poll_bytes: float = 0.0  # in both directions
     action_bytes: float = 0.0  # in both directions, without the images
-    start_s: float = 0.0  # until the server has started a group, for each of its cameras
 
 
 @dataclass(frozen=True)
@@ -94,7 +93,6 @@ class Result:
     seconds: float = 0.0  # until the last result
     requests: float = 0.0
     bytes: float = 0.0
-    database_s: float = 0.0
     busiest_requests_s: float = 0.0  # mean of the busiest minute
     busiest_load: float = 0.0  # of each instance in the busiest minute, 1 is saturated
     busiest_database: float = 0.0  # busy processors of the database in the busiest minute
@@ -223,7 +221,6 @@ class Rollout:
         scenario, groups = self.scenario, self.scenario.groups
         first = 0
         for number, size in enumerate(groups):
-            yield self.env.timeout(self.costs.start_s * size)
             self.start(first, size)
             first += size
             while True:
@@ -253,10 +250,9 @@ class Rollout:
         env, costs, scenario = self.env, self.costs, self.scenario
         seconds = env.now - self.background_since
         self.background_since = env.now
-        polls, _, database = self.rates
-        self.result.requests += seconds * polls
-        self.result.bytes += seconds * polls * costs.poll_bytes
-        self.result.database_s += seconds * database
+        polls = seconds * self.rates[0]
+        self.result.requests += polls
+        self.result.bytes += polls * costs.poll_bytes
 
         self.active += active
         self.downloading += downloading
@@ -282,7 +278,6 @@ class Rollout:
         minute[1] += requests * costs.request_s
         minute[2] += requests * costs.request_database_s
         self.result.requests += requests
-        self.result.database_s += requests * costs.request_database_s
         seconds = self.instances.answer_s(requests * costs.request_s)
         self.result.slowest_s = max(self.result.slowest_s, seconds - (requests - 1) * costs.request_s)
         return seconds
