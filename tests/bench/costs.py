@@ -114,17 +114,21 @@ class CountingRig(Rig):
         return {"requests": len(requests), "sent": self.line.sent, "received": self.line.count,
                 "handshakes": self.line.connections,
                 "full_handshakes": sum(line.startswith("1. ") for line in requests),
-                "statuses": statuses, "statements": statements, "rows": rows,
-                "server_ms": cpu_ms([Path(f"/proc/{self.server.process.pid}")]),
+                "statuses": statuses, "statements": statements, "rows": rows}
+
+    def times(self) -> Cost:
+        return {"server_ms": cpu_ms([Path(f"/proc/{self.server.process.pid}")]),
                 "database_ms": cpu_ms(Processes(self.database.process.pid).each()),
                 "proxy_ms": cpu_ms(Processes(self.proxy.process.pid).each()), "seconds": time.monotonic()}
 
     def cost(self, work) -> Cost:
         """Returns what `work` costs, without the server's own work in the background, as far as that is known."""
-        before = self.counts()
+        # psql must not count as work of the database, so it runs before the first and after the last look at the times.
+        before = {**self.counts(), **self.times()}
         work()
         time.sleep(SETTLE_SECONDS)
-        taken = {name: value - before[name] for name, value in self.counts().items()}
+        after = {**self.times(), **self.counts()}
+        taken = {name: value - before[name] for name, value in after.items()}
         return {name: value - self.background.get(name, 0) * taken["seconds"] for name, value in taken.items()}
 
     def measure_background(self, seconds: float) -> None:
