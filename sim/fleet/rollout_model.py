@@ -30,6 +30,7 @@ def agent_number(name: str) -> int:
 
 FIRST_RETRY_S = agent_number("FIRST_RETRY_S")
 IDLE_RETRY_PARTS = agent_number("IDLE_RETRY_PARTS")
+IDLE_RETRY_MAX_S = agent_number("IDLE_RETRY_MAX_S")
 DOUBLINGS_MAX = agent_number("DOUBLINGS_MAX")
 DOWNLOAD_POLL_S = agent_number("POLL_INTERVAL_MS") / 1000
 STALL_S = 60  # the agent's setting stall-timeout: a request without an answer has failed
@@ -46,7 +47,7 @@ def delay_s(interval: float, failures: int, random: Random, is_idle: bool = True
     """Returns the time until the agent's next poll, as the agent's delay_ms() does."""
     if failures == 0:
         return interval * (0.9 + 0.2 * random.random())
-    first = max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS) if is_idle else FIRST_RETRY_S
+    first = min(max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS), IDLE_RETRY_MAX_S) if is_idle else FIRST_RETRY_S
     chosen = min(first * 2 ** min(failures - 1, DOUBLINGS_MAX), interval)
     return chosen * (0.5 + random.random())
 

@@ -7,6 +7,9 @@ namespace {
 constexpr uint32_t SLEEP_UNKNOWN_S = 300;
 constexpr uint32_t FIRST_RETRY_S = 5;
 constexpr uint32_t IDLE_RETRY_PARTS = 4;
+// Of a long interval. An outage then concerns few cameras at a time, and one whose network was not
+// up yet at its first poll must not wait for hours.
+constexpr uint32_t IDLE_RETRY_MAX_S = 75;
 constexpr uint32_t DOUBLINGS_MAX = 10;
 constexpr uint32_t MS_PER_S = 1000;
 // Longer than a camera needs to start its services.
@@ -22,7 +25,8 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool
         return interval * 900 + random % (interval * 200 + 1);
     }
     const uint32_t first =
-        isIdle ? std::max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS) : FIRST_RETRY_S;
+        isIdle ? std::clamp(sleepS / IDLE_RETRY_PARTS, FIRST_RETRY_S, IDLE_RETRY_MAX_S)
+               : FIRST_RETRY_S;
     const uint32_t grown = first << std::min(failures - 1, DOUBLINGS_MAX);
     const uint32_t chosen = std::min(grown, interval);
     const uint32_t delay = chosen * 500 + random % (chosen * 1000 + 1);
