@@ -8,9 +8,9 @@
 // it is unknown. `failures` is the number of failed polls in a row without progress of a download;
 // with it the time grows up to the polling interval, which is the load that the server is planned
 // for. It grows from a quarter of the interval, at most 75 s, if the camera `isIdle`: no action and
-// no report depends on the poll. Nearly all cameras of a fleet are, and the retries of a whole fleet
-// must not add up. The time is at least `retryAfterS` then. `random` is a random number that spreads the
-// polls of many cameras.
+// no report depends on the poll. Nearly all cameras of a fleet are, and the retries of a whole
+// fleet must not add up. The time is at least `retryAfterS` then. `random` is a random number that
+// spreads the polls of many cameras.
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool isIdle,
                   uint32_t random);
 
