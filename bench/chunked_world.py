@@ -284,7 +284,7 @@ class AgentCamera:
         self.server.offer(package, url or self.server.url)
         subprocess.run(["sync"], check=True)  # otherwise the agent's flush would write what others have written
         run = Run(self.camera.command("bash", "-c", START_CAMERA, "start", folder,
-                                      self.packages.build / "tests/bench/measure"), folder / "agent.txt")
+                                      self.packages.build / "bench/measure"), folder / "agent.txt")
         try:
             taken = run.measure(b"request posted", bool(url))
             # Otherwise the agent would follow the upgrade, at whose end the service deletes the image.

@@ -34,7 +34,7 @@ CHANGED_PART, INSERTED = 100, (150, 250)  # one file of so many; bytes of an ins
 LIBRARIES, PLACES, PLACE_BYTES = 10, 40, 8  # the changed library is one of the largest
 ADDED = 50
 MIB = 1 << 20
-CHECKOUT = Path(__file__).resolve().parents[2]
+CHECKOUT = Path(__file__).resolve().parents[1]
 
 
 def shuffled_files(chooser: random.Random, tops: list[Path]) -> Iterator[Path]:

@@ -21,10 +21,10 @@ class Programs:
 
     def __init__(self, build: Path):
         self.service = build / "corvo_upgrade"
-        self.unpaused = build / "tests/bench/unpaused/corvo_upgrade"
+        self.unpaused = build / "bench/unpaused/corvo_upgrade"
         self.otactl = build / "otactl"
         self.commit = build / "corvo_commit"
-        self.bench = build / "tests/bench"
+        self.bench = build / "bench"
         self.unhardened = build / "unhardened"
 
 

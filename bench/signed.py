@@ -12,7 +12,7 @@ from world import MIB, Programs, measured
 
 LARGE, TWICE, SMALL = 256, 32, 16  # MiB
 PKI = Path("/run/pki")
-MAKE_PKI = Path(__file__).resolve().parents[2] / "scripts/make_pki"
+MAKE_PKI = Path(__file__).resolve().parents[1] / "scripts/make_pki"
 
 
 def pack(programs: Programs, size: int) -> Path:

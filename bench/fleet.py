@@ -113,7 +113,7 @@ class Download:
 
     def measured(self, *command) -> dict[str, float]:
         result = self.rig.work / "taken"
-        subprocess.run([self.rig.build / "tests/bench/measure", result, *command], check=True,
+        subprocess.run([self.rig.build / "bench/measure", result, *command], check=True,
                        stdout=subprocess.DEVNULL, env={"PATH": "/usr/bin:/bin"})
         return json.loads(result.read_text())
 

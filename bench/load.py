@@ -17,7 +17,7 @@ from pathlib import Path
 
 import record
 
-CHECKOUT = Path(__file__).resolve().parents[2]
+CHECKOUT = Path(__file__).resolve().parents[1]
 sys.path.append(str(CHECKOUT / "sim/fleet"))
 
 from certificates import Authority  # noqa: E402
@@ -70,7 +70,7 @@ class Site:
         self.folder: Path = options.work / "load"
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.mkdir(parents=True)
-        self.generator = options.build / "tests/bench/load_generator"
+        self.generator = options.build / "bench/load_generator"
         self.tls = Authority(self.folder / "tls", "authority")
         self.cluster = Cluster(options, self.folder / "cluster", CHECKOUT / "scripts", self.tls, instances)
         for server in self.cluster.instances:
@@ -325,7 +325,7 @@ def main() -> int:
     plan = QUICK_PLAN if options.quick else PLAN
     if options.only:
         plan = [(int(options.only[0]), int(options.only[1]), options.only[2])]
-    refused = subprocess.run([options.build / "tests/bench/load_generator", "--server", "https://192.0.2.1"],
+    refused = subprocess.run([options.build / "bench/load_generator", "--server", "https://192.0.2.1"],
                              capture_output=True, text=True)
     if refused.returncode != 64 or refused.stderr.count("\n") != 1:
         raise OSError(f"load_generator does not refuse another host: {refused.stderr}")

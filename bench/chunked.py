@@ -172,7 +172,7 @@ def pack_rows(downloads: Downloads, image: Path, release: Path, work: Path) -> l
 
     def measured(*command) -> dict[str, float]:
         result = work / "taken"
-        subprocess.run([packages.build / "tests/bench/measure", result, *command], check=True,
+        subprocess.run([packages.build / "bench/measure", result, *command], check=True,
                        stdout=subprocess.DEVNULL)
         return json.loads(result.read_text())
 

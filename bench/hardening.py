@@ -19,7 +19,7 @@ def counted_rows(programs: Programs) -> list[Row]:
     for figure, mode in (("copied", "write"), ("compared", "compare")):
         own, other = (counted.instructions_per_mib(
             lambda image, _, bench=bench: (bench / "partition", mode, "callgrind", image),
-            equal=mode == "compare") for bench in (programs.bench, programs.unhardened / "tests/bench"))
+            equal=mode == "compare") for bench in (programs.bench, programs.unhardened / "bench"))
         rows.append(Row(f"instructions per MiB {figure}, hardened / not", f"{own:.0f}", f"{other:.0f}",
                         own / other, 1.01, counted=True))
     own, other = (stripped_size(program) for program in
@@ -36,7 +36,7 @@ def timed_rows(programs: Programs) -> list[Row]:
             ("method call, 1 caller", "call_benchmark", "method_call/real_time/threads:1", "real_time")):
         things = {which: lambda bench=bench: figures.benchmark(bench / program, name, key)
                   for which, bench in (("hardened", programs.bench),
-                                       ("not", programs.unhardened / "tests/bench"))}
+                                       ("not", programs.unhardened / "bench"))}
         rows.append(run_rounds(things, "time", seconds=15).row(
             f"{figure}, hardened / not", "hardened", "not", "time", in_ns))
     return rows

@@ -12,7 +12,7 @@ from pathlib import Path
 import picture
 from pairs import Row, shown_interval, shown_value
 
-MEASURED = Path(__file__).resolve().parents[2] / "sim/fleet/measured.json"
+MEASURED = Path(__file__).resolve().parents[1] / "sim/fleet/measured.json"
 MARKS = "<!-- figures of {}: {} -->"
 
 

@@ -15,7 +15,7 @@ import time
 import urllib.request
 from pathlib import Path
 
-CHECKOUT = Path(__file__).resolve().parents[2]
+CHECKOUT = Path(__file__).resolve().parents[1]
 SCRIPTS = CHECKOUT / "scripts"
 sys.path.append(str(CHECKOUT / "sim/fleet"))
 
@@ -232,7 +232,7 @@ class OurCamera:
     def taken_once(self) -> dict[str, float]:
         self.forget_package()
         result = self.camera.folder / "taken"
-        run = self.once(self.rig.build / "tests/bench/measure", result)
+        run = self.once(self.rig.build / "bench/measure", result)
         _, errors = run.communicate()
         if run.returncode != 0:
             raise RuntimeError(f"corvo_agent once: {run.returncode}, {errors.decode()}")
