@@ -4,7 +4,7 @@ from random import Random
 from simpy import Environment
 from simpy.events import Timeout
 
-from rollout_model import Costs, Instances, Line, Rollout, Scenario, delay_s
+from rollout_model import DAY, Costs, Instances, Line, Rollout, Scenario, delay_s
 
 MOST_PERCENT = 20  # difference between a measured rollout and its simulation
 JOBS = 200000
@@ -79,6 +79,10 @@ def known_results():
     run = Rollout(Scenario(groups=(10,), polling_s=3600, upgrade_s=50, window=(2 * 3600, 4 * 3600),
                            start_of_day_s=20 * 3600), free, Middle()).run()
     yield "window: seconds until all have succeeded", run.seconds, 6.5 * 3600 + 50, 0
+    # The window is half as long as the interval, so half of the cameras do not poll in it on the first day.
+    run = Rollout(Scenario(groups=(10000,), polling_s=7200, upgrade_s=50, window=(6 * 3600, 7 * 3600)), free,
+                  Random(1)).run()
+    yield "a short window: part of the cameras on the first day", sum(at < DAY for at in run.ended) / 10000, 0.5, 5
     # An answer takes 61 s, and the agent waits for 60. It sends the poll at 50 s, and after delays of 25, 50 and 100 s
     # again at 135, 245 and 405 s.
     run = Rollout(Scenario(groups=(1,), polling_s=100, upgrade_s=50, longest_s=500),
