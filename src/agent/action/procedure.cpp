@@ -195,6 +195,8 @@ AgentStatus accept_offer(Agent& agent, const DdiAction& offer) {
     agent.action.statuses = statuses;
     agent.package.checked.clear();
     agent.package.goneOffers = 0;
+    agent.polling.bytesFetched = 0;
+    agent.polling.bytesToFetch = 0;
     agent.waiting.reported.clear();
     log_action(agent, "offered, " + std::to_string(offer.files.size()) + " files");
     AgentStatus status = store(agent);
