@@ -28,10 +28,10 @@ from server import DIES_WITH_PARENT  # noqa: E402
 SEED = 1
 # Seconds, and the groups of a rollout. With this interval, the polls of 10,000 cameras use a quarter of what one
 # instance answers on the project's machine, and a rollout most of the rest.
-FULL = {"interval": 120, "upgrade": 10, "downs": (300, 0), "spreads": (True, False), "groups": 10, "warm": 15,
+FULL = {"interval": 120, "upgrade": 10, "downs": (300, 0), "groups": 10, "warm": 15,
         "saturated": 20}
-QUICK = {"interval": 2, "upgrade": 1, "downs": (6,), "spreads": (True,), "groups": 3, "warm": 3, "saturated": 3}
-PLAN = ((1000, 1, "rollout"), (10000, 1, "rollout+power"), (1000, 2, "rollout"), (10000, 2, "rollout"))
+QUICK = {"interval": 2, "upgrade": 1, "downs": (6,), "groups": 3, "warm": 3, "saturated": 3}
+PLAN = ((1000, 1, "rollout"), (10000, 1, "rollout+power+unspread"), (1000, 2, "rollout"), (10000, 2, "rollout"))
 QUICK_PLAN = ((50, 1, "rollout+power"),)
 BATCH = 250  # targets that are created with one request
 FILES = {"kernel.bin": 65536, "package.manifest": 1200, "package.manifest.sig": 2400}  # bytes; nobody reads them
@@ -178,13 +178,15 @@ class Site:
         digits = max(1, len(str(self.cameras)) - 2)
         offered = min(10 ** digits - 1, self.cameras)
         rollout = self.make_rollout(f"load-{'0' * (6 - digits)}*", 1)
+        # The server takes its time until it has created the actions.
+        self.management.start_rollout(rollout)
+        self.wait_for(rollout, "running", 300)
         lines = self.folder / "seconds"
         # Late enough for all cameras to have polled: before its first poll, a camera does not know the interval.
         failure = 3 * interval // 2
         generator = self.launch(failure + down + 2 * interval + LATE_SECONDS, 0, "--start-within", interval,
                                 "--upgrade-seconds", interval, "--power-at", failure, "--seconds-file", lines, *more)
         began = time.monotonic()
-        self.management.start_rollout(rollout)
         time.sleep(began + failure - time.monotonic())
         if down:
             self.cluster.proxy.stop()
@@ -293,7 +295,7 @@ def faults(taken: dict, quick: bool) -> list[str]:
     return missed
 
 
-def measure(options: argparse.Namespace, site: Site, results: Results, kinds: str) -> None:
+def measure(options: argparse.Namespace, site: Site, results: Results, kinds: list[str]) -> None:
     site.start()
     instances = len(site.cluster.instances)
     capacity = site.capacity()
@@ -303,11 +305,10 @@ def measure(options: argparse.Namespace, site: Site, results: Results, kinds: st
         results.add("rollouts", site.roll_out())
         results.store()
         print("\n".join(rollout_lines(results.taken)[2:]), flush=True)
-    # The second pass, without what limits the load after a failure, is for comparison.
-    for spread in options.spreads if "power" in kinds else ():
-        for down in options.downs:
-            run = site.fail_power(down, *([] if spread else ["--unspread"]))
-            results.add("power", {**run, "spread": spread, "capacity": round(capacity)})
+    for kind, more in (("power", []), ("unspread", ["--unspread"])):
+        for down in options.downs if kind in kinds else ():
+            run = site.fail_power(down, *more)
+            results.add("power", {**run, "spread": not more, "capacity": round(capacity)})
             results.store()
             print("\n".join(power_lines(results.taken)[2:]), flush=True)
 
@@ -318,7 +319,8 @@ def main() -> int:
         arguments.add_argument(name, type=Path)
     arguments.add_argument("--quick", action="store_true")
     arguments.add_argument("--only", nargs=3, metavar=("CAMERAS", "INSTANCES", "KIND"),
-                           help="a part of the measurement; KIND: rollout, power or rollout+power")
+                           help="a part of the measurement; KIND: rollout, power, unspread (power, without what limits "
+                                "the load, for comparison) or several, joined by +")
     options = arguments.parse_args()
     options.certificates = False
     vars(options).update(QUICK if options.quick else FULL)
@@ -334,7 +336,7 @@ def main() -> int:
     for cameras, instances, kinds in plan:
         site = Site(options, cameras, instances)
         try:
-            measure(options, site, results, kinds)
+            measure(options, site, results, kinds.split("+"))
         finally:
             site.close()
     missed = faults(results.taken, options.quick)

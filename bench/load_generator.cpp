@@ -284,6 +284,14 @@ class Wake {
     Server server_;
 };
 
+// When a camera that starts at this time polls for the first time. It ends an upgrade before.
+int64_t first_poll_ms(Load& load, Camera& camera, int64_t start) {
+    const bool isIdle = camera.stage == Stage::IDLE;
+    const uint32_t wait = first_delay_ms(camera.sleepS, 0, isIdle, random_of(load, camera));
+    return start + (camera.stage == Stage::UPGRADING ? load.options.upgradeS * MS_PER_S : 0) +
+           (load.options.unspread ? 0 : wait);
+}
+
 // The power returns: the camera continues its upgrade, or its agent starts.
 int64_t start_ms(Load& load, Camera& camera) {
     camera.starts = load.powerFailures;
@@ -292,11 +300,7 @@ int64_t start_ms(Load& load, Camera& camera) {
     camera.servedMs = -1;
     const int64_t start =
         load.options.powerAtS * MS_PER_S + random_of(load, camera) % START_WITHIN_MS;
-    if (camera.stage == Stage::UPGRADING) {
-        return start + load.options.upgradeS * MS_PER_S;
-    }
-    const bool mayWait = camera.stage == Stage::IDLE && !load.options.unspread;
-    return start + (mayWait ? first_delay_ms(camera.sleepS, 0, random_of(load, camera)) : 0);
+    return first_poll_ms(load, camera, start);
 }
 
 // When the camera has to wake up next.
@@ -311,7 +315,7 @@ int64_t next_ms(Load& load, Camera& camera, const AgentStatus& status) {
         return now;
     }
     if (camera.stage == Stage::UPGRADING) {
-        return now + options.upgradeS * MS_PER_S;
+        return first_poll_ms(load, camera, now);
     }
     const uint32_t sleepS = options.unspread && camera.failures > 0
                                 ? std::max(UNSPREAD_INTERVAL_S, camera.sleepS)

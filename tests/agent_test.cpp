@@ -119,10 +119,10 @@ TEST(Times, AreThoseOfTheSettingsAndTheServer) {
                                                                        : "outside");
         }
         uint32_t sleepS = 0, failures = 0, retryAfterS = 0, random = 0;
-        if (what == "first") {
+        if (what.starts_with("first")) {
             uint64_t uptimeS = 0;
             row >> sleepS >> uptimeS >> random;
-            return std::to_string(first_delay_ms(sleepS, uptimeS, random));
+            return std::to_string(first_delay_ms(sleepS, uptimeS, what == "first-idle", random));
         }
         row >> sleepS >> failures >> retryAfterS >> random;
         return std::to_string(delay_ms(sleepS, failures, retryAfterS, what == "idle", random));

@@ -29,8 +29,8 @@ def agent_number(name: str) -> int:
 
 
 FIRST_RETRY_S = agent_number("FIRST_RETRY_S")
-IDLE_RETRY_PARTS = agent_number("IDLE_RETRY_PARTS")
-IDLE_RETRY_MAX_S = agent_number("IDLE_RETRY_MAX_S")
+INTERVAL_PARTS = agent_number("INTERVAL_PARTS")
+PART_MAX_S = agent_number("PART_MAX_S")
 DOUBLINGS_MAX = agent_number("DOUBLINGS_MAX")
 DOWNLOAD_POLL_S = agent_number("POLL_INTERVAL_MS") / 1000
 STALL_S = 60  # the agent's setting stall-timeout: a request without an answer has failed
@@ -43,11 +43,15 @@ MINUTE = 60
 DAY = 86400
 
 
+def part_of_interval_s(interval: float) -> float:
+    return min(interval / INTERVAL_PARTS, PART_MAX_S)
+
+
 def delay_s(interval: float, failures: int, random: Random, is_idle: bool = True) -> float:
     """Returns the time until the agent's next poll, as the agent's delay_ms() does."""
     if failures == 0:
         return interval * (0.9 + 0.2 * random.random())
-    first = min(max(FIRST_RETRY_S, interval / IDLE_RETRY_PARTS), IDLE_RETRY_MAX_S) if is_idle else FIRST_RETRY_S
+    first = max(FIRST_RETRY_S, part_of_interval_s(interval)) if is_idle else FIRST_RETRY_S
     chosen = min(first * 2 ** min(failures - 1, DOUBLINGS_MAX), interval)
     return chosen * (0.5 + random.random())
 
@@ -68,7 +72,7 @@ class Costs:
 class Scenario:
     groups: tuple[int, ...]  # cameras of each group
     polling_s: float
-    upgrade_s: float  # from the request to the first poll of the new system
+    upgrade_s: float  # from the request until the agent of the new system runs
     instances: int = 1
     package_bytes: float = 0.0  # of the images, for each camera
     ranges: int = 0  # requests for parts of the images, at most 255, besides the requests of an action
@@ -77,7 +81,7 @@ class Scenario:
     success_percent: float = 100.0
     error_percent: float = 50.0
     failing: float = 0.0  # part of the cameras on which the image fails
-    failure_s: float = 0.0  # for these, from the request to the first poll of the old system
+    failure_s: float = 0.0  # for these, from the request until the agent of the old system runs
     window: tuple[float, float] | None = None  # seconds of the day; None: upgrades are forced
     start_of_day_s: float = 0.0  # time of day at which the rollout begins
     together: int = 1  # requests of an action that are one event, at most
@@ -362,7 +366,9 @@ class Rollout:
         camera = event.value
         self.result.upgraded += 1
         self.fails[camera] = self.scenario.failing > 0 and self.random.random() < self.scenario.failing
-        self.after(self.scenario.failure_s if self.fails[camera] else self.scenario.upgrade_s, self.send, camera)
+        seconds = self.scenario.failure_s if self.fails[camera] else self.scenario.upgrade_s
+        # Because the camera has just started, the agent delays its first poll.
+        self.after(seconds + self.random.random() * part_of_interval_s(self.scenario.polling_s), self.send, camera)
 
     def end(self, camera: int) -> None:
         self.change(active=-1)

@@ -6,14 +6,19 @@ namespace {
 
 constexpr uint32_t SLEEP_UNKNOWN_S = 300;
 constexpr uint32_t FIRST_RETRY_S = 5;
-constexpr uint32_t IDLE_RETRY_PARTS = 4;
-// Of a long interval. An outage then concerns few cameras at a time, and one whose network was not
-// up yet at its first poll must not wait for hours.
-constexpr uint32_t IDLE_RETRY_MAX_S = 75;
+// The shorter of both is "a part of the interval". With a long interval an outage concerns few
+// cameras at a time, and one whose network was not up yet at its first poll must not wait for
+// hours.
+constexpr uint32_t INTERVAL_PARTS = 4;
+constexpr uint32_t PART_MAX_S = 75;
 constexpr uint32_t DOUBLINGS_MAX = 10;
 constexpr uint32_t MS_PER_S = 1000;
 // Longer than a camera needs to start its services.
 constexpr uint64_t JUST_STARTED_S = 600;
+
+uint32_t part_of_interval_s(uint32_t sleepS) {
+    return std::min(sleepS / INTERVAL_PARTS, PART_MAX_S);
+}
 
 }  // namespace
 
@@ -25,14 +30,14 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool
         return interval * 900 + random % (interval * 200 + 1);
     }
     const uint32_t first =
-        isIdle ? std::clamp(sleepS / IDLE_RETRY_PARTS, FIRST_RETRY_S, IDLE_RETRY_MAX_S)
-               : FIRST_RETRY_S;
+        isIdle ? std::max(part_of_interval_s(sleepS), FIRST_RETRY_S) : FIRST_RETRY_S;
     const uint32_t grown = first << std::min(failures - 1, DOUBLINGS_MAX);
     const uint32_t chosen = std::min(grown, interval);
     const uint32_t delay = chosen * 500 + random % (chosen * 1000 + 1);
     return std::max(delay, retryAfterS * MS_PER_S);
 }
 
-uint32_t first_delay_ms(uint32_t sleepS, uint64_t uptimeS, uint32_t random) {
-    return uptimeS < JUST_STARTED_S ? random % (sleepS * MS_PER_S + 1) : 0;
+uint32_t first_delay_ms(uint32_t sleepS, uint64_t uptimeS, bool isIdle, uint32_t random) {
+    const uint32_t most = isIdle ? sleepS : part_of_interval_s(sleepS);
+    return uptimeS < JUST_STARTED_S ? random % (most * MS_PER_S + 1) : 0;
 }

@@ -146,13 +146,13 @@ void store_interval(const std::string& folder, uint32_t seconds, uint32_t& store
 }
 
 // After a power failure all cameras of a fleet may start in the same second, so that the first poll
-// is delayed, unless the server may wait for a result. A camera that is only switched on for a
-// short time now and then must reach the server, too: after each start without a poll the delay is
-// shorter, because half of the interval is stored. The next poll stores the whole.
+// is delayed. A camera that is only switched on for a short time now and then must reach the
+// server, too: after each start without a poll the delay is shorter, because half of the interval
+// is stored. The next poll stores the whole.
 void wait_for_first_poll(Agent& agent, uint32_t& stored) {
-    const uint32_t delay =
-        first_delay_ms(agent.polling.sleepS, seconds_since_start(), random_number());
-    if (delay == 0 || !agent_may_wait(agent)) {
+    const uint32_t delay = first_delay_ms(agent.polling.sleepS, seconds_since_start(),
+                                          agent_is_idle(agent), random_number());
+    if (delay == 0) {
         return;
     }
     write_interval(agent.settings.stateFolder, std::max(stored / 2, 1U));
@@ -183,6 +183,7 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     uint32_t interval = load_interval(settings.stateFolder);
     agent.polling.sleepS = interval;
     if (!process.slept) {
+        (void)agent_continue(agent);  // the first poll repeats and reports what fails
         wait_for_first_poll(agent, interval);
     }
     std::string reported;

@@ -383,9 +383,8 @@ void note_trial(Agent& agent) {
     agent.polling.installed = find_unreported_system(agent.settings, trial);
 }
 
-// Continues a started upgrade, then polls once and handles the answer. Sets `again` when the server
-// has to be polled again at once.
-AgentStatus poll_once(Agent& agent, bool& again) {
+// Continues a started upgrade.
+AgentStatus continue_upgrade(Agent& agent) {
     if (is_committed(agent.action)) {
         AgentStatus status = follow_upgrade(agent);
         if (!status.ok()) {
@@ -396,12 +395,9 @@ AgentStatus poll_once(Agent& agent, bool& again) {
     // on its maintenance window.
     if (has_begun(agent.action) && !is_committed(agent.action)) {
         const DdiAction begun = {.id = agent.action.id, .update = DdiHandling::FORCED, .files = {}};
-        AgentStatus status = start_upgrade(agent, begun);
-        if (!status.ok()) {
-            return status;
-        }
+        return start_upgrade(agent, begun);
     }
-    return poll_server(agent, again);
+    return {};
 }
 
 }  // namespace
@@ -440,9 +436,9 @@ bool agent_is_idle(const Agent& agent) {
            agent.polling.installed.name.empty();
 }
 
-bool agent_may_wait(Agent& agent) {
+AgentStatus agent_continue(Agent& agent) {
     note_trial(agent);
-    return agent_is_idle(agent);
+    return agent.camera.isOnTrial ? AgentStatus{} : continue_upgrade(agent);
 }
 
 AgentStatus agent_poll(Agent& agent) {
@@ -455,7 +451,10 @@ AgentStatus agent_poll(Agent& agent) {
     bool again = true;
     for (int i = 0; i < POLLS_MAX && again && status.ok(); ++i) {
         again = false;
-        status = poll_once(agent, again);
+        status = continue_upgrade(agent);
+        if (status.ok()) {
+            status = poll_server(agent, again);
+        }
     }
     return status;
 }

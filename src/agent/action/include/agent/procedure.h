@@ -14,9 +14,10 @@ AgentStatus agent_start(Agent& agent);
 // and no fallback is to be reported.
 bool agent_is_idle(const Agent& agent);
 
-// Whether the first poll may be delayed, after agent_start(): whether the agent is idle. Reads the
-// record of the trial first, and so blocks as reading the boot environment does, for at most 10 s.
-bool agent_may_wait(Agent& agent);
+// After agent_start(), so that a delayed first poll delays no upgrade: judges the restart at the
+// end of an upgrade, or continues one that was interrupted, unless a new system is on trial. Blocks
+// and returns as agent_poll(), which does the same before each poll.
+AgentStatus agent_continue(Agent& agent);
 
 // Polls once and continues the current action. Blocks as long as that takes: for a download, and
 // after a request for the upgrade, which ends with a restart of the camera. Returns AGENT_OK when
