@@ -55,6 +55,7 @@ struct Camera {
     bool attributesDue = false;  // as in the agent: after a start and after a result
     bool progressed = false;     // a file was downloaded in this wake-up
     uint32_t starts = 0;         // power failures that it has noticed
+    int64_t upgradedMs = 0;      // when its upgrade ends
     int64_t servedMs = -1;       // when the first poll after a start was answered
 };
 
@@ -286,10 +287,13 @@ class Wake {
 
 // When a camera that starts at this time polls for the first time. It ends an upgrade before.
 int64_t first_poll_ms(Load& load, Camera& camera, int64_t start) {
+    if (camera.stage == Stage::UPGRADING) {
+        start += load.options.upgradeS * MS_PER_S;
+        camera.upgradedMs = start;
+    }
     const bool isIdle = camera.stage == Stage::IDLE;
     const uint32_t wait = first_delay_ms(camera.sleepS, 0, isIdle, random_of(load, camera));
-    return start + (camera.stage == Stage::UPGRADING ? load.options.upgradeS * MS_PER_S : 0) +
-           (load.options.unspread ? 0 : wait);
+    return start + (load.options.unspread ? 0 : wait);
 }
 
 // The power returns: the camera continues its upgrade, or its agent starts.
@@ -300,6 +304,9 @@ int64_t start_ms(Load& load, Camera& camera) {
     camera.servedMs = -1;
     const int64_t start =
         load.options.powerAtS * MS_PER_S + random_of(load, camera) % START_WITHIN_MS;
+    if (camera.stage == Stage::UPGRADING && camera.upgradedMs <= start) {
+        camera.stage = Stage::RESULT;  // it waited for its first poll
+    }
     return first_poll_ms(load, camera, start);
 }
 

@@ -16,7 +16,7 @@ target_link_libraries(corvo_agent_with_cuts PRIVATE agent_parts command_line CUR
 set_target_properties(corvo_agent_with_cuts PROPERTIES OUTPUT_NAME corvo_agent
                       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/with_cuts)
 foreach(symbol rename renameat unlink unlinkat mkdir mkdirat ftruncate64 fsync fdatasync write pwrite64 msgrcv msgsnd curl_easy_perform
-               nanosleep clock_gettime)
+               nanosleep clock_gettime getrandom)
   target_link_options(corvo_agent_with_cuts PRIVATE -Wl,--wrap=${symbol})
 endforeach()
 

@@ -72,7 +72,7 @@ class Costs:
 class Scenario:
     groups: tuple[int, ...]  # cameras of each group
     polling_s: float
-    upgrade_s: float  # from the request until the agent of the new system runs
+    upgrade_s: float  # from the request until the new system runs and its trial is decided
     instances: int = 1
     package_bytes: float = 0.0  # of the images, for each camera
     ranges: int = 0  # requests for parts of the images, at most 255, besides the requests of an action
@@ -81,7 +81,7 @@ class Scenario:
     success_percent: float = 100.0
     error_percent: float = 50.0
     failing: float = 0.0  # part of the cameras on which the image fails
-    failure_s: float = 0.0  # for these, from the request until the agent of the old system runs
+    failure_s: float = 0.0  # for these, from the request until the old system runs again
     window: tuple[float, float] | None = None  # seconds of the day; None: upgrades are forced
     start_of_day_s: float = 0.0  # time of day at which the rollout begins
     together: int = 1  # requests of an action that are one event, at most

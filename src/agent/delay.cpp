@@ -37,7 +37,11 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool
     return std::max(delay, retryAfterS * MS_PER_S);
 }
 
+bool has_just_started(uint64_t uptimeS) {
+    return uptimeS < JUST_STARTED_S;
+}
+
 uint32_t first_delay_ms(uint32_t sleepS, uint64_t uptimeS, bool isIdle, uint32_t random) {
     const uint32_t most = isIdle ? sleepS : part_of_interval_s(sleepS);
-    return uptimeS < JUST_STARTED_S ? random % (most * MS_PER_S + 1) : 0;
+    return has_just_started(uptimeS) ? random % (most * MS_PER_S + 1) : 0;
 }

@@ -14,12 +14,14 @@
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool isIdle,
                   uint32_t random);
 
-// Returns the milliseconds until the first poll of an agent. If the camera was started less than
-// ten minutes ago, this is a random part of the polling interval, because the power may have
-// returned to the whole fleet. If the camera is not idle, it is a random part of a quarter of the
-// interval and at most 75 s: cameras whose upgrades were interrupted all end them at the same time,
-// and each result takes several requests. Otherwise, or when the interval is unknown, it is 0.
-// `uptimeS` is the time since the camera was started.
+// Whether the camera was started less than ten minutes ago. `uptimeS` is the time since its start.
+bool has_just_started(uint64_t uptimeS);
+
+// Returns the milliseconds until the first poll of an agent. If the camera has just started, this
+// is a random part of the polling interval, because the power may have returned to the whole fleet.
+// If the camera is not idle, it is a random part of a quarter of the interval and at most 75 s:
+// cameras whose upgrades were interrupted all end them at the same time, and each result takes
+// several requests. Otherwise, or when the interval is unknown, it is 0.
 uint32_t first_delay_ms(uint32_t sleepS, uint64_t uptimeS, bool isIdle, uint32_t random);
 
 #endif  // AGENT_DELAY_H

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <functional>
 #include <utility>
 
 #include "agent/camera_state.h"
@@ -17,7 +18,7 @@
 #include "agent/procedure.h"
 #include "agent/publish.h"
 #include "agent/stored_file.h"
-#include "base/ignore_result.h"
+#include "base/monotonic_clock.h"
 #include "cli/error_line.h"
 
 namespace {
@@ -33,10 +34,16 @@ constexpr uint32_t MS_PER_S = 1000;
 // For a shorter sleep, starting the program again is not worth the saved memory.
 constexpr uint32_t SLEEP_OUTSIDE_FROM_MS = 30000;
 
-uint32_t random_number() {
+// Returns a number that differs between cameras. Soon after a start the kernel may have no random
+// ones yet, and exactly then a whole fleet may need different ones.
+uint32_t random_number(const AgentSettings& settings) {
     uint32_t number = 0;
-    corvo::ignore_result(getrandom(&number, sizeof(number), GRND_NONBLOCK));
-    return number;
+    if (getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number)) {
+        return number;
+    }
+    const std::string differs =
+        settings.server.controllerId + ' ' + std::to_string(corvo::monotonic_ms());
+    return static_cast<uint32_t>(std::hash<std::string>()(differs));
 }
 
 // Prints an error when it begins and again when it has ended, not with every poll. `reported` is
@@ -148,11 +155,18 @@ void store_interval(const std::string& folder, uint32_t seconds, uint32_t& store
 // After a power failure all cameras of a fleet may start in the same second, so that the first poll
 // is delayed. A camera that is only switched on for a short time now and then must reach the
 // server, too: after each start without a poll the delay is shorter, because half of the interval
-// is stored. The next poll stores the whole.
+// is stored. The next poll stores the whole. What follows from the start itself is not delayed.
 void wait_for_first_poll(Agent& agent, uint32_t& stored) {
-    const uint32_t delay = first_delay_ms(agent.polling.sleepS, seconds_since_start(),
-                                          agent_is_idle(agent), random_number());
-    if (delay == 0) {
+    const uint64_t uptime = seconds_since_start();
+    if (agent.polling.sleepS == 0 || !has_just_started(uptime)) {
+        return;
+    }
+    agent.polling.isDelayed = true;
+    (void)agent_continue(agent);  // the poll repeats and reports what fails
+    agent.polling.isDelayed = false;
+    const uint32_t delay = first_delay_ms(agent.polling.sleepS, uptime, agent_is_idle(agent),
+                                          random_number(agent.settings));
+    if (delay == 0 || agent.stop) {
         return;
     }
     write_interval(agent.settings.stateFolder, std::max(stored / 2, 1U));
@@ -183,7 +197,6 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
     uint32_t interval = load_interval(settings.stateFolder);
     agent.polling.sleepS = interval;
     if (!process.slept) {
-        (void)agent_continue(agent);  // the first poll repeats and reports what fails
         wait_for_first_poll(agent, interval);
     }
     std::string reported;
@@ -198,7 +211,7 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         // connection that often fails.
         failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;
         const uint32_t delay = delay_ms(agent.polling.sleepS, failures, status.retryAfterS,
-                                        agent_is_idle(agent), random_number());
+                                        agent_is_idle(agent), random_number(settings));
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_no_volatile_state(agent, status)) {
             sleep_outside(process, delay);
         }

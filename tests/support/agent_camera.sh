@@ -3,7 +3,7 @@
 set -e
 folder=/media/mmcblk0p1/ota
 [ ! -L $folder ] || rm $folder
-rm -rf /config/agent /config/commit $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/begins /run/late /run/agent.log /run/fitness.pid
+rm -rf /config/agent /config/commit $folder/agent /run/stop /run/once /run/overtake /run/overtaken /run/begins /run/late /run/agent.log /run/fitness.pid /run/unseeded
 mkdir -p $folder
 case $1 in *full*) mount -t tmpfs -o size=1M none $folder ;; esac
 # The package folder is a link to a folder with other files.
@@ -36,6 +36,9 @@ case $1 in
         esac
         ;;
 esac
+# The camera was started long ago, even if this machine was not.
+echo 700.00 > /run/uptime
+mountpoint -q /proc/uptime || mount --bind /run/uptime /proc/uptime
 # See WITHDRAWS_LATE in agent_cuts.cpp.
 case $1 in stuck*late) touch /run/late ;; esac
 case $1 in begun) echo 999999 > /tmp/corvo_upgrade.pid ;; esac

@@ -4,12 +4,14 @@
 // manifest is removed. A request to the server counts twice: before it is sent, and when its answer
 // has arrived. Waiting takes no time: the monotonic clock advances by itself.
 #include <curl/curl.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/msg.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -45,6 +47,8 @@ constexpr int BEFORE_FILES_GO = -3;
 // and the agent waits until the test removes that.
 constexpr char WITHDRAWS_LATE[] = "/run/late";
 constexpr char WITHDRAWS[] = "/run/withdraws";
+// With this file the kernel has no random numbers yet.
+constexpr char UNSEEDED[] = "/run/unseeded";
 
 void pass(int place) {
     if (g_cut != nullptr && place == atoi(g_cut)) {
@@ -118,6 +122,15 @@ int __wrap_msgsnd(int id, const void* data, size_t size, int flags) {
     const int result = __real_msgsnd(id, data, size, flags);
     pass(AFTER_THE_REQUEST);
     return result;
+}
+
+ssize_t __real_getrandom(void* data, size_t size, unsigned flags);
+ssize_t __wrap_getrandom(void* data, size_t size, unsigned flags) {
+    if ((flags & GRND_NONBLOCK) != 0 && access(UNSEEDED, F_OK) == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return __real_getrandom(data, size, flags);
 }
 
 CURLcode __real_curl_easy_perform(CURL* handle);

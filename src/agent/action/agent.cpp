@@ -60,7 +60,8 @@ AgentStatus store(Agent& agent) {
 AgentStatus send_status(Agent& agent, DdiExecution execution, const std::string& detail,
                         uint32_t done, uint32_t of) {
     // "downloaded" is sent in any case, because the server waits for it.
-    if (agent.action.statuses >= STATUSES_MAX && execution != DdiExecution::DOWNLOADED) {
+    if (agent.polling.isDelayed ||
+        (agent.action.statuses >= STATUSES_MAX && execution != DdiExecution::DOWNLOADED)) {
         return {};
     }
     ++agent.action.statuses;
@@ -74,7 +75,7 @@ AgentStatus send_status(Agent& agent, DdiExecution execution, const std::string&
 }
 
 void wait_for(Agent& agent, const std::string& reason) {
-    if (agent.waiting.reported != reason) {
+    if (!agent.polling.isDelayed && agent.waiting.reported != reason) {
         agent.waiting.reported = reason;
         log_action(agent, "waits for " + reason);
         // The number is limited, because a reason that often changes would use up all statuses.

@@ -438,7 +438,7 @@ bool agent_is_idle(const Agent& agent) {
 
 AgentStatus agent_continue(Agent& agent) {
     note_trial(agent);
-    return agent.camera.isOnTrial ? AgentStatus{} : continue_upgrade(agent);
+    return continue_upgrade(agent);
 }
 
 AgentStatus agent_poll(Agent& agent) {

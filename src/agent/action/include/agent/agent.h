@@ -65,6 +65,7 @@ struct Polling {
     uint64_t bytesFetched = 0;  // of the last download, in bytes, when its progress was last sent
     uint64_t bytesToFetch = 0;  // by that download; 0: there was none
     DdiVersion installed = {};  // to be reported as installed; without a name: nothing is
+    bool isDelayed = false;     // nothing is sent, because the first poll is to come later
     bool attributesDue = true;  // they are sent after a start and after each result, but not after
                                 // each sleep
 };
@@ -101,13 +102,13 @@ void log_action(const std::string& id, const std::string& text);
 AgentStatus store(Agent& agent);
 
 // Sends a status of the action to the server, once. If the action has STATUSES_MAX statuses
-// already, nothing is sent and AGENT_OK is returned. Otherwise returns the result of the request;
-// AGENT_GONE means that the server no longer has the action.
+// already, or the first poll is delayed, nothing is sent and AGENT_OK is returned. Otherwise
+// returns the result of the request; AGENT_GONE means that the server no longer has the action.
 AgentStatus send_status(Agent& agent, DdiExecution execution, const std::string& detail,
                         uint32_t done = 0, uint32_t of = 0);
 
 // Sets what the update waits for, as `status` prints it. Logs it and sends it to the server if it
-// has changed.
+// has changed, unless the first poll is delayed, which does that.
 void wait_for(Agent& agent, const std::string& reason);
 
 // Logs that the update no longer waits.

@@ -14,9 +14,9 @@ AgentStatus agent_start(Agent& agent);
 // and no fallback is to be reported.
 bool agent_is_idle(const Agent& agent);
 
-// After agent_start(), so that a delayed first poll delays no upgrade: judges the restart at the
-// end of an upgrade, or continues one that was interrupted, unless a new system is on trial. Blocks
-// and returns as agent_poll(), which does the same before each poll.
+// What agent_poll() does before its first request: judges the restart at the end of an upgrade, or
+// continues one that was interrupted. Called before a delayed poll, so that this is not delayed.
+// Blocks and returns as agent_poll().
 AgentStatus agent_continue(Agent& agent);
 
 // Polls once and continues the current action. Blocks as long as that takes: for a download, and
