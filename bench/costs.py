@@ -27,8 +27,8 @@ LONG_POLL, POLL, SHORT_POLL = "00:30:00", "00:00:05", "00:00:01"
 # The server collects the times of the cameras' last polls, for 10 s unless this is set, and writes them together.
 # Here each poll is to be counted with its own row.
 FLUSH_MS = 100
-# Of both cameras between two polls, which swupdate knows only in whole seconds: what the server does meanwhile
-# is subtracted, and an error of that must be the same for both.
+# Both cameras poll at the same pace, of which swupdate knows only whole seconds: what the server does by itself is
+# subtracted, and an error of that must be the same for both.
 POLL_SECONDS = 1
 # The server's regular work on rollouts and assignments, otherwise every two seconds, takes more than a camera's polls.
 REGULAR_WORK = [f"--hawkbit.{work}.scheduler.fixedDelay=3600000" for work in ("rollout", "autoassign")]
@@ -169,7 +169,7 @@ def cpu_ms(processes: list[Path]) -> float:
         try:
             ticks = [int(field) for field in (process / "stat").read_text().rpartition(")")[2].split()[11:15]]
             own = sum(ticks[:2]) * 1000 / TICKS
-            # Those of a poll are fewer than a tick of 10 ms. The scheduler counts nanoseconds, but by threads.
+            # A poll takes less than a tick of 10 ms. The scheduler counts nanoseconds, but for each thread alone.
             if len(list((process / "task").iterdir())) == 1:
                 own = int((process / "schedstat").read_text().split()[0]) / 1e6
             total += own + sum(ticks[2:]) * 1000 / TICKS

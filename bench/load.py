@@ -28,8 +28,7 @@ from server import DIES_WITH_PARENT  # noqa: E402
 SEED = 1
 # Seconds, and the groups of a rollout. With this interval, the polls of 10,000 cameras use a quarter of what one
 # instance answers on the project's machine, and a rollout most of the rest.
-FULL = {"interval": 120, "upgrade": 10, "downs": (300, 0), "groups": 10, "warm": 15,
-        "saturated": 20}
+FULL = {"interval": 120, "upgrade": 10, "downs": (300, 0), "groups": 10, "warm": 15, "saturated": 20}
 QUICK = {"interval": 2, "upgrade": 1, "downs": (6,), "groups": 3, "warm": 3, "saturated": 3}
 PLAN = ((1000, 1, "rollout"), (10000, 1, "rollout+power+unspread"), (1000, 2, "rollout"), (10000, 2, "rollout"))
 QUICK_PLAN = ((50, 1, "rollout+power"),)

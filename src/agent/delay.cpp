@@ -6,9 +6,8 @@ namespace {
 
 constexpr uint32_t SLEEP_UNKNOWN_S = 300;
 constexpr uint32_t FIRST_RETRY_S = 5;
-// The shorter of both is "a part of the interval". With a long interval an outage concerns few
-// cameras at a time, and one whose network was not up yet at its first poll must not wait for
-// hours.
+// Of a long interval a part is at most PART_MAX_S. An outage then concerns few cameras at a time,
+// and one whose network was not up yet at its first poll must not wait for hours.
 constexpr uint32_t INTERVAL_PARTS = 4;
 constexpr uint32_t PART_MAX_S = 75;
 constexpr uint32_t DOUBLINGS_MAX = 10;
