@@ -385,17 +385,19 @@ TEST(Commit, FindsTheSlotOfTheRootDevice) {
 // the new one is read.
 TEST(Commit, RecordIsOldOrNewAtEveryPowerCut) {
     constexpr char LOG[] = "/run/storage.trace";
-    ASSERT_TRUE(std::filesystem::create_directories("/config/commit"));
-    ForgetfulStorage storage({"/config/commit/"});
+    ASSERT_TRUE(std::filesystem::create_directories("/config/state"));
+    ForgetfulStorage storage({"/config/state/"});
     std::set<char> read;
     char before = NO_SLOT;
     for (const char slot : {'A', 'B', 'A'}) {
-        const std::string command = std::string("corvo_commit --word-a x arm ") + slot;
+        // The first run creates the folder.
+        const std::string command =
+            std::string("corvo_commit --word-a x --state-folder /config/state/commit arm ") + slot;
         ASSERT_EQ(0, system((ForgetfulStorage::tracer(LOG) + PROGRAMS "/" + command).c_str()));
         const auto check = [&](const std::string& /*call*/, const std::string& /*sent*/) {
             for (const ForgetfulStorage::State& state : storage.states()) {
                 put_state(state, "/run/cut");
-                RecordFolder folder = {.path = "/run/cut/config/commit/"};
+                RecordFolder folder = {.path = "/run/cut/config/state/commit/"};
                 TrialRecord record;
                 load_record(files_of(folder), record);
                 EXPECT_TRUE(record.trial == before || record.trial == slot) << record.trial;

@@ -119,11 +119,13 @@ bool read_environment(void* /*context*/, BootEnvironment& environment) {
     return true;
 }
 
-// libubootenv separates name and value by "=", older tools of U-Boot by a space. Each of them
-// ignores or refuses the other form without storing anything, which is found out by reading. A tool
-// that was killed, because flash or processor were busy for too long, is started once more.
+// libubootenv separates name and value by "=" and ignores a space. Older tools of U-Boot need the
+// space, and take "NAME=VALUE" for the name of a variable, which they remove: after a power cut the
+// environment would select no system. So the space comes first, and reading shows whether it was
+// understood. A tool that was killed, because flash or processor were busy for too long, is started
+// once more.
 void store_environment(void* context, std::span<const BootValue> values) {
-    for (const char* separator : {"=", " "}) {
+    for (const char* separator : {" ", "="}) {
         std::string command = "printf '%s\\n'";
         for (const BootValue& value : values) {
             command +=

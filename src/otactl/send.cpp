@@ -148,7 +148,9 @@ int post(int queue, const Request& request, long messageType) {
 bool is_on_trial() {
     RecordFolder folder = {.path = COMMIT_FOLDER};
     TrialRecord record;
-    return load_record(files_of(folder), record) == RECORD_OK && record.phase != Phase::COMMITTED;
+    const RecordResult loaded = load_record(files_of(folder), record);
+    // Of a damaged record nobody knows whether it was a commit.
+    return loaded != RECORD_MISSING && (loaded != RECORD_OK || record.phase != Phase::COMMITTED);
 }
 
 int send_request(const Request& request, const SendOptions& options) {

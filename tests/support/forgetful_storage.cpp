@@ -56,6 +56,7 @@ struct ForgetfulStorage::Operation {
                 bytes = text;
             } else {
                 const bool isWhole = text.starts_with('/');
+                text.resize(text.find_last_not_of('/') + 1);
                 paths.push_back(std::string(isWhole ? "" : folder + "/").append(text));
             }
         }
@@ -166,8 +167,14 @@ void ForgetfulStorage::perform(const Operation& operation) {
 
 void ForgetfulStorage::replay(const std::string& log, const Observer& before) {
     // The tracer may still write for a moment after the program has ended.
-    EXPECT_TRUE(eventually(10000, [&log] { return read_file(log).ends_with("+++\n"); }))
-        << "the trace has no end: " << read_file(log).size() << " bytes";
+    std::string trace;
+    EXPECT_TRUE(eventually(10000,
+                           [&] {
+                               trace = read_file(log);
+                               return trace.ends_with("+++\n");
+                           }))
+        << "the trace has no end: "
+        << trace.substr(trace.size() - std::min<size_t>(trace.size(), 300));
     std::optional<Operation> pending;
     const auto finish = [&] {
         if (pending && pending->leaves()) {
