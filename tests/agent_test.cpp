@@ -125,6 +125,9 @@ TEST(Times, AreThoseOfTheSettingsAndTheServer) {
             return std::to_string(first_delay_ms(sleepS, uptimeS, what == "first-idle", random));
         }
         row >> sleepS >> failures >> retryAfterS >> random;
+        if (what == "trial") {
+            return std::to_string(trial_interval_s(sleepS));
+        }
         return std::to_string(delay_ms(sleepS, failures, retryAfterS, what == "idle", random));
     });
 }

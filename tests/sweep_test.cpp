@@ -109,7 +109,11 @@ TEST_P(PowerCut, LeavesWhatTheNextRunNeeds) {
                     record[OTA_DATA_KEY_STATE] != OTA_STATE_AUTO_FLASH_SUCCESS ||
                     record[OTA_DATA_KEY_RESULT] == OTA_RESULT_SUCCEEDED);
         EXPECT_TRUE(verdict || world.package_is_there());
-        EXPECT_TRUE(!Camera::asked("/etc/init.d/S99checkboot", 0) || World::written());
+        EXPECT_TRUE(!Camera::asked("/etc/init.d/S99checkboot", 0) ||
+                    (World::written() && record.size() == OTA_DATA_KEY_COUNT &&
+                     record[OTA_DATA_KEY_RESULT] == OTA_RESULT_SUCCEEDED &&
+                     record[OTA_DATA_KEY_STATE] ==
+                         (mode == "AutoFlash" ? OTA_STATE_AUTO_FLASH_SUCCESS : OTA_STATE_SUCCESS)));
         EXPECT_TRUE(!verdict || World::written());
         EXPECT_TRUE(World::others_untouched());
         if (!verdict) {

@@ -22,8 +22,10 @@ struct SystemCallDaemon : testing::Test {
             dup2(open("/dev/zero", O_RDONLY), STDIN_FILENO);
             dup2(STDIN_FILENO, 77);
             close(STDOUT_FILENO);
-            execl(SYSTEM_CALL_DAEMON, "system_call_daemon", "--system-limit", limitMs,
-                  "--popen-limit", popenLimitMs, nullptr);
+            // The arguments end before the limits if they are not to be set.
+            execl(SYSTEM_CALL_DAEMON, "system_call_daemon",
+                  limitMs == nullptr ? nullptr : "--system-limit", limitMs, "--popen-limit",
+                  popenLimitMs, nullptr);
             _exit(127);
         }
         ASSERT_EQ(DBUS_OK, system_call_init());
@@ -83,6 +85,25 @@ TEST_F(SystemCallDaemon, IsAloneAndEndsDespiteAHangingCommand) {
     EXPECT_TRUE(run("timeout 20 " SYSTEM_CALL_DAEMON).starts_with("1 ")) << "takes the socket away";
     EXPECT_EQ(0, access("/tmp/dbus-system.call.daemon", F_OK));
     EXPECT_EQ(DBUS_CALL_FAILED, system_call("sleep 55", 100));
+}
+
+TEST_F(SystemCallDaemon, LetsARunningCommandEndWhenItIsStopped) {
+    start("60000");
+    const std::future<int32_t> call = std::async(std::launch::async, [] {
+        return system_call(": > /tmp/begun; sleep 0.5; : > /tmp/ended", 3000);
+    });
+    ASSERT_TRUE(eventually(5000, [] { return access("/tmp/begun", F_OK) == 0; }));
+    EXPECT_EQ(0, kill(pid_, SIGTERM));
+    EXPECT_TRUE(eventually(5000, [] { return access("/tmp/ended", F_OK) == 0; }));
+}
+
+TEST_F(SystemCallDaemon, LimitsThatAreNotSetAreLongEnough) {
+    start(nullptr);
+    EXPECT_EQ(0, system_call("true", 0));
+    std::future<int32_t> slow =
+        std::async(std::launch::async, [] { return system_call("sleep 12", 20000); });
+    EXPECT_EQ("begun\n", output_of("echo begun; sleep 20"));
+    EXPECT_EQ(0, slow.get());
 }
 
 bool listens(pid_t daemon) {

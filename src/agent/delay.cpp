@@ -33,7 +33,13 @@ uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool
     const uint32_t grown = first << std::min(failures - 1, DOUBLINGS_MAX);
     const uint32_t chosen = std::min(grown, interval);
     const uint32_t delay = chosen * 500 + random % (chosen * 1000 + 1);
-    return std::max(delay, retryAfterS * MS_PER_S);
+    // All cameras may have been asked to wait until the same time.
+    const uint32_t spread = retryAfterS == 0 ? 0 : random % (interval * MS_PER_S + 1);
+    return std::max(delay, retryAfterS * MS_PER_S + spread);
+}
+
+uint32_t trial_interval_s(uint32_t sleepS) {
+    return std::max(part_of_interval_s(sleepS == 0 ? SLEEP_UNKNOWN_S : sleepS), 1U);
 }
 
 bool has_just_started(uint64_t uptimeS) {

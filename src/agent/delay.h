@@ -9,10 +9,16 @@
 // with it the time grows up to the polling interval, which is the load that the server is planned
 // for. It grows from a quarter of the interval, at most 75 s, if the camera `isIdle`: no action and
 // no report depends on the poll. Nearly all cameras of a fleet are, and the retries of a whole
-// fleet must not add up. The time is at least `retryAfterS` then. `random` is a random number that
-// spreads the polls of many cameras.
+// fleet must not add up. If the server asked for `retryAfterS` (0: it did not; at most a day), the
+// time is at least that and a random part of the interval. `random` is a random number that spreads
+// the polls of many cameras.
 uint32_t delay_ms(uint32_t sleepS, uint32_t failures, uint32_t retryAfterS, bool isIdle,
                   uint32_t random);
+
+// Returns the seconds between two polls while a new system is on trial: a quarter of the interval,
+// at least 1 s and at most 75 s. The result can be sent when the trial has ended, and all other
+// cameras of the rollout may wait for it.
+uint32_t trial_interval_s(uint32_t sleepS);
 
 // Whether the camera was started less than ten minutes ago. `uptimeS` is the time since its start.
 bool has_just_started(uint64_t uptimeS);

@@ -49,11 +49,11 @@ uint32_t random_number(const AgentSettings& settings) {
 // Prints an error when it begins and again when it has ended, not with every poll. `reported` is
 // the last error that was printed.
 void report_error(const AgentStatus& status, std::string& reported) {
-    const std::string text = status.result == AGENT_STOPPED ? "" : status.text;
-    if (text != reported) {
-        print_error(AGENT, text.empty() ? "recovered" : text);
-        reported = text;
+    if (status.result == AGENT_STOPPED || status.text == reported) {
+        return;
     }
+    print_error(AGENT, status.text.empty() ? "recovered" : status.text);
+    reported = status.text;
 }
 
 int exit_status(const AgentStatus& status, bool actionFailed) {
@@ -210,8 +210,12 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         // A download that makes progress starts the back-off again, so that it ends even on a
         // connection that often fails.
         failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;
-        const uint32_t delay = delay_ms(agent.polling.sleepS, failures, status.retryAfterS,
-                                        agent_is_idle(agent), random_number(settings));
+        // Later, an undecided trial is one that nobody may ever decide.
+        const bool isTrialShort = agent.camera.isOnTrial && has_just_started(seconds_since_start());
+        const uint32_t sleepS = status.ok() && isTrialShort ? trial_interval_s(agent.polling.sleepS)
+                                                            : agent.polling.sleepS;
+        const uint32_t delay = delay_ms(sleepS, failures, status.retryAfterS, agent_is_idle(agent),
+                                        random_number(settings));
         if (delay >= SLEEP_OUTSIDE_FROM_MS && has_no_volatile_state(agent, status)) {
             sleep_outside(process, delay);
         }

@@ -1,5 +1,7 @@
 // corvo_agent: downloads packages from an update server, passes them to the upgrade service and
 // reports the results to the server.
+#include <sys/stat.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -14,6 +16,7 @@
 namespace {
 
 constexpr uint32_t SLEEP_AFTER_ERROR_MS = 300000;
+constexpr mode_t UMASK = 022;
 
 struct Arguments {
     AgentSettings settings;
@@ -120,6 +123,8 @@ int program(int argc, char** argv, AgentProcess& process) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Files that root writes, such as a consent, are read by the agent's user.
+    umask(UMASK);
     AgentProcess process = wake_up(argv);
     const int status = run_guarded(AGENT, [&] { return program(argc, argv, process); });
     if (process.slept && status != AGENT_EXIT_OK) {

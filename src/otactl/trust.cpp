@@ -60,6 +60,7 @@ int refuse(const PackageStatus& status, bool needsSignature) {
             return OTACTL_NOT_TRUSTED;
         case PACKAGE_DIFFERENT:
         case PACKAGE_UNSUITABLE:
+        case PACKAGE_NO_PARTITION:
             return needsSignature ? OTACTL_NOT_TRUSTED : OTACTL_WRONG_USE;
         case PACKAGE_MISSING:
         case PACKAGE_MALFORMED:

@@ -20,7 +20,8 @@ PackageStatus check_partition(const OtaPackageEntry& entry, const ManifestModule
     const int64_t size = partition_size(entry, open_partition(entry));
     if (size < 0) {
         return errno == ENOENT
-                   ? unsuitable("module " + module.name + ": this camera has no such partition")
+                   ? package_fault(PACKAGE_NO_PARTITION,
+                                   "module " + module.name + ": this camera has no such partition")
                    : package_fault(PACKAGE_UNREADABLE,
                                    "module " + module.name +
                                        ": cannot get the partition's size: " + strerror(errno));

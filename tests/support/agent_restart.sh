@@ -42,5 +42,7 @@ late() { # PATH PLACE-BEFORE
         [ "$(cat /run/boot_id)" != "$boot" ] || mv -T "$2" "$1"
     } > /dev/null 2>&1 < /dev/null &
 }
-case $1 in *late-card*) late /media/mmcblk0p1/ota/agent /media/mmcblk0p1/ota/unmounted ;; esac
+# Only while partitions are half written. Otherwise the agent does not wait for the card, and does not remove the
+# package from it before its next start.
+case $1:$2 in *late-card*:1) late /media/mmcblk0p1/ota/agent /media/mmcblk0p1/ota/unmounted ;; esac
 case $1 in *late-partition*) late /dev/block/by-name/kernel /dev/block/late ;; esac

@@ -86,7 +86,9 @@ SimulatedAction make_action(const std::string& kind, const std::string& id) {
 
 World::World(const std::string& camera, const std::string& action)
     : server({.old = contains(camera, "0.3"),
-              .sleep = contains(camera, "slow") ? "01:00:00" : "00:00:02"}),
+              .sleep = contains(camera, "slow")         ? "01:00:00"
+                       : contains(camera, "every-16-s") ? "00:00:16"
+                                                        : "00:00:02"}),
       mode_(camera),
       kernel_(action == "chunked" ? CHUNKED_KERNEL : KERNEL) {
     EXPECT_EQ("0", make_packages());

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -119,7 +120,15 @@ void remove_unused_files(const Agent& agent) {
 
 bool waits_for_card(Agent& agent) {
     OpenFolder folder;
-    const AgentStatus status = open_folder(agent.package.folder, folder);
+    AgentStatus status = open_folder(agent.package.folder, folder);
+    struct stat manifest = {};
+    // The service never deletes the manifest, so this is another card. Partitions may be half
+    // written, and only the package's own card can complete them.
+    if (status.ok() && agent.action.attempts > 0 &&
+        !find_entry(folder, agent.action.manifestFile, manifest)) {
+        status = agent_fault(AGENT_NO_CARD,
+                             agent.package.folder.path + agent.action.manifestFile + " is missing");
+    }
     if (status.result != AGENT_NO_CARD) {
         return false;
     }

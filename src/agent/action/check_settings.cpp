@@ -138,8 +138,11 @@ AgentStatus check_folders(AgentSettings& settings) {
 }
 
 void name_camera(ServerSettings& server) {
+    // What Linux and systemd call a host without a name. Such cameras would all be one target.
+    constexpr std::string_view UNNAMED[] = {"(none)", "localhost"};
     char host[CONTROLLER_ID_SIZE_MAX + 1] = {};
-    if (server.controllerId.empty() && gethostname(host, sizeof(host) - 1) == 0) {
+    if (server.controllerId.empty() && gethostname(host, sizeof(host) - 1) == 0 &&
+        std::ranges::find(UNNAMED, std::string_view(host)) == std::end(UNNAMED)) {
         server.controllerId = host;
     }
 }

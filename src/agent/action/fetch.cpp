@@ -18,6 +18,7 @@
 #include "package/camera_rules.h"
 #include "package/files.h"
 #include "package/signed_manifest.h"
+#include "patience.h"
 #include "result.h"
 #include "sources.h"
 
@@ -341,11 +342,17 @@ AgentStatus fetch_manifest(Agent& agent, Fetching& fetching, const DdiAction& of
             return handle_failure(agent, fetching, status);
         }
     }
-    const PackageStatus packageStatus = read_accepted_manifest(agent, manifest);
-    if (!packageStatus.ok()) {
-        return finish_action(agent, false, packageStatus.text);
+    PackageStatus accepted;
+    if (!accept_manifest(agent, manifest, accepted)) {
+        return handle_failure(agent, fetching, agent_stopped());
     }
-    return {};
+    if (accepted.ok()) {
+        return {};
+    }
+    if (waits_for_card(agent)) {
+        return handle_failure(agent, fetching, agent_fault(AGENT_NO_CARD, accepted.text));
+    }
+    return finish_action(agent, false, accepted.text);
 }
 
 // Downloads the images, each with its file in the manifest.
@@ -387,8 +394,6 @@ AgentStatus fetch_files(Agent& agent, Fetching& fetching, const DdiAction& offer
     return store(agent);
 }
 
-}  // namespace
-
 PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest) {
     Signer signer;
     PackageStatus status =
@@ -403,6 +408,15 @@ PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest) {
     }
     std::vector<PackageStatus> objections = camera_objections(manifest, rules);
     return objections.empty() ? PackageStatus{} : std::move(objections.front());
+}
+
+}  // namespace
+
+bool accept_manifest(const Agent& agent, Manifest& manifest, PackageStatus& status) {
+    return wait_until(agent, [&] {
+        status = read_accepted_manifest(agent, manifest);
+        return is_final(status);
+    });
 }
 
 PackageStatus check_content(Agent& agent, const Manifest& manifest) {

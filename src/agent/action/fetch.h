@@ -11,8 +11,9 @@
 AgentStatus fetch_package(Agent& agent, const DdiAction& offer);
 
 // Reads the manifest in the agent's folder, verifies its signature and checks that this camera
-// accepts the package. Returns PACKAGE_OK or what is wrong.
-PackageStatus read_accepted_manifest(const Agent& agent, Manifest& manifest);
+// accepts the package. `status` becomes PACKAGE_OK or what is wrong. Waits while a partition or a
+// file is missing or unreadable. Returns as wait_until() does.
+bool accept_manifest(const Agent& agent, Manifest& manifest, PackageStatus& status);
 
 // Reads and verifies all files, except those that this process has verified already and that have
 // not been changed since. Returns PACKAGE_OK or what is wrong.

@@ -35,5 +35,6 @@ bool wait_for_card(const Agent& agent) {
 }
 
 bool is_final(const PackageStatus& status) {
-    return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING;
+    return status.result != PACKAGE_UNREADABLE && status.result != PACKAGE_MISSING &&
+           status.result != PACKAGE_NO_PARTITION;
 }

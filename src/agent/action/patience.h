@@ -26,7 +26,8 @@ bool wait_for_slot(const Agent& agent, char& slot);
 // presence proves that the package's card is mounted. Returns as wait_until() does.
 bool wait_for_card(const Agent& agent);
 
-// Whether the result is final. A file or device that is missing or unreadable may appear later.
+// Whether the result is final. A file, partition or device that is missing or unreadable may appear
+// later.
 bool is_final(const PackageStatus& status);
 
 #endif  // AGENT_PATIENCE_H

@@ -166,6 +166,9 @@ AgentStatus post(Agent& agent) {
             return {};
         }
         status = check_content(agent, manifest);
+        if (!status.ok() && waits_for_card(agent)) {
+            return {};
+        }
     }
     if (status.ok()) {
         status = make_request(agent, manifest, request);
@@ -249,12 +252,7 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
     }
     Manifest manifest;
     PackageStatus packageStatus;
-    // The package was suitable when it was downloaded. If it is not suitable now, the device node
-    // of a partition may not exist yet.
-    if (!wait_until(agent, [&] {
-            packageStatus = read_accepted_manifest(agent, manifest);
-            return is_final(packageStatus) && packageStatus.result != PACKAGE_UNSUITABLE;
-        })) {
+    if (!accept_manifest(agent, manifest, packageStatus)) {
         return agent_stopped();
     }
     if (agent.action.attempts == 0 && lacks_files(agent, manifest)) {
@@ -268,7 +266,8 @@ AgentStatus start_upgrade(Agent& agent, const DdiAction& offer) {
         packageStatus = check_content(agent, manifest);
     }
     if (!packageStatus.ok()) {
-        return finish_action(agent, false, packageStatus.text);
+        return waits_for_card(agent) ? AgentStatus{}
+                                     : finish_action(agent, false, packageStatus.text);
     }
     bool serviceRuns = upgrade_has_begun();
     const auto check = [&serviceRuns] {

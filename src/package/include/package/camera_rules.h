@@ -14,9 +14,9 @@ struct CameraRules {
     bool allowDowngrade = false;
 };
 
-// Returns every reason why this camera does not accept the package: PACKAGE_UNSUITABLE, or
-// PACKAGE_UNREADABLE for a partition whose size cannot be determined. The list is empty when the
-// camera accepts the package, that is, when all of this holds:
+// Returns every reason why this camera does not accept the package: PACKAGE_UNSUITABLE,
+// PACKAGE_NO_PARTITION, or PACKAGE_UNREADABLE for a partition whose size cannot be determined. The
+// list is empty when the camera accepts the package, that is, when all of this holds:
 // - the camera has the hardware type that the manifest names;
 // - the package's version is not lower than the running version (an equal version is accepted), or
 //   downgrades are allowed;
