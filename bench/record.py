@@ -58,7 +58,8 @@ def main() -> None:
             file.write_text(picture.draw_releases(result["releases"], "Transferred to a camera by each release, MB"))
             continue
         if "power" in result:
-            file.write_text(picture.draw_power(result["power"]))
+            if result["power"]:
+                file.write_text(picture.draw_power(result["power"]))
             continue
         file.write_text(picture.draw(
             result["stages"], f"One upgrade by stages: one module of {result['size']} MiB, "

@@ -7,5 +7,5 @@ if(CMAKE_BINARY_DIR STREQUAL "${PROJECT_SOURCE_DIR}/build/release")
            COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/support/scripts_run.sh ${PROJECT_SOURCE_DIR})
   # Skipped without SimPy or the measured figures.
   add_test(NAME Fleet.ModelOfRollouts COMMAND ${PROJECT_SOURCE_DIR}/sim/fleet/extrapolate --validate)
-  set_tests_properties(Fleet.ModelOfRollouts PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 120)
+  set_tests_properties(Fleet.ModelOfRollouts PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 600)
 endif()

@@ -1,5 +1,14 @@
 package corvo.fleet;
 
+import java.sql.Connection;
+import java.sql.PreparedStatement;
+import java.sql.SQLException;
+import java.sql.Timestamp;
+import java.util.UUID;
+import java.util.concurrent.Executors;
+import java.util.concurrent.ScheduledExecutorService;
+import java.util.concurrent.TimeUnit;
+
 import javax.sql.DataSource;
 
 import org.springframework.context.annotation.Bean;
@@ -21,8 +30,66 @@ import org.springframework.jdbc.datasource.init.ResourceDatabasePopulator;
 @Configuration
 @Profile("cluster")
 public class SharedLock {
-    /** A rollout is handled within a second; the other instance continues this long after a holder was killed. */
+    /** The other instance continues this long after a holder was killed. */
     private static final int TIME_TO_LIVE_MS = 10000;
+    private static final int RENEWAL_MS = 2000;
+
+    /**
+     * Renews the locks of this instance. To start a group of a thousand cameras takes longer than a lock lives; the other
+     * instance would then handle the same rollout at the same time, and start the next group too early.
+     */
+    static final class Renewal implements AutoCloseable {
+        private final DataSource source;
+        private final String instance;
+        private final ScheduledExecutorService timer = Executors.newSingleThreadScheduledExecutor();
+        /** Kept, because all other connections of the pool may be in use when the server is busy. */
+        private Connection connection;
+
+        Renewal(DataSource source, String instance) {
+            this.source = source;
+            this.instance = instance;
+            timer.scheduleAtFixedRate(this::renew, RENEWAL_MS, RENEWAL_MS, TimeUnit.MILLISECONDS);
+        }
+
+        private void renew() {
+            try {
+                if (connection == null) {
+                    connection = source.getConnection();
+                }
+                try (PreparedStatement update = connection.prepareStatement(
+                        "UPDATE INT_LOCK SET CREATED_DATE = ? WHERE CLIENT_ID = ?")) {
+                    update.setTimestamp(1, new Timestamp(System.currentTimeMillis()));
+                    update.setString(2, instance);
+                    update.executeUpdate();
+                }
+            } catch (SQLException failure) {
+                // The database was restarted. The next renewal takes a new connection.
+                disconnect();
+            }
+        }
+
+        private void disconnect() {
+            try (Connection old = connection) {
+                connection = null;
+            } catch (SQLException failure) {
+                // It was broken.
+            }
+        }
+
+        @Override
+        public void close() {
+            timer.shutdownNow();
+            disconnect();
+        }
+    }
+
+    private final String instance = UUID.randomUUID().toString();
+
+    @Bean
+    @DependsOn("lockTable")
+    Renewal lockRenewal(DataSource source) {
+        return new Renewal(source, instance);
+    }
 
     /** Creates the table, when the server's own tables exist. It is no error if the table exists already. */
     @Bean
@@ -44,7 +111,7 @@ public class SharedLock {
     @Bean
     @DependsOn("lockTable")
     LockRegistry lockRegistry(DataSource source) {
-        DefaultLockRepository repository = new DefaultLockRepository(source);
+        DefaultLockRepository repository = new DefaultLockRepository(source, instance);
         repository.setTimeToLive(TIME_TO_LIVE_MS);
         repository.afterPropertiesSet();
         return new JdbcLockRegistry(repository);
