@@ -11,7 +11,7 @@ JOBS = 200000
 
 
 class Middle(Random):
-    """Each random number is the middle, so that results can be computed with pencil and paper: an interval is the
+    """Each random number is the middle, so that results can be calculated manually: an interval is the
     server's, and a camera notices an offer after half of it."""
 
     def random(self) -> float:

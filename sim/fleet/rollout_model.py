@@ -255,20 +255,24 @@ class Rollout:
         env, costs, scenario = self.env, self.costs, self.scenario
         seconds = env.now - self.background_since
         self.background_since = env.now
-        polls = seconds * self.rates[0]
-        self.result.requests += polls
-        self.result.bytes += polls * costs.poll_bytes
+        requests = seconds * self.rates[0]
+        self.result.requests += requests
+        self.result.bytes += requests * costs.poll_bytes
 
         self.active += active
         self.downloading += downloading
         self.waiting += waiting
-        idle = (self.cameras - self.active) / scenario.polling_s
-        # A camera that waits for its window also requests the offer. During a download the connection is kept.
-        others = 2 * self.waiting / scenario.polling_s + self.downloading / DOWNLOAD_POLL_S
-        self.rates = (idle + others, idle * costs.poll_s + others * costs.request_s,
-                      idle * costs.poll_database_s + others * costs.request_database_s)
+        # A camera that waits for its window also requests the offer. A poll during a download needs no TLS handshake,
+        # but is counted as one with it.
+        offers = self.waiting / scenario.polling_s
+        polls = (self.cameras - self.active) / scenario.polling_s + offers + self.downloading / DOWNLOAD_POLL_S
+        self.rates = (polls + offers, polls * costs.poll_s + offers * costs.request_s,
+                      polls * costs.poll_database_s + offers * costs.request_database_s)
         self.instances.background = self.rates[1] / scenario.instances
-        largest = self.background[int(env.now // MINUTE)]
+        self.note_background()
+
+    def note_background(self) -> None:
+        largest = self.background[int(self.env.now // MINUTE)]
         for at, rate in enumerate(self.rates):
             largest[at] = max(largest[at], rate)
 
@@ -278,7 +282,10 @@ class Rollout:
 
     def ask(self, requests: int) -> float:
         """Counts requests of an action. Returns the seconds until they are answered."""
-        costs, minute = self.costs, self.minutes[int(self.env.now // MINUTE)]
+        now = int(self.env.now // MINUTE)
+        if now not in self.background:
+            self.note_background()
+        costs, minute = self.costs, self.minutes[now]
         minute[0] += requests
         minute[1] += requests * costs.request_s
         minute[2] += requests * costs.request_database_s
