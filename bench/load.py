@@ -6,6 +6,7 @@ started by scripts/bench.
 The database, the instances, nginx and the generator share the processors of this machine.
 """
 import argparse
+import contextlib
 import json
 import os
 import shutil
@@ -157,7 +158,8 @@ class Site:
         at_once = 0
         while generator.poll() is None:
             at_once = max(at_once, sum(group["status"] == "running" for group in self.management.groups(rollout)))
-            time.sleep(WATCH_SECONDS)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                generator.wait(WATCH_SECONDS)
         return at_once
 
     def roll_out(self) -> dict:

@@ -210,7 +210,7 @@ int run_agent(const AgentSettings& settings, Keyring keyring, AgentProcess& proc
         // A download that makes progress starts the back-off again, so that it ends even on a
         // connection that often fails.
         failures = status.ok() ? 0 : agent.polling.progressed ? 1 : failures + 1;
-        // Later, an undecided trial is one that nobody may ever decide.
+        // A trial that is still undecided long after the start may stay so for ever.
         const bool isTrialShort = agent.camera.isOnTrial && has_just_started(seconds_since_start());
         const uint32_t sleepS = status.ok() && isTrialShort ? trial_interval_s(agent.polling.sleepS)
                                                             : agent.polling.sleepS;
